@@ -1,0 +1,80 @@
+// The provider's tracing facility. A module registers once at load
+// (ORelTrace::Register) and each trace line is BeginTrace(trace, level, file, line)
+// followed by TraceMsg(format, ...). Use the CVTRACE macro: below the threshold it
+// costs one comparison and no formatting.
+//
+// Tracing is off by default. The host sets a threshold and destination with
+// SetTraceThreshold/SetTraceSink, or the environment does: CORVANE_TRACE=400 traces
+// level 400 and above to stderr, CORVANE_TRACE=100:/tmp/corvane.log to that file.
+#pragma once
+#include <memory>
+#include <string>
+
+#include "platform/WideString.h"
+
+// Trace levels.
+enum : int {
+  TRACE_DETAIL = 100,
+  TRACE_INFO = 400,
+  TRACE_NOTICE = 600,
+  TRACE_WARNING = 700,
+  TRACE_ERROR = 800,
+};
+
+struct TraceLine {
+  int level = 0;
+  std::string source;  // source file name without directory and extension
+  int line = 0;
+  corvane::WString text;
+};
+
+// Where trace lines go. Write may be called from any thread, one line at a time.
+class ITraceSink {
+ public:
+  virtual ~ITraceSink() = default;
+  virtual void Write(const TraceLine& line) = 0;
+};
+
+class ORelTrace {
+ public:
+  // Attaches a module (by name) to the trace facility; returns its handle. Called at
+  // module load; Unregister at unload.
+  static ORelTrace* Register(const OLECHAR* moduleName);
+  static void Unregister(ORelTrace* trace);
+
+  const corvane::WString& ModuleName() const { return moduleName_; }
+
+ private:
+  explicit ORelTrace(corvane::WString name) : moduleName_(std::move(name)) {}
+  corvane::WString moduleName_;
+};
+
+class OTraceMsg {
+ public:
+  // Starts a trace line on this thread. Returns false, and leaves nothing pending,
+  // when `level` is below the threshold: the caller then skips TraceMsg.
+  static bool BeginTrace(ORelTrace* trace, int level, const char* sourceFile, int line);
+  // Formats (wide printf) and writes the line begun on this thread.
+  static void TraceMsg(const OLECHAR* format, ...);
+};
+
+namespace corvane {
+// The module's trace handle (registered on first use, so static initialisation order
+// does not matter).
+ORelTrace* ModuleTrace();
+// Threshold: lines with level >= threshold are written. kTraceOff disables tracing.
+constexpr int kTraceOff = 0x7FFFFFFF;
+void SetTraceThreshold(int level);
+int TraceThreshold();
+// Replaces the destination; null restores the default (stderr). Returns the previous
+// sink so that a test capture can put it back.
+std::shared_ptr<ITraceSink> SetTraceSink(std::shared_ptr<ITraceSink> sink);
+// Reads CORVANE_TRACE again (done once automatically on first use).
+void ConfigureTraceFromEnvironment();
+}  // namespace corvane
+
+#define CVTRACE(level, ...)                                                           \
+  do {                                                                                \
+    if (OTraceMsg::BeginTrace(::corvane::ModuleTrace(), (level), __FILE__, __LINE__)) \
+      OTraceMsg::TraceMsg(__VA_ARGS__);                                               \
+  } while (0)

@@ -1,0 +1,80 @@
+#!/usr/bin/env python3
+"""Sums the GoogleTest cases of every preset's ctest run into one closing line.
+
+Each argument is PRESET:BUILD_DIR (or PRESET:build-failed). A ctest entry with a
+GoogleTest report counts its cases; an entry that failed without a failing case (a crash,
+a leak found at exit, a timeout) counts one more failure; an entry without a report
+counts as one case. A preset that did not build counts as one failure.
+"""
+import os
+import sys
+import xml.etree.ElementTree as ET
+
+
+def summarize(preset, build_dir):
+    passed = failed = skipped = 0
+    failures = []
+    junit = os.path.join(build_dir, "ctest-junit.xml")
+    if not os.path.exists(junit):
+        return 0, 1, 0, [f"{preset}: no ctest results"]
+    for case in ET.parse(junit).getroot().iter("testcase"):
+        name = case.get("name")
+        status = case.get("status", "")
+        ctest_failed = status not in ("run", "pass", "passed", "") or case.find("failure") is not None
+        if case.find("skipped") is not None or status in ("notrun", "disabled"):
+            skipped += 1
+            continue
+        report = os.path.join(build_dir, "gtest-results", f"{name}.xml")
+        if os.path.exists(report):
+            try:
+                root = ET.parse(report).getroot()
+            except ET.ParseError:
+                root = None
+            if root is not None:
+                total = fail = skip = 0
+                for tc in root.iter("testcase"):
+                    if tc.get("result") == "skipped" or tc.get("status") == "notrun":
+                        skip += 1
+                    elif tc.find("failure") is not None:
+                        fail += 1
+                        failures.append(f"{preset}: {name}: {tc.get('classname')}.{tc.get('name')}")
+                    else:
+                        total += 1
+                passed += total
+                failed += fail
+                skipped += skip
+                if ctest_failed and fail == 0:
+                    failed += 1
+                    failures.append(f"{preset}: {name}: the process failed after its cases (crash, leak or timeout)")
+                continue
+        if ctest_failed:
+            failed += 1
+            failures.append(f"{preset}: {name}")
+        else:
+            passed += 1
+    return passed, failed, skipped, failures
+
+
+def main(args):
+    total_p = total_f = total_s = 0
+    all_failures = []
+    for arg in args:
+        preset, _, build_dir = arg.partition(":")
+        if build_dir == "build-failed":
+            p, f, s, fl = 0, 1, 0, [f"{preset}: build failed"]
+        else:
+            p, f, s, fl = summarize(preset, build_dir)
+        print(f"{preset}: {p} passed, {f} failed, {s} skipped")
+        total_p, total_f, total_s = total_p + p, total_f + f, total_s + s
+        all_failures += fl
+    for line in all_failures:
+        print(f"FAILED {line}")
+    if total_s:
+        print(f"{total_p} passed, {total_f} failed, {total_s} skipped")
+    else:
+        print(f"{total_p} passed, {total_f} failed")
+    return 1 if total_f or not args else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))
