@@ -26,6 +26,9 @@ INT StringFromGUID2(REFGUID rguid, LPOLESTR lpsz, INT cchMax);
 
 #define COINIT_MULTITHREADED 0x0
 #define COINIT_APARTMENTTHREADED 0x2
+#define COINIT_DISABLE_OLE1DDE 0x4
+#define COINIT_SPEED_OVER_MEMORY 0x8
+#define RPC_E_CHANGED_MODE ((HRESULT)0x80010106L)
 
 namespace corvane::platform {
 // Registers an in-process class factory under a CLSID and (optionally) a ProgID; the
