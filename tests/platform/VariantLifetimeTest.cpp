@@ -1,0 +1,177 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "platform/AllocCounters.h"
+#include "platform/Platform.h"
+
+namespace {
+
+// Counts references so the tests can see exactly which calls AddRef or Release.
+struct CountedObject : IUnknown {
+  ULONG refs = 1;
+  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void** ppv) override {
+    *ppv = nullptr;
+    return E_NOINTERFACE;
+  }
+  ULONG STDMETHODCALLTYPE AddRef() override { return ++refs; }
+  ULONG STDMETHODCALLTYPE Release() override { return --refs; }
+};
+
+#ifdef _WIN32
+constexpr bool kExactCounts = false;
+#else
+constexpr bool kExactCounts = true;
+#endif
+
+int64_t LiveBstrs() {
+#ifdef _WIN32
+  return 0;  // the system's string cache makes counts inexact there
+#else
+  corvane::platform::StartAllocCounting();
+  return corvane::platform::CurrentAllocCounts().bstrs;
+#endif
+}
+
+TEST(VariantLifetime, ClearReleasesWhatTheVariantOwns) {
+  int64_t base = LiveBstrs();
+  VARIANT v;
+  VariantInit(&v);
+  EXPECT_EQ(v.vt, VT_EMPTY);
+  v.vt = VT_BSTR;
+  v.bstrVal = SysAllocString(OLESTR("owned"));
+  EXPECT_EQ(VariantClear(&v), S_OK);
+  EXPECT_EQ(v.vt, VT_EMPTY);
+  EXPECT_EQ(LiveBstrs(), base);
+
+  CountedObject obj;
+  obj.refs = 2;
+  v.vt = VT_UNKNOWN;
+  v.punkVal = &obj;
+  EXPECT_EQ(VariantClear(&v), S_OK);
+  EXPECT_EQ(obj.refs, 1u);
+  v.vt = VT_DISPATCH;
+  v.punkVal = nullptr;  // a null interface is legal and released as nothing
+  EXPECT_EQ(VariantClear(&v), S_OK);
+}
+
+TEST(VariantLifetime, ClearOfByRefLeavesThePointeeAlone) {
+  BSTR s = SysAllocString(OLESTR("caller's"));
+  int64_t base = LiveBstrs();
+  VARIANT v;
+  v.vt = VT_BYREF | VT_BSTR;
+  v.pbstrVal = &s;
+  EXPECT_EQ(VariantClear(&v), S_OK);
+  EXPECT_EQ(v.vt, VT_EMPTY);
+  EXPECT_EQ(LiveBstrs(), base);
+  EXPECT_EQ(SysStringLen(s), 8u);
+
+  CountedObject obj;
+  IUnknown* punk = &obj;
+  v.vt = VT_BYREF | VT_UNKNOWN;
+  v.ppunkVal = &punk;
+  EXPECT_EQ(VariantClear(&v), S_OK);
+  EXPECT_EQ(obj.refs, 1u);
+  SysFreeString(s);
+}
+
+TEST(VariantLifetime, InvalidTypesAreRefusedAndLeftUntouched) {
+  VARIANT v;
+  VariantInit(&v);
+  for (VARTYPE bad : {VARTYPE(15), VARTYPE(VT_BYREF | VT_EMPTY), VARTYPE(VT_BYREF | VT_NULL), VARTYPE(0x7F),
+                      VARTYPE(VT_VECTOR | VT_I4)}) {
+    v.vt = bad;
+    EXPECT_EQ(VariantClear(&v), DISP_E_BADVARTYPE) << bad;
+    EXPECT_EQ(v.vt, bad);
+  }
+  VARIANT src;
+  src.vt = 15;
+  VariantInit(&v);
+  EXPECT_EQ(VariantCopy(&v, &src), DISP_E_BADVARTYPE);
+}
+
+TEST(VariantLifetime, CopyDuplicatesStringsAndAddsReferences) {
+  int64_t base = LiveBstrs();
+  const OLECHAR text[] = {'x', 0, 'y'};
+  VARIANT src, dst;
+  src.vt = VT_BSTR;
+  src.bstrVal = SysAllocStringLen(text, 3);
+  dst.vt = VT_BSTR;
+  dst.bstrVal = SysAllocString(OLESTR("old content, released by the copy"));
+  ASSERT_EQ(VariantCopy(&dst, &src), S_OK);
+  EXPECT_EQ(dst.vt, VT_BSTR);
+  EXPECT_NE(dst.bstrVal, src.bstrVal);
+  ASSERT_EQ(SysStringLen(dst.bstrVal), 3u);
+  EXPECT_EQ(std::memcmp(dst.bstrVal, text, sizeof text), 0);
+  if (kExactCounts) {
+    EXPECT_EQ(LiveBstrs(), base + 2);
+  }
+
+  // Copying onto itself must neither free nor duplicate.
+  EXPECT_EQ(VariantCopy(&src, &src), S_OK);
+  EXPECT_EQ(SysStringLen(src.bstrVal), 3u);
+
+  CountedObject obj;
+  VARIANT u;
+  u.vt = VT_UNKNOWN;
+  u.punkVal = &obj;
+  ASSERT_EQ(VariantCopy(&dst, &u), S_OK);
+  EXPECT_EQ(obj.refs, 2u);
+  EXPECT_EQ(dst.punkVal, &obj);
+  VariantClear(&dst);
+  VariantClear(&src);
+  EXPECT_EQ(obj.refs, 1u);
+  EXPECT_EQ(LiveBstrs(), base);
+}
+
+TEST(VariantLifetime, CopyIndFollowsOneLevelOfReference) {
+  int64_t base = LiveBstrs();
+  BSTR s = SysAllocString(OLESTR("pointee"));
+  VARIANT ref, out;
+  VariantInit(&out);
+  ref.vt = VT_BYREF | VT_BSTR;
+  ref.pbstrVal = &s;
+  ASSERT_EQ(VariantCopyInd(&out, &ref), S_OK);
+  EXPECT_EQ(out.vt, VT_BSTR);
+  EXPECT_NE(out.bstrVal, s);
+  EXPECT_EQ(SysStringLen(out.bstrVal), 7u);
+  VariantClear(&out);
+
+  LONG l = -7;
+  ref.vt = VT_BYREF | VT_I4;
+  ref.plVal = &l;
+  ASSERT_EQ(VariantCopyInd(&ref, &ref), S_OK);  // in place
+  EXPECT_EQ(ref.vt, VT_I4);
+  EXPECT_EQ(ref.lVal, -7);
+
+  DECIMAL d{};
+  d.scale = 2;
+  d.sign = DECIMAL_NEG;
+  d.Lo64 = 12345;
+  ref.vt = VT_BYREF | VT_DECIMAL;
+  ref.pdecVal = &d;
+  ASSERT_EQ(VariantCopyInd(&out, &ref), S_OK);
+  EXPECT_EQ(out.vt, VT_DECIMAL);
+  EXPECT_EQ(out.decVal.scale, 2);
+  EXPECT_EQ(out.decVal.sign, DECIMAL_NEG);
+  EXPECT_EQ(out.decVal.Lo64, 12345u);
+
+  VARIANT inner;
+  inner.vt = VT_BSTR;
+  inner.bstrVal = s;
+  ref.vt = VT_BYREF | VT_VARIANT;
+  ref.pvarVal = &inner;
+  ASSERT_EQ(VariantCopyInd(&out, &ref), S_OK);
+  EXPECT_EQ(out.vt, VT_BSTR);
+  EXPECT_NE(out.bstrVal, s);
+  VariantClear(&out);
+
+  VARIANT twice;
+  twice.vt = VT_BYREF | VT_VARIANT;
+  twice.pvarVal = &ref;
+  EXPECT_EQ(VariantCopyInd(&out, &twice), E_INVALIDARG);
+  SysFreeString(s);
+  EXPECT_EQ(LiveBstrs(), base);
+}
+
+}  // namespace
