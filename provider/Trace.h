@@ -71,6 +71,23 @@ int TraceThreshold();
 std::shared_ptr<ITraceSink> SetTraceSink(std::shared_ptr<ITraceSink> sink);
 // Reads CORVANE_TRACE again (done once automatically on first use).
 void ConfigureTraceFromEnvironment();
+
+// A parsed CORVANE_TRACE value: "400" is level 400 to stderr (empty path),
+// "100:/tmp/corvane.log" level 100 to that file. False for anything else (tracing
+// then stays off).
+struct TraceSetting {
+  int level = kTraceOff;
+  std::string path;  // UTF-8; empty for stderr
+};
+bool ParseTraceSetting(const std::string& text, TraceSetting* setting);
+
+// The sinks behind the environment setting, for hosts that choose a destination
+// themselves: one line "[400] DataStore(123): text" per trace, written whole.
+std::shared_ptr<ITraceSink> MakeStderrTraceSink();
+// Null when the file cannot be opened for appending.
+std::shared_ptr<ITraceSink> MakeFileTraceSink(const std::string& utf8Path);
+// The text of one line in the stderr/file form, without the line break.
+std::string FormatTraceLine(const TraceLine& line);
 }  // namespace corvane
 
 #define CVTRACE(level, ...)                                                           \
