@@ -1,0 +1,398 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "platform/AllocCounters.h"
+#include "platform/Platform.h"
+#ifndef _WIN32
+#include "platform/posix/ComInternal.h"
+#endif
+
+using corvane::platform::AllocCounts;
+using corvane::platform::CurrentAllocCounts;
+using corvane::platform::StartAllocCounting;
+
+namespace {
+
+// Allocated by a static initialiser, before any test could start counting.
+void* g_blockFromBeforeCounting = CoTaskMemAlloc(64);
+
+AllocCounts Delta(const AllocCounts& before) {
+  AllocCounts now = CurrentAllocCounts();
+  return AllocCounts{now.comBlocks - before.comBlocks, now.bstrs - before.bstrs};
+}
+
+std::u16string GuidText(REFGUID g) {
+  OLECHAR buf[64] = {};
+  int n = StringFromGUID2(g, buf, 64);
+  return n > 0 ? std::u16string(reinterpret_cast<const char16_t*>(buf)) : std::u16string();
+}
+
+#define W(s) reinterpret_cast<LPCOLESTR>(u##s)
+
+std::string Narrow(const char16_t* s) {
+  std::string out;
+  for (; *s; ++s) out.push_back(static_cast<char>(*s));
+  return out;
+}
+
+}  // namespace
+
+// ---- The task allocator and its counters ---------------------------------------
+
+TEST(TaskAllocator, CountsOutstandingBlocksAcrossAllocReallocAndFree) {
+  StartAllocCounting();
+  const AllocCounts before = CurrentAllocCounts();
+  void* a = CoTaskMemAlloc(16);
+  void* b = CoTaskMemAlloc(0);  // a zero-byte request still gives a block to free
+  ASSERT_NE(a, nullptr);
+  ASSERT_NE(b, nullptr);
+  EXPECT_EQ(Delta(before).comBlocks, 2);
+
+  std::memset(a, 0x5A, 16);
+  void* grown = CoTaskMemRealloc(a, 1 << 20);
+  ASSERT_NE(grown, nullptr);
+  EXPECT_EQ(static_cast<unsigned char*>(grown)[15], 0x5A) << "realloc keeps the contents";
+  EXPECT_EQ(Delta(before).comBlocks, 2) << "a moved block is still one block";
+
+  void* fresh = CoTaskMemRealloc(nullptr, 8);  // realloc of null allocates
+  EXPECT_EQ(Delta(before).comBlocks, 3);
+  EXPECT_EQ(CoTaskMemRealloc(fresh, 0), nullptr);  // realloc to zero frees
+  EXPECT_EQ(Delta(before).comBlocks, 2);
+
+  CoTaskMemFree(grown);
+  CoTaskMemFree(b);
+  CoTaskMemFree(nullptr);
+  EXPECT_EQ(Delta(before).comBlocks, 0);
+  EXPECT_EQ(Delta(before).bstrs, 0);
+}
+
+TEST(TaskAllocator, ReleasingABlockFromBeforeCountingLeavesTheCountersAlone) {
+  StartAllocCounting();
+  const AllocCounts before = CurrentAllocCounts();
+  ASSERT_NE(g_blockFromBeforeCounting, nullptr);
+  CoTaskMemFree(g_blockFromBeforeCounting);
+  g_blockFromBeforeCounting = nullptr;
+  EXPECT_EQ(Delta(before).comBlocks, 0);
+}
+
+TEST(TaskAllocator, CountersStayExactUnderConcurrentUse) {
+  StartAllocCounting();
+  const AllocCounts before = CurrentAllocCounts();
+  constexpr int kThreads = 4;
+  constexpr int kRounds = 2000;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([] {
+      std::vector<void*> held;
+      for (int i = 0; i < kRounds; ++i) {
+        held.push_back(CoTaskMemAlloc(static_cast<SIZE_T>(i % 97)));
+        if (i % 3 == 0) {
+          held.back() = CoTaskMemRealloc(held.back(), 200);
+        }
+        if (held.size() > 16) {
+          CoTaskMemFree(held.front());
+          held.erase(held.begin());
+        }
+      }
+      for (void* p : held) CoTaskMemFree(p);
+    });
+  }
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(Delta(before).comBlocks, 0);
+}
+
+#ifndef _WIN32
+TEST(TaskAllocator, BstrBlocksAreCountedApartFromComBlocks) {
+  using namespace corvane::platform::detail;
+  StartAllocCounting();
+  const AllocCounts before = CurrentAllocCounts();
+  void* s = AllocBstrBlock(4 + 10 + 2);
+  void* c = CoTaskMemAlloc(10);
+  EXPECT_EQ(Delta(before).bstrs, 1);
+  EXPECT_EQ(Delta(before).comBlocks, 1);
+  FreeBstrBlock(s);
+  FreeBstrBlock(nullptr);
+  EXPECT_EQ(Delta(before).bstrs, 0);
+  EXPECT_EQ(Delta(before).comBlocks, 1);
+  CoTaskMemFree(c);
+  EXPECT_EQ(Delta(before).comBlocks, 0);
+}
+
+TEST(TaskAllocator, BlocksAreAlignedForAnyType) {
+  void* p = CoTaskMemAlloc(24);
+  void* q = CoTaskMemRealloc(CoTaskMemAlloc(3), 4096);
+  EXPECT_EQ(reinterpret_cast<uintptr_t>(p) % alignof(std::max_align_t), 0u);
+  EXPECT_EQ(reinterpret_cast<uintptr_t>(q) % alignof(std::max_align_t), 0u);
+  CoTaskMemFree(p);
+  CoTaskMemFree(q);
+}
+#endif
+
+// ---- COM initialisation and the clock -------------------------------------------
+
+TEST(ComInitialization, NestsPerThreadAndRefusesAnotherConcurrencyModel) {
+  // A fresh thread, so nothing else in the process has initialised it.
+  HRESULT first = E_FAIL, second = E_FAIL, otherModel = E_FAIL, afterUninit = E_FAIL;
+  std::thread([&] {
+    first = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+    second = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+    otherModel = CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+    CoUninitialize();
+    CoUninitialize();
+    afterUninit = CoInitialize(nullptr);  // apartment model is fine once fully uninitialised
+    if (SUCCEEDED(afterUninit)) CoUninitialize();
+  }).join();
+  EXPECT_EQ(first, S_OK);
+  EXPECT_EQ(second, S_FALSE);
+  EXPECT_EQ(otherModel, RPC_E_CHANGED_MODE);
+  EXPECT_EQ(afterUninit, S_OK);
+}
+
+TEST(ComInitialization, CoFileTimeNowReadsTheSystemClock) {
+  FILETIME before, now, after;
+  GetSystemTimeAsFileTime(&before);
+  ASSERT_EQ(CoFileTimeNow(&now), S_OK);
+  GetSystemTimeAsFileTime(&after);
+  auto ticks = [](const FILETIME& f) { return (uint64_t(f.dwHighDateTime) << 32) | f.dwLowDateTime; };
+  EXPECT_LE(ticks(before), ticks(now));
+  EXPECT_LE(ticks(now), ticks(after));
+}
+
+// ---- GUID text -----------------------------------------------------------------
+
+TEST(GuidText, WritesTheBracedUpperCaseForm) {
+  OLECHAR buf[39];
+  EXPECT_EQ(StringFromGUID2(IID_IClassFactory, buf, 39), 39);
+  EXPECT_EQ(GuidText(IID_IClassFactory), u"{00000001-0000-0000-C000-000000000046}");
+  const GUID mixed = {0xEFFACBC0, 0x538B, 0x4BC7, {0xAF, 0xE1, 0x2E, 0x90, 0x16, 0x74, 0x24, 0xC6}};
+  EXPECT_EQ(GuidText(mixed), u"{EFFACBC0-538B-4BC7-AFE1-2E90167424C6}");
+  EXPECT_EQ(StringFromGUID2(mixed, buf, 38), 0) << "no room for the terminator";
+}
+
+TEST(GuidText, ReadsTheBracedFormInEitherCase) {
+  CLSID clsid = {};
+  ASSERT_EQ(CLSIDFromString(W("{effacbc0-538b-4bc7-afe1-2e90167424c6}"), &clsid), S_OK);
+  EXPECT_EQ(GuidText(clsid), u"{EFFACBC0-538B-4BC7-AFE1-2E90167424C6}");
+  IID iid = {};
+  ASSERT_EQ(IIDFromString(W("{00000001-0000-0000-C000-000000000046}"), &iid), S_OK);
+  EXPECT_TRUE(IsEqualIID(iid, IID_IClassFactory));
+}
+
+TEST(GuidText, RefusesMalformedTextWithTheWindowsCodes) {
+  const char16_t* bad[] = {
+      u"{EFFACBC0-538B-4BC7-AFE1-2E90167424C}",    // one digit short
+      u"{EFFACBC0-538B-4BC7-AFE1-2E90167424C6",    // no closing brace
+      u"{EFFACBC0-538B-4BC7-AFE1-2E90167424C6}x",  // trailing text
+      u"{EFFACBC0-538B-4BC7-AFE1-2E90167424CG}",   // not hexadecimal
+      u"{EFFACBC0+538B-4BC7-AFE1-2E90167424C6}",   // wrong separator
+      u"{EFFACBC0-538B-4BC7-AFE12E90167424C6-}",   // separator in the wrong place
+  };
+  for (const char16_t* text : bad) {
+    CLSID clsid;
+    EXPECT_EQ(CLSIDFromString(reinterpret_cast<LPCOLESTR>(text), &clsid), CO_E_CLASSSTRING)
+        << Narrow(text);
+  }
+  IID iid;
+  EXPECT_EQ(IIDFromString(W("{EFFACBC0-538B-4BC7-AFE1-2E90167424C}"), &iid), E_INVALIDARG) << "wrong length";
+  EXPECT_EQ(IIDFromString(W("{EFFACBC0-538B-4BC7-AFE1-2E90167424CG}"), &iid), CO_E_IIDSTRING);
+  EXPECT_EQ(CLSIDFromString(W("{EFFACBC0-538B-4BC7-AFE1-2E90167424C6}"), nullptr), E_INVALIDARG);
+}
+
+TEST(GuidText, NullTextReadsAsTheNullGuid) {
+  CLSID clsid = IID_IClassFactory;
+  EXPECT_EQ(CLSIDFromString(nullptr, &clsid), S_OK);
+  EXPECT_TRUE(IsEqualCLSID(clsid, CLSID_NULL));
+  IID iid = IID_IClassFactory;
+  EXPECT_EQ(IIDFromString(nullptr, &iid), S_OK);
+  EXPECT_TRUE(IsEqualIID(iid, IID_NULL));
+}
+
+#ifndef _WIN32
+// ---- The in-process class registry ------------------------------------------------
+
+namespace {
+
+CORVANE_DEFINE_GUID(CLSID_TestWidget, 0x6B1D0F4A, 0x1C2B, 0x4E55, 0x9A, 0x10, 0x32, 0x44, 0x55, 0x66, 0x77, 0x88);
+CORVANE_DEFINE_GUID(CLSID_TestGadget, 0x6B1D0F4B, 0x1C2B, 0x4E55, 0x9A, 0x10, 0x32, 0x44, 0x55, 0x66, 0x77, 0x88);
+CORVANE_DEFINE_GUID(CLSID_NeverRegistered, 0x6B1D0F4C, 0x1C2B, 0x4E55, 0x9A, 0x10, 0x32, 0x44, 0x55, 0x66, 0x77,
+                    0x88);
+
+class Widget final : public IUnknown {
+ public:
+  explicit Widget(std::atomic<int>& live) : live_(live) { ++live_; }
+  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {
+    if (!ppv) return E_POINTER;
+    if (!IsEqualIID(riid, IID_IUnknown)) {
+      *ppv = nullptr;
+      return E_NOINTERFACE;
+    }
+    *ppv = this;
+    AddRef();
+    return S_OK;
+  }
+  ULONG STDMETHODCALLTYPE AddRef() override { return ++refs_; }
+  ULONG STDMETHODCALLTYPE Release() override {
+    ULONG n = --refs_;
+    if (n == 0) {
+      --live_;
+      delete this;
+    }
+    return n;
+  }
+
+ private:
+  std::atomic<ULONG> refs_{0};
+  std::atomic<int>& live_;
+};
+
+// A factory that refuses aggregation, as most do, and counts its own references.
+class WidgetFactory : public IClassFactory {
+ public:
+  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {
+    if (!ppv) return E_POINTER;
+    if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IClassFactory)) {
+      *ppv = static_cast<IClassFactory*>(this);
+      AddRef();
+      return S_OK;
+    }
+    *ppv = nullptr;
+    return E_NOINTERFACE;
+  }
+  ULONG STDMETHODCALLTYPE AddRef() override { return ++refs; }
+  ULONG STDMETHODCALLTYPE Release() override { return --refs; }  // lives on the test's stack
+  HRESULT STDMETHODCALLTYPE CreateInstance(IUnknown* outer, REFIID riid, void** ppv) override {
+    *ppv = nullptr;
+    if (outer) return CLASS_E_NOAGGREGATION;
+    Widget* w = new Widget(liveWidgets);
+    w->AddRef();
+    HRESULT hr = w->QueryInterface(riid, ppv);
+    w->Release();
+    return hr;
+  }
+  HRESULT STDMETHODCALLTYPE LockServer(BOOL) override { return S_OK; }
+
+  std::atomic<ULONG> refs{0};
+  std::atomic<int> liveWidgets{0};
+};
+
+using corvane::platform::RegisterClass;
+using corvane::platform::UnregisterClass;
+
+}  // namespace
+
+TEST(ClassRegistry, CreatesRegisteredClassesAndAnswersWithWindowsCodesOtherwise) {
+  WidgetFactory factory;
+  ASSERT_EQ(RegisterClass(CLSID_TestWidget, W("Corvane.TestWidget.1"), &factory), S_OK);
+  EXPECT_EQ(factory.refs, 1u) << "the registry holds one reference";
+
+  IUnknown* unk = nullptr;
+  ASSERT_EQ(CoCreateInstance(CLSID_TestWidget, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown, (void**)&unk), S_OK);
+  ASSERT_NE(unk, nullptr);
+  EXPECT_EQ(factory.liveWidgets, 1);
+  unk->Release();
+  EXPECT_EQ(factory.liveWidgets, 0);
+
+  void* out = reinterpret_cast<void*>(1);
+  EXPECT_EQ(CoCreateInstance(CLSID_NeverRegistered, nullptr, CLSCTX_ALL, IID_IUnknown, &out), REGDB_E_CLASSNOTREG);
+  EXPECT_EQ(out, nullptr) << "the out pointer is cleared on failure";
+  EXPECT_EQ(CoCreateInstance(CLSID_TestWidget, nullptr, CLSCTX_LOCAL_SERVER, IID_IUnknown, &out), REGDB_E_CLASSNOTREG)
+      << "only in-process servers exist here";
+  EXPECT_EQ(CoCreateInstance(CLSID_TestWidget, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown, nullptr), E_POINTER);
+
+  WidgetFactory outerObject;  // any IUnknown serves as an outer
+  out = reinterpret_cast<void*>(1);
+  EXPECT_EQ(CoCreateInstance(CLSID_TestWidget, &outerObject, CLSCTX_INPROC_SERVER, IID_IUnknown, &out),
+            CLASS_E_NOAGGREGATION);
+  EXPECT_EQ(out, nullptr);
+  EXPECT_EQ(CoCreateInstance(CLSID_TestWidget, nullptr, CLSCTX_INPROC_SERVER, IID_IClassFactory, &out),
+            E_NOINTERFACE);
+  EXPECT_EQ(factory.liveWidgets, 0) << "a failed QueryInterface does not leak the new object";
+
+  IClassFactory* cf = nullptr;
+  ASSERT_EQ(CoGetClassObject(CLSID_TestWidget, CLSCTX_INPROC_SERVER, nullptr, IID_IClassFactory, (void**)&cf), S_OK);
+  EXPECT_EQ(cf, &factory);
+  cf->Release();
+  EXPECT_EQ(CoGetClassObject(CLSID_TestWidget, CLSCTX_INPROC_SERVER, nullptr, IID_IClassFactory, nullptr),
+            E_INVALIDARG);
+  EXPECT_EQ(CoGetClassObject(CLSID_NeverRegistered, CLSCTX_INPROC_SERVER, nullptr, IID_IClassFactory, &out),
+            REGDB_E_CLASSNOTREG);
+
+  EXPECT_EQ(UnregisterClass(CLSID_TestWidget), S_OK);
+  EXPECT_EQ(factory.refs, 0u) << "unregistering releases the registry's reference";
+  EXPECT_EQ(CoCreateInstance(CLSID_TestWidget, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown, &out),
+            REGDB_E_CLASSNOTREG);
+  EXPECT_EQ(UnregisterClass(CLSID_TestWidget), REGDB_E_CLASSNOTREG);
+  EXPECT_EQ(RegisterClass(CLSID_TestWidget, nullptr, nullptr), E_INVALIDARG);
+}
+
+TEST(ClassRegistry, ResolvesProgIdsIgnoringCase) {
+  WidgetFactory widgets, gadgets;
+  ASSERT_EQ(RegisterClass(CLSID_TestWidget, W("Corvane.TestWidget.1"), &widgets), S_OK);
+  CLSID clsid = {};
+  EXPECT_EQ(CLSIDFromProgID(W("corvane.testwidget.1"), &clsid), S_OK);
+  EXPECT_TRUE(IsEqualCLSID(clsid, CLSID_TestWidget));
+  EXPECT_EQ(CLSIDFromString(W("CORVANE.TESTWIDGET.1"), &clsid), S_OK) << "CLSIDFromString also takes a ProgID";
+  EXPECT_TRUE(IsEqualCLSID(clsid, CLSID_TestWidget));
+
+  EXPECT_EQ(CLSIDFromProgID(W("Corvane.NoSuchThing"), &clsid), CO_E_CLASSSTRING);
+  EXPECT_EQ(CLSIDFromString(W("Corvane.NoSuchThing"), &clsid), CO_E_CLASSSTRING);
+  EXPECT_EQ(CLSIDFromProgID(W(""), &clsid), CO_E_CLASSSTRING);
+  EXPECT_EQ(CLSIDFromProgID(nullptr, &clsid), E_INVALIDARG);
+  EXPECT_EQ(CLSIDFromProgID(W("Corvane.TestWidget.1"), nullptr), E_INVALIDARG);
+
+  // Another class taking the ProgID over: the name now leads there, and dropping the
+  // first class must not take the name away from the second.
+  ASSERT_EQ(RegisterClass(CLSID_TestGadget, W("Corvane.TestWidget.1"), &gadgets), S_OK);
+  EXPECT_EQ(CLSIDFromProgID(W("Corvane.TestWidget.1"), &clsid), S_OK);
+  EXPECT_TRUE(IsEqualCLSID(clsid, CLSID_TestGadget));
+  EXPECT_EQ(UnregisterClass(CLSID_TestWidget), S_OK);
+  EXPECT_EQ(CLSIDFromProgID(W("Corvane.TestWidget.1"), &clsid), S_OK);
+  EXPECT_TRUE(IsEqualCLSID(clsid, CLSID_TestGadget));
+
+  // Registering a class again replaces its factory and releases the old one.
+  ASSERT_EQ(RegisterClass(CLSID_TestGadget, W("Corvane.TestGadget.2"), &widgets), S_OK);
+  EXPECT_EQ(gadgets.refs, 0u);
+  EXPECT_EQ(CLSIDFromProgID(W("Corvane.TestWidget.1"), &clsid), CO_E_CLASSSTRING) << "its old ProgID goes with it";
+  EXPECT_EQ(CLSIDFromProgID(W("Corvane.TestGadget.2"), &clsid), S_OK);
+  EXPECT_EQ(UnregisterClass(CLSID_TestGadget), S_OK);
+  EXPECT_EQ(widgets.refs, 0u);
+  EXPECT_EQ(CLSIDFromProgID(W("Corvane.TestGadget.2"), &clsid), CO_E_CLASSSTRING);
+}
+
+TEST(ClassRegistry, StaysConsistentWhileClassesComeAndGoOnOtherThreads) {
+  WidgetFactory factory;
+  std::atomic<bool> stop{false};
+  std::atomic<int> created{0}, notRegistered{0}, other{0};
+  std::vector<std::thread> creators;
+  for (int t = 0; t < 3; ++t) {
+    creators.emplace_back([&] {
+      while (!stop) {
+        IUnknown* unk = nullptr;
+        HRESULT hr = CoCreateInstance(CLSID_TestWidget, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown, (void**)&unk);
+        if (hr == S_OK) {
+          ++created;
+          unk->Release();
+        } else if (hr == REGDB_E_CLASSNOTREG) {
+          ++notRegistered;
+        } else {
+          ++other;
+        }
+      }
+    });
+  }
+  for (int i = 0; i < 300; ++i) {
+    ASSERT_EQ(RegisterClass(CLSID_TestWidget, W("Corvane.TestWidget.1"), &factory), S_OK);
+    std::this_thread::yield();
+    ASSERT_EQ(UnregisterClass(CLSID_TestWidget), S_OK);
+  }
+  stop = true;
+  for (auto& t : creators) t.join();
+  EXPECT_EQ(other, 0);
+  EXPECT_EQ(factory.refs, 0u) << "every reference taken by a creation was given back";
+  EXPECT_EQ(factory.liveWidgets, 0);
+  EXPECT_GT(created + notRegistered, 0);
+}
+#endif  // !_WIN32
