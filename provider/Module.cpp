@@ -4,6 +4,11 @@
 #include "provider/Module.h"
 
 #include <atomic>
+#include <string>
+
+#ifdef _WIN32
+#include <olectl.h>  // SELFREG_E_CLASS
+#endif
 
 #include "provider/Trace.h"
 

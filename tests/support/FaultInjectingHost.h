@@ -1,0 +1,121 @@
+// A test host that wraps any historian host object and misbehaves on request: it fails
+// a chosen call of a chosen operation with a chosen HRESULT, forces the page size of raw
+// reads, adds latency to every call, hides the processed or values interface, and counts
+// the continuation points that callers have not finished or released.
+#pragma once
+#include <atomic>
+#include <mutex>
+#include <set>
+#include <vector>
+
+#include "provider/HistorianInterfaces.h"
+
+namespace corvane::testing {
+
+class CFaultInjectingHost final : public IRawDataProvider, public IProcessedDataProvider, public IValuesProvider {
+ public:
+  enum class Op {
+    GetTagInfo,
+    GetTimeBounds,
+    BrowseTags,
+    GetCapabilities,
+    ReadRaw,
+    ReleaseContinuationPoint,
+    InsertValue,
+    DeleteValues,
+    UpdateValue,
+    ReadProcessed,
+    GetFilteredTagStatistics,
+    GetMostRecentValue,
+    GetGoodValues,
+    GetBadValues,
+    GetAllValues,
+    Count
+  };
+
+  // Wraps `inner` (which it holds a reference to); the new object has one reference.
+  static CFaultInjectingHost* Create(IUnknown* inner);
+
+  // Call number `n` (1-based, counted over the host's life) of `op` returns `hr` without
+  // reaching the wrapped host; n = 0 fails every call from now on. Out-pointers are
+  // nulled as a failing host would.
+  void FailCall(Op op, ULONG n, HRESULT hr);
+  // Raw reads ask the wrapped host for at most this many samples (0: as the caller asks).
+  void ForcePageSize(ULONG maxValues) { pageSize_ = maxValues; }
+  // Every call waits this long before it does anything.
+  void SetLatencyMs(unsigned ms) { latencyMs_ = ms; }
+  // QueryInterface refuses this interface (IID_IProcessedDataProvider or IID_IValuesProvider).
+  void Omit(REFIID iid);
+
+  ULONG Calls(Op op) const { return calls_[static_cast<int>(op)].load(); }
+  // Continuation points handed out (by raw slot 7 or processed slot 4) and neither
+  // exhausted nor released yet.
+  size_t OutstandingContinuationPoints() const;
+
+  // IUnknown
+  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** object) override;
+  ULONG STDMETHODCALLTYPE AddRef() override;
+  ULONG STDMETHODCALLTYPE Release() override;
+
+  // IRawDataProvider
+  HRESULT STDMETHODCALLTYPE GetTagInfo(const TagIdent* tag, VARTYPE* vartype) override;
+  HRESULT STDMETHODCALLTYPE GetTimeBounds(const TagIdent* tag, FILETIME* first, FILETIME* last) override;
+  HRESULT STDMETHODCALLTYPE BrowseTags(LPCOLESTR nameFilter, LPCOLESTR descriptionFilter, ULONG* count,
+                                       TagRecord** tags, BOOL* truncated) override;
+  HRESULT STDMETHODCALLTYPE GetCapabilities(const TagIdent* tag, DWORD* capabilities) override;
+  HRESULT STDMETHODCALLTYPE ReadRaw(const TagIdent* tag, FILETIME start, FILETIME end, ULONG maxValues,
+                                    DWORD flags, void** continuation, HistoryValueList** values) override;
+  HRESULT STDMETHODCALLTYPE ReleaseContinuationPoint(void** continuation) override;
+  HRESULT STDMETHODCALLTYPE InsertValue(const TagIdent* tag, const HistoryValue* value) override;
+  HRESULT STDMETHODCALLTYPE DeleteValues(const TagIdent* tag, FILETIME start, FILETIME end) override;
+  HRESULT STDMETHODCALLTYPE UpdateValue(const TagIdent* tag, const HistoryValue* value) override;
+
+  // IProcessedDataProvider
+  HRESULT STDMETHODCALLTYPE ReadProcessed(const TagIdent* tag, const ProcessedReadRequest* request,
+                                          ULONG aggregateCount, const AggregateId* aggregates,
+                                          ProcessedResult** results) override;
+  HRESULT STDMETHODCALLTYPE GetFilteredTagStatistics(LPCOLESTR filter1, LPCOLESTR filter2, LPCOLESTR filter3,
+                                                     FILETIME start, FILETIME end,
+                                                     const ProcessedReadRequest* request, ULONG maxNames,
+                                                     void** continuation, DWORD reserved, ULONG* nameCount,
+                                                     BSTR** names, HistoryValueList** values) override;
+
+  // IValuesProvider
+  HRESULT STDMETHODCALLTYPE GetMostRecentValue(const TagIdent* tag, HistoryValue** value) override;
+  HRESULT STDMETHODCALLTYPE GetGoodValues(const TagIdent* tag, FILETIME start, FILETIME end, ULONG count,
+                                          HistoryValueList** values) override;
+  HRESULT STDMETHODCALLTYPE GetBadValues(const TagIdent* tag, FILETIME start, FILETIME end, ULONG count,
+                                         HistoryValueList** values) override;
+  HRESULT STDMETHODCALLTYPE GetAllValues(const TagIdent* tag, FILETIME start, FILETIME end, ULONG count,
+                                         HistoryValueList** values) override;
+
+ private:
+  explicit CFaultInjectingHost(IUnknown* inner);
+  ~CFaultInjectingHost();
+  // Counts the call, waits the latency, and tells whether it must fail (and with what).
+  bool Enter(Op op, HRESULT* hr);
+  void Track(void* before, void* after);
+
+  struct Rule {
+    Op op;
+    ULONG first;       // call number
+    bool fromThereOn;  // that call and every later one
+    HRESULT hr;
+  };
+
+  std::atomic<ULONG> refs_{1};
+  IUnknown* inner_;
+  IRawDataProvider* raw_ = nullptr;
+  IProcessedDataProvider* processed_ = nullptr;
+  IValuesProvider* values_ = nullptr;
+  bool omitProcessed_ = false;
+  bool omitValues_ = false;
+  std::atomic<ULONG> pageSize_{0};
+  std::atomic<unsigned> latencyMs_{0};
+  std::atomic<ULONG> calls_[static_cast<int>(Op::Count)] = {};
+  mutable std::mutex lock_;
+  std::vector<Rule> rules_;
+  std::set<void*> outstanding_;
+};
+
+}  // namespace corvane::testing
