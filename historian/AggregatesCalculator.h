@@ -1,0 +1,131 @@
+// The arithmetic of the aggregates: given one tag's raw samples in memory (including
+// the samples just before and just after the requested range), computes each aggregate
+// over a resampling interval. CProcessedDataProvider reads the samples and packs the
+// results; the rules themselves are described in ProcessedDataProvider.h.
+#pragma once
+#include <cstddef>
+#include <vector>
+
+#include "provider/HistorianInterfaces.h"
+
+namespace corvane::historian {
+
+// Bits of the status words the aggregates produce: the data-value info type with the
+// origin of the value, and the partial flag of an interval shorter than the period.
+enum : DWORD {
+  kAggInfoDataValue = 0x00000400u,
+  kAggOriginRaw = 0x0u,
+  kAggOriginCalculated = 0x1u,
+  kAggOriginInterpolated = 0x2u,
+  kAggPartial = 0x4u,
+  kAggUncertainDataSubNormal = 0x40A40000u,
+};
+
+// One raw sample reduced to what the aggregates need. Numbers keep their exact integer
+// value where the type is an integer, so that MIN, MAX and LAST give it back unchanged.
+struct AggSample {
+  ULONGLONG time = 0;
+  union {
+    double real = 0;
+    LONGLONG integer;
+    ULONGLONG uinteger;
+  };
+  DWORD quality = 0;
+  VARTYPE vt = VT_EMPTY;
+  bool numeric = false;
+
+  double Number() const;
+};
+
+// Converts a raw value; a value that is not a number (text, empty, arrays...) gives a
+// sample with numeric == false.
+AggSample ToAggSample(const HistoryValue& value);
+// The sample's value as a VARIANT of its own type (numbers only; others give VT_EMPTY).
+void AggSampleToVariant(const AggSample& sample, VARIANT* out);
+
+struct AggregateSettings {
+  bool treatUncertainAsGood = true;
+  BYTE percentDataGood = 100;  // effective threshold, 1..100
+  BYTE percentDataBad = 100;
+  bool stepped = false;
+
+  // Thresholds of 0 (not set) or above 100 become 100; a null request gives the defaults.
+  static AggregateSettings FromRequest(const ProcessedReadRequest* request, bool stepped);
+  bool IsGood(DWORD quality) const;
+  // Severity of a result from the share of good input: good, bad or uncertain.
+  DWORD ThresholdStatus(ULONGLONG good, ULONGLONG total) const;
+};
+
+// The intervals of a request: `count` intervals of `step` from `start`, the last one
+// cut at `end`. E_INVALIDARG when end is before start, for a period that is not a
+// number or rounds to less than 100 ns, and beyond kMaxIntervals.
+struct IntervalPlan {
+  ULONGLONG start = 0;
+  ULONGLONG end = 0;
+  ULONGLONG step = 0;
+  size_t count = 0;
+
+  static constexpr size_t kMaxIntervals = 1000000;
+  static HRESULT Make(ULONGLONG start, ULONGLONG end, double periodMs, IntervalPlan* plan);
+  ULONGLONG IntervalStart(size_t k) const { return start + step * k; }
+  ULONGLONG IntervalEnd(size_t k) const;
+  bool IsPartial(size_t k) const { return IntervalEnd(k) - IntervalStart(k) < step; }
+  // Index of the interval holding time t (t in [start, end)).
+  size_t IndexOf(ULONGLONG t) const { return static_cast<size_t>((t - start) / step); }
+};
+
+// Running MIN, MAX, AVG and COUNT over raw samples fed in time order: shared by the
+// interval aggregates and the filtered tag statistics so both judge samples alike.
+class CRawAccumulator {
+ public:
+  explicit CRawAccumulator(const AggregateSettings& settings) : settings_(settings) {}
+  void Add(const AggSample& sample);
+  // Writes MIN, MAX, AVG, DELTA, RANGE or COUNT of what was added (E_INVALIDARG for
+  // other ids). `ts` stamps everything but MIN and MAX; `extraBits` is ORed into every
+  // status except BadNoData.
+  HRESULT Result(AggregateId id, ULONGLONG ts, DWORD extraBits, HistoryValue* out) const;
+
+  ULONGLONG total = 0;   // samples seen
+  ULONGLONG good = 0;    // good samples of any type
+  ULONGLONG usable = 0;  // good numeric samples
+  double sum = 0;
+  AggSample min, max, first, last;  // among usable samples; first extreme wins ties
+
+ private:
+  AggregateSettings settings_;
+};
+
+class CAggregatesCalculator {
+ public:
+  // `samples` must be ordered by time.
+  CAggregatesCalculator(std::vector<AggSample> samples, const AggregateSettings& settings);
+
+  // Computes one aggregate over [ts, te) into *out (whose value is VT_EMPTY on entry).
+  // `lastValue`, when not null, is the raw value of the interval's last sample, used by
+  // LAST so that texts and exotic types come back as they were.
+  HRESULT Compute(AggregateId id, ULONGLONG ts, ULONGLONG te, bool partial, const VARIANT* lastValue,
+                  HistoryValue* out) const;
+
+  const std::vector<AggSample>& Samples() const { return samples_; }
+
+ private:
+  static constexpr size_t kNone = static_cast<size_t>(-1);
+  bool Usable(size_t i) const { return samples_[i].numeric && settings_.IsGood(samples_[i].quality); }
+  size_t FirstAtOrAfter(ULONGLONG t) const;
+  size_t LastAtOrBefore(ULONGLONG t) const;  // kNone when none
+  double ValueAt(size_t from, size_t to, ULONGLONG t) const;
+  // Area under the interpolated line through usable samples over [x, y), in value x
+  // 100 ns, and the part of [x, y) that the line covers.
+  void Integrate(ULONGLONG x, ULONGLONG y, double* area, ULONGLONG* covered) const;
+  // Calls f(sampleIndex or kNone, from, to) for each stretch of [ts, te) that one sample
+  // (the last at or before it) governs.
+  template <class F>
+  void ForEachRegion(ULONGLONG ts, ULONGLONG te, F&& f) const;
+
+  std::vector<AggSample> samples_;
+  AggregateSettings settings_;
+  std::vector<size_t> prevUsable_;  // last usable index <= i, or kNone
+  std::vector<size_t> nextUsable_;  // first usable index >= i, or size(); size()+1 entries
+};
+
+}  // namespace corvane::historian
