@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "platform/Platform.h"
+#include "platform/WideString.h"
 #include "provider/Module.h"
 
 #ifndef _WIN32
