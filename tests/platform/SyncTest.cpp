@@ -1,0 +1,163 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+#include <vector>
+
+#include "platform/Sync.h"
+
+using corvane::platform::CriticalSection;
+using corvane::platform::CriticalSectionLock;
+using corvane::platform::Event;
+using corvane::platform::WorkerThread;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+int64_t MsSince(Clock::time_point start) {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
+}
+}  // namespace
+
+TEST(Events, ManualResetStaysSignalledUntilReset) {
+  Event e(Event::Mode::ManualReset);
+  EXPECT_FALSE(e.Wait(0));
+  e.Set();
+  EXPECT_TRUE(e.Wait(0));
+  EXPECT_TRUE(e.Wait(0)) << "a manual-reset event is not consumed by a wait";
+  EXPECT_TRUE(e.IsSet());
+  e.Reset();
+  EXPECT_FALSE(e.IsSet());
+  EXPECT_FALSE(e.Wait(0));
+  Event initially(Event::Mode::ManualReset, true);
+  EXPECT_TRUE(initially.Wait(0));
+}
+
+TEST(Events, AutoResetReleasesExactlyOneWaiterPerSet) {
+  Event e(Event::Mode::AutoReset, true);
+  EXPECT_TRUE(e.Wait(0));
+  EXPECT_FALSE(e.Wait(0)) << "the first wait consumed the signal";
+
+  std::atomic<int> woken{0};
+  std::vector<std::thread> waiters;
+  for (int i = 0; i < 3; ++i) waiters.emplace_back([&] { woken += e.Wait(2000) ? 1 : 0; });
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  e.Set();
+  std::this_thread::sleep_for(std::chrono::milliseconds(150));
+  EXPECT_EQ(woken, 1);
+  // A Set on an event that is still set does nothing, so each one waits to be taken.
+  for (int expected = 2; expected <= 3; ++expected) {
+    e.Set();
+    const auto start = Clock::now();
+    while (woken < expected && MsSince(start) < 2000) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_EQ(woken, expected);
+  }
+  for (auto& t : waiters) t.join();
+  EXPECT_FALSE(e.IsSet());
+}
+
+TEST(Events, WaitTimesOutAfterRoughlyTheTimeout) {
+  Event e(Event::Mode::ManualReset);
+  const auto start = Clock::now();
+  EXPECT_FALSE(e.Wait(80));
+  const int64_t ms = MsSince(start);
+  EXPECT_GE(ms, 75);
+  EXPECT_LT(ms, 2000);
+}
+
+TEST(Events, WaitWakesAsSoonAsAnotherThreadSets) {
+  Event e(Event::Mode::AutoReset);
+  const auto start = Clock::now();
+  std::thread setter([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    e.Set();
+  });
+  EXPECT_TRUE(e.Wait(corvane::platform::kInfinite));
+  EXPECT_LT(MsSince(start), 1500);
+  setter.join();
+}
+
+TEST(Events, WaitEitherLetsTheFirstEventWin) {
+  Event stop(Event::Mode::ManualReset), work(Event::Mode::AutoReset);
+  EXPECT_EQ(Event::WaitEither(stop, work, 0), -1);
+  work.Set();
+  stop.Set();
+  EXPECT_EQ(Event::WaitEither(stop, work, 0), 0) << "both set: the first wins";
+  EXPECT_TRUE(work.IsSet()) << "the losing auto-reset event keeps its signal";
+  stop.Reset();
+  EXPECT_EQ(Event::WaitEither(stop, work, 0), 1);
+  EXPECT_FALSE(work.IsSet()) << "the winning auto-reset event is consumed";
+
+  const auto start = Clock::now();
+  EXPECT_EQ(Event::WaitEither(stop, work, 60), -1);
+  EXPECT_GE(MsSince(start), 55);
+
+  std::thread setter([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    work.Set();
+  });
+  EXPECT_EQ(Event::WaitEither(stop, work, 5000), 1);
+  setter.join();
+}
+
+TEST(Events, AWaitOnTheSameEventTwiceBehavesAsOneWait) {
+  Event e(Event::Mode::AutoReset, true);
+  EXPECT_EQ(Event::WaitEither(e, e, 0), 0);
+  EXPECT_EQ(Event::WaitEither(e, e, 0), -1);
+}
+
+TEST(Locks, CriticalSectionIsReentrantAndExcludesOtherThreads) {
+  CriticalSection cs;
+  CriticalSectionLock outer(cs);
+  {
+    CriticalSectionLock inner(cs);  // would deadlock if not recursive
+    bool otherGotIt = true;
+    std::thread([&] { otherGotIt = cs.TryEnter(); }).join();
+    EXPECT_FALSE(otherGotIt);
+  }
+  bool stillHeld = true;
+  std::thread([&] { stillHeld = !cs.TryEnter(); }).join();
+  EXPECT_TRUE(stillHeld) << "one Leave of two Enters keeps the lock";
+}
+
+TEST(Workers, RunTheBodyOnAnotherThreadAndJoin) {
+  WorkerThread worker;
+  std::atomic<bool> ranOnWorker{false};
+  Event release(Event::Mode::ManualReset);
+  ASSERT_TRUE(worker.Start([&] {
+    ranOnWorker = worker.IsCurrentThread();
+    release.Wait(5000);
+  }));
+  EXPECT_TRUE(worker.Joinable());
+  EXPECT_FALSE(worker.IsCurrentThread());
+  EXPECT_FALSE(worker.Start([] {})) << "one body at a time";
+  release.Set();
+  worker.Join();
+  EXPECT_TRUE(ranOnWorker);
+  EXPECT_FALSE(worker.Joinable());
+  std::atomic<bool> second{false};
+  ASSERT_TRUE(worker.Start([&] { second = true; }, false)) << "a joined worker can start again";
+  worker.Join();
+  EXPECT_TRUE(second);
+}
+
+TEST(Workers, DestructorWaitsForTheBody) {
+  std::atomic<bool> finished{false};
+  {
+    WorkerThread worker;
+    ASSERT_TRUE(worker.Start([&] {
+      std::this_thread::sleep_for(std::chrono::milliseconds(40));
+      finished = true;
+    }));
+  }
+  EXPECT_TRUE(finished);
+}
+
+TEST(HighResolutionCounter, AdvancesInTicksOfItsFrequency) {
+  const int64_t freq = corvane::platform::PerformanceFrequency();
+  ASSERT_GT(freq, 0);
+  const int64_t a = corvane::platform::PerformanceCounter();
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  const int64_t b = corvane::platform::PerformanceCounter();
+  EXPECT_GE((b - a) * 1000 / freq, 15);
+}

@@ -1,0 +1,271 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <random>
+#include <string>
+#include <thread>
+
+#include "platform/Platform.h"
+
+namespace {
+
+uint64_t Ticks(const FILETIME& ft) { return (uint64_t(ft.dwHighDateTime) << 32) | ft.dwLowDateTime; }
+FILETIME Ft(uint64_t ticks) { return FILETIME{DWORD(ticks & 0xFFFFFFFFu), DWORD(ticks >> 32)}; }
+
+SYSTEMTIME St(WORD y, WORD mo, WORD d, WORD h = 0, WORD mi = 0, WORD s = 0, WORD ms = 0) {
+  SYSTEMTIME st{};
+  st.wYear = y;
+  st.wMonth = mo;
+  st.wDay = d;
+  st.wHour = h;
+  st.wMinute = mi;
+  st.wSecond = s;
+  st.wMilliseconds = ms;
+  return st;
+}
+
+std::string Text(const SYSTEMTIME& st) {
+  char buf[64];
+  std::snprintf(buf, sizeof buf, "%04u-%02u-%02u %02u:%02u:%02u.%03u/%u", st.wYear, st.wMonth, st.wDay, st.wHour,
+                st.wMinute, st.wSecond, st.wMilliseconds, st.wDayOfWeek);
+  return buf;
+}
+
+constexpr uint64_t kTicksPerSecond = 10000000ull;
+
+}  // namespace
+
+// ---- FILETIME <-> SYSTEMTIME ------------------------------------------------------
+
+TEST(FileTimeCalendar, KnownInstantsConvertBothWays) {
+  struct Case {
+    uint64_t ticks;
+    const char* text;  // with the day of week after the slash (Sunday = 0)
+  } cases[] = {
+      {0, "1601-01-01 00:00:00.000/1"},
+      {116444736000000000ull, "1970-01-01 00:00:00.000/4"},
+      {125911584000000000ull, "2000-01-01 00:00:00.000/6"},
+      {125963012967890000ull, "2000-02-29 12:34:56.789/2"},  // leap day of a century leap year
+      {133801631999990000ull, "2024-12-31 23:59:59.999/2"},
+      {94354848000000000ull, "1900-01-01 00:00:00.000/1"},
+  };
+  for (const auto& c : cases) {
+    SYSTEMTIME st{};
+    FILETIME ft = Ft(c.ticks);
+    ASSERT_TRUE(FileTimeToSystemTime(&ft, &st)) << c.text;
+    EXPECT_EQ(Text(st), c.text);
+    FILETIME back{};
+    ASSERT_TRUE(SystemTimeToFileTime(&st, &back)) << c.text;
+    EXPECT_EQ(Ticks(back), c.ticks) << c.text;
+  }
+}
+
+TEST(FileTimeCalendar, SubMillisecondTicksAreTruncated) {
+  FILETIME ft = Ft(116444736000000000ull + 9999);  // 0.9999 ms after the epoch
+  SYSTEMTIME st{};
+  ASSERT_TRUE(FileTimeToSystemTime(&ft, &st));
+  EXPECT_EQ(st.wMilliseconds, 0);
+  ft = Ft(116444736000000000ull + 10000);
+  ASSERT_TRUE(FileTimeToSystemTime(&ft, &st));
+  EXPECT_EQ(st.wMilliseconds, 1);
+}
+
+TEST(FileTimeCalendar, RangeEndsAtTheLargestSignedValue) {
+  FILETIME last = Ft(0x7FFFFFFFFFFFFFFFull);
+  SYSTEMTIME st{};
+  ASSERT_TRUE(FileTimeToSystemTime(&last, &st));
+  EXPECT_EQ(Text(st), "30828-09-14 02:48:05.477/4");
+  FILETIME beyond = Ft(0x8000000000000000ull);
+  EXPECT_FALSE(FileTimeToSystemTime(&beyond, &st));
+
+  // SYSTEMTIME -> FILETIME accepts only whole years up to 30827.
+  SYSTEMTIME endOf30827 = St(30827, 12, 31, 23, 59, 59, 999);
+  FILETIME ft{};
+  ASSERT_TRUE(SystemTimeToFileTime(&endOf30827, &ft));
+  ASSERT_TRUE(FileTimeToSystemTime(&ft, &st));
+  EXPECT_EQ(Text(st), "30827-12-31 23:59:59.999/5");
+#ifndef _WIN32
+  // Wine, which runs the Windows build, converts any year whose instant still fits.
+  SYSTEMTIME in30828 = St(30828, 1, 1);
+  EXPECT_FALSE(SystemTimeToFileTime(&in30828, &ft));
+#endif
+}
+
+TEST(FileTimeCalendar, InvalidFieldsAreRefused) {
+  const SYSTEMTIME bad[] = {
+    St(1600, 12, 31, 23, 59, 59, 999), St(2021, 0, 1), St(2021, 13, 1), St(2021, 1, 0), St(2021, 1, 32),
+    St(2021, 4, 31), St(2021, 1, 1, 24), St(2021, 1, 1, 0, 60), St(2021, 1, 1, 0, 0, 60),
+    St(2021, 1, 1, 0, 0, 0, 1000),
+#ifndef _WIN32
+    // Wine takes 29 February in every year (its February is always the leap one).
+    St(2021, 2, 29), St(1900, 2, 29), St(2100, 2, 29),
+#endif
+  };
+  for (const SYSTEMTIME& st : bad) {
+    FILETIME ft{0x12345678, 0x9ABC};
+    EXPECT_FALSE(SystemTimeToFileTime(&st, &ft)) << Text(st);
+  }
+  const SYSTEMTIME good[] = {St(1601, 1, 1), St(2000, 2, 29), St(2024, 2, 29), St(1600 + 400, 12, 31, 23, 59, 59, 999)};
+  for (SYSTEMTIME st : good) {
+    st.wDayOfWeek = 6;  // ignored on input
+    FILETIME ft{};
+    EXPECT_TRUE(SystemTimeToFileTime(&st, &ft)) << Text(st);
+  }
+}
+
+TEST(FileTimeCalendar, RandomInstantsRoundTripToTheMillisecond) {
+  std::mt19937_64 rng(20240229);
+  std::uniform_int_distribution<uint64_t> any(0, 0x7FFFFFFFFFFFFFFFull);
+  for (int i = 0; i < 20000; ++i) {
+    const uint64_t ticks = any(rng);
+    FILETIME ft = Ft(ticks), back{};
+    SYSTEMTIME st{};
+    ASSERT_TRUE(FileTimeToSystemTime(&ft, &st)) << ticks;
+    if (st.wYear > 30827) continue;  // representable one way only
+    ASSERT_TRUE(SystemTimeToFileTime(&st, &back)) << Text(st);
+    ASSERT_EQ(Ticks(back), ticks - ticks % 10000) << Text(st);
+  }
+}
+
+// ---- The clock --------------------------------------------------------------------
+
+TEST(SystemClock, AgreesWithTheCRuntimeAndMovesForward) {
+  FILETIME ft{};
+  GetSystemTimeAsFileTime(&ft);
+  const int64_t unixSeconds = static_cast<int64_t>(Ticks(ft) / kTicksPerSecond) - 11644473600ll;
+  EXPECT_LE(std::llabs(unixSeconds - static_cast<int64_t>(std::time(nullptr))), 2);
+
+  LARGE_INTEGER freq{}, a{}, b{};
+  ASSERT_TRUE(QueryPerformanceFrequency(&freq));
+  ASSERT_GT(freq.QuadPart, 0);
+  ASSERT_TRUE(QueryPerformanceCounter(&a));
+  const ULONGLONG tick0 = GetTickCount64();
+  Sleep(30);
+  ASSERT_TRUE(QueryPerformanceCounter(&b));
+  const double elapsedMs = double(b.QuadPart - a.QuadPart) * 1000.0 / double(freq.QuadPart);
+  EXPECT_GE(elapsedMs, 25.0);
+  EXPECT_LT(elapsedMs, 5000.0);
+  EXPECT_GE(GetTickCount64() - tick0, 15u);  // the tick count may be coarse
+}
+
+TEST(SystemClock, ThreadIdsDifferBetweenThreads) {
+  const DWORD mine = GetCurrentThreadId();
+  DWORD other = mine;
+  std::thread([&] { other = GetCurrentThreadId(); }).join();
+  EXPECT_NE(mine, other);
+  EXPECT_NE(GetCurrentProcessId(), 0u);
+}
+
+// ---- Local time -------------------------------------------------------------------
+
+#ifndef _WIN32
+namespace {
+// Sets TZ for the test and restores the previous zone afterwards.
+class ZoneOverride {
+ public:
+  explicit ZoneOverride(const char* zone) {
+    const char* old = std::getenv("TZ");
+    hadOld_ = old != nullptr;
+    if (hadOld_) old_ = old;
+    setenv("TZ", zone, 1);
+    tzset();
+  }
+  ~ZoneOverride() {
+    if (hadOld_)
+      setenv("TZ", old_.c_str(), 1);
+    else
+      unsetenv("TZ");
+    tzset();
+  }
+
+ private:
+  bool hadOld_ = false;
+  std::string old_;
+};
+
+bool ZoneInstalled(const char* name) {
+  std::FILE* f = std::fopen((std::string("/usr/share/zoneinfo/") + name).c_str(), "rb");
+  if (!f) return false;
+  std::fclose(f);
+  return true;
+}
+
+// UTC minus local time now, in 100 ns ticks, as the C library sees it.
+int64_t CurrentBiasTicks() {
+  time_t now = time(nullptr);
+  tm local{};
+  localtime_r(&now, &local);
+  return -int64_t(local.tm_gmtoff) * int64_t(kTicksPerSecond);
+}
+}  // namespace
+
+TEST(LocalTime, ConversionsApplyTheBiasInForceNowWhateverTheDate) {
+  if (!ZoneInstalled("Europe/Berlin")) GTEST_SKIP() << "zone data not installed";
+  ZoneOverride zone("Europe/Berlin");
+  const int64_t bias = CurrentBiasTicks();
+  ASSERT_TRUE(bias == -3600 * int64_t(kTicksPerSecond) || bias == -7200 * int64_t(kTicksPerSecond));
+
+  SYSTEMTIME winter = St(2023, 1, 15, 12), summer = St(2023, 7, 15, 12);
+  for (const SYSTEMTIME& st : {winter, summer}) {
+    FILETIME utc{}, local{}, back{};
+    ASSERT_TRUE(SystemTimeToFileTime(&st, &utc));
+    ASSERT_TRUE(FileTimeToLocalFileTime(&utc, &local));
+    EXPECT_EQ(int64_t(Ticks(local)) - int64_t(Ticks(utc)), -bias) << Text(st) << ": same shift in winter and summer";
+    ASSERT_TRUE(LocalFileTimeToFileTime(&local, &back));
+    EXPECT_EQ(Ticks(back), Ticks(utc));
+  }
+
+  SYSTEMTIME utcNow{}, localNow{};
+  GetSystemTime(&utcNow);
+  GetLocalTime(&localNow);
+  FILETIME a{}, b{};
+  ASSERT_TRUE(SystemTimeToFileTime(&utcNow, &a));
+  ASSERT_TRUE(SystemTimeToFileTime(&localNow, &b));
+  EXPECT_NEAR(double(int64_t(Ticks(b)) - int64_t(Ticks(a))), double(-bias), 2.0 * kTicksPerSecond);
+}
+
+TEST(LocalTime, UtcZoneIsTheIdentity) {
+  ZoneOverride zone("UTC0");
+  FILETIME utc = Ft(133801631999990000ull), local{};
+  ASSERT_TRUE(FileTimeToLocalFileTime(&utc, &local));
+  EXPECT_EQ(Ticks(local), Ticks(utc));
+  TIME_ZONE_INFORMATION tzi{};
+  EXPECT_EQ(GetTimeZoneInformation(&tzi), DWORD(TIME_ZONE_ID_UNKNOWN));
+  EXPECT_EQ(tzi.Bias, 0);
+  EXPECT_EQ(tzi.DaylightDate.wMonth, 0) << "no transition rule without daylight time";
+}
+
+TEST(LocalTime, ZoneInformationDescribesTheYearlyRules) {
+  struct Zone {
+    const char* name;
+    LONG bias;
+    const char* daylightRule;  // month/occurrence/weekday hh:mm, occurrence 5 = last
+    const char* standardRule;
+  } zones[] = {
+      {"Europe/Berlin", -60, "3/5/0 02:00", "10/5/0 03:00"},
+      {"America/New_York", 300, "3/2/0 02:00", "11/1/0 02:00"},
+      {"Australia/Sydney", -600, "10/1/0 02:00", "4/1/0 03:00"},
+  };
+  auto rule = [](const SYSTEMTIME& r) {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%u/%u/%u %02u:%02u", r.wMonth, r.wDay, r.wDayOfWeek, r.wHour, r.wMinute);
+    return std::string(buf);
+  };
+  for (const Zone& z : zones) {
+    if (!ZoneInstalled(z.name)) continue;
+    ZoneOverride zone(z.name);
+    TIME_ZONE_INFORMATION tzi{};
+    const DWORD id = GetTimeZoneInformation(&tzi);
+    EXPECT_TRUE(id == TIME_ZONE_ID_STANDARD || id == TIME_ZONE_ID_DAYLIGHT) << z.name;
+    EXPECT_EQ(id == TIME_ZONE_ID_DAYLIGHT ? tzi.Bias + tzi.DaylightBias : tzi.Bias, CurrentBiasTicks() / 600000000)
+        << z.name << ": the id says which bias is in force now";
+    EXPECT_EQ(tzi.Bias, z.bias) << z.name;
+    EXPECT_EQ(tzi.StandardBias, 0) << z.name;
+    EXPECT_EQ(tzi.DaylightBias, -60) << z.name;
+    EXPECT_EQ(rule(tzi.DaylightDate), z.daylightRule) << z.name;
+    EXPECT_EQ(rule(tzi.StandardDate), z.standardRule) << z.name;
+    EXPECT_EQ(tzi.DaylightDate.wYear, 0) << "a yearly rule, not a date";
+  }
+}
+#endif  // !_WIN32
