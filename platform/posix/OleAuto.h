@@ -4,6 +4,8 @@
 #ifndef _WIN32
 #include "Types.h"
 
+// Signatures follow the mingw-w64 SDK that builds the Windows target (sources pointers
+// are not const there), so code that compiles here compiles there too.
 extern "C" {
 // BSTR: a 4-byte byte-length prefix, then UTF-16 text, then a 16-bit terminator.
 BSTR SysAllocString(const OLECHAR* psz);
@@ -17,23 +19,23 @@ UINT SysStringByteLen(BSTR bstr);
 
 void VariantInit(VARIANTARG* pvarg);
 HRESULT VariantClear(VARIANTARG* pvarg);
-HRESULT VariantCopy(VARIANTARG* pvargDest, const VARIANTARG* pvargSrc);
-HRESULT VariantCopyInd(VARIANT* pvarDest, const VARIANTARG* pvargSrc);
-HRESULT VariantChangeType(VARIANTARG* pvargDest, const VARIANTARG* pvarSrc, USHORT wFlags, VARTYPE vt);
-HRESULT VariantChangeTypeEx(VARIANTARG* pvargDest, const VARIANTARG* pvarSrc, LCID lcid, USHORT wFlags,
+HRESULT VariantCopy(VARIANTARG* pvargDest, VARIANTARG* pvargSrc);
+HRESULT VariantCopyInd(VARIANT* pvarDest, VARIANTARG* pvargSrc);
+HRESULT VariantChangeType(VARIANTARG* pvargDest, VARIANTARG* pvarSrc, USHORT wFlags, VARTYPE vt);
+HRESULT VariantChangeTypeEx(VARIANTARG* pvargDest, VARIANTARG* pvarSrc, LCID lcid, USHORT wFlags,
                             VARTYPE vt);
 
 // Date/number/text conversions (DATE: days since 1899-12-30, fraction = time of day).
 INT SystemTimeToVariantTime(LPSYSTEMTIME lpSystemTime, DOUBLE* pvtime);
 INT VariantTimeToSystemTime(DOUBLE vtime, LPSYSTEMTIME lpSystemTime);
-HRESULT VarDateFromStr(const OLECHAR* strIn, LCID lcid, ULONG dwFlags, DATE* pdateOut);
+HRESULT VarDateFromStr(OLECHAR* strIn, LCID lcid, ULONG dwFlags, DATE* pdateOut);
 HRESULT VarBstrFromDate(DATE dateIn, LCID lcid, ULONG dwFlags, BSTR* pbstrOut);
-HRESULT VarR8FromStr(const OLECHAR* strIn, LCID lcid, ULONG dwFlags, DOUBLE* pdblOut);
-HRESULT VarI8FromStr(const OLECHAR* strIn, LCID lcid, ULONG dwFlags, LONG64* pi64Out);
-HRESULT VarI4FromStr(const OLECHAR* strIn, LCID lcid, ULONG dwFlags, LONG* plOut);
+HRESULT VarR8FromStr(OLECHAR* strIn, LCID lcid, ULONG dwFlags, DOUBLE* pdblOut);
+HRESULT VarI8FromStr(OLECHAR* strIn, LCID lcid, ULONG dwFlags, LONG64* pi64Out);
+HRESULT VarI4FromStr(OLECHAR* strIn, LCID lcid, ULONG dwFlags, LONG* plOut);
 HRESULT VarBstrFromR8(DOUBLE dblIn, LCID lcid, ULONG dwFlags, BSTR* pbstrOut);
 HRESULT VarBstrFromI8(LONG64 i64In, LCID lcid, ULONG dwFlags, BSTR* pbstrOut);
-HRESULT VarR8FromDec(const DECIMAL* pdecIn, DOUBLE* pdblOut);
+HRESULT VarR8FromDec(DECIMAL* pdecIn, DOUBLE* pdblOut);
 HRESULT VarDecFromR8(DOUBLE dblIn, DECIMAL* pdecOut);
 HRESULT VarR8FromCy(CY cyIn, DOUBLE* pdblOut);
 HRESULT VarCyFromR8(DOUBLE dblIn, CY* pcyOut);

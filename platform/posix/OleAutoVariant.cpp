@@ -58,7 +58,7 @@ HRESULT VariantClear(VARIANTARG* pvarg) {
   return S_OK;
 }
 
-HRESULT VariantCopy(VARIANTARG* pvargDest, const VARIANTARG* pvargSrc) {
+HRESULT VariantCopy(VARIANTARG* pvargDest, VARIANTARG* pvargSrc) {
   if (!pvargDest || !pvargSrc) return E_INVALIDARG;
   HRESULT hr = ValidateVarType(pvargSrc->vt);
   if (FAILED(hr)) return hr;
@@ -89,7 +89,7 @@ HRESULT VariantCopy(VARIANTARG* pvargDest, const VARIANTARG* pvargSrc) {
   return S_OK;
 }
 
-HRESULT VariantCopyInd(VARIANT* pvarDest, const VARIANTARG* pvargSrc) {
+HRESULT VariantCopyInd(VARIANT* pvarDest, VARIANTARG* pvargSrc) {
   if (!pvarDest || !pvargSrc) return E_INVALIDARG;
   if (!(pvargSrc->vt & VT_BYREF)) return VariantCopy(pvarDest, pvargSrc);
   HRESULT hr = ValidateVarType(pvargSrc->vt);
@@ -104,7 +104,7 @@ HRESULT VariantCopyInd(VARIANT* pvarDest, const VARIANTARG* pvargSrc) {
   const void* p = pvargSrc->byref;
   switch (base) {
     case VT_VARIANT: {
-      const VARIANT* inner = static_cast<const VARIANT*>(p);
+      VARIANT* inner = static_cast<VARIANT*>(pvargSrc->byref);
       // One level of indirection only, as on Windows.
       if (inner->vt == (VT_BYREF | VT_VARIANT)) return E_INVALIDARG;
       hr = VariantCopyInd(&result, inner);
