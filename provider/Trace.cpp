@@ -10,12 +10,16 @@
 #include <cstdlib>
 #include <mutex>
 
+namespace corvane::detail {
+std::atomic<int> g_traceThreshold{INT_MIN};
+}  // namespace corvane::detail
+
 namespace {
 
 // INT_MIN means "not configured yet": every level passes the fast check and the slow
 // path reads the environment once, then re-checks against the real threshold.
 constexpr int kUnconfigured = INT_MIN;
-std::atomic<int> g_threshold{kUnconfigured};
+std::atomic<int>& g_threshold = corvane::detail::g_traceThreshold;
 std::once_flag g_configureOnce;
 
 std::mutex g_sinkMutex;

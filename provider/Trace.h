@@ -7,6 +7,7 @@
 // SetTraceThreshold/SetTraceSink, or the environment does: CORVANE_TRACE=400 traces
 // level 400 and above to stderr, CORVANE_TRACE=100:/tmp/corvane.log to that file.
 #pragma once
+#include <atomic>
 #include <memory>
 #include <string>
 
@@ -90,8 +91,16 @@ std::shared_ptr<ITraceSink> MakeFileTraceSink(const std::string& utf8Path);
 std::string FormatTraceLine(const TraceLine& line);
 }  // namespace corvane
 
-#define CVTRACE(level, ...)                                                           \
-  do {                                                                                \
-    if (OTraceMsg::BeginTrace(::corvane::ModuleTrace(), (level), __FILE__, __LINE__)) \
-      OTraceMsg::TraceMsg(__VA_ARGS__);                                               \
+namespace corvane::detail {
+// The threshold itself, so that CVTRACE can test it inline: a trace below it costs
+// one relaxed load and a compare, with no call. (Before the first configuration it
+// holds INT_MIN, which lets every trace through to BeginTrace, which configures.)
+extern std::atomic<int> g_traceThreshold;
+}  // namespace corvane::detail
+
+#define CVTRACE(level, ...)                                                                      \
+  do {                                                                                           \
+    if ((level) >= ::corvane::detail::g_traceThreshold.load(std::memory_order_relaxed) &&        \
+        OTraceMsg::BeginTrace(::corvane::ModuleTrace(), (level), __FILE__, __LINE__))            \
+      OTraceMsg::TraceMsg(__VA_ARGS__);                                                          \
   } while (0)
