@@ -15,6 +15,9 @@
 // task-allocator call including those made by oleaut32, SysAllocString goes through
 // CoTaskMemAlloc, SetOaNoCache is exported and disables the cache, and
 // RtlCaptureStackBackTrace unwinds through Wine's PE modules, so both counts work.
+// COM's own bookkeeping (CoInitializeEx, CLSIDFromProgID, a failed CoCreateInstance,
+// CoUninitialize) leaves nothing counted, and VariantChangeType to VT_BSTR and
+// SysReAllocString count as one BSTR each until freed.
 // (The allocation-counting suite checks exactly this on every run.)
 #include "platform/AllocCounters.h"
 

@@ -4,7 +4,6 @@
 #include "platform/AllocCounters.h"
 #include "platform/Platform.h"
 #include "tests/support/LeakCheckedTest.h"
-#include "tests/support/Printers.h"
 
 using corvane::platform::AllocCounts;
 using corvane::platform::CurrentAllocCounts;
@@ -73,20 +72,4 @@ TEST_F(LeakCheckedFixture, FailsATestThatLeavesABlockOrBstr) {
   EXPECT_NONFATAL_FAILURE(ExpectNothingOutstandingSince(start_), "0 COM block(s), 1 BSTR(s)");
   SysFreeString(text);
   // Everything is back: the fixture's own check at the end of this test passes.
-}
-
-TEST(TestPrinters, DescribeVariantsReadably) {
-  VARIANT v;
-  VariantInit(&v);
-  EXPECT_EQ(corvane::test::Describe(v), "VT_EMPTY");
-  v.vt = VT_I4;
-  v.lVal = -42;
-  EXPECT_EQ(corvane::test::Describe(v), "VT_I4 -42");
-  v.vt = VT_BOOL;
-  v.boolVal = VARIANT_TRUE;
-  EXPECT_EQ(corvane::test::Describe(v), "VT_BOOL TRUE");
-  v.vt = VT_BSTR;
-  v.bstrVal = SysAllocString(corvane::FromUtf8("T\xC3\xA4g").c_str());
-  EXPECT_EQ(corvane::test::Describe(v), "VT_BSTR \"T\xC3\xA4g\"");
-  VariantClear(&v);
 }
