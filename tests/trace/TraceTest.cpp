@@ -256,3 +256,16 @@ TEST(TraceThreads, ConcurrentThresholdAndSinkChangesAreSafe) {
   for (auto& w : writers) w.join();
   EXPECT_GT(capture.Lines().size(), before);
 }
+
+// Run only by its own ctest entry, with CORVANE_TRACE set before the process starts:
+// the first trace reads the environment without any call from the host.
+TEST(TraceFirstUse, DISABLED_ReadsTheEnvironmentByItself) {
+  const int line = __LINE__ + 1;
+  CVTRACE(TRACE_WARNING, OLESTR("first use %s"), OLESTR("configured"));
+  CVTRACE(TRACE_NOTICE, OLESTR("below the configured level"));
+  EXPECT_EQ(corvane::TraceThreshold(), TRACE_WARNING);
+  corvane::SetTraceSink(nullptr);  // closes the file
+  EXPECT_EQ(ReadLines("trace_first_use.log"),
+            std::vector<std::string>{"[700] TraceTest(" + std::to_string(line) + "): first use configured"});
+  std::remove("trace_first_use.log");
+}
