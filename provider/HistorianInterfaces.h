@@ -212,3 +212,8 @@ void FreeTagIdentBstr(TagIdent* tag);
 // Allocates a zero-filled TagIdent block with CoTaskMemAlloc copies of the three parts;
 // E_INVALIDARG when any part is empty, E_OUTOFMEMORY with nothing left allocated.
 HRESULT MakeTaskTagIdent(LPCOLESTR catalog, LPCOLESTR schema, LPCOLESTR tagName, TagIdent** tag);
+
+// The wildcard filter of the tag browse and of the filtered statistics: `*` matches any
+// run (also empty), `?` exactly one character, letters compare ignoring case; a null or
+// empty pattern matches everything.
+bool TagFilterMatches(LPCOLESTR pattern, LPCOLESTR text);
