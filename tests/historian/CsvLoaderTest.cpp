@@ -1,0 +1,173 @@
+#include <cstdio>
+
+#include "historian/CsvLoader.h"
+#include "tests/historian/HistorianTestUtil.h"
+
+namespace corvane::historian::test {
+namespace {
+
+const HRESULT kInvalidData = static_cast<HRESULT>(0x8007000DL);
+
+struct Row {
+  ULONGLONG time;
+  DWORD quality;
+  VARTYPE vt;
+  WString text;  // VT_BSTR values
+  double number;
+};
+
+std::vector<Row> Rows(const CHistorianStore& store, const OLECHAR* name) {
+  ReadCursor all;
+  all.tagKey = WUpper(name);
+  all.high = ~0ull;
+  HistoryValueList* list = nullptr;
+  bool more;
+  std::vector<Row> rows;
+  if (FAILED(store.ReadPage(all, 0, &list, &more))) return rows;
+  for (ULONG i = 0; i < list->count; ++i) {
+    const VARIANT& v = list->values[i].value;
+    Row r{FileTimeToU64(list->values[i].timestamp), list->values[i].quality, v.vt, {}, 0};
+    if (v.vt == VT_BSTR) {
+      r.text = v.bstrVal;
+    } else {
+      VARIANT d;
+      VariantInit(&d);
+      VariantChangeType(&d, const_cast<VARIANT*>(&v), 0, VT_R8);
+      r.number = d.dblVal;
+    }
+    rows.push_back(r);
+  }
+  FreeHistoryValueList(list);
+  return rows;
+}
+
+using CsvAccepted = HistorianFixture;
+using CsvRejected = HistorianFixture;
+
+TEST_F(CsvAccepted, QuotingTypesTimestampsAndQualities) {
+  const char text[] =
+      "\xEF\xBB\xBFTag, Timestamp ,VALUE,quality,vartype\r\n"
+      "Flow,2024-01-01 00:00:00,1.5,,\r\n"
+      "Flow,2024-01-01T00:00:01.25Z,-2e3,0x40000000,\r\n"
+      "\r\n"
+      "\"Note, free\",2024-01-01T00:00:02,\"He said \"\"hi\"\"\r\nsecond line\",192,\n"
+      "Count,2024-01-01 00:00:03.1234567,7,0,VT_I4\n"
+      "Count,2024-01-01 00:00:04,+8,0,\n"
+      "Flag,2024-01-01 00:00:05,TRUE,0,vt_bool\n"
+      "Label,2024-01-01 00:00:06,12,0,VT_BSTR\n"
+      "Existing,2024-01-01 00:00:07, 5 ,3,";
+  TagDefinition existing;
+  existing.name = OLESTR("Existing");
+  existing.vartype = VT_I2;
+  ASSERT_EQ(S_OK, store_->AddTag(existing));
+  CsvLoadReport report;
+  ASSERT_EQ(S_OK, CCsvLoader::LoadText(*store_, text, OLESTR("plant.csv"), &report)) << ToUtf8(report.error);
+  EXPECT_EQ(8u, report.samples);
+  EXPECT_EQ(5u, report.newTags);
+
+  std::vector<Row> flow = Rows(*store_, OLESTR("flow"));
+  ASSERT_EQ(2u, flow.size());
+  EXPECT_EQ(VT_R8, flow[0].vt);  // a number on the tag's first line
+  EXPECT_EQ(kT0, flow[0].time);
+  EXPECT_EQ(1.5, flow[0].number);
+  EXPECT_EQ(kT0 + kSecond + kSecond / 4, flow[1].time);
+  EXPECT_EQ(-2000.0, flow[1].number);
+  EXPECT_EQ(0x40000000u, flow[1].quality);
+
+  std::vector<Row> note = Rows(*store_, OLESTR("Note, free"));
+  ASSERT_EQ(1u, note.size());
+  EXPECT_EQ(VT_BSTR, note[0].vt);
+  EXPECT_EQ(WString(OLESTR("He said \"hi\"\r\nsecond line")), note[0].text);
+  EXPECT_EQ(192u, note[0].quality);
+
+  std::vector<Row> count = Rows(*store_, OLESTR("Count"));
+  ASSERT_EQ(2u, count.size());
+  EXPECT_EQ(VT_I4, count[1].vt);  // the type of the tag's first line
+  EXPECT_EQ(kT0 + 3 * kSecond + 1234567, count[0].time);
+  EXPECT_EQ(8.0, count[1].number);
+  EXPECT_EQ(VT_BOOL, Rows(*store_, OLESTR("Flag"))[0].vt);
+  EXPECT_EQ(WString(OLESTR("12")), Rows(*store_, OLESTR("Label"))[0].text);
+  std::vector<Row> ex = Rows(*store_, OLESTR("Existing"));
+  ASSERT_EQ(1u, ex.size());
+  EXPECT_EQ(VT_I2, ex[0].vt);
+  EXPECT_EQ(5.0, ex[0].number);
+}
+
+TEST_F(CsvAccepted, TimestampForms) {
+  ULONGLONG t = 0;
+  // 2024-02-29 is day 31 + 28 = 59 after 2024-01-01.
+  ASSERT_TRUE(CCsvLoader::ParseTimestamp("2024-02-29 12:34:56.789", &t));
+  EXPECT_EQ(kT0 + (59 * 86400ull + 12 * 3600 + 34 * 60 + 56) * kSecond + 7890000, t);
+  ASSERT_TRUE(CCsvLoader::ParseTimestamp("1601-01-01T00:00:00Z", &t));
+  EXPECT_EQ(0u, t);
+  ASSERT_TRUE(CCsvLoader::ParseTimestamp("2000-02-29T23:59:59.9999999", &t));
+  for (const char* bad : {"2023-02-29 00:00:00", "1900-02-29 00:00:00", "1600-12-31 23:59:59", "2024-01-01 00:00",
+                          "2024-01-01 00:00:60", "2024-1-01 00:00:00", "2024-01-01 00:00:00.", "2024-01-01 00:00:00Z",
+                          "2024-01-01T00:00:00+01:00", "2024-01-01T00:00:00.12345678", "2024-04-31T00:00:00"})
+    EXPECT_FALSE(CCsvLoader::ParseTimestamp(bad, &t)) << bad;
+}
+
+TEST_F(CsvAccepted, LoadsAFileAndNamesAMissingOne) {
+  const std::string path = ::testing::TempDir() + "corvane_csv_loader_test.csv";
+  FILE* f = std::fopen(path.c_str(), "wb");
+  ASSERT_NE(nullptr, f);
+  std::fputs("tag,timestamp,value,quality\nA,2024-01-01 00:00:00,1,0\nA,2024-01-01 00:00:10,2,0\n", f);
+  std::fclose(f);
+  CsvLoadReport report;
+  EXPECT_EQ(S_OK, CCsvLoader::LoadFile(*store_, path, &report));
+  EXPECT_EQ(2u, report.samples);
+  std::remove(path.c_str());
+  EXPECT_EQ(static_cast<HRESULT>(0x80070002L), CCsvLoader::LoadFile(*store_, path, &report));
+  EXPECT_NE(WString::npos, report.error.find(FromUtf8(path)));
+}
+
+TEST_F(CsvRejected, EachProblemWithItsLineAndNothingLoaded) {
+  TagDefinition existing;
+  existing.name = OLESTR("Existing");
+  existing.vartype = VT_I2;
+  ASSERT_EQ(S_OK, store_->AddTag(existing));
+  ASSERT_EQ(S_OK, store_->AppendSamples(OLESTR("Existing"), {SampleInput{kT0, 0, 0, 1, {}}}));
+  const std::string head = "tag,timestamp,value,quality\nA,2024-01-01 00:00:00,1,0\n";
+  const std::string head5 = "tag,timestamp,value,quality,vartype\nA,2024-01-01 00:00:00,1,0,\n";
+  struct Case {
+    std::string text;
+    size_t line;
+    const char* reason;
+  } cases[] = {
+      {"", 0, "no header line"},
+      {"tag,time,value,quality\nA,2024-01-01 00:00:00,1,0\n", 1, "header"},
+      {head + "A,2024-01-01 00:00:01,1\n", 3, "expected 4 fields, found 3"},
+      {head + "A,2024-02-30 00:00:00,1,0\n", 3, "invalid timestamp '2024-02-30 00:00:00'"},
+      {head + "A,2024-01-01 24:00:00,1,0\n", 3, "invalid timestamp"},
+      {head + "A,2024-01-01 00:00:01,1,0xZZ\n", 3, "invalid quality '0xZZ'"},
+      {head + "A,2024-01-01 00:00:01,1,-1\n", 3, "invalid quality"},
+      {head5 + "A,2024-01-01 00:00:01,1,0,VT_FOO\n", 3, "unknown vartype 'VT_FOO'"},
+      {head + "Existing,2024-01-01 00:00:01,abc,0\n", 3, "value 'abc' is not a VT_I2"},
+      {head + "Existing,2024-01-01 00:00:01,40000,0\n", 3, "out of range for VT_I2"},
+      {head + "A,2024-01-01 00:00:01,xyz,0\n", 3, "is not a VT_R8"},
+      {head5 + "A,2024-01-01 00:00:01,1,0,VT_I4\n", 3, "tag 'A' is VT_R8, not VT_I4"},
+      {head + "A,2024-01-01 00:00:01,\"abc,0\nB,2024-01-01 00:00:01,1,0\n", 3, "unterminated quoted field"},
+      {head + "\"multi\nline\",2024-01-01 00:00:01,x,0\nA,2024-13-01 00:00:00,1,0\n", 5, "invalid timestamp"},
+      {head + "A,2024-01-01 00:00:00,2,0\n", 3, "tag 'A' already has a sample at that time"},
+      {head + "Existing,2024-01-01 00:00:00,2,0\n", 3, "already has a sample"},
+      {head + ",2024-01-01 00:00:01,1,0\n", 3, "empty tag name"},
+      {head + "A,2024-01-01 00:00:01,ab\"c,0\n", 3, "quote inside an unquoted field"},
+      {head + "A,2024-01-01 00:00:01,\"x\"y,0\n", 3, "after a closing quote"},
+      {head + "B,2024-01-01 00:00:01,\xC3\x28,0\n", 3, "invalid UTF-8"},
+  };
+  const size_t samples = store_->SampleCount(), tags = store_->TagCount();
+  for (const Case& c : cases) {
+    CsvLoadReport report;
+    EXPECT_EQ(kInvalidData, CCsvLoader::LoadText(*store_, c.text, OLESTR("bad.csv"), &report)) << c.reason;
+    EXPECT_EQ(c.line, report.errorLine) << c.reason;
+    const std::string message = ToUtf8(report.error);
+    const std::string where = c.line ? "bad.csv:" + std::to_string(c.line) + ": " : "bad.csv: ";
+    EXPECT_EQ(0u, message.find(where)) << message;
+    EXPECT_NE(std::string::npos, message.find(c.reason)) << message;
+    EXPECT_EQ(samples, store_->SampleCount()) << c.reason;
+    EXPECT_EQ(tags, store_->TagCount()) << c.reason;
+  }
+}
+
+}  // namespace
+}  // namespace corvane::historian::test

@@ -1,0 +1,286 @@
+#include <thread>
+
+#include "tests/historian/HistorianTestUtil.h"
+
+namespace corvane::historian::test {
+namespace {
+
+class RawFixture : public HistorianFixture {
+ protected:
+  // Reads a range to its end; records the size of each page.
+  std::vector<Sample> ReadAll(const OLECHAR* name, ULONGLONG start, ULONGLONG end, ULONG page,
+                              std::vector<size_t>* pages = nullptr, DWORD flags = kRawReadIncludeBounds) {
+    TagIdent tag = Ident(name);
+    void* cp = nullptr;
+    std::vector<Sample> all;
+    for (int call = 0; call < 1000; ++call) {
+      HistoryValueList* list = nullptr;
+      HRESULT hr = raw_->ReadRaw(&tag, Ft(start), Ft(end), page, flags, &cp, &list);
+      EXPECT_EQ(S_OK, hr);
+      EXPECT_NE(nullptr, list);
+      if (FAILED(hr) || !list) break;
+      std::vector<Sample> got = Take(list);
+      if (pages) pages->push_back(got.size());
+      all.insert(all.end(), got.begin(), got.end());
+      if (!cp) break;
+    }
+    return all;
+  }
+  static std::vector<double> ValuesOf(const std::vector<Sample>& s) {
+    std::vector<double> v;
+    for (const auto& x : s) v.push_back(x.value);
+    return v;
+  }
+};
+
+using RawPaging = RawFixture;
+using RawRanges = RawFixture;
+using RawWrites = RawFixture;
+
+TEST_F(RawPaging, ReadsEverySampleOnceThroughContinuationPoints) {
+  AddSeries(OLESTR("T"), 250);
+  std::vector<size_t> pages;
+  std::vector<Sample> all = ReadAll(OLESTR("T"), kT0, kT0 + 249 * kSecond, 100, &pages);
+  EXPECT_EQ((std::vector<size_t>{100, 100, 50}), pages);
+  ASSERT_EQ(250u, all.size());
+  for (size_t i = 0; i < all.size(); ++i) {
+    EXPECT_EQ(kT0 + i * kSecond, all[i].time);
+    EXPECT_EQ(static_cast<double>(i), all[i].value);
+  }
+  EXPECT_EQ(0u, store_->OutstandingCursors());
+
+  pages.clear();  // a page that ends on the last sample returns no continuation
+  EXPECT_EQ(200u, ReadAll(OLESTR("T"), kT0, kT0 + 199 * kSecond, 100, &pages).size());
+  EXPECT_EQ((std::vector<size_t>{100, 100}), pages);
+  pages.clear();
+  EXPECT_EQ(250u, ReadAll(OLESTR("T"), kT0, kT0 + 999 * kSecond, 0, &pages).size());
+  EXPECT_EQ((std::vector<size_t>{250}), pages);
+}
+
+TEST_F(RawPaging, AbandonedReadIsReleasedAndItsPointerThenRefused) {
+  AddSeries(OLESTR("T"), 250);
+  AddSeries(OLESTR("U"), 5);
+  TagIdent t = Ident(OLESTR("T")), u = Ident(OLESTR("U"));
+  void* cp = nullptr;
+  HistoryValueList* list = nullptr;
+  ASSERT_EQ(S_OK, raw_->ReadRaw(&t, Ft(kT0), Ft(kT0 + 249 * kSecond), 100, 1, &cp, &list));
+  FreeHistoryValueList(list);
+  ASSERT_NE(nullptr, cp);
+  EXPECT_EQ(1u, store_->OutstandingCursors());
+
+  // Another tag's read cannot borrow it, and the refusal leaves it usable.
+  EXPECT_EQ(E_INVALIDARG, raw_->ReadRaw(&u, Ft(kT0), Ft(kT0 + 249 * kSecond), 100, 1, &cp, &list));
+  EXPECT_EQ(1u, store_->OutstandingCursors());
+
+  void* stale = cp;
+  EXPECT_EQ(S_OK, raw_->ReleaseContinuationPoint(&cp));
+  EXPECT_EQ(nullptr, cp);
+  EXPECT_EQ(0u, store_->OutstandingCursors());
+  EXPECT_EQ(E_INVALIDARG, raw_->ReleaseContinuationPoint(&stale));
+  EXPECT_EQ(E_INVALIDARG, raw_->ReadRaw(&t, Ft(kT0), Ft(kT0 + 249 * kSecond), 100, 1, &stale, &list));
+  EXPECT_EQ(nullptr, list);
+  EXPECT_EQ(S_FALSE, raw_->ReleaseContinuationPoint(&cp));
+  EXPECT_EQ(E_INVALIDARG, raw_->ReleaseContinuationPoint(nullptr));
+}
+
+TEST_F(RawPaging, WritesBetweenPagesNeitherRepeatNorSkip) {
+  AddSeries(OLESTR("T"), 10);
+  TagIdent t = Ident(OLESTR("T"));
+  void* cp = nullptr;
+  HistoryValueList* list = nullptr;
+  ASSERT_EQ(S_OK, raw_->ReadRaw(&t, Ft(kT0), Ft(kT0 + 9 * kSecond), 4, 1, &cp, &list));
+  EXPECT_EQ((std::vector<double>{0, 1, 2, 3}), ValuesOf(Take(list)));
+  // Before the resume point (not read again) and at the next sample (gone).
+  HistoryValue hv{};
+  hv.value.vt = VT_R8;
+  hv.value.dblVal = 100;
+  hv.timestamp = Ft(kT0 + kSecond + kSecond / 2);
+  ASSERT_EQ(S_OK, raw_->InsertValue(&t, &hv));
+  ASSERT_EQ(S_OK, raw_->DeleteValues(&t, Ft(kT0 + 4 * kSecond), Ft(kT0 + 4 * kSecond)));
+  std::vector<double> rest;
+  while (cp) {
+    ASSERT_EQ(S_OK, raw_->ReadRaw(&t, Ft(kT0), Ft(kT0 + 9 * kSecond), 4, 1, &cp, &list));
+    for (double v : ValuesOf(Take(list))) rest.push_back(v);
+  }
+  EXPECT_EQ((std::vector<double>{5, 6, 7, 8, 9}), rest);
+}
+
+TEST_F(RawPaging, ConcurrentReadersSeeOrderedPagesWhileAWriterWorks) {
+  AddSeries(OLESTR("T"), 20000);
+  AddSeries(OLESTR("W"), 10);
+  std::vector<std::thread> readers;
+  std::atomic<int> problems{0};
+  for (int r = 0; r < 3; ++r)
+    readers.emplace_back([&] {
+      std::vector<Sample> all = ReadAll(OLESTR("T"), kT0, kT0 + 19999 * kSecond, 700);
+      if (all.size() != 20000) ++problems;
+      for (size_t i = 1; i < all.size(); ++i)
+        if (all[i].time <= all[i - 1].time) ++problems;
+    });
+  TagIdent w = Ident(OLESTR("W"));
+  for (int i = 0; i < 2000; ++i) {
+    HistoryValue hv{};
+    hv.value.vt = VT_R8;
+    hv.timestamp = Ft(kT0 + (100 + i) * kSecond);
+    EXPECT_EQ(S_OK, raw_->InsertValue(&w, &hv));
+    if (i % 2) {
+      EXPECT_EQ(S_OK, raw_->DeleteValues(&w, Ft(kT0 + (100 + i) * kSecond), Ft(kT0 + (100 + i) * kSecond)));
+    }
+  }
+  for (auto& t : readers) t.join();
+  EXPECT_EQ(0, problems.load());
+  EXPECT_EQ(20000u + 10 + 1000, store_->SampleCount());
+}
+
+TEST_F(RawRanges, BoundsAndDirection) {
+  AddSeries(OLESTR("T"), 10);
+  EXPECT_EQ((std::vector<double>{2, 3, 4, 5}), ValuesOf(ReadAll(OLESTR("T"), kT0 + 2 * kSecond, kT0 + 5 * kSecond, 0)));
+  // Without the bounds flag the ends are left out.
+  EXPECT_EQ((std::vector<double>{3, 4}), ValuesOf(ReadAll(OLESTR("T"), kT0 + 2 * kSecond, kT0 + 5 * kSecond, 0, nullptr, 0)));
+  EXPECT_TRUE(ReadAll(OLESTR("T"), kT0 + 2 * kSecond, kT0 + 3 * kSecond, 0, nullptr, 0).empty());
+  // A start later than the end reads newest first, across pages too.
+  std::vector<size_t> pages;
+  EXPECT_EQ((std::vector<double>{7, 6, 5, 4, 3}),
+            ValuesOf(ReadAll(OLESTR("t"), kT0 + 7 * kSecond, kT0 + 3 * kSecond, 2, &pages)));
+  EXPECT_EQ((std::vector<size_t>{2, 2, 1}), pages);
+  // Past the last sample: an empty list, never a null one, and no continuation.
+  pages.clear();
+  EXPECT_TRUE(ReadAll(OLESTR("T"), kT0 + 20 * kSecond, kT0 + 30 * kSecond, 5, &pages).empty());
+  EXPECT_EQ((std::vector<size_t>{0}), pages);
+}
+
+TEST_F(RawRanges, RefusesBadRequests) {
+  AddSeries(OLESTR("T"), 3);
+  TagIdent t = Ident(OLESTR("T")), missing = Ident(OLESTR("Nope"));
+  void* cp = nullptr;
+  HistoryValueList* list = nullptr;
+  EXPECT_EQ(HIST_E_TAG_NOT_FOUND, raw_->ReadRaw(&missing, Ft(kT0), Ft(kT0 + kSecond), 0, 1, &cp, &list));
+  EXPECT_EQ(E_INVALIDARG, raw_->ReadRaw(&t, Ft(kT0), Ft(kT0 + kSecond), 0, 3, &cp, &list));
+  EXPECT_EQ(E_INVALIDARG, raw_->ReadRaw(&t, Ft(kT0), Ft(kT0 + kSecond), 0, 1, nullptr, &list));
+  OLECHAR empty[] = {0};
+  TagIdent noSchema = t;
+  noSchema.schema = empty;
+  EXPECT_EQ(E_INVALIDARG, raw_->ReadRaw(&noSchema, Ft(kT0), Ft(kT0 + kSecond), 0, 1, &cp, &list));
+  EXPECT_EQ(nullptr, list);
+  EXPECT_EQ(nullptr, cp);
+
+  VARTYPE vt = VT_EMPTY;
+  EXPECT_EQ(S_OK, raw_->GetTagInfo(&t, &vt));
+  EXPECT_EQ(VT_R8, vt);
+  FILETIME first, last;
+  EXPECT_EQ(S_OK, raw_->GetTimeBounds(&t, &first, &last));
+  EXPECT_EQ(kT0, FileTimeToU64(first));
+  EXPECT_EQ(kT0 + 2 * kSecond, FileTimeToU64(last));
+  EXPECT_EQ(HIST_E_TAG_NOT_FOUND, raw_->GetTimeBounds(&missing, &first, &last));
+}
+
+TEST_F(RawWrites, InsertUpdateDeleteWithTheirResultCodes) {
+  AddSeries(OLESTR("T"), 10);
+  TagIdent t = Ident(OLESTR("T")), missing = Ident(OLESTR("Nope"));
+  HistoryValue hv{};
+  hv.value.vt = VT_BSTR;  // the procedures write texts; the tag keeps its own type
+  hv.value.bstrVal = SysAllocString(OLESTR("2.5"));
+  hv.timestamp = Ft(kT0 + 20 * kSecond);
+  hv.quality = 0x40000000;
+  EXPECT_EQ(S_OK, raw_->InsertValue(&t, &hv));
+  EXPECT_EQ(HIST_E_DATA_ALREADY_PRESENT, raw_->InsertValue(&t, &hv));
+  EXPECT_EQ(HIST_E_TAG_NOT_FOUND, raw_->InsertValue(&missing, &hv));
+  std::vector<Sample> got = ReadAll(OLESTR("T"), kT0 + 20 * kSecond, kT0 + 20 * kSecond, 0);
+  ASSERT_EQ(1u, got.size());
+  EXPECT_EQ(2.5, got[0].value);
+  EXPECT_EQ(0x40000000u, got[0].quality);
+
+  SysReAllocString(&hv.value.bstrVal, OLESTR("abc"));
+  hv.timestamp = Ft(kT0 + 21 * kSecond);
+  EXPECT_TRUE(FAILED(raw_->InsertValue(&t, &hv)));
+  EXPECT_EQ(11u, store_->SampleCount());
+
+  SysReAllocString(&hv.value.bstrVal, OLESTR("-7"));
+  hv.timestamp = Ft(kT0 + 3 * kSecond);
+  EXPECT_EQ(S_OK, raw_->UpdateValue(&t, &hv));
+  hv.timestamp = Ft(kT0 + 3 * kSecond + 1);
+  EXPECT_EQ(HIST_E_DATA_NOT_FOUND, raw_->UpdateValue(&t, &hv));
+  EXPECT_EQ(HIST_E_TAG_NOT_FOUND, raw_->UpdateValue(&missing, &hv));
+  VariantClear(&hv.value);
+  EXPECT_EQ((std::vector<double>{2, -7, 4}), ValuesOf(ReadAll(OLESTR("T"), kT0 + 2 * kSecond, kT0 + 4 * kSecond, 0)));
+
+  // Both ends of a delete are included; the order of the ends does not matter.
+  EXPECT_EQ(S_OK, raw_->DeleteValues(&t, Ft(kT0 + 3 * kSecond), Ft(kT0 + 6 * kSecond)));
+  EXPECT_EQ(S_FALSE, raw_->DeleteValues(&t, Ft(kT0 + 3 * kSecond), Ft(kT0 + 6 * kSecond)));
+  EXPECT_EQ(S_OK, raw_->DeleteValues(&t, Ft(kT0 + 20 * kSecond), Ft(kT0 + 8 * kSecond)));
+  EXPECT_EQ(HIST_E_TAG_NOT_FOUND, raw_->DeleteValues(&missing, Ft(kT0), Ft(kT0)));
+  EXPECT_EQ((std::vector<double>{0, 1, 2, 7}), ValuesOf(ReadAll(OLESTR("T"), kT0, kT0 + 99 * kSecond, 0)));
+
+  TagDefinition ro;
+  ro.name = OLESTR("RO");
+  ro.accessRights = kTagAccessRead;
+  ASSERT_EQ(S_OK, store_->AddTag(ro));
+  TagIdent r = Ident(OLESTR("RO"));
+  HistoryValue num{};
+  num.value.vt = VT_R8;
+  EXPECT_EQ(E_ACCESSDENIED, raw_->InsertValue(&r, &num));
+  EXPECT_EQ(E_ACCESSDENIED, raw_->DeleteValues(&r, Ft(0), Ft(kT0)));
+  DWORD caps = 0;
+  EXPECT_EQ(S_OK, raw_->GetCapabilities(&r, &caps));
+  EXPECT_EQ(0u, caps & kCapabilityInsert);
+  OLECHAR empty[] = {0};
+  TagIdent none{empty, empty, empty};
+  EXPECT_EQ(S_OK, raw_->GetCapabilities(&none, &caps));
+  EXPECT_NE(0u, caps & kCapabilityInsert);
+}
+
+TEST_F(RawWrites, EveryTypeComesBackAsItsOwnVariant) {
+  struct Case {
+    VARTYPE vt;
+    const char16_t* text;  // written as text, read back and compared by value
+    int64_t integer;
+  } cases[] = {{VT_I1, u"-5", -5},          {VT_UI1, u"200", 200},   {VT_I2, u"-30000", -30000},
+               {VT_UI2, u"65000", 65000},   {VT_I4, u"-7", -7},      {VT_UI4, u"4000000000", 4000000000},
+               {VT_I8, u"-9000000000", -9000000000}, {VT_UI8, u"9000000000", 9000000000}, {VT_BOOL, u"-1", 1}};
+  int n = 0;
+  for (const Case& c : cases) {
+    WString name = OLESTR("Tag") + WString(1, static_cast<OLECHAR>('a' + n++));
+    TagDefinition def;
+    def.name = name;
+    def.vartype = c.vt;
+    ASSERT_EQ(S_OK, store_->AddTag(def));
+    TagIdent t = Ident(name.c_str());
+    HistoryValue hv{};
+    hv.value.vt = VT_BSTR;
+    WString text;
+    for (const char16_t* p = c.text; *p; ++p) text.push_back(static_cast<OLECHAR>(*p));
+    hv.value.bstrVal = SysAllocString(text.c_str());
+    hv.timestamp = Ft(kT0);
+    EXPECT_EQ(S_OK, raw_->InsertValue(&t, &hv)) << c.vt;
+    VariantClear(&hv.value);
+    void* cp = nullptr;
+    HistoryValueList* list = nullptr;
+    ASSERT_EQ(S_OK, raw_->ReadRaw(&t, Ft(kT0), Ft(kT0), 0, 1, &cp, &list));
+    ASSERT_EQ(1u, list->count);
+    const VARIANT& v = list->values[0].value;
+    EXPECT_EQ(c.vt, v.vt);
+    int64_t got = c.vt == VT_I1 ? v.cVal : c.vt == VT_UI1 ? v.bVal : c.vt == VT_I2 ? v.iVal
+                : c.vt == VT_UI2 ? v.uiVal : c.vt == VT_I4 ? v.lVal : c.vt == VT_UI4 ? static_cast<int64_t>(v.ulVal)
+                : c.vt == VT_I8 ? v.llVal : c.vt == VT_UI8 ? static_cast<int64_t>(v.ullVal) : (v.boolVal == VARIANT_TRUE);
+    EXPECT_EQ(c.integer, got) << c.vt;
+    FreeHistoryValueList(list);
+  }
+  TagDefinition text;
+  text.name = OLESTR("Text");
+  text.vartype = VT_BSTR;
+  ASSERT_EQ(S_OK, store_->AddTag(text));
+  SampleInput s;
+  s.time = kT0;
+  s.text = OLESTR("caf\u00e9, \"quoted\"");
+  ASSERT_EQ(S_OK, store_->AppendSamples(OLESTR("Text"), {s}));
+  TagIdent t = Ident(OLESTR("Text"));
+  HistoryValue* newest = nullptr;
+  ASSERT_EQ(S_OK, values_->GetMostRecentValue(&t, &newest));
+  ASSERT_NE(nullptr, newest);
+  ASSERT_EQ(VT_BSTR, newest->value.vt);
+  EXPECT_EQ(s.text, WString(newest->value.bstrVal));
+  FreeHistoryValue(newest);
+}
+
+}  // namespace
+}  // namespace corvane::historian::test
