@@ -1,5 +1,9 @@
 // The OLE Automation subset the provider calls: BSTRs, VARIANTs and their
 // conversions, with the rules and result codes of the Windows implementation.
+// Text follows the en-US rules for every LCID ('.' decimal point, ',' grouping,
+// M/d/yyyy h:mm:ss AM/PM dates), except that LOCALE_INVARIANT writes dates as
+// MM/dd/yyyy HH:mm:ss. Text to date also reads ISO 8601 ('T', 'Z', fractions).
+// VARIANTs holding SAFEARRAYs or records are not supported (E_NOTIMPL).
 #pragma once
 #ifndef _WIN32
 #include "Types.h"
