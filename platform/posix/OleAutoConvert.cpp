@@ -432,6 +432,8 @@ HRESULT Coerce(VARIANT& s, LCID lcid, USHORT flags, VARTYPE vt, VARIANT& r) {
     return S_OK;
   }
   if (s.vt == VT_NULL || !IsValueType(s.vt)) return DISP_E_TYPEMISMATCH;
+  // A DECIMAL scale past 28 is malformed; only its text form is still written.
+  if (s.vt == VT_DECIMAL && s.decVal.scale > 28 && vt != VT_BSTR) return E_INVALIDARG;
   switch (vt) {
     case VT_I1: case VT_I2: case VT_I4: case VT_INT: case VT_I8: case VT_UI1: case VT_UI2: case VT_UI4: case VT_UINT:
     case VT_UI8:
@@ -546,7 +548,7 @@ HRESULT VarBstrFromI8(LONG64 i64In, LCID, ULONG, BSTR* pbstrOut) {
 }
 
 HRESULT VarR8FromDec(DECIMAL* pdecIn, DOUBLE* pdblOut) {
-  if (!pdecIn || !pdblOut) return E_INVALIDARG;
+  if (!pdecIn || !pdblOut || pdecIn->scale > 28) return E_INVALIDARG;
   *pdblOut = DecimalToDouble(*pdecIn);
   return S_OK;
 }

@@ -124,6 +124,7 @@ void BuildSources() {
   AddDec(false, 0, 0, 9223372036854775808ULL);
   AddDec(false, 0, 0, 43832);
   AddDec(false, 10, 1, 0);
+  AddDec(false, 29, 0, 5);  // not a valid DECIMAL: scale beyond 28
   for (const OLECHAR* s :
        {OLESTR("TRUE"), OLESTR("True"), OLESTR("true"), OLESTR("False"), OLESTR("FALSE"), OLESTR(" True "),
         OLESTR("Yes"), OLESTR("On"), OLESTR("#TRUE#"), OLESTR("-1"), OLESTR("0"), OLESTR("1"), OLESTR(" 12 "),
