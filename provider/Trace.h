@@ -1,7 +1,7 @@
 // The provider's tracing facility. A module registers once at load
 // (ORelTrace::Register) and each trace line is BeginTrace(trace, level, file, line)
 // followed by TraceMsg(format, ...). Use the CVTRACE macro: below the threshold it
-// costs one comparison and no formatting.
+// costs one comparison and no formatting (its level is read twice: pass a constant).
 //
 // Tracing is off by default. The host sets a threshold and destination with
 // SetTraceThreshold/SetTraceSink, or the environment does: CORVANE_TRACE=400 traces
