@@ -72,6 +72,9 @@ ULONGLONG NowTicks() {
 }
 
 int64_t CurrentBiasMinutes() {
+  // localtime_r alone keeps the zone it first read; tzset picks up a changed TZ and is
+  // cheap when nothing changed.
+  tzset();
   const time_t now = time(nullptr);
   tm local{};
   if (!localtime_r(&now, &local)) return 0;

@@ -152,12 +152,3 @@ TEST(Workers, DestructorWaitsForTheBody) {
   }
   EXPECT_TRUE(finished);
 }
-
-TEST(HighResolutionCounter, AdvancesInTicksOfItsFrequency) {
-  const int64_t freq = corvane::platform::PerformanceFrequency();
-  ASSERT_GT(freq, 0);
-  const int64_t a = corvane::platform::PerformanceCounter();
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  const int64_t b = corvane::platform::PerformanceCounter();
-  EXPECT_GE((b - a) * 1000 / freq, 15);
-}

@@ -252,8 +252,10 @@ TEST(LocalTime, ZoneInformationDescribesTheYearlyRules) {
     std::snprintf(buf, sizeof buf, "%u/%u/%u %02u:%02u", r.wMonth, r.wDay, r.wDayOfWeek, r.wHour, r.wMinute);
     return std::string(buf);
   };
+  int checked = 0;
   for (const Zone& z : zones) {
     if (!ZoneInstalled(z.name)) continue;
+    ++checked;
     ZoneOverride zone(z.name);
     TIME_ZONE_INFORMATION tzi{};
     const DWORD id = GetTimeZoneInformation(&tzi);
@@ -267,5 +269,6 @@ TEST(LocalTime, ZoneInformationDescribesTheYearlyRules) {
     EXPECT_EQ(rule(tzi.StandardDate), z.standardRule) << z.name;
     EXPECT_EQ(tzi.DaylightDate.wYear, 0) << "a yearly rule, not a date";
   }
+  if (checked == 0) GTEST_SKIP() << "zone data not installed";
 }
 #endif  // !_WIN32
