@@ -2,7 +2,9 @@
 // states; every expected number is worked out by hand in the comment beside it.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <set>
 #include <string>
 #include <vector>
@@ -10,6 +12,7 @@
 #include "historian/Aggregates.h"
 #include "historian/ProcessedDataProvider.h"
 #include "platform/WideString.h"
+#include "tests/historian/HistorianTestUtil.h"
 #include "tests/support/LeakCheckedTest.h"
 
 namespace corvane::historian {
@@ -227,7 +230,7 @@ class AggregatesTest : public corvane::test::LeakCheckedTest {
   }
   void Read(Answer& a, const OLECHAR* tag, double fromSec, double toSec, double periodMs,
             std::vector<AggregateId> ids) {
-    OLECHAR cat[] = u"c", sch[] = u"s";
+    OLECHAR cat[] = OLESTR("c"), sch[] = OLESTR("s");
     WString name(tag);
     TagIdent ident{cat, sch, &name[0]};
     request_.start = U64ToFileTime(T(fromSec));
@@ -579,15 +582,30 @@ TEST_F(AggregatesTest, StatisticsContinuationPointsAreOwnedAndChecked) {
 
 TEST_F(AggregatesTest, ComponentIsCreatedThroughItsProgId) {
 #ifdef _WIN32
+  // The DLL beside this test, registered by regsvr32 as an installer would.
   ASSERT_TRUE(SUCCEEDED(CoInitializeEx(nullptr, COINIT_MULTITHREADED)));
   HMODULE dll = LoadLibraryW(L"CorvaneHistoryAggregates.dll");
   ASSERT_NE(nullptr, dll);
+  wchar_t dllPath[MAX_PATH] = {};
+  ASSERT_NE(0u, GetModuleFileNameW(dll, dllPath, MAX_PATH));
+  auto regsvr32 = [&dllPath](const wchar_t* options) -> DWORD {
+    std::wstring command = std::wstring(L"regsvr32.exe /s ") + options + L" \"" + dllPath + L"\"";
+    STARTUPINFOW startup = {};
+    startup.cb = sizeof(startup);
+    PROCESS_INFORMATION process = {};
+    if (!CreateProcessW(nullptr, &command[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process))
+      return GetLastError() | 0x80000000u;
+    WaitForSingleObject(process.hProcess, 120000);
+    DWORD code = 1;
+    GetExitCodeProcess(process.hProcess, &code);
+    CloseHandle(process.hThread);
+    CloseHandle(process.hProcess);
+    return code;
+  };
   using Entry = HRESULT(STDAPICALLTYPE*)();
-  auto reg = reinterpret_cast<Entry>(reinterpret_cast<void*>(GetProcAddress(dll, "DllRegisterServer")));
-  auto unreg = reinterpret_cast<Entry>(reinterpret_cast<void*>(GetProcAddress(dll, "DllUnregisterServer")));
   auto canUnload = reinterpret_cast<Entry>(reinterpret_cast<void*>(GetProcAddress(dll, "DllCanUnloadNow")));
-  ASSERT_TRUE(reg && unreg && canUnload);
-  ASSERT_EQ(S_OK, reg());
+  ASSERT_NE(nullptr, canUnload);
+  ASSERT_EQ(0u, regsvr32(L""));
 #else
   ASSERT_EQ(S_OK, RegisterAggregatesComponent());
 #endif
@@ -601,7 +619,7 @@ TEST_F(AggregatesTest, ComponentIsCreatedThroughItsProgId) {
   EXPECT_EQ(E_INVALIDARG, aggregates->CreateProcessedProvider(nullptr, &built));
   ASSERT_EQ(S_OK, aggregates->CreateProcessedProvider(&raw_, &built));
   aggregates->Release();  // the built provider outlives its factory
-  OLECHAR cat[] = u"c", sch[] = u"s", tag[] = u"Late";
+  OLECHAR cat[] = OLESTR("c"), sch[] = OLESTR("s"), tag[] = OLESTR("Late");
   TagIdent ident{cat, sch, tag};
   request_.start = U64ToFileTime(T(50));
   request_.end = U64ToFileTime(T(60));
@@ -613,7 +631,7 @@ TEST_F(AggregatesTest, ComponentIsCreatedThroughItsProgId) {
   built->Release();
 #ifdef _WIN32
   EXPECT_EQ(S_OK, canUnload());
-  EXPECT_EQ(S_OK, unreg());
+  EXPECT_EQ(0u, regsvr32(L"/u"));
   EXPECT_NE(S_OK, CLSIDFromProgID(CORVANE_AGGREGATES_PROGID, &clsid));
   CoUninitialize();
   FreeLibrary(dll);
@@ -621,6 +639,46 @@ TEST_F(AggregatesTest, ComponentIsCreatedThroughItsProgId) {
   EXPECT_EQ(S_OK, UnregisterAggregatesComponent());
   EXPECT_NE(S_OK, CLSIDFromProgID(CORVANE_AGGREGATES_PROGID, &clsid));
 #endif
+}
+
+// ---- Over the reference historian ------------------------------------------------------------------
+
+class AggregatesOverReferenceHistorian : public test::HistorianFixture {};
+
+TEST_F(AggregatesOverReferenceHistorian, BoundsComeFromReversedAndForwardReads) {
+  AddSeries(OLESTR("Ramp"), 100);  // value i at i seconds: the line is y = t
+  AddSeries(OLESTR("Ramp2"), 10);
+  IProcessedDataProvider* processed = nullptr;
+  ASSERT_EQ(S_OK, CProcessedDataProvider::Create(raw_, &processed));
+  OLECHAR cat[] = OLESTR("c"), sch[] = OLESTR("s"), tag[] = OLESTR("Ramp");
+  TagIdent ident{cat, sch, tag};
+  ProcessedReadRequest request{};
+  request.start = U64ToFileTime(T(10.5));
+  request.end = U64ToFileTime(T(20.5));
+  request.periodMs = 5000;
+  const AggregateId ids[] = {AGG_AVG, AGG_TIME_AVG, AGG_INTERPOLATIVE};
+  Answer a;
+  a.entries = 3;
+  ASSERT_EQ(S_OK, processed->ReadProcessed(&ident, &request, 3, ids, &a.result));
+  ASSERT_EQ(2u, a.result[0].count);
+  ExpectR8(a.At(0, 0), 13, kGoodCalc, 10.5);  // samples 11..15
+  ExpectR8(a.At(1, 0), 13, kGoodCalc, 10.5);  // mean of y = t over [10.5, 15.5)
+  ExpectR8(a.At(2, 0), 10.5, kGoodInterp, 10.5);
+  ExpectR8(a.At(1, 1), 18, kGoodCalc, 15.5);  // needs the sample @21 after the range
+  ExpectR8(a.At(2, 1), 15.5, kGoodInterp, 15.5);
+
+  // A statistics point handed to the raw side is refused there, not misread.
+  Page page;
+  void* cp = nullptr;
+  page.hr = processed->GetFilteredTagStatistics(OLESTR("ramp*"), nullptr, nullptr, U64ToFileTime(T(0)),
+                                                U64ToFileTime(T(5)), nullptr, 1, &cp, 0, &page.n, &page.names,
+                                                &page.values);
+  ASSERT_EQ(S_OK, page.hr);
+  ASSERT_EQ(1u, page.n);
+  ExpectR8(page.values->values[2], 2.5, kGoodCalc, 0);  // 0..5 with both ends
+  ASSERT_NE(nullptr, cp);
+  EXPECT_EQ(E_INVALIDARG, raw_->ReleaseContinuationPoint(&cp));
+  processed->Release();
 }
 
 }  // namespace
