@@ -632,12 +632,25 @@ TEST_F(AggregatesTest, ComponentIsCreatedThroughItsProgId) {
 #ifdef _WIN32
   EXPECT_EQ(S_OK, canUnload());
   EXPECT_EQ(0u, regsvr32(L"/u"));
-  EXPECT_NE(S_OK, CLSIDFromProgID(CORVANE_AGGREGATES_PROGID, &clsid));
-  CoUninitialize();
-  FreeLibrary(dll);
 #else
   EXPECT_EQ(S_OK, UnregisterAggregatesComponent());
+#endif
   EXPECT_NE(S_OK, CLSIDFromProgID(CORVANE_AGGREGATES_PROGID, &clsid));
+  IAggregates* local = nullptr;
+  EXPECT_EQ(REGDB_E_CLASSNOTREG, CoCreateInstance(CLSID_CorvaneHistoryAggregates, nullptr, CLSCTX_INPROC_SERVER,
+                                                  IID_IAggregates, reinterpret_cast<void**>(&local)));
+  // Registered in this process only (no registry key on Windows), found by its CLSID.
+  ASSERT_EQ(S_OK, RegisterAggregatesComponent());
+  EXPECT_EQ(S_OK, RegisterAggregatesComponent());
+  ASSERT_EQ(S_OK, CoCreateInstance(CLSID_CorvaneHistoryAggregates, nullptr, CLSCTX_INPROC_SERVER, IID_IAggregates,
+                                   reinterpret_cast<void**>(&local)));
+  local->Release();
+  EXPECT_EQ(S_OK, UnregisterAggregatesComponent());
+  EXPECT_EQ(REGDB_E_CLASSNOTREG, CoCreateInstance(CLSID_CorvaneHistoryAggregates, nullptr, CLSCTX_INPROC_SERVER,
+                                                  IID_IAggregates, reinterpret_cast<void**>(&local)));
+#ifdef _WIN32
+  CoUninitialize();
+  FreeLibrary(dll);
 #endif
 }
 
