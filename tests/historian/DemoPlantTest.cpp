@@ -106,6 +106,18 @@ TEST_F(DemoPlant, CoversTypesQualitiesGapsAndTheLastWeek) {
   EXPECT_TRUE(uncertain);
   EXPECT_TRUE(bad);
   EXPECT_TRUE(gap);
+
+  // The ready-made host lists the same tags through the browse.
+  IRawDataProvider* host = nullptr;
+  ASSERT_EQ(S_OK, CDemoPlant::CreateHost(options, IID_IRawDataProvider, reinterpret_cast<void**>(&host)));
+  ULONG count = 0;
+  TagRecord* records = nullptr;
+  BOOL truncated = TRUE;
+  ASSERT_EQ(S_OK, host->BrowseTags(nullptr, nullptr, &count, &records, &truncated));
+  EXPECT_EQ(tags.size(), count);
+  EXPECT_EQ(tags[0].definition.name, WString(records[0].name));
+  FreeTagRecords(records, count);
+  host->Release();
 }
 
 }  // namespace

@@ -72,6 +72,7 @@ class FakeAggregates final : public IAggregates {
   ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
   ULONG STDMETHODCALLTYPE Release() override { return 1; }
   HRESULT STDMETHODCALLTYPE CreateProcessedProvider(IRawDataProvider* raw, IProcessedDataProvider** out) override {
+    if (!raw || !out) return E_INVALIDARG;
     *out = new FakeProcessed(raw);
     return S_OK;
   }
