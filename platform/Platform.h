@@ -13,6 +13,7 @@
 #include <oledb.h>
 #include <oledberr.h>
 #include <msdadc.h>
+#include <msdaguid.h>
 #else
 #include "posix/Types.h"
 #include "posix/OleAuto.h"

@@ -82,6 +82,16 @@ class CountingSpy final : public IMallocSpy {
   SIZE_T STDMETHODCALLTYPE PreRealloc(void* pRequest, SIZE_T cbRequest, void** ppNewRequest,
                                       BOOL /*fSpyed*/) override {
     *ppNewRequest = pRequest;
+    if (pRequest && cbRequest == 0) {
+      // Realloc to zero bytes frees the block. Count it here: Wine's allocator frees it
+      // without calling PostRealloc.
+      Remove(pRequest);
+      pendingOld_ = nullptr;
+      pendingSize_ = 0;
+      pendingFreed_ = true;
+      return cbRequest;
+    }
+    pendingFreed_ = false;
     pendingOld_ = pRequest;
     pendingSize_ = cbRequest;
     return cbRequest;
@@ -89,6 +99,10 @@ class CountingSpy final : public IMallocSpy {
   void* STDMETHODCALLTYPE PostRealloc(void* pActual, BOOL /*fSpyed*/) override {
     void* old = pendingOld_;
     pendingOld_ = nullptr;
+    if (pendingFreed_) {
+      pendingFreed_ = false;
+      return pActual;
+    }
     if (!old) {
       // Realloc of null is an allocation.
       if (pActual) Add(pActual, Classify());
@@ -158,10 +172,12 @@ class CountingSpy final : public IMallocSpy {
   AllocCounts counts_;
   static thread_local void* pendingOld_;
   static thread_local SIZE_T pendingSize_;
+  static thread_local bool pendingFreed_;
 };
 
 thread_local void* CountingSpy::pendingOld_ = nullptr;
 thread_local SIZE_T CountingSpy::pendingSize_ = 0;
+thread_local bool CountingSpy::pendingFreed_ = false;
 
 std::once_flag g_startOnce;
 std::atomic<CountingSpy*> g_spy{nullptr};
