@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """Sums the GoogleTest cases of every preset's ctest run into one closing line.
 
-Each argument is PRESET:BUILD_DIR (or PRESET:build-failed). A ctest entry with a
+Each argument is PRESET:BUILD_DIR (or PRESET:build-failed, or NAME:passed / NAME:failed
+for a check that is one case, such as the differential comparison). A ctest entry with a
 GoogleTest report counts its cases; an entry that failed without a failing case (a crash,
 a leak found at exit, a timeout) counts one more failure; an entry without a report
 counts as one case. A preset that did not build counts as one failure.
@@ -62,6 +63,10 @@ def main(args):
         preset, _, build_dir = arg.partition(":")
         if build_dir == "build-failed":
             p, f, s, fl = 0, 1, 0, [f"{preset}: build failed"]
+        elif build_dir == "passed":
+            p, f, s, fl = 1, 0, 0, []
+        elif build_dir == "failed":
+            p, f, s, fl = 0, 1, 0, [f"{preset}: see its output above"]
         else:
             p, f, s, fl = summarize(preset, build_dir)
         print(f"{preset}: {p} passed, {f} failed, {s} skipped")

@@ -33,4 +33,14 @@ for preset in $presets; do
   ctest --preset "$preset" -j "$jobs" "${label_args[@]}" --output-junit "$bdir/ctest-junit.xml" 2>&1 | tail -n 40
   results+=("$preset:$bdir")
 done
+# The conversions and time functions of the POSIX layer against Wine's system DLLs:
+# both builds ran the probes; compare their outputs.
+if [[ " ${results[*]} " == *" linux:$root/build/linux "* && " ${results[*]} " == *" windows:$root/build/windows "* ]]; then
+  echo "=== differential: POSIX layer against Wine ==="
+  if "$root/scripts/differential.sh" "$root/build/linux" "$root/build/windows" | tee "$root/build/differential.txt"; then
+    results+=("differential:passed")
+  else
+    results+=("differential:failed")
+  fi
+fi
 python3 "$root/scripts/summarize-tests.py" "${results[@]}"
