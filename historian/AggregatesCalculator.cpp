@@ -38,6 +38,9 @@ void SetInt(VARIANT* v, LONG n) {
 
 }  // namespace
 
+// A read holds every sample of its range in this form.
+static_assert(sizeof(AggSample) == 24, "keep the in-memory sample compact");
+
 // ---- Samples -------------------------------------------------------------------------
 
 double AggSample::Number() const {

@@ -70,7 +70,13 @@
 // Errors. Unknown aggregate id: HIST_E_AGGREGATE_NOT_AVAILABLE; unknown tag:
 // HIST_E_TAG_NOT_FOUND (whatever the raw provider says); null arguments or zero
 // aggregates: E_INVALIDARG; any other raw failure is returned as it came. Nothing is
-// returned on failure, and every raw continuation point is released.
+// returned on failure, and every raw continuation point is released. The request's
+// capability word is not used.
+//
+// Memory and threads. A read holds the samples of its range (24 bytes each) while it
+// computes; the procedures keep ranges short by asking for a bounded number of
+// intervals at a time. Calls may come from any thread at once; the raw provider is
+// called on the caller's thread and must be as thread-safe as its own contract says.
 //
 // Filtered tag statistics (slot 4). Tags are listed by the raw provider's BrowseTags with
 // the first non-empty filter and kept when their name matches every non-empty filter
@@ -84,8 +90,9 @@
 //
 // Statistics continuation points are the provider's own: a pending one is an opaque
 // token that only this object understands (it never hands out or takes a raw provider's
-// point), and it holds the tag list of the first page so paging is stable. It is
-// released when its last page is read or a call with it fails. A caller that abandons
+// point), and it keeps the tag list taken for the first page so that later pages neither
+// repeat nor skip a tag. It is released when its last page is read or when a call with
+// it fails (a failing raw read included: the call returns that failure). A caller that abandons
 // one by handing it to the raw provider's ReleaseContinuationPoint gets a refusal from
 // a raw provider that checks its points, and the token's memory is reclaimed when this
 // object goes away; at most kMaxPendingStatistics tokens are kept, the oldest forgotten
