@@ -7,6 +7,7 @@
 #include <cstring>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "historian/Aggregates.h"
@@ -691,6 +692,38 @@ TEST_F(AggregatesOverReferenceHistorian, BoundsComeFromReversedAndForwardReads) 
   ExpectR8(page.values->values[2], 2.5, kGoodCalc, 0);  // 0..5 with both ends
   ASSERT_NE(nullptr, cp);
   EXPECT_EQ(E_INVALIDARG, raw_->ReleaseContinuationPoint(&cp));
+  processed->Release();
+}
+
+TEST_F(AggregatesOverReferenceHistorian, ConcurrentCallersPageIndependently) {
+  for (const OLECHAR* name : {OLESTR("A1"), OLESTR("A2"), OLESTR("A3")}) AddSeries(name, 50);
+  IProcessedDataProvider* processed = nullptr;
+  ASSERT_EQ(S_OK, CProcessedDataProvider::Create(raw_, &processed));
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&] {
+      for (int round = 0; round < 20; ++round) {
+        void* cp = nullptr;
+        int pages = 0;
+        do {
+          Page page;
+          page.hr = processed->GetFilteredTagStatistics(OLESTR("A*"), nullptr, nullptr, U64ToFileTime(T(0)),
+                                                        U64ToFileTime(T(49)), nullptr, 1, &cp, 0, &page.n,
+                                                        &page.names, &page.values);
+          if (FAILED(page.hr) || page.n != 1 || page.values->values[3].value.lVal != 50) {
+            ++wrong;
+            break;
+          }
+          ++pages;
+        } while (cp);
+        if (pages != 3) ++wrong;
+      }
+    });
+  }
+  for (std::thread& t : threads) t.join();
+  EXPECT_EQ(0, wrong.load());
+  EXPECT_EQ(0u, static_cast<CProcessedDataProvider*>(processed)->PendingStatistics());
   processed->Release();
 }
 
