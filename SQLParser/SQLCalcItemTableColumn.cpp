@@ -1,0 +1,6 @@
+#include "SQLParser/SQLCalcItemTableColumn.h"
+
+CSQLCalcItemTableColumn::CSQLCalcItemTableColumn(corvane::WString columnName)
+    : CSQLCalcItem(SQL_CALC_TABLE_COLUMN), columnName_(std::move(columnName)) {
+  displayName_ = columnName_;
+}

@@ -1,0 +1,14 @@
+#include "SQLParser/SQLSelectItem.h"
+
+#include <new>
+
+HRESULT CSQLSelectItemSP::SetParameters(std::vector<std::unique_ptr<CSQLCalcItem>>& parameters) {
+  try {
+    parameters_.reserve(parameters_.size() + parameters.size());
+  } catch (const std::bad_alloc&) {
+    return E_OUTOFMEMORY;
+  }
+  for (auto& item : parameters) parameters_.push_back(std::move(item));  // cannot throw after reserve
+  parameters.clear();
+  return S_OK;
+}

@@ -1,0 +1,1 @@
+SELECT 5, 'x', r.VALUE v, TAGNAME AS "Tag Name", COUNT(VALUE), NOW() n, q.* FROM RAWDATA r

@@ -1,0 +1,1 @@
+SELECT a FROM c.s.t1, s2.t2 AS x, t3;

@@ -1,0 +1,1 @@
+SELECT * FROM s.GET_VALUES('tag', DATEADD(hh, -1, NOW()), ?) WHERE VALUE > ?

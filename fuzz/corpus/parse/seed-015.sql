@@ -1,0 +1,1 @@
+SELECT a FROM t WHERE a != 3 AND [My Tag] = 'x'

@@ -1,0 +1,1 @@
+SELECT a FROM t WHERE a = (b = 1 OR c = 2)

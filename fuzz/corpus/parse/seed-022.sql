@@ -1,0 +1,1 @@
+SELECT "Order", "SELECT" FROM "My Table"

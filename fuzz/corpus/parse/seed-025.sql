@@ -1,0 +1,1 @@
+UPDATE t SET a = 1, b = 'x' WHERE c = 3

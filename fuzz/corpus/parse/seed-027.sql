@@ -1,0 +1,1 @@
+UPDATE QUERYSETTINGS SET MaxRowsToReturn = 500, UseUserTimeRange = 1

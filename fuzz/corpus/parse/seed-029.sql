@@ -1,0 +1,1 @@
+EXEC GET_VALUES 'tag', '2020-01-01', NOW()

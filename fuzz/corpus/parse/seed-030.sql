@@ -1,0 +1,1 @@
+EXEC c.s.HDA_ANALOG 'x', 1, 2.5, ?

@@ -1,0 +1,1 @@
+EXEC HDA_ANALOG_5 'a', 'b', 'c', 'd', 'e', DATEADD('hh', -8, NOW()), NOW(), 60000, 'AVG';

@@ -1,0 +1,1 @@
+CALL GET_VALUES('tag', ?, ?)

@@ -1,0 +1,1 @@
+call GET_VALUES('tag',?,?);

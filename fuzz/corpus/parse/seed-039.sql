@@ -1,0 +1,1 @@
+SP_RAWDATA('t1;t2', DATEADD(mi, -30, NOWUTC()), NOWUTC())

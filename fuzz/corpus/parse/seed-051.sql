@@ -1,0 +1,1 @@
+INSERT t (a) VALUES (1)

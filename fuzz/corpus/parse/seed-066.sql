@@ -1,0 +1,1 @@
+SELECT f(f(f(f(f(f(a)))))) FROM t WHERE ((((a = 1) = 1) = 1) = 1)

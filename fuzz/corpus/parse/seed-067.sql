@@ -1,0 +1,1 @@
+GROUP BY a HAVING b

@@ -1,0 +1,129 @@
+// The exact error info of every failing clause: common prefix, the whole query text,
+// the clause's message (with the line feed of the two texts that have one), and the
+// failure code, which stays the lexer's when reading a token was what failed.
+#include <gtest/gtest.h>
+
+#include "SQLParser/SQLResources.h"
+#include "SqlTestSupport.h"
+
+namespace {
+
+using sqltest::Parse;
+
+class SqlErrorTexts : public corvane::test::LeakCheckedTest {};
+
+struct ErrorCase {
+  const char* query;
+  const char* message;  // after "Failed to parse the query: '<query>'. "
+  HRESULT hr;
+};
+
+TEST_F(SqlErrorTexts, EachClauseNamesItselfAfterThePrefix) {
+  const ErrorCase cases[] = {
+      {"FOO", "Query is not supported.\n", E_FAIL},
+      {"   ", "Query is not supported.\n", E_FAIL},
+      {"GROUP BY a", "Query is not supported.\n", E_FAIL},
+      {"SELECT TOP x a FROM t", "TOP clause parse error.", E_FAIL},
+      {"SELECT FROM t", "Column list parse error.", E_FAIL},
+      {"SELECT a, FROM t", "Column list parse error.", E_FAIL},
+      {"SELECT ? FROM t", "Column list parse error.", E_FAIL},
+      {"SELECT a", "FROM is missing.", E_FAIL},
+      {"SELECT a FROM", "Table/Stored procedure list parse error.", E_FAIL},
+      {"SELECT a FROM p(1", "Table/Stored procedure list parse error.", E_FAIL},
+      {"SELECT a FROM t WHERE a", "WHERE clause parse error.", E_FAIL},
+      {"SELECT a FROM t WHERE a AND b", "WHERE clause parse error.", E_FAIL},
+      {"SELECT a FROM t WHERE (a = 1)", "WHERE clause parse error.", E_FAIL},
+      {"SELECT a FROM t WHERE (a = 1) AND b = 2", "WHERE clause parse error.", E_FAIL},
+      {"SELECT a FROM t WHERE NOT NOT a = 1", "WHERE clause parse error.", E_FAIL},
+      {"SELECT a FROM t WHERE 5 BETWEEN 1 AND 2", "WHERE clause parse error.", E_FAIL},
+      {"SELECT a FROM t WHERE x BETWEEN 1 OR 2", "WHERE clause parse error.", E_FAIL},
+      {"SELECT a FROM t ORDER BY a LIMIT 1", "ORDER BY clause parse error.", E_FAIL},
+      {"SELECT a FROM t ORDER a", "ORDER BY clause parse error.", E_FAIL},
+      {"SELECT a FROM t ORDER BY NOW()", "ORDER BY clause parse error.", E_FAIL},
+      {"SELECT a FROM t LIMIT x", "LIMIT clause parse error.", E_FAIL},
+      {"SELECT a FROM t LIMIT 1, x", "LIMIT clause parse error.", E_FAIL},
+      {"SELECT a FROM t x y", "End of the query was expected.", E_FAIL},
+      {"SELECT a FROM t;;", "End of the query was expected.", E_FAIL},
+      {"SELECT a FROM t GROUP BY a", "End of the query was expected.", E_FAIL},
+      {"INSERT t (a) VALUES (1)", "INTO clause is missing.", E_FAIL},
+      {"INSERT INTO 5 (a) VALUES (1)", "Table parse error.", E_FAIL},
+      {"INSERT INTO t VALUES (1)", "Columns parse error.", E_FAIL},
+      {"INSERT INTO t (a VALUES (1)", "Columns parse error.", E_FAIL},
+      {"INSERT INTO t () VALUES (1)", "Columns parse error.", E_FAIL},
+      {"INSERT INTO t (a) (1)", "Values parse error.", E_FAIL},
+      {"INSERT INTO t (a) VALUES 1", "Values parse error.", E_FAIL},
+      {"INSERT INTO t (a) VALUES (?)", "Values parse error.", E_FAIL},
+      {"INSERT INTO t (a) VALUES (1, 2", "Values parse error.", E_FAIL},
+      {"INSERT INTO t (a) VALUES (1), (2)", "End of the query was expected.", E_FAIL},
+      {"UPDATE 5 SET a = 1", "Table parse error.", E_FAIL},
+      {"UPDATE t a = 1", "SET is missing.", E_FAIL},
+      {"UPDATE t SET a 1", "Update columns parse error.", E_FAIL},
+      {"UPDATE t SET a = 1 WHERE", "WHERE clause parse error.", E_FAIL},
+      {"DELETE t WHERE a = 1", "FROM is missing.", E_FAIL},
+      {"DELETE FROM t WHERE a = ", "WHERE clause parse error.", E_FAIL},
+      {"DELETE FROM t LIMIT", "LIMIT clause parse error.", E_FAIL},
+      {"EXEC 5", "Stored procedure parse error.", E_FAIL},
+      {"EXEC p", "Parameters parse error.", E_FAIL},
+      {"EXEC p(1)", "Parameters parse error.", E_FAIL},
+      {"EXEC p 1 2", "End of the query was expected.", E_FAIL},
+      {"CALL p()", "Parameters parse error.", E_FAIL},
+      {"CALL p 1", "( is missing.", E_FAIL},
+      {"CALL p(1", ") is missing.", E_FAIL},
+      {"CALL p(1) x", "End of the query was expected.", E_FAIL},
+      // A token that cannot be read keeps its own code under the clause's message.
+      {"SELECT a FROM t WHERE a = 1e5", "WHERE clause parse error.", E_FAIL},
+      {"SELECT a FROM t WHERE a = 99999999999999999999", "WHERE clause parse error.", DISP_E_OVERFLOW},
+      {"SELECT a FROM t WHERE a = -", "WHERE clause parse error.", E_INVALIDARG},
+      {"SELECT TOP 1 \"a FROM t", "TOP clause parse error.", E_FAIL},
+      {"EXEC p 1, -x", "Parameters parse error.", DISP_E_TYPEMISMATCH},
+  };
+  for (const auto& c : cases) {
+    auto p = Parse(c.query);
+    EXPECT_EQ(p.hr, c.hr) << c.query;
+    EXPECT_EQ(p.error, std::string("Failed to parse the query: '") + c.query + "'. " + c.message) << c.query;
+    EXPECT_EQ(p.query, nullptr) << c.query;
+  }
+}
+
+TEST_F(SqlErrorTexts, ReturnValueWithoutEqualHasTheBareText) {
+  auto p = Parse("? CALL p(1)");
+  EXPECT_EQ(p.hr, E_FAIL);
+  EXPECT_EQ(p.error, "Failed to parse the query: '? CALL p(1)'.\n");
+}
+
+TEST_F(SqlErrorTexts, ReadFailureBeforeAnyClauseLeavesNoMessage) {
+  // The statement's first token after SELECT cannot be read: no clause was entered.
+  auto p = Parse("SELECT 1e5 FROM t");
+  EXPECT_EQ(p.hr, E_FAIL);
+  EXPECT_EQ(p.error, "");
+  auto q = Parse("\"unterminated");
+  EXPECT_EQ(q.hr, E_FAIL);
+  EXPECT_EQ(q.error, "");
+}
+
+TEST_F(SqlErrorTexts, QueryTextIsQuotedWhole) {
+  const std::string text = "SELECT a FROM \"t\" WHERE x = '%s %d' AND";
+  auto p = Parse(text);
+  EXPECT_EQ(p.error, "Failed to parse the query: '" + text + "'. WHERE clause parse error.");
+}
+
+TEST_F(SqlErrorTexts, UserFacingResourcesEndWithTheQuotedQuery) {
+  const std::pair<UINT, const char*> texts[] = {
+      {101, "SQL query parsing FAILED. The FROM clause is missing in the SQL query: "},
+      {201, "Failed to parse the query. SELECT clause can be followed by column(s), * or by the TOP clause. SQL query: "},
+      {202, "Failed to parse the query. FROM clause must be followed by the table(s). SQL query: "},
+      {203, "Failed to parse the query. Found error in the WHERE clause. SQL query: "},
+      {204, "Failed to parse the query. Found error in the LIMIT clause. SQL query: "},
+      {330, "SQL query parsing FAILED. SQL query: "},
+  };
+  for (const auto& [id, text] : texts) {
+    corvane::WString message;
+    ASSERT_EQ(FormatSQLString(id, OLESTR("SELECT a"), &message), S_OK) << id;
+    EXPECT_EQ(sqltest::W8(message), std::string(text) + "\"SELECT a\".");
+  }
+  corvane::WString message;
+  EXPECT_EQ(FormatSQLString(102, OLESTR("x"), &message), E_INVALIDARG);
+  EXPECT_EQ(LoadSQLString(0), nullptr);
+}
+
+}  // namespace
