@@ -116,7 +116,6 @@ void CivilFromDays(long long z, long long& y, unsigned& m, unsigned& d) {
 
 const long long kDateEpochDays = DaysFromCivil(1899, 12, 30);
 const long long kFileTimeEpochDays = DaysFromCivil(1601, 1, 1);
-constexpr long long kNanosPerDay = 86400LL * 1000000000LL;
 
 bool ValidTimestamp(const DBTIMESTAMP& ts) {
   static const unsigned kDays[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
@@ -152,11 +151,27 @@ bool DateToTimestamp(DATE date, DBTIMESTAMP& ts) {
   return true;
 }
 
+// Whole seconds go through the Automation routine, so a timestamp and the same time
+// parsed from text give the very same double; the fraction is added on top.
 DATE TimestampToDate(const DBTIMESTAMP& ts) {
-  const long long days = DaysFromCivil(ts.year, ts.month, ts.day) - kDateEpochDays;
-  const double time =
-      ((ts.hour * 3600.0 + ts.minute * 60.0 + ts.second) + ts.fraction / 1e9) / 86400.0;
-  return days >= 0 ? static_cast<double>(days) + time : static_cast<double>(days) - time;
+  SYSTEMTIME st{};
+  st.wYear = static_cast<WORD>(ts.year);
+  st.wMonth = ts.month;
+  st.wDay = ts.day;
+  st.wHour = ts.hour;
+  st.wMinute = ts.minute;
+  st.wSecond = ts.second;
+  DATE date = 0;
+  if (!SystemTimeToVariantTime(&st, &date)) {
+    const long long days = DaysFromCivil(ts.year, ts.month, ts.day) - kDateEpochDays;
+    const double time = (ts.hour * 3600.0 + ts.minute * 60.0 + ts.second) / 86400.0;
+    date = days >= 0 ? static_cast<double>(days) + time : static_cast<double>(days) - time;
+  }
+  if (ts.fraction != 0) {
+    const double fraction = ts.fraction / 1e9 / 86400.0;
+    date += date >= 0 ? fraction : -fraction;
+  }
+  return date;
 }
 
 bool FileTimeToTimestamp(const FILETIME& ft, DBTIMESTAMP& ts) {
@@ -625,9 +640,6 @@ bool SourceTimestamp(const Target& t, const Source& s, DBTIMESTAMP& ts, DBSTATUS
       n = scratch.size();
     }
     if (ParseCanonicalTimestamp(text, n, ts)) return true;
-  } else if (V_VT(s.value) != VT_DATE) {
-    // A VARIANT number is no point in time; only a date or a text is.
-    return false;
   }
   VARIANT date;
   VariantInit(&date);
@@ -640,6 +652,8 @@ bool SourceTimestamp(const Target& t, const Source& s, DBTIMESTAMP& ts, DBSTATUS
   return true;
 }
 
+// A date or a time of day is a part of a point in time, not a shortened one: what the
+// destination has no place for is dropped with S_OK.
 HRESULT ToTime(const Target& t, const Source& s) {
   DBTIMESTAMP ts{};
   DBSTATUS failure;
@@ -653,14 +667,13 @@ HRESULT ToTime(const Target& t, const Source& s) {
       DBDATE d{ts.year, ts.month, ts.day};
       std::memcpy(t.dst, &d, sizeof d);
       t.SetLength(sizeof d);
-      const bool lost = ts.hour != 0 || ts.minute != 0 || ts.second != 0 || ts.fraction != 0;
-      return t.Ok(lost ? DBSTATUS_S_TRUNCATED : DBSTATUS_S_OK);
+      return t.Ok();
     }
     case DBTYPE_DBTIME: {
       DBTIME tm{ts.hour, ts.minute, ts.second};
       std::memcpy(t.dst, &tm, sizeof tm);
       t.SetLength(sizeof tm);
-      return t.Ok(ts.fraction != 0 ? DBSTATUS_S_TRUNCATED : DBSTATUS_S_OK);
+      return t.Ok();
     }
     default: {  // FILETIME
       const long long days = DaysFromCivil(ts.year, ts.month, ts.day) - kFileTimeEpochDays;

@@ -323,19 +323,32 @@ TEST_F(DataConvertDates, DateAndTimestampKeepMilliseconds) {
   EXPECT_EQ(DBSTATUS_E_DATAOVERFLOW, Convert(DBTYPE_DATE, DBTYPE_DBTIMESTAMP, &outOfRange, &back).status);
 }
 
-TEST_F(DataConvertDates, PartsOfATimestampReportWhatIsLost) {
+TEST_F(DataConvertDates, PartsOfATimestampKeepOnlyTheirOwnFields) {
   DBTIMESTAMP ts{2024, 2, 29, 13, 14, 15, 500};
   DBDATE d{};
   Outcome o = Convert(DBTYPE_DBTIMESTAMP, DBTYPE_DBDATE, &ts, &d);
-  EXPECT_EQ(DBSTATUS_S_TRUNCATED, o.status);
+  EXPECT_EQ(DBSTATUS_S_OK, o.status);
   EXPECT_EQ(6u, o.length);
+  EXPECT_EQ(2024, d.year);
+  EXPECT_EQ(2, d.month);
   EXPECT_EQ(29, d.day);
   DBTIME t{};
   o = Convert(DBTYPE_DBTIMESTAMP, DBTYPE_DBTIME, &ts, &t);
-  EXPECT_EQ(DBSTATUS_S_TRUNCATED, o.status);
+  EXPECT_EQ(DBSTATUS_S_OK, o.status);
   EXPECT_EQ(13, t.hour);
-  ts = DBTIMESTAMP{2024, 2, 29, 0, 0, 0, 0};
-  EXPECT_EQ(DBSTATUS_S_OK, Convert(DBTYPE_DBTIMESTAMP, DBTYPE_DBDATE, &ts, &d).status);
+  EXPECT_EQ(15, t.second);
+
+  // And back: a date is its midnight, a time is on DATE's day zero.
+  DBTIMESTAMP back{};
+  Convert(DBTYPE_DBDATE, DBTYPE_DBTIMESTAMP, &d, &back);
+  EXPECT_EQ(0, back.hour);
+  EXPECT_EQ(29, back.day);
+  DATE date = 1;
+  Convert(DBTYPE_DBTIME, DBTYPE_DATE, &t, &date);
+  EXPECT_NEAR((13 * 3600 + 14 * 60 + 15) / 86400.0, date, 1e-12);
+  OLECHAR text[16];
+  Convert(DBTYPE_DBTIME, DBTYPE_WSTR, &t, text, sizeof text);
+  EXPECT_EQ(W("13:14:15"), WString(text));
 
   DBTIMESTAMP bad{2023, 2, 29, 0, 0, 0, 0};
   EXPECT_EQ(DBSTATUS_E_CANTCONVERTVALUE, Convert(DBTYPE_DBTIMESTAMP, DBTYPE_DBDATE, &bad, &d).status);
@@ -355,23 +368,25 @@ TEST_F(DataConvertDates, FileTimeCountsHundredsOfNanosecondsSince1601) {
   EXPECT_EQ(DBSTATUS_E_DATAOVERFLOW, Convert(DBTYPE_DBTIMESTAMP, DBTYPE_FILETIME, &before, &ft).status);
 }
 
-TEST_F(DataConvertDates, NumbersAreNoPointsInTime) {
+TEST_F(DataConvertDates, OnlyDatesTextAndVariantsBecomePointsInTime) {
   LONG i4 = 5;
   DBTIMESTAMP ts{};
   Outcome o = Convert(DBTYPE_I4, DBTYPE_DBTIMESTAMP, &i4, &ts);
   EXPECT_EQ(DB_E_UNSUPPORTEDCONVERSION, o.hr);
   EXPECT_EQ(DBSTATUS_E_BADACCESSOR, o.status);
   EXPECT_EQ(S_FALSE, convert_->CanConvert(DBTYPE_DBTIMESTAMP, DBTYPE_R8));
-  // A VARIANT decides by what it holds.
-  VARIANT v;
-  VariantInit(&v);
-  V_VT(&v) = VT_R8;
-  V_R8(&v) = 2.0;
-  EXPECT_EQ(DBSTATUS_E_CANTCONVERTVALUE, Convert(DBTYPE_VARIANT, DBTYPE_DBTIMESTAMP, &v, &ts).status);
-  // DATE is both: a number of days.
+  // DATE is a number of days, and a VARIANT converts by the Automation rules.
   DATE date = 0;
   EXPECT_EQ(S_OK, Convert(DBTYPE_I4, DBTYPE_DATE, &i4, &date).hr);
   EXPECT_EQ(5.0, date);
+  VARIANT v;
+  VariantInit(&v);
+  V_VT(&v) = VT_R8;
+  V_R8(&v) = 2.5;
+  EXPECT_EQ(S_OK, Convert(DBTYPE_VARIANT, DBTYPE_DBTIMESTAMP, &v, &ts).hr);
+  EXPECT_EQ(1900, ts.year);
+  EXPECT_EQ(1, ts.day);
+  EXPECT_EQ(12, ts.hour);
 }
 
 // ---- VARIANT sources and destinations
