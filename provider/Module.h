@@ -1,14 +1,13 @@
-// The in-process server module: its lock count (live objects plus server locks),
-// which DllCanUnloadNow reads, and the module's instance handle on Windows.
+// The module's five exports and the lock-count shorthand used by the provider's COM
+// objects (the module object itself is CCorvaneOleDbProviderModule).
 #pragma once
 #include "platform/Platform.h"
+#include "provider/CorvaneOleDbProviderModule.h"
 
 namespace corvane::module {
-// Every COM object of the provider and every IClassFactory::LockServer(TRUE) takes a
-// lock; the module may unload only when none is held.
-void Lock();
-void Unlock();
-long LockCount();
+inline void Lock() { CCorvaneOleDbProviderModule::Lock(); }
+inline void Unlock() { CCorvaneOleDbProviderModule::Unlock(); }
+inline long LockCount() { return CCorvaneOleDbProviderModule::LockCount(); }
 #ifdef _WIN32
 HINSTANCE Instance();
 #endif

@@ -81,7 +81,7 @@ TEST(ModuleEntryPoints, ExportsTheFiveEntryPointsAndNothingElse) {
   EXPECT_EQ(module.Symbol("_ZN9ORelTrace8RegisterEPKw"), nullptr);
 }
 
-TEST(ModuleEntryPoints, AnswerAsAServerWithNoClassYet) {
+TEST(ModuleEntryPoints, ServeOnlyTheCreationObject) {
   LoadedModule module;
   ASSERT_TRUE(module.Loaded());
   auto getClassObject = module.Get<GetClassObjectFn>("DllGetClassObject");
@@ -90,8 +90,18 @@ TEST(ModuleEntryPoints, AnswerAsAServerWithNoClassYet) {
 
   EXPECT_EQ(canUnloadNow(), S_OK);
   void* pv = reinterpret_cast<void*>(static_cast<uintptr_t>(0xBAD));
-  EXPECT_EQ(getClassObject(kClsid, IID_IClassFactory, &pv), CLASS_E_CLASSNOTAVAILABLE);
-  EXPECT_EQ(pv, nullptr);
+  ASSERT_EQ(getClassObject(kClsid, IID_IClassFactory, &pv), S_OK);
+  auto* factory = static_cast<IClassFactory*>(pv);
+  EXPECT_EQ(factory->LockServer(TRUE), S_OK);
+  EXPECT_EQ(canUnloadNow(), S_FALSE);
+  EXPECT_EQ(factory->LockServer(FALSE), S_OK);
+  IUnknown* creator = nullptr;
+  ASSERT_EQ(factory->CreateInstance(nullptr, IID_IUnknown, reinterpret_cast<void**>(&creator)), S_OK);
+  factory->Release();
+  EXPECT_EQ(canUnloadNow(), S_FALSE);  // the creation object holds the module
+  creator->Release();
+  EXPECT_EQ(canUnloadNow(), S_OK);
+  pv = reinterpret_cast<void*>(static_cast<uintptr_t>(0xBAD));
   EXPECT_EQ(getClassObject(GUID_NULL, IID_IUnknown, &pv), CLASS_E_CLASSNOTAVAILABLE);
   EXPECT_EQ(getClassObject(kClsid, IID_IClassFactory, nullptr), E_POINTER);
   EXPECT_EQ(canUnloadNow(), S_OK);
@@ -170,8 +180,9 @@ TEST(ModuleRegistration, WritesAndRemovesTheComKeys) {
   EXPECT_TRUE(IsEqualCLSID(clsid, kClsid));
   IUnknown* unk = nullptr;
   EXPECT_EQ(CoCreateInstance(kClsid, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown, reinterpret_cast<void**>(&unk)),
-            CLASS_E_CLASSNOTAVAILABLE);
-  EXPECT_EQ(unk, nullptr);
+            S_OK);
+  ASSERT_NE(unk, nullptr);
+  unk->Release();
   CoUninitialize();
 
   ASSERT_EQ(unreg(), S_OK);

@@ -1,0 +1,151 @@
+#include "provider/CreateCorvaneOleDbProviderImpl.h"
+
+#include <new>
+
+#include "provider/HistorianInterfaces.h"
+#include "provider/Module.h"
+#include "provider/ProviderDataSource.h"
+#include "provider/Trace.h"
+
+namespace {
+
+// Releases a local reference on every path out of Create.
+template <typename T>
+struct LocalRef {
+  T* p = nullptr;
+  ~LocalRef() {
+    if (p) p->Release();
+  }
+  void** out() { return reinterpret_cast<void**>(&p); }
+};
+
+}  // namespace
+
+HRESULT CCreateCorvaneOleDbProviderImpl::CreateInstance(IUnknown* pUnkOuter, REFIID riid, void** ppv) {
+  if (!ppv) return E_POINTER;
+  *ppv = nullptr;
+  if (pUnkOuter) return CLASS_E_NOAGGREGATION;
+  auto* object = new (std::nothrow) CCreateCorvaneOleDbProviderImpl();
+  if (!object) return E_OUTOFMEMORY;
+  const HRESULT hr = object->QueryInterface(riid, ppv);
+  object->Release();
+  return hr;
+}
+
+CCreateCorvaneOleDbProviderImpl::CCreateCorvaneOleDbProviderImpl() { corvane::module::Lock(); }
+CCreateCorvaneOleDbProviderImpl::~CCreateCorvaneOleDbProviderImpl() { corvane::module::Unlock(); }
+
+HRESULT CCreateCorvaneOleDbProviderImpl::QueryInterface(REFIID riid, void** ppv) {
+  if (!ppv) return E_POINTER;
+  if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_ICreateCorvaneOleDbProvider)) {
+    *ppv = static_cast<ICreateCorvaneOleDbProvider*>(this);
+    AddRef();
+    return S_OK;
+  }
+  *ppv = nullptr;
+  return E_NOINTERFACE;
+}
+
+ULONG CCreateCorvaneOleDbProviderImpl::AddRef() { return refs_.fetch_add(1, std::memory_order_relaxed) + 1; }
+
+ULONG CCreateCorvaneOleDbProviderImpl::Release() {
+  const ULONG left = refs_.fetch_sub(1, std::memory_order_acq_rel) - 1;
+  if (left == 0) delete this;
+  return left;
+}
+
+HRESULT CCreateCorvaneOleDbProviderImpl::Create(IUnknown* pProvider, IUnknown** ppUnk) {
+  if (!pProvider || !ppUnk) return E_INVALIDARG;
+
+  LocalRef<IRawDataProvider> raw;
+  HRESULT hr = pProvider->QueryInterface(IID_IRawDataProvider, raw.out());
+  if (FAILED(hr)) {
+    raw.p = nullptr;
+    CVTRACE(TRACE_ERROR, OLESTR("Unable to initialize IRawDataProvider interface"));
+    return hr;
+  }
+
+  LocalRef<IProcessedDataProvider> processed;
+  if (FAILED(pProvider->QueryInterface(IID_IProcessedDataProvider, processed.out()))) {
+    processed.p = nullptr;
+    // The host has no aggregates of its own: the aggregates component builds them on
+    // top of the raw history.
+    LocalRef<IAggregates> aggregates;
+    CLSID clsid;
+    hr = CLSIDFromProgID(CORVANE_AGGREGATES_PROGID, &clsid);
+    if (SUCCEEDED(hr))
+      hr = CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_IAggregates, aggregates.out());
+    if (FAILED(hr)) {
+      aggregates.p = nullptr;
+      CVTRACE(TRACE_ERROR, OLESTR("Unable to initialize IAggregates interface"));
+      return hr;
+    }
+    hr = aggregates.p->CreateProcessedProvider(raw.p, &processed.p);
+    if (FAILED(hr)) {
+      processed.p = nullptr;
+      CVTRACE(TRACE_ERROR, OLESTR("Unable to initialize IProcessedDataProvider interface"));
+      return hr;
+    }
+  }
+
+  LocalRef<IValuesProvider> values;
+  if (FAILED(pProvider->QueryInterface(IID_IValuesProvider, values.out()))) {
+    values.p = nullptr;
+    CVTRACE(TRACE_WARNING, OLESTR("Unable to initialize IValuesProvider interface"));
+  }
+
+  CProviderDataSource* dataSource = nullptr;
+  hr = CProviderDataSource::CreateInstance(&dataSource);
+  if (FAILED(hr)) {
+    CVTRACE(TRACE_ERROR, OLESTR("Unable to create data source object"));
+    return hr;
+  }
+  dataSource->AddRef();
+  dataSource->InitializeDataSource(raw.p, processed.p, values.p);
+  hr = dataSource->QueryInterface(IID_IUnknown, reinterpret_cast<void**>(ppUnk));
+  dataSource->Release();
+  return hr;
+}
+
+// ---- Class factory
+
+HRESULT CCreateCorvaneOleDbProviderFactory::Create(REFIID riid, void** ppv) {
+  if (!ppv) return E_POINTER;
+  *ppv = nullptr;
+  auto* factory = new (std::nothrow) CCreateCorvaneOleDbProviderFactory();
+  if (!factory) return E_OUTOFMEMORY;
+  const HRESULT hr = factory->QueryInterface(riid, ppv);
+  factory->Release();
+  return hr;
+}
+
+HRESULT CCreateCorvaneOleDbProviderFactory::QueryInterface(REFIID riid, void** ppv) {
+  if (!ppv) return E_POINTER;
+  if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IClassFactory)) {
+    *ppv = static_cast<IClassFactory*>(this);
+    AddRef();
+    return S_OK;
+  }
+  *ppv = nullptr;
+  return E_NOINTERFACE;
+}
+
+ULONG CCreateCorvaneOleDbProviderFactory::AddRef() { return refs_.fetch_add(1, std::memory_order_relaxed) + 1; }
+
+ULONG CCreateCorvaneOleDbProviderFactory::Release() {
+  const ULONG left = refs_.fetch_sub(1, std::memory_order_acq_rel) - 1;
+  if (left == 0) delete this;
+  return left;
+}
+
+HRESULT CCreateCorvaneOleDbProviderFactory::CreateInstance(IUnknown* pUnkOuter, REFIID riid, void** ppv) {
+  return CCreateCorvaneOleDbProviderImpl::CreateInstance(pUnkOuter, riid, ppv);
+}
+
+HRESULT CCreateCorvaneOleDbProviderFactory::LockServer(BOOL fLock) {
+  if (fLock)
+    corvane::module::Lock();
+  else
+    corvane::module::Unlock();
+  return S_OK;
+}

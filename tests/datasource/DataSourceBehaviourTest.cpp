@@ -1,0 +1,368 @@
+// The data source on its own (as Create makes it): property rules before and after
+// Initialize, the provider string, the query settings, IDBInfo and the error records
+// of failed calls.
+#include <gtest/gtest.h>
+
+#include "platform/WideString.h"
+#include "provider/ErrorReporting.h"
+#include "provider/ICreateCorvaneOleDbProvider.h"
+#include "provider/ProviderDataSource.h"
+#include "tests/support/LeakCheckedTest.h"
+#include "tests/support/TraceCapture.h"
+
+using corvane::CPropertyEngine;
+using corvane::ToUtf8;
+using corvane::test::TraceCapture;
+
+namespace {
+
+ULONGLONG U64(const FILETIME& ft) { return (static_cast<ULONGLONG>(ft.dwHighDateTime) << 32) | ft.dwLowDateTime; }
+
+FILETIME Utc(WORD y, WORD mo, WORD d, WORD h, WORD mi, WORD s, WORD ms = 0) {
+  SYSTEMTIME st{};
+  st.wYear = y;
+  st.wMonth = mo;
+  st.wDay = d;
+  st.wHour = h;
+  st.wMinute = mi;
+  st.wSecond = s;
+  st.wMilliseconds = ms;
+  FILETIME ft{};
+  SystemTimeToFileTime(&st, &ft);
+  return ft;
+}
+
+class DataSourceTest : public corvane::test::LeakCheckedTest {
+ protected:
+  void SetUp() override {
+    LeakCheckedTest::SetUp();
+    corvane::ClearErrorRecords();
+    ASSERT_EQ(S_OK, CProviderDataSource::CreateInstance(&ds_));
+    ds_->AddRef();
+  }
+  void TearDown() override {
+    ds_->Release();
+    corvane::ClearErrorRecords();
+    LeakCheckedTest::TearDown();
+  }
+  HRESULT SetString(DBPROPID id, const OLECHAR* text, DBPROPSTATUS* status = nullptr) {
+    DBPROP prop{};
+    prop.dwPropertyID = id;
+    prop.vValue.vt = VT_BSTR;
+    prop.vValue.bstrVal = SysAllocString(text);
+    DBPROPSET set{&prop, 1, DBPROPSET_DBINIT};
+    const HRESULT hr = ds_->SetProperties(1, &set);
+    if (status) *status = prop.dwStatus;
+    VariantClear(&prop.vValue);
+    return hr;
+  }
+  std::string Get(BSTR text) {
+    std::string s = ToUtf8(text);
+    SysFreeString(text);
+    return s;
+  }
+  std::string Schema() {
+    BSTR b = nullptr;
+    ds_->GetDefaultSchema(&b);
+    return Get(b);
+  }
+  std::string Catalog() {
+    BSTR b = nullptr;
+    ds_->GetDefaultCatalog(&b);
+    return Get(b);
+  }
+  FILETIME Take(HRESULT (CProviderDataSource::*getter)(FILETIME**)) {
+    FILETIME* p = nullptr;
+    EXPECT_EQ(S_OK, (ds_->*getter)(&p));
+    FILETIME v = p ? *p : FILETIME{};
+    CoTaskMemFree(p);
+    return v;
+  }
+  CProviderDataSource* ds_ = nullptr;
+};
+
+using DataSourceProperties = DataSourceTest;
+using ProviderString = DataSourceTest;
+using QuerySettingsRules = DataSourceTest;
+using DataSourceInfo = DataSourceTest;
+
+}  // namespace
+
+TEST_F(DataSourceProperties, InitialisationPropertiesOnlyUntilInitialised) {
+  // Before Initialize only DBINIT exists; the information set is not supported yet.
+  ULONG n = 0;
+  DBPROPSET* sets = nullptr;
+  ASSERT_EQ(S_OK, ds_->GetProperties(0, nullptr, &n, &sets));
+  ASSERT_EQ(1u, n);
+  EXPECT_TRUE(IsEqualGUID(DBPROPSET_DBINIT, sets[0].guidPropertySet));
+  EXPECT_EQ(10u, sets[0].cProperties);
+  CPropertyEngine::FreePropertySets(n, sets);
+  DBPROPID threading = DBPROP_DSOTHREADMODEL;
+  DBPROPIDSET info{&threading, 1, DBPROPSET_DATASOURCEINFO};
+  EXPECT_EQ(DB_E_ERRORSOCCURRED, ds_->GetProperties(1, &info, &n, &sets));
+  EXPECT_EQ(DBPROPSTATUS_NOTSUPPORTED, sets[0].rgProperties[0].dwStatus);
+  CPropertyEngine::FreePropertySets(n, sets);
+
+  DBPROPSTATUS status = 99;
+  EXPECT_EQ(S_OK, SetString(DBPROP_AUTH_USERID, OLESTR("operator"), &status));
+  EXPECT_EQ(DBPROPSTATUS_OK, status);
+  ASSERT_EQ(S_OK, ds_->Initialize());
+
+  // Afterwards the information set reads, the user id stays, and DBINIT is fixed.
+  DBPROPID ids[] = {DBPROP_DSOTHREADMODEL, DBPROP_PROVIDEROLEDBVER, DBPROP_SQLSUPPORT};
+  DBPROPIDSET asked[2] = {{ids, 3, DBPROPSET_DATASOURCEINFO}, {nullptr, 0, DBPROPSET_DBINIT}};
+  ASSERT_EQ(S_OK, ds_->GetProperties(2, asked, &n, &sets));
+  EXPECT_EQ(DBPROPVAL_RT_FREETHREAD, sets[0].rgProperties[0].vValue.lVal);
+  EXPECT_EQ("2.50", ToUtf8(sets[0].rgProperties[1].vValue.bstrVal));
+  EXPECT_EQ(DBPROPVAL_SQL_ANSI92_ENTRY, sets[0].rgProperties[2].vValue.lVal);
+  bool sawUser = false;
+  for (ULONG i = 0; i < sets[1].cProperties; ++i)
+    if (sets[1].rgProperties[i].dwPropertyID == DBPROP_AUTH_USERID) {
+      sawUser = true;
+      EXPECT_EQ("operator", ToUtf8(sets[1].rgProperties[i].vValue.bstrVal));
+    }
+  EXPECT_TRUE(sawUser);
+  CPropertyEngine::FreePropertySets(n, sets);
+  EXPECT_EQ(DB_E_ERRORSOCCURRED, SetString(DBPROP_AUTH_USERID, OLESTR("late"), &status));
+  EXPECT_EQ(DBPROPSTATUS_NOTSETTABLE, status);
+
+  // Read-only information cannot change; the writable one can.
+  DBPROP props[2] = {};
+  props[0].dwPropertyID = DBPROP_USERNAME;
+  props[0].vValue.vt = VT_BSTR;
+  props[0].vValue.bstrVal = SysAllocString(OLESTR("admin"));
+  props[1].dwPropertyID = DBPROP_SERVERDATAONINSERT;
+  props[1].vValue.vt = VT_BOOL;
+  props[1].vValue.boolVal = VARIANT_FALSE;
+  DBPROPSET set{props, 2, DBPROPSET_DATASOURCEINFO};
+  EXPECT_EQ(DB_S_ERRORSOCCURRED, ds_->SetProperties(1, &set));
+  EXPECT_EQ(DBPROPSTATUS_NOTSETTABLE, props[0].dwStatus);
+  EXPECT_EQ(DBPROPSTATUS_OK, props[1].dwStatus);
+  VariantClear(&props[0].vValue);
+
+  // Uninitialize makes DBINIT settable again.
+  ASSERT_EQ(S_OK, ds_->Uninitialize());
+  EXPECT_EQ(S_OK, SetString(DBPROP_AUTH_USERID, OLESTR("again")));
+}
+
+TEST_F(DataSourceProperties, PropertyInfoDescribesEveryProperty) {
+  ASSERT_EQ(S_OK, ds_->Initialize());
+  DBPROPIDSET all[2] = {{nullptr, 0, DBPROPSET_DBINITALL}, {nullptr, 0, DBPROPSET_DATASOURCEINFOALL}};
+  ULONG n = 0;
+  DBPROPINFOSET* infos = nullptr;
+  OLECHAR* buffer = nullptr;
+  ASSERT_EQ(S_OK, ds_->GetPropertyInfo(2, all, &n, &infos, &buffer));
+  ASSERT_EQ(2u, n);
+  ASSERT_EQ(10u, infos[0].cPropertyInfos);
+  ASSERT_EQ(13u, infos[1].cPropertyInfos);
+  std::vector<std::string> texts;
+  for (ULONG s = 0; s < n; ++s)
+    for (ULONG p = 0; p < infos[s].cPropertyInfos; ++p) texts.push_back(ToUtf8(infos[s].rgPropertyInfos[p].pwszDescription));
+  const std::vector<std::string> expected = {
+      "Password", "Persist Security Info", "User ID", "OLE DB Services", "Mode", "Prompt", "Extended Properties",
+      "Initial Catalog", "Data Source", "Location", "Multiple Parameter Sets", "Pass By Ref Accessors",
+      "Read-Only Data Source", "ISupportErrorInfo", "Data Source Object Threading Model",
+      "Output Parameter Availability", "OLE DB Version", "Provider Version", "Isolation Levels", "SQL Support",
+      "Server Data on Insert", "User Name", "Active Sessions"};
+  EXPECT_EQ(expected, texts);
+  EXPECT_EQ(DBPROPFLAGS_DBINIT | DBPROPFLAGS_READ | DBPROPFLAGS_WRITE, infos[0].rgPropertyInfos[5].dwFlags);
+  EXPECT_EQ(VT_I2, infos[0].rgPropertyInfos[5].vtType);  // Prompt
+  EXPECT_EQ(DBPROPFLAGS_DATASOURCEINFO | DBPROPFLAGS_READ, infos[1].rgPropertyInfos[0].dwFlags);
+  CPropertyEngine::FreePropertyInfoSets(n, infos, buffer);
+}
+
+TEST_F(DataSourceProperties, FailuresAreTracedAndPostedAsErrorRecords) {
+  TraceCapture trace;
+  ASSERT_EQ(S_OK, ds_->Initialize());
+  EXPECT_EQ(DB_E_ALREADYINITIALIZED, ds_->Initialize());
+  EXPECT_TRUE(trace.Contains("Called CProviderDataSource::Initialize"));
+  EXPECT_TRUE(trace.Contains("Initialize, HR = 80040E52"));
+#ifndef _WIN32
+  auto records = corvane::platform::TakeErrorRecords();
+  ASSERT_EQ(1u, records.size());
+  EXPECT_EQ(DB_E_ALREADYINITIALIZED, records[0].info.hrError);
+  EXPECT_TRUE(IsEqualIID(IID_IDBInitialize, records[0].info.iid));
+  EXPECT_EQ("CProviderDataSource class", ToUtf8(corvane::WStringView(records[0].source)));
+  EXPECT_EQ("Failed to initialize/unitialize a data source (IID_IDBInitialize). Details: No more details "
+            "(HRESULT = 80040E52).",
+            ToUtf8(corvane::WStringView(records[0].description)));
+  // A successful call leaves no record behind.
+  LONG rows = 0;
+  EXPECT_EQ(S_OK, ds_->GetMaxRowsToReturn(&rows));
+  ULONG n = 0;
+  DBPROPSET* sets = nullptr;
+  EXPECT_EQ(S_OK, ds_->GetProperties(0, nullptr, &n, &sets));
+  CPropertyEngine::FreePropertySets(n, sets);
+  EXPECT_EQ(0u, corvane::platform::ErrorRecordCount());
+  EXPECT_EQ(E_INVALIDARG, ds_->GetProperties(0, nullptr, nullptr, &sets));
+  EXPECT_TRUE(trace.Contains("GetProperties, HR = 80070057"));
+  ASSERT_EQ(1u, corvane::platform::ErrorRecordCount());
+#endif
+  EXPECT_EQ(S_OK, ds_->InterfaceSupportsErrorInfo(IID_IDBInitialize));
+  EXPECT_EQ(S_OK, ds_->InterfaceSupportsErrorInfo(IID_IProviderDataSource));
+  EXPECT_EQ(S_FALSE, ds_->InterfaceSupportsErrorInfo(IID_IPersist));
+}
+
+TEST_F(ProviderString, ItemsSchemaAndUserTimeRange) {
+  FILETIME* before = nullptr;
+  ds_->GetEndTime(&before);
+  const ULONGLONG defaultEnd = U64(*before);
+  CoTaskMemFree(before);
+
+  TraceCapture trace;
+  ASSERT_EQ(S_OK, SetString(DBPROP_INIT_PROVIDERSTRING,
+                            OLESTR(";;initial schema=plant;Default Tag=T1;Bogus=1;NoEquals;Use Timestamps=TRUE;"
+                                   "Timestamp Start=2024-01-02 03:04:05.250;Timestamp End=;Byref Strings=a=b;")));
+  EXPECT_TRUE(trace.Contains("Set INIT_PROVIDERSTRING = ;;initial schema=plant;Default Tag=T1;Bogus=1;NoEquals;"
+                             "Use Timestamps=TRUE;Timestamp Start=2024-01-02 03:04:05.250;Timestamp End=;"
+                             "Byref Strings=a=b;"));
+  EXPECT_EQ("plant", Schema());
+  auto items = ds_->ProviderItems();
+  EXPECT_EQ("T1", ToUtf8(items[CProviderDataSource::kDefaultTag].second));
+  EXPECT_EQ("a=b", ToUtf8(items[CProviderDataSource::kByrefStrings].second));  // first '=' splits
+  EXPECT_EQ("Bogus", ToUtf8(items[CProviderDataSource::kUnknownItem].first));
+  EXPECT_EQ(7u, items.size());
+  // Only the start was given: start and flag change, the end keeps its default.
+  EXPECT_EQ(U64(Utc(2024, 1, 2, 3, 4, 5, 250)), U64(Take(&CProviderDataSource::GetStartTime)));
+  EXPECT_EQ(defaultEnd, U64(Take(&CProviderDataSource::GetEndTime)));
+  LONG use = 0;
+  ds_->GetUseUserTimeRange(&use);
+  EXPECT_EQ(1, use);
+
+  // Without "true" the timestamps are ignored; a missing schema item empties the schema.
+  ASSERT_EQ(S_OK, ds_->SetUseUserTimeRange(0));
+  ASSERT_EQ(S_OK, SetString(DBPROP_INIT_PROVIDERSTRING,
+                            OLESTR("Use Timestamps=false;Timestamp Start=2020-01-01 00:00:00")));
+  EXPECT_EQ(U64(Utc(2024, 1, 2, 3, 4, 5, 250)), U64(Take(&CProviderDataSource::GetStartTime)));
+  ds_->GetUseUserTimeRange(&use);
+  EXPECT_EQ(0, use);
+  EXPECT_EQ("", Schema());
+  ASSERT_EQ(S_OK, SetString(DBPROP_INIT_PROVIDERSTRING, OLESTR("Timestamp End=2020-01-01 00:00:00")));
+  EXPECT_EQ(defaultEnd, U64(Take(&CProviderDataSource::GetEndTime)));
+
+  // Initialize fills empty names; a schema emptied after it stays empty.
+  ASSERT_EQ(S_OK, SetString(DBPROP_INIT_CATALOG, OLESTR("")));
+  EXPECT_TRUE(trace.Contains("Set INIT_CATALOG = "));
+  ASSERT_EQ(S_OK, ds_->Initialize());
+  EXPECT_EQ("_default_schema_", Schema());
+  EXPECT_EQ("_default_catalog_", Catalog());
+  DBPROPSTATUS status = 0;
+  EXPECT_EQ(DB_E_ERRORSOCCURRED, SetString(DBPROP_INIT_PROVIDERSTRING, OLESTR("Initial Schema="), &status));
+  EXPECT_EQ(DBPROPSTATUS_NOTSETTABLE, status);
+  EXPECT_EQ("", Schema());
+}
+
+TEST_F(ProviderString, DataSourceCatalogAndWindowHandleByIdentifierAlone) {
+  TraceCapture trace;
+  DBPROP props[3] = {};
+  props[0].dwPropertyID = DBPROP_INIT_DATASOURCE;
+  props[0].vValue.vt = VT_BSTR;  // a null BSTR is an empty string
+  props[1].dwPropertyID = DBPROP_INIT_CATALOG;
+  props[1].vValue.vt = VT_BSTR;
+  props[1].vValue.bstrVal = SysAllocString(OLESTR("History"));
+  props[2].dwPropertyID = DBPROP_INIT_HWND;
+  props[2].vValue.vt = VT_I2;
+  props[2].vValue.iVal = 12;
+  DBPROPSET set{props, 3, DBPROPSET_ROWSET};  // the wrong set: the engine refuses them
+  EXPECT_EQ(DB_E_ERRORSOCCURRED, ds_->SetProperties(1, &set));
+  EXPECT_TRUE(trace.Contains("Set INIT_DATASOURCE = "));
+  EXPECT_TRUE(trace.Contains("Set INIT_CATALOG = History"));
+  EXPECT_EQ("History", Catalog());
+  EXPECT_EQ(VT_I4, props[2].vValue.vt);
+  EXPECT_EQ(12, props[2].vValue.lVal);
+  VariantClear(&props[1].vValue);
+}
+
+TEST_F(QuerySettingsRules, DefaultsAndTheRangeAQueryUses) {
+  LONG l = 0;
+  BYTE b = 9;
+  ds_->GetMaxRowsToReturn(&l);
+  EXPECT_EQ(2000, l);
+  ds_->GetTreatUncertainAsGood(&l);
+  EXPECT_EQ(1, l);
+  ds_->GetAllowEmptyTag(&l);
+  EXPECT_EQ(1, l);
+  ds_->GetUseUserTimeRange(&l);
+  EXPECT_EQ(0, l);
+  ds_->GetPercentDataBad(&b);
+  EXPECT_EQ(0, b);
+  b = 9;
+  ds_->GetPercentDataGood(&b);
+  EXPECT_EQ(0, b);
+  EXPECT_EQ(E_INVALIDARG, ds_->GetPercentDataGood(nullptr));
+  EXPECT_EQ(E_INVALIDARG, ds_->GetStartTimeForQuery(nullptr));
+  const ULONGLONG start = U64(Take(&CProviderDataSource::GetStartTime));
+  const ULONGLONG end = U64(Take(&CProviderDataSource::GetEndTime));
+  EXPECT_EQ(corvane::kDefaultQueryWindow, end - start);
+
+  // Setters store anything, unchecked.
+  ds_->SetPercentDataBad(250);
+  ds_->GetPercentDataBad(&b);
+  EXPECT_EQ(250, b);
+
+  const FILETIME userStart = Utc(2023, 5, 1, 0, 0, 0), userEnd = Utc(2023, 5, 2, 0, 0, 0);
+  ds_->SetStartTime(userStart);
+  ds_->SetEndTime(userEnd);
+  ASSERT_EQ(S_OK, ds_->UpdateQueryTimeRange());
+  const ULONGLONG qStart = U64(Take(&CProviderDataSource::GetStartTimeForQuery));
+  const ULONGLONG qEnd = U64(Take(&CProviderDataSource::GetEndTimeForQuery));
+  EXPECT_EQ(corvane::kDefaultQueryWindow, qEnd - qStart);
+  EXPECT_GE(qEnd, end);
+  for (LONG flag : {1, 2, 0}) {
+    TraceCapture trace;
+    ds_->SetUseUserTimeRange(flag);
+    EXPECT_TRUE(trace.Contains("Called CProviderDataSource::SetUseUserTimeRange, VALUE = " + std::to_string(flag)));
+    const bool user = flag == 1;  // only exactly 1 picks the user range
+    EXPECT_EQ(user ? U64(userStart) : qStart, U64(Take(&CProviderDataSource::GetStartTimeForQuery))) << flag;
+    EXPECT_EQ(user ? U64(userEnd) : qEnd, U64(Take(&CProviderDataSource::GetEndTimeForQuery))) << flag;
+    if (user) {
+      EXPECT_TRUE(trace.Contains("VALUE = 2023-05-01 00:00:00.000"));
+    }
+  }
+}
+
+TEST_F(DataSourceInfo, KeywordsLiteralsSessionAndClass) {
+  LPOLESTR keywords = nullptr;
+  EXPECT_EQ(E_UNEXPECTED, ds_->GetKeywords(&keywords));
+  IUnknown* session = nullptr;
+  EXPECT_EQ(E_UNEXPECTED, ds_->CreateSession(nullptr, IID_IUnknown, &session));
+  ASSERT_EQ(S_OK, ds_->Initialize());
+  ASSERT_EQ(S_OK, ds_->GetKeywords(&keywords));
+  EXPECT_EQ("QualityToStr;AccessRightsToStr;DataTypeToStr", ToUtf8(keywords));
+  CoTaskMemFree(keywords);
+  EXPECT_EQ(E_INVALIDARG, ds_->GetKeywords(nullptr));
+
+  DBLITERAL asked[] = {DBLITERAL_CATALOG_SEPARATOR, DBLITERAL_QUOTE_PREFIX, DBLITERAL_CURSOR_NAME,
+                       DBLITERAL_LIKE_PERCENT};
+  ULONG n = 0;
+  DBLITERALINFO* infos = nullptr;
+  OLECHAR* chars = nullptr;
+  ASSERT_EQ(DB_S_ERRORSOCCURRED, ds_->GetLiteralInfo(4, asked, &n, &infos, &chars));
+  ASSERT_EQ(4u, n);
+  EXPECT_EQ(".", ToUtf8(infos[0].pwszLiteralValue));
+  EXPECT_EQ("\"", ToUtf8(infos[1].pwszLiteralValue));
+  EXPECT_FALSE(infos[2].fSupported);
+  EXPECT_EQ(DBLITERAL_CURSOR_NAME, infos[2].lt);
+  EXPECT_EQ("%", ToUtf8(infos[3].pwszLiteralValue));
+  CoTaskMemFree(infos);
+  CoTaskMemFree(chars);
+  ASSERT_EQ(S_OK, ds_->GetLiteralInfo(0, nullptr, &n, &infos, &chars));
+  EXPECT_EQ(16u, n);
+  CoTaskMemFree(infos);
+  CoTaskMemFree(chars);
+
+  TraceCapture trace;
+  EXPECT_EQ(E_NOTIMPL, ds_->CreateSession(nullptr, IID_IUnknown, &session));
+  EXPECT_EQ(nullptr, session);
+  EXPECT_TRUE(trace.Contains("Failed to create session (80004001)."));
+#ifndef _WIN32
+  ASSERT_EQ(1u, corvane::platform::ErrorRecordCount());
+  corvane::platform::ErrorRecord record;
+  corvane::platform::GetErrorRecord(0, record);
+  EXPECT_EQ("Failed to create a session (IID_IDBCreateSession). Details: No more details (HRESULT = 80004001).",
+            ToUtf8(corvane::WStringView(record.description)));
+#endif
+  CLSID clsid{};
+  ASSERT_EQ(S_OK, ds_->GetClassID(&clsid));
+  EXPECT_TRUE(IsEqualCLSID(CLSID_CorvaneOleDbProvider, clsid));
+}
