@@ -80,7 +80,7 @@ bool IsDestinationType(DBTYPE type) {
 
 DBTYPE BaseOf(DBTYPE type) { return static_cast<DBTYPE>(type & ~DBTYPE_BYREF); }
 
-bool Supported(DBTYPE src, DBTYPE dst) {
+bool SupportedPair(DBTYPE src, DBTYPE dst) {
   if (!IsSourceType(src) || !IsDestinationType(dst)) return false;
   Family s = FamilyOf(BaseOf(src));
   Family d = FamilyOf(BaseOf(dst));
@@ -88,6 +88,38 @@ bool Supported(DBTYPE src, DBTYPE dst) {
   if (s == Family::Number && d == Family::Time) return false;
   if (s == Family::Time && (d == Family::Number || d == Family::Numeric)) return false;
   return true;
+}
+
+// Every call asks, so the answers are worked out once: the plain types are below 140,
+// and the three by-reference strings take the slots after them.
+constexpr int kSlots = 143;
+
+int Slot(DBTYPE type) {
+  if (type < 140) return type;
+  if (type == kWStrRef) return 140;
+  if (type == kStrRef) return 141;
+  if (type == kBStrRef) return 142;
+  return -1;
+}
+
+struct SupportTable {
+  bool pair[kSlots][kSlots];
+  SupportTable() {
+    for (int a = 0; a < kSlots; ++a) {
+      for (int b = 0; b < kSlots; ++b) {
+        const auto type = [](int slot) {
+          return static_cast<DBTYPE>(slot < 140 ? slot : slot == 140 ? kWStrRef : slot == 141 ? kStrRef : kBStrRef);
+        };
+        pair[a][b] = SupportedPair(type(a), type(b));
+      }
+    }
+  }
+};
+
+bool Supported(DBTYPE src, DBTYPE dst) {
+  static const SupportTable table;
+  const int a = Slot(src), b = Slot(dst);
+  return a >= 0 && b >= 0 && table.pair[a][b];
 }
 
 // ---- Calendar arithmetic (proleptic Gregorian, days relative to 1970-01-01)
@@ -785,14 +817,15 @@ HRESULT STDMETHODCALLTYPE CDataConvert::DataConvert(DBTYPE wSrcType, DBTYPE wDst
                                                     DBDATACONVERT dwFlags) {
   DBSTATUS ignored;
   DBSTATUS* status = pdbsStatus != nullptr ? pdbsStatus : &ignored;
-  if (!Supported(wSrcType, wDstType)) {
-    *status = DBSTATUS_E_BADACCESSOR;
-    return DB_E_UNSUPPORTEDCONVERSION;
-  }
-  if (dbsSrcStatus == DBSTATUS_S_ISNULL) {
+  const bool supported = Supported(wSrcType, wDstType);
+  if (dbsSrcStatus == DBSTATUS_S_ISNULL && supported) {
     if (pcbDstLength != nullptr) *pcbDstLength = 0;
     *status = DBSTATUS_S_ISNULL;
     return S_OK;
+  }
+  if (!supported) {
+    *status = DBSTATUS_E_BADACCESSOR;
+    return DB_E_UNSUPPORTEDCONVERSION;
   }
   if (pSrc == nullptr || pDst == nullptr) return E_INVALIDARG;
 
@@ -814,6 +847,24 @@ HRESULT STDMETHODCALLTYPE CDataConvert::DataConvert(DBTYPE wSrcType, DBTYPE wDst
   if (wSrcType == DBTYPE_WSTR && wDstType == DBTYPE_WSTR) {
     const auto* text = static_cast<const OLECHAR*>(pSrc);
     return WriteText(t, text, WideSourceLength(text, cbSrcLength, dwFlags), 2, 0);
+  }
+
+  // A VARIANT holding a plain value: copied whole, or read out when it already is of
+  // the destination's type (the VALUE column read as VARIANT or as its own type).
+  if (wSrcType == DBTYPE_VARIANT) {
+    const auto* v = static_cast<const VARIANT*>(pSrc);
+    const VARTYPE vt = V_VT(v);
+    const bool plain = IsNumericVt(vt) || vt == VT_DATE || vt == VT_BOOL || vt == VT_EMPTY;
+    if (plain && wDstType == DBTYPE_VARIANT) {
+      std::memcpy(pDst, v, sizeof(VARIANT));
+      t.SetLength(sizeof(VARIANT));
+      return t.Ok();
+    }
+    if (plain && vt == static_cast<VARTYPE>(wDstType) && vt != VT_DECIMAL && FamilyOf(wDstType) != Family::None) {
+      std::memcpy(pDst, &V_I8(v), static_cast<size_t>(FixedSize(wDstType)));
+      t.SetLength(FixedSize(wDstType));
+      return t.Ok();
+    }
   }
 
   Source s;
