@@ -1211,6 +1211,10 @@ struct IRowset : public IUnknown {
                                                 DBREFCOUNT rgRefCounts[], DBROWSTATUS rgRowStatus[]) = 0;
   virtual HRESULT STDMETHODCALLTYPE RestartPosition(HCHAPTER hReserved) = 0;
 };
+CORVANE_DEFINE_GUID(IID_IRowsetIdentity, 0x0C733A09, 0x2A1C, 0x11CE, 0xAD, 0xE5, 0x00, 0xAA, 0x00, 0x44, 0x77, 0x3D);
+struct IRowsetIdentity : public IUnknown {
+  virtual HRESULT STDMETHODCALLTYPE IsSameRow(HROW hThisRow, HROW hThatRow) = 0;
+};
 CORVANE_DEFINE_GUID(IID_IRowsetInfo, 0x0C733A55, 0x2A1C, 0x11CE, 0xAD, 0xE5, 0x00, 0xAA, 0x00, 0x44, 0x77, 0x3D);
 struct IRowsetInfo : public IUnknown {
   virtual HRESULT STDMETHODCALLTYPE GetProperties(const ULONG cPropertyIDSets, const DBPROPIDSET rgPropertyIDSets[],

@@ -1,0 +1,638 @@
+#include "provider/ProviderIRowset.h"
+
+#include <cstring>
+#include <new>
+
+#include "provider/Module.h"
+#include "provider/Trace.h"
+#include "provider/store/DataConvert.h"
+
+namespace {
+
+// The rowset property set, spelled out so both targets use the same constant.
+const GUID kRowsetPropertySet = {0xC8B522BE, 0x5CF3, 0x11CE, {0xAD, 0xE5, 0x00, 0xAA, 0x00, 0x44, 0x77, 0x3D}};
+
+enum class Offer { No, ReadOnly, Writable };
+
+struct RowsetProperty {
+  DBPROPID id;
+  VARTYPE vt;
+  LONG commandValue;  // VT_BOOL: 0 false, else true
+  Offer command;
+  LONG tableValue;
+  Offer table;
+};
+
+// What each kind of rowset offers. The table rowset advertises backward fetching and
+// scrolling although GetNextRows refuses both; its consumers have always seen it so.
+const RowsetProperty kRowsetProperties[] = {
+    {DBPROP_IAccessor, VT_BOOL, 1, Offer::ReadOnly, 1, Offer::ReadOnly},
+    {DBPROP_IColumnsInfo, VT_BOOL, 1, Offer::ReadOnly, 1, Offer::ReadOnly},
+    {DBPROP_IConvertType, VT_BOOL, 1, Offer::ReadOnly, 1, Offer::ReadOnly},
+    {DBPROP_IRowset, VT_BOOL, 1, Offer::ReadOnly, 1, Offer::ReadOnly},
+    {DBPROP_IRowsetIdentity, VT_BOOL, 1, Offer::ReadOnly, 1, Offer::ReadOnly},
+    {DBPROP_IRowsetInfo, VT_BOOL, 1, Offer::ReadOnly, 1, Offer::ReadOnly},
+    {DBPROP_CANHOLDROWS, VT_BOOL, 1, Offer::Writable, 1, Offer::Writable},
+    {DBPROP_CANFETCHBACKWARDS, VT_BOOL, 0, Offer::ReadOnly, 1, Offer::Writable},
+    {DBPROP_CANSCROLLBACKWARDS, VT_BOOL, 0, Offer::ReadOnly, 1, Offer::Writable},
+    {DBPROP_BOOKMARKS, VT_BOOL, 0, Offer::ReadOnly, 0, Offer::No},
+    {DBPROP_BOOKMARKSKIPPED, VT_BOOL, 0, Offer::ReadOnly, 0, Offer::No},
+    {DBPROP_BOOKMARKTYPE, VT_I4, 0, Offer::ReadOnly, 0, Offer::No},
+    {DBPROP_LITERALBOOKMARKS, VT_BOOL, 0, Offer::ReadOnly, 0, Offer::No},
+    {DBPROP_ORDEREDBOOKMARKS, VT_BOOL, 0, Offer::ReadOnly, 0, Offer::No},
+    {DBPROP_MAXOPENROWS, VT_I4, 0, Offer::No, 0, Offer::ReadOnly},
+    {DBPROP_MAXROWS, VT_I4, 0, Offer::No, 0, Offer::Writable},
+};
+
+HRESULT Outcome(DBCOUNTITEM ok, DBCOUNTITEM failed) {
+  if (failed == 0) return S_OK;
+  return ok ? DB_S_ERRORSOCCURRED : DB_E_ERRORSOCCURRED;
+}
+
+class ScopedStopwatches {
+ public:
+  ScopedStopwatches(CStopwatch& in, CStopwatch& out) : in_(in), out_(out) {
+    out_.Stop();
+    in_.Start();
+  }
+  ~ScopedStopwatches() {
+    in_.Stop();
+    out_.Start();
+  }
+
+ private:
+  CStopwatch& in_;
+  CStopwatch& out_;
+};
+
+bool IsVariableLength(DBTYPE base) { return base == DBTYPE_STR || base == DBTYPE_WSTR || base == DBTYPE_BYTES; }
+
+}  // namespace
+
+using corvane::platform::CriticalSectionLock;
+
+CProviderIRowset::CProviderIRowset(std::unique_ptr<CDataStore> store, RowsetKind kind, IUnknown* specification)
+    : m_pStore(std::move(store)), m_Kind(kind), m_pSpecification(specification) {
+  if (m_pSpecification) m_pSpecification->AddRef();
+  for (const RowsetProperty& p : kRowsetProperties) {
+    const Offer offer = kind == RowsetKind::Command ? p.command : p.table;
+    if (offer == Offer::No) continue;
+    const LONG value = kind == RowsetKind::Command ? p.commandValue : p.tableValue;
+    PropertyValue v{p.id, {}, offer == Offer::Writable};
+    VariantInit(&v.value);
+    V_VT(&v.value) = p.vt;
+    if (p.vt == VT_BOOL) {
+      V_BOOL(&v.value) = value ? VARIANT_TRUE : VARIANT_FALSE;
+    } else {
+      V_I4(&v.value) = value;
+    }
+    m_Properties.push_back(v);
+  }
+  corvane::module::Lock();
+}
+
+CProviderIRowset::~CProviderIRowset() {
+  m_InTime.Stop();
+  m_OutTime.Stop();
+  const uint64_t inMs = m_InTime.TotalNanoseconds() / 1000000;
+  const uint64_t outMs = m_OutTime.TotalNanoseconds() / 1000000;
+  if (inMs != 0 || outMs != 0) {
+    CVTRACE(TRACE_INFO, OLESTR("ProviderIRowset - elapsed time = %d ms (out time = %d ms)"), static_cast<int>(inMs),
+            static_cast<int>(outMs));
+  }
+  // Rows before the store: they were laid out by its column description.
+  for (auto& held : m_Rows) held.second.row->Release();
+  m_Rows.clear();
+  m_Accessors.clear();
+  for (PropertyValue& p : m_Properties) VariantClear(&p.value);
+  m_pStore.reset();
+  if (m_pConvert) m_pConvert->Release();
+  if (m_pSpecification) m_pSpecification->Release();
+  corvane::module::Unlock();
+}
+
+HRESULT CProviderIRowset::Create(std::unique_ptr<CDataStore> store, RowsetKind kind, IUnknown* specification,
+                                 REFIID riid, void** ppv) {
+  if (!ppv) return E_INVALIDARG;
+  *ppv = nullptr;
+  if (!store) return E_INVALIDARG;
+  auto* rowset = new (std::nothrow) CProviderIRowset(std::move(store), kind, specification);
+  if (!rowset) return E_OUTOFMEMORY;
+  const HRESULT hr = rowset->QueryInterface(riid, ppv);
+  rowset->Release();
+  return hr;
+}
+
+// ---- IUnknown
+
+HRESULT STDMETHODCALLTYPE CProviderIRowset::QueryInterface(REFIID riid, void** ppv) {
+  if (!ppv) return E_POINTER;
+  *ppv = nullptr;
+  if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IRowset)) {
+    *ppv = static_cast<IRowset*>(this);
+  } else if (IsEqualIID(riid, IID_IAccessor)) {
+    *ppv = static_cast<IAccessor*>(this);
+  } else if (IsEqualIID(riid, IID_IColumnsInfo)) {
+    *ppv = static_cast<IColumnsInfo*>(this);
+  } else if (IsEqualIID(riid, IID_IRowsetInfo)) {
+    *ppv = static_cast<IRowsetInfo*>(this);
+  } else if (IsEqualIID(riid, IID_IConvertType)) {
+    *ppv = static_cast<IConvertType*>(this);
+  } else if (IsEqualIID(riid, IID_IRowsetIdentity)) {
+    *ppv = static_cast<IRowsetIdentity*>(this);
+  } else {
+    return QueryOtherInterface(riid, ppv);
+  }
+  AddRef();
+  return S_OK;
+}
+
+HRESULT CProviderIRowset::QueryOtherInterface(REFIID, void**) { return E_NOINTERFACE; }
+
+ULONG STDMETHODCALLTYPE CProviderIRowset::AddRef() { return ++m_cRef; }
+
+ULONG STDMETHODCALLTYPE CProviderIRowset::Release() {
+  const ULONG left = --m_cRef;
+  if (left == 0) delete this;
+  return left;
+}
+
+// ---- IRowset
+
+HRESULT STDMETHODCALLTYPE CProviderIRowset::GetNextRows(HCHAPTER /*hReserved*/, DBROWOFFSET lRowsOffset,
+                                                        DBROWCOUNT cRows, DBCOUNTITEM* pcRowsObtained,
+                                                        HROW** prghRows) {
+  ScopedStopwatches watches(m_InTime, m_OutTime);
+  CVTRACE(TRACE_DETAIL, OLESTR("IRowsetImpl::GetNextRows"));
+  if (!pcRowsObtained || !prghRows) return E_INVALIDARG;
+  *pcRowsObtained = 0;
+  if (cRows == 0) return S_OK;
+  CriticalSectionLock lock(m_Lock);
+  return GetNextRowsLocked(lRowsOffset, cRows, pcRowsObtained, prghRows);
+}
+
+HRESULT CProviderIRowset::GetNextRowsLocked(DBROWOFFSET lRowsOffset, DBROWCOUNT cRows, DBCOUNTITEM* pcRowsObtained,
+                                            HROW** prghRows) {
+  if (lRowsOffset < 0) return DB_E_CANTSCROLLBACKWARDS;
+  if (cRows < 0) return DB_E_CANTFETCHBACKWARDS;
+
+  m_Batch.clear();
+  const HRESULT hr = m_pStore->GetNextRows(static_cast<ULONGLONG>(lRowsOffset), static_cast<ULONGLONG>(cRows), m_Batch);
+  m_bFetched = true;
+  if (FAILED(hr) || m_Batch.empty()) {
+    for (CRefCountedDataStoreRow* row : m_Batch) row->Release();
+    m_Batch.clear();
+    return hr;
+  }
+
+  const size_t n = m_Batch.size();
+  bool allocated = false;
+  if (!*prghRows) {
+    const unsigned long long bytes = static_cast<unsigned long long>(n) * sizeof(HROW);
+    HROW* array = bytes > 0x7FFFFFFFull ? nullptr : static_cast<HROW*>(CoTaskMemAlloc(static_cast<SIZE_T>(bytes)));
+    if (!array) {
+      for (CRefCountedDataStoreRow* row : m_Batch) row->Release();
+      m_Batch.clear();
+      return E_OUTOFMEMORY;
+    }
+    *prghRows = array;
+    allocated = true;
+  }
+  HROW* handles = *prghRows;
+  size_t i = 0;
+  try {
+    for (; i < n; ++i) {
+      const HROW handle = ++m_RowHandleGenerator;
+      m_Rows.emplace(handle, HeldRow{m_Batch[i], 1});
+      handles[i] = handle;
+      CVTRACE(TRACE_DETAIL, OLESTR("CCommandIRowset::GetNextRows -> m_RowHandleGenerator = %d"),
+              static_cast<int>(handle));
+    }
+  } catch (const std::bad_alloc&) {
+    for (size_t k = 0; k < i; ++k) m_Rows.erase(handles[k]);
+    for (CRefCountedDataStoreRow* row : m_Batch) row->Release();
+    m_Batch.clear();
+    if (allocated) {
+      CoTaskMemFree(*prghRows);
+      *prghRows = nullptr;
+    }
+    return E_OUTOFMEMORY;
+  }
+  m_Batch.clear();
+  *pcRowsObtained = n;
+  CVTRACE(TRACE_DETAIL, OLESTR("CCommandIRowset::GetNextRows -> pcRowsObtained = %d"), static_cast<int>(n));
+  return hr;
+}
+
+HRESULT STDMETHODCALLTYPE CProviderIRowset::ReleaseRows(DBCOUNTITEM cRows, const HROW rghRows[],
+                                                        DBROWOPTIONS /*rgRowOptions*/[], DBREFCOUNT rgRefCounts[],
+                                                        DBROWSTATUS rgRowStatus[]) {
+  CVTRACE(TRACE_DETAIL, OLESTR("Called CProviderIRowset::ReleaseRows"));
+  if (cRows && !rghRows) return E_INVALIDARG;
+  CriticalSectionLock lock(m_Lock);
+  DBCOUNTITEM ok = 0, failed = 0;
+  for (DBCOUNTITEM i = 0; i < cRows; ++i) {
+    auto it = m_Rows.find(rghRows[i]);
+    DBREFCOUNT left = 0;
+    DBROWSTATUS status = DBROWSTATUS_S_OK;
+    if (it == m_Rows.end()) {
+      status = DBROWSTATUS_E_INVALID;
+      ++failed;
+    } else {
+      left = --it->second.refs;
+      if (left == 0) {
+        it->second.row->Release();
+        m_Rows.erase(it);
+      }
+      ++ok;
+    }
+    if (rgRefCounts) rgRefCounts[i] = left;
+    if (rgRowStatus) rgRowStatus[i] = status;
+  }
+  return Outcome(ok, failed);
+}
+
+HRESULT STDMETHODCALLTYPE CProviderIRowset::AddRefRows(DBCOUNTITEM cRows, const HROW rghRows[],
+                                                       DBREFCOUNT rgRefCounts[], DBROWSTATUS rgRowStatus[]) {
+  CVTRACE(TRACE_DETAIL, OLESTR("Called CProviderIRowset::AddRefRows"));
+  if (cRows && !rghRows) return E_INVALIDARG;
+  CriticalSectionLock lock(m_Lock);
+  DBCOUNTITEM ok = 0, failed = 0;
+  for (DBCOUNTITEM i = 0; i < cRows; ++i) {
+    auto it = m_Rows.find(rghRows[i]);
+    DBREFCOUNT count = 0;
+    DBROWSTATUS status = DBROWSTATUS_S_OK;
+    if (it == m_Rows.end()) {
+      status = DBROWSTATUS_E_INVALID;
+      ++failed;
+    } else {
+      count = ++it->second.refs;
+      ++ok;
+    }
+    if (rgRefCounts) rgRefCounts[i] = count;
+    if (rgRowStatus) rgRowStatus[i] = status;
+  }
+  return Outcome(ok, failed);
+}
+
+HRESULT STDMETHODCALLTYPE CProviderIRowset::RestartPosition(HCHAPTER /*hReserved*/) {
+  CVTRACE(TRACE_DETAIL, OLESTR("Called CProviderIRowset::RestartPosition"));
+  CriticalSectionLock lock(m_Lock);
+  return m_bFetched ? DB_E_CANNOTRESTART : S_OK;
+}
+
+HRESULT STDMETHODCALLTYPE CProviderIRowset::GetData(HROW hRow, HACCESSOR hAccessor, void* pData) {
+  CVTRACE(TRACE_DETAIL, OLESTR("Called CProviderIRowset::GetData"));
+  CriticalSectionLock lock(m_Lock);
+  auto row = m_Rows.find(hRow);
+  if (row == m_Rows.end()) return DB_E_BADROWHANDLE;
+  auto accessor = m_Accessors.find(hAccessor);
+  if (accessor == m_Accessors.end()) return DB_E_BADACCESSORHANDLE;
+  const std::vector<DBBINDING>& bindings = accessor->second.bindings;
+  if (!pData && !bindings.empty()) return E_INVALIDARG;
+  return m_pStore->GetData(bindings.data(), bindings.size(), row->second.row, static_cast<BYTE*>(pData));
+}
+
+// ---- IAccessor
+
+DBBINDSTATUS CProviderIRowset::ValidateBinding(const DBBINDING& b) {
+  constexpr DBPART kParts = DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS;
+  if (b.dwPart == 0 || (b.dwPart & ~kParts)) return DBBINDSTATUS_BADBINDINFO;
+  if (b.iOrdinal == 0 || b.iOrdinal > m_pStore->ColumnCount()) return DBBINDSTATUS_BADORDINAL;
+  const DBTYPE base = b.wType & ~(DBTYPE_BYREF | DBTYPE_ARRAY | DBTYPE_VECTOR);
+  if (base == DBTYPE_EMPTY || base == DBTYPE_NULL || (b.wType & DBTYPE_RESERVED)) return DBBINDSTATUS_BADBINDINFO;
+  const int modifiers = ((b.wType & DBTYPE_BYREF) ? 1 : 0) + ((b.wType & DBTYPE_ARRAY) ? 1 : 0) +
+                        ((b.wType & DBTYPE_VECTOR) ? 1 : 0);
+  if (modifiers > 1) return DBBINDSTATUS_BADBINDINFO;
+  if (b.eParamIO != DBPARAMIO_NOTPARAM) return DBBINDSTATUS_BADBINDINFO;
+  if (b.pBindExt) return DBBINDSTATUS_BADBINDINFO;
+  if (b.dwFlags & ~static_cast<DWORD>(DBBINDFLAG_HTML)) return DBBINDSTATUS_BADBINDINFO;
+  if ((b.dwFlags & DBBINDFLAG_HTML) && base != DBTYPE_STR && base != DBTYPE_WSTR && base != DBTYPE_BSTR)
+    return DBBINDSTATUS_BADBINDINFO;
+  const DataStoreColumnInfo& col = m_pStore->ColumnInfo()[b.iOrdinal - 1];
+  if (b.dwMemOwner == DBMEMOWNER_PROVIDEROWNED) {
+    // The consumer gets the stored value's own address: only for a reference to the
+    // very type the cell holds.
+    if (!(b.wType & DBTYPE_BYREF) || base != (col.wType & ~DBTYPE_BYREF)) return DBBINDSTATUS_BADBINDINFO;
+    return DBBINDSTATUS_OK;
+  }
+  if (b.dwMemOwner != DBMEMOWNER_CLIENTOWNED) return DBBINDSTATUS_BADBINDINFO;
+  IDataConvert* convert = nullptr;
+  if (FAILED(ConversionService(&convert)) || convert->CanConvert(col.wType, b.wType) != S_OK)
+    return DBBINDSTATUS_UNSUPPORTEDCONVERSION;
+  return DBBINDSTATUS_OK;
+}
+
+HRESULT CProviderIRowset::ConversionService(IDataConvert** convert) {
+  if (!m_pConvert) {
+    const HRESULT hr = corvane::CreateDataConvert(&m_pConvert);
+    if (FAILED(hr)) return hr;
+  }
+  *convert = m_pConvert;
+  return S_OK;
+}
+
+HRESULT STDMETHODCALLTYPE CProviderIRowset::CreateAccessor(DBACCESSORFLAGS dwAccessorFlags, DBCOUNTITEM cBindings,
+                                                           const DBBINDING rgBindings[], DBLENGTH /*cbRowSize*/,
+                                                           HACCESSOR* phAccessor, DBBINDSTATUS rgStatus[]) {
+  CVTRACE(TRACE_DETAIL, OLESTR("Called CProviderIRowset::CreateAccessor"));
+  if (!phAccessor) return E_INVALIDARG;
+  *phAccessor = DB_NULL_HACCESSOR;
+  if (cBindings && !rgBindings) return E_INVALIDARG;
+  constexpr DBACCESSORFLAGS kKnown =
+      DBACCESSOR_PASSBYREF | DBACCESSOR_ROWDATA | DBACCESSOR_PARAMETERDATA | DBACCESSOR_OPTIMIZED;
+  if ((dwAccessorFlags & ~kKnown) || !(dwAccessorFlags & DBACCESSOR_ROWDATA) ||
+      (dwAccessorFlags & DBACCESSOR_PARAMETERDATA))
+    return DB_E_BADACCESSORFLAGS;
+  if (dwAccessorFlags & DBACCESSOR_PASSBYREF) return DB_E_BYREFACCESSORNOTSUPPORTED;
+  if (cBindings == 0) return DB_E_NULLACCESSORNOTSUPPORTED;
+
+  CriticalSectionLock lock(m_Lock);
+  bool bad = false;
+  for (DBCOUNTITEM i = 0; i < cBindings; ++i) {
+    const DBBINDSTATUS status = ValidateBinding(rgBindings[i]);
+    if (status != DBBINDSTATUS_OK) bad = true;
+    if (rgStatus) rgStatus[i] = status;
+  }
+  if (bad) return DB_E_BADBINDINFO;
+
+  Accessor accessor;
+  accessor.flags = dwAccessorFlags;
+  try {
+    accessor.bindings.assign(rgBindings, rgBindings + cBindings);
+    for (DBBINDING& b : accessor.bindings) {
+      if (b.pObject) {
+        accessor.objects.push_back(std::make_unique<DBOBJECT>(*b.pObject));
+        b.pObject = accessor.objects.back().get();
+      }
+    }
+    const HACCESSOR handle = ++m_AccessorGenerator;
+    m_Accessors.emplace(handle, std::move(accessor));
+    *phAccessor = handle;
+  } catch (const std::bad_alloc&) {
+    return E_OUTOFMEMORY;
+  }
+  return S_OK;
+}
+
+HRESULT STDMETHODCALLTYPE CProviderIRowset::AddRefAccessor(HACCESSOR hAccessor, DBREFCOUNT* pcRefCount) {
+  CVTRACE(TRACE_DETAIL, OLESTR("Called CProviderIRowset::AddRefAccessor"));
+  CriticalSectionLock lock(m_Lock);
+  auto it = m_Accessors.find(hAccessor);
+  if (it == m_Accessors.end()) return DB_E_BADACCESSORHANDLE;
+  const DBREFCOUNT refs = ++it->second.refs;
+  if (pcRefCount) *pcRefCount = refs;
+  return S_OK;
+}
+
+HRESULT STDMETHODCALLTYPE CProviderIRowset::ReleaseAccessor(HACCESSOR hAccessor, DBREFCOUNT* pcRefCount) {
+  CVTRACE(TRACE_DETAIL, OLESTR("Called CProviderIRowset::ReleaseAccessor"));
+  CriticalSectionLock lock(m_Lock);
+  auto it = m_Accessors.find(hAccessor);
+  if (it == m_Accessors.end()) return DB_E_BADACCESSORHANDLE;
+  const DBREFCOUNT refs = --it->second.refs;
+  if (refs == 0) m_Accessors.erase(it);
+  if (pcRefCount) *pcRefCount = refs;
+  return S_OK;
+}
+
+HRESULT STDMETHODCALLTYPE CProviderIRowset::GetBindings(HACCESSOR hAccessor, DBACCESSORFLAGS* pdwAccessorFlags,
+                                                        DBCOUNTITEM* pcBindings, DBBINDING** prgBindings) {
+  CVTRACE(TRACE_DETAIL, OLESTR("Called CProviderIRowset::GetBindings"));
+  if (!pdwAccessorFlags || !pcBindings || !prgBindings) return E_INVALIDARG;
+  *pdwAccessorFlags = DBACCESSOR_INVALID;
+  *pcBindings = 0;
+  *prgBindings = nullptr;
+  CriticalSectionLock lock(m_Lock);
+  auto it = m_Accessors.find(hAccessor);
+  if (it == m_Accessors.end()) return DB_E_BADACCESSORHANDLE;
+  const std::vector<DBBINDING>& bindings = it->second.bindings;
+  auto* out = static_cast<DBBINDING*>(CoTaskMemAlloc(bindings.size() * sizeof(DBBINDING)));
+  if (!out) return E_OUTOFMEMORY;
+  for (size_t i = 0; i < bindings.size(); ++i) {
+    out[i] = bindings[i];
+    if (bindings[i].pObject) {
+      // The consumer frees each binding's object with the task allocator.
+      out[i].pObject = static_cast<DBOBJECT*>(CoTaskMemAlloc(sizeof(DBOBJECT)));
+      if (!out[i].pObject) {
+        for (size_t k = 0; k < i; ++k) CoTaskMemFree(out[k].pObject);
+        CoTaskMemFree(out);
+        return E_OUTOFMEMORY;
+      }
+      *out[i].pObject = *bindings[i].pObject;
+    }
+  }
+  *pdwAccessorFlags = it->second.flags;
+  *pcBindings = bindings.size();
+  *prgBindings = out;
+  return S_OK;
+}
+
+// ---- IColumnsInfo
+
+HRESULT STDMETHODCALLTYPE CProviderIRowset::GetColumnInfo(DBORDINAL* pcColumns, DBCOLUMNINFO** prgInfo,
+                                                          OLECHAR** ppStringsBuffer) {
+  CVTRACE(TRACE_DETAIL, OLESTR("Called CProviderIRowset::GetColumnInfo"));
+  if (pcColumns) *pcColumns = 0;
+  if (prgInfo) *prgInfo = nullptr;
+  if (ppStringsBuffer) *ppStringsBuffer = nullptr;
+  if (!pcColumns || !prgInfo || !ppStringsBuffer) return E_INVALIDARG;
+  CriticalSectionLock lock(m_Lock);
+  const DBORDINAL n = m_pStore->ColumnCount();
+  if (n == 0) return S_OK;
+  const DataStoreColumnInfo* columns = m_pStore->ColumnInfo();
+  size_t chars = 0;
+  for (DBORDINAL i = 0; i < n; ++i) chars += corvane::WLen(columns[i].pwszName) + 1;
+  auto* info = static_cast<DBCOLUMNINFO*>(CoTaskMemAlloc(n * sizeof(DBCOLUMNINFO)));
+  auto* strings = static_cast<OLECHAR*>(CoTaskMemAlloc(chars * sizeof(OLECHAR)));
+  if (!info || !strings) {
+    CoTaskMemFree(info);
+    CoTaskMemFree(strings);
+    return E_OUTOFMEMORY;
+  }
+  OLECHAR* next = strings;
+  for (DBORDINAL i = 0; i < n; ++i) {
+    info[i] = static_cast<const DBCOLUMNINFO&>(columns[i]);
+    const size_t len = corvane::WLen(columns[i].pwszName);
+    if (len) std::memcpy(next, columns[i].pwszName, len * sizeof(OLECHAR));
+    next[len] = 0;
+    info[i].pwszName = next;
+    info[i].columnid.uName.pwszName = next;
+    next += len + 1;
+  }
+  *pcColumns = n;
+  *prgInfo = info;
+  *ppStringsBuffer = strings;
+  return S_OK;
+}
+
+HRESULT STDMETHODCALLTYPE CProviderIRowset::MapColumnIDs(DBORDINAL cColumnIDs, const DBID rgColumnIDs[],
+                                                         DBORDINAL rgColumns[]) {
+  CVTRACE(TRACE_DETAIL, OLESTR("Called CProviderIRowset::MapColumnIDs"));
+  if (cColumnIDs && (!rgColumnIDs || !rgColumns)) return E_INVALIDARG;
+  CriticalSectionLock lock(m_Lock);
+  const DBORDINAL n = m_pStore->ColumnCount();
+  const DataStoreColumnInfo* columns = m_pStore->ColumnInfo();
+  DBCOUNTITEM ok = 0, failed = 0;
+  for (DBORDINAL i = 0; i < cColumnIDs; ++i) {
+    rgColumns[i] = DB_INVALIDCOLUMN;
+    const DBID& id = rgColumnIDs[i];
+    if (id.eKind == DBKIND_NAME && id.uName.pwszName) {
+      for (DBORDINAL c = 0; c < n; ++c) {
+        if (corvane::WICmp(id.uName.pwszName, columns[c].pwszName) == 0) {
+          rgColumns[i] = columns[c].iOrdinal;
+          break;
+        }
+      }
+    }
+    if (rgColumns[i] == DB_INVALIDCOLUMN) {
+      ++failed;
+    } else {
+      ++ok;
+    }
+  }
+  return Outcome(ok, failed);
+}
+
+// ---- IRowsetInfo
+
+HRESULT CProviderIRowset::FillPropertySet(const DBPROPIDSET* request, DBPROPSET* out, ULONG* okCount,
+                                          ULONG* errorCount) {
+  out->guidPropertySet = request ? request->guidPropertySet : kRowsetPropertySet;
+  out->cProperties = 0;
+  out->rgProperties = nullptr;
+  const bool rowsetSet = IsEqualGUID(out->guidPropertySet, kRowsetPropertySet);
+  const ULONG wanted = (request && request->cPropertyIDs) ? request->cPropertyIDs
+                                                           : (rowsetSet ? static_cast<ULONG>(m_Properties.size()) : 0);
+  if (wanted == 0) {
+    if (!rowsetSet) ++*errorCount;  // a set this rowset does not have
+    return S_OK;
+  }
+  auto* props = static_cast<DBPROP*>(CoTaskMemAlloc(wanted * sizeof(DBPROP)));
+  if (!props) return E_OUTOFMEMORY;
+  for (ULONG i = 0; i < wanted; ++i) {
+    DBPROP& p = props[i];
+    std::memset(static_cast<void*>(&p), 0, sizeof p);
+    p.dwOptions = DBPROPOPTIONS_REQUIRED;
+    VariantInit(&p.vValue);
+    const PropertyValue* found = nullptr;
+    if (request && request->cPropertyIDs) {
+      p.dwPropertyID = request->rgPropertyIDs[i];
+      if (rowsetSet) {
+        for (const PropertyValue& v : m_Properties) {
+          if (v.id == p.dwPropertyID) found = &v;
+        }
+      }
+    } else {
+      found = &m_Properties[i];
+      p.dwPropertyID = found->id;
+    }
+    if (found) {
+      p.dwStatus = DBPROPSTATUS_OK;
+      VariantCopy(&p.vValue, const_cast<VARIANT*>(&found->value));
+      ++*okCount;
+    } else {
+      p.dwStatus = DBPROPSTATUS_NOTSUPPORTED;
+      ++*errorCount;
+    }
+  }
+  out->rgProperties = props;
+  out->cProperties = wanted;
+  return S_OK;
+}
+
+HRESULT STDMETHODCALLTYPE CProviderIRowset::GetProperties(const ULONG cPropertyIDSets,
+                                                          const DBPROPIDSET rgPropertyIDSets[], ULONG* pcPropertySets,
+                                                          DBPROPSET** prgPropertySets) {
+  CVTRACE(TRACE_DETAIL, OLESTR("Called CProviderIRowset::GetProperties"));
+  if (pcPropertySets) *pcPropertySets = 0;
+  if (prgPropertySets) *prgPropertySets = nullptr;
+  if (!pcPropertySets || !prgPropertySets) return E_INVALIDARG;
+  if (cPropertyIDSets && !rgPropertyIDSets) return E_INVALIDARG;
+  for (ULONG i = 0; i < cPropertyIDSets; ++i) {
+    if (rgPropertyIDSets[i].cPropertyIDs && !rgPropertyIDSets[i].rgPropertyIDs) return E_INVALIDARG;
+  }
+  CriticalSectionLock lock(m_Lock);
+  const ULONG sets = cPropertyIDSets ? cPropertyIDSets : 1;
+  auto* out = static_cast<DBPROPSET*>(CoTaskMemAlloc(sets * sizeof(DBPROPSET)));
+  if (!out) return E_OUTOFMEMORY;
+  ULONG ok = 0, errors = 0;
+  for (ULONG i = 0; i < sets; ++i) {
+    const HRESULT hr = FillPropertySet(cPropertyIDSets ? &rgPropertyIDSets[i] : nullptr, &out[i], &ok, &errors);
+    if (FAILED(hr)) {
+      for (ULONG k = 0; k < i; ++k) {
+        for (ULONG p = 0; p < out[k].cProperties; ++p) VariantClear(&out[k].rgProperties[p].vValue);
+        CoTaskMemFree(out[k].rgProperties);
+      }
+      CoTaskMemFree(out);
+      return hr;
+    }
+  }
+  *pcPropertySets = sets;
+  *prgPropertySets = out;
+  if (errors == 0) return S_OK;
+  return ok ? DB_S_ERRORSOCCURRED : DB_E_ERRORSOCCURRED;
+}
+
+HRESULT STDMETHODCALLTYPE CProviderIRowset::GetReferencedRowset(DBORDINAL iOrdinal, REFIID /*riid*/,
+                                                                IUnknown** ppReferencedRowset) {
+  CVTRACE(TRACE_DETAIL, OLESTR("Called CProviderIRowset::GetReferencedRowset"));
+  if (!ppReferencedRowset) return E_INVALIDARG;
+  *ppReferencedRowset = nullptr;
+  // No bookmark column, so ordinal 0 does not exist either.
+  if (iOrdinal == 0 || iOrdinal > m_pStore->ColumnCount()) return DB_E_BADORDINAL;
+  return DB_E_NOTAREFERENCECOLUMN;
+}
+
+HRESULT STDMETHODCALLTYPE CProviderIRowset::GetSpecification(REFIID riid, IUnknown** ppSpecification) {
+  CVTRACE(TRACE_DETAIL, OLESTR("Called CProviderIRowset::GetSpecification"));
+  if (!ppSpecification) return E_INVALIDARG;
+  *ppSpecification = nullptr;
+  if (!m_pSpecification) return S_FALSE;
+  return m_pSpecification->QueryInterface(riid, reinterpret_cast<void**>(ppSpecification));
+}
+
+HRESULT CProviderIRowset::SetRowsetProperty(DBPROPID id, const VARIANT& value) {
+  CriticalSectionLock lock(m_Lock);
+  for (PropertyValue& p : m_Properties) {
+    if (p.id != id) continue;
+    if (!p.writable) return DB_E_READONLY;
+    if (V_VT(&value) != V_VT(&p.value)) return DB_E_BADTYPE;
+    return VariantCopy(&p.value, const_cast<VARIANT*>(&value));
+  }
+  return DB_E_NOTSUPPORTED;
+}
+
+// ---- IConvertType
+
+HRESULT STDMETHODCALLTYPE CProviderIRowset::CanConvert(DBTYPE wFromType, DBTYPE wToType,
+                                                       DBCONVERTFLAGS dwConvertFlags) {
+  CVTRACE(TRACE_DETAIL, OLESTR("Called CProviderIRowset::CanConvert"));
+  constexpr DBCONVERTFLAGS kKnown = DBCONVERTFLAGS_PARAMETER | DBCONVERTFLAGS_ISLONG | DBCONVERTFLAGS_ISFIXEDLENGTH |
+                                    DBCONVERTFLAGS_FROMVARIANT;
+  if (dwConvertFlags & ~kKnown) return DB_E_BADCONVERTFLAG;
+  // A rowset converts columns, never parameters.
+  if (dwConvertFlags & DBCONVERTFLAGS_PARAMETER) return DB_E_BADCONVERTFLAG;
+  const DBTYPE fromBase = wFromType & ~(DBTYPE_BYREF | DBTYPE_ARRAY | DBTYPE_VECTOR);
+  if ((dwConvertFlags & DBCONVERTFLAGS_ISLONG) && !IsVariableLength(fromBase)) return DB_E_BADCONVERTFLAG;
+  if (dwConvertFlags & DBCONVERTFLAGS_FROMVARIANT) {
+    const bool variantType = fromBase <= DBTYPE_DECIMAL || (fromBase >= DBTYPE_I1 && fromBase <= DBTYPE_UI8);
+    if (!variantType || (wFromType & DBTYPE_VECTOR)) return DB_E_BADTYPE;
+  }
+  IDataConvert* convert = nullptr;
+  CriticalSectionLock lock(m_Lock);
+  const HRESULT hr = ConversionService(&convert);
+  if (FAILED(hr)) return hr;
+  return convert->CanConvert(wFromType, wToType) == S_OK ? S_OK : S_FALSE;
+}
+
+// ---- IRowsetIdentity
+
+HRESULT STDMETHODCALLTYPE CProviderIRowset::IsSameRow(HROW hThisRow, HROW hThatRow) {
+  CVTRACE(TRACE_DETAIL, OLESTR("Called CProviderIRowset::IsSameRow"));
+  CriticalSectionLock lock(m_Lock);
+  auto a = m_Rows.find(hThisRow);
+  auto b = m_Rows.find(hThatRow);
+  if (a == m_Rows.end() || b == m_Rows.end()) return DB_E_BADROWHANDLE;
+  return a->second.row == b->second.row ? S_OK : S_FALSE;
+}

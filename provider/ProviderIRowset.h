@@ -1,0 +1,136 @@
+// The rowset core shared by the command and table rowsets: forward-only fetching from a
+// data store with row handles, reading rows through accessors, column and property
+// description. The command and table rowset classes derive from it and add their own
+// interfaces through QueryOtherInterface.
+#pragma once
+#include <atomic>
+#include <memory>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/Platform.h"
+#include "provider/store/DataStore.h"
+#include "provider/store/Stopwatch.h"
+
+class CProviderIRowset : public IRowset,
+                         public IAccessor,
+                         public IColumnsInfo,
+                         public IRowsetInfo,
+                         public IConvertType,
+                         public IRowsetIdentity {
+ public:
+  // Which property table the rowset answers with.
+  enum class RowsetKind { Command, Table };
+
+  // `store` is initialised (columns and producer). `specification` is the command or
+  // session that made the rowset (may be null); it is held until the rowset goes.
+  CProviderIRowset(std::unique_ptr<CDataStore> store, RowsetKind kind, IUnknown* specification);
+  // Creates a rowset and returns the interface `riid` of it.
+  static HRESULT Create(std::unique_ptr<CDataStore> store, RowsetKind kind, IUnknown* specification, REFIID riid,
+                        void** ppv);
+
+  // IUnknown
+  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override;
+  ULONG STDMETHODCALLTYPE AddRef() override;
+  ULONG STDMETHODCALLTYPE Release() override;
+
+  // IRowset
+  HRESULT STDMETHODCALLTYPE AddRefRows(DBCOUNTITEM cRows, const HROW rghRows[], DBREFCOUNT rgRefCounts[],
+                                       DBROWSTATUS rgRowStatus[]) override;
+  HRESULT STDMETHODCALLTYPE GetData(HROW hRow, HACCESSOR hAccessor, void* pData) override;
+  HRESULT STDMETHODCALLTYPE GetNextRows(HCHAPTER hReserved, DBROWOFFSET lRowsOffset, DBROWCOUNT cRows,
+                                        DBCOUNTITEM* pcRowsObtained, HROW** prghRows) override;
+  HRESULT STDMETHODCALLTYPE ReleaseRows(DBCOUNTITEM cRows, const HROW rghRows[], DBROWOPTIONS rgRowOptions[],
+                                        DBREFCOUNT rgRefCounts[], DBROWSTATUS rgRowStatus[]) override;
+  // Rows come from a live producer and the store never rewinds, so there is no going
+  // back: before the first fetch the position already is the start (S_OK); after it
+  // the answer is DB_E_CANNOTRESTART.
+  HRESULT STDMETHODCALLTYPE RestartPosition(HCHAPTER hReserved) override;
+
+  // IAccessor
+  HRESULT STDMETHODCALLTYPE AddRefAccessor(HACCESSOR hAccessor, DBREFCOUNT* pcRefCount) override;
+  HRESULT STDMETHODCALLTYPE CreateAccessor(DBACCESSORFLAGS dwAccessorFlags, DBCOUNTITEM cBindings,
+                                           const DBBINDING rgBindings[], DBLENGTH cbRowSize, HACCESSOR* phAccessor,
+                                           DBBINDSTATUS rgStatus[]) override;
+  HRESULT STDMETHODCALLTYPE GetBindings(HACCESSOR hAccessor, DBACCESSORFLAGS* pdwAccessorFlags,
+                                        DBCOUNTITEM* pcBindings, DBBINDING** prgBindings) override;
+  HRESULT STDMETHODCALLTYPE ReleaseAccessor(HACCESSOR hAccessor, DBREFCOUNT* pcRefCount) override;
+
+  // IColumnsInfo
+  HRESULT STDMETHODCALLTYPE GetColumnInfo(DBORDINAL* pcColumns, DBCOLUMNINFO** prgInfo,
+                                          OLECHAR** ppStringsBuffer) override;
+  HRESULT STDMETHODCALLTYPE MapColumnIDs(DBORDINAL cColumnIDs, const DBID rgColumnIDs[],
+                                         DBORDINAL rgColumns[]) override;
+
+  // IRowsetInfo
+  HRESULT STDMETHODCALLTYPE GetProperties(const ULONG cPropertyIDSets, const DBPROPIDSET rgPropertyIDSets[],
+                                          ULONG* pcPropertySets, DBPROPSET** prgPropertySets) override;
+  HRESULT STDMETHODCALLTYPE GetReferencedRowset(DBORDINAL iOrdinal, REFIID riid,
+                                                IUnknown** ppReferencedRowset) override;
+  HRESULT STDMETHODCALLTYPE GetSpecification(REFIID riid, IUnknown** ppSpecification) override;
+
+  // IConvertType
+  HRESULT STDMETHODCALLTYPE CanConvert(DBTYPE wFromType, DBTYPE wToType, DBCONVERTFLAGS dwConvertFlags) override;
+
+  // IRowsetIdentity
+  HRESULT STDMETHODCALLTYPE IsSameRow(HROW hThisRow, HROW hThatRow) override;
+
+  // For the creator: sets a writable rowset property before the rowset is handed out.
+  // DB_E_NOTSUPPORTED for a property this kind of rowset does not offer,
+  // DB_E_READONLY for one it does not let change, DB_E_BADTYPE for a value of the wrong type.
+  HRESULT SetRowsetProperty(DBPROPID id, const VARIANT& value);
+
+  CDataStore* Store() const { return m_pStore.get(); }
+  RowsetKind Kind() const { return m_Kind; }
+  // Elapsed time inside GetNextRows and between its calls, in nanoseconds.
+  uint64_t InTimeNanoseconds() { return m_InTime.TotalNanoseconds(); }
+  uint64_t OutTimeNanoseconds() { return m_OutTime.TotalNanoseconds(); }
+
+ protected:
+  virtual ~CProviderIRowset();
+  // Interfaces a derived rowset adds; E_NOINTERFACE here.
+  virtual HRESULT QueryOtherInterface(REFIID riid, void** ppv);
+
+ private:
+  struct HeldRow {
+    CRefCountedDataStoreRow* row;
+    DBREFCOUNT refs;
+  };
+  struct Accessor {
+    DBACCESSORFLAGS flags = 0;
+    std::vector<DBBINDING> bindings;
+    std::vector<std::unique_ptr<DBOBJECT>> objects;  // copies behind bindings' pObject
+    DBREFCOUNT refs = 1;
+  };
+  struct PropertyValue {
+    DBPROPID id;
+    VARIANT value;
+    bool writable;
+  };
+
+  DBBINDSTATUS ValidateBinding(const DBBINDING& binding);
+  HRESULT ConversionService(IDataConvert** convert);
+  HRESULT FillPropertySet(const DBPROPIDSET* request, DBPROPSET* out, ULONG* okCount, ULONG* errorCount);
+  HRESULT GetNextRowsLocked(DBROWOFFSET lRowsOffset, DBROWCOUNT cRows, DBCOUNTITEM* pcRowsObtained,
+                            HROW** prghRows);
+
+  std::atomic<ULONG> m_cRef{1};
+  corvane::platform::CriticalSection m_Lock;
+  std::unique_ptr<CDataStore> m_pStore;
+  RowsetKind m_Kind;
+  IUnknown* m_pSpecification;
+  IDataConvert* m_pConvert = nullptr;
+
+  std::unordered_map<HROW, HeldRow> m_Rows;
+  HROW m_RowHandleGenerator = 0;
+  bool m_bFetched = false;
+  std::vector<CRefCountedDataStoreRow*> m_Batch;
+
+  std::unordered_map<HACCESSOR, Accessor> m_Accessors;
+  HACCESSOR m_AccessorGenerator = 0;
+
+  std::vector<PropertyValue> m_Properties;
+
+  CStopwatch m_InTime;
+  CStopwatch m_OutTime;
+};

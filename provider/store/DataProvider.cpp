@@ -1,0 +1,271 @@
+#include "provider/store/DataProvider.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include "provider/Trace.h"
+#include "provider/store/Stopwatch.h"
+
+using corvane::platform::CriticalSectionLock;
+using corvane::platform::Event;
+
+namespace {
+
+int LastSystemError() {
+#ifdef _WIN32
+  return static_cast<int>(GetLastError());
+#else
+  return errno;
+#endif
+}
+
+uint64_t NowNanoseconds() { return CStopwatch::NowNanoseconds(); }
+
+}  // namespace
+
+CDataProvider::CDataProvider(size_t pendingItemSize) : m_cbPendingItem(pendingItemSize) {}
+
+CDataProvider::~CDataProvider() {
+  StopWorker();
+  uint64_t elapsed;
+  {
+    CriticalSectionLock lock(m_TimeLock);
+    elapsed = m_ElapsedTime;
+  }
+  const uint64_t ms = elapsed / 1000000;
+  if (ms != 0) CVTRACE(TRACE_INFO, OLESTR("[DATA PROVIDER] -> Elapsed time = %d ms."), static_cast<int>(ms));
+}
+
+HRESULT CDataProvider::StartWorker() {
+  {
+    CriticalSectionLock lock(m_StateLock);
+    if (m_Thread.Joinable() && m_bRunning) {
+      // One worker per object: a second start while it runs would pull its events away.
+      CVTRACE(TRACE_ERROR, OLESTR("[DATA PROVIDER] -> Failed to initialaze the thread worker, error: %d."), 0);
+      return E_FAIL;
+    }
+  }
+  if (m_Thread.Joinable()) m_Thread.Join();  // a worker that already ended
+  CloseEvents();
+
+  {
+    CriticalSectionLock lock(m_StateLock);
+    m_dwPeriod = 0;  // the periodic mode is never entered from here; kept as it is
+    m_pStopEvent = std::make_unique<Event>(Event::Mode::ManualReset, false);
+    m_pWorkEvent = std::make_unique<Event>(Event::Mode::AutoReset, false);
+    // Marked running before the thread exists so that a step failing at once cannot
+    // be overwritten by a late "running" mark.
+    m_bRunning = 1;
+  }
+  if (!m_Thread.Start([this] { WorkerLoop(this); }, true)) {
+    const int error = LastSystemError();
+    {
+      CriticalSectionLock lock(m_StateLock);
+      m_bRunning = 0;
+    }
+    CloseEvents();
+    CVTRACE(TRACE_ERROR, OLESTR("[DATA PROVIDER] -> Failed to initialaze the thread worker, error: %d."), error);
+    return E_FAIL;
+  }
+  CVTRACE(TRACE_INFO, OLESTR("[DATA PROVIDER] -> Thread worker initialized."));
+  return S_OK;
+}
+
+void CDataProvider::SignalWorker() {
+  CriticalSectionLock lock(m_StateLock);
+  if (m_bRunning && m_dwPeriod == 0 && m_pWorkEvent) m_pWorkEvent->Set();
+}
+
+void CDataProvider::RequestStop() {
+  CriticalSectionLock lock(m_StateLock);
+  if (m_pStopEvent) m_pStopEvent->Set();
+}
+
+void CDataProvider::StopWorker() {
+  if (m_Thread.Joinable()) {
+    {
+      CriticalSectionLock lock(m_StateLock);
+      if (m_pStopEvent) m_pStopEvent->Set();
+    }
+    m_Thread.Join();
+  }
+  CloseEvents();
+}
+
+void CDataProvider::CloseEvents() {
+  CriticalSectionLock lock(m_StateLock);
+  m_pStopEvent.reset();
+  m_pWorkEvent.reset();
+}
+
+DWORD CDataProvider::WorkerLoop(CDataProvider* self) {
+  Event& stop = *self->m_pStopEvent;
+  Event& work = *self->m_pWorkEvent;
+  auto runStep = [self]() -> bool {
+    const uint64_t start = NowNanoseconds();
+    const HRESULT hr = self->ExecuteStep();
+    const uint64_t spent = NowNanoseconds() - start;
+    {
+      CriticalSectionLock lock(self->m_TimeLock);
+      self->m_ElapsedTime += spent;
+    }
+    if (FAILED(hr)) {
+      CriticalSectionLock lock(self->m_StateLock);
+      self->m_hrLastResult = hr;
+      return false;
+    }
+    return true;
+  };
+
+  if (self->m_dwPeriod != 0) {
+    CVTRACE(TRACE_INFO, OLESTR("[DATA PROVIDER] -> Thread worker started (periodic)."));
+    while (!stop.Wait(self->m_dwPeriod)) {
+      if (!runStep()) break;
+    }
+  } else {
+    CVTRACE(TRACE_INFO, OLESTR("[DATA PROVIDER] -> Thread worker started (event driven)."));
+    for (;;) {
+      const int which = Event::WaitEither(stop, work);
+      if (which != 1) break;  // the stop event wins when both are set
+      if (!runStep()) break;
+    }
+  }
+
+  {
+    CriticalSectionLock lock(self->m_StateLock);
+    self->m_bRunning = 0;
+  }
+  CVTRACE(TRACE_INFO, OLESTR("[DATA PROVIDER] -> Thread worker finished."));
+  self->m_RowsEvent.Set();  // a fetch waiting for rows learns that none will come
+  return 0;
+}
+
+BOOL CDataProvider::IsDataPending() {
+  CriticalSectionLock lock(m_StateLock);
+  if (m_bMoreData) return 1;
+  if (m_bRunning) return 1;
+  return m_PendingItems.empty() ? 0 : 1;
+}
+
+HRESULT CDataProvider::Execute() {
+  const HRESULT hr = StartWorker();
+  if (FAILED(hr)) return hr;
+  SignalWorker();
+  return S_OK;
+}
+
+HRESULT CDataProvider::ExecuteStep() { return E_NOTIMPL; }
+
+HRESULT CDataProvider::FetchRows(ProducedRecordList& rows, size_t wanted) {
+  for (;;) {
+    bool took = false;
+    bool pending;
+    HRESULT last;
+    {
+      CriticalSectionLock lock(m_StateLock);
+      if (!m_Produced.empty()) {
+        took = true;
+        if (rows.empty()) {
+          rows.swap(m_Produced);
+        } else {
+          for (ProducedRecord& r : m_Produced) rows.push_back(std::move(r));
+          m_Produced.clear();
+        }
+      }
+      last = m_hrLastResult;
+      pending = IsDataPending() != 0;
+    }
+    if (FAILED(last)) {
+      rows.clear();
+      return last;
+    }
+    if (took) OnRowsTaken();
+    if (rows.size() >= wanted) return S_OK;
+    if (!pending) {
+      // The worker may have queued its last records between the take and the check.
+      CriticalSectionLock lock(m_StateLock);
+      if (m_Produced.empty()) return DB_S_ENDOFROWSET;
+      continue;
+    }
+    WaitForRows(kFetchWaitMs);
+  }
+}
+
+void CDataProvider::OnRowsTaken() {
+  if (MoreData()) SignalWorker();
+}
+
+HRESULT CDataProvider::LastResult() {
+  CriticalSectionLock lock(m_StateLock);
+  return m_hrLastResult;
+}
+
+uint64_t CDataProvider::ElapsedNanoseconds() {
+  CriticalSectionLock lock(m_TimeLock);
+  return m_ElapsedTime;
+}
+
+bool CDataProvider::IsWorkerRunning() {
+  CriticalSectionLock lock(m_StateLock);
+  return m_bRunning != 0;
+}
+
+void CDataProvider::SetMoreData(bool more) {
+  CriticalSectionLock lock(m_StateLock);
+  m_bMoreData = more ? 1 : 0;
+}
+
+bool CDataProvider::MoreData() {
+  CriticalSectionLock lock(m_StateLock);
+  return m_bMoreData != 0;
+}
+
+void CDataProvider::AppendRecord(ProducedRecord&& record) {
+  {
+    CriticalSectionLock lock(m_StateLock);
+    m_Produced.push_back(std::move(record));
+  }
+  m_RowsEvent.Set();
+}
+
+void CDataProvider::AppendRecords(ProducedRecordList&& records) {
+  if (records.empty()) return;
+  {
+    CriticalSectionLock lock(m_StateLock);
+    if (m_Produced.empty()) {
+      m_Produced.swap(records);
+    } else {
+      for (ProducedRecord& r : records) m_Produced.push_back(std::move(r));
+    }
+  }
+  records.clear();
+  m_RowsEvent.Set();
+}
+
+size_t CDataProvider::QueuedRecordCount() {
+  CriticalSectionLock lock(m_StateLock);
+  return m_Produced.size();
+}
+
+void CDataProvider::PushPendingItem(const void* item) {
+  const BYTE* bytes = static_cast<const BYTE*>(item);
+  CriticalSectionLock lock(m_StateLock);
+  m_PendingItems.emplace_back(bytes, bytes + m_cbPendingItem);
+}
+
+bool CDataProvider::PopPendingItem(void* item) {
+  CriticalSectionLock lock(m_StateLock);
+  if (m_PendingItems.empty()) return false;
+  if (m_cbPendingItem != 0) std::memcpy(item, m_PendingItems.front().data(), m_cbPendingItem);
+  m_PendingItems.pop_front();
+  return true;
+}
+
+size_t CDataProvider::PendingItemCount() {
+  CriticalSectionLock lock(m_StateLock);
+  return m_PendingItems.size();
+}
+
+void CDataProvider::NotifyRowsAvailable() { m_RowsEvent.Set(); }
+
+bool CDataProvider::WaitForRows(uint32_t timeoutMs) { return m_RowsEvent.Wait(timeoutMs); }

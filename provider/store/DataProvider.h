@@ -1,0 +1,103 @@
+// The base of every virtual table and stored procedure: one worker thread per object
+// that reads history step by step and queues produced records, while the consumer's
+// fetch takes them into the data store. It also answers whether more rows may come.
+//
+// Derived classes implement ExecuteStep (one unit of work on the worker thread) and
+// GetColumns (the fields of every record they produce), queue records with
+// AppendRecords, and when everything is delivered clear the more-data flag and call
+// RequestStop from their last step. Their destructor must call StopWorker before their
+// own members go away: the worker may be inside ExecuteStep until then.
+#pragma once
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <vector>
+
+#include "platform/Platform.h"
+#include "provider/store/StoreValue.h"
+
+class CDataProvider {
+ public:
+  // A fetch waits for the worker at most this long per round; it wakes earlier as soon
+  // as records arrive or the worker ends.
+  static constexpr uint32_t kFetchWaitMs = 100;
+
+  // `pendingItemSize`: the size in bytes of the work records the derived class queues
+  // for its worker (0 when it queues none).
+  explicit CDataProvider(size_t pendingItemSize = 0);
+  virtual ~CDataProvider();
+  CDataProvider(const CDataProvider&) = delete;
+  CDataProvider& operator=(const CDataProvider&) = delete;
+
+  // The data store's producer entry: moves the records produced so far into `rows`,
+  // waiting for the worker while fewer than `wanted` have been taken and more may come.
+  // S_OK when at least `wanted` were taken, DB_S_ENDOFROWSET when the producer has
+  // nothing more (with or without rows), or the failure that ended the worker (rows
+  // taken in that call are dropped).
+  virtual HRESULT FetchRows(ProducedRecordList& rows, size_t wanted);
+  // 1 while the more-data flag is set, the worker runs, or pending items remain.
+  virtual BOOL IsDataPending();
+  // Configures the reading and starts it: by default StartWorker, then SignalWorker.
+  virtual HRESULT Execute();
+  // One unit of work, on the worker thread. A failure ends the worker and is kept as
+  // the last result.
+  virtual HRESULT ExecuteStep();
+  // The fields of every produced record, in record order.
+  virtual HRESULT GetColumns(std::vector<ColumnRecord>& columns) = 0;
+
+  HRESULT StartWorker();
+  void SignalWorker();
+  void StopWorker();
+
+  HRESULT LastResult();
+  // Time spent inside ExecuteStep, in nanoseconds.
+  uint64_t ElapsedNanoseconds();
+  bool IsWorkerRunning();
+
+ protected:
+  void SetMoreData(bool more);
+  bool MoreData();
+
+  // Queues produced records for the fetch and wakes a waiting fetch.
+  void AppendRecord(ProducedRecord&& record);
+  void AppendRecords(ProducedRecordList&& records);
+  size_t QueuedRecordCount();
+
+  // Work records of `pendingItemSize` bytes, first in first out.
+  void PushPendingItem(const void* item);
+  bool PopPendingItem(void* item);
+  size_t PendingItemCount();
+
+  // Ends the worker once the current step returns (callable from the step itself).
+  void RequestStop();
+  // Wakes a fetch that waits for records.
+  void NotifyRowsAvailable();
+  // True when woken by new records or the end of the worker within `timeoutMs`.
+  bool WaitForRows(uint32_t timeoutMs);
+  // Called by the default fetch after it took records: lets the worker produce the next
+  // portion while the consumer reads this one.
+  virtual void OnRowsTaken();
+
+  corvane::platform::CriticalSection& StateLock() { return m_StateLock; }
+
+ private:
+  static DWORD WorkerLoop(CDataProvider* self);
+  void CloseEvents();
+
+  corvane::platform::CriticalSection m_StateLock;
+  DWORD m_bMoreData = 1;
+  size_t m_cbPendingItem;
+  std::deque<std::vector<BYTE>> m_PendingItems;
+  HRESULT m_hrLastResult = S_OK;
+  ProducedRecordList m_Produced;
+
+  corvane::platform::CriticalSection m_TimeLock;
+  uint64_t m_ElapsedTime = 0;
+
+  corvane::platform::WorkerThread m_Thread;
+  DWORD m_dwPeriod = 0;
+  std::unique_ptr<corvane::platform::Event> m_pStopEvent;
+  std::unique_ptr<corvane::platform::Event> m_pWorkEvent;
+  corvane::platform::Event m_RowsEvent{corvane::platform::Event::Mode::AutoReset};
+  DWORD m_bRunning = 0;
+};

@@ -1,0 +1,106 @@
+// The in-memory, forward-only row queue behind every rowset: it lays out rows from the
+// column records of a table or procedure, fills them from the records its producer
+// hands over, gives them out in batches and copies cells into consumer buffers
+// through the data conversion service. Rows leave the queue when handed out; the
+// store never rewinds.
+#pragma once
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <vector>
+
+#include "platform/Platform.h"
+#include "platform/WideString.h"
+#include "provider/store/DataProvider.h"
+#include "provider/store/RefCountedDataStoreRow.h"
+#include "provider/store/Stopwatch.h"
+#include "provider/store/StoreValue.h"
+
+class CDataStore {
+ public:
+  static constexpr size_t kNotFound = static_cast<size_t>(-1);
+  static constexpr BYTE kStatusNull = 0;
+  static constexpr BYTE kStatusTruncated = 254;
+  static constexpr BYTE kStatusValue = 255;
+
+  CDataStore();
+  ~CDataStore();
+  CDataStore(const CDataStore&) = delete;
+  CDataStore& operator=(const CDataStore&) = delete;
+
+  // Lays out the rows for `columns`: the column description, the cell offsets and the
+  // row size. E_OUTOFMEMORY (and no columns) when the description cannot be allocated.
+  HRESULT BuildColumnInfo(const std::vector<ColumnRecord>& columns);
+
+  // Builds the layout for `columns` and takes `producer` as the source of rows: the
+  // store's columns are matched by name and ordinal (FindColumn) to the fields of the
+  // producer's records. `maxRows` (0: no limit) ends the rows after that many.
+  HRESULT Initialize(std::unique_ptr<CDataProvider> producer, const std::vector<ColumnRecord>& columns,
+                     ULONGLONG maxRows = 0);
+
+  // Sets *index to the column named `name` (as ColumnName or ColumnAlias, ignoring
+  // case): the first such column with `ordinal`, else the last such column, else
+  // kNotFound. E_FAIL for a null name.
+  static HRESULT FindColumn(const std::vector<ColumnRecord>& columns, const OLECHAR* name, ULONGLONG ordinal,
+                            size_t* index);
+
+  // Stores one cell. False for a value of the wrong type or a column type the store
+  // does not hold (the cell is left as it was); true otherwise, also when the cell was
+  // marked null.
+  bool SetValue(const StoreValue& value, const DataStoreColumnInfo& rColInfo, CRefCountedDataStoreRow* row);
+
+  // Hands out rows: skips `skip` rows (freed), then moves at most `count` rows to
+  // `rows` (each with the reference the queue held). S_OK when `count` rows were
+  // delivered, DB_S_ENDOFROWSET otherwise, or the producer's failure.
+  HRESULT GetNextRows(ULONGLONG skip, ULONGLONG count, std::vector<CRefCountedDataStoreRow*>& rows);
+
+  // Copies the bound cells of `row` into `buffer`.
+  HRESULT GetData(const DBBINDING* bindings, DBCOUNTITEM count, CRefCountedDataStoreRow* row, BYTE* buffer);
+
+  // Drops every queued row and stops the stopwatch.
+  void Clear();
+
+  // Appends a row filled from `record`: fields in the producer's order when the store
+  // has one, else in column order. For results made without a worker.
+  HRESULT AppendRecord(const ProducedRecord& record);
+  // Marks the end of the rows: no producer will be asked again.
+  void SetEndOfData() { m_bEndOfData = true; }
+
+  const DataStoreColumnInfo* ColumnInfo() const { return m_pColumnInfo; }
+  DBORDINAL ColumnCount() const { return m_cColumns; }
+  DBLENGTH RowSize() const { return m_cbRowSize; }
+  size_t QueuedRowCount() const { return m_ReadRows.size(); }
+  bool EndOfData() const { return m_bEndOfData; }
+  CDataProvider* Producer() const { return m_pProducer.get(); }
+  uint64_t ElapsedNanoseconds();
+
+  static HRESULT FileTimeToDate(const FILETIME& time, VARIANT* date);
+  static corvane::WString SystemTimeToText(const SYSTEMTIME& time);
+
+ private:
+  void FreeColumnInfo();
+  CRefCountedDataStoreRow* NewRow();
+  HRESULT FillRow(const ProducedRecord& record, CRefCountedDataStoreRow* row);
+  HRESULT PullFromProducer(ULONGLONG wanted);
+  HRESULT Converter(IDataConvert** convert);
+
+  DataStoreColumnInfo* m_pColumnInfo = nullptr;
+  DBORDINAL m_cColumns = 0;
+  DBLENGTH m_cbRowSize = 0;
+
+  std::list<CRefCountedDataStoreRow*> m_ReadRows;
+
+  std::unique_ptr<CDataProvider> m_pProducer;
+  std::vector<size_t> m_ColumnSource;  // column record behind each description entry
+  std::vector<size_t> m_FieldOfColumn;  // producer field feeding each store column
+  ULONGLONG m_MaxRows = 0;
+  ULONGLONG m_RowsQueued = 0;
+  bool m_bEndOfData = false;
+  ProducedRecordList m_Incoming;
+
+  IDataConvert* m_pConvert = nullptr;
+  std::vector<OLECHAR> m_WideScratch;
+  std::vector<uint64_t> m_DstScratch;
+
+  CStopwatch m_Stopwatch;
+};

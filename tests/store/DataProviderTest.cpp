@@ -1,0 +1,126 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
+
+#include "provider/store/DataProvider.h"
+#include "tests/store/StoreTestSupport.h"
+#include "tests/support/LeakCheckedTest.h"
+#include "tests/support/TraceCapture.h"
+
+namespace corvane::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+class CountingProvider : public CDataProvider {
+ public:
+  explicit CountingProvider(HRESULT result = S_OK) : result_(result) {}
+  ~CountingProvider() override { StopWorker(); }
+  HRESULT GetColumns(std::vector<ColumnRecord>& columns) override {
+    columns = RawDataColumns();
+    return S_OK;
+  }
+  HRESULT ExecuteStep() override {
+    ++steps;
+    return result_;
+  }
+  using CDataProvider::PushPendingItem;
+  using CDataProvider::SetMoreData;
+  std::atomic<int> steps{0};
+
+ private:
+  HRESULT result_;
+};
+
+bool WaitUntil(const std::function<bool()>& done) {
+  for (int i = 0; i < 500; ++i) {
+    if (done()) return true;
+    std::this_thread::sleep_for(10ms);
+  }
+  return done();
+}
+
+class DataProviderWorker : public LeakCheckedTest {};
+
+TEST_F(DataProviderWorker, SignalBeforeStartDoesNothing) {
+  CountingProvider provider;
+  provider.SignalWorker();
+  ASSERT_EQ(S_OK, provider.StartWorker());
+  std::this_thread::sleep_for(50ms);
+  EXPECT_EQ(0, provider.steps.load());
+  provider.SignalWorker();
+  EXPECT_TRUE(WaitUntil([&] { return provider.steps.load() == 1; }));
+  EXPECT_TRUE(provider.IsWorkerRunning());
+}
+
+TEST_F(DataProviderWorker, AFailingStepEndsTheWorkerAndIsKept) {
+  TraceCapture capture(TRACE_INFO);
+  CountingProvider provider(E_ACCESSDENIED);
+  ASSERT_EQ(S_OK, provider.Execute());
+  ASSERT_TRUE(WaitUntil([&] { return !provider.IsWorkerRunning(); }));
+  EXPECT_EQ(1, provider.steps.load());
+  EXPECT_EQ(E_ACCESSDENIED, provider.LastResult());
+  // Only the more-data flag and the pending items answer now.
+  EXPECT_EQ(1, provider.IsDataPending());
+  provider.SetMoreData(false);
+  EXPECT_EQ(0, provider.IsDataPending());
+  const int item = 5;
+  provider.PushPendingItem(&item);
+  EXPECT_EQ(1, provider.IsDataPending());
+  provider.SignalWorker();  // no worker any more: nothing runs
+  std::this_thread::sleep_for(20ms);
+  EXPECT_EQ(1, provider.steps.load());
+  const std::vector<std::string> expected = {"[DATA PROVIDER] -> Thread worker initialized.",
+                                             "[DATA PROVIDER] -> Thread worker started (event driven).",
+                                             "[DATA PROVIDER] -> Thread worker finished."};
+  std::vector<std::string> texts = capture.Texts();
+  std::sort(texts.begin(), texts.end());  // the first two come from two threads
+  std::vector<std::string> sorted = expected;
+  std::sort(sorted.begin(), sorted.end());
+  EXPECT_EQ(sorted, texts);
+}
+
+TEST_F(DataProviderWorker, DestructionWaitsForTheWaitingWorker) {
+  TraceCapture capture(TRACE_INFO);
+  {
+    CountingProvider provider;
+    ASSERT_EQ(S_OK, provider.StartWorker());
+    ASSERT_TRUE(WaitUntil([&] { return capture.Contains("[DATA PROVIDER] -> Thread worker started (event driven)."); }));
+    EXPECT_FALSE(capture.Contains("[DATA PROVIDER] -> Thread worker finished."));
+  }
+  EXPECT_TRUE(capture.Contains("[DATA PROVIDER] -> Thread worker finished."));
+}
+
+TEST_F(DataProviderWorker, AFetchWakesWhenRowsArriveOrTheWorkerEnds) {
+  PagedProducer producer(3000, 1000);
+  ASSERT_EQ(S_OK, producer.Execute());
+  ProducedRecordList rows;
+  // Wants more than one page: every page taken lets the worker make the next.
+  EXPECT_EQ(S_OK, producer.FetchRows(rows, 2500));
+  EXPECT_GE(rows.size(), 2500u);
+  rows.clear();
+  EXPECT_EQ(DB_S_ENDOFROWSET, producer.FetchRows(rows, 1000));
+  EXPECT_LE(rows.size(), 500u);
+  EXPECT_EQ(0, producer.IsDataPending());
+
+  PagedProducer failing(3000, 1000, E_OUTOFMEMORY, 2);
+  ASSERT_EQ(S_OK, failing.Execute());
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(E_OUTOFMEMORY, failing.FetchRows(rows, 3000));
+  EXPECT_TRUE(rows.empty());
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
+}
+
+TEST_F(DataProviderWorker, ASecondStartWhileRunningIsRefused) {
+  CountingProvider provider;
+  ASSERT_EQ(S_OK, provider.StartWorker());
+  EXPECT_EQ(E_FAIL, provider.StartWorker());
+  provider.SignalWorker();  // the first worker still has its events
+  EXPECT_TRUE(WaitUntil([&] { return provider.steps.load() == 1; }));
+  provider.StopWorker();
+  EXPECT_FALSE(provider.IsWorkerRunning());
+}
+
+}  // namespace
+}  // namespace corvane::test

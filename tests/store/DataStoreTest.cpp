@@ -1,0 +1,380 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "provider/store/DataStore.h"
+#include "tests/store/StoreTestSupport.h"
+#include "tests/support/LeakCheckedTest.h"
+
+namespace corvane::test {
+namespace {
+
+constexpr DBTYPE kWStrRef = DBTYPE_WSTR | DBTYPE_BYREF;
+
+// ---- Row layout
+
+struct LayoutCase {
+  DBTYPE type;
+  ULONGLONG size;
+  DBTYPE reported;
+  DBLENGTH reportedSize;
+  DBBYTEOFFSET nextOffset;  // of the column after it, when it starts at offset 2
+};
+
+class DataStoreLayout : public LeakCheckedTest, public ::testing::WithParamInterface<LayoutCase> {};
+
+TEST_P(DataStoreLayout, CellFollowsStatusByteAndRoundsToTheValueAlignment) {
+  const LayoutCase& c = GetParam();
+  CDataStore store;
+  ASSERT_EQ(S_OK, store.BuildColumnInfo({Column(OLESTR("A"), 1, DBTYPE_I1, 1), Column(OLESTR("B"), 2, c.type, c.size),
+                                         Column(OLESTR("C"), 3, DBTYPE_I1, 1)}));
+  ASSERT_EQ(3u, store.ColumnCount());
+  const DataStoreColumnInfo* info = store.ColumnInfo();
+  EXPECT_EQ(2u, info[1].cbOffset);
+  EXPECT_EQ(c.reported, info[1].wType);
+  EXPECT_EQ(c.reportedSize, info[1].ulColumnSize);
+  EXPECT_EQ(c.nextOffset, info[2].cbOffset);
+  EXPECT_EQ(c.nextOffset + 2, store.RowSize());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    EveryType, DataStoreLayout,
+    ::testing::Values(LayoutCase{DBTYPE_I2, 2, DBTYPE_I2, 2, 6}, LayoutCase{DBTYPE_BOOL, 2, DBTYPE_BOOL, 2, 6},
+                      LayoutCase{DBTYPE_UI2, 2, DBTYPE_UI2, 2, 6}, LayoutCase{DBTYPE_I4, 4, DBTYPE_I4, 4, 8},
+                      LayoutCase{DBTYPE_R4, 4, DBTYPE_R4, 4, 8}, LayoutCase{DBTYPE_UI4, 4, DBTYPE_UI4, 4, 8},
+                      LayoutCase{DBTYPE_R8, 8, DBTYPE_R8, 8, 16}, LayoutCase{DBTYPE_DATE, 8, DBTYPE_DATE, 8, 16},
+                      LayoutCase{DBTYPE_I8, 8, DBTYPE_I8, 8, 16}, LayoutCase{DBTYPE_UI8, 8, DBTYPE_UI8, 8, 16},
+                      LayoutCase{DBTYPE_VARIANT, 24, DBTYPE_VARIANT, 24, 32},
+                      LayoutCase{DBTYPE_I1, 1, DBTYPE_I1, 1, 4}, LayoutCase{DBTYPE_UI1, 1, DBTYPE_UI1, 1, 4},
+                      LayoutCase{DBTYPE_WSTR, 10, DBTYPE_WSTR, 10, 26}, LayoutCase{DBTYPE_STR, 10, DBTYPE_STR, 10, 14},
+                      LayoutCase{DBTYPE_DBTIMESTAMP, 16, DBTYPE_DBTIMESTAMP, 16, 20},
+                      LayoutCase{DBTYPE_BSTR, 0, kWStrRef, ~0ull, 16}, LayoutCase{kWStrRef, 0, kWStrRef, ~0ull, 16},
+                      LayoutCase{DBTYPE_STR | DBTYPE_BYREF, 0, DBTYPE_STR | DBTYPE_BYREF, ~0ull, 16}));
+
+class DataStoreDescription : public LeakCheckedTest {};
+
+TEST_F(DataStoreDescription, RawDataRowAndDroppedTypesKeepTheirOrdinal) {
+  CDataStore store;
+  std::vector<ColumnRecord> columns = RawDataColumns();
+  columns.insert(columns.begin() + 1, Column(OLESTR("MONEY"), 2, DBTYPE_CY, 8));
+  ASSERT_EQ(S_OK, store.BuildColumnInfo(columns));
+  ASSERT_EQ(4u, store.ColumnCount());
+  const DataStoreColumnInfo* info = store.ColumnInfo();
+  const DBBYTEOFFSET offsets[] = {0, 8196, 8216, 8224};
+  const DBORDINAL ordinals[] = {1, 3, 4, 5};
+  for (int i = 0; i < 4; ++i) {
+    EXPECT_EQ(offsets[i], info[i].cbOffset) << i;
+    EXPECT_EQ(ordinals[i], info[i].iOrdinal) << i;
+    EXPECT_EQ(255, info[i].bPrecision);
+    EXPECT_EQ(255, info[i].bScale);
+    EXPECT_EQ(nullptr, info[i].pTypeInfo);
+    EXPECT_EQ(static_cast<DBKIND>(DBKIND_NAME), info[i].columnid.eKind);
+    EXPECT_EQ(info[i].pwszName, info[i].columnid.uName.pwszName);
+  }
+  EXPECT_EQ(WString(OLESTR("TIMESTAMP")), info[1].pwszName);
+  EXPECT_EQ(8256u, store.RowSize());
+  EXPECT_EQ(S_OK, store.BuildColumnInfo({}));  // rebuilding frees the first description
+  EXPECT_EQ(0u, store.ColumnCount());
+  EXPECT_EQ(0u, store.RowSize());
+}
+
+// ---- SetValue
+
+class DataStoreSetValue : public LeakCheckedTest {
+ protected:
+  void Build(std::vector<ColumnRecord> columns) {
+    ASSERT_EQ(S_OK, store_->Initialize(nullptr, columns));
+    ASSERT_EQ(S_OK, store_->AppendRecord({}));
+    std::vector<CRefCountedDataStoreRow*> rows;
+    ASSERT_EQ(S_OK, store_->GetNextRows(0, 1, rows));
+    row_ = rows[0];
+  }
+  void TearDown() override {
+    if (row_) row_->Release();
+    store_.reset();
+    LeakCheckedTest::TearDown();
+  }
+  BYTE Status(int column) { return row_->Buffer()[store_->ColumnInfo()[column].cbOffset]; }
+  const BYTE* Value(int column) { return row_->Buffer() + store_->ColumnInfo()[column].cbOffset + 1; }
+  bool Set(const StoreValue& v, int column) { return store_->SetValue(v, store_->ColumnInfo()[column], row_); }
+
+  std::unique_ptr<CDataStore> store_ = std::make_unique<CDataStore>();
+  CRefCountedDataStoreRow* row_ = nullptr;
+};
+
+TEST_F(DataStoreSetValue, ScalarsNeedExactlyTheirVariantType) {
+  Build({Column(OLESTR("Q"), 1, DBTYPE_UI4, 4), Column(OLESTR("T"), 2, DBTYPE_DBTIMESTAMP, 16),
+         Column(OLESTR("V"), 3, DBTYPE_R8, 8)});
+  VARIANT v;
+  VariantInit(&v);
+  V_VT(&v) = VT_I4;
+  V_I4(&v) = 7;
+  EXPECT_FALSE(Set(StoreValue::TakeVariant(&v), 0));
+  EXPECT_EQ(0, Status(0));
+  EXPECT_FALSE(Set(UI4(1), 1));  // a timestamp cell takes only a timestamp
+  EXPECT_FALSE(Set(StoreValue::FromTime(FileTimeOf(kJan2024)), 2));
+  EXPECT_TRUE(Set(UI4(0xC0DE), 0));
+  EXPECT_EQ(255, Status(0));
+  EXPECT_EQ(0xC0DEu, ReadAt<ULONG>(Value(0), 0));
+  EXPECT_TRUE(Set(StoreValue(), 2));  // no value: the cell is null, not refused
+  EXPECT_EQ(0, Status(2));
+}
+
+TEST_F(DataStoreSetValue, UnsupportedColumnTypesAreRefused) {
+  Build({Column(OLESTR("Q"), 1, DBTYPE_UI4, 4)});
+  DataStoreColumnInfo money = store_->ColumnInfo()[0];
+  money.wType = DBTYPE_CY;
+  EXPECT_FALSE(store_->SetValue(UI4(1), money, row_));
+  money.wType = 136;
+  EXPECT_FALSE(store_->SetValue(UI4(1), money, row_));
+}
+
+TEST_F(DataStoreSetValue, WideTextIsTruncatedToTheColumnSizeWithStatus254) {
+  Build(RawDataColumns());
+  const WString fits(4096, OLESTR('x'));
+  EXPECT_TRUE(Set(Bstr(fits.c_str()), 0));
+  EXPECT_EQ(255, Status(0));
+  WString tooLong(4096, OLESTR('y'));
+  tooLong += OLESTR('z');
+  EXPECT_TRUE(Set(Bstr(tooLong.c_str()), 0));
+  EXPECT_EQ(254, Status(0));
+  WString stored(4097, 0);
+  std::memcpy(&stored[0], Value(0), 4097 * sizeof(OLECHAR));
+  EXPECT_EQ(WString(4096, OLESTR('y')), stored.substr(0, 4096));
+  EXPECT_EQ(0, stored[4096]);
+}
+
+TEST_F(DataStoreSetValue, AnsiCellsUseTheAnsiCodePageAndTruncate) {
+  Build({Column(OLESTR("S"), 1, DBTYPE_STR, 3)});
+  EXPECT_TRUE(Set(Bstr(OLESTR("\u00e9t\u00e9")), 0));
+  EXPECT_EQ(255, Status(0));
+  EXPECT_EQ(std::string("\xe9t\xe9"), std::string(reinterpret_cast<const char*>(Value(0))));
+  EXPECT_TRUE(Set(Bstr(OLESTR("abcd")), 0));
+  EXPECT_EQ(254, Status(0));
+  EXPECT_EQ(std::string("abc"), std::string(reinterpret_cast<const char*>(Value(0))));
+}
+
+TEST_F(DataStoreSetValue, ByReferenceCellsHoldTheirOwnCopy) {
+  Build({Column(OLESTR("B"), 1, DBTYPE_BSTR), Column(OLESTR("A"), 2, DBTYPE_STR | DBTYPE_BYREF)});
+  StoreValue text = Bstr(OLESTR("Plant.Tag1"));
+  EXPECT_TRUE(Set(text, 0));
+  EXPECT_TRUE(Set(text, 1));
+  const OLECHAR* wide = ReadAt<const OLECHAR*>(Value(0), 0);
+  ASSERT_NE(nullptr, wide);
+  EXPECT_NE(static_cast<const OLECHAR*>(V_BSTR(&text.Value)), wide);
+  EXPECT_EQ(WString(OLESTR("Plant.Tag1")), wide);
+  EXPECT_STREQ("Plant.Tag1", ReadAt<const char*>(Value(1), 0));
+  EXPECT_TRUE(Set(Bstr(OLESTR("again")), 0));  // the first copy is freed, not leaked
+}
+
+TEST_F(DataStoreSetValue, VariantCellsCopyAndTimestampsKeepMilliseconds) {
+  Build({Column(OLESTR("V"), 1, DBTYPE_VARIANT, 24), Column(OLESTR("T"), 2, DBTYPE_DBTIMESTAMP, 16)});
+  EXPECT_TRUE(Set(Bstr(OLESTR("text value")), 0));
+  VARIANT stored = ReadAt<VARIANT>(Value(0), 0);
+  EXPECT_EQ(VT_BSTR, V_VT(&stored));
+  EXPECT_EQ(WString(OLESTR("text value")), V_BSTR(&stored));
+  EXPECT_TRUE(Set(StoreValue::FromTime(FileTimeOf(kJan2024 + 1230000ull + 36000000000ull)), 1));
+  const DBTIMESTAMP ts = ReadAt<DBTIMESTAMP>(Value(1), 0);
+  EXPECT_EQ(2024, ts.year);
+  EXPECT_EQ(1, ts.month);
+  EXPECT_EQ(1, ts.day);
+  EXPECT_EQ(1, ts.hour);
+  EXPECT_EQ(0, ts.minute);
+  EXPECT_EQ(123000000u, ts.fraction);
+}
+
+TEST_F(DataStoreSetValue, ValuesOutsideTheBufferMarkTheCellNull) {
+  Build({Column(OLESTR("Q"), 1, DBTYPE_I1, 1), Column(OLESTR("V"), 2, DBTYPE_R8, 8)});
+  auto* small = static_cast<BYTE*>(CoTaskMemAlloc(6));
+  CRefCountedDataStoreRow::InitializeBuffer(small, 6, store_->ColumnInfo(), store_->ColumnCount());
+  small[2] = 255;
+  auto* shortRow = new CRefCountedDataStoreRow(small, store_->ColumnInfo(), store_->ColumnCount(), 6);
+  EXPECT_TRUE(store_->SetValue(R8(1.5), store_->ColumnInfo()[1], shortRow));  // cell at 2, value needs 3..10
+  EXPECT_EQ(0, small[2]);
+  shortRow->Release();
+}
+
+TEST(DataStoreTimeText, DatesDropMillisecondsAndTextIsZeroPadded) {
+  VARIANT withMs, withoutMs;
+  VariantInit(&withMs);
+  VariantInit(&withoutMs);
+  ASSERT_EQ(S_OK, CDataStore::FileTimeToDate(FileTimeOf(kJan2024 + 1230000ull), &withMs));
+  ASSERT_EQ(S_OK, CDataStore::FileTimeToDate(FileTimeOf(kJan2024), &withoutMs));
+  ASSERT_EQ(VT_DATE, V_VT(&withMs));
+  EXPECT_EQ(V_DATE(&withoutMs), V_DATE(&withMs));
+  EXPECT_DOUBLE_EQ(45292.0, V_DATE(&withMs));
+  SYSTEMTIME st{};
+  st.wYear = 987;
+  st.wMonth = 3;
+  st.wDay = 4;
+  st.wHour = 5;
+  st.wMinute = 6;
+  st.wSecond = 7;
+  EXPECT_EQ(WString(OLESTR("0987-03-04 05:06:07")), CDataStore::SystemTimeToText(st));
+}
+
+// ---- Column lookup and handing out rows
+
+TEST(DataStoreFindColumn, OrdinalMatchWinsElseLastNameMatch) {
+  std::vector<ColumnRecord> columns = {Column(OLESTR("VALUE"), 4, DBTYPE_R8), Column(OLESTR("value"), 7, DBTYPE_R8),
+                                       Column(OLESTR("OTHER"), 2, DBTYPE_R8)};
+  columns[2].ColumnAlias = OLESTR("Alias");
+  size_t index = 99;
+  EXPECT_EQ(S_OK, CDataStore::FindColumn(columns, OLESTR("Value"), 4, &index));
+  EXPECT_EQ(0u, index);
+  EXPECT_EQ(S_OK, CDataStore::FindColumn(columns, OLESTR("VALUE"), 1, &index));
+  EXPECT_EQ(1u, index);
+  EXPECT_EQ(S_OK, CDataStore::FindColumn(columns, OLESTR("ALIAS"), 9, &index));
+  EXPECT_EQ(2u, index);
+  EXPECT_EQ(S_OK, CDataStore::FindColumn(columns, OLESTR("NONE"), 1, &index));
+  EXPECT_EQ(CDataStore::kNotFound, index);
+  EXPECT_EQ(E_FAIL, CDataStore::FindColumn(columns, nullptr, 1, &index));
+}
+
+class DataStoreHandOut : public LeakCheckedTest {
+ protected:
+  static std::vector<ULONGLONG> Values(std::vector<CRefCountedDataStoreRow*>& rows, const CDataStore& store) {
+    std::vector<ULONGLONG> out;
+    for (CRefCountedDataStoreRow* r : rows) {
+      VARIANT v = ReadAt<VARIANT>(r->Buffer(), store.ColumnInfo()[3].cbOffset + 1);
+      out.push_back(static_cast<ULONGLONG>(V_R8(&v)));
+      r->Release();
+    }
+    rows.clear();
+    return out;
+  }
+};
+
+TEST_F(DataStoreHandOut, SkipCountAndEndOfRows) {
+  CDataStore store;
+  auto producer = std::make_unique<PagedProducer>(10, 10);
+  ASSERT_EQ(S_OK, producer->Execute());
+  ASSERT_EQ(S_OK, store.Initialize(std::move(producer), RawDataColumns()));
+  std::vector<CRefCountedDataStoreRow*> rows;
+  EXPECT_EQ(S_OK, store.GetNextRows(2, 3, rows));
+  EXPECT_EQ((std::vector<ULONGLONG>{2, 3, 4}), Values(rows, store));
+  EXPECT_EQ(5u, store.QueuedRowCount());
+  EXPECT_EQ(DB_S_ENDOFROWSET, store.GetNextRows(0, 10, rows));
+  EXPECT_EQ((std::vector<ULONGLONG>{5, 6, 7, 8, 9}), Values(rows, store));
+  EXPECT_EQ(DB_S_ENDOFROWSET, store.GetNextRows(0, 1, rows));
+  EXPECT_TRUE(rows.empty());
+}
+
+TEST_F(DataStoreHandOut, SkippingPastTheEndEmptiesTheStore) {
+  CDataStore store;
+  auto producer = std::make_unique<PagedProducer>(4, 4);
+  ASSERT_EQ(S_OK, producer->Execute());
+  ASSERT_EQ(S_OK, store.Initialize(std::move(producer), RawDataColumns()));
+  std::vector<CRefCountedDataStoreRow*> rows;
+  EXPECT_EQ(DB_S_ENDOFROWSET, store.GetNextRows(6, 1, rows));
+  EXPECT_TRUE(rows.empty());
+  EXPECT_EQ(0u, store.QueuedRowCount());
+}
+
+TEST_F(DataStoreHandOut, AFailingProducerFailsTheFetchUnchanged) {
+  CDataStore store;
+  auto producer = std::make_unique<PagedProducer>(100, 10, E_ACCESSDENIED, 1);
+  ASSERT_EQ(S_OK, producer->Execute());
+  ASSERT_EQ(S_OK, store.Initialize(std::move(producer), RawDataColumns()));
+  std::vector<CRefCountedDataStoreRow*> rows;
+  EXPECT_EQ(E_ACCESSDENIED, store.GetNextRows(0, 5, rows));
+  EXPECT_TRUE(rows.empty());
+}
+
+TEST_F(DataStoreHandOut, StoreColumnsAreMatchedToProducerFieldsByName) {
+  CDataStore store;
+  auto producer = std::make_unique<PagedProducer>(1, 1);
+  ASSERT_EQ(S_OK, producer->Execute());
+  // Only two columns bound, in another order than the producer's fields.
+  ASSERT_EQ(S_OK, store.Initialize(std::move(producer), {Column(OLESTR("VALUE"), 4, DBTYPE_VARIANT, 24),
+                                                         Column(OLESTR("quality"), 3, DBTYPE_UI4, 4)}));
+  std::vector<CRefCountedDataStoreRow*> rows;
+  ASSERT_EQ(S_OK, store.GetNextRows(0, 1, rows));
+  const BYTE* buffer = rows[0]->Buffer();
+  VARIANT v = ReadAt<VARIANT>(buffer, 1);
+  EXPECT_EQ(VT_R8, V_VT(&v));
+  EXPECT_EQ(192u, ReadAt<ULONG>(buffer, store.ColumnInfo()[1].cbOffset + 1));
+  rows[0]->Release();
+}
+
+// ---- GetData
+
+class DataStoreGetData : public LeakCheckedTest {
+ protected:
+  void SetUp() override {
+    LeakCheckedTest::SetUp();
+    ASSERT_EQ(S_OK, store_->Initialize(nullptr, {Column(OLESTR("TAG"), 1, DBTYPE_WSTR, 16),
+                                                Column(OLESTR("N"), 2, DBTYPE_I4, 4),
+                                                Column(OLESTR("V"), 3, DBTYPE_VARIANT, 24),
+                                                Column(OLESTR("R"), 4, DBTYPE_BSTR)}));
+    ProducedRecord record;
+    record.push_back(Bstr(OLESTR("Tag.A")));
+    VARIANT n;
+    VariantInit(&n);
+    V_VT(&n) = VT_I4;
+    V_I4(&n) = 42;
+    record.push_back(StoreValue::TakeVariant(&n));
+    record.push_back(R8(1e20));
+    record.push_back(StoreValue());
+    ASSERT_EQ(S_OK, store_->AppendRecord(record));
+    std::vector<CRefCountedDataStoreRow*> rows;
+    ASSERT_EQ(S_OK, store_->GetNextRows(0, 1, rows));
+    row_ = rows[0];
+  }
+  void TearDown() override {
+    row_->Release();
+    store_.reset();
+    LeakCheckedTest::TearDown();
+  }
+  DBSTATUS StatusOf(const DBBINDING& b) { return ReadAt<DBSTATUS>(buffer_, b.obStatus); }
+  DBLENGTH LengthOf(const DBBINDING& b) { return ReadAt<DBLENGTH>(buffer_, b.obLength); }
+
+  std::unique_ptr<CDataStore> store_ = std::make_unique<CDataStore>();
+  CRefCountedDataStoreRow* row_ = nullptr;
+  BYTE buffer_[512] = {};
+};
+
+TEST_F(DataStoreGetData, NullCellsGiveIsNullAndZeroLength) {
+  const DBBINDING b[] = {Binding(4, DBTYPE_WSTR, 0, 40), Binding(4, kWStrRef, 64, 8)};
+  std::memset(buffer_, 0xAB, sizeof buffer_);
+  EXPECT_EQ(S_OK, store_->GetData(b, 2, row_, buffer_));
+  EXPECT_EQ(static_cast<DBSTATUS>(DBSTATUS_S_ISNULL), StatusOf(b[0]));
+  EXPECT_EQ(0u, LengthOf(b[0]));
+  EXPECT_EQ(nullptr, ReadAt<void*>(buffer_, 64));
+}
+
+TEST_F(DataStoreGetData, ProviderOwnedReferencesPointIntoTheRow) {
+  const DBBINDING b = Binding(1, kWStrRef, 0, 8, DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS,
+                              DBMEMOWNER_PROVIDEROWNED);
+  EXPECT_EQ(S_OK, store_->GetData(&b, 1, row_, buffer_));
+  const BYTE* pointer = ReadAt<const BYTE*>(buffer_, 0);
+  EXPECT_EQ(row_->Buffer() + 1, pointer);
+  EXPECT_EQ(10u, LengthOf(b));
+  EXPECT_EQ(static_cast<DBSTATUS>(DBSTATUS_S_OK), StatusOf(b));
+}
+
+TEST_F(DataStoreGetData, ConversionsReportTheirStatusesAndMixedResults) {
+  const DBLENGTH span = BindingSpan(40);
+  const DBBINDING good[] = {Binding(1, DBTYPE_WSTR, 0, 40), Binding(2, DBTYPE_WSTR, span, 40)};
+  EXPECT_EQ(S_OK, store_->GetData(good, 2, row_, buffer_));
+  EXPECT_EQ(WString(OLESTR("Tag.A")), reinterpret_cast<const OLECHAR*>(buffer_));
+  EXPECT_EQ(10u, LengthOf(good[0]));
+  EXPECT_EQ(WString(OLESTR("42")), reinterpret_cast<const OLECHAR*>(buffer_ + span));
+
+  const DBBINDING truncated = Binding(1, DBTYPE_WSTR, 0, 6);
+  EXPECT_EQ(S_OK, store_->GetData(&truncated, 1, row_, buffer_));
+  EXPECT_EQ(static_cast<DBSTATUS>(DBSTATUS_S_TRUNCATED), StatusOf(truncated));
+
+  const DBBINDING mixed[] = {Binding(2, DBTYPE_R8, 0, 8), Binding(3, DBTYPE_I4, 64, 4)};
+  EXPECT_EQ(DB_S_ERRORSOCCURRED, store_->GetData(mixed, 2, row_, buffer_));
+  EXPECT_DOUBLE_EQ(42.0, ReadAt<double>(buffer_, 0));
+  EXPECT_EQ(static_cast<DBSTATUS>(DBSTATUS_E_DATAOVERFLOW), StatusOf(mixed[1]));
+  EXPECT_EQ(DB_E_ERRORSOCCURRED, store_->GetData(&mixed[1], 1, row_, buffer_));
+
+  const DBBINDING badOrdinal = Binding(5, DBTYPE_I4, 0, 4);
+  EXPECT_EQ(DB_E_BADORDINAL, store_->GetData(&badOrdinal, 1, row_, buffer_));
+}
+
+}  // namespace
+}  // namespace corvane::test

@@ -1,0 +1,295 @@
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include "provider/ProviderIRowset.h"
+#include "tests/store/StoreTestSupport.h"
+#include "tests/support/LeakCheckedTest.h"
+
+namespace corvane::test {
+namespace {
+
+constexpr DBTYPE kWStrRef = DBTYPE_WSTR | DBTYPE_BYREF;
+
+// A rowset over a worker-driven producer of `rows` RAWDATA rows.
+class RowsetTest : public LeakCheckedTest {
+ protected:
+  void Open(ULONGLONG rows, CProviderIRowset::RowsetKind kind = CProviderIRowset::RowsetKind::Command,
+            std::vector<ColumnRecord> columns = RawDataColumns()) {
+    auto producer = std::make_unique<PagedProducer>(rows, 4);
+    producer_ = producer.get();
+    ASSERT_EQ(S_OK, producer->Execute());
+    auto store = std::make_unique<CDataStore>();
+    ASSERT_EQ(S_OK, store->Initialize(std::move(producer), columns));
+    ASSERT_EQ(S_OK, CProviderIRowset::Create(std::move(store), kind, nullptr, IID_IRowset,
+                                             reinterpret_cast<void**>(&rowset_)));
+    ASSERT_EQ(S_OK, rowset_->QueryInterface(IID_IAccessor, reinterpret_cast<void**>(&accessor_)));
+  }
+  void TearDown() override {
+    if (accessor_) accessor_->Release();
+    if (rowset_) rowset_->Release();
+    LeakCheckedTest::TearDown();
+  }
+  HACCESSOR ValueAccessor() {
+    const DBBINDING b = Binding(4, DBTYPE_R8, 0, 8);
+    HACCESSOR h = 0;
+    EXPECT_EQ(S_OK, accessor_->CreateAccessor(DBACCESSOR_ROWDATA, 1, &b, 0, &h, nullptr));
+    return h;
+  }
+  double ValueOf(HROW row, HACCESSOR h, HRESULT* hr = nullptr) {
+    BYTE buffer[64] = {};
+    const HRESULT result = rowset_->GetData(row, h, buffer);
+    if (hr) *hr = result;
+    return ReadAt<double>(buffer, 0);
+  }
+
+  HRESULT SameRow(HROW a, HROW b) {
+    IRowsetIdentity* identity = nullptr;
+    EXPECT_EQ(S_OK, rowset_->QueryInterface(IID_IRowsetIdentity, reinterpret_cast<void**>(&identity)));
+    const HRESULT hr = identity->IsSameRow(a, b);
+    identity->Release();
+    return hr;
+  }
+
+  PagedProducer* producer_ = nullptr;
+  IRowset* rowset_ = nullptr;
+  IAccessor* accessor_ = nullptr;
+};
+
+class RowsetFetch : public RowsetTest {};
+
+TEST_F(RowsetFetch, ArgumentsAreCheckedBeforeTheStoreIsAsked) {
+  Open(10);
+  DBCOUNTITEM obtained = 99;
+  HROW* handles = nullptr;
+  EXPECT_EQ(E_INVALIDARG, rowset_->GetNextRows(DB_NULL_HCHAPTER, 0, 1, nullptr, &handles));
+  EXPECT_EQ(E_INVALIDARG, rowset_->GetNextRows(DB_NULL_HCHAPTER, 0, 1, &obtained, nullptr));
+  EXPECT_EQ(S_OK, rowset_->GetNextRows(DB_NULL_HCHAPTER, 0, 0, &obtained, &handles));
+  EXPECT_EQ(0u, obtained);
+  EXPECT_EQ(0, producer_->fetches.load());
+  EXPECT_EQ(DB_E_CANTSCROLLBACKWARDS, rowset_->GetNextRows(DB_NULL_HCHAPTER, -1, 1, &obtained, &handles));
+  EXPECT_EQ(DB_E_CANTFETCHBACKWARDS, rowset_->GetNextRows(DB_NULL_HCHAPTER, 0, -1, &obtained, &handles));
+  EXPECT_EQ(nullptr, handles);
+  EXPECT_EQ(S_OK, rowset_->RestartPosition(DB_NULL_HCHAPTER));  // nothing fetched yet
+}
+
+TEST_F(RowsetFetch, HandlesAreDistinctNonzeroInBothArrayForms) {
+  Open(10);
+  const HACCESSOR h = ValueAccessor();
+  DBCOUNTITEM obtained = 0;
+  HROW* allocated = nullptr;
+  ASSERT_EQ(S_OK, rowset_->GetNextRows(DB_NULL_HCHAPTER, 1, 3, &obtained, &allocated));
+  ASSERT_EQ(3u, obtained);
+  HROW supplied[8] = {};
+  HROW* inPlace = supplied;
+  ASSERT_EQ(DB_S_ENDOFROWSET, rowset_->GetNextRows(DB_NULL_HCHAPTER, 0, 8, &obtained, &inPlace));
+  EXPECT_EQ(supplied, inPlace);
+  ASSERT_EQ(6u, obtained);
+  std::set<HROW> seen;
+  for (int i = 0; i < 3; ++i) seen.insert(allocated[i]);
+  for (int i = 0; i < 6; ++i) seen.insert(supplied[i]);
+  EXPECT_EQ(9u, seen.size());
+  EXPECT_EQ(0u, seen.count(DB_NULL_HROW));
+  EXPECT_DOUBLE_EQ(1.0, ValueOf(allocated[0], h));  // the first row was skipped
+  EXPECT_DOUBLE_EQ(9.0, ValueOf(supplied[5], h));
+  EXPECT_EQ(S_OK, rowset_->ReleaseRows(3, allocated, nullptr, nullptr, nullptr));
+  EXPECT_EQ(S_OK, rowset_->ReleaseRows(6, supplied, nullptr, nullptr, nullptr));
+  CoTaskMemFree(allocated);
+  EXPECT_EQ(DB_E_CANNOTRESTART, rowset_->RestartPosition(DB_NULL_HCHAPTER));
+  EXPECT_EQ(S_OK, accessor_->ReleaseAccessor(h, nullptr));
+}
+
+TEST_F(RowsetFetch, HeldRowsOutliveTheStoreQueueUntilReleased) {
+  Open(6);
+  const HACCESSOR h = ValueAccessor();
+  DBCOUNTITEM obtained = 0;
+  HROW first = 0;
+  HROW* one = &first;
+  ASSERT_EQ(S_OK, rowset_->GetNextRows(DB_NULL_HCHAPTER, 0, 1, &obtained, &one));
+  HROW rest[8];
+  HROW* restPtr = rest;
+  ASSERT_EQ(DB_S_ENDOFROWSET, rowset_->GetNextRows(DB_NULL_HCHAPTER, 10, 1, &obtained, &restPtr));
+  EXPECT_EQ(0u, obtained);  // skipped past the end: the store dropped everything
+  DBREFCOUNT refs = 0;
+  DBROWSTATUS status = 99;
+  EXPECT_EQ(S_OK, rowset_->AddRefRows(1, &first, &refs, &status));
+  EXPECT_EQ(2u, refs);
+  EXPECT_DOUBLE_EQ(0.0, ValueOf(first, h));
+  EXPECT_EQ(S_OK, SameRow(first, first));
+  const HROW both[] = {first, 12345};
+  DBROWSTATUS statuses[2];
+  DBREFCOUNT counts[2];
+  EXPECT_EQ(DB_S_ERRORSOCCURRED, rowset_->ReleaseRows(2, both, nullptr, counts, statuses));
+  EXPECT_EQ(1u, counts[0]);
+  EXPECT_EQ(static_cast<DBROWSTATUS>(DBROWSTATUS_E_INVALID), statuses[1]);
+  EXPECT_DOUBLE_EQ(0.0, ValueOf(first, h));
+  EXPECT_EQ(S_OK, rowset_->ReleaseRows(1, &first, nullptr, nullptr, nullptr));
+  HRESULT hr = S_OK;
+  ValueOf(first, h, &hr);
+  EXPECT_EQ(DB_E_BADROWHANDLE, hr);
+  EXPECT_EQ(DB_E_ERRORSOCCURRED, rowset_->ReleaseRows(1, &first, nullptr, nullptr, nullptr));
+  EXPECT_EQ(DB_E_BADROWHANDLE, SameRow(first, first));
+}
+
+TEST_F(RowsetFetch, DifferentFetchesAreDifferentRows) {
+  Open(2);
+  DBCOUNTITEM obtained = 0;
+  HROW* handles = nullptr;
+  ASSERT_EQ(S_OK, rowset_->GetNextRows(DB_NULL_HCHAPTER, 0, 2, &obtained, &handles));
+  IRowsetIdentity* identity = nullptr;
+  ASSERT_EQ(S_OK, rowset_->QueryInterface(IID_IRowsetIdentity, reinterpret_cast<void**>(&identity)));
+  EXPECT_EQ(S_FALSE, identity->IsSameRow(handles[0], handles[1]));
+  identity->Release();
+  rowset_->ReleaseRows(2, handles, nullptr, nullptr, nullptr);
+  CoTaskMemFree(handles);
+}
+
+class RowsetAccessor : public RowsetTest {};
+
+TEST_F(RowsetAccessor, BindingsAreValidatedOneByOne) {
+  Open(1);
+  DBBINDING b[] = {Binding(4, DBTYPE_R8, 0, 8), Binding(9, DBTYPE_R8, 0, 8),
+                   Binding(1, DBTYPE_WSTR, 0, 8, DBPART_VALUE, DBMEMOWNER_PROVIDEROWNED),
+                   Binding(3, DBTYPE_IUNKNOWN, 0, 8), Binding(1, DBTYPE_WSTR, 0, 8, 0)};
+  DBBINDSTATUS status[5];
+  HACCESSOR h = 77;
+  EXPECT_EQ(DB_E_BADBINDINFO, accessor_->CreateAccessor(DBACCESSOR_ROWDATA, 5, b, 0, &h, status));
+  EXPECT_EQ(DB_NULL_HACCESSOR, h);
+  EXPECT_EQ(static_cast<DBBINDSTATUS>(DBBINDSTATUS_OK), status[0]);
+  EXPECT_EQ(static_cast<DBBINDSTATUS>(DBBINDSTATUS_BADORDINAL), status[1]);
+  EXPECT_EQ(static_cast<DBBINDSTATUS>(DBBINDSTATUS_BADBINDINFO), status[2]);
+  EXPECT_EQ(static_cast<DBBINDSTATUS>(DBBINDSTATUS_UNSUPPORTEDCONVERSION), status[3]);
+  EXPECT_EQ(static_cast<DBBINDSTATUS>(DBBINDSTATUS_BADBINDINFO), status[4]);
+  EXPECT_EQ(DB_E_BADACCESSORFLAGS, accessor_->CreateAccessor(DBACCESSOR_PARAMETERDATA, 1, b, 0, &h, nullptr));
+  EXPECT_EQ(DB_E_BYREFACCESSORNOTSUPPORTED,
+            accessor_->CreateAccessor(DBACCESSOR_ROWDATA | DBACCESSOR_PASSBYREF, 1, b, 0, &h, nullptr));
+  EXPECT_EQ(DB_E_NULLACCESSORNOTSUPPORTED, accessor_->CreateAccessor(DBACCESSOR_ROWDATA, 0, b, 0, &h, nullptr));
+}
+
+TEST_F(RowsetAccessor, AccessorsAreCountedAndGiveBackTheirBindings) {
+  Open(1);
+  const DBBINDING b[] = {Binding(1, kWStrRef, 0, 8, DBPART_VALUE, DBMEMOWNER_PROVIDEROWNED),
+                         Binding(2, DBTYPE_DBTIMESTAMP, 16, 16)};
+  HACCESSOR h = 0;
+  ASSERT_EQ(S_OK, accessor_->CreateAccessor(DBACCESSOR_ROWDATA, 2, b, 0, &h, nullptr));
+  EXPECT_NE(DB_NULL_HACCESSOR, h);
+  DBREFCOUNT refs = 0;
+  EXPECT_EQ(S_OK, accessor_->AddRefAccessor(h, &refs));
+  EXPECT_EQ(2u, refs);
+  DBACCESSORFLAGS flags = 0;
+  DBCOUNTITEM count = 0;
+  DBBINDING* copy = nullptr;
+  ASSERT_EQ(S_OK, accessor_->GetBindings(h, &flags, &count, &copy));
+  EXPECT_EQ(static_cast<DBACCESSORFLAGS>(DBACCESSOR_ROWDATA), flags);
+  ASSERT_EQ(2u, count);
+  EXPECT_EQ(0, std::memcmp(b, copy, sizeof b));
+  CoTaskMemFree(copy);
+  EXPECT_EQ(S_OK, accessor_->ReleaseAccessor(h, &refs));
+  EXPECT_EQ(1u, refs);
+  EXPECT_EQ(S_OK, accessor_->ReleaseAccessor(h, &refs));
+  EXPECT_EQ(0u, refs);
+  EXPECT_EQ(DB_E_BADACCESSORHANDLE, accessor_->ReleaseAccessor(h, &refs));
+  EXPECT_EQ(DB_E_BADACCESSORHANDLE, accessor_->GetBindings(h, &flags, &count, &copy));
+}
+
+class RowsetDescription : public RowsetTest {
+ protected:
+  template <typename T>
+  T* As(REFIID iid) {
+    T* p = nullptr;
+    EXPECT_EQ(S_OK, rowset_->QueryInterface(iid, reinterpret_cast<void**>(&p)));
+    return p;
+  }
+  static const DBPROP* Find(const DBPROPSET& set, DBPROPID id) {
+    for (ULONG i = 0; i < set.cProperties; ++i)
+      if (set.rgProperties[i].dwPropertyID == id) return &set.rgProperties[i];
+    return nullptr;
+  }
+  static void Free(ULONG n, DBPROPSET* sets) {
+    for (ULONG s = 0; s < n; ++s) {
+      for (ULONG i = 0; i < sets[s].cProperties; ++i) VariantClear(&sets[s].rgProperties[i].vValue);
+      CoTaskMemFree(sets[s].rgProperties);
+    }
+    CoTaskMemFree(sets);
+  }
+};
+
+TEST_F(RowsetDescription, ColumnsAreDescribedAndMappedByName) {
+  std::vector<ColumnRecord> columns = RawDataColumns();
+  columns.insert(columns.begin() + 1, Column(OLESTR("MONEY"), 2, DBTYPE_CY, 8));
+  Open(1, CProviderIRowset::RowsetKind::Command, columns);
+  IColumnsInfo* info = As<IColumnsInfo>(IID_IColumnsInfo);
+  DBORDINAL n = 0;
+  DBCOLUMNINFO* cols = nullptr;
+  OLECHAR* strings = nullptr;
+  ASSERT_EQ(S_OK, info->GetColumnInfo(&n, &cols, &strings));
+  ASSERT_EQ(4u, n);
+  EXPECT_EQ(WString(OLESTR("VALUE")), cols[3].pwszName);
+  EXPECT_EQ(5u, cols[3].iOrdinal);
+  EXPECT_EQ(WString(OLESTR("TIMESTAMP")), cols[1].columnid.uName.pwszName);
+  EXPECT_EQ(DBTYPE_DBTIMESTAMP, cols[1].wType);
+  CoTaskMemFree(cols);
+  CoTaskMemFree(strings);
+  DBID ids[2] = {};
+  ids[0].eKind = DBKIND_NAME;
+  ids[0].uName.pwszName = const_cast<LPOLESTR>(OLESTR("quality"));
+  ids[1].eKind = DBKIND_NAME;
+  ids[1].uName.pwszName = const_cast<LPOLESTR>(OLESTR("MONEY"));
+  DBORDINAL ordinals[2];
+  EXPECT_EQ(DB_S_ERRORSOCCURRED, info->MapColumnIDs(2, ids, ordinals));
+  EXPECT_EQ(4u, ordinals[0]);
+  EXPECT_EQ(DB_INVALIDCOLUMN, ordinals[1]);
+  info->Release();
+}
+
+TEST_F(RowsetDescription, PropertiesDependOnTheKindOfRowset) {
+  Open(1, CProviderIRowset::RowsetKind::Table);
+  IRowsetInfo* info = As<IRowsetInfo>(IID_IRowsetInfo);
+  ULONG n = 0;
+  DBPROPSET* sets = nullptr;
+  ASSERT_EQ(S_OK, info->GetProperties(0, nullptr, &n, &sets));
+  ASSERT_EQ(1u, n);
+  EXPECT_EQ(11u, sets[0].cProperties);
+  const DBPROP* backwards = Find(sets[0], DBPROP_CANFETCHBACKWARDS);
+  ASSERT_NE(nullptr, backwards);
+  EXPECT_EQ(VARIANT_TRUE, V_BOOL(&backwards->vValue));
+  EXPECT_EQ(nullptr, Find(sets[0], DBPROP_BOOKMARKS));
+  Free(n, sets);
+
+  DBPROPID ids[] = {DBPROP_MAXROWS, DBPROP_BOOKMARKS};
+  DBPROPIDSET request = {ids, 2, {0xC8B522BE, 0x5CF3, 0x11CE, {0xAD, 0xE5, 0x00, 0xAA, 0x00, 0x44, 0x77, 0x3D}}};
+  ASSERT_EQ(DB_S_ERRORSOCCURRED, info->GetProperties(1, &request, &n, &sets));
+  EXPECT_EQ(static_cast<DBPROPSTATUS>(DBPROPSTATUS_OK), sets[0].rgProperties[0].dwStatus);
+  EXPECT_EQ(static_cast<DBPROPSTATUS>(DBPROPSTATUS_NOTSUPPORTED), sets[0].rgProperties[1].dwStatus);
+  Free(n, sets);
+  request.guidPropertySet = IID_IRowset;  // not a property set of a rowset
+  EXPECT_EQ(DB_E_ERRORSOCCURRED, info->GetProperties(1, &request, &n, &sets));
+  Free(n, sets);
+  IUnknown* spec = reinterpret_cast<IUnknown*>(1);
+  EXPECT_EQ(S_FALSE, info->GetSpecification(IID_IUnknown, &spec));
+  EXPECT_EQ(nullptr, spec);
+  info->Release();
+}
+
+TEST_F(RowsetDescription, CommandRowsetsOfferBookmarkPropertiesAsFalse) {
+  Open(1);
+  IRowsetInfo* info = As<IRowsetInfo>(IID_IRowsetInfo);
+  ULONG n = 0;
+  DBPROPSET* sets = nullptr;
+  ASSERT_EQ(S_OK, info->GetProperties(0, nullptr, &n, &sets));
+  EXPECT_EQ(14u, sets[0].cProperties);
+  const DBPROP* bookmarks = Find(sets[0], DBPROP_BOOKMARKS);
+  ASSERT_NE(nullptr, bookmarks);
+  EXPECT_EQ(VARIANT_FALSE, V_BOOL(&bookmarks->vValue));
+  EXPECT_EQ(nullptr, Find(sets[0], DBPROP_MAXROWS));
+  Free(n, sets);
+  info->Release();
+  IConvertType* convert = As<IConvertType>(IID_IConvertType);
+  EXPECT_EQ(S_OK, convert->CanConvert(DBTYPE_I4, DBTYPE_WSTR, DBCONVERTFLAGS_COLUMN));
+  EXPECT_EQ(DB_E_BADCONVERTFLAG, convert->CanConvert(DBTYPE_I4, DBTYPE_WSTR, DBCONVERTFLAGS_PARAMETER));
+  EXPECT_EQ(DB_E_BADCONVERTFLAG, convert->CanConvert(DBTYPE_I4, DBTYPE_WSTR, DBCONVERTFLAGS_ISLONG));
+  convert->Release();
+}
+
+}  // namespace
+}  // namespace corvane::test

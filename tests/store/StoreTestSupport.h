@@ -1,0 +1,138 @@
+// Column maps, producers and binding helpers shared by the data store suites.
+#pragma once
+#include <atomic>
+#include <cstring>
+#include <vector>
+
+#include "platform/Platform.h"
+#include "provider/store/DataProvider.h"
+#include "provider/store/DataStore.h"
+
+namespace corvane::test {
+
+inline ColumnRecord Column(const OLECHAR* name, ULONGLONG ordinal, DBTYPE type, ULONGLONG size = 0) {
+  ColumnRecord c;
+  c.ColumnName = name;
+  c.ColumnAlias = name;
+  c.TableName = OLESTR("RAWDATA");
+  c.Ordinal = ordinal;
+  c.wType = type;
+  c.ColumnSize = size;
+  return c;
+}
+
+inline std::vector<ColumnRecord> RawDataColumns() {
+  return {Column(OLESTR("TAGNAME"), 1, DBTYPE_WSTR, 4096), Column(OLESTR("TIMESTAMP"), 2, DBTYPE_DBTIMESTAMP, 16),
+          Column(OLESTR("QUALITY"), 3, DBTYPE_UI4, 4), Column(OLESTR("VALUE"), 4, DBTYPE_VARIANT, 24)};
+}
+
+inline StoreValue Bstr(const OLECHAR* text) {
+  VARIANT v;
+  VariantInit(&v);
+  V_VT(&v) = VT_BSTR;
+  V_BSTR(&v) = SysAllocString(text);
+  return StoreValue::TakeVariant(&v);
+}
+inline StoreValue UI4(ULONG value) {
+  VARIANT v;
+  VariantInit(&v);
+  V_VT(&v) = VT_UI4;
+  V_UI4(&v) = value;
+  return StoreValue::TakeVariant(&v);
+}
+inline StoreValue R8(double value) {
+  VARIANT v;
+  VariantInit(&v);
+  V_VT(&v) = VT_R8;
+  V_R8(&v) = value;
+  return StoreValue::TakeVariant(&v);
+}
+inline FILETIME FileTimeOf(ULONGLONG ticks) {
+  FILETIME ft;
+  ft.dwLowDateTime = static_cast<DWORD>(ticks);
+  ft.dwHighDateTime = static_cast<DWORD>(ticks >> 32);
+  return ft;
+}
+// 2024-01-01 00:00:00 UTC.
+constexpr ULONGLONG kJan2024 = 133485408000000000ull;
+
+inline ProducedRecord RawRecord(ULONGLONG i) {
+  ProducedRecord r;
+  r.reserve(4);
+  r.push_back(Bstr(OLESTR("Plant.Tag1")));
+  r.push_back(StoreValue::FromTime(FileTimeOf(kJan2024 + i * 10000000ull)));
+  r.push_back(UI4(192));
+  r.push_back(R8(static_cast<double>(i)));
+  return r;
+}
+
+// A worker-driven producer of `total` RAWDATA records, `page` per step; each fetch
+// that takes records lets it produce the next page.
+class PagedProducer : public CDataProvider {
+ public:
+  PagedProducer(ULONGLONG total, ULONGLONG page, HRESULT failAtStep = S_OK, ULONGLONG failStep = 0)
+      : total_(total), page_(page), failWith_(failAtStep), failStep_(failStep) {}
+  ~PagedProducer() override { StopWorker(); }
+
+  HRESULT GetColumns(std::vector<ColumnRecord>& columns) override {
+    columns = RawDataColumns();
+    return S_OK;
+  }
+  HRESULT ExecuteStep() override {
+    const ULONGLONG step = ++steps_;
+    if (FAILED(failWith_) && step >= failStep_) return failWith_;
+    ProducedRecordList page;
+    const ULONGLONG end = std::min(total_, produced_.load() + page_);
+    for (ULONGLONG i = produced_.load(); i < end; ++i) page.push_back(RawRecord(i));
+    produced_ = end;
+    AppendRecords(std::move(page));
+    if (end == total_) {
+      SetMoreData(false);
+      RequestStop();
+    }
+    return S_OK;
+  }
+  ULONGLONG Produced() const { return produced_.load(); }
+  ULONGLONG Steps() const { return steps_.load(); }
+  std::atomic<int> fetches{0};
+  HRESULT FetchRows(ProducedRecordList& rows, size_t wanted) override {
+    ++fetches;
+    return CDataProvider::FetchRows(rows, wanted);
+  }
+
+ private:
+  ULONGLONG total_;
+  ULONGLONG page_;
+  HRESULT failWith_;
+  ULONGLONG failStep_;
+  std::atomic<ULONGLONG> produced_{0};
+  std::atomic<ULONGLONG> steps_{0};
+};
+
+inline DBBINDING Binding(DBORDINAL ordinal, DBTYPE type, DBBYTEOFFSET offset, DBLENGTH maxLen,
+                         DBPART parts = DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS,
+                         DBMEMOWNER owner = DBMEMOWNER_CLIENTOWNED) {
+  DBBINDING b;
+  std::memset(&b, 0, sizeof b);
+  b.iOrdinal = ordinal;
+  b.obValue = offset;
+  b.obLength = offset + maxLen;
+  b.obStatus = offset + maxLen + sizeof(DBLENGTH);
+  b.dwPart = parts;
+  b.dwMemOwner = owner;
+  b.eParamIO = DBPARAMIO_NOTPARAM;
+  b.cbMaxLen = maxLen;
+  b.wType = type;
+  return b;
+}
+// Room one binding of Binding() takes in the consumer buffer.
+inline DBLENGTH BindingSpan(DBLENGTH maxLen) { return (maxLen + sizeof(DBLENGTH) + sizeof(DBSTATUS) + 7) / 8 * 8; }
+
+template <typename T>
+T ReadAt(const BYTE* buffer, size_t offset) {
+  T value;
+  std::memcpy(&value, buffer + offset, sizeof value);
+  return value;
+}
+
+}  // namespace corvane::test
