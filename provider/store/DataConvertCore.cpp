@@ -882,6 +882,7 @@ HRESULT STDMETHODCALLTYPE CDataConvert::DataConvert(DBTYPE wSrcType, DBTYPE wDst
       break;
     case DBTYPE_BSTR:
     case kBStrRef: {
+      if (wSrcType == kBStrRef && *static_cast<BSTR**>(pSrc) == nullptr) return E_INVALIDARG;
       BSTR b = wSrcType == DBTYPE_BSTR ? *static_cast<BSTR*>(pSrc) : **static_cast<BSTR**>(pSrc);
       s.kind = Source::Wide;
       s.wide = b;
