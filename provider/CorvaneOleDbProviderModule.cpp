@@ -76,22 +76,51 @@ bool ModulePath(std::wstring* path) {
   return true;
 }
 
+// The per-user forms exist from Vista on; the SDK headers declare them only for such
+// targets, so they are looked up at run time.
+using RegisterForUserFn = HRESULT(WINAPI*)(ITypeLib*, OLECHAR*, OLECHAR*);
+using UnregisterForUserFn = HRESULT(WINAPI*)(REFGUID, WORD, WORD, LCID, SYSKIND);
+
+template <typename Fn>
+Fn OleAutFunction(const char* name) {
+  HMODULE oleaut = GetModuleHandleW(L"oleaut32.dll");
+  return oleaut ? reinterpret_cast<Fn>(reinterpret_cast<void*>(GetProcAddress(oleaut, name))) : nullptr;
+}
+
 // The type library is a resource of the module itself.
 HRESULT RegisterTypeLibrary(const std::wstring& path, bool perUser) {
   ITypeLib* library = nullptr;
   HRESULT hr = LoadTypeLibEx(path.c_str(), REGKIND_NONE, &library);
   if (FAILED(hr)) return hr;
-  hr = perUser ? RegisterTypeLibForUser(library, const_cast<wchar_t*>(path.c_str()), nullptr)
-               : RegisterTypeLib(library, path.c_str(), nullptr);
+  std::wstring mutablePath = path;
+  if (perUser) {
+    auto registerForUser = OleAutFunction<RegisterForUserFn>("RegisterTypeLibForUser");
+    hr = registerForUser ? registerForUser(library, &mutablePath[0], nullptr) : E_NOTIMPL;
+  } else {
+    hr = RegisterTypeLib(library, &mutablePath[0], nullptr);
+  }
   library->Release();
   return hr;
 }
 
 HRESULT UnregisterTypeLibrary(bool perUser) {
+  // A library that is not registered is already gone (the system answers that case
+  // with differing codes).
+  const ClassesRoot r = RootFor(perUser);
+  HKEY key = nullptr;
+  if (RegOpenKeyExW(r.root, Join(r, std::wstring(L"TypeLib\\") + kLibId).c_str(), 0, KEY_READ, &key) !=
+      ERROR_SUCCESS)
+    return S_OK;
+  RegCloseKey(key);
   GUID libId;
   if (FAILED(CLSIDFromString(kLibId, &libId))) return E_UNEXPECTED;
-  const HRESULT hr = perUser ? UnRegisterTypeLibForUser(libId, 1, 0, LOCALE_NEUTRAL, SYS_WIN64)
-                             : UnRegisterTypeLib(libId, 1, 0, LOCALE_NEUTRAL, SYS_WIN64);
+  HRESULT hr;
+  if (perUser) {
+    auto unregisterForUser = OleAutFunction<UnregisterForUserFn>("UnRegisterTypeLibForUser");
+    hr = unregisterForUser ? unregisterForUser(libId, 1, 0, LOCALE_NEUTRAL, SYS_WIN64) : E_NOTIMPL;
+  } else {
+    hr = UnRegisterTypeLib(libId, 1, 0, LOCALE_NEUTRAL, SYS_WIN64);
+  }
   // A library that is not registered is already gone.
   if (hr == TYPE_E_REGISTRYACCESS || hr == TYPE_E_LIBNOTREGISTERED) return S_OK;
   return hr;

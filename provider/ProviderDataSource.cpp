@@ -411,8 +411,8 @@ HRESULT CProviderDataSource::CreateSession(IUnknown* pUnkOuter, REFIID riid, IUn
   if (SUCCEEDED(hr)) return hr;
   CVTRACE(TRACE_ERROR, OLESTR("Failed to create session (%X)."), static_cast<unsigned>(hr));
   if (hr == E_NOINTERFACE) {
-    OLECHAR text[CHARS_IN_GUID] = {};
-    StringFromGUID2(riid, text, CHARS_IN_GUID);
+    OLECHAR text[40] = {};  // a braced GUID and its terminator
+    StringFromGUID2(riid, text, 40);
     CVTRACE(TRACE_WARNING, OLESTR("Unsupported interface '%s'."), text);
   }
   corvane::PostFailure(IID_IDBCreateSession, hr, kSource);
