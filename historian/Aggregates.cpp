@@ -58,7 +58,7 @@ ULONG STDMETHODCALLTYPE CAggregates::Release() {
   return left;
 }
 
-HRESULT STDMETHODCALLTYPE CAggregates::CreateProcessedProvider(IRawDataProvider* raw,
+HRESULT STDMETHODCALLTYPE CAggregates::CreateProcessedDataProvider(IRawDataProvider* raw,
                                                               IProcessedDataProvider** processed) {
   return CProcessedDataProvider::Create(raw, processed);
 }

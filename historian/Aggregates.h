@@ -23,7 +23,7 @@ class CAggregates final : public IAggregates {
   ULONG STDMETHODCALLTYPE AddRef() override;
   ULONG STDMETHODCALLTYPE Release() override;
 
-  HRESULT STDMETHODCALLTYPE CreateProcessedProvider(IRawDataProvider* raw,
+  HRESULT STDMETHODCALLTYPE CreateProcessedDataProvider(IRawDataProvider* raw,
                                                     IProcessedDataProvider** processed) override;
 
  private:

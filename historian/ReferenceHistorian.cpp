@@ -62,7 +62,7 @@ HRESULT CReferenceHistorian::Create(std::shared_ptr<CHistorianStore> store, REFI
       self->Release();
       return E_OUTOFMEMORY;
     }
-    hr = processedFactory->CreateProcessedProvider(static_cast<IRawDataProvider*>(inner), &self->processed_);
+    hr = processedFactory->CreateProcessedDataProvider(static_cast<IRawDataProvider*>(inner), &self->processed_);
     inner->Release();
     if (SUCCEEDED(hr) && !self->processed_) hr = E_UNEXPECTED;
   }

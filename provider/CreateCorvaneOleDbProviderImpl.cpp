@@ -80,7 +80,7 @@ HRESULT CCreateCorvaneOleDbProviderImpl::Create(IUnknown* pProvider, IUnknown** 
       CVTRACE(TRACE_ERROR, OLESTR("Unable to initialize IAggregates interface"));
       return hr;
     }
-    hr = aggregates.p->CreateProcessedProvider(raw.p, &processed.p);
+    hr = aggregates.p->CreateProcessedDataProvider(raw.p, &processed.p);
     if (FAILED(hr)) {
       processed.p = nullptr;
       CVTRACE(TRACE_ERROR, OLESTR("Unable to initialize IProcessedDataProvider interface"));

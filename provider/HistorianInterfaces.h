@@ -184,7 +184,7 @@ struct IValuesProvider : public IUnknown {
 
 struct IAggregates : public IUnknown {
   // slot 3
-  virtual HRESULT STDMETHODCALLTYPE CreateProcessedProvider(IRawDataProvider* raw,
+  virtual HRESULT STDMETHODCALLTYPE CreateProcessedDataProvider(IRawDataProvider* raw,
                                                             IProcessedDataProvider** processed) = 0;
 };
 

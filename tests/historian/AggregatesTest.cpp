@@ -617,8 +617,8 @@ TEST_F(AggregatesTest, ComponentIsCreatedThroughItsProgId) {
   ASSERT_EQ(S_OK, CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_IAggregates,
                                    reinterpret_cast<void**>(&aggregates)));
   IProcessedDataProvider* built = nullptr;
-  EXPECT_EQ(E_INVALIDARG, aggregates->CreateProcessedProvider(nullptr, &built));
-  ASSERT_EQ(S_OK, aggregates->CreateProcessedProvider(&raw_, &built));
+  EXPECT_EQ(E_INVALIDARG, aggregates->CreateProcessedDataProvider(nullptr, &built));
+  ASSERT_EQ(S_OK, aggregates->CreateProcessedDataProvider(&raw_, &built));
   aggregates->Release();  // the built provider outlives its factory
   OLECHAR cat[] = OLESTR("c"), sch[] = OLESTR("s"), tag[] = OLESTR("Late");
   TagIdent ident{cat, sch, tag};

@@ -71,7 +71,7 @@ class FakeAggregates final : public IAggregates {
   HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void**) override { return E_NOINTERFACE; }
   ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
   ULONG STDMETHODCALLTYPE Release() override { return 1; }
-  HRESULT STDMETHODCALLTYPE CreateProcessedProvider(IRawDataProvider* raw, IProcessedDataProvider** out) override {
+  HRESULT STDMETHODCALLTYPE CreateProcessedDataProvider(IRawDataProvider* raw, IProcessedDataProvider** out) override {
     if (!raw || !out) return E_INVALIDARG;
     *out = new FakeProcessed(raw);
     return S_OK;
