@@ -9,6 +9,7 @@ void CSQLCalcItemConst::SetInteger(LONG64 value) {
   V_VT(&value_) = VT_I8;
   V_I8(&value_) = value;
   hasValue_ = true;
+  isTime_ = false;
 }
 
 void CSQLCalcItemConst::SetDouble(double value) {
@@ -16,6 +17,7 @@ void CSQLCalcItemConst::SetDouble(double value) {
   V_VT(&value_) = VT_R8;
   value_.dblVal = value;
   hasValue_ = true;
+  isTime_ = false;
 }
 
 HRESULT CSQLCalcItemConst::SetString(corvane::WStringView text) {
@@ -25,6 +27,7 @@ HRESULT CSQLCalcItemConst::SetString(corvane::WStringView text) {
   V_VT(&value_) = VT_BSTR;
   value_.bstrVal = copy;
   hasValue_ = true;
+  isTime_ = false;
   return S_OK;
 }
 
@@ -36,7 +39,15 @@ HRESULT CSQLCalcItemConst::SetValue(const VARIANT& value) {
   VariantClear(&value_);
   value_ = copy;  // ownership of any BSTR moves with the bits
   hasValue_ = true;
+  isTime_ = false;
   return S_OK;
+}
+
+void CSQLCalcItemConst::SetTime(ULONG64 fileTimeTicks) {
+  VariantClear(&value_);
+  time_ = fileTimeTicks;
+  isTime_ = true;
+  hasValue_ = true;
 }
 
 HRESULT CSQLCalcItemConst::ValueAsText(corvane::WString* text) const {

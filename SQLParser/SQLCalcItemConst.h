@@ -1,4 +1,6 @@
 // A constant of a statement: an integer (VT_I8), a double (VT_R8) or a text (VT_BSTR).
+// Binding also makes timestamp constants (the reference time handed to NOW and NOWUTC):
+// those carry the time flag and a FILETIME tick count instead of a value.
 #pragma once
 #include "SQLParser/SQLCalcItem.h"
 
@@ -13,9 +15,12 @@ class CSQLCalcItemConst : public CSQLCalcItem {
   void SetDouble(double value);
   HRESULT SetString(corvane::WStringView text);  // E_OUTOFMEMORY when the BSTR cannot be made
   HRESULT SetValue(const VARIANT& value);         // a copy, by VariantCopy
+  void SetTime(ULONG64 fileTimeTicks);            // clears the VARIANT value
 
   const VARIANT& Value() const { return value_; }
   bool HasValue() const { return hasValue_; }
+  bool IsTime() const { return isTime_; }
+  ULONG64 Time() const { return time_; }
 
   // The value as text, by the OLE Automation conversion to VT_BSTR.
   HRESULT ValueAsText(corvane::WString* text) const;
@@ -23,4 +28,6 @@ class CSQLCalcItemConst : public CSQLCalcItem {
  private:
   VARIANT value_;
   bool hasValue_ = false;
+  bool isTime_ = false;
+  ULONG64 time_ = 0;
 };

@@ -1,0 +1,222 @@
+// The SQL functions: quality tests and texts over the status-word layout, the status
+// code table, argument checks with their exact messages, and the aggregates.
+#include "SQLParser/QualityText.h"
+#include "SQLParser/SQLCalcItemConst.h"
+#include "SQLParser/SQLFunctionAggregate.h"
+#include "tests/expr/ExprTestSupport.h"
+
+using namespace exprtest;
+
+namespace {
+
+class QualityFunctions : public ExprTest {};
+
+TEST_F(QualityFunctions, SeverityTestsReadTheTwoTopBits) {
+  struct Case {
+    const char* code;
+    ULONG good, bad, uncertain;
+    const char* word;
+  } cases[] = {
+      {"0", 1, 0, 0, "Good"},
+      {"1073741823", 1, 0, 0, "Good"},        // 0x3FFFFFFF
+      {"1073741824", 0, 0, 1, "Uncertain"},   // 0x40000000
+      {"2150891520", 0, 1, 0, "Bad"},         // 0x80340000
+      {"3221225472", 0, 0, 0, "Unknown"},     // 0xC0000000
+      {"'1073742849'", 0, 0, 1, "Uncertain"}, // a text converts
+  };
+  for (const Case& c : cases) {
+    const std::string arg = std::string("(") + c.code + ")";
+    EXPECT_EQ(EvalUnsigned("IsGood" + arg), c.good) << c.code;
+    EXPECT_EQ(EvalUnsigned("IsBad" + arg), c.bad) << c.code;
+    EXPECT_EQ(EvalUnsigned("IsUncertain" + arg), c.uncertain) << c.code;
+    EXPECT_EQ(EvalText("QualityToStr" + arg), c.word) << c.code;
+  }
+}
+
+TEST_F(QualityFunctions, FullTextNamesTheCodeAndItsInfoBits) {
+  EXPECT_EQ(EvalText("QualityToStr2(0)"), "Good");
+  EXPECT_EQ(EvalText("QualityToStr2(1083311105)"), "UncertainInitialValue [Calculated]");
+  EXPECT_EQ(EvalText("QualityToStr2(2150892544)"), "BadNodeIdUnknown [Raw]");
+  EXPECT_EQ(EvalText("QualityToStr2(2150892574)"),
+            "BadNodeIdUnknown [Interpolated | Partial | Extra Data | Multi Value]");
+  EXPECT_EQ(EvalText("QualityToStr2(2150891549)"), "BadNodeIdUnknown") << "flags without the info type";
+  EXPECT_EQ(EvalText("QualityToStr2(1888617476)"), "UncertainInitialValue [Raw | Partial]")
+      << "the two reserved bits are masked away";
+  EXPECT_EQ(EvalText("QualityToStr2(2164458500)"), "Bad (2164458500) [Raw | Partial]") << "unpublished sub-code";
+  EXPECT_EQ(EvalText("QualityToStr2(3221225472)"), "Unknown (3221225472)");
+}
+
+TEST_F(QualityFunctions, AccessRightsAndDataTypes) {
+  EXPECT_EQ(EvalText("AccessRightsToStr(0)"), "TAG_ACCESS_RIGHTS_NONE");
+  EXPECT_EQ(EvalText("AccessRightsToStr(3)"), "TAG_ACCESS_RIGHTS_READ_WRITE");
+  EXPECT_EQ(EvalText("AccessRightsToStr(4)"), "Unknown");
+  EXPECT_EQ(EvalText("AccessRightsToStr(-1)"), "Unknown");
+  EXPECT_EQ(EvalText("DataTypeToStr(5)"), "VT_R8");
+  EXPECT_EQ(EvalText("DataTypeToStr(11)"), "VT_BOOL");
+  EXPECT_EQ(EvalText("DataTypeToStr(21)"), "VT_UI8");
+  EXPECT_EQ(EvalText("DataTypeToStr(8)"), "Unknown") << "strings are not in the table";
+}
+
+TEST_F(QualityFunctions, StatusTableHoldsEveryPublishedCodeInOrder) {
+  EXPECT_EQ(corvane::kStatusCodeCount, 271u);
+  for (size_t i = 1; i < corvane::kStatusCodeCount; ++i)
+    ASSERT_LT(corvane::kStatusCodes[i - 1].code, corvane::kStatusCodes[i].code) << i;
+  struct Case {
+    ULONG code;
+    const char* name;
+  } cases[] = {
+      {0x00000000, "Good"},
+      {0x80340000, "BadNodeIdUnknown"},
+      {0x40920000, "UncertainInitialValue"},
+      {0x40930000, "UncertainSensorNotAccurate"},
+      {0x811E0000, "BadEdited_OutOfRange_DominantValueChanged_DependentValueChanged"},
+      {0x80010000, "BadUnexpectedError"},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(corvane::test::Utf8(corvane::StatusCodeName(c.code)), c.name);
+    ULONG code = 1;
+    EXPECT_TRUE(corvane::StatusCodeFromName(corvane::FromUtf8(c.name), &code)) << c.name;
+    EXPECT_EQ(code, c.code) << c.name;
+  }
+  EXPECT_EQ(corvane::StatusCodeName(0x80340001), nullptr);
+  EXPECT_FALSE(corvane::StatusCodeFromName(OLESTR("badnodeidunknown"), nullptr));
+}
+
+class FunctionArguments : public ExprTest {};
+
+TEST_F(FunctionArguments, WrongCountsAndUnreadableValuesFailWithTheirMessages) {
+  struct Case {
+    const char* expr;
+    HRESULT hr;
+    const char* message;
+  } cases[] = {
+      {"NOW(1)", E_FAIL, "SQL function Now calculation error: Bad parameter count."},
+      {"NOWUTC(1, 2)", E_FAIL, "SQL function Now calculation error: Bad parameter count."},
+      {"LocalTimeToUTC()", E_FAIL, "SQL function LocalTimeToUTC calculation error: Bad parameter count."},
+      {"LocalTimeToUTC(5)", E_FAIL, "SQL function LocalTimeToUTC calculation error: Cannot get parameter value (HR = 80004005)."},
+      {"UTCToLocalTime(5)", E_FAIL, "SQL function UTCToLocalTime calculation error: Cannot get parameter value (HR: return 80004005)."},
+      {"GetMsecs('x', 1)", E_FAIL, "SQL function GetMsecs calculation error: Bad parameter count."},
+      {"GetMsecs('noon')", DISP_E_TYPEMISMATCH, "SQL function GetMsecs calculation error: Cannot get parameter value (HR = 80020005)."},
+      {"IsGood()", E_FAIL, "SQL function IsGood calculation error: Bad parameter count."},
+      {"IsBad('bad')", DISP_E_TYPEMISMATCH, "SQL function IsBad calculation error: Conversion error (HR = 80020005)."},
+      {"IsUncertain(-1)", DISP_E_OVERFLOW, "SQL function IsUncertain calculation error: Conversion error (HR = 8002000A)."},
+      {"QualityToStr(1, 2)", E_FAIL, "SQL function QualityToStr calculation error: Bad parameter count."},
+      {"QualityToStr('abc')", DISP_E_TYPEMISMATCH, "SQL function QualityToStr calculation error: Conversion error (HR = 80020005)."},
+      {"QualityToStr2()", E_FAIL, "SQL function QualityToStr calculation error: Bad parameter count."},
+      {"QualityToStr2('abc')", DISP_E_TYPEMISMATCH, "SQL function QualityToStr calculation error: Conversion error (HR: return 80020005)."},
+      {"QualityToStr2(VALUE)", E_FAIL, "SQL function QualityToStr calculation error: Cannot get parameter value (HR: return 80004005)."},
+      {"DataTypeToStr('R8')", DISP_E_TYPEMISMATCH, "SQL function DataTypeToStr calculation error: Conversion error (HR = 80020005)."},
+      {"AccessRightsToStr(1, 1)", E_FAIL, "SQL function AccessRightsToStr calculation error: Bad parameter count."},
+      {"AccessRightsToStr(VALUE)", E_FAIL, "SQL function AccessRightsToStr calculation error: Cannot get parameter value (HR = 80004005)."},
+      {"BitMask('|', 1)", E_FAIL, "SQL function BitMask calculation error: Invalid parameter count."},
+      {"BitMask(VALUE, 1, 2)", E_FAIL, "SQL function BitMask calculation error: Cannot get Operator parameter value (HR = 80004005)."},
+      {"BitMask('|', 'm', 2)", DISP_E_TYPEMISMATCH, "SQL function BitMask calculation error: Cannot get Mask parameter value (HR = 80020005)."},
+      {"BitMask('|', 1, -2)", DISP_E_OVERFLOW, "SQL function BitMask calculation error: Cannot get Operand parameter value (HR = 8002000A)."},
+      {"BitMask('+', 1, 2)", E_INVALIDARG, "SQL function BitMask calculation error: Unknown Operator + parameter value (HR = 80070057)."},
+      {"SUM(VALUE, 2)", E_FAIL, "SQL function SUM calculation error: Bad parameter count."},
+      {"COUNT()", E_FAIL, "SQL function COUNT calculation error: Bad parameter count."},
+  };
+  for (const Case& c : cases) {
+    corvane::test::TraceCapture traces(TRACE_ERROR);
+    SQLEvaluationResult result;
+    EXPECT_EQ(Eval(c.expr, &result), c.hr) << c.expr;
+    EXPECT_TRUE(traces.Contains(c.message)) << c.expr << "\n  wanted: " << c.message << "\n  traced: "
+                                            << (traces.Texts().empty() ? "nothing" : traces.Texts().front());
+  }
+}
+
+TEST_F(FunctionArguments, ValuesOfTheOtherFunctions) {
+  EXPECT_EQ(EvalUnsigned("BitMask('|', 15, 240)"), 255u);
+  EXPECT_EQ(EvalUnsigned("BitMask('^', 255, 4080)"), 3855u);
+  EXPECT_EQ(EvalUnsigned("BitMask('&', 3221225472, IsGood(0))"), 0u) << "a nested function is read";
+  ULONG64 a = 0, b = 0;
+  ASSERT_EQ(EvalTime("now()", &a), S_OK);
+  ASSERT_EQ(EvalTime("NOWUTC()", &b), S_OK);
+  EXPECT_EQ(a, context.nowLocal);
+  EXPECT_EQ(b, context.nowUtc);
+}
+
+class Aggregates : public ExprTest {
+ protected:
+  // Binds "<name>(VALUE)", feeds `values` as constants and evaluates once.
+  HRESULT Run(const char* name, std::initializer_list<double> values, VARIANT* out) {
+    auto query = ParseOk(std::string("SELECT ") + name + "(VALUE) FROM RAWDATA");
+    if (!query) return E_UNEXPECTED;
+    EXPECT_EQ(static_cast<CSQLQueryInfoSELECT&>(*query).Aggregate(), 1);
+    HRESULT hr = Bind(query->SelectColumns()[0]->Item(), context, &bound);
+    if (FAILED(hr)) return hr;
+    return FeedAndEvaluate(values, out);
+  }
+  HRESULT FeedAndEvaluate(std::initializer_list<double> values, VARIANT* out) {
+    auto* aggregate = dynamic_cast<CSQLFunctionAggregate*>(bound.get());
+    if (!aggregate) return E_UNEXPECTED;
+    for (double v : values) {
+      auto item = std::make_unique<CSQLCalcItemConst>();
+      item->SetDouble(v);
+      EXPECT_EQ(aggregate->Feed(std::move(item)), S_OK);
+    }
+    SQLEvaluationResult result;
+    HRESULT hr = Evaluate(bound.get(), &result);
+    if (FAILED(hr)) return hr;
+    EXPECT_EQ(aggregate->QueuedCount(), 0u);
+    *out = result.value;
+    VariantInit(&result.value);
+    return S_OK;
+  }
+  void TearDown() override {
+    bound.reset();
+    ExprTest::TearDown();
+  }
+  std::unique_ptr<CSQLCalcItem> bound;
+};
+
+TEST_F(Aggregates, FoldTheFedValuesFromTheirStartingValues) {
+  VARIANT v;
+  ASSERT_EQ(Run("AVG", {1, 2, 6}, &v), S_OK);
+  EXPECT_EQ(v.vt, VT_R8);
+  EXPECT_DOUBLE_EQ(v.dblVal, 3.0);
+  ASSERT_EQ(Run("sum", {1.5, -4, 10}, &v), S_OK);
+  EXPECT_DOUBLE_EQ(v.dblVal, 7.5);
+  ASSERT_EQ(Run("MIN", {3, -7, 2}, &v), S_OK);
+  EXPECT_DOUBLE_EQ(v.dblVal, -7.0);
+  ASSERT_EQ(Run("MAX", {-5, -3}, &v), S_OK);
+  EXPECT_EQ(v.dblVal, 2.2250738585072014e-308) << "MAX starts at the smallest positive normal double";
+  ASSERT_EQ(Run("MAX", {0}, &v), S_OK);
+  EXPECT_EQ(v.dblVal, 2.2250738585072014e-308);
+  ASSERT_EQ(Run("MIN", {1e308, 1.7976931348623157e308}, &v), S_OK);
+  EXPECT_EQ(v.dblVal, 1e308);
+  ASSERT_EQ(Run("COUNT", {9, 9, 9, 9}, &v), S_OK);
+  EXPECT_EQ(v.vt, VT_UI4);
+  EXPECT_EQ(v.ulVal, 4u);
+}
+
+TEST_F(Aggregates, LaterEvaluationsContinueAndAnEmptyQueueKeepsTheResult) {
+  VARIANT v;
+  ASSERT_EQ(Run("AVG", {2, 4}, &v), S_OK);
+  ASSERT_EQ(FeedAndEvaluate({9}, &v), S_OK);
+  EXPECT_DOUBLE_EQ(v.dblVal, 5.0);
+  ASSERT_EQ(FeedAndEvaluate({}, &v), S_OK);
+  EXPECT_DOUBLE_EQ(v.dblVal, 5.0);
+  ASSERT_EQ(Run("SUM", {}, &v), S_OK);
+  EXPECT_EQ(v.vt, VT_EMPTY) << "no value fed yet";
+}
+
+TEST_F(Aggregates, AnUnreadableItemStopsTheWalkAndKeepsWhatWasCounted) {
+  VARIANT v;
+  ASSERT_EQ(Run("SUM", {1}, &v), S_OK);
+  auto* sum = dynamic_cast<CSQLFunctionAggregate*>(bound.get());
+  auto text = std::make_unique<CSQLCalcItemConst>();
+  ASSERT_EQ(text->SetString(OLESTR("lots")), S_OK);
+  auto two = std::make_unique<CSQLCalcItemConst>();
+  two->SetDouble(2);
+  ASSERT_EQ(sum->Feed(std::move(two)), S_OK);
+  ASSERT_EQ(sum->Feed(std::move(text)), S_OK);
+  corvane::test::TraceCapture traces(TRACE_ERROR);
+  SQLEvaluationResult result;
+  EXPECT_EQ(Evaluate(bound.get(), &result), DISP_E_TYPEMISMATCH);
+  EXPECT_TRUE(traces.Contains("SQL function SUM calculation error: Conversion error (HR = 80020005)."));
+  EXPECT_EQ(sum->QueuedCount(), 1u);
+  EXPECT_DOUBLE_EQ(V_R8(&sum->ResultValue()), 3.0);
+}
+
+}  // namespace

@@ -1,0 +1,225 @@
+// The WHERE clause as the provider's planner: the time range it narrows, and the tag
+// name and timestamp that identify a raw-data row.
+#include "SQLParser/SQLCalcItemConst.h"
+#include "SQLParser/SQLCalcItemFunction.h"
+#include "tests/expr/ExprTestSupport.h"
+
+using namespace exprtest;
+
+namespace {
+
+class TimeRangeReduction : public ExprTest {
+ protected:
+  // Reduces the WHERE clause of `sql` starting from [1, 2].
+  HRESULT Reduce(const std::string& where) {
+    start = 1;
+    end = 2;
+    query = ParseOk("SELECT * FROM RAWDATA WHERE " + where);
+    if (!query || !query->Condition()) return E_UNEXPECTED;
+    return ReduceTimeRange(query->Condition(), context, &start, &end);
+  }
+  void TearDown() override {
+    query.reset();
+    ExprTest::TearDown();
+  }
+  std::unique_ptr<CSQLQueryInfo> query;
+  ULONG64 start = 0, end = 0;
+};
+
+TEST_F(TimeRangeReduction, WithoutWhereTheSettingsRangeStaysAndNothingIsMissing) {
+  auto noWhere = ParseOk("SELECT * FROM RAWDATA");
+  ASSERT_TRUE(noWhere);
+  EXPECT_EQ(noWhere->Condition(), nullptr);
+  ULONG64 s = 1, e = 2;
+  EXPECT_EQ(ReduceTimeRange(nullptr, context, &s, &e), E_INVALIDARG);
+  EXPECT_EQ(s, 1u);
+  EXPECT_EQ(e, 2u);
+  ASSERT_EQ(Reduce("TAGNAME = 'x' AND VALUE > 3"), S_OK);
+  EXPECT_EQ(start, 1u);
+  EXPECT_EQ(end, 2u);
+  EXPECT_EQ(ReduceTimeRange(query->Condition(), context, nullptr, &end), E_INVALIDARG);
+}
+
+TEST_F(TimeRangeReduction, BoundsComeFromTextsReadAsUtc) {
+  ASSERT_EQ(Reduce("TIMESTAMP >= '2020-01-01' AND TIMESTAMP < '2020-01-02 06:30:00.250'"), S_OK);
+  EXPECT_EQ(start, 132223104000000000ull);  // 2020-01-01 00:00 UTC
+  EXPECT_EQ(end, 132223104000000000ull + kDay + 6 * kHour + 30 * 60 * kSecond + 2500000);
+  ASSERT_EQ(Reduce("TIMESTAMP = '2020-01-01T12:00:00Z'"), S_OK);
+  EXPECT_EQ(start, Utc(2020, 1, 1, 12));
+  EXPECT_EQ(end, start);
+}
+
+TEST_F(TimeRangeReduction, EveryNowOfOneStatementIsTheSameInstant) {
+  ASSERT_EQ(Reduce("TIMESTAMP = NOW()"), S_OK);
+  EXPECT_EQ(start, context.nowLocal);
+  EXPECT_EQ(end, context.nowLocal);
+  ASSERT_EQ(Reduce("TIMESTAMP > DATEADD('hh', -1, NOW()) AND TIMESTAMP < NOWUTC()"), S_OK);
+  EXPECT_EQ(start, context.nowLocal - kHour);
+  EXPECT_EQ(end, context.nowUtc);
+}
+
+TEST_F(TimeRangeReduction, RefusedComparisonsKeepWhatWasSetBefore) {
+  EXPECT_EQ(Reduce("TIMESTAMP <> NOW()"), E_INVALIDARG);
+  EXPECT_EQ(Reduce("TIMESTAMP > '2020-01-01' AND TIMESTAMP > 5"), E_FAIL);
+  EXPECT_EQ(start, Utc(2020, 1, 1));
+  EXPECT_EQ(end, 2u);
+  EXPECT_EQ(Reduce("TIMESTAMP < 2.5"), E_FAIL);
+  EXPECT_EQ(Reduce("TIMESTAMP < 'yesterday'"), DISP_E_TYPEMISMATCH);
+  EXPECT_EQ(Reduce("TIMESTAMP < NoSuchFunction()"), E_FAIL);
+  EXPECT_EQ(Reduce("TIMESTAMP = ?"), DB_E_PARAMNOTOPTIONAL);
+}
+
+TEST_F(TimeRangeReduction, TimestampOnTheRightIsNotMirrored) {
+  ASSERT_EQ(Reduce("'2020-01-02' < TIMESTAMP"), S_OK);
+  EXPECT_EQ(start, 1u);
+  EXPECT_EQ(end, Utc(2020, 1, 2));
+  ASSERT_EQ(Reduce("'2020-01-02' >= timestamp"), S_OK);
+  EXPECT_EQ(start, Utc(2020, 1, 2));
+  EXPECT_EQ(end, 2u);
+}
+
+TEST_F(TimeRangeReduction, OrNarrowsLikeAndAndNotIsLookedThrough) {
+  ASSERT_EQ(Reduce("TIMESTAMP > '2020-01-01' OR TIMESTAMP > '2020-03-01' OR TIMESTAMP < '2020-02-01'"), S_OK);
+  EXPECT_EQ(start, Utc(2020, 3, 1)) << "the later comparison overwrites the earlier";
+  EXPECT_EQ(end, Utc(2020, 2, 1));
+  ASSERT_EQ(Reduce("NOT TIMESTAMP < '2020-05-01'"), S_OK);
+  EXPECT_EQ(end, Utc(2020, 5, 1));
+}
+
+TEST_F(TimeRangeReduction, BetweenSetsStartToLowAndEndToHigh) {
+  ASSERT_EQ(Reduce("TAGNAME = 'a' AND TIMESTAMP BETWEEN '2020-01-01' AND '2020-01-31 23:59:59'"), S_OK);
+  EXPECT_EQ(start, Utc(2020, 1, 1));
+  EXPECT_EQ(end, Utc(2020, 1, 31, 23, 59, 59));
+}
+
+TEST_F(TimeRangeReduction, ParametersSupplyTextsAndDates) {
+  VARIANT values[2];
+  VariantInit(&values[0]);
+  VariantInit(&values[1]);
+  values[0].vt = VT_BSTR;
+  values[0].bstrVal = SysAllocString(OLESTR("2020-06-01 08:00:00"));
+  values[1].vt = VT_DATE;
+  values[1].date = 43984.5;  // 2020-06-02 12:00
+  context.parameters = values;
+  context.parameterCount = 2;
+  ASSERT_EQ(Reduce("TIMESTAMP >= ? AND TIMESTAMP <= ?"), S_OK);
+  EXPECT_EQ(start, Utc(2020, 6, 1, 8));
+  EXPECT_EQ(end, Utc(2020, 6, 2, 12));
+  VariantClear(&values[0]);
+}
+
+TEST_F(TimeRangeReduction, BareOperandIsNotACondition) {
+  auto where = std::make_unique<CSQLConditionNode>();
+  auto constant = std::make_unique<CSQLCalcItemConst>();
+  constant->SetInteger(1);
+  where->SetFirstOperand(std::move(constant));
+  start = 1;
+  end = 2;
+  EXPECT_EQ(ReduceTimeRange(where.get(), context, &start, &end), E_FAIL);
+}
+
+class RowIdentification : public ExprTest {};
+
+TEST_F(RowIdentification, TagNameIsTheLastConstantComparedWithTagname) {
+  struct Case {
+    const char* where;
+    const char* tag;
+  } cases[] = {
+      {"TAGNAME = 'x' AND VALUE > 3", "x"},
+      {"TAGNAME = 'a' OR TAGNAME = 'b'", "b"},
+      {"'left' = tagname", "left"},
+      {"TAGNAME > 'x'", "x"},
+      {"TAGNAME = ? AND TIMESTAMP = NOW()", ""},
+      {"TAGNAME = 'a' AND VALUE = 1 OR TAGNAME = ?", "a"},
+      {"TAGNAME = 5", "5"},
+      {"VALUE = 'x'", ""},
+  };
+  for (const Case& c : cases) {
+    auto query = ParseOk(std::string("DELETE FROM RAWDATA WHERE ") + c.where);
+    ASSERT_TRUE(query && query->Condition()) << c.where;
+    corvane::WString tag = OLESTR("stale");
+    EXPECT_EQ(FindTagName(query->Condition(), &tag), S_OK);
+    EXPECT_EQ(corvane::ToUtf8(tag), c.tag) << c.where;
+  }
+}
+
+TEST_F(RowIdentification, TimestampIsTheFirstValueComparedWithTimestamp) {
+  struct Case {
+    const char* where;
+    bool found;
+    ULONG64 time;
+  } cases[] = {
+      {"TAGNAME = 'a' AND TIMESTAMP = '2020-01-01 10:00:00'", true, Utc(2020, 1, 1, 10)},
+      {"TIMESTAMP > '2020-01-01' AND TIMESTAMP = '2020-02-01'", true, Utc(2020, 1, 1)},
+      {"'2020-03-01' <> TIMESTAMP", true, Utc(2020, 3, 1)},
+      {"TIMESTAMP = NOWUTC()", true, Utc(2021, 6, 1, 10)},
+      {"TAGNAME = 'a'", false, 0},
+  };
+  for (const Case& c : cases) {
+    auto query = ParseOk(std::string("UPDATE RAWDATA SET VALUE = 1 WHERE ") + c.where);
+    ASSERT_TRUE(query && query->Condition()) << c.where;
+    bool found = !c.found;
+    SQLEvaluationResult value;
+    ASSERT_EQ(FindTimestamp(query->Condition(), context, &found, &value), S_OK) << c.where;
+    EXPECT_EQ(found, c.found) << c.where;
+    if (!c.found) continue;
+    ULONG64 time = 0;
+    EXPECT_EQ(ResultToTime(value, &time), S_OK);
+    EXPECT_EQ(time, c.time) << c.where;
+  }
+}
+
+class Binding : public ExprTest {};
+
+TEST_F(Binding, MakesANewTreeAndLeavesTheWrittenOneAlone) {
+  auto query = ParseOk("SELECT * FROM T WHERE ? = VALUE AND VALUE = ?");
+  ASSERT_TRUE(query);
+  const CSQLCalcItem* second = query->Condition()->Right()->SecondOperand();
+  ASSERT_EQ(second->Kind(), SQL_CALC_PARAMETER);
+  std::unique_ptr<CSQLCalcItem> bound;
+  EXPECT_EQ(Bind(second, context, &bound), DB_E_PARAMNOTOPTIONAL) << "no parameter values";
+  VARIANT values[2];
+  VariantInit(&values[0]);
+  VariantInit(&values[1]);
+  values[0].vt = VT_I4;
+  values[0].lVal = 7;
+  LONG byReference = 0x40000000;
+  values[1].vt = VT_I4 | VT_BYREF;
+  values[1].plVal = &byReference;
+  context.parameters = values;
+  context.parameterCount = 1;
+  EXPECT_EQ(Bind(second, context, &bound), DB_E_PARAMNOTOPTIONAL) << "parameter 2 of 1";
+  context.parameterCount = 2;
+  ASSERT_EQ(Bind(second, context, &bound), S_OK);
+  byReference = 0;  // the bound value is a copy of what the reference pointed to
+  SQLEvaluationResult result;
+  ASSERT_EQ(Evaluate(bound.get(), &result), S_OK);
+  EXPECT_EQ(result.value.vt, VT_I4);
+  EXPECT_EQ(result.value.lVal, 0x40000000);
+  EXPECT_EQ(second->Kind(), SQL_CALC_PARAMETER);
+  ULONG first = 0;
+  EXPECT_EQ(EvaluateAsUnsigned(query->Condition()->Left()->FirstOperand(), context, &first), S_OK);
+  EXPECT_EQ(first, 7u);
+  EXPECT_EQ(Bind(nullptr, context, &bound), E_INVALIDARG);
+  EXPECT_EQ(Bind(second, context, nullptr), E_INVALIDARG);
+}
+
+TEST_F(Binding, UnknownFunctionFailsAndColumnsHaveNoValueOutsideARow) {
+  SQLEvaluationResult result;
+  EXPECT_EQ(Eval("Frobnicate(1)", &result), E_FAIL);
+  EXPECT_EQ(Eval("IsGood(Frobnicate(1))", &result), E_FAIL);
+  EXPECT_EQ(Eval("VALUE", &result), E_FAIL);
+  ASSERT_EQ(Eval("'text'", &result), S_OK);
+  EXPECT_EQ(result.kind, SQLEvaluationResult::kValue);
+  VARIANT value;
+  auto query = ParseOk("SELECT nowutc() FROM T");
+  ASSERT_EQ(EvaluateAsValue(query->SelectColumns()[0]->Item(), context, &value), S_OK);
+  EXPECT_EQ(value.vt, VT_DATE);
+  EXPECT_DOUBLE_EQ(value.date, 44348.0 + 10.0 / 24.0);  // 2021-06-01 10:00
+  ULONG unsignedValue = 0;
+  query = ParseOk("SELECT BitMask('&', 255, 4660) FROM T");
+  EXPECT_EQ(EvaluateAsUnsigned(query->SelectColumns()[0]->Item(), context, &unsignedValue), S_OK);
+  EXPECT_EQ(unsignedValue, 0x34u);
+}
+
+}  // namespace
