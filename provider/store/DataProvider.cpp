@@ -4,7 +4,6 @@
 #include <cstring>
 
 #include "provider/Trace.h"
-#include "provider/store/Stopwatch.h"
 
 using corvane::platform::CriticalSectionLock;
 using corvane::platform::Event;
@@ -19,7 +18,12 @@ int LastSystemError() {
 #endif
 }
 
-uint64_t NowNanoseconds() { return CStopwatch::NowNanoseconds(); }
+uint64_t NowNanoseconds() {
+  const int64_t ticks = corvane::platform::PerformanceCounter();
+  const int64_t freq = corvane::platform::PerformanceFrequency();
+  return static_cast<uint64_t>(ticks / freq) * 1000000000ull +
+         static_cast<uint64_t>((ticks % freq) * 1000000000ll / freq);
+}
 
 }  // namespace
 

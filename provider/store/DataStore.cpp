@@ -582,8 +582,8 @@ HRESULT CDataStore::GetData(const DBBINDING* bindings, DBCOUNTITEM count, CRefCo
       std::memcpy(buffer + b.obValue, &pointer, sizeof pointer);
       DBLENGTH length = col.ulColumnSize;
       if (colBase == DBTYPE_WSTR || colBase == DBTYPE_BSTR) {
-        length = corvane::WLen(static_cast<const OLECHAR*>(pointer)) * sizeof(OLECHAR);
-        if (!(col.wType & DBTYPE_BYREF)) length = UnalignedWideLength(source, maxChars) * sizeof(OLECHAR);
+        length = (col.wType & DBTYPE_BYREF) ? corvane::WLen(static_cast<const OLECHAR*>(pointer)) * sizeof(OLECHAR)
+                                            : cbCol;
       } else if (colBase == DBTYPE_STR) {
         length = std::strlen(static_cast<const char*>(pointer));
       }

@@ -98,9 +98,11 @@ TEST_F(RowsetStreaming, MillionsOfRowsStreamThroughBoundedMemory) {
               "peak RSS %ld KiB before, %ld KiB after\n",
               static_cast<unsigned long long>(rows), seconds, rows / seconds, static_cast<long long>(peakBlocks),
               peakBlocks * 8256.0 / (1024 * 1024), rssBefore, rssAfter);
+#ifndef CORVANE_STREAM_NO_RSS_CHECK
   if (rssBefore > 0) {
     EXPECT_LT(rssAfter - rssBefore, 256 * 1024) << "peak resident set grew by more than 256 MiB";
   }
+#endif
   accessor->ReleaseAccessor(h, nullptr);
   accessor->Release();
   rowset->Release();
