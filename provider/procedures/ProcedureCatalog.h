@@ -1,0 +1,45 @@
+// The fixed catalog of stored procedures: every procedure's input parameters and
+// output columns with their types and sizes. Execution looks procedures up here before
+// creating them; the procedure schema rowsets list what EnumerateProcedures returns.
+#pragma once
+#include <vector>
+
+#include "platform/Platform.h"
+#include "platform/WideString.h"
+
+struct ProcedureParameterInfo {
+  LONGLONG ParamType = DBPARAMTYPE_INPUT;
+  LONGLONG Ordinal = 0;  // from 1
+  corvane::WString Name;
+  DBTYPE wType = DBTYPE_EMPTY;
+  BYTE Precision = 255;
+  BYTE Scale = 255;
+};
+
+struct ProcedureColumnInfo {
+  corvane::WString Name;
+  LONGLONG Ordinal = 0;  // from 1
+  DWORD dwFlags = 1;
+  DBTYPE wType = DBTYPE_EMPTY;
+  ULONGLONG ColumnSize = 0;
+  BYTE Precision = 255;
+  BYTE Scale = 255;
+};
+
+struct ProcedureInfo {
+  corvane::WString Name;  // as the catalog spells it (upper case)
+  corvane::WString Description;
+  corvane::WString Definition;
+  SHORT ProcedureType = DB_PT_PROCEDURE;
+  std::vector<ProcedureParameterInfo> Parameters;
+  std::vector<ProcedureColumnInfo> Columns;
+};
+
+// Looks a procedure up ignoring case; false (info untouched) when there is none. A null
+// name is unknown.
+bool FindProcedure(const OLECHAR* name, ProcedureInfo* info);
+// One output column of a procedure, both names ignoring case; false when either is
+// unknown.
+bool FindProcedureColumn(const OLECHAR* procedure, const OLECHAR* column, ProcedureColumnInfo* info);
+// The procedures the schema rowsets list (GET_VALUES is callable but not listed).
+void EnumerateProcedures(std::vector<ProcedureInfo>* procedures);
