@@ -87,7 +87,7 @@ U128 RoundCurrencyToInteger(LONGLONG c, bool& negative) {
 }
 
 HRESULT ToInteger(const VARIANT& s, LCID lcid, VARTYPE vt, VARIANT& r) {
-  IntType t;
+  IntType t{64, true};  // every caller passes an integer type; the default only keeps the compiler sure
   IntTypeOf(vt, t);
   const uint64_t mask = t.bits == 64 ? ~uint64_t(0) : (uint64_t(1) << t.bits) - 1;
   const U128 maxPositive = t.isSigned ? (U128(1) << (t.bits - 1)) - 1 : (U128(1) << t.bits) - 1;
