@@ -123,7 +123,10 @@ class RatioReporter : public benchmark::ConsoleReporter {
   void ReportRuns(const std::vector<Run>& runs) override {
     ConsoleReporter::ReportRuns(runs);
     for (const auto& run : runs) {
-      if (run.error_occurred || run.aggregate_name != "" || !run.counters.count("items_per_second")) continue;
+      // With repetitions the mean, reported after the single runs, is the figure kept.
+      if (run.error_occurred || !(run.aggregate_name.empty() || run.aggregate_name == "mean") ||
+          !run.counters.count("items_per_second"))
+        continue;
       const double rate = run.counters.at("items_per_second");
       const std::string name = run.benchmark_name();
       if (name.rfind("BM_CorvaneParse", 0) == 0) corvane_ = rate;
