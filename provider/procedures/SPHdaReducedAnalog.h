@@ -1,0 +1,9 @@
+// HDA_REDUCED_ANALOG: the family's aggregates of one tag, one row per resampling interval.
+#pragma once
+#include "provider/procedures/SPHdaBase.h"
+
+class CSPHdaReducedAnalog : public CSPHdaBase {
+ public:
+  CSPHdaReducedAnalog(const CSQLQueryInfo* query, const CSQLSelectItemSP* item, const SQLBindContext& context,
+      IProviderDataSource* dataSource, corvane::WString catalog, corvane::WString schema);
+};
