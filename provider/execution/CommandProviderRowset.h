@@ -22,10 +22,12 @@ struct CommandExecutionRequest {
   IProviderDataSource* dataSource = nullptr;
   // The command; the rowset holds it and answers IRowsetInfo::GetSpecification with it.
   IUnknown* specification = nullptr;
-  // The command text, for the trace and for parsing when `query` is null.
+  // The command text, for the trace; the execution parses its own copy of it with the
+  // default catalog and schema below, since a rowset's rows are computed from the
+  // statement long after Execute returned.
   corvane::WStringView commandText;
-  // The statement the command already prepared, or null to parse `commandText` here
-  // with the default catalog and schema below.
+  // Used only when `commandText` is empty: a prepared statement that must then outlive
+  // the rowset.
   const CSQLQueryInfo* query = nullptr;
   corvane::WStringView defaultCatalog;
   corvane::WStringView defaultSchema;

@@ -1,0 +1,622 @@
+#include "provider/execution/CommandProviderRowset.h"
+
+#include <new>
+
+#include "SQLParser/SQLCalcItemConst.h"
+#include "SQLParser/SQLCalcItemParameter.h"
+#include "SQLParser/SQLCalcItemTableColumn.h"
+#include "SQLParser/SQLParser.h"
+#include "SQLParser/TimeConversion.h"
+#include "provider/ErrorReporting.h"
+#include "provider/Trace.h"
+#include "provider/execution/SelectListProducer.h"
+#include "provider/procedures/BaseStoredProcedure.h"
+#include "provider/procedures/ProcedureCatalog.h"
+#include "provider/procedures/ProcedureFactory.h"
+#include "provider/tables/BaseTable.h"
+#include "provider/tables/TableDelete.h"
+#include "provider/tables/TableInsert.h"
+#include "provider/tables/TableUpdate.h"
+
+using corvane::WIEquals;
+using corvane::WString;
+
+namespace {
+
+// Everything one execution works with.
+struct Execution {
+  const CommandExecutionRequest& request;
+  const CSQLQueryInfo& query;
+  std::shared_ptr<const CSQLQueryInfo> ownedQuery;  // null when the command's statement is used
+  IProviderDataSource* dataSource;
+  std::unique_ptr<CDataStore> store;
+  DBROWCOUNT rowsAffected = -1;
+  FILETIME start{};
+  FILETIME end{};
+};
+
+WString FormatTime(const FILETIME& time) {
+  SYSTEMTIME st{};
+  FileTimeToSystemTime(&time, &st);
+  return corvane::WFormat(OLESTR("%.4d-%.2d-%.2d %.2d:%.2d:%.2d"), st.wYear, st.wMonth, st.wDay, st.wHour,
+                          st.wMinute, st.wSecond);
+}
+
+bool IsColumnNamed(const CSQLCalcItem* item, const OLECHAR* name) {
+  return item && item->Kind() == SQL_CALC_TABLE_COLUMN &&
+         WIEquals(static_cast<const CSQLCalcItemTableColumn*>(item)->ColumnName(), name);
+}
+
+// The text a comparison's other operand gives: a constant text, or a `?` value read as
+// text. False for anything else (functions, numbers, columns).
+bool OperandText(const CSQLCalcItem* item, const SQLBindContext& context, WString* text) {
+  if (!item) return false;
+  if (item->Kind() == SQL_CALC_CONST) {
+    const auto& c = static_cast<const CSQLCalcItemConst&>(*item);
+    if (c.IsTime() || !c.HasValue() || V_VT(&c.Value()) != VT_BSTR) return false;
+    const BSTR b = V_BSTR(&c.Value());
+    text->assign(b ? b : OLESTR(""), b ? SysStringLen(b) : 0);
+    return true;
+  }
+  if (item->Kind() == SQL_CALC_PARAMETER) {
+    const int n = static_cast<const CSQLCalcItemParameter&>(*item).Number();
+    if (n < 1 || static_cast<size_t>(n) > context.parameterCount || !context.parameters) return false;
+    VARIANT v;
+    VariantInit(&v);
+    if (FAILED(VariantChangeType(&v, const_cast<VARIANT*>(&context.parameters[n - 1]), 0, VT_BSTR))) return false;
+    text->assign(V_BSTR(&v) ? V_BSTR(&v) : OLESTR(""), V_BSTR(&v) ? SysStringLen(V_BSTR(&v)) : 0);
+    VariantClear(&v);
+    return true;
+  }
+  return false;
+}
+
+// Texts compared with `column` in the WHERE tree, in the order written. With
+// `equalOnly`, only `=` comparisons count.
+std::vector<WString> ComparedTexts(const CSQLConditionNode* root, const OLECHAR* column, bool equalOnly,
+                                   const SQLBindContext& context) {
+  std::vector<WString> texts;
+  std::vector<const CSQLConditionNode*> pending;
+  if (root) pending.push_back(root);
+  while (!pending.empty()) {
+    const CSQLConditionNode* node = pending.back();
+    pending.pop_back();
+    const int op = node->Operator();
+    if (op >= SQL_COND_EQUAL && op <= SQL_COND_NOT_EQUAL && (!equalOnly || op == SQL_COND_EQUAL)) {
+      WString text;
+      if (IsColumnNamed(node->FirstOperand(), column) && OperandText(node->SecondOperand(), context, &text))
+        texts.push_back(text);
+      else if (IsColumnNamed(node->SecondOperand(), column) && OperandText(node->FirstOperand(), context, &text))
+        texts.push_back(text);
+    }
+    // Right pushed first so that the left side is read first.
+    if (node->Right()) pending.push_back(node->Right());
+    if (node->Left()) pending.push_back(node->Left());
+  }
+  return texts;
+}
+
+std::vector<WString> TagNamesOf(const CSQLQueryInfo& query, const SQLBindContext& context) {
+  std::vector<WString> unique;
+  for (WString& name : ComparedTexts(query.Condition(), OLESTR("TAGNAME"), true, context)) {
+    bool seen = false;
+    for (const WString& u : unique) seen = seen || u == name;
+    if (!seen) unique.push_back(std::move(name));
+  }
+  return unique;
+}
+
+HRESULT ComputeTimeRange(Execution& ex) {
+  FILETIME* start = nullptr;
+  FILETIME* end = nullptr;
+  HRESULT hr = ex.dataSource->GetStartTimeForQuery(&start);
+  if (FAILED(hr)) return hr;
+  hr = ex.dataSource->GetEndTimeForQuery(&end);
+  if (FAILED(hr)) {
+    CoTaskMemFree(start);
+    return hr;
+  }
+  ULONG64 s = corvane::FileTimeToTicks(*start);
+  ULONG64 e = corvane::FileTimeToTicks(*end);
+  CoTaskMemFree(start);
+  CoTaskMemFree(end);
+  if (ex.query.Condition()) {
+    hr = ReduceTimeRange(ex.query.Condition(), ex.request.binding, &s, &e);
+    if (FAILED(hr)) return hr;
+  }
+  // The historian reads a range whose start is later than its end newest first; the
+  // provider itself never sorts.
+  for (const SQLOrderingEntry& entry : ex.query.Ordering())
+    if (entry.descending && WIEquals(entry.column.ColumnName(), OLESTR("TIMESTAMP"))) std::swap(s, e);
+  ex.start = corvane::TicksToFileTime(s);
+  ex.end = corvane::TicksToFileTime(e);
+  CVTRACE(TRACE_INFO, OLESTR("Execution will use start time = %s, end time = %s"), FormatTime(ex.start).c_str(),
+          FormatTime(ex.end).c_str());
+  return S_OK;
+}
+
+HRESULT NewStore(std::unique_ptr<CDataStore>* store) {
+  store->reset(new (std::nothrow) CDataStore());
+  return *store ? S_OK : E_OUTOFMEMORY;
+}
+
+// The one-row answer of a data change.
+HRESULT AnswerWith(Execution& ex, std::unique_ptr<CBaseTable> table) {
+  if (!table) return E_OUTOFMEMORY;
+  HRESULT hr = table->EnsurePrepared();
+  if (FAILED(hr)) return hr;
+  std::vector<ColumnRecord> columns;
+  table->GetColumns(columns);
+  hr = NewStore(&ex.store);
+  if (SUCCEEDED(hr)) hr = ex.store->Initialize(std::move(table), columns);
+  if (SUCCEEDED(hr)) ex.rowsAffected = 1;
+  return hr;
+}
+
+HRESULT RunProcedure(Execution& ex, const CSQLSelectItemSP& item) {
+  StoredProcedureCall call;
+  call.query = &ex.query;
+  call.item = &item;
+  call.bindContext = ex.request.binding;
+  call.dataSource = ex.dataSource;
+  call.catalog = item.Catalog();
+  call.schema = item.Schema();
+  std::unique_ptr<CBaseStoredProcedure> procedure;
+  HRESULT hr = CreateStoredProcedure(call, &procedure);
+  if (FAILED(hr)) return hr;
+  hr = procedure->Execute();
+  if (FAILED(hr)) return hr;
+  std::vector<ColumnRecord> columns;
+  hr = procedure->GetColumns(columns);
+  if (FAILED(hr)) return hr;
+  hr = NewStore(&ex.store);
+  if (FAILED(hr)) return hr;
+  return ex.store->Initialize(std::move(procedure), columns);
+}
+
+HRESULT ExecuteSqlStoredProcedure(Execution& ex) {
+  CVTRACE(TRACE_INFO, OLESTR("Called CCommandProviderRowset::ExecuteSqlStoredProcedure"));
+  const auto& items = ex.query.FromItems();
+  if (items.size() != 1) {
+    CVTRACE(TRACE_ERROR, OLESTR("You can query one stored procedure only"));
+    return CORVANE_E_NOT_ONE_PROCEDURE;
+  }
+  if (items[0]->Kind() != SQL_SELECT_ITEM_SP) {
+    CVTRACE(TRACE_ERROR, OLESTR("Unsupported stored procedure"));
+    return E_FAIL;
+  }
+  const auto& item = static_cast<const CSQLSelectItemSP&>(*items[0]);
+  ProcedureInfo info;
+  if (!FindProcedure(item.ProcedureName().c_str(), &info) || info.Parameters.size() != item.Parameters().size()) {
+    CVTRACE(TRACE_ERROR, OLESTR("Stored procedure '%s' doesn't exist"), item.ProcedureName().c_str());
+    return CORVANE_E_PROCEDURE_NOT_FOUND;
+  }
+  const HRESULT hr = RunProcedure(ex, item);
+  CVTRACE(TRACE_INFO, OLESTR("CCommandProviderRowset::ExecuteSqlStoredProcedure -> hr = %X"), hr);
+  return hr;
+}
+
+HRESULT ExecuteSqlSELECT(Execution& ex) {
+  CVTRACE(TRACE_INFO, OLESTR("Called CCommandProviderRowset::ExecuteSqlSELECT"));
+  const auto& items = ex.query.FromItems();
+  if (items.size() != 1) {
+    CVTRACE(TRACE_ERROR, OLESTR("You can run SELECT query against one table or stored procedure only"));
+    return CORVANE_E_NOT_ONE_FROM_ITEM;
+  }
+  if (items[0]->Kind() == SQL_SELECT_ITEM_SP) {
+    const auto& item = static_cast<const CSQLSelectItemSP&>(*items[0]);
+    ProcedureInfo info;
+    if (!FindProcedure(item.ProcedureName().c_str(), &info)) {
+      CVTRACE(TRACE_ERROR, OLESTR("Stored procedure '%s' doesn't exist (bad name)"), item.ProcedureName().c_str());
+      return CORVANE_E_PROCEDURE_NOT_FOUND;
+    }
+    if (info.Parameters.size() != item.Parameters().size()) {
+      CVTRACE(TRACE_ERROR, OLESTR("Stored procedure '%s' doesn't exist (bad parameters)"),
+              item.ProcedureName().c_str());
+      return CORVANE_E_PROCEDURE_NOT_FOUND;
+    }
+    HRESULT hr = ComputeTimeRange(ex);
+    if (FAILED(hr)) return hr;
+    return RunProcedure(ex, item);
+  }
+
+  const auto& item = static_cast<const CSQLSelectItemTable&>(*items[0]);
+  TableInfo info;
+  if (CTableFactory::GetTableInfo(item.TableName().c_str(), &info) != S_OK) {
+    CVTRACE(TRACE_ERROR, OLESTR("Table '%s' doesn't exist"), item.TableName().c_str());
+    return CORVANE_E_TABLE_NOT_FOUND;
+  }
+  std::vector<CSelectListProducer::Output> outputs;
+  bool plain = true;
+  HRESULT hr = CSelectListProducer::BindOutputs(ex.query, info, ex.request.binding, &outputs, &plain);
+  if (FAILED(hr)) return hr;
+  hr = ComputeTimeRange(ex);
+  if (FAILED(hr)) return hr;
+
+  TableCreateArgs args;
+  args.dataSource = ex.dataSource;
+  args.catalog = item.Catalog();
+  args.schema = item.Schema();
+  args.start = ex.start;
+  args.end = ex.end;
+  if (CTableFactory::IsRawDataTable(info.Name.c_str())) {
+    args.tagNames = TagNamesOf(ex.query, ex.request.binding);
+  } else if (WIEquals(info.Name, OLESTR("TAGS"))) {
+    std::vector<WString> names = ComparedTexts(ex.query.Condition(), OLESTR("TAGNAME"), false, ex.request.binding);
+    std::vector<WString> texts =
+        ComparedTexts(ex.query.Condition(), OLESTR("DESCRIPTION"), false, ex.request.binding);
+    if (!names.empty()) args.nameFilter = names.front();
+    if (!texts.empty()) args.descriptionFilter = texts.front();
+  }
+  std::unique_ptr<CBaseTable> table;
+  hr = CTableFactory::CreateTable(info.Name.c_str(), args, &table);
+  if (SUCCEEDED(hr)) hr = table->EnsurePrepared();
+  if (FAILED(hr)) {
+    CVTRACE(TRACE_ERROR, OLESTR("Failed to initialize the SELECT query (HR = %X)"), hr);
+    return hr;
+  }
+
+  const bool limited = ex.query.RowLimitEnabled() != 0;
+  const LONGLONG skip = limited ? ex.query.RowLimitSkip() : 0;
+  const LONGLONG count = limited ? ex.query.RowLimitCount() : -1;
+  hr = NewStore(&ex.store);
+  if (SUCCEEDED(hr)) {
+    std::vector<ColumnRecord> columns;
+    for (const auto& o : outputs) columns.push_back(o.column);
+    if (plain && skip <= 0 && count != 0) {
+      // Plain columns map straight onto the table's fields: no copy per row.
+      for (size_t i = 0; i < columns.size(); ++i) columns[i].Ordinal = outputs[i].sourceField + 1;
+      hr = ex.store->Initialize(std::move(table), columns, count > 0 ? static_cast<ULONGLONG>(count) : 0);
+    } else {
+      std::unique_ptr<CDataProvider> producer(new (std::nothrow) CSelectListProducer(
+          std::move(table), info, std::move(outputs), ex.ownedQuery, ex.request.binding, skip, count));
+      hr = producer ? ex.store->Initialize(std::move(producer), columns) : E_OUTOFMEMORY;
+    }
+  }
+  if (FAILED(hr)) {
+    CVTRACE(TRACE_ERROR, OLESTR("Failed to initialize the SELECT query (HR = %X)"), hr);
+    return hr;
+  }
+  return S_OK;
+}
+
+// The value of an INSERT / UPDATE item evaluated with the statement's parameters.
+HRESULT ValueOf(const Execution& ex, const CSQLCalcItem* item, VARIANT* value) {
+  return EvaluateAsValue(item, ex.request.binding, value);
+}
+
+HRESULT CheckRawDataStatement(const Execution& ex, const CSQLSelectItemTable** table) {
+  if (ex.query.FromItems().size() != 1 || ex.query.FromItems()[0]->Kind() != SQL_SELECT_ITEM_TABLE)
+    return E_INVALIDARG;
+  *table = static_cast<const CSQLSelectItemTable*>(ex.query.FromItems()[0].get());
+  return WIEquals((*table)->TableName(), OLESTR("RAWDATA")) ? S_OK : E_INVALIDARG;
+}
+
+// Writes one sample through the historian's insert or update.
+HRESULT WriteSample(Execution& ex, const CSQLSelectItemTable& table, const WString& tagName, HistoryValue* sample,
+                    bool update) {
+  IRawDataProvider* raw = nullptr;
+  HRESULT hr = ex.dataSource->GetRawDataProvider(&raw);
+  if (FAILED(hr)) return hr;
+  if (!raw) return CORVANE_E_MISSING_PARAMETER;
+  TagIdent* tag = nullptr;
+  hr = MakeTaskTagIdent(table.Catalog().c_str(), table.Schema().c_str(), tagName.c_str(), &tag);
+  if (SUCCEEDED(hr)) hr = update ? raw->UpdateValue(tag, sample) : raw->InsertValue(tag, sample);
+  FreeTagIdent(tag);
+  raw->Release();
+  return hr;
+}
+
+HRESULT InsertIntoRawDataTable(Execution& ex) {
+  CVTRACE(TRACE_INFO, OLESTR("Called CCommandProviderRowset::InsertIntoRawDataTable"));
+  const CSQLSelectItemTable* table = nullptr;
+  HRESULT hr = CheckRawDataStatement(ex, &table);
+  if (FAILED(hr)) return hr;
+  const auto& insert = static_cast<const CSQLQueryInfoINSERT&>(ex.query);
+  if (insert.Columns().size() != insert.Values().size()) return E_INVALIDARG;
+
+  HistoryValue sample;
+  VariantInit(&sample.value);
+  sample.quality = OPCUA_GOOD;  // a sample written without QUALITY is good
+  hr = CoFileTimeNow(&sample.timestamp);
+  if (FAILED(hr)) return hr;
+  WString tagName;
+  bool haveValue = false;
+  for (size_t i = 0; i < insert.Columns().size() && SUCCEEDED(hr); ++i) {
+    const CSQLCalcItem* column = insert.Columns()[i].get();
+    const CSQLCalcItem* item = insert.Values()[i].get();
+    if (IsColumnNamed(column, OLESTR("TAGNAME"))) {
+      VARIANT v;
+      VariantInit(&v);
+      hr = ValueOf(ex, item, &v);
+      if (SUCCEEDED(hr)) hr = VariantChangeType(&v, &v, 0, VT_BSTR);
+      if (SUCCEEDED(hr)) tagName.assign(V_BSTR(&v) ? V_BSTR(&v) : OLESTR(""), SysStringLen(V_BSTR(&v)));
+      VariantClear(&v);
+    } else if (IsColumnNamed(column, OLESTR("TIMESTAMP"))) {
+      ULONG64 ticks = 0;
+      hr = EvaluateAsTime(item, ex.request.binding, &ticks);
+      if (SUCCEEDED(hr)) sample.timestamp = corvane::TicksToFileTime(ticks);
+    } else if (IsColumnNamed(column, OLESTR("VALUE"))) {
+      VariantClear(&sample.value);
+      hr = ValueOf(ex, item, &sample.value);
+      haveValue = SUCCEEDED(hr);
+    } else if (IsColumnNamed(column, OLESTR("QUALITY"))) {
+      ULONG quality = 0;
+      hr = EvaluateAsUnsigned(item, ex.request.binding, &quality);
+      if (SUCCEEDED(hr)) sample.quality = quality;
+    } else {
+      hr = E_INVALIDARG;
+    }
+  }
+  if (SUCCEEDED(hr) && (tagName.empty() || !haveValue)) hr = CORVANE_E_MISSING_PARAMETER;
+  if (SUCCEEDED(hr)) hr = WriteSample(ex, *table, tagName, &sample, false);
+  VariantClear(&sample.value);
+  return hr;
+}
+
+HRESULT UpdateRawDataTable(Execution& ex) {
+  CVTRACE(TRACE_INFO, OLESTR("Called CCommandProviderRowset::UpdateRawDataTable"));
+  const CSQLSelectItemTable* table = nullptr;
+  HRESULT hr = CheckRawDataStatement(ex, &table);
+  if (FAILED(hr)) return hr;
+  const auto& update = static_cast<const CSQLQueryInfoUPDATE&>(ex.query);
+  if (update.Columns().size() != update.Values().size()) return E_INVALIDARG;
+
+  HistoryValue sample;
+  VariantInit(&sample.value);
+  sample.quality = OPCUA_GOOD;
+  hr = CoFileTimeNow(&sample.timestamp);
+  if (FAILED(hr)) return hr;
+  bool haveValue = false;
+  for (size_t i = 0; i < update.Columns().size() && SUCCEEDED(hr); ++i) {
+    const CSQLCalcItem* column = update.Columns()[i].get();
+    const CSQLCalcItem* item = update.Values()[i].get();
+    if (IsColumnNamed(column, OLESTR("VALUE"))) {
+      VariantClear(&sample.value);
+      hr = ValueOf(ex, item, &sample.value);
+      haveValue = SUCCEEDED(hr);
+    } else if (IsColumnNamed(column, OLESTR("QUALITY"))) {
+      ULONG quality = 0;
+      hr = EvaluateAsUnsigned(item, ex.request.binding, &quality);
+      if (SUCCEEDED(hr)) sample.quality = quality;
+    } else {
+      hr = E_INVALIDARG;
+    }
+  }
+  WString tagName;
+  if (SUCCEEDED(hr)) hr = FindTagName(ex.query.Condition(), &tagName);
+  if (SUCCEEDED(hr) && ex.query.Condition()) {
+    bool found = false;
+    SQLEvaluationResult when;
+    hr = FindTimestamp(ex.query.Condition(), ex.request.binding, &found, &when);
+    ULONG64 ticks = 0;
+    if (SUCCEEDED(hr) && found) {
+      hr = ResultToTime(when, &ticks);
+      if (SUCCEEDED(hr)) sample.timestamp = corvane::TicksToFileTime(ticks);
+    }
+  }
+  if (SUCCEEDED(hr) && (tagName.empty() || !haveValue)) hr = CORVANE_E_MISSING_PARAMETER;
+  if (SUCCEEDED(hr)) hr = WriteSample(ex, *table, tagName, &sample, true);
+  VariantClear(&sample.value);
+  return hr;
+}
+
+HRESULT DeleteFromRawDataTable(Execution& ex) {
+  CVTRACE(TRACE_INFO, OLESTR("Called CCommandProviderRowset::DeleteFromRawDataTable"));
+  const CSQLSelectItemTable* table = nullptr;
+  HRESULT hr = CheckRawDataStatement(ex, &table);
+  if (FAILED(hr)) return hr;
+  // A delete needs both a tag and a range written out: the settings' 72 hours are
+  // never an implicit range for removing history.
+  std::vector<WString> tags = TagNamesOf(ex.query, ex.request.binding);
+  if (tags.empty() || !ex.query.Condition()) return CORVANE_E_MISSING_PARAMETER;
+  ULONG64 start = 0;
+  ULONG64 end = ~0ull >> 1;
+  const ULONG64 openEnd = end;
+  hr = ReduceTimeRange(ex.query.Condition(), ex.request.binding, &start, &end);
+  if (FAILED(hr)) return hr;
+  if (start == 0 && end == openEnd) return CORVANE_E_MISSING_PARAMETER;
+
+  IRawDataProvider* raw = nullptr;
+  hr = ex.dataSource->GetRawDataProvider(&raw);
+  if (FAILED(hr)) return hr;
+  if (!raw) return CORVANE_E_MISSING_PARAMETER;
+  for (const WString& name : tags) {
+    TagIdent* tag = nullptr;
+    hr = MakeTaskTagIdent(table->Catalog().c_str(), table->Schema().c_str(), name.c_str(), &tag);
+    if (SUCCEEDED(hr))
+      hr = raw->DeleteValues(tag, corvane::TicksToFileTime(start), corvane::TicksToFileTime(end));
+    FreeTagIdent(tag);
+    if (FAILED(hr)) break;
+  }
+  raw->Release();
+  return FAILED(hr) ? hr : S_OK;
+}
+
+HRESULT UpdateQuerySettingsTable(Execution& ex) {
+  CVTRACE(TRACE_INFO, OLESTR("Called CCommandProviderRowset::UpdateQuerySettingsTable"));
+  if (ex.query.FromItems().size() != 1 || ex.query.FromItems()[0]->Kind() != SQL_SELECT_ITEM_TABLE ||
+      !WIEquals(static_cast<const CSQLSelectItemTable&>(*ex.query.FromItems()[0]).TableName(),
+                OLESTR("QUERYSETTINGS")))
+    return E_INVALIDARG;
+  const auto& update = static_cast<const CSQLQueryInfoUPDATE&>(ex.query);
+  if (update.Columns().size() != update.Values().size()) return E_INVALIDARG;
+  IProviderDataSource* ds = ex.dataSource;
+  for (size_t i = 0; i < update.Columns().size(); ++i) {
+    const CSQLCalcItem* column = update.Columns()[i].get();
+    const CSQLCalcItem* item = update.Values()[i].get();
+    HRESULT hr;
+    if (IsColumnNamed(column, OLESTR("TIMESTAMP_START")) || IsColumnNamed(column, OLESTR("TIMESTAMP_END"))) {
+      ULONG64 ticks = 0;
+      hr = EvaluateAsTime(item, ex.request.binding, &ticks);
+      if (FAILED(hr)) return hr;
+      hr = IsColumnNamed(column, OLESTR("TIMESTAMP_START")) ? ds->SetStartTime(corvane::TicksToFileTime(ticks))
+                                                              : ds->SetEndTime(corvane::TicksToFileTime(ticks));
+      if (FAILED(hr)) return hr;
+      continue;
+    }
+    static const struct {
+      const OLECHAR* name;
+      VARTYPE type;
+    } kSettings[] = {
+        {OLESTR("MAX_ROWS_TO_RETURN"), VT_UI4}, {OLESTR("TREAT_UNCERTAIN_AS_GOOD"), VT_BOOL},
+        {OLESTR("PERCENT_DATA_BAD"), VT_UI1},   {OLESTR("PERCENT_DATA_GOOD"), VT_UI1},
+        {OLESTR("ALLOW_EMPTY_TAG"), VT_BOOL},   {OLESTR("USE_USER_TIME_RANGE"), VT_BOOL},
+    };
+    int which = -1;
+    for (int k = 0; k < 6; ++k)
+      if (IsColumnNamed(column, kSettings[k].name)) which = k;
+    if (which < 0) return E_INVALIDARG;
+    VARIANT v;
+    VariantInit(&v);
+    hr = EvaluateAsValue(item, ex.request.binding, &v);
+    if (SUCCEEDED(hr)) hr = VariantChangeType(&v, &v, 0, kSettings[which].type);
+    if (FAILED(hr)) {
+      VariantClear(&v);
+      return hr;
+    }
+    switch (which) {
+      case 0: hr = ds->SetMaxRowsToReturn(static_cast<LONG>(V_UI4(&v))); break;
+      case 1: hr = ds->SetTreatUncertainAsGood(V_BOOL(&v) ? 1 : 0); break;
+      case 2: hr = ds->SetPercentDataBad(V_UI1(&v)); break;
+      case 3: hr = ds->SetPercentDataGood(V_UI1(&v)); break;
+      case 4: hr = ds->SetAllowEmptyTag(V_BOOL(&v) ? 1 : 0); break;
+      default: hr = ds->SetUseUserTimeRange(V_BOOL(&v) ? 1 : 0); break;
+    }
+    VariantClear(&v);
+    if (FAILED(hr)) return hr;
+  }
+  return S_OK;
+}
+
+// The shared rules of INSERT and DELETE: one table item, and it is RAWDATA.
+HRESULT CheckOneRawTable(const Execution& ex, const OLECHAR* oneTable, const OLECHAR* onlyTable,
+                         const OLECHAR* cannot) {
+  const auto& items = ex.query.FromItems();
+  if (items.size() != 1) {
+    CVTRACE(TRACE_ERROR, oneTable);
+    return CORVANE_E_NOT_ONE_FROM_ITEM;
+  }
+  if (items[0]->Kind() != SQL_SELECT_ITEM_TABLE) {
+    CVTRACE(TRACE_ERROR, onlyTable);
+    return E_FAIL;
+  }
+  const auto& table = static_cast<const CSQLSelectItemTable&>(*items[0]);
+  if (!WIEquals(table.TableName(), OLESTR("RAWDATA"))) {
+    CVTRACE(TRACE_ERROR, cannot, table.TableName().c_str());
+    return CORVANE_E_INSERT_DELETE_NOT_ALLOWED;
+  }
+  return S_OK;
+}
+
+HRESULT ExecuteSqlINSERT(Execution& ex) {
+  CVTRACE(TRACE_INFO, OLESTR("Called CCommandProviderRowset::ExecuteSqlINSERT"));
+  HRESULT hr = CheckOneRawTable(ex, OLESTR("You can run INSERT query against one table only"),
+                                OLESTR("You can run INSERT query only against a table"),
+                                OLESTR("Cannot run INSERT query against table '%s'"));
+  if (FAILED(hr)) return hr;
+  hr = InsertIntoRawDataTable(ex);
+  if (FAILED(hr)) {
+    CVTRACE(TRACE_ERROR, OLESTR("Failed to insert to the RAWDATA table (HR = %X)"), hr);
+    return hr;
+  }
+  return AnswerWith(ex, std::unique_ptr<CBaseTable>(new (std::nothrow) CTableInsert()));
+}
+
+HRESULT ExecuteSqlDELETE(Execution& ex) {
+  CVTRACE(TRACE_INFO, OLESTR("Called CCommandProviderRowset::ExecuteSqlDELETE"));
+  HRESULT hr = CheckOneRawTable(ex, OLESTR("You can run DELETE query against one table only"),
+                                OLESTR("You can run DELETE query only against a table"),
+                                OLESTR("Cannot run DELETE query against table '%s'"));
+  if (FAILED(hr)) return hr;
+  hr = DeleteFromRawDataTable(ex);
+  if (FAILED(hr)) {
+    CVTRACE(TRACE_ERROR, OLESTR("Failed to delete data from the RAWDATA table (HR = %X)"), hr);
+    return hr;
+  }
+  return AnswerWith(ex, std::unique_ptr<CBaseTable>(new (std::nothrow) CTableDelete()));
+}
+
+HRESULT ExecuteSqlUPDATE(Execution& ex) {
+  CVTRACE(TRACE_INFO, OLESTR("Called CCommandProviderRowset::ExecuteSqlUPDATE"));
+  const auto& items = ex.query.FromItems();
+  if (items.size() != 1) {
+    CVTRACE(TRACE_ERROR, OLESTR("You can run UPDATE query against one table only"));
+    return CORVANE_E_NOT_ONE_FROM_ITEM;
+  }
+  if (items[0]->Kind() != SQL_SELECT_ITEM_TABLE) {
+    CVTRACE(TRACE_ERROR, OLESTR("You can run UPDATE query only against a table"));
+    return E_FAIL;
+  }
+  const auto& table = static_cast<const CSQLSelectItemTable&>(*items[0]);
+  HRESULT hr;
+  if (WIEquals(table.TableName(), OLESTR("RAWDATA"))) {
+    hr = UpdateRawDataTable(ex);
+    if (FAILED(hr)) {
+      CVTRACE(TRACE_ERROR, OLESTR("Failed to update the RAWDATA table (HR = %X)"), hr);
+      return hr;
+    }
+  } else if (WIEquals(table.TableName(), OLESTR("QUERYSETTINGS"))) {
+    hr = UpdateQuerySettingsTable(ex);
+    if (FAILED(hr)) {
+      CVTRACE(TRACE_ERROR, OLESTR("Failed to update the QUERYSETTINGS table (HR = %X)"), hr);
+      return hr;
+    }
+  } else {
+    CVTRACE(TRACE_ERROR, OLESTR("Cannot run UPDATE query against table '%s'"), table.TableName().c_str());
+    return CORVANE_E_UPDATE_NOT_ALLOWED;
+  }
+  return AnswerWith(ex, std::unique_ptr<CBaseTable>(new (std::nothrow) CTableUpdate()));
+}
+
+}  // namespace
+
+CCommandProviderRowset::CCommandProviderRowset(std::unique_ptr<CDataStore> store, IUnknown* specification)
+    : CProviderIRowset(std::move(store), RowsetKind::Command, specification) {}
+
+HRESULT CCommandProviderRowset::Execute(const CommandExecutionRequest& request, DBROWCOUNT* pcRowsAffected,
+                                        REFIID riid, IUnknown** ppRowset) {
+  const WString text(request.commandText);
+  CVTRACE(TRACE_INFO, OLESTR("Called CCommandProviderRowset::Execute, QUERY = %s"), text.c_str());
+  if (ppRowset) *ppRowset = nullptr;
+  if (pcRowsAffected) *pcRowsAffected = -1;
+  if (!request.dataSource) return E_INVALIDARG;
+
+  // The rows of a SELECT are evaluated after this returns, and the command may
+  // re-prepare meanwhile: the execution parses its own copy of the text.
+  std::unique_ptr<CSQLQueryInfo> parsed;
+  const CSQLQueryInfo* query = request.query;
+  if (!request.commandText.empty()) {
+    SQLParseRequest parse;
+    parse.defaultCatalog = request.defaultCatalog;
+    parse.defaultSchema = request.defaultSchema;
+    parse.queryText = request.commandText;
+    const HRESULT hr = CSQLParser::ParseQuery(parse, &parsed);
+    if (FAILED(hr)) return hr;
+    query = parsed.get();
+  }
+  if (!query) return E_INVALIDARG;  // an empty text is no statement
+
+  std::shared_ptr<const CSQLQueryInfo> owned(std::move(parsed));
+  Execution ex{request, *query, owned, request.dataSource, nullptr};
+  HRESULT hr;
+  switch (query->StatementKind()) {
+    case SQL_STATEMENT_SELECT: hr = ExecuteSqlSELECT(ex); break;
+    case SQL_STATEMENT_INSERT: hr = ExecuteSqlINSERT(ex); break;
+    case SQL_STATEMENT_UPDATE: hr = ExecuteSqlUPDATE(ex); break;
+    case SQL_STATEMENT_DELETE: hr = ExecuteSqlDELETE(ex); break;
+    case SQL_STATEMENT_SP: hr = ExecuteSqlStoredProcedure(ex); break;
+    default:
+      CVTRACE(TRACE_ERROR, OLESTR("ERROR in CCommandProviderRowset::Execute, Query is not implemented"));
+      return E_NOTIMPL;
+  }
+  if (FAILED(hr)) return hr;
+  if (pcRowsAffected) *pcRowsAffected = ex.rowsAffected;
+  if (!ppRowset || riid == IID_NULL) return hr;
+
+  auto* rowset = new (std::nothrow) CCommandProviderRowset(std::move(ex.store), request.specification);
+  if (!rowset) return E_OUTOFMEMORY;
+  const HRESULT qi = rowset->QueryInterface(riid, reinterpret_cast<void**>(ppRowset));
+  rowset->Release();
+  return FAILED(qi) ? qi : hr;
+}

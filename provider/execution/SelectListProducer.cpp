@@ -1,0 +1,465 @@
+#include "provider/execution/SelectListProducer.h"
+
+#include <new>
+
+#include "SQLParser/SQLCalcItemConst.h"
+#include "SQLParser/SQLCalcItemFunction.h"
+#include "SQLParser/SQLCalcItemParameter.h"
+#include "SQLParser/SQLCalcItemTableColumn.h"
+#include "SQLParser/SQLFunctionAggregate.h"
+#include "SQLParser/TimeConversion.h"
+#include "provider/Trace.h"
+
+namespace {
+
+constexpr size_t kNoField = static_cast<size_t>(-1);
+constexpr size_t kAggregateBatch = 4096;
+
+bool IsStar(const CSQLCalcItem* item) {
+  return item && item->Kind() == SQL_CALC_TABLE_COLUMN &&
+         static_cast<const CSQLCalcItemTableColumn*>(item)->ColumnName() == OLESTR("*");
+}
+
+size_t FieldOf(const TableInfo& table, const corvane::WString& name) {
+  for (size_t i = 0; i < table.Columns.size(); ++i)
+    if (corvane::WIEquals(table.Columns[i].ColumnName, name)) return i;
+  return kNoField;
+}
+
+// A qualifier must name the FROM item: by alias, by table name, or by RAWDATA for the
+// typed tables, whose columns are RAWDATA's.
+bool QualifierMatches(const CSQLCalcItemTableColumn& column, const CSQLSelectItemTable& from, const TableInfo& table) {
+  const corvane::WString& q = column.TableAlias().empty() ? column.TableName() : column.TableAlias();
+  if (q.empty()) return true;
+  return corvane::WIEquals(q, from.Alias()) || corvane::WIEquals(q, from.TableName()) ||
+         corvane::WIEquals(q, table.Name) ||
+         (!table.Columns.empty() && corvane::WIEquals(q, table.Columns[0].TableName));
+}
+
+// Every column an expression reads must be one of the table's (`*` counts rows).
+bool ColumnsKnown(const CSQLCalcItem* item, const TableInfo& table) {
+  if (!item) return true;
+  if (item->Kind() == SQL_CALC_TABLE_COLUMN)
+    return IsStar(item) || FieldOf(table, static_cast<const CSQLCalcItemTableColumn*>(item)->ColumnName()) != kNoField;
+  if (item->Kind() == SQL_CALC_FUNCTION) {
+    for (const auto& a : static_cast<const CSQLCalcItemFunction*>(item)->Arguments())
+      if (!ColumnsKnown(a.get(), table)) return false;
+  }
+  return true;
+}
+
+HRESULT ConstFromCell(const StoreValue* cell, std::unique_ptr<CSQLCalcItem>* out) {
+  std::unique_ptr<CSQLCalcItemConst> c(new (std::nothrow) CSQLCalcItemConst());
+  if (!c) return E_OUTOFMEMORY;
+  if (cell && cell->Kind == StoreValue::kTime) {
+    c->SetTime(corvane::FileTimeToTicks(cell->Time));
+  } else if (cell && cell->Kind == StoreValue::kVariant) {
+    HRESULT hr = c->SetValue(cell->Value);
+    if (FAILED(hr)) return hr;
+  } else {
+    VARIANT null;
+    VariantInit(&null);
+    V_VT(&null) = VT_NULL;
+    HRESULT hr = c->SetValue(null);
+    if (FAILED(hr)) return hr;
+  }
+  *out = std::move(c);
+  return S_OK;
+}
+
+// A copy of `item` as written, with each column replaced by the row's value.
+HRESULT Substitute(const CSQLCalcItem* item, const TableInfo& table, const ProducedRecord& row,
+                   std::unique_ptr<CSQLCalcItem>* out) {
+  switch (item->Kind()) {
+    case SQL_CALC_CONST: {
+      const auto& source = static_cast<const CSQLCalcItemConst&>(*item);
+      std::unique_ptr<CSQLCalcItemConst> c(new (std::nothrow) CSQLCalcItemConst());
+      if (!c) return E_OUTOFMEMORY;
+      if (source.IsTime()) {
+        c->SetTime(source.Time());
+      } else if (source.HasValue()) {
+        HRESULT hr = c->SetValue(source.Value());
+        if (FAILED(hr)) return hr;
+      }
+      *out = std::move(c);
+      return S_OK;
+    }
+    case SQL_CALC_PARAMETER: {
+      out->reset(new (std::nothrow)
+                     CSQLCalcItemParameter(static_cast<const CSQLCalcItemParameter&>(*item).Number()));
+      return *out ? S_OK : E_OUTOFMEMORY;
+    }
+    case SQL_CALC_TABLE_COLUMN: {
+      if (IsStar(item)) {
+        StoreValue one;
+        one.Kind = StoreValue::kVariant;
+        V_VT(&one.Value) = VT_I8;
+        V_I8(&one.Value) = 1;
+        return ConstFromCell(&one, out);
+      }
+      const size_t field = FieldOf(table, static_cast<const CSQLCalcItemTableColumn&>(*item).ColumnName());
+      return ConstFromCell(field < row.size() ? &row[field] : nullptr, out);
+    }
+    case SQL_CALC_FUNCTION: {
+      const auto& call = static_cast<const CSQLCalcItemFunction&>(*item);
+      std::unique_ptr<CSQLCalcItemFunction> f(new (std::nothrow) CSQLCalcItemFunction(call.Name()));
+      if (!f) return E_OUTOFMEMORY;
+      f->SetDisplayName(call.DisplayName());
+      for (const auto& a : call.Arguments()) {
+        std::unique_ptr<CSQLCalcItem> sub;
+        HRESULT hr = Substitute(a.get(), table, row, &sub);
+        if (FAILED(hr)) return hr;
+        hr = f->AddArgument(std::move(sub));
+        if (FAILED(hr)) return hr;
+      }
+      *out = std::move(f);
+      return S_OK;
+    }
+    default:
+      return E_FAIL;
+  }
+}
+
+HRESULT EvaluateForRow(const CSQLCalcItem* expression, const TableInfo& table, const ProducedRecord& row,
+                       const SQLBindContext& context, SQLEvaluationResult* result) {
+  std::unique_ptr<CSQLCalcItem> written;
+  HRESULT hr = Substitute(expression, table, row, &written);
+  if (FAILED(hr)) return hr;
+  std::unique_ptr<CSQLCalcItem> bound;
+  hr = Bind(written.get(), context, &bound);
+  if (FAILED(hr)) return hr;
+  return Evaluate(bound.get(), result);
+}
+
+// A row of typical values, from which an expression's result type is learnt before
+// any row is read.
+ProducedRecord SampleRow(const TableInfo& table) {
+  ProducedRecord row(table.Columns.size());
+  FILETIME now;
+  GetSystemTimeAsFileTime(&now);
+  for (size_t i = 0; i < table.Columns.size(); ++i) {
+    StoreValue& cell = row[i];
+    const DBTYPE type = table.Columns[i].wType;
+    if (type == DBTYPE_DBTIMESTAMP) {
+      cell = StoreValue::FromTime(now);
+      continue;
+    }
+    cell.Kind = StoreValue::kVariant;
+    switch (type) {
+      case DBTYPE_WSTR:
+        V_VT(&cell.Value) = VT_BSTR;
+        V_BSTR(&cell.Value) = SysAllocString(OLESTR("A"));
+        break;
+      case DBTYPE_VARIANT:
+        V_VT(&cell.Value) = VT_R8;
+        V_R8(&cell.Value) = 0;
+        break;
+      default:
+        V_VT(&cell.Value) = static_cast<VARTYPE>(type);
+        V_I8(&cell.Value) = 0;
+        break;
+    }
+  }
+  return row;
+}
+
+void SetOutputType(const SQLEvaluationResult& result, ColumnRecord* column) {
+  column->wType = DBTYPE_VARIANT;
+  column->ColumnSize = sizeof(VARIANT);
+  if (result.kind == SQLEvaluationResult::kTime) {
+    column->wType = DBTYPE_DBTIMESTAMP;
+    column->ColumnSize = 16;
+    return;
+  }
+  if (result.kind != SQLEvaluationResult::kValue) return;
+  switch (V_VT(&result.value)) {
+    case VT_BSTR:
+      column->wType = DBTYPE_WSTR;
+      column->ColumnSize = 4096;
+      break;
+    case VT_DATE:
+      column->wType = DBTYPE_DBTIMESTAMP;
+      column->ColumnSize = 16;
+      break;
+    case VT_I1: case VT_UI1: column->wType = V_VT(&result.value); column->ColumnSize = 1; break;
+    case VT_I2: case VT_UI2: case VT_BOOL: column->wType = V_VT(&result.value); column->ColumnSize = 2; break;
+    case VT_I4: case VT_UI4: case VT_R4: column->wType = V_VT(&result.value); column->ColumnSize = 4; break;
+    case VT_I8: case VT_UI8: case VT_R8: column->wType = V_VT(&result.value); column->ColumnSize = 8; break;
+    default: break;
+  }
+}
+
+// The evaluation result as a cell of the column's type; a value that does not fit
+// becomes a null cell rather than failing the row.
+StoreValue ResultToCell(SQLEvaluationResult& result, DBTYPE type) {
+  StoreValue cell;
+  if (result.kind == SQLEvaluationResult::kNone) return cell;
+  if (type == DBTYPE_DBTIMESTAMP) {
+    ULONG64 ticks = 0;
+    if (SUCCEEDED(ResultToTime(result, &ticks))) cell = StoreValue::FromTime(corvane::TicksToFileTime(ticks));
+    return cell;
+  }
+  VARIANT v;
+  VariantInit(&v);
+  if (result.kind == SQLEvaluationResult::kTime) {
+    DATE date = 0;
+    if (FAILED(corvane::FileTimeToDate(result.time, &date))) return cell;
+    V_VT(&v) = VT_DATE;
+    V_DATE(&v) = date;
+  } else {
+    v = result.value;
+    VariantInit(&result.value);
+  }
+  if (type != DBTYPE_VARIANT) {
+    const VARTYPE vt = type == DBTYPE_WSTR ? static_cast<VARTYPE>(VT_BSTR) : static_cast<VARTYPE>(type);
+    if (V_VT(&v) != vt && FAILED(VariantChangeType(&v, &v, 0, vt))) {
+      VariantClear(&v);
+      return cell;
+    }
+  }
+  return StoreValue::TakeVariant(&v);
+}
+
+HRESULT TraceUnknownColumn() {
+  CVTRACE(TRACE_ERROR, OLESTR("Unable to initialize output columns. Please, check the column names."));
+  return E_FAIL;
+}
+
+}  // namespace
+
+HRESULT CSelectListProducer::BindOutputs(const CSQLQueryInfo& query, const TableInfo& table,
+                                         const SQLBindContext& context, std::vector<Output>* outputs,
+                                         bool* plainColumnsOnly) {
+  if (!outputs || !plainColumnsOnly || query.FromItems().size() != 1 ||
+      query.FromItems()[0]->Kind() != SQL_SELECT_ITEM_TABLE)
+    return E_INVALIDARG;
+  const auto& from = static_cast<const CSQLSelectItemTable&>(*query.FromItems()[0]);
+  outputs->clear();
+  *plainColumnsOnly = true;
+  const ProducedRecord sample = SampleRow(table);
+  for (const auto& selected : query.SelectColumns()) {
+    const CSQLCalcItem* item = selected->Item();
+    if (!item) return TraceUnknownColumn();
+    if (item->Kind() == SQL_CALC_TABLE_COLUMN) {
+      const auto& column = static_cast<const CSQLCalcItemTableColumn&>(*item);
+      if (!QualifierMatches(column, from, table)) return TraceUnknownColumn();
+      if (IsStar(item)) {
+        for (size_t i = 0; i < table.Columns.size(); ++i) {
+          Output o;
+          o.column = table.Columns[i];
+          o.sourceField = i;
+          outputs->push_back(std::move(o));
+        }
+        continue;
+      }
+      const size_t field = FieldOf(table, column.ColumnName());
+      if (field == kNoField) return TraceUnknownColumn();
+      Output o;
+      o.column = table.Columns[field];
+      // Shown as the catalog spells it unless the statement renamed it.
+      const corvane::WString& shown = selected->DisplayName();
+      if (!shown.empty() && !corvane::WIEquals(shown, column.ColumnName())) o.column.ColumnAlias = shown;
+      o.sourceField = field;
+      outputs->push_back(std::move(o));
+      continue;
+    }
+
+    if (!ColumnsKnown(item, table)) return TraceUnknownColumn();
+    *plainColumnsOnly = false;
+    std::unique_ptr<CSQLCalcItem> bound;
+    HRESULT hr = Bind(item, context, &bound);
+    if (FAILED(hr)) return hr;
+    Output o;
+    o.expression = item;
+    o.aggregate = dynamic_cast<CSQLFunctionAggregate*>(bound.get()) != nullptr;
+    o.column.ColumnName = selected->DisplayName().empty() ? selected->ColumnName() : selected->DisplayName();
+    o.column.ColumnAlias = o.column.ColumnName;
+    o.column.TableName = table.Name;
+    SQLEvaluationResult result;
+    if (o.aggregate) {
+      // The type of an aggregate is that of its result over one typical value.
+      auto* aggregate = static_cast<CSQLFunctionAggregate*>(bound.get());
+      const CSQLCalcItem* argument = static_cast<const CSQLCalcItemFunction*>(item)->Argument(0);
+      std::unique_ptr<CSQLCalcItem> fed;
+      if (argument && SUCCEEDED(Substitute(argument, table, sample, &fed))) {
+        std::unique_ptr<CSQLCalcItem> boundFed;
+        if (SUCCEEDED(Bind(fed.get(), context, &boundFed)) && SUCCEEDED(aggregate->Feed(std::move(boundFed))) &&
+            SUCCEEDED(aggregate->Evaluate()))
+          aggregate->CopyResult(&result);
+      }
+    } else if (FAILED(EvaluateForRow(item, table, sample, context, &result))) {
+      result.Reset();
+    }
+    SetOutputType(result, &o.column);
+    outputs->push_back(std::move(o));
+  }
+  for (size_t i = 0; i < outputs->size(); ++i) {
+    (*outputs)[i].column.Ordinal = i + 1;
+    (*outputs)[i].column.dwFlags = 0;
+  }
+  return S_OK;
+}
+
+CSelectListProducer::CSelectListProducer(std::unique_ptr<CDataProvider> source, const TableInfo& table,
+                                         std::vector<Output> outputs, std::shared_ptr<const CSQLQueryInfo> statement,
+                                         const SQLBindContext& context, LONGLONG skip, LONGLONG count)
+    : m_pSource(std::move(source)),
+      m_Table(table),
+      m_Outputs(std::move(outputs)),
+      m_pStatement(std::move(statement)),
+      m_Context(context),
+      m_Skip(skip < 0 ? 0 : skip),
+      m_Count(count) {
+  for (const Output& o : m_Outputs) m_bAggregate = m_bAggregate || o.aggregate;
+  m_Parameters.resize(context.parameters ? context.parameterCount : 0);
+  for (size_t i = 0; i < m_Parameters.size(); ++i) {
+    VariantInit(&m_Parameters[i]);
+    VariantCopyInd(&m_Parameters[i], const_cast<VARIANT*>(&context.parameters[i]));
+  }
+  m_Context.parameters = m_Parameters.empty() ? nullptr : m_Parameters.data();
+  m_Context.parameterCount = m_Parameters.size();
+}
+
+CSelectListProducer::~CSelectListProducer() {
+  m_pSource.reset();
+  for (VARIANT& v : m_Parameters) VariantClear(&v);
+}
+
+HRESULT CSelectListProducer::GetColumns(std::vector<ColumnRecord>& columns) {
+  columns.clear();
+  for (const Output& o : m_Outputs) columns.push_back(o.column);
+  return S_OK;
+}
+
+BOOL CSelectListProducer::IsDataPending() {
+  if (m_bDone) return 0;
+  return m_pSource->IsDataPending();
+}
+
+HRESULT CSelectListProducer::MapRecord(const ProducedRecord& in, ProducedRecord* out) {
+  out->clear();
+  out->resize(m_Outputs.size());
+  for (size_t i = 0; i < m_Outputs.size(); ++i) {
+    const Output& o = m_Outputs[i];
+    if (!o.expression) {
+      if (o.sourceField < in.size()) (*out)[i] = in[o.sourceField];
+      continue;
+    }
+    SQLEvaluationResult result;
+    if (SUCCEEDED(EvaluateForRow(o.expression, m_Table, in, m_Context, &result)))
+      (*out)[i] = ResultToCell(result, o.column.wType);
+  }
+  return S_OK;
+}
+
+HRESULT CSelectListProducer::FetchRows(ProducedRecordList& rows, size_t wanted) {
+  if (m_bDone) return DB_S_ENDOFROWSET;
+  if (m_bAggregate) return Aggregate(rows);
+  for (;;) {
+    if (m_Count >= 0 && m_Emitted >= m_Count) {
+      m_bDone = true;
+      return DB_S_ENDOFROWSET;
+    }
+    m_Incoming.clear();
+    const size_t ask = wanted > rows.size() ? wanted - rows.size() : 1;
+    const HRESULT hr = m_pSource->FetchRows(m_Incoming, ask);
+    if (FAILED(hr)) return hr;
+    for (const ProducedRecord& record : m_Incoming) {
+      if (m_Skipped < m_Skip) {
+        ++m_Skipped;
+        continue;
+      }
+      if (m_Count >= 0 && m_Emitted >= m_Count) break;
+      ProducedRecord out;
+      const HRESULT mapped = MapRecord(record, &out);
+      if (FAILED(mapped)) return mapped;
+      rows.push_back(std::move(out));
+      ++m_Emitted;
+    }
+    m_Incoming.clear();
+    if (hr == DB_S_ENDOFROWSET) {
+      m_bDone = true;
+      return DB_S_ENDOFROWSET;
+    }
+    if (rows.size() >= wanted) return S_OK;
+  }
+}
+
+HRESULT CSelectListProducer::Aggregate(ProducedRecordList& rows) {
+  std::vector<std::unique_ptr<CSQLCalcItem>> bound(m_Outputs.size());
+  for (size_t i = 0; i < m_Outputs.size(); ++i) {
+    if (!m_Outputs[i].aggregate) continue;
+    const HRESULT hr = Bind(m_Outputs[i].expression, m_Context, &bound[i]);
+    if (FAILED(hr)) return hr;
+  }
+  ProducedRecord last;
+  bool any = false;
+  for (;;) {
+    m_Incoming.clear();
+    const HRESULT hr = m_pSource->FetchRows(m_Incoming, kAggregateBatch);
+    if (FAILED(hr)) return hr;
+    for (ProducedRecord& record : m_Incoming) {
+      for (size_t i = 0; i < m_Outputs.size(); ++i) {
+        if (!m_Outputs[i].aggregate) continue;
+        auto* aggregate = static_cast<CSQLFunctionAggregate*>(bound[i].get());
+        const CSQLCalcItem* argument = static_cast<const CSQLCalcItemFunction*>(m_Outputs[i].expression)->Argument(0);
+        std::unique_ptr<CSQLCalcItem> fed;
+        if (!argument) {
+          StoreValue one;
+          one.Kind = StoreValue::kVariant;
+          V_VT(&one.Value) = VT_I8;
+          V_I8(&one.Value) = 1;
+          HRESULT made = ConstFromCell(&one, &fed);
+          if (FAILED(made)) return made;
+        } else {
+          SQLEvaluationResult value;
+          if (FAILED(EvaluateForRow(argument, m_Table, record, m_Context, &value))) continue;  // a row it cannot read
+          StoreValue cell = value.kind == SQLEvaluationResult::kTime
+                                ? StoreValue::FromTime(corvane::TicksToFileTime(value.time))
+                                : StoreValue::TakeVariant(&value.value);
+          HRESULT made = ConstFromCell(&cell, &fed);
+          if (FAILED(made)) return made;
+        }
+        const HRESULT fedHr = aggregate->Feed(std::move(fed));
+        if (FAILED(fedHr)) return fedHr;
+      }
+      // Folded as it goes, so that a long read holds one row's items at a time.
+      for (size_t i = 0; i < m_Outputs.size(); ++i)
+        if (m_Outputs[i].aggregate) static_cast<CSQLFunctionAggregate*>(bound[i].get())->Evaluate();
+      last = std::move(record);
+      any = true;
+    }
+    m_Incoming.clear();
+    if (hr == DB_S_ENDOFROWSET) break;
+  }
+  m_bDone = true;
+  ProducedRecord out;
+  out.resize(m_Outputs.size());
+  for (size_t i = 0; i < m_Outputs.size(); ++i) {
+    const Output& o = m_Outputs[i];
+    if (o.aggregate) {
+      auto* aggregate = static_cast<CSQLFunctionAggregate*>(bound[i].get());
+      SQLEvaluationResult result;
+      if (any && SUCCEEDED(aggregate->CopyResult(&result))) out[i] = ResultToCell(result, o.column.wType);
+      else if (!any && corvane::WIEquals(aggregate->FunctionName(), OLESTR("COUNT"))) {
+        VARIANT zero;
+        V_VT(&zero) = VT_UI4;
+        V_UI4(&zero) = 0;
+        SQLEvaluationResult r;
+        r.kind = SQLEvaluationResult::kValue;
+        r.value = zero;
+        out[i] = ResultToCell(r, o.column.wType);
+      }
+    } else if (any) {
+      if (!o.expression) {
+        if (o.sourceField < last.size()) out[i] = last[o.sourceField];
+      } else {
+        SQLEvaluationResult result;
+        if (SUCCEEDED(EvaluateForRow(o.expression, m_Table, last, m_Context, &result)))
+          out[i] = ResultToCell(result, o.column.wType);
+      }
+    }
+  }
+  if (m_Skip == 0 && m_Count != 0) rows.push_back(std::move(out));
+  return DB_S_ENDOFROWSET;
+}

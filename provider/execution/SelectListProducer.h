@@ -1,0 +1,65 @@
+// Turns the rows of a table into the rows of a SELECT list: plain columns are copied,
+// expressions are evaluated for every row with the row's column values as their
+// operands, aggregates fold every row of the read into one row, and a TOP / LIMIT
+// skips and counts rows. It sits between the table and the data store, so rows still
+// stream: nothing is held beyond what the table hands over in one fetch.
+#pragma once
+#include <memory>
+#include <vector>
+
+#include "SQLParser/SQLExpression.h"
+#include "SQLParser/SQLQueryInfo.h"
+#include "provider/store/DataProvider.h"
+#include "provider/tables/TableFactory.h"
+
+class CSQLFunctionAggregate;
+
+class CSelectListProducer final : public CDataProvider {
+ public:
+  // One output column: a field of the table's record, or an expression.
+  struct Output {
+    ColumnRecord column;                     // what the consumer sees (ordinal = position)
+    size_t sourceField = static_cast<size_t>(-1);  // table field, for plain columns
+    const CSQLCalcItem* expression = nullptr;       // owned by the statement
+    bool aggregate = false;
+  };
+
+  // Builds the outputs of `query`'s select list over `table` (its catalog entry):
+  // `*` gives every column in catalog order, a column (with or without the FROM item's
+  // name or alias as qualifier, any case) its catalog column under its display name,
+  // anything else an expression column typed by its result. E_FAIL with the trace
+  // "Unable to initialize output columns. Please, check the column names." for an
+  // unknown column; a binding failure (unknown function, missing `?` value) as it is.
+  static HRESULT BindOutputs(const CSQLQueryInfo& query, const TableInfo& table, const SQLBindContext& context,
+                             std::vector<Output>* outputs, bool* plainColumnsOnly);
+
+  // `statement` is the query the outputs point into; the producer keeps it alive and
+  // copies the binding's parameter values, since rows are evaluated long after the
+  // execution returned.
+  CSelectListProducer(std::unique_ptr<CDataProvider> source, const TableInfo& table, std::vector<Output> outputs,
+                      std::shared_ptr<const CSQLQueryInfo> statement, const SQLBindContext& context, LONGLONG skip,
+                      LONGLONG count);
+  ~CSelectListProducer() override;
+
+  HRESULT FetchRows(ProducedRecordList& rows, size_t wanted) override;
+  BOOL IsDataPending() override;
+  HRESULT GetColumns(std::vector<ColumnRecord>& columns) override;
+
+ private:
+  HRESULT MapRecord(const ProducedRecord& in, ProducedRecord* out);
+  HRESULT Aggregate(ProducedRecordList& rows);
+
+  std::unique_ptr<CDataProvider> m_pSource;
+  TableInfo m_Table;
+  std::vector<Output> m_Outputs;
+  std::shared_ptr<const CSQLQueryInfo> m_pStatement;
+  std::vector<VARIANT> m_Parameters;
+  SQLBindContext m_Context;
+  LONGLONG m_Skip;
+  LONGLONG m_Count;  // < 0: no limit
+  LONGLONG m_Skipped = 0;
+  LONGLONG m_Emitted = 0;
+  bool m_bAggregate = false;
+  bool m_bDone = false;
+  ProducedRecordList m_Incoming;
+};

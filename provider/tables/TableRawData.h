@@ -1,0 +1,49 @@
+// RAWDATA: the raw history of the query's tags over the execution's time range, one
+// row per stored sample, read tag after tag in pages of MAX_ROWS_TO_RETURN through the
+// historian's continuation points. The typed RAWDATA_* tables derive from it and only
+// convert the value.
+#pragma once
+#include <vector>
+
+#include "provider/HistorianInterfaces.h"
+#include "provider/tables/BaseTable.h"
+#include "provider/tables/TableFactory.h"
+
+class CTableRawData : public CBaseTable {
+ public:
+  explicit CTableRawData(const TableCreateArgs& args);
+  ~CTableRawData() override;
+
+  bool HasMoreData() override;
+  HRESULT Prepare() override;
+  HRESULT Step() override;
+  // The value and the quality unchanged.
+  HRESULT ConvertValue(const VARIANT& value, DWORD quality, VARIANT* outValue, DWORD* outQuality) override;
+
+ protected:
+  // What a typed table converts every value to, and what it says when it cannot.
+  struct Conversion {
+    VARTYPE type;
+    const OLECHAR* failureMessage;  // one %X: the conversion's HRESULT
+  };
+  CTableRawData(const OLECHAR* name, const TableCreateArgs& args, const Conversion& conversion);
+
+ private:
+  HRESULT ConvertTyped(const VARIANT& value, DWORD quality, VARIANT* outValue, DWORD* outQuality);
+  void ReleaseContinuationPoint();
+  void FreeRequests();
+
+  IProviderDataSource* m_pDataSource = nullptr;
+  IRawDataProvider* m_pRaw = nullptr;
+  corvane::WString m_Catalog;
+  corvane::WString m_Schema;
+  std::vector<corvane::WString> m_TagNames;
+  FILETIME m_Start{};
+  FILETIME m_End{};
+  std::vector<TagIdent*> m_Requests;
+  size_t m_CurrentRequest = 0;
+  ULONG m_MaxRowsToReturn = 0;
+  void* m_pContinuationPoint = nullptr;
+  bool m_bTyped = false;
+  Conversion m_Conversion{VT_EMPTY, nullptr};
+};
