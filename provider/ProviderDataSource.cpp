@@ -6,6 +6,7 @@
 #include "provider/ErrorReporting.h"
 #include "provider/ICreateCorvaneOleDbProvider.h"
 #include "provider/Module.h"
+#include "provider/ProviderSession.h"
 #include "provider/Trace.h"
 
 using corvane::CPropertyEngine;
@@ -386,11 +387,10 @@ void CProviderDataSource::ParseProviderString(const OLECHAR* text) {
 
 // ---- IDBCreateSession
 
-HRESULT CProviderDataSource::CreateSessionObject(IUnknown* /*pUnkOuter*/, REFIID /*riid*/,
-                                                 IUnknown** /*ppDBSession*/) {
-  // The session object is not part of the provider yet: refuse plainly rather than
-  // pretend the interface is missing.
-  return E_NOTIMPL;
+HRESULT CProviderDataSource::CreateSessionObject(IUnknown* pUnkOuter, REFIID riid, IUnknown** ppDBSession) {
+  // Sessions are not aggregatable.
+  if (pUnkOuter) return DB_E_NOAGGREGATION;
+  return CProviderSession::Create(static_cast<IProviderDataSource*>(this), riid, ppDBSession);
 }
 
 HRESULT CProviderDataSource::CreateSession(IUnknown* pUnkOuter, REFIID riid, IUnknown** ppDBSession) {

@@ -1,0 +1,781 @@
+#include "provider/ProviderCommand.h"
+
+#include <cstring>
+#include <new>
+
+#include "SQLParser/SQLCalcItemFunction.h"
+#include "SQLParser/SQLCalcItemParameter.h"
+#include "SQLParser/SQLParser.h"
+#include "provider/ErrorReporting.h"
+#include "provider/InterfaceName.h"
+#include "provider/Module.h"
+#include "provider/ProviderSession.h"
+#include "provider/RowsetPropertySets.h"
+#include "provider/Trace.h"
+#include "provider/execution/CommandProviderRowset.h"
+#include "provider/procedures/ProcedureCatalog.h"
+#include "provider/store/DataConvert.h"
+#include "provider/tables/TableFactory.h"
+
+using corvane::WString;
+
+namespace {
+
+const OLECHAR kSource[] = OLESTR("CProviderCommand class");
+
+// The specification a command rowset holds: it answers for the command and tells the
+// command when the rowset is gone, which is how the command knows rowsets are open.
+class CRowsetSpecification final : public IUnknown {
+ public:
+  explicit CRowsetSpecification(CProviderCommand* command) : command_(command) {
+    static_cast<ICommandText*>(command_)->AddRef();
+  }
+  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {
+    return static_cast<ICommandText*>(command_)->QueryInterface(riid, ppv);
+  }
+  ULONG STDMETHODCALLTYPE AddRef() override { return ++refs_; }
+  ULONG STDMETHODCALLTYPE Release() override {
+    const ULONG left = --refs_;
+    if (left == 0) delete this;
+    return left;
+  }
+
+ private:
+  ~CRowsetSpecification() {
+    command_->RowsetClosed();
+    static_cast<ICommandText*>(command_)->Release();
+  }
+  std::atomic<ULONG> refs_{1};
+  CProviderCommand* command_;
+};
+
+// The highest `?` number among the expression items of a statement.
+class ParameterCounter {
+ public:
+  void Item(const CSQLCalcItem* item) {
+    std::vector<const CSQLCalcItem*> pending{item};
+    while (!pending.empty()) {
+      const CSQLCalcItem* next = pending.back();
+      pending.pop_back();
+      if (!next) continue;
+      if (next->Kind() == SQL_CALC_PARAMETER) {
+        const int n = static_cast<const CSQLCalcItemParameter*>(next)->Number();
+        if (n > highest) highest = n;
+      } else if (next->Kind() == SQL_CALC_FUNCTION) {
+        for (const auto& arg : static_cast<const CSQLCalcItemFunction*>(next)->Arguments())
+          pending.push_back(arg.get());
+      }
+    }
+  }
+  // Conditions can be long AND chains: walked without recursion.
+  void Condition(const CSQLConditionNode* root) {
+    std::vector<const CSQLConditionNode*> pending{root};
+    while (!pending.empty()) {
+      const CSQLConditionNode* node = pending.back();
+      pending.pop_back();
+      if (!node) continue;
+      Item(node->FirstOperand());
+      Item(node->SecondOperand());
+      pending.push_back(node->Left());
+      pending.push_back(node->Right());
+    }
+  }
+  void Query(const CSQLQueryInfo& q) {
+    for (const auto& c : q.SelectColumns()) Item(c->Item());
+    for (const auto& from : q.FromItems())
+      if (from->Kind() == SQL_SELECT_ITEM_SP)
+        for (const auto& p : static_cast<const CSQLSelectItemSP&>(*from).Parameters()) Item(p.get());
+    Condition(q.Condition());
+    auto lists = [this](const auto& info) {
+      for (const auto& c : info.Columns()) Item(c.get());
+      for (const auto& v : info.Values()) Item(v.get());
+    };
+    if (q.StatementKind() == SQL_STATEMENT_INSERT) lists(static_cast<const CSQLQueryInfoINSERT&>(q));
+    if (q.StatementKind() == SQL_STATEMENT_UPDATE) lists(static_cast<const CSQLQueryInfoUPDATE&>(q));
+  }
+  int highest = 0;
+};
+
+ULONG64 Ticks(const FILETIME& ft) { return (static_cast<ULONG64>(ft.dwHighDateTime) << 32) | ft.dwLowDateTime; }
+
+bool IsVariableLength(DBTYPE t) { return t == DBTYPE_STR || t == DBTYPE_WSTR || t == DBTYPE_BYTES; }
+
+}  // namespace
+
+// ---- Creation
+
+HRESULT CProviderCommand::Create(CProviderSession* session, REFIID riid, IUnknown** ppCommand) {
+  if (!session || !ppCommand) return E_INVALIDARG;
+  *ppCommand = nullptr;
+  auto* command = new (std::nothrow) CProviderCommand(session);
+  if (!command) return E_OUTOFMEMORY;
+  const HRESULT hr = command->QueryInterface(riid, reinterpret_cast<void**>(ppCommand));
+  static_cast<ICommandText*>(command)->Release();
+  return hr;
+}
+
+namespace {
+const corvane::PropertySetDefinition* CommandSets() {
+  size_t n = 0;
+  return corvane::CommandRowsetPropertySets(&n);
+}
+size_t CommandSetCount() {
+  size_t n = 0;
+  corvane::CommandRowsetPropertySets(&n);
+  return n;
+}
+}  // namespace
+
+CProviderCommand::CProviderCommand(CProviderSession* session)
+    : session_(session), dialect_(DBGUID_DEFAULT), properties_(CommandSets(), CommandSetCount()) {
+  static_cast<IDBCreateCommand*>(session_)->AddRef();
+  corvane::module::Lock();
+}
+
+CProviderCommand::~CProviderCommand() {
+  UnprepareLocked();
+  static_cast<IDBCreateCommand*>(session_)->Release();
+  corvane::module::Unlock();
+}
+
+// ---- IUnknown
+
+HRESULT CProviderCommand::QueryInterface(REFIID riid, void** ppv) {
+  if (!ppv) return E_INVALIDARG;
+  if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_ICommand) || IsEqualIID(riid, IID_ICommandText))
+    *ppv = static_cast<ICommandText*>(this);
+  else if (IsEqualIID(riid, IID_ICommandPrepare))
+    *ppv = static_cast<ICommandPrepare*>(this);
+  else if (IsEqualIID(riid, IID_ICommandProperties))
+    *ppv = static_cast<ICommandProperties*>(this);
+  else if (IsEqualIID(riid, IID_ICommandWithParameters))
+    *ppv = static_cast<ICommandWithParameters*>(this);
+  else if (IsEqualIID(riid, IID_IAccessor))
+    *ppv = static_cast<IAccessor*>(this);
+  else if (IsEqualIID(riid, IID_IColumnsInfo))
+    *ppv = static_cast<IColumnsInfo*>(this);
+  else if (IsEqualIID(riid, IID_IConvertType))
+    *ppv = static_cast<IConvertType*>(this);
+  else if (IsEqualIID(riid, IID_ISupportErrorInfo))
+    *ppv = static_cast<ISupportErrorInfo*>(this);
+  else {
+    *ppv = nullptr;
+    return E_NOINTERFACE;
+  }
+  AddRef();
+  return S_OK;
+}
+
+ULONG CProviderCommand::AddRef() { return refs_.fetch_add(1, std::memory_order_relaxed) + 1; }
+
+ULONG CProviderCommand::Release() {
+  const ULONG left = refs_.fetch_sub(1, std::memory_order_acq_rel) - 1;
+  if (left == 0) delete this;
+  return left;
+}
+
+// ---- Failures
+
+HRESULT CProviderCommand::PostMessage(REFIID iid, HRESULT hr, const OLECHAR* message) {
+  const WString description = corvane::DescribeFailure(iid, message);
+  corvane::PostErrorRecord(iid, hr, kSource, description.c_str());
+  return hr;
+}
+
+void CProviderCommand::TraceUnsupported(HRESULT hr, REFIID riid) {
+  if (hr == E_NOINTERFACE)
+    CVTRACE(TRACE_WARNING, OLESTR("Unsupported interface '%s'."), corvane::InterfaceName(riid).c_str());
+}
+
+// ---- ICommandText
+
+HRESULT CProviderCommand::GetCommandText(GUID* pguidDialect, LPOLESTR* ppwszCommand) {
+  CVTRACE(TRACE_INFO, OLESTR("Called CProviderCommand::GetCommandText"));
+  corvane::ClearErrorRecords();
+  if (ppwszCommand) *ppwszCommand = nullptr;
+  if (!ppwszCommand) {
+    if (pguidDialect) *pguidDialect = DB_NULLGUID;
+    return E_INVALIDARG;
+  }
+  corvane::platform::CriticalSectionLock guard(CommandLock());
+  if (!hasText_) {
+    if (pguidDialect) *pguidDialect = DB_NULLGUID;
+    return DB_E_NOCOMMAND;
+  }
+  const size_t bytes = (text_.size() + 1) * sizeof(OLECHAR);
+  *ppwszCommand = static_cast<LPOLESTR>(CoTaskMemAlloc(bytes));
+  if (!*ppwszCommand) return E_OUTOFMEMORY;
+  std::memcpy(*ppwszCommand, text_.c_str(), bytes);
+  if (pguidDialect) *pguidDialect = dialect_;
+  return S_OK;
+}
+
+HRESULT CProviderCommand::SetCommandText(REFGUID rguidDialect, LPCOLESTR pwszCommand) {
+  const OLECHAR* text = pwszCommand ? pwszCommand : OLESTR("");
+  CVTRACE(TRACE_INFO, OLESTR("Called CProviderCommand::SetCommandText, QUERY = %s"), text);
+  corvane::ClearErrorRecords();
+  if (!*text) return Unprepare();
+
+  HRESULT hr = S_OK;
+  {
+    corvane::platform::CriticalSectionLock guard(CommandLock());
+    GUID dialect = rguidDialect;
+    if (IsEqualGUID(dialect, DBGUID_SQL)) dialect = DBGUID_DEFAULT;
+    if (HasOpenRowsets())
+      hr = DB_E_OBJECTOPEN;
+    else if (!IsEqualGUID(dialect, DBGUID_DEFAULT))
+      hr = DB_E_DIALECTNOTSUPPORTED;
+    else {
+      UnprepareLocked();
+      text_ = text;
+      hasText_ = true;
+      dialect_ = dialect;
+    }
+  }
+  if (SUCCEEDED(hr)) return hr;
+  CVTRACE(TRACE_ERROR, OLESTR("ERROR in CProviderCommand::SetCommandText, HR = %X"), static_cast<unsigned>(hr));
+  return PostMessage(IID_ICommandText, hr, OLESTR("Unable to set command text."));
+}
+
+// ---- ICommandPrepare
+
+HRESULT CProviderCommand::Prepare(ULONG /*cExpectedRuns*/) {
+  corvane::ClearErrorRecords();
+  corvane::platform::CriticalSectionLock guard(CommandLock());
+  if (HasOpenRowsets()) {
+    CVTRACE(TRACE_INFO, OLESTR("Called CProviderCommand::Prepare"));
+    CVTRACE(TRACE_ERROR, OLESTR("ERROR in CProviderCommand::Prepare, HR = %X"),
+            static_cast<unsigned>(DB_E_OBJECTOPEN));
+    corvane::PostFailure(IID_ICommandPrepare, DB_E_OBJECTOPEN, kSource);
+    return DB_E_OBJECTOPEN;
+  }
+  return PrepareLocked();
+}
+
+HRESULT CProviderCommand::PrepareLocked() {
+  CVTRACE(TRACE_INFO, OLESTR("Called CProviderCommand::Prepare"));
+  UnprepareLocked();
+
+  IProviderDataSource* ds = nullptr;
+  if (FAILED(session_->GetProviderDataSource(&ds)) || !ds)
+    return PostMessage(IID_ICommandPrepare, E_FAIL, OLESTR("Unable to get data source object."));
+  BSTR catalog = nullptr, schema = nullptr;
+  HRESULT hr = ds->GetDefaultCatalog(&catalog);
+  if (FAILED(hr)) {
+    ds->Release();
+    return PostMessage(IID_ICommandPrepare, hr, OLESTR("Unable to get default catalog."));
+  }
+  if (!catalog || !*catalog) {
+    SysFreeString(catalog);
+    ds->Release();
+    return PostMessage(IID_ICommandPrepare, E_FAIL, OLESTR("Default catalog is empty."));
+  }
+  hr = ds->GetDefaultSchema(&schema);
+  ds->Release();
+  if (FAILED(hr)) {
+    SysFreeString(catalog);
+    return PostMessage(IID_ICommandPrepare, hr, OLESTR("Unable to get default schema."));
+  }
+  if (!schema || !*schema) {
+    SysFreeString(catalog);
+    SysFreeString(schema);
+    return PostMessage(IID_ICommandPrepare, E_FAIL, OLESTR("Default schema is empty."));
+  }
+
+  if (!hasText_ || text_.empty()) {
+    // The parser's own voice: an empty statement is its observation, not the command's.
+    if (TRACE_WARNING >= corvane::TraceThreshold() &&
+        OTraceMsg::BeginTrace(corvane::ModuleTrace(), TRACE_WARNING, "SQLParser/SQLParser.cpp", __LINE__))
+      OTraceMsg::TraceMsg(OLESTR("SQL query is empty."));
+  }
+  SQLParseRequest request;
+  request.defaultCatalog = corvane::WStringView(catalog, SysStringLen(catalog));
+  request.defaultSchema = corvane::WStringView(schema, SysStringLen(schema));
+  request.queryText = text_;
+  WString parseError;
+  std::unique_ptr<CSQLQueryInfo> query;
+  hr = CSQLParser::ParseQuery(request, &query, &parseError);
+  SysFreeString(catalog);
+  SysFreeString(schema);
+  if (FAILED(hr)) {
+    CVTRACE(TRACE_ERROR, OLESTR("ERROR in CProviderCommand::Prepare, Failed to parse the query"));
+    return PostMessage(IID_ICommandPrepare, hr, parseError.c_str());
+  }
+  if (!query) {
+    CVTRACE(TRACE_ERROR, OLESTR("ERROR in CProviderCommand::SetCommandText, No command text was set"));
+    return PostMessage(IID_ICommandPrepare, E_FAIL, OLESTR("No command text was set."));
+  }
+  query_ = std::move(query);
+  ParameterCounter counter;
+  counter.Query(*query_);
+  parameterCount_ = counter.highest;
+
+  hr = InitializeOutputColumns();
+  if (FAILED(hr)) {
+    CVTRACE(TRACE_ERROR, OLESTR("ERROR in CProviderCommand::SetCommandText, Failed to initialize output columns"));
+    PostMessage(IID_ICommandPrepare, hr, OLESTR("Unable to initialize output columns. Please, check the column names."));
+    UnprepareLocked();
+    return hr;
+  }
+  hr = CreateColumnBindings();
+  if (FAILED(hr)) {
+    CVTRACE(TRACE_ERROR, OLESTR("ERROR in CProviderCommand::SetCommandText, Failed to create column bindings"));
+    PostMessage(IID_ICommandPrepare, hr, OLESTR("Unable to create column bindings."));
+    UnprepareLocked();
+    return hr;
+  }
+  return hr;
+}
+
+HRESULT CProviderCommand::Unprepare() {
+  CVTRACE(TRACE_INFO, OLESTR("Called CProviderCommand::Unprepare"));
+  corvane::platform::CriticalSectionLock guard(CommandLock());
+  if (HasOpenRowsets()) return DB_E_OBJECTOPEN;
+  UnprepareLocked();
+  return S_OK;
+}
+
+void CProviderCommand::UnprepareLocked() {
+  query_.reset();
+  parameterCount_ = 0;
+  outputColumns_.clear();
+  columnBindings_.clear();
+}
+
+long CProviderCommand::PreparedParameterCount() { return query_ ? parameterCount_ : -1; }
+
+// What a consumer will read, as far as the statement tells before it runs: the columns
+// of the table or procedure it names, narrowed to the select list; a computed item is
+// a VARIANT column under its display name. A statement that names an unknown table or
+// procedure prepares without columns: its execution reports the name.
+HRESULT CProviderCommand::InitializeOutputColumns() {
+  outputColumns_.clear();
+  const CSQLQueryInfo& q = *query_;
+  if (q.FromItems().size() != 1) return S_OK;
+  const CSQLSelectItem& from = *q.FromItems().front();
+  const int kind = q.StatementKind();
+
+  if (from.Kind() == SQL_SELECT_ITEM_SP) {
+    ProcedureInfo info;
+    if (!FindProcedure(static_cast<const CSQLSelectItemSP&>(from).ProcedureName().c_str(), &info)) return S_OK;
+    for (const auto& c : info.Columns) {
+      ColumnRecord r;
+      r.ColumnName = r.ColumnAlias = c.Name;
+      r.TableName = info.Name;
+      r.Ordinal = static_cast<ULONGLONG>(c.Ordinal);
+      r.wType = c.wType;
+      r.ColumnSize = c.ColumnSize;
+      r.dwFlags = c.dwFlags;
+      outputColumns_.push_back(std::move(r));
+    }
+    return S_OK;
+  }
+
+  const WString& tableName = static_cast<const CSQLSelectItemTable&>(from).TableName();
+  if (kind == SQL_STATEMENT_INSERT || kind == SQL_STATEMENT_UPDATE || kind == SQL_STATEMENT_DELETE) {
+    outputColumns_ = CTableFactory::ResultColumns(tableName.c_str());
+    return S_OK;
+  }
+  if (kind != SQL_STATEMENT_SELECT) return S_OK;
+  TableInfo table;
+  if (CTableFactory::GetTableInfo(tableName.c_str(), &table) != S_OK) return S_OK;
+  for (const auto& column : q.SelectColumns()) {
+    const CSQLCalcItem* item = column->Item();
+    if (item && item->Kind() == SQL_CALC_TABLE_COLUMN) {
+      if (column->ColumnName() == OLESTR("*")) {
+        for (const auto& c : table.Columns) outputColumns_.push_back(c);
+        continue;
+      }
+      bool found = false;
+      for (const auto& c : table.Columns) {
+        if (corvane::WIEquals(c.ColumnName, column->ColumnName()) ||
+            corvane::WIEquals(c.ColumnAlias, column->ColumnName())) {
+          ColumnRecord r = c;
+          if (!column->DisplayName().empty()) r.ColumnAlias = column->DisplayName();
+          outputColumns_.push_back(std::move(r));
+          found = true;
+          break;
+        }
+      }
+      if (!found) {
+        CVTRACE(TRACE_ERROR, OLESTR("Column '%s' is not a column of table '%s'"), column->ColumnName().c_str(),
+                table.Name.c_str());
+        return DB_E_ERRORSINCOMMAND;
+      }
+      continue;
+    }
+    ColumnRecord r;
+    r.ColumnName = column->ColumnName();
+    r.ColumnAlias = column->DisplayName().empty() ? column->ColumnName() : column->DisplayName();
+    r.TableName = table.Name;
+    r.wType = DBTYPE_VARIANT;
+    r.ColumnSize = sizeof(VARIANT);
+    r.dwFlags = DBCOLUMNFLAGS_ISNULLABLE | DBCOLUMNFLAGS_MAYBENULL;
+    outputColumns_.push_back(std::move(r));
+  }
+  return S_OK;
+}
+
+HRESULT CProviderCommand::CreateColumnBindings() {
+  columnBindings_.clear();
+  DBORDINAL ordinal = 0;
+  for (const auto& c : outputColumns_) {
+    DBCOLUMNINFO info;
+    std::memset(&info, 0, sizeof info);
+    info.iOrdinal = ++ordinal;
+    info.dwFlags = c.dwFlags;
+    info.wType = c.wType;
+    info.ulColumnSize = static_cast<DBLENGTH>(c.ColumnSize);
+    info.bPrecision = 255;
+    info.bScale = 255;
+    info.columnid.eKind = DBKIND_NAME;
+    columnBindings_.push_back(info);
+  }
+  return S_OK;
+}
+
+// ---- IColumnsInfo
+
+HRESULT CProviderCommand::GetColumnInfo(DBORDINAL* pcColumns, DBCOLUMNINFO** prgInfo, OLECHAR** ppStringsBuffer) {
+  CVTRACE(TRACE_INFO, OLESTR("Called CProviderCommand::GetColumnInfo"));
+  corvane::ClearErrorRecords();
+  if (pcColumns) *pcColumns = 0;
+  if (prgInfo) *prgInfo = nullptr;
+  if (ppStringsBuffer) *ppStringsBuffer = nullptr;
+  if (!pcColumns || !prgInfo || !ppStringsBuffer) return E_INVALIDARG;
+  corvane::platform::CriticalSectionLock guard(CommandLock());
+  if (!query_) return hasText_ ? DB_E_NOTPREPARED : DB_E_NOCOMMAND;
+  if (columnBindings_.empty()) return S_OK;
+  size_t chars = 0;
+  for (const auto& c : outputColumns_) chars += c.ColumnAlias.size() + 1;
+  auto* infos = static_cast<DBCOLUMNINFO*>(CoTaskMemAlloc(columnBindings_.size() * sizeof(DBCOLUMNINFO)));
+  auto* strings = static_cast<OLECHAR*>(CoTaskMemAlloc(chars * sizeof(OLECHAR)));
+  if (!infos || !strings) {
+    CoTaskMemFree(infos);
+    CoTaskMemFree(strings);
+    return E_OUTOFMEMORY;
+  }
+  OLECHAR* next = strings;
+  for (size_t i = 0; i < columnBindings_.size(); ++i) {
+    infos[i] = columnBindings_[i];
+    const WString& name = outputColumns_[i].ColumnAlias;
+    std::memcpy(next, name.c_str(), (name.size() + 1) * sizeof(OLECHAR));
+    infos[i].pwszName = next;
+    infos[i].columnid.uName.pwszName = next;
+    next += name.size() + 1;
+  }
+  *pcColumns = columnBindings_.size();
+  *prgInfo = infos;
+  *ppStringsBuffer = strings;
+  return S_OK;
+}
+
+HRESULT CProviderCommand::MapColumnIDs(DBORDINAL cColumnIDs, const DBID rgColumnIDs[], DBORDINAL rgColumns[]) {
+  CVTRACE(TRACE_INFO, OLESTR("Called CProviderCommand::MapColumnIDs"));
+  corvane::ClearErrorRecords();
+  if (cColumnIDs == 0) return S_OK;
+  if (!rgColumnIDs || !rgColumns) return E_INVALIDARG;
+  corvane::platform::CriticalSectionLock guard(CommandLock());
+  if (!query_) return hasText_ ? DB_E_NOTPREPARED : DB_E_NOCOMMAND;
+  DBORDINAL found = 0;
+  for (DBORDINAL i = 0; i < cColumnIDs; ++i) {
+    rgColumns[i] = DB_INVALIDCOLUMN;
+    const DBID& id = rgColumnIDs[i];
+    if (id.eKind != DBKIND_NAME || !id.uName.pwszName) continue;
+    for (size_t c = 0; c < outputColumns_.size(); ++c) {
+      if (corvane::WIEquals(outputColumns_[c].ColumnAlias, id.uName.pwszName)) {
+        rgColumns[i] = c + 1;
+        ++found;
+        break;
+      }
+    }
+  }
+  if (found == cColumnIDs) return S_OK;
+  return found ? DB_S_ERRORSOCCURRED : DB_E_ERRORSOCCURRED;
+}
+
+// ---- ICommand
+
+HRESULT CProviderCommand::Cancel() {
+  CVTRACE(TRACE_INFO, OLESTR("Called CProviderCommand::Cancel"));
+  // Execute runs on the caller's thread and returns only when its rowset is made:
+  // there is never an execution in progress to stop.
+  return S_OK;
+}
+
+HRESULT CProviderCommand::GetDBSession(REFIID riid, IUnknown** ppSession) {
+  CVTRACE(TRACE_INFO, OLESTR("Called CProviderCommand::GetDBSession"));
+  if (!ppSession) return E_INVALIDARG;
+  *ppSession = nullptr;
+  return static_cast<IDBCreateCommand*>(session_)->QueryInterface(riid, reinterpret_cast<void**>(ppSession));
+}
+
+HRESULT CProviderCommand::FillParameters(const DBPARAMS& params, std::vector<VARIANT>& values) {
+  DBACCESSORFLAGS flags = 0;
+  DBCOUNTITEM count = 0;
+  DBBINDING* bindings = nullptr;
+  HRESULT hr = GetBindings(params.hAccessor, &flags, &count, &bindings);
+  if (FAILED(hr)) {
+    corvane::PostFailure(IID_ICommand, hr, kSource);
+    CVTRACE(TRACE_ERROR, OLESTR("Failed to get bindings, HR = %X."), static_cast<unsigned>(hr));
+    return hr;
+  }
+  if (params.cParamSets != 1) {
+    for (DBCOUNTITEM i = 0; i < count; ++i) CoTaskMemFree(bindings[i].pObject);
+    CoTaskMemFree(bindings);
+    CVTRACE(TRACE_ERROR, OLESTR("MULTIPLEPARAMSETS is not allowed."));
+    return E_FAIL;
+  }
+
+  IDataConvert* convert = nullptr;
+  hr = corvane::CreateDataConvert(&convert);
+  const BYTE* data = static_cast<const BYTE*>(params.pData);
+  if (SUCCEEDED(hr) && count && !data) hr = E_INVALIDARG;
+  for (DBCOUNTITEM i = 0; SUCCEEDED(hr) && i < count; ++i) {
+    const DBBINDING& b = bindings[i];
+    if (!(b.eParamIO & DBPARAMIO_INPUT)) continue;
+    if (b.iOrdinal == 0 || b.iOrdinal > values.size()) continue;  // not a `?` of this statement
+    VARIANT& target = values[b.iOrdinal - 1];
+    VariantClear(&target);
+    DBSTATUS status = (b.dwPart & DBPART_STATUS) ? *reinterpret_cast<const DBSTATUS*>(data + b.obStatus)
+                                                  : static_cast<DBSTATUS>(DBSTATUS_S_OK);
+    if (status == DBSTATUS_S_ISNULL) {
+      target.vt = VT_NULL;
+      continue;
+    }
+    if (status == DBSTATUS_S_DEFAULT || status == DBSTATUS_S_IGNORE) continue;
+    if (status != DBSTATUS_S_OK || !(b.dwPart & DBPART_VALUE)) {
+      hr = DB_E_ERRORSOCCURRED;
+      break;
+    }
+    void* source = const_cast<BYTE*>(data + b.obValue);
+    DBTYPE type = b.wType;
+    if (type & DBTYPE_BYREF) {
+      source = *static_cast<void**>(source);
+      type = static_cast<DBTYPE>(type & ~DBTYPE_BYREF);
+    }
+    DBLENGTH length = (b.dwPart & DBPART_LENGTH) ? *reinterpret_cast<const DBLENGTH*>(data + b.obLength) : 0;
+    DBDATACONVERT convertFlags = 0;
+    if (IsVariableLength(type) && !(b.dwPart & DBPART_LENGTH)) convertFlags |= DBDATACONVERT_LENGTHFROMNTS;
+    DBLENGTH written = 0;
+    DBSTATUS outStatus = DBSTATUS_S_OK;
+    hr = convert->DataConvert(type, DBTYPE_VARIANT, length, &written, source, &target, sizeof(VARIANT),
+                              DBSTATUS_S_OK, &outStatus, b.bPrecision, b.bScale, convertFlags);
+    if (SUCCEEDED(hr) && outStatus != DBSTATUS_S_OK) hr = DB_E_CANTCONVERTVALUE;
+  }
+  if (convert) convert->Release();
+  for (DBCOUNTITEM i = 0; i < count; ++i) CoTaskMemFree(bindings[i].pObject);
+  CoTaskMemFree(bindings);
+  if (FAILED(hr)) {
+    corvane::PostFailure(IID_ICommand, hr, kSource);
+    CVTRACE(TRACE_ERROR, OLESTR("Failed to fill parameters, HR = %X."), static_cast<unsigned>(hr));
+  }
+  return hr;
+}
+
+HRESULT CProviderCommand::Execute(IUnknown* pUnkOuter, REFIID riid, DBPARAMS* pParams, DBROWCOUNT* pcRowsAffected,
+                                  IUnknown** ppRowset) {
+  corvane::ClearErrorRecords();
+  corvane::platform::CriticalSectionLock guard(CommandLock());
+  CVTRACE(TRACE_INFO, OLESTR("Called CProviderCommand::Execute, QUERY = %s"), text_.c_str());
+  if (ppRowset) *ppRowset = nullptr;
+  if (pcRowsAffected) *pcRowsAffected = DB_COUNTUNAVAILABLE;
+  if (pUnkOuter) return corvane::PostFailure(IID_ICommand, DB_E_NOAGGREGATION, kSource), DB_E_NOAGGREGATION;
+  if (!hasText_) return corvane::PostFailure(IID_ICommand, DB_E_NOCOMMAND, kSource), DB_E_NOCOMMAND;
+
+  IProviderDataSource* ds = nullptr;
+  HRESULT hr = session_->GetProviderDataSource(&ds);
+  if (FAILED(hr) || !ds) return PostMessage(IID_ICommand, FAILED(hr) ? hr : E_FAIL, OLESTR("Unable to get data source object."));
+  struct Holder {
+    IProviderDataSource* p;
+    ~Holder() { p->Release(); }
+  } holdDs{ds};
+  hr = ds->UpdateQueryTimeRange();
+  if (FAILED(hr)) return PostMessage(IID_ICommand, hr, OLESTR("Unable to update time range for the query."));
+
+  if (!query_) {
+    hr = PrepareLocked();
+    if (FAILED(hr)) return hr;
+  }
+
+  GetSystemTimeAsFileTime(&nowUtc_);
+  FileTimeToLocalFileTime(&nowUtc_, &nowLocal_);
+
+  std::vector<VARIANT> values(static_cast<size_t>(parameterCount_));
+  for (auto& v : values) VariantInit(&v);
+  struct Cleaner {
+    std::vector<VARIANT>& v;
+    ~Cleaner() {
+      for (auto& x : v) VariantClear(&x);
+    }
+  } cleanValues{values};
+
+  if (pParams) {
+    hr = FillParameters(*pParams, values);
+    if (FAILED(hr)) return hr;
+  }
+  // Every `?` needs a value by now; the statement cannot run with a hole in it.
+  for (size_t i = 0; i < values.size(); ++i) {
+    if (values[i].vt == VT_EMPTY) {
+      CVTRACE(TRACE_ERROR, OLESTR("Parameter %d has no value"), static_cast<int>(i + 1));
+      return corvane::PostFailure(IID_ICommand, DB_E_PARAMNOTOPTIONAL, kSource), DB_E_PARAMNOTOPTIONAL;
+    }
+  }
+
+  BSTR catalog = nullptr, schema = nullptr;
+  ds->GetDefaultCatalog(&catalog);
+  ds->GetDefaultSchema(&schema);
+  CommandExecutionRequest request;
+  request.dataSource = ds;
+  request.commandText = text_;
+  request.query = query_.get();
+  request.defaultCatalog = corvane::WStringView(catalog ? catalog : OLESTR(""), SysStringLen(catalog));
+  request.defaultSchema = corvane::WStringView(schema ? schema : OLESTR(""), SysStringLen(schema));
+  request.binding.parameters = values.empty() ? nullptr : values.data();
+  request.binding.parameterCount = values.size();
+  request.binding.nowLocal = Ticks(nowLocal_);
+  request.binding.nowUtc = Ticks(nowUtc_);
+
+  auto* specification = new (std::nothrow) CRowsetSpecification(this);
+  if (!specification) hr = E_OUTOFMEMORY;
+  if (specification) {
+    openRowsets_.fetch_add(1);
+    request.specification = specification;
+    hr = CCommandProviderRowset::Execute(request, pcRowsAffected, riid, ppRowset);
+    specification->Release();  // the rowset keeps its own reference while it lives
+  }
+  SysFreeString(catalog);
+  SysFreeString(schema);
+  if (SUCCEEDED(hr)) return hr;
+  CVTRACE(TRACE_ERROR, OLESTR("Failed to create create rowset (%X)."), static_cast<unsigned>(hr));
+  TraceUnsupported(hr, riid);
+  corvane::PostFailure(IID_ICommand, hr, kSource);
+  return hr;
+}
+
+// ---- ICommandProperties
+
+HRESULT CProviderCommand::GetProperties(const ULONG cPropertyIDSets, const DBPROPIDSET rgPropertyIDSets[],
+                                        ULONG* pcPropertySets, DBPROPSET** prgPropertySets) {
+  CVTRACE(TRACE_INFO, OLESTR("Called CProviderCommand::GetProperties"));
+  corvane::ClearErrorRecords();
+  const HRESULT hr = properties_.GetProperties(cPropertyIDSets, rgPropertyIDSets, pcPropertySets, prgPropertySets);
+  if (FAILED(hr)) corvane::PostFailure(IID_ICommandProperties, hr, kSource);
+  return hr;
+}
+
+HRESULT CProviderCommand::SetProperties(ULONG cPropertySets, DBPROPSET rgPropertySets[]) {
+  CVTRACE(TRACE_INFO, OLESTR("Called CProviderCommand::SetProperties"));
+  corvane::ClearErrorRecords();
+  HRESULT hr;
+  {
+    corvane::platform::CriticalSectionLock guard(CommandLock());
+    hr = HasOpenRowsets() ? DB_E_OBJECTOPEN : properties_.SetProperties(cPropertySets, rgPropertySets);
+  }
+  if (FAILED(hr)) corvane::PostFailure(IID_ICommandProperties, hr, kSource);
+  return hr;
+}
+
+// ---- IAccessor
+
+HRESULT CProviderCommand::CreateAccessor(DBACCESSORFLAGS dwAccessorFlags, DBCOUNTITEM cBindings,
+                                         const DBBINDING rgBindings[], DBLENGTH /*cbRowSize*/, HACCESSOR* phAccessor,
+                                         DBBINDSTATUS rgStatus[]) {
+  CVTRACE(TRACE_INFO, OLESTR("Called CProviderCommand::CreateAccessor"));
+  if (!phAccessor) return E_INVALIDARG;
+  *phAccessor = DB_NULL_HACCESSOR;
+  if (cBindings && !rgBindings) return E_INVALIDARG;
+  // Parameter accessors only: the rowsets make their own row accessors.
+  const DBACCESSORFLAGS kind = dwAccessorFlags & ~static_cast<DBACCESSORFLAGS>(DBACCESSOR_OPTIMIZED);
+  if (kind != DBACCESSOR_PARAMETERDATA) return DB_E_BADACCESSORFLAGS;
+  if (cBindings == 0) return DB_E_NULLACCESSORNOTSUPPORTED;
+
+  bool bad = false;
+  for (DBCOUNTITEM i = 0; i < cBindings; ++i) {
+    const DBBINDING& b = rgBindings[i];
+    DBBINDSTATUS status = DBBINDSTATUS_OK;
+    if (b.iOrdinal == 0)
+      status = DBBINDSTATUS_BADORDINAL;
+    else if (!(b.dwPart & (DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS)) ||
+             (b.dwPart & ~static_cast<DBPART>(DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS)))
+      status = DBBINDSTATUS_BADBINDINFO;
+    else if (b.eParamIO != DBPARAMIO_INPUT)  // output parameters are not available
+      status = DBBINDSTATUS_BADBINDINFO;
+    else if ((b.wType & ~DBTYPE_BYREF) == DBTYPE_EMPTY || (b.wType & (DBTYPE_ARRAY | DBTYPE_VECTOR)))
+      status = DBBINDSTATUS_BADBINDINFO;
+    if (rgStatus) rgStatus[i] = status;
+    if (status != DBBINDSTATUS_OK) bad = true;
+  }
+  if (bad) return DB_E_ERRORSOCCURRED;
+
+  corvane::platform::CriticalSectionLock guard(CommandLock());
+  Accessor accessor;
+  accessor.flags = dwAccessorFlags;
+  accessor.bindings.assign(rgBindings, rgBindings + cBindings);
+  for (auto& b : accessor.bindings) b.pObject = nullptr;  // no storage objects among parameters
+  const HACCESSOR handle = static_cast<HACCESSOR>(++accessorGenerator_);
+  accessors_.emplace(handle, std::move(accessor));
+  *phAccessor = handle;
+  return S_OK;
+}
+
+HRESULT CProviderCommand::AddRefAccessor(HACCESSOR hAccessor, DBREFCOUNT* pcRefCount) {
+  corvane::platform::CriticalSectionLock guard(CommandLock());
+  auto it = accessors_.find(hAccessor);
+  if (it == accessors_.end()) return DB_E_BADACCESSORHANDLE;
+  ++it->second.refs;
+  if (pcRefCount) *pcRefCount = it->second.refs;
+  return S_OK;
+}
+
+HRESULT CProviderCommand::ReleaseAccessor(HACCESSOR hAccessor, DBREFCOUNT* pcRefCount) {
+  corvane::platform::CriticalSectionLock guard(CommandLock());
+  auto it = accessors_.find(hAccessor);
+  if (it == accessors_.end()) return DB_E_BADACCESSORHANDLE;
+  const DBREFCOUNT left = --it->second.refs;
+  if (left == 0) accessors_.erase(it);
+  if (pcRefCount) *pcRefCount = left;
+  return S_OK;
+}
+
+HRESULT CProviderCommand::GetBindings(HACCESSOR hAccessor, DBACCESSORFLAGS* pdwAccessorFlags,
+                                      DBCOUNTITEM* pcBindings, DBBINDING** prgBindings) {
+  if (pcBindings) *pcBindings = 0;
+  if (prgBindings) *prgBindings = nullptr;
+  if (pdwAccessorFlags) *pdwAccessorFlags = DBACCESSOR_INVALID;
+  if (!pdwAccessorFlags || !pcBindings || !prgBindings) return E_INVALIDARG;
+  corvane::platform::CriticalSectionLock guard(CommandLock());
+  auto it = accessors_.find(hAccessor);
+  if (it == accessors_.end()) return DB_E_BADACCESSORHANDLE;
+  const auto& bindings = it->second.bindings;
+  auto* copy = static_cast<DBBINDING*>(CoTaskMemAlloc(bindings.size() * sizeof(DBBINDING)));
+  if (!copy) return E_OUTOFMEMORY;
+  std::memcpy(copy, bindings.data(), bindings.size() * sizeof(DBBINDING));
+  *pdwAccessorFlags = it->second.flags;
+  *pcBindings = bindings.size();
+  *prgBindings = copy;
+  return S_OK;
+}
+
+// ---- IConvertType
+
+HRESULT CProviderCommand::CanConvert(DBTYPE wFromType, DBTYPE wToType, DBCONVERTFLAGS dwConvertFlags) {
+  const DBCONVERTFLAGS known = DBCONVERTFLAGS_PARAMETER | DBCONVERTFLAGS_ISLONG | DBCONVERTFLAGS_ISFIXEDLENGTH |
+                               DBCONVERTFLAGS_FROMVARIANT;
+  if (dwConvertFlags & ~known) return DB_E_BADCONVERTFLAG;
+  IDataConvert* convert = nullptr;
+  HRESULT hr = corvane::CreateDataConvert(&convert);
+  if (FAILED(hr)) return hr;
+  hr = convert->CanConvert(wFromType, wToType);
+  convert->Release();
+  return hr;
+}
+
+// ---- ISupportErrorInfo
+
+HRESULT CProviderCommand::InterfaceSupportsErrorInfo(REFIID riid) {
+  for (const IID* iid : {&IID_ICommand, &IID_ICommandText, &IID_ICommandPrepare, &IID_ICommandProperties,
+                         &IID_ICommandWithParameters, &IID_IColumnsInfo, &IID_IAccessor})
+    if (IsEqualIID(riid, *iid)) return S_OK;
+  return S_FALSE;
+}

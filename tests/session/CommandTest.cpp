@@ -1,0 +1,414 @@
+// The command as a consumer drives it: text and dialect, Prepare with its messages and
+// the prepared column description, parameters described by type name and given
+// through a parameter accessor, and execution end to end over the reference historian.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <thread>
+
+#include "tests/session/ConsumerFixture.h"
+
+using corvane::test::Columns;
+using corvane::test::ConsumerTest;
+using corvane::test::ReadAll;
+using corvane::test::TraceCapture;
+
+namespace {
+
+class CommandTest : public ConsumerTest {
+ protected:
+  void SetUp() override {
+    ConsumerTest::SetUp();
+    if (HasFatalFailure()) return;
+    IDBCreateCommand* create = Query<IDBCreateCommand>(session_, IID_IDBCreateCommand);
+    ASSERT_NE(nullptr, create);
+    ASSERT_EQ(S_OK, create->CreateCommand(nullptr, IID_ICommandText, reinterpret_cast<IUnknown**>(&text_)));
+    create->Release();
+  }
+  void TearDown() override {
+    if (text_) {
+      EXPECT_EQ(0u, text_->Release());
+    }
+    ConsumerTest::TearDown();
+  }
+  HRESULT Prepare() {
+    ICommandPrepare* prepare = Query<ICommandPrepare>(text_, IID_ICommandPrepare);
+    const HRESULT hr = prepare->Prepare(1);
+    prepare->Release();
+    return hr;
+  }
+  ICommandText* text_ = nullptr;
+};
+
+using CommandText = CommandTest;
+using CommandParameters = CommandTest;
+using CommandExecution = CommandTest;
+
+// One wide-text input parameter per `?`, inline in the buffer with length and status.
+struct TextParameters {
+  static constexpr size_t kChars = 64;
+  struct Slot {
+    DBSTATUS status;
+    DBLENGTH length;
+    OLECHAR text[kChars];
+  };
+  std::vector<Slot> slots;
+  std::vector<DBBINDING> bindings;
+  explicit TextParameters(std::initializer_list<const OLECHAR*> values) : slots(values.size()) {
+    size_t i = 0;
+    for (const OLECHAR* v : values) {
+      Slot& s = slots[i];
+      std::memset(&s, 0, sizeof s);
+      s.status = v ? DBSTATUS_S_OK : DBSTATUS_S_ISNULL;
+      const size_t n = v ? corvane::WLen(v) : 0;
+      if (v) std::memcpy(s.text, v, (n + 1) * sizeof(OLECHAR));
+      s.length = n * sizeof(OLECHAR);
+      DBBINDING b;
+      std::memset(&b, 0, sizeof b);
+      b.iOrdinal = i + 1;
+      b.obStatus = i * sizeof(Slot) + offsetof(Slot, status);
+      b.obLength = i * sizeof(Slot) + offsetof(Slot, length);
+      b.obValue = i * sizeof(Slot) + offsetof(Slot, text);
+      b.dwPart = DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS;
+      b.eParamIO = DBPARAMIO_INPUT;
+      b.cbMaxLen = kChars * sizeof(OLECHAR);
+      b.wType = DBTYPE_WSTR;
+      bindings.push_back(b);
+      ++i;
+    }
+  }
+};
+
+std::string Guid(const GUID& g) {
+  OLECHAR text[40] = {};
+  StringFromGUID2(g, text, 40);
+  return corvane::ToUtf8(text);
+}
+
+}  // namespace
+
+TEST_F(CommandText, TextAndDialect) {
+  GUID dialect{};
+  LPOLESTR text = nullptr;
+  EXPECT_EQ(DB_E_NOCOMMAND, text_->GetCommandText(&dialect, &text));
+
+  TraceCapture trace;
+  ASSERT_EQ(S_OK, text_->SetCommandText(DBGUID_SQL, OLESTR("SELECT * FROM TAGS")));
+  EXPECT_TRUE(trace.Contains("Called CProviderCommand::SetCommandText, QUERY = SELECT * FROM TAGS"));
+  ASSERT_EQ(S_OK, text_->GetCommandText(&dialect, &text));
+  EXPECT_EQ("SELECT * FROM TAGS", corvane::ToUtf8(text));
+  EXPECT_EQ(Guid(DBGUID_DEFAULT), Guid(dialect));  // the SQL dialect is the default one
+  CoTaskMemFree(text);
+
+  EXPECT_EQ(DB_E_DIALECTNOTSUPPORTED, text_->SetCommandText(DBGUID_MDX, OLESTR("SELECT 1")));
+  EXPECT_TRUE(trace.Contains("ERROR in CProviderCommand::SetCommandText, HR = 80040E16"));
+  auto error = TakeLastError();
+  EXPECT_TRUE(IsEqualIID(IID_ICommandText, error.iid));
+#ifndef _WIN32
+  EXPECT_EQ("CProviderCommand class", error.source);
+  EXPECT_EQ("Failed to run a command (IID_ICommandText). Details: Unable to set command text.", error.description);
+#endif
+  // The refused text left the earlier one in place.
+  ASSERT_EQ(S_OK, text_->GetCommandText(nullptr, &text));
+  EXPECT_EQ("SELECT * FROM TAGS", corvane::ToUtf8(text));
+  CoTaskMemFree(text);
+}
+
+TEST_F(CommandText, PrepareReportsEachFailureInItsOwnWords) {
+  TraceCapture trace;
+  // No text at all: the parser notes it, and the command reports no query.
+  EXPECT_EQ(E_FAIL, Prepare());
+  EXPECT_TRUE(trace.Contains("Called CProviderCommand::Prepare"));
+  bool parserNote = false;
+  for (const auto& line : trace.Lines())
+    if (line.text == "SQL query is empty." && line.source == "SQLParser" && line.level == TRACE_WARNING)
+      parserNote = true;
+  EXPECT_TRUE(parserNote);
+  EXPECT_TRUE(trace.Contains("ERROR in CProviderCommand::SetCommandText, No command text was set"));
+  auto error = TakeLastError();
+  EXPECT_EQ(E_FAIL, error.hr);
+  EXPECT_TRUE(IsEqualIID(IID_ICommandPrepare, error.iid));
+#ifndef _WIN32
+  EXPECT_EQ("Failed to prepare a command (IID_ICommandPrepare). Details: No command text was set.",
+            error.description);
+#endif
+
+  // A grammar error: the parser's own message becomes the record.
+  ASSERT_EQ(S_OK, text_->SetCommandText(DBGUID_DEFAULT, OLESTR("SELECT FROM")));
+  EXPECT_TRUE(FAILED(Prepare()));
+  EXPECT_TRUE(trace.Contains("ERROR in CProviderCommand::Prepare, Failed to parse the query"));
+  error = TakeLastError();
+#ifndef _WIN32
+  EXPECT_EQ(0u, error.description.find("Failed to prepare a command (IID_ICommandPrepare). Details: Failed to parse "
+                                       "the query"))
+      << error.description;
+#endif
+
+  // A column the table does not have.
+  ASSERT_EQ(S_OK, text_->SetCommandText(DBGUID_DEFAULT, OLESTR("SELECT NOSUCHCOLUMN FROM RAWDATA")));
+  EXPECT_TRUE(FAILED(Prepare()));
+  EXPECT_TRUE(trace.Contains("ERROR in CProviderCommand::SetCommandText, Failed to initialize output columns"));
+  error = TakeLastError();
+#ifndef _WIN32
+  EXPECT_EQ("Failed to prepare a command (IID_ICommandPrepare). Details: Unable to initialize output columns. "
+            "Please, check the column names.",
+            error.description);
+#endif
+}
+
+TEST_F(CommandText, PreparedCommandDescribesItsColumns) {
+  IColumnsInfo* info = Query<IColumnsInfo>(text_, IID_IColumnsInfo);
+  ASSERT_NE(nullptr, info);
+  DBORDINAL n = 0;
+  DBCOLUMNINFO* columns = nullptr;
+  OLECHAR* strings = nullptr;
+  ASSERT_EQ(S_OK, text_->SetCommandText(DBGUID_DEFAULT, OLESTR("SELECT value, TagName FROM RawData")));
+  EXPECT_EQ(DB_E_NOTPREPARED, info->GetColumnInfo(&n, &columns, &strings));
+  ASSERT_EQ(S_OK, Prepare());
+  const auto described = Columns(text_);
+  ASSERT_EQ(2u, described.size());
+  EXPECT_EQ(DBTYPE_VARIANT, described[0].second);
+  EXPECT_EQ(DBTYPE_WSTR, described[1].second);
+  DBID id{};
+  id.eKind = DBKIND_NAME;
+  id.uName.pwszName = const_cast<LPOLESTR>(OLESTR("TAGNAME"));
+  DBORDINAL ordinal = 0;
+  EXPECT_EQ(S_OK, info->MapColumnIDs(1, &id, &ordinal));
+  EXPECT_EQ(2u, ordinal);
+
+  ASSERT_EQ(S_OK, text_->SetCommandText(DBGUID_DEFAULT, OLESTR("SELECT * FROM RAWDATA_DOUBLE")));
+  ASSERT_EQ(S_OK, Prepare());
+  const auto all = Columns(text_);
+  ASSERT_EQ(4u, all.size());
+  EXPECT_EQ("VALUE", all[3].first);
+  EXPECT_EQ(DBTYPE_R8, all[3].second);
+  info->Release();
+}
+
+TEST_F(CommandParameters, TypeNamesKeepTheirMapping) {
+  ICommandWithParameters* params = Query<ICommandWithParameters>(text_, IID_ICommandWithParameters);
+  ASSERT_NE(nullptr, params);
+  DB_UPARAMS n = 0;
+  DBPARAMINFO* infos = nullptr;
+  OLECHAR* names = nullptr;
+  EXPECT_EQ(DB_E_NOTPREPARED, params->GetParameterInfo(&n, &infos, &names));
+
+  const struct {
+    const OLECHAR* name;
+    DBTYPE type;
+  } cases[] = {
+      {OLESTR("dbtype_nvarchar"), static_cast<DBTYPE>(DBTYPE_WSTR | DBTYPE_BYREF)},
+      {OLESTR("DBTYPE_VARCHAR"), static_cast<DBTYPE>(DBTYPE_STR | DBTYPE_BYREF)},
+      {OLESTR("DBTYPE_WVARCHAR"), DBTYPE_WSTR},
+      {OLESTR("DBTYPE_DBTIMESTAMP"), DBTYPE_DBTIMESTAMP},
+      {OLESTR("DBTYPE_UI8"), DBTYPE_UI8},
+      {OLESTR("DBTYPE_GUID"), DBTYPE_EMPTY},
+  };
+  std::vector<DB_UPARAMS> ordinals;
+  std::vector<DBPARAMBINDINFO> bind;
+  const OLECHAR* paramNames[] = {OLESTR("@a"), OLESTR("@b"), OLESTR("@c"), OLESTR("@d"), OLESTR("@e"), OLESTR("@f")};
+  for (size_t i = 0; i < sizeof cases / sizeof cases[0]; ++i) {
+    DBPARAMBINDINFO b{};
+    b.pwszDataSourceType = const_cast<LPOLESTR>(cases[i].name);
+    b.pwszName = const_cast<LPOLESTR>(paramNames[i]);
+    b.ulParamSize = 10 + i;
+    b.dwFlags = DBPARAMFLAGS_ISINPUT;
+    bind.push_back(b);
+    ordinals.push_back(sizeof cases / sizeof cases[0] - i);  // given in reverse order
+  }
+  TraceCapture trace;
+  ASSERT_EQ(S_OK, params->SetParameterInfo(bind.size(), ordinals.data(), bind.data()));
+  EXPECT_TRUE(trace.Contains("CProviderCommandWithParameters::GetDBTypeFromStr -> type: dbtype_nvarchar"));
+  EXPECT_TRUE(trace.Contains("CProviderCommandWithParameters::GetDBTypeFromStr -> unsuported type! type name: "
+                             "DBTYPE_GUID"));
+  EXPECT_TRUE(trace.Contains("::SetParameterInfo -> name: @a, size: 10, position: 6"));
+
+  ASSERT_EQ(S_OK, params->GetParameterInfo(&n, &infos, &names));
+  ASSERT_EQ(6u, n);
+  for (DB_UPARAMS i = 0; i < n; ++i) {
+    EXPECT_EQ(i + 1, infos[i].iOrdinal);  // ordered by ordinal
+    EXPECT_EQ(cases[5 - i].type, infos[i].wType) << corvane::ToUtf8(cases[5 - i].name);
+    EXPECT_EQ(corvane::ToUtf8(paramNames[5 - i]), corvane::ToUtf8(infos[i].pwszName));
+  }
+  CoTaskMemFree(infos);
+  CoTaskMemFree(names);
+
+  const OLECHAR* lookup[] = {OLESTR("@C"), OLESTR("@nobody")};
+  DB_LPARAMS found[2] = {};
+  EXPECT_EQ(DB_S_ERRORSOCCURRED, params->MapParameterNames(2, lookup, found));
+  EXPECT_EQ(4, found[0]);
+  EXPECT_EQ(0, found[1]);
+
+  // Descriptions dropped again: the prepared statement tells how many `?` it has.
+  ASSERT_EQ(S_OK, params->SetParameterInfo(0, nullptr, nullptr));
+  ASSERT_EQ(S_OK, text_->SetCommandText(DBGUID_DEFAULT,
+                                        OLESTR("SELECT * FROM RAWDATA WHERE TAGNAME = ? AND TIMESTAMP > ?")));
+  ASSERT_EQ(S_OK, Prepare());
+  ASSERT_EQ(S_OK, params->GetParameterInfo(&n, &infos, &names));
+  ASSERT_EQ(2u, n);
+  EXPECT_EQ(DBTYPE_VARIANT, infos[1].wType);
+  EXPECT_EQ(2u, infos[1].iOrdinal);
+  CoTaskMemFree(infos);
+  CoTaskMemFree(names);
+  params->Release();
+}
+
+TEST_F(CommandExecution, ParameterisedSelectEndToEnd) {
+  ASSERT_EQ(S_OK, text_->SetCommandText(DBGUID_DEFAULT,
+                                        OLESTR("SELECT TAGNAME, VALUE, QUALITY FROM RAWDATA WHERE TAGNAME = ?")));
+  ASSERT_EQ(S_OK, Prepare());
+  IAccessor* accessor = Query<IAccessor>(text_, IID_IAccessor);
+  ASSERT_NE(nullptr, accessor);
+  TextParameters values{OLESTR("Area1.Temp")};
+  HACCESSOR handle = DB_NULL_HACCESSOR;
+  ASSERT_EQ(S_OK, accessor->CreateAccessor(DBACCESSOR_PARAMETERDATA, values.bindings.size(), values.bindings.data(),
+                                           0, &handle, nullptr));
+  DBPARAMS params{values.slots.data(), 1, handle};
+  DBROWCOUNT affected = 0;
+  IUnknown* rowset = nullptr;
+  ASSERT_EQ(S_OK, text_->Execute(nullptr, IID_IRowset, &params, &affected, &rowset));
+  const auto described = Columns(rowset);
+  ASSERT_EQ(3u, described.size());
+  EXPECT_EQ("TAGNAME", described[0].first);
+  const auto rows = ReadAll(rowset, {1, 2, 3}, 8);
+  ASSERT_EQ(static_cast<size_t>(kSamples), rows.size());
+  for (int i = 0; i < kSamples; ++i) {
+    EXPECT_EQ("Area1.Temp", rows[i][0]);
+    EXPECT_EQ(std::to_string(100 + i), rows[i][1]);
+    EXPECT_EQ("192", rows[i][2]);
+  }
+  rowset->Release();
+
+  // The same command and accessor with another value.
+  TextParameters other{OLESTR("Area1.Text")};
+  params.pData = other.slots.data();
+  ASSERT_EQ(S_OK, text_->Execute(nullptr, IID_IRowset, &params, nullptr, &rowset));
+  const auto notes = ReadAll(rowset, {2});
+  ASSERT_EQ(static_cast<size_t>(kSamples), notes.size());
+  EXPECT_EQ("note 7", notes[7][0]);
+  rowset->Release();
+  EXPECT_EQ(S_OK, accessor->ReleaseAccessor(handle, nullptr));
+  accessor->Release();
+}
+
+TEST_F(CommandExecution, ParameterSetsAndAccessorsAreChecked) {
+  ASSERT_EQ(S_OK, text_->SetCommandText(DBGUID_DEFAULT, OLESTR("SELECT * FROM RAWDATA WHERE TAGNAME = ?")));
+  IAccessor* accessor = Query<IAccessor>(text_, IID_IAccessor);
+  TextParameters values{OLESTR("Area1.Temp")};
+  HACCESSOR handle = DB_NULL_HACCESSOR;
+  // Row accessors are the rowset's business; output parameters do not exist.
+  EXPECT_EQ(DB_E_BADACCESSORFLAGS, accessor->CreateAccessor(DBACCESSOR_ROWDATA, 1, values.bindings.data(), 0,
+                                                             &handle, nullptr));
+  DBBINDING output = values.bindings[0];
+  output.eParamIO = DBPARAMIO_OUTPUT;
+  DBBINDSTATUS status = DBBINDSTATUS_OK;
+  EXPECT_EQ(DB_E_ERRORSOCCURRED, accessor->CreateAccessor(DBACCESSOR_PARAMETERDATA, 1, &output, 0, &handle, &status));
+  EXPECT_EQ(DBBINDSTATUS_BADBINDINFO, status);
+  ASSERT_EQ(S_OK, accessor->CreateAccessor(DBACCESSOR_PARAMETERDATA, 1, values.bindings.data(), 0, &handle, nullptr));
+
+  TraceCapture trace;
+  IUnknown* rowset = nullptr;
+  for (DB_UPARAMS sets : {DB_UPARAMS(0), DB_UPARAMS(2)}) {
+    DBPARAMS params{values.slots.data(), sets, handle};
+    EXPECT_EQ(E_FAIL, text_->Execute(nullptr, IID_IRowset, &params, nullptr, &rowset));
+    EXPECT_EQ(nullptr, rowset);
+    EXPECT_EQ(0u, TakeLastError().count) << "no record for parameter sets";
+  }
+  EXPECT_TRUE(trace.Contains("MULTIPLEPARAMSETS is not allowed."));
+
+  DBPARAMS stale{values.slots.data(), 1, static_cast<HACCESSOR>(0x7777)};
+  EXPECT_EQ(DB_E_BADACCESSORHANDLE, text_->Execute(nullptr, IID_IRowset, &stale, nullptr, &rowset));
+  EXPECT_TRUE(trace.Contains("Failed to get bindings, HR = 80040E00."));
+  EXPECT_TRUE(IsEqualIID(IID_ICommand, TakeLastError().iid));
+
+  // No parameters at all for a statement that has one.
+  EXPECT_EQ(DB_E_PARAMNOTOPTIONAL, text_->Execute(nullptr, IID_IRowset, nullptr, nullptr, &rowset));
+  EXPECT_EQ(DB_E_PARAMNOTOPTIONAL, TakeLastError().hr);
+  accessor->ReleaseAccessor(handle, nullptr);
+  accessor->Release();
+}
+
+TEST_F(CommandExecution, ExecutePreparesAndOpenRowsetsHoldTheCommand) {
+  TraceCapture trace;
+  ASSERT_EQ(S_OK, text_->SetCommandText(DBGUID_DEFAULT, OLESTR("SELECT * FROM TAGS")));
+  IUnknown* rowset = nullptr;
+  ASSERT_EQ(S_OK, text_->Execute(nullptr, IID_IRowset, nullptr, nullptr, &rowset));
+  EXPECT_TRUE(trace.Contains("Called CProviderCommand::Execute, QUERY = SELECT * FROM TAGS"));
+  EXPECT_TRUE(trace.Contains("Called CProviderCommand::Prepare"));
+
+  // While the rowset is open the command keeps its text and parameter descriptions.
+  EXPECT_EQ(DB_E_OBJECTOPEN, text_->SetCommandText(DBGUID_DEFAULT, OLESTR("SELECT * FROM RAWDATA")));
+  EXPECT_EQ(DB_E_OBJECTOPEN, TakeLastError().hr);
+  ICommandWithParameters* params = Query<ICommandWithParameters>(text_, IID_ICommandWithParameters);
+  DB_UPARAMS ordinal = 1;
+  DBPARAMBINDINFO bind{};
+  bind.pwszDataSourceType = const_cast<LPOLESTR>(OLESTR("DBTYPE_I4"));
+  EXPECT_EQ(DB_E_OBJECTOPEN, params->SetParameterInfo(1, &ordinal, &bind));
+
+  // The rowset names its command as its specification.
+  IRowsetInfo* info = Query<IRowsetInfo>(rowset, IID_IRowsetInfo);
+  ASSERT_NE(nullptr, info);
+  IUnknown* spec = nullptr;
+  ASSERT_EQ(S_OK, info->GetSpecification(IID_ICommandText, &spec));
+  EXPECT_EQ(static_cast<IUnknown*>(text_), spec);
+  spec->Release();
+  info->Release();
+  EXPECT_EQ(2u, ReadAll(rowset, {1}).size());
+  rowset->Release();
+
+  EXPECT_EQ(S_OK, text_->SetCommandText(DBGUID_DEFAULT, OLESTR("SELECT * FROM RAWDATA")));
+  EXPECT_EQ(S_OK, params->SetParameterInfo(1, &ordinal, &bind));
+  params->Release();
+}
+
+TEST_F(CommandExecution, FailuresOfTheStatementReachTheConsumer) {
+  TraceCapture trace;
+  ASSERT_EQ(S_OK, text_->SetCommandText(DBGUID_DEFAULT, OLESTR("SELECT * FROM NOSUCHTABLE")));
+  IUnknown* rowset = nullptr;
+  EXPECT_EQ(static_cast<HRESULT>(0x8004C001L), text_->Execute(nullptr, IID_IRowset, nullptr, nullptr, &rowset));
+  EXPECT_TRUE(trace.Contains("Failed to create create rowset (8004C001)."));
+  auto error = TakeLastError();
+  EXPECT_TRUE(IsEqualIID(IID_ICommand, error.iid));
+#ifndef _WIN32
+  EXPECT_EQ("Failed to execute a command (IID_ICommand). Details: Required table doesn't exist.", error.description);
+#endif
+
+  // An interface the command rowset lacks: the statement is fine, the request is not.
+  ASSERT_EQ(S_OK, text_->SetCommandText(DBGUID_DEFAULT, OLESTR("SELECT * FROM TAGS")));
+  const GUID rowsetChange = {0x0C733A05, 0x2A1C, 0x11CE, {0xAD, 0xE5, 0x00, 0xAA, 0x00, 0x44, 0x77, 0x3D}};
+  EXPECT_EQ(E_NOINTERFACE, text_->Execute(nullptr, rowsetChange, nullptr, nullptr, &rowset));
+  EXPECT_TRUE(trace.Contains("Unsupported interface 'IRowsetChange'."));
+  TakeLastError();
+  // And the command is free again afterwards.
+  EXPECT_EQ(S_OK, text_->SetCommandText(DBGUID_DEFAULT, OLESTR("SELECT * FROM TAGS")));
+}
+
+TEST_F(CommandExecution, DataChangesCountTheirRows) {
+  ASSERT_EQ(S_OK, text_->SetCommandText(DBGUID_DEFAULT,
+                                        OLESTR("INSERT INTO RAWDATA (TAGNAME, VALUE) VALUES ('Area1.Temp', 5.5)")));
+  DBROWCOUNT affected = 0;
+  IUnknown* rowset = nullptr;
+  ASSERT_EQ(S_OK, text_->Execute(nullptr, IID_IRowset, nullptr, &affected, &rowset));
+  EXPECT_EQ(1, affected);
+  EXPECT_EQ(1u, ReadAll(rowset, {1}).size());
+  rowset->Release();
+}
+
+TEST_F(CommandExecution, EachExecutionHasItsOwnNow) {
+  TraceCapture trace(TRACE_INFO);
+  ASSERT_EQ(S_OK, text_->SetCommandText(DBGUID_DEFAULT,
+                                        OLESTR("SELECT * FROM RAWDATA WHERE TAGNAME = 'Area1.Temp'")));
+  std::vector<std::string> ranges;
+  for (int run = 0; run < 2; ++run) {
+    if (run) std::this_thread::sleep_for(std::chrono::milliseconds(1100));  // the trace shows whole seconds
+    trace.Clear();
+    IUnknown* rowset = nullptr;
+    ASSERT_EQ(S_OK, text_->Execute(nullptr, IID_IRowset, nullptr, nullptr, &rowset));
+    rowset->Release();
+    for (const auto& line : trace.Texts())
+      if (line.rfind("Execution will use start time", 0) == 0) ranges.push_back(line);
+  }
+  ASSERT_EQ(2u, ranges.size());
+  EXPECT_NE(ranges[0], ranges[1]);
+}

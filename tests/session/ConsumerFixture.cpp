@@ -1,0 +1,213 @@
+#include "tests/session/ConsumerFixture.h"
+
+#include <cstring>
+
+namespace corvane::test {
+
+using corvane::historian::CHistorianStore;
+using corvane::historian::CReferenceHistorian;
+
+void ConsumerTest::SetUp() {
+  LeakCheckedTest::SetUp();
+#ifdef _WIN32
+  CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+#endif
+  corvane::ClearErrorRecords();
+  auto store = std::make_shared<CHistorianStore>();
+  FILETIME now;
+  GetSystemTimeAsFileTime(&now);
+  const ULONGLONG nowTicks = (static_cast<ULONGLONG>(now.dwHighDateTime) << 32) | now.dwLowDateTime;
+  const ULONGLONG minute = 600000000ull;
+  // Whole minutes, so that the times read back in text are exact.
+  firstSample_ = (nowTicks / minute) * minute - kSamples * minute;
+  corvane::historian::TagDefinition temp;
+  temp.name = OLESTR("Area1.Temp");
+  temp.description = OLESTR("Reactor temperature");
+  temp.vartype = VT_R8;
+  corvane::historian::TagDefinition text;
+  text.name = OLESTR("Area1.Text");
+  text.description = OLESTR("Operator note");
+  text.vartype = VT_BSTR;
+  ASSERT_EQ(S_OK, store->AddTag(temp));
+  ASSERT_EQ(S_OK, store->AddTag(text));
+  std::vector<corvane::historian::SampleInput> numbers, notes;
+  for (int i = 0; i < kSamples; ++i) {
+    corvane::historian::SampleInput s;
+    s.time = firstSample_ + i * minute;
+    s.quality = 0xC0;
+    s.number = 100 + i;
+    numbers.push_back(s);
+    s.text = corvane::WFormat(OLESTR("note %d"), i);
+    notes.push_back(s);
+  }
+  ASSERT_EQ(S_OK, store->AppendSamples(OLESTR("Area1.Temp"), numbers));
+  ASSERT_EQ(S_OK, store->AppendSamples(OLESTR("Area1.Text"), notes));
+
+  IAggregates* factory = nullptr;
+  ASSERT_EQ(S_OK, corvane::historian::CAggregates::CreateInstance(nullptr, IID_IAggregates,
+                                                                  reinterpret_cast<void**>(&factory)));
+  ASSERT_EQ(S_OK, CReferenceHistorian::Create(store, IID_IUnknown, reinterpret_cast<void**>(&host_), factory));
+  factory->Release();
+  hostRefs_ = RefCount(host_);
+
+  ICreateCorvaneOleDbProvider* creator = nullptr;
+  ASSERT_EQ(S_OK, CCreateCorvaneOleDbProviderImpl::CreateInstance(nullptr, IID_ICreateCorvaneOleDbProvider,
+                                                                  reinterpret_cast<void**>(&creator)));
+  ASSERT_EQ(S_OK, creator->Create(host_, &dataSource_));
+  creator->Release();
+
+  IDBProperties* props = Query<IDBProperties>(dataSource_, IID_IDBProperties);
+  ASSERT_NE(nullptr, props);
+  DBPROP prop{};
+  prop.dwPropertyID = DBPROP_INIT_CATALOG;
+  prop.vValue.vt = VT_BSTR;
+  prop.vValue.bstrVal = SysAllocString(OLESTR("Plant"));
+  DBPROPSET set{&prop, 1, DBPROPSET_DBINIT};
+  EXPECT_EQ(S_OK, props->SetProperties(1, &set));
+  VariantClear(&prop.vValue);
+  props->Release();
+  IDBInitialize* init = Query<IDBInitialize>(dataSource_, IID_IDBInitialize);
+  ASSERT_NE(nullptr, init);
+  ASSERT_EQ(S_OK, init->Initialize());
+  init->Release();
+  IDBCreateSession* create = Query<IDBCreateSession>(dataSource_, IID_IDBCreateSession);
+  ASSERT_NE(nullptr, create);
+  ASSERT_EQ(S_OK, create->CreateSession(nullptr, IID_IOpenRowset, reinterpret_cast<IUnknown**>(&session_)));
+  create->Release();
+}
+
+void ConsumerTest::TearDown() {
+  if (session_) session_->Release();
+  if (dataSource_) {
+    IDBInitialize* init = Query<IDBInitialize>(dataSource_, IID_IDBInitialize);
+    if (init) {
+      EXPECT_EQ(S_OK, init->Uninitialize());
+      init->Release();
+    }
+    EXPECT_EQ(0u, dataSource_->Release()) << "nothing but the consumer holds the data source";
+  }
+  dataSource_ = nullptr;
+  if (host_) {
+    EXPECT_EQ(hostRefs_ - 1, host_->Release()) << "the provider released every host reference";
+  }
+  corvane::ClearErrorRecords();
+#ifdef _WIN32
+  CoUninitialize();
+#endif
+  LeakCheckedTest::TearDown();
+}
+
+LastError ConsumerTest::TakeLastError() {
+  LastError last;
+#ifdef _WIN32
+  IErrorInfo* error = nullptr;
+  if (GetErrorInfo(0, &error) != S_OK || !error) return last;
+  IErrorRecords* records = nullptr;
+  if (SUCCEEDED(error->QueryInterface(IID_IErrorRecords, reinterpret_cast<void**>(&records)))) {
+    records->GetRecordCount(&last.count);
+    ERRORINFO basic{};
+    if (last.count && SUCCEEDED(records->GetBasicErrorInfo(last.count - 1, &basic))) {
+      last.hr = basic.hrError;
+      last.iid = basic.iid;
+    }
+    records->Release();
+  } else {
+    last.count = 1;
+    BSTR text = nullptr;
+    if (SUCCEEDED(error->GetDescription(&text)) && text) last.description = corvane::ToUtf8(text);
+    SysFreeString(text);
+    if (SUCCEEDED(error->GetSource(&text)) && text) last.source = corvane::ToUtf8(text);
+    SysFreeString(text);
+    error->GetGUID(&last.iid);
+  }
+  error->Release();
+#else
+  auto records = corvane::platform::TakeErrorRecords();
+  last.count = static_cast<ULONG>(records.size());
+  if (!records.empty()) {
+    const auto& r = records.back();
+    last.hr = r.info.hrError;
+    last.iid = r.info.iid;
+    last.source = corvane::ToUtf8(corvane::WStringView(r.source));
+    last.description = corvane::ToUtf8(corvane::WStringView(r.description));
+  }
+#endif
+  return last;
+}
+
+std::vector<std::vector<std::string>> ReadAll(IUnknown* rowset, const std::vector<DBORDINAL>& columns,
+                                              DBROWCOUNT batch) {
+  constexpr DBLENGTH kChars = 512;
+  struct Cell {
+    DBSTATUS status;
+    DBLENGTH length;
+    OLECHAR text[kChars];
+  };
+  std::vector<std::vector<std::string>> rows;
+  IAccessor* accessor = nullptr;
+  IRowset* fetch = nullptr;
+  rowset->QueryInterface(IID_IAccessor, reinterpret_cast<void**>(&accessor));
+  rowset->QueryInterface(IID_IRowset, reinterpret_cast<void**>(&fetch));
+  EXPECT_NE(nullptr, accessor);
+  EXPECT_NE(nullptr, fetch);
+  if (!accessor || !fetch) {
+    if (accessor) accessor->Release();
+    if (fetch) fetch->Release();
+    return rows;
+  }
+  std::vector<DBBINDING> bindings(columns.size());
+  for (size_t i = 0; i < columns.size(); ++i) {
+    DBBINDING& b = bindings[i];
+    std::memset(&b, 0, sizeof b);
+    b.iOrdinal = columns[i];
+    b.obStatus = i * sizeof(Cell) + offsetof(Cell, status);
+    b.obLength = i * sizeof(Cell) + offsetof(Cell, length);
+    b.obValue = i * sizeof(Cell) + offsetof(Cell, text);
+    b.dwPart = DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS;
+    b.dwMemOwner = DBMEMOWNER_CLIENTOWNED;
+    b.eParamIO = DBPARAMIO_NOTPARAM;
+    b.cbMaxLen = kChars * sizeof(OLECHAR);
+    b.wType = DBTYPE_WSTR;
+  }
+  HACCESSOR handle = DB_NULL_HACCESSOR;
+  EXPECT_EQ(S_OK, accessor->CreateAccessor(DBACCESSOR_ROWDATA, bindings.size(), bindings.data(),
+                                           columns.size() * sizeof(Cell), &handle, nullptr));
+  std::vector<Cell> buffer(columns.size());
+  for (;;) {
+    DBCOUNTITEM obtained = 0;
+    HROW* handles = nullptr;
+    const HRESULT hr = fetch->GetNextRows(DB_NULL_HCHAPTER, 0, batch, &obtained, &handles);
+    EXPECT_TRUE(hr == S_OK || hr == DB_S_ENDOFROWSET) << std::hex << hr;
+    for (DBCOUNTITEM r = 0; r < obtained; ++r) {
+      EXPECT_TRUE(SUCCEEDED(fetch->GetData(handles[r], handle, buffer.data())));
+      std::vector<std::string> row;
+      for (const Cell& c : buffer)
+        row.push_back(c.status == DBSTATUS_S_ISNULL ? std::string("<null>") : corvane::ToUtf8(c.text));
+      rows.push_back(std::move(row));
+    }
+    if (obtained) fetch->ReleaseRows(obtained, handles, nullptr, nullptr, nullptr);
+    CoTaskMemFree(handles);
+    if (hr != S_OK || obtained == 0) break;
+  }
+  accessor->ReleaseAccessor(handle, nullptr);
+  accessor->Release();
+  fetch->Release();
+  return rows;
+}
+
+std::vector<std::pair<std::string, DBTYPE>> Columns(IUnknown* object) {
+  std::vector<std::pair<std::string, DBTYPE>> out;
+  IColumnsInfo* info = nullptr;
+  if (FAILED(object->QueryInterface(IID_IColumnsInfo, reinterpret_cast<void**>(&info)))) return out;
+  DBORDINAL n = 0;
+  DBCOLUMNINFO* columns = nullptr;
+  OLECHAR* strings = nullptr;
+  EXPECT_EQ(S_OK, info->GetColumnInfo(&n, &columns, &strings));
+  for (DBORDINAL i = 0; i < n; ++i) out.emplace_back(corvane::ToUtf8(columns[i].pwszName), columns[i].wType);
+  CoTaskMemFree(columns);
+  CoTaskMemFree(strings);
+  info->Release();
+  return out;
+}
+
+}  // namespace corvane::test

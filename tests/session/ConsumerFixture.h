@@ -1,0 +1,69 @@
+// A consumer of the provider that uses OLE DB interfaces only: it creates the provider
+// over a reference historian holding two known tags, initialises it, opens a session,
+// and reads back error records; every test checks that nothing leaked and that the
+// host's reference count came back.
+#pragma once
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "historian/Aggregates.h"
+#include "historian/ReferenceHistorian.h"
+#include "platform/WideString.h"
+#include "provider/CreateCorvaneOleDbProviderImpl.h"
+#include "provider/ErrorReporting.h"
+#include "tests/support/LeakCheckedTest.h"
+#include "tests/support/TraceCapture.h"
+
+namespace corvane::test {
+
+struct LastError {
+  ULONG count = 0;
+  HRESULT hr = S_OK;
+  GUID iid{};
+  std::string source;
+  std::string description;  // empty where the system's records do not give it back
+};
+
+class ConsumerTest : public LeakCheckedTest {
+ protected:
+  // The samples of "Area1.Temp" (VT_R8) and "Area1.Text" (VT_BSTR): one every minute,
+  // ending one minute before the test starts, so that the default 72-hour range holds
+  // them all.
+  static constexpr int kSamples = 30;
+
+  void SetUp() override;
+  void TearDown() override;
+
+  static ULONG RefCount(IUnknown* object) {
+    object->AddRef();
+    return object->Release();
+  }
+  template <typename T>
+  static T* Query(IUnknown* object, REFIID iid) {
+    T* p = nullptr;
+    if (FAILED(object->QueryInterface(iid, reinterpret_cast<void**>(&p)))) return nullptr;
+    return p;
+  }
+  // The records of the failed call on this thread, taken (the thread is left clean).
+  static LastError TakeLastError();
+
+  IUnknown* dataSource_ = nullptr;
+  IOpenRowset* session_ = nullptr;
+  ULONGLONG firstSample_ = 0;
+
+ private:
+  IUnknown* host_ = nullptr;
+  ULONG hostRefs_ = 0;
+};
+
+// Reads every row of `rowset` through an accessor of the given columns as wide text
+// (DBTYPE_WSTR, 512 characters) in batches of `batch`; a null cell reads as "<null>".
+std::vector<std::vector<std::string>> ReadAll(IUnknown* rowset, const std::vector<DBORDINAL>& columns,
+                                              DBROWCOUNT batch = 7);
+// Column names and types of a rowset or prepared command (IColumnsInfo).
+std::vector<std::pair<std::string, DBTYPE>> Columns(IUnknown* object);
+
+}  // namespace corvane::test
