@@ -5,6 +5,7 @@
 #include "platform/WideString.h"
 #include "provider/procedures/BaseStoredProcedure.h"
 #include "provider/procedures/SPGetBadValues.h"
+#include "provider/procedures/SPGetFilteredTagStatistics.h"
 #include "provider/procedures/SPGetGoodValues.h"
 #include "provider/procedures/SPGetMostRecentValue.h"
 #include "provider/procedures/SPGetValues.h"
@@ -55,6 +56,7 @@ const Entry kProcedures[] = {
     {OLESTR("HDA_BOOL_5"), &Make<CSPHdaBool5>},
     {OLESTR("HDA_QUALITY"), &Make<CSPHdaQuality>},
     {OLESTR("HDA_QUALITY_5"), &Make<CSPHdaQuality5>},
+    {OLESTR("GET_FILTERED_TAG_STATISTICS"), &Make<CSPGetFilteredTagStatistics>},
 };
 
 }  // namespace

@@ -436,3 +436,41 @@ INSTANTIATE_TEST_SUITE_P(
         FailureCase{"EXEC HDA_QUALITY_5 '2020-01-01 00:00:00', '2020-01-01 00:00:40', 10000, 'Ramp', 'Ramp', "
                     "'Ramp', 'Ramp', 'Ramp'",
                     Op::ReadProcessed}));
+
+// ---- Filtered statistics ----------------------------------------------------------------
+
+TEST_F(ProcedureTest, FilteredStatisticsPageThroughEveryMatchingTag) {
+  ProcedureHarness h;
+  Fill(h);
+  FillRamp(h);
+  corvane::test::TraceCapture trace;
+  ProducedRecordList rows;
+  // Flow, Level, Empty and Ramp match '*'; two names per page makes two pages.
+  ASSERT_EQ(S_OK, h.Run("EXEC GET_FILTERED_TAG_STATISTICS '*', '', '', '2020-01-01', '2020-01-02', 2", &rows));
+  ASSERT_EQ(4u, rows.size());
+  EXPECT_EQ(2u, h.Host().Calls(Op::GetFilteredTagStatistics));
+  EXPECT_TRUE(trace.Contains("[SP] GET_FILTERED_TAG_STATISTICS -> History read done."));
+  for (const ProducedRecord& row : rows) {
+    ASSERT_EQ(9u, row.size());
+    if (Text(row[0]) == "Ramp") {
+      EXPECT_DOUBLE_EQ(0.0, Number(row[1]));
+      EXPECT_DOUBLE_EQ(30.0, Number(row[3]));
+      EXPECT_DOUBLE_EQ(15.0, Number(row[5]));
+      EXPECT_DOUBLE_EQ(4.0, Number(row[7]));
+    }
+  }
+  // Names filtered by all three; a text maximum means no limit (one page).
+  const ULONG before = h.Host().Calls(Op::GetFilteredTagStatistics);
+  ASSERT_EQ(S_OK, h.Run("EXEC GET_FILTERED_TAG_STATISTICS 'R*', '*p', '', '2020-01-01', '2020-01-02', 'x'", &rows));
+  ASSERT_EQ(1u, rows.size());
+  EXPECT_EQ("Ramp", Text(rows[0][0]));
+  EXPECT_EQ(before + 1u, h.Host().Calls(Op::GetFilteredTagStatistics));
+  ASSERT_EQ(S_OK, h.Run("EXEC GET_FILTERED_TAG_STATISTICS 'nothing*', '', '', '2020-01-01', '2020-01-02', 0", &rows));
+  EXPECT_TRUE(rows.empty());
+  // The second page fails: the first one's continuation point is released.
+  h.Host().FailCall(Op::GetFilteredTagStatistics, before + 3, E_UNEXPECTED);
+  trace.Clear();
+  EXPECT_EQ(E_UNEXPECTED, h.Run("EXEC GET_FILTERED_TAG_STATISTICS '*', '', '', '2020-01-01', '2020-01-02', 1", &rows));
+  EXPECT_TRUE(trace.Contains("[SP] GET_FILTERED_TAG_STATISTICS -> Failed to read the data (8000FFFF)."));
+  EXPECT_EQ(0u, h.Host().OutstandingContinuationPoints());
+}
