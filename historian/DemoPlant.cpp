@@ -63,7 +63,7 @@ enum class Event {
   CommErrors,     // now and then a sample with a communication error
 };
 
-struct Spec {
+struct TagRecipe {
   const char16_t* name;
   const char16_t* description;
   VARTYPE vt;
@@ -77,7 +77,7 @@ struct Spec {
 
 constexpr DWORD kRW = kTagAccessRead | kTagAccessWrite;
 
-const Spec kSpecs[] = {
+const TagRecipe kRecipes[] = {
     {u"Reactor1.Temperature", u"Reactor 1 core temperature (degC)", VT_R8, false, 10, Signal::Sine, 180, 6, 6, 0.3, kRW, Event::None},
     {u"Reactor1.Pressure", u"Reactor 1 pressure (bar)", VT_R8, false, 10, Signal::Sine, 12, 0.8, 1.5, 0.05, kRW, Event::AtLimit},
     {u"Reactor1.Level", u"Reactor 1 fill level (%)", VT_R4, false, 30, Signal::Sine, 65, 20, 11, 0.5, kRW, Event::None},
@@ -133,21 +133,21 @@ Window PlaceWindow(Rng& rng, ULONGLONG oldest, ULONGLONG newest, unsigned second
 }
 
 // Generates the series of one tag into `out`.
-void Generate(const Spec& spec, size_t tagIndex, const DemoPlantOptions& options, std::vector<SampleInput>& out) {
+void Generate(const TagRecipe& recipe, size_t tagIndex, const DemoPlantOptions& options, std::vector<SampleInput>& out) {
   Rng rng(options.seed * 0x100000001B3ull + tagIndex * 0x9E3779B97F4A7C15ull + 1);
-  const ULONGLONG period = spec.period * kTicksPerSecond;
+  const ULONGLONG period = recipe.period * kTicksPerSecond;
   // Samples fall on multiples of the period within [now - days, now].
   const ULONGLONG newest = options.now - options.now % period;
   const ULONGLONG earliest = options.now - static_cast<ULONGLONG>(options.days) * 86400 * kTicksPerSecond;
   const size_t count = static_cast<size_t>((newest - earliest) / period) + 1;
   const ULONGLONG oldest = newest - (count - 1) * period;
-  const double cycleSamples = spec.cycleHours * 3600.0 / spec.period;
+  const double cycleSamples = recipe.cycleHours * 3600.0 / recipe.period;
 
   // The outage is placed by the seed alone, so that every tag of the compressor shares it.
   Rng plantEvents(options.seed ^ 0xC0FFEEull);
   const ULONGLONG plantOldest = options.now - static_cast<ULONGLONG>(options.days) * 86400 * kTicksPerSecond;
   Window window;
-  switch (spec.event) {
+  switch (recipe.event) {
     case Event::Outage: window = PlaceWindow(plantEvents, plantOldest, options.now, 2 * 3600); break;
     case Event::SensorFailure: window = PlaceWindow(rng, oldest, newest, 1800); break;
     case Event::AtLimit: window = PlaceWindow(rng, oldest, newest, 1200); break;
@@ -156,8 +156,8 @@ void Generate(const Spec& spec, size_t tagIndex, const DemoPlantOptions& options
 
   out.clear();
   out.reserve(count);
-  double level = spec.base;      // Steps
-  double counter = spec.base;    // Counter
+  double level = recipe.base;      // Steps
+  double counter = recipe.base;    // Counter
   int state = 0;                 // OnOff, States, TextStates
   size_t nextChange = 0;
   unsigned batch = 1000 + static_cast<unsigned>(rng.Below(9000));
@@ -167,28 +167,28 @@ void Generate(const Spec& spec, size_t tagIndex, const DemoPlantOptions& options
   for (size_t k = 0; k < count; ++k) {
     SampleInput s;
     s.time = oldest + k * period;
-    if (spec.event == Event::Outage && window.Contains(s.time)) {
+    if (recipe.event == Event::Outage && window.Contains(s.time)) {
       afterGap = true;
       continue;
     }
     const double hours = static_cast<double>(s.time / kTicksPerSecond % (86400ull * 365)) / 3600.0;
-    switch (spec.signal) {
+    switch (recipe.signal) {
       case Signal::Sine:
-        s.number = spec.base + spec.amplitude * std::sin(2 * kPi * hours / spec.cycleHours + phase) + rng.Gauss(spec.noise);
+        s.number = recipe.base + recipe.amplitude * std::sin(2 * kPi * hours / recipe.cycleHours + phase) + rng.Gauss(recipe.noise);
         break;
       case Signal::Sawtooth: {
         double x = std::fmod(static_cast<double>(k) / cycleSamples + phase, 1.0);
         double shape = x < 0.85 ? x / 0.85 : (1.0 - x) / 0.15;
-        s.number = spec.base + spec.amplitude * shape + rng.Gauss(spec.noise);
+        s.number = recipe.base + recipe.amplitude * shape + rng.Gauss(recipe.noise);
         if (s.number > 95) s.quality = kUncertainEngineeringUnitsExceeded;
         break;
       }
       case Signal::Steps:
         if (k >= nextChange) {
-          level = spec.base + spec.amplitude * (2 * rng.Uniform() - 1);
+          level = recipe.base + recipe.amplitude * (2 * rng.Uniform() - 1);
           nextChange = k + 1 + static_cast<size_t>(rng.Uniform() * 2 * cycleSamples);
         }
-        s.number = level + rng.Gauss(spec.noise);
+        s.number = level + rng.Gauss(recipe.noise);
         s.integer = static_cast<int64_t>(std::llround(level));
         break;
       case Signal::OnOff:
@@ -200,12 +200,12 @@ void Generate(const Spec& spec, size_t tagIndex, const DemoPlantOptions& options
         break;
       case Signal::Counter:
         // amplitude: mean increase per sample; below 1 it is a probability of +1.
-        if (k > 0) counter += spec.amplitude < 1 ? (rng.Chance(spec.amplitude) ? 1 : 0) : rng.Below(static_cast<int>(2 * spec.amplitude) + 1);
+        if (k > 0) counter += recipe.amplitude < 1 ? (rng.Chance(recipe.amplitude) ? 1 : 0) : rng.Below(static_cast<int>(2 * recipe.amplitude) + 1);
         s.integer = static_cast<int64_t>(counter);
         break;
       case Signal::States:
         if (k >= nextChange) {
-          state = static_cast<int>(spec.base) + rng.Below(static_cast<int>(spec.amplitude));
+          state = static_cast<int>(recipe.base) + rng.Below(static_cast<int>(recipe.amplitude));
           nextChange = k + 1 + static_cast<size_t>(rng.Uniform() * 2 * cycleSamples);
         }
         s.integer = state;
@@ -233,16 +233,16 @@ void Generate(const Spec& spec, size_t tagIndex, const DemoPlantOptions& options
         break;
       }
     }
-    if (spec.vt == VT_UI1) s.integer = s.integer < 0 ? 0 : (s.integer > 100 ? 100 : s.integer);
-    if (spec.event == Event::SensorFailure && window.Contains(s.time)) {
+    if (recipe.vt == VT_UI1) s.integer = s.integer < 0 ? 0 : (s.integer > 100 ? 100 : s.integer);
+    if (recipe.event == Event::SensorFailure && window.Contains(s.time)) {
       s.quality = kBadSensorFailure;
       s.number = -273.15;  // what the transmitter sends when its element is open
     }
-    if (spec.event == Event::AtLimit && window.Contains(s.time)) {
+    if (recipe.event == Event::AtLimit && window.Contains(s.time)) {
       s.quality = kUncertainSensorNotAccurate;
-      s.number = spec.base + spec.amplitude * 1.5;
+      s.number = recipe.base + recipe.amplitude * 1.5;
     }
-    if (spec.event == Event::CommErrors && rng.Chance(0.002)) s.quality = kBadCommunicationError;
+    if (recipe.event == Event::CommErrors && rng.Chance(0.002)) s.quality = kBadCommunicationError;
     if (afterGap) {
       s.quality = kUncertainInitialValue;
       afterGap = false;
@@ -256,14 +256,14 @@ void Generate(const Spec& spec, size_t tagIndex, const DemoPlantOptions& options
 const std::vector<CDemoPlant::DemoTag>& CDemoPlant::Tags() {
   static const std::vector<DemoTag> tags = [] {
     std::vector<DemoTag> list;
-    for (const Spec& spec : kSpecs) {
+    for (const TagRecipe& recipe : kRecipes) {
       DemoTag tag;
-      tag.definition.name = Text(spec.name);
-      tag.definition.description = Text(spec.description);
-      tag.definition.vartype = spec.vt;
-      tag.definition.stepped = spec.stepped;
-      tag.definition.accessRights = spec.access;
-      tag.periodSeconds = spec.period;
+      tag.definition.name = Text(recipe.name);
+      tag.definition.description = Text(recipe.description);
+      tag.definition.vartype = recipe.vt;
+      tag.definition.stepped = recipe.stepped;
+      tag.definition.accessRights = recipe.access;
+      tag.periodSeconds = recipe.period;
       list.push_back(std::move(tag));
     }
     return list;
@@ -282,7 +282,7 @@ HRESULT CDemoPlant::Populate(CHistorianStore& store, const DemoPlantOptions& opt
   for (size_t i = 0; i < tags.size(); ++i) {
     HRESULT hr = store.AddTag(tags[i].definition);
     if (FAILED(hr)) return hr;
-    Generate(kSpecs[i], i, options, samples);
+    Generate(kRecipes[i], i, options, samples);
     hr = store.AppendSamples(tags[i].definition.name, samples);
     if (FAILED(hr)) return hr;
   }
