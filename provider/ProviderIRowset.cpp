@@ -101,8 +101,8 @@ CProviderIRowset::~CProviderIRowset() {
             static_cast<int>(outMs));
   }
   // Rows before the store: they were laid out by its column description.
-  for (auto& held : m_Rows) held.second.row->Release();
-  m_Rows.clear();
+  m_Rows.ForEach([](HeldRow& held) { held.row->Release(); });
+  m_Rows.Clear();
   m_Accessors.clear();
   for (PropertyValue& p : m_Properties) VariantClear(&p.value);
   m_pStore.reset();
@@ -201,15 +201,17 @@ HRESULT CProviderIRowset::GetNextRowsLocked(DBROWOFFSET lRowsOffset, DBROWCOUNT 
   HROW* handles = *prghRows;
   size_t i = 0;
   try {
+    m_Rows.Reserve(n);
     for (; i < n; ++i) {
-      const HROW handle = ++m_RowHandleGenerator;
-      m_Rows.emplace(handle, HeldRow{m_Batch[i], 1});
+      const HROW handle = m_RowHandleGenerator + 1;
+      m_Rows.Insert(handle, m_Batch[i]);
+      m_RowHandleGenerator = handle;
       handles[i] = handle;
       CVTRACE(TRACE_DETAIL, OLESTR("CCommandIRowset::GetNextRows -> m_RowHandleGenerator = %d"),
               static_cast<int>(handle));
     }
   } catch (const std::bad_alloc&) {
-    for (size_t k = 0; k < i; ++k) m_Rows.erase(handles[k]);
+    for (size_t k = 0; k < i; ++k) m_Rows.Erase(m_Rows.Find(handles[k]));
     for (CRefCountedDataStoreRow* row : m_Batch) row->Release();
     m_Batch.clear();
     if (allocated) {
@@ -232,17 +234,17 @@ HRESULT STDMETHODCALLTYPE CProviderIRowset::ReleaseRows(DBCOUNTITEM cRows, const
   CriticalSectionLock lock(m_Lock);
   DBCOUNTITEM ok = 0, failed = 0;
   for (DBCOUNTITEM i = 0; i < cRows; ++i) {
-    auto it = m_Rows.find(rghRows[i]);
+    HeldRow* held = m_Rows.Find(rghRows[i]);
     DBREFCOUNT left = 0;
     DBROWSTATUS status = DBROWSTATUS_S_OK;
-    if (it == m_Rows.end()) {
+    if (!held) {
       status = DBROWSTATUS_E_INVALID;
       ++failed;
     } else {
-      left = --it->second.refs;
+      left = --held->refs;
       if (left == 0) {
-        it->second.row->Release();
-        m_Rows.erase(it);
+        held->row->Release();
+        m_Rows.Erase(held);
       }
       ++ok;
     }
@@ -259,14 +261,14 @@ HRESULT STDMETHODCALLTYPE CProviderIRowset::AddRefRows(DBCOUNTITEM cRows, const 
   CriticalSectionLock lock(m_Lock);
   DBCOUNTITEM ok = 0, failed = 0;
   for (DBCOUNTITEM i = 0; i < cRows; ++i) {
-    auto it = m_Rows.find(rghRows[i]);
+    HeldRow* held = m_Rows.Find(rghRows[i]);
     DBREFCOUNT count = 0;
     DBROWSTATUS status = DBROWSTATUS_S_OK;
-    if (it == m_Rows.end()) {
+    if (!held) {
       status = DBROWSTATUS_E_INVALID;
       ++failed;
     } else {
-      count = ++it->second.refs;
+      count = ++held->refs;
       ++ok;
     }
     if (rgRefCounts) rgRefCounts[i] = count;
@@ -284,13 +286,17 @@ HRESULT STDMETHODCALLTYPE CProviderIRowset::RestartPosition(HCHAPTER /*hReserved
 HRESULT STDMETHODCALLTYPE CProviderIRowset::GetData(HROW hRow, HACCESSOR hAccessor, void* pData) {
   CVTRACE(TRACE_DETAIL, OLESTR("Called CProviderIRowset::GetData"));
   CriticalSectionLock lock(m_Lock);
-  auto row = m_Rows.find(hRow);
-  if (row == m_Rows.end()) return DB_E_BADROWHANDLE;
-  auto accessor = m_Accessors.find(hAccessor);
-  if (accessor == m_Accessors.end()) return DB_E_BADACCESSORHANDLE;
-  const std::vector<DBBINDING>& bindings = accessor->second.bindings;
+  const HeldRow* row = m_Rows.Find(hRow);
+  if (!row) return DB_E_BADROWHANDLE;
+  if (hAccessor != m_hLastAccessor || !m_pLastAccessor) {
+    auto accessor = m_Accessors.find(hAccessor);
+    if (accessor == m_Accessors.end()) return DB_E_BADACCESSORHANDLE;
+    m_hLastAccessor = hAccessor;
+    m_pLastAccessor = &accessor->second;
+  }
+  const std::vector<DBBINDING>& bindings = m_pLastAccessor->bindings;
   if (!pData && !bindings.empty()) return E_INVALIDARG;
-  return m_pStore->GetData(bindings.data(), bindings.size(), row->second.row, static_cast<BYTE*>(pData));
+  return m_pStore->GetData(bindings.data(), bindings.size(), row->row, static_cast<BYTE*>(pData));
 }
 
 // ---- IAccessor
@@ -391,7 +397,13 @@ HRESULT STDMETHODCALLTYPE CProviderIRowset::ReleaseAccessor(HACCESSOR hAccessor,
   auto it = m_Accessors.find(hAccessor);
   if (it == m_Accessors.end()) return DB_E_BADACCESSORHANDLE;
   const DBREFCOUNT refs = --it->second.refs;
-  if (refs == 0) m_Accessors.erase(it);
+  if (refs == 0) {
+    if (m_pLastAccessor == &it->second) {
+      m_hLastAccessor = DB_NULL_HACCESSOR;
+      m_pLastAccessor = nullptr;
+    }
+    m_Accessors.erase(it);
+  }
   if (pcRefCount) *pcRefCount = refs;
   return S_OK;
 }
@@ -631,8 +643,68 @@ HRESULT STDMETHODCALLTYPE CProviderIRowset::CanConvert(DBTYPE wFromType, DBTYPE 
 HRESULT STDMETHODCALLTYPE CProviderIRowset::IsSameRow(HROW hThisRow, HROW hThatRow) {
   CVTRACE(TRACE_DETAIL, OLESTR("Called CProviderIRowset::IsSameRow"));
   CriticalSectionLock lock(m_Lock);
-  auto a = m_Rows.find(hThisRow);
-  auto b = m_Rows.find(hThatRow);
-  if (a == m_Rows.end() || b == m_Rows.end()) return DB_E_BADROWHANDLE;
-  return a->second.row == b->second.row ? S_OK : S_FALSE;
+  const HeldRow* a = m_Rows.Find(hThisRow);
+  const HeldRow* b = m_Rows.Find(hThatRow);
+  if (!a || !b) return DB_E_BADROWHANDLE;
+  return a->row == b->row ? S_OK : S_FALSE;
+}
+
+// ---- Row handles
+
+CProviderIRowset::HeldRow* CProviderIRowset::RowHandleTable::Find(HROW handle) {
+  if (handle == 0 || m_Slots.empty()) return nullptr;
+  HeldRow& slot = m_Slots[static_cast<size_t>(handle) & (m_Slots.size() - 1)];
+  if (slot.handle == handle) return &slot;
+  if (m_Aside.empty()) return nullptr;
+  auto it = m_Aside.find(handle);
+  return it == m_Aside.end() ? nullptr : &it->second;
+}
+
+void CProviderIRowset::RowHandleTable::Reserve(size_t more) {
+  size_t size = m_Slots.empty() ? 16 : m_Slots.size();
+  while (size / 2 < m_Count + more) size *= 2;
+  if (size == m_Slots.size()) return;
+  std::vector<HeldRow> slots(size, HeldRow{0, nullptr, 0});
+  std::unordered_map<HROW, HeldRow> aside;
+  const size_t mask = size - 1;
+  auto place = [&](const HeldRow& held) {
+    HeldRow& slot = slots[static_cast<size_t>(held.handle) & mask];
+    if (!slot.handle) {
+      slot = held;
+    } else if (slot.handle < held.handle) {
+      aside.emplace(slot.handle, slot);
+      slot = held;
+    } else {
+      aside.emplace(held.handle, held);
+    }
+  };
+  for (const HeldRow& held : m_Slots) {
+    if (held.handle) place(held);
+  }
+  for (const auto& held : m_Aside) place(held.second);
+  m_Slots.swap(slots);
+  m_Aside.swap(aside);
+}
+
+void CProviderIRowset::RowHandleTable::Insert(HROW handle, CRefCountedDataStoreRow* row) {
+  if (m_Slots.empty()) Reserve(1);
+  HeldRow& slot = m_Slots[static_cast<size_t>(handle) & (m_Slots.size() - 1)];
+  if (slot.handle) m_Aside.emplace(slot.handle, slot);  // the older row steps aside
+  slot = HeldRow{handle, row, 1};
+  ++m_Count;
+}
+
+void CProviderIRowset::RowHandleTable::Erase(HeldRow* held) {
+  if (held >= m_Slots.data() && held < m_Slots.data() + m_Slots.size()) {
+    *held = HeldRow{0, nullptr, 0};
+  } else {
+    m_Aside.erase(held->handle);
+  }
+  --m_Count;
+}
+
+void CProviderIRowset::RowHandleTable::Clear() {
+  m_Slots.clear();
+  m_Aside.clear();
+  m_Count = 0;
 }

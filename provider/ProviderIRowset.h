@@ -93,8 +93,37 @@ class CProviderIRowset : public IRowset,
 
  private:
   struct HeldRow {
+    HROW handle;  // 0: a free slot
     CRefCountedDataStoreRow* row;
     DBREFCOUNT refs;
+  };
+  // Row handle -> held row. Handles come from a counter and are mostly released in the
+  // order they were given, so a handle's low bits pick its slot directly. A row held
+  // for long loses its slot to the newer handle that lands there and moves aside, so
+  // the table grows with the rows held at once, never with the rows fetched.
+  class RowHandleTable {
+   public:
+    HeldRow* Find(HROW handle);
+    // Makes the table at least twice as large as the rows held plus `more`. Throws
+    // std::bad_alloc and then leaves the table as it was.
+    void Reserve(size_t more);
+    // Throws std::bad_alloc and then leaves the table as it was.
+    void Insert(HROW handle, CRefCountedDataStoreRow* row);
+    void Erase(HeldRow* held);
+    // Every held row, in no particular order.
+    template <typename F>
+    void ForEach(F f) {
+      for (HeldRow& s : m_Slots) {
+        if (s.handle) f(s);
+      }
+      for (auto& aside : m_Aside) f(aside.second);
+    }
+    void Clear();
+
+   private:
+    std::vector<HeldRow> m_Slots;  // size 0 or a power of two
+    std::unordered_map<HROW, HeldRow> m_Aside;
+    size_t m_Count = 0;
   };
   struct Accessor {
     DBACCESSORFLAGS flags = 0;
@@ -121,13 +150,16 @@ class CProviderIRowset : public IRowset,
   IUnknown* m_pSpecification;
   IDataConvert* m_pConvert = nullptr;
 
-  std::unordered_map<HROW, HeldRow> m_Rows;
+  RowHandleTable m_Rows;
   HROW m_RowHandleGenerator = 0;
   bool m_bFetched = false;
   std::vector<CRefCountedDataStoreRow*> m_Batch;
 
   std::unordered_map<HACCESSOR, Accessor> m_Accessors;
   HACCESSOR m_AccessorGenerator = 0;
+  // The accessor GetData used last, since a consumer reads every row with the same one.
+  HACCESSOR m_hLastAccessor = DB_NULL_HACCESSOR;
+  const Accessor* m_pLastAccessor = nullptr;
 
   std::vector<PropertyValue> m_Properties;
 

@@ -1,7 +1,9 @@
 #include "provider/store/DataStore.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
+#include <new>
 #include <string>
 
 #include "provider/Trace.h"
@@ -14,6 +16,8 @@ namespace {
 constexpr DBTYPE kStrRef = DBTYPE_STR | DBTYPE_BYREF;
 constexpr DBTYPE kWStrRef = DBTYPE_WSTR | DBTYPE_BYREF;
 constexpr DBLENGTH kSizeUnknown = ~static_cast<DBLENGTH>(0);
+constexpr ULONGLONG kTicksPerSecond = 10000000ull;  // FILETIME counts 100 ns
+constexpr ULONGLONG kTicksPerDay = 86400ull * kTicksPerSecond;
 
 // How a declared type becomes a cell: the type and size reported to the consumer, the
 // bytes of the value after the status byte, and the value's alignment.
@@ -133,6 +137,21 @@ bool StatusIsSuccess(DBSTATUS s) {
   return s == DBSTATUS_S_OK || s == DBSTATUS_S_ISNULL || s == DBSTATUS_S_TRUNCATED || s == DBSTATUS_S_DEFAULT;
 }
 
+// A VARIANT's value follows its type and three reserved words on every target.
+constexpr size_t kVariantValueOffset = 8;
+
+// Bytes of a cell type that the conversion service copies unchanged into a binding of
+// the same type; 0 for the types it has to look into.
+size_t VerbatimSize(DBTYPE type) {
+  switch (type) {
+    case DBTYPE_I1: case DBTYPE_UI1: return 1;
+    case DBTYPE_I2: case DBTYPE_UI2: return 2;
+    case DBTYPE_I4: case DBTYPE_UI4: case DBTYPE_R4: return 4;
+    case DBTYPE_I8: case DBTYPE_UI8: case DBTYPE_R8: case DBTYPE_DATE: return 8;
+    default: return 0;
+  }
+}
+
 // Frees what a conversion into a scratch buffer allocated.
 void FreeConverted(DBTYPE type, void* dst) {
   if (type == DBTYPE_VARIANT) {
@@ -148,6 +167,43 @@ void FreeConverted(DBTYPE type, void* dst) {
 
 }  // namespace
 
+// The cells the conversion service would only copy: a number or date into its own
+// type, a timestamp of the years every conversion library accepts into a timestamp, a
+// VARIANT of a plain type into a VARIANT or into that very type. Writes the value and
+// sets *length; false when the service has to decide.
+bool CDataStore::CopyVerbatim(DBTYPE colType, DBTYPE bindType, const BYTE* source, BYTE* dst, DBLENGTH* length) {
+  if (colType == DBTYPE_VARIANT) {
+    VARTYPE vt;
+    std::memcpy(&vt, source, sizeof vt);
+    // A null or an error code is a status to the service, not a value.
+    if (!CRefCountedDataStoreRow::OwnsNothing(vt) || vt == VT_NULL || vt == VT_ERROR) return false;
+    if (bindType == DBTYPE_VARIANT) {
+      std::memcpy(dst, source, sizeof(VARIANT));
+      *length = sizeof(VARIANT);
+      return true;
+    }
+    const size_t n = vt == static_cast<VARTYPE>(bindType) ? VerbatimSize(bindType) : 0;
+    if (n == 0) return false;
+    std::memcpy(dst, source + kVariantValueOffset, n);
+    *length = n;
+    return true;
+  }
+  if (colType != bindType) return false;
+  if (colType == DBTYPE_DBTIMESTAMP) {
+    SHORT year;
+    std::memcpy(&year, source + offsetof(DBTIMESTAMP, year), sizeof year);
+    if (year < 1 || year > 9999) return false;
+    std::memcpy(dst, source, sizeof(DBTIMESTAMP));
+    *length = sizeof(DBTIMESTAMP);
+    return true;
+  }
+  const size_t n = VerbatimSize(colType);
+  if (n == 0) return false;
+  std::memcpy(dst, source, n);
+  *length = n;
+  return true;
+}
+
 CDataStore::CDataStore() = default;
 
 CDataStore::~CDataStore() {
@@ -156,12 +212,14 @@ CDataStore::~CDataStore() {
   Clear();
   const uint64_t ms = m_Stopwatch.TotalNanoseconds() / 1000000;
   if (ms != 0) CVTRACE(TRACE_INFO, OLESTR("CDataStore - elapsed time = %d ms"), static_cast<int>(ms));
-  m_ReadRows.clear();
   FreeColumnInfo();
   if (m_pConvert) m_pConvert->Release();
 }
 
 void CDataStore::FreeColumnInfo() {
+  // Rows still held keep the pool until they come back; none is made from it again.
+  if (m_pPool) m_pPool->Detach();
+  m_pPool = nullptr;
   if (m_pColumnInfo) {
     for (DBORDINAL i = 0; i < m_cColumns; ++i) CoTaskMemFree(m_pColumnInfo[i].pwszName);
     CoTaskMemFree(m_pColumnInfo);
@@ -271,25 +329,108 @@ HRESULT CDataStore::FindColumn(const std::vector<ColumnRecord>& columns, const O
   return S_OK;
 }
 
+// ---- Row queue
+
+void CDataStore::RowQueue::push_back(CRefCountedDataStoreRow* row) {
+  row->m_pNext = nullptr;
+  row->m_pPrev = m_pTail;
+  if (m_pTail) {
+    m_pTail->m_pNext = row;
+  } else {
+    m_pHead = row;
+  }
+  m_pTail = row;
+  ++m_Count;
+}
+
+CRefCountedDataStoreRow* CDataStore::RowQueue::pop_front() {
+  CRefCountedDataStoreRow* row = m_pHead;
+  if (!row) return nullptr;
+  m_pHead = row->m_pNext;
+  if (m_pHead) {
+    m_pHead->m_pPrev = nullptr;
+  } else {
+    m_pTail = nullptr;
+  }
+  row->m_pNext = row->m_pPrev = nullptr;
+  --m_Count;
+  return row;
+}
+
+// ---- Cells
+
+// Filling a page means thousands of cells in a row; reading the counter around each
+// one cost more than writing the cells. The run reads it where the watch's state
+// changes: when the first cell starts, after a refused cell (whose interval the next
+// start drops, and which leaves the watch running if nothing follows) and at the end.
+// The gaps between cells of the run count as the store's own time.
+class CDataStore::CellRunTimer {
+ public:
+  explicit CellRunTimer(CStopwatch& watch) : m_Watch(watch) {}
+  CellRunTimer(const CellRunTimer&) = delete;
+  CellRunTimer& operator=(const CellRunTimer&) = delete;
+  ~CellRunTimer() { Finish(); }
+
+  void BeforeCell() {
+    if (m_bOpen) return;
+    m_Start = CStopwatch::Ticks();
+    m_bOpen = true;
+    m_bUsed = true;
+  }
+  void AfterCell(CellWrite result) {
+    if (result != CellWrite::Refused) return;
+    const uint64_t now = CStopwatch::Ticks();
+    if (now > m_Start) m_Counted += now - m_Start;
+    m_RefusedAt = now;
+    m_bOpen = false;
+  }
+  // Hands the run's time to the watch; nothing when no cell was written.
+  void Finish() {
+    if (!m_bUsed) return;
+    m_bUsed = false;
+    if (m_bOpen) {
+      const uint64_t now = CStopwatch::Ticks();
+      if (now > m_Start) m_Counted += now - m_Start;
+      m_Watch.Settle(m_Counted, false, 0);
+    } else {
+      m_Watch.Settle(m_Counted, true, m_RefusedAt);
+    }
+    m_Counted = 0;
+    m_bOpen = false;
+  }
+
+ private:
+  CStopwatch& m_Watch;
+  uint64_t m_Start = 0;
+  uint64_t m_Counted = 0;
+  uint64_t m_RefusedAt = 0;
+  bool m_bOpen = false;
+  bool m_bUsed = false;
+};
+
 bool CDataStore::SetValue(const StoreValue& value, const DataStoreColumnInfo& rColInfo,
                           CRefCountedDataStoreRow* row) {
   m_Stopwatch.Start();
   CVTRACE(TRACE_DETAIL, OLESTR("CDataStore::SetValue -> rColInfo.wType = %d, rColInfo.cbOffset = %d"),
           static_cast<int>(rColInfo.wType), static_cast<int>(rColInfo.cbOffset));
+  const CellWrite result = WriteCell(value, rColInfo, row);
+  // A refused value leaves the watch running: the next start drops its interval.
+  if (result != CellWrite::Refused) m_Stopwatch.Stop();
+  return result == CellWrite::Written;
+}
+
+CDataStore::CellWrite CDataStore::WriteCell(const StoreValue& value, const DataStoreColumnInfo& rColInfo,
+                                            CRefCountedDataStoreRow* row) {
   BYTE* buffer = row ? row->Buffer() : nullptr;
   const DBLENGTH size = row ? row->Size() : 0;
   const bool statusInside = buffer && rColInfo.cbOffset < size;
   auto setStatus = [&](BYTE s) {
     if (statusInside) buffer[rColInfo.cbOffset] = s;
   };
-  auto done = [&](bool result) {
-    m_Stopwatch.Stop();
-    return result;
-  };
 
   if (value.Kind == StoreValue::kNone) {
     setStatus(kStatusNull);
-    return done(true);
+    return CellWrite::Written;
   }
 
   BYTE* cell = statusInside ? buffer + rColInfo.cbOffset + 1 : nullptr;
@@ -297,15 +438,15 @@ bool CDataStore::SetValue(const StoreValue& value, const DataStoreColumnInfo& rC
   const bool isVariant = value.Kind == StoreValue::kVariant;
 
   // A scalar of exactly the matching VARIANT type, written as its bytes.
-  auto scalar = [&](VARTYPE expected, const void* bytes, size_t n) -> bool {
-    if (!isVariant || vt != expected) return false;  // the watch keeps running: kept so
+  auto scalar = [&](VARTYPE expected, const void* bytes, size_t n) -> CellWrite {
+    if (!isVariant || vt != expected) return CellWrite::Refused;
     if (CellFits(rColInfo, n, size)) {
       std::memcpy(cell, bytes, n);
       setStatus(kStatusValue);
     } else {
       setStatus(kStatusNull);
     }
-    return done(true);
+    return CellWrite::Written;
   };
   const VARIANT& v = value.Value;
 
@@ -324,29 +465,38 @@ bool CDataStore::SetValue(const StoreValue& value, const DataStoreColumnInfo& rC
     case DBTYPE_UI8: return scalar(VT_UI8, &V_UI8(&v), 8);
 
     case DBTYPE_VARIANT: {
-      if (!isVariant) return false;
+      if (!isVariant) return CellWrite::Refused;
       if (!CellFits(rColInfo, sizeof(VARIANT), size)) {
         setStatus(kStatusNull);
-        return done(true);
+        return CellWrite::Written;
       }
       VARIANT copy;
-      VariantInit(&copy);
-      if (FAILED(VariantCopy(&copy, const_cast<VARIANT*>(&v)))) return done(false);
-      VARIANT old;
-      std::memcpy(&old, cell, sizeof old);
-      VariantClear(&old);
+      if (CRefCountedDataStoreRow::OwnsNothing(vt)) {
+        // What VariantCopy does with a value that owns nothing.
+        std::memcpy(&copy, &v, sizeof copy);
+      } else {
+        VariantInit(&copy);
+        if (FAILED(VariantCopy(&copy, const_cast<VARIANT*>(&v)))) return CellWrite::Failed;
+      }
+      VARTYPE oldType;
+      std::memcpy(&oldType, cell, sizeof oldType);
+      if (!CRefCountedDataStoreRow::OwnsNothing(oldType)) {
+        VARIANT old;
+        std::memcpy(&old, cell, sizeof old);
+        VariantClear(&old);
+      }
       std::memcpy(cell, &copy, sizeof copy);
       setStatus(kStatusValue);
-      return done(true);
+      return CellWrite::Written;
     }
 
     case DBTYPE_WSTR:
     case DBTYPE_BSTR: {
-      if (!isVariant || vt != VT_BSTR) return false;
+      if (!isVariant || vt != VT_BSTR) return CellWrite::Refused;
       const ULONGLONG n = rColInfo.ulColumnSize;
       if (n > (size / 2) || !CellFits(rColInfo, 2 * n + 2, size)) {
         setStatus(kStatusNull);
-        return done(true);
+        return CellWrite::Written;
       }
       const OLECHAR* text = V_BSTR(&v);
       const size_t len = text ? SysStringLen(V_BSTR(&v)) : 0;
@@ -354,15 +504,15 @@ bool CDataStore::SetValue(const StoreValue& value, const DataStoreColumnInfo& rC
       if (copied) std::memcpy(cell, text, copied * sizeof(OLECHAR));
       std::memset(cell + copied * sizeof(OLECHAR), 0, sizeof(OLECHAR));
       setStatus(len <= n ? kStatusValue : kStatusTruncated);
-      return done(true);
+      return CellWrite::Written;
     }
 
     case DBTYPE_STR: {
-      if (!isVariant || vt != VT_BSTR) return false;
+      if (!isVariant || vt != VT_BSTR) return CellWrite::Refused;
       const ULONGLONG n = rColInfo.ulColumnSize;
       if (n >= size || !CellFits(rColInfo, n + 1, size)) {
         setStatus(kStatusNull);
-        return done(true);
+        return CellWrite::Written;
       }
       const OLECHAR* text = V_BSTR(&v);
       const std::string ansi = ToAnsi(text, text ? SysStringLen(V_BSTR(&v)) : 0);
@@ -370,28 +520,28 @@ bool CDataStore::SetValue(const StoreValue& value, const DataStoreColumnInfo& rC
       if (copied) std::memcpy(cell, ansi.data(), copied);
       cell[copied] = 0;
       setStatus(ansi.size() <= n ? kStatusValue : kStatusTruncated);
-      return done(true);
+      return CellWrite::Written;
     }
 
     case kWStrRef:
     case kStrRef: {
-      if (!isVariant || vt != VT_BSTR) return false;
+      if (!isVariant || vt != VT_BSTR) return CellWrite::Refused;
       if (!CellFits(rColInfo, sizeof(void*), size)) {
         setStatus(kStatusNull);
-        return done(true);
+        return CellWrite::Written;
       }
       const OLECHAR* text = V_BSTR(&v);
       const size_t len = text ? SysStringLen(V_BSTR(&v)) : 0;
       void* copy;
       if (rColInfo.wType == kWStrRef) {
         copy = CoTaskMemAlloc((len + 1) * sizeof(OLECHAR));
-        if (!copy) return false;
+        if (!copy) return CellWrite::Refused;  // like a refusal, the watch keeps running
         if (len) std::memcpy(copy, text, len * sizeof(OLECHAR));
         static_cast<OLECHAR*>(copy)[len] = 0;
       } else {
         const std::string ansi = ToAnsi(text, len);
         copy = CoTaskMemAlloc(ansi.size() + 1);
-        if (!copy) return false;
+        if (!copy) return CellWrite::Refused;
         std::memcpy(copy, ansi.c_str(), ansi.size() + 1);
       }
       void* old = nullptr;
@@ -399,64 +549,92 @@ bool CDataStore::SetValue(const StoreValue& value, const DataStoreColumnInfo& rC
       CoTaskMemFree(old);
       std::memcpy(cell, &copy, sizeof copy);
       setStatus(kStatusValue);
-      return done(true);
+      return CellWrite::Written;
     }
 
     case DBTYPE_DBTIMESTAMP: {
-      if (value.Kind != StoreValue::kTime) return false;
-      SYSTEMTIME st;
-      if (!FileTimeToSystemTime(&value.Time, &st)) return false;
+      if (value.Kind != StoreValue::kTime) return CellWrite::Refused;
       DBTIMESTAMP ts;
-      ts.year = static_cast<SHORT>(st.wYear);
-      ts.month = st.wMonth;
-      ts.day = st.wDay;
-      ts.hour = st.wHour;
-      ts.minute = st.wMinute;
-      ts.second = st.wSecond;
-      ts.fraction = static_cast<ULONG>(st.wMilliseconds) * 1000000u;
+      const ULONGLONG ticks =
+          (static_cast<ULONGLONG>(value.Time.dwHighDateTime) << 32) | value.Time.dwLowDateTime;
+      const ULONGLONG day = ticks / kTicksPerDay;
+      if (day == m_TimestampDay) {
+        // Samples come in time order, mostly many to a day: the calendar date of the
+        // last one is still right, and the time of day is plain arithmetic, truncated
+        // as FileTimeToSystemTime truncates.
+        ts.year = m_TimestampDate.year;
+        ts.month = m_TimestampDate.month;
+        ts.day = m_TimestampDate.day;
+        const ULONGLONG rest = ticks % kTicksPerDay;
+        ts.hour = static_cast<USHORT>(rest / (3600 * kTicksPerSecond));
+        ts.minute = static_cast<USHORT>(rest / (60 * kTicksPerSecond) % 60);
+        ts.second = static_cast<USHORT>(rest / kTicksPerSecond % 60);
+        ts.fraction = static_cast<ULONG>(rest % kTicksPerSecond / 10000) * 1000000u;
+      } else {
+        SYSTEMTIME st;
+        if (!FileTimeToSystemTime(&value.Time, &st)) return CellWrite::Refused;
+        ts.year = static_cast<SHORT>(st.wYear);
+        ts.month = st.wMonth;
+        ts.day = st.wDay;
+        ts.hour = st.wHour;
+        ts.minute = st.wMinute;
+        ts.second = st.wSecond;
+        ts.fraction = static_cast<ULONG>(st.wMilliseconds) * 1000000u;
+        m_TimestampDay = day;
+        m_TimestampDate = ts;
+      }
       if (CellFits(rColInfo, sizeof ts, size)) {
         std::memcpy(cell, &ts, sizeof ts);
         setStatus(kStatusValue);
       } else {
         setStatus(kStatusNull);
       }
-      return done(true);
+      return CellWrite::Written;
     }
 
     default:
-      return false;
+      return CellWrite::Refused;
   }
 }
 
 CRefCountedDataStoreRow* CDataStore::NewRow() {
-  const DBLENGTH size = m_cbRowSize;
-  auto* buffer = static_cast<BYTE*>(CoTaskMemAlloc(size ? size : 1));
-  if (!buffer) return nullptr;
-  CRefCountedDataStoreRow::InitializeBuffer(buffer, size, m_pColumnInfo, m_cColumns);
-  auto* row = new (std::nothrow) CRefCountedDataStoreRow(buffer, m_pColumnInfo, m_cColumns, size);
-  if (!row) CoTaskMemFree(buffer);
-  return row;
+  if (!m_pPool) {
+    m_pPool = new (std::nothrow) CRefCountedDataStoreRow::Pool(m_pColumnInfo, m_cColumns, m_cbRowSize);
+    if (!m_pPool) return nullptr;
+  }
+  return m_pPool->Take();
 }
 
-HRESULT CDataStore::FillRow(const ProducedRecord& record, CRefCountedDataStoreRow* row) {
+HRESULT CDataStore::FillRow(const ProducedRecord& record, CRefCountedDataStoreRow* row, CellRunTimer& timer) {
   for (DBORDINAL j = 0; j < m_cColumns; ++j) {
     const size_t field = j < m_FieldOfColumn.size() ? m_FieldOfColumn[j] : static_cast<size_t>(j);
     if (field >= record.size()) continue;  // the row starts with every cell null
-    if (!SetValue(record[field], m_pColumnInfo[j], row)) {
+    const DataStoreColumnInfo& col = m_pColumnInfo[j];
+    timer.BeforeCell();
+    CVTRACE(TRACE_DETAIL, OLESTR("CDataStore::SetValue -> rColInfo.wType = %d, rColInfo.cbOffset = %d"),
+            static_cast<int>(col.wType), static_cast<int>(col.cbOffset));
+    const CellWrite result = WriteCell(record[field], col, row);
+    timer.AfterCell(result);
+    if (result != CellWrite::Written) {
       BYTE* buffer = row->Buffer();
-      if (buffer && m_pColumnInfo[j].cbOffset < row->Size()) buffer[m_pColumnInfo[j].cbOffset] = kStatusNull;
+      if (buffer && col.cbOffset < row->Size()) buffer[col.cbOffset] = kStatusNull;
     }
   }
   return S_OK;
 }
 
-HRESULT CDataStore::AppendRecord(const ProducedRecord& record) {
+HRESULT CDataStore::AppendTimed(const ProducedRecord& record, CellRunTimer& timer) {
   CRefCountedDataStoreRow* row = NewRow();
   if (!row) return E_OUTOFMEMORY;
-  FillRow(record, row);
+  FillRow(record, row, timer);
   m_ReadRows.push_back(row);
   ++m_RowsQueued;
   return S_OK;
+}
+
+HRESULT CDataStore::AppendRecord(const ProducedRecord& record) {
+  CellRunTimer timer(m_Stopwatch);
+  return AppendTimed(record, timer);
 }
 
 HRESULT CDataStore::PullFromProducer(ULONGLONG wanted) {
@@ -472,13 +650,16 @@ HRESULT CDataStore::PullFromProducer(ULONGLONG wanted) {
   }
   if (hr == DB_S_ENDOFROWSET) m_bEndOfData = true;
   HRESULT result = S_OK;
-  for (const ProducedRecord& record : m_Incoming) {
-    if (m_MaxRows != 0 && m_RowsQueued >= m_MaxRows) {
-      m_bEndOfData = true;
-      break;
+  {
+    CellRunTimer timer(m_Stopwatch);
+    for (const ProducedRecord& record : m_Incoming) {
+      if (m_MaxRows != 0 && m_RowsQueued >= m_MaxRows) {
+        m_bEndOfData = true;
+        break;
+      }
+      result = AppendTimed(record, timer);
+      if (FAILED(result)) break;
     }
-    result = AppendRecord(record);
-    if (FAILED(result)) break;
   }
   m_Incoming.clear();
   return result;
@@ -503,8 +684,7 @@ HRESULT CDataStore::GetNextRows(ULONGLONG skip, ULONGLONG count, std::vector<CRe
   ULONGLONG removed = 0;
   ULONGLONG delivered = 0;
   while (removed < wanted && !m_ReadRows.empty()) {
-    CRefCountedDataStoreRow* row = m_ReadRows.front();
-    m_ReadRows.pop_front();
+    CRefCountedDataStoreRow* row = m_ReadRows.pop_front();
     if (removed < skip) {
       row->Release();
     } else {
@@ -514,6 +694,8 @@ HRESULT CDataStore::GetNextRows(ULONGLONG skip, ULONGLONG count, std::vector<CRe
     ++removed;
   }
   CVTRACE(TRACE_DETAIL, OLESTR("CDataStore::GetNextRows -> lRowsRemoved = %d"), static_cast<int>(removed));
+  // Past the last row no row is made again: the kept free rows can go now.
+  if (m_bEndOfData && m_ReadRows.empty() && m_pPool) m_pPool->Trim();
   m_Stopwatch.Stop();
   return delivered == count ? S_OK : DB_S_ENDOFROWSET;
 }
@@ -602,6 +784,28 @@ HRESULT CDataStore::GetData(const DBBINDING* bindings, DBCOUNTITEM count, CRefCo
     CVTRACE(TRACE_DETAIL, OLESTR("CDataStore::GetData -> cbCol = %d, cbDst = %d"), static_cast<int>(cbCol),
             static_cast<int>(cbDst));
 
+    if (valueBound) {
+      DBLENGTH copied = 0;
+      if (b.wType == DBTYPE_WSTR && (col.wType == DBTYPE_WSTR || col.wType == DBTYPE_BSTR) &&
+          b.cbMaxLen >= sizeof(OLECHAR) && cbCol <= b.cbMaxLen - sizeof(OLECHAR)) {
+        // Text that fits with its terminator is copied whole by every conversion library.
+        std::memcpy(buffer + b.obValue, source, static_cast<size_t>(cbCol));
+        std::memset(buffer + b.obValue + cbCol, 0, sizeof(OLECHAR));
+        CVTRACE(TRACE_DETAIL, OLESTR("CDataStore::GetData -> hr = %X"), static_cast<unsigned>(S_OK));
+        ++succeeded;
+        WriteLength(buffer, b, cbCol);
+        WriteStatus(buffer, b, DBSTATUS_S_OK);
+        continue;
+      }
+      if (CopyVerbatim(col.wType, b.wType, source, buffer + b.obValue, &copied)) {
+        CVTRACE(TRACE_DETAIL, OLESTR("CDataStore::GetData -> hr = %X"), static_cast<unsigned>(S_OK));
+        ++succeeded;
+        WriteLength(buffer, b, copied);
+        WriteStatus(buffer, b, DBSTATUS_S_OK);
+        continue;
+      }
+    }
+
     // The conversion service reads aligned values; the cells are not aligned.
     alignas(8) BYTE fixed[sizeof(VARIANT)];
     void* src;
@@ -650,8 +854,7 @@ HRESULT CDataStore::GetData(const DBBINDING* bindings, DBCOUNTITEM count, CRefCo
 }
 
 void CDataStore::Clear() {
-  for (CRefCountedDataStoreRow* row : m_ReadRows) row->Release();
-  m_ReadRows.clear();
+  while (CRefCountedDataStoreRow* row = m_ReadRows.pop_front()) row->Release();
   m_Stopwatch.Stop();
 }
 

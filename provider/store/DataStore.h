@@ -5,7 +5,6 @@
 // store never rewinds.
 #pragma once
 #include <cstdint>
-#include <list>
 #include <memory>
 #include <vector>
 
@@ -78,9 +77,33 @@ class CDataStore {
   static corvane::WString SystemTimeToText(const SYSTEMTIME& time);
 
  private:
+  // The rows filled and not yet handed out, first in first out, linked through the
+  // rows themselves so that queueing a row allocates nothing.
+  class RowQueue {
+   public:
+    size_t size() const { return m_Count; }
+    bool empty() const { return m_Count == 0; }
+    CRefCountedDataStoreRow* front() const { return m_pHead; }
+    void push_back(CRefCountedDataStoreRow* row);
+    CRefCountedDataStoreRow* pop_front();
+
+   private:
+    CRefCountedDataStoreRow* m_pHead = nullptr;
+    CRefCountedDataStoreRow* m_pTail = nullptr;
+    size_t m_Count = 0;
+  };
+  // How writing one cell ended: written (or marked null), failed after the value was
+  // looked at, or refused for its type before anything was touched.
+  enum class CellWrite { Written, Failed, Refused };
+  // Times a run of cell writes as if each had started and stopped the stopwatch itself.
+  class CellRunTimer;
+
+  static bool CopyVerbatim(DBTYPE colType, DBTYPE bindType, const BYTE* source, BYTE* dst, DBLENGTH* length);
+  CellWrite WriteCell(const StoreValue& value, const DataStoreColumnInfo& rColInfo, CRefCountedDataStoreRow* row);
   void FreeColumnInfo();
   CRefCountedDataStoreRow* NewRow();
-  HRESULT FillRow(const ProducedRecord& record, CRefCountedDataStoreRow* row);
+  HRESULT FillRow(const ProducedRecord& record, CRefCountedDataStoreRow* row, CellRunTimer& timer);
+  HRESULT AppendTimed(const ProducedRecord& record, CellRunTimer& timer);
   HRESULT PullFromProducer(ULONGLONG wanted);
   HRESULT Converter(IDataConvert** convert);
 
@@ -88,7 +111,8 @@ class CDataStore {
   DBORDINAL m_cColumns = 0;
   DBLENGTH m_cbRowSize = 0;
 
-  std::list<CRefCountedDataStoreRow*> m_ReadRows;
+  RowQueue m_ReadRows;
+  CRefCountedDataStoreRow::Pool* m_pPool = nullptr;
 
   std::unique_ptr<CDataProvider> m_pProducer;
   std::vector<size_t> m_ColumnSource;  // column record behind each description entry
@@ -103,4 +127,8 @@ class CDataStore {
   std::vector<uint64_t> m_DstScratch;
 
   CStopwatch m_Stopwatch;
+
+  // The calendar date of the last timestamp cell written, by FILETIME day number.
+  ULONGLONG m_TimestampDay = ~0ull;
+  DBTIMESTAMP m_TimestampDate{};
 };

@@ -1,6 +1,8 @@
 #include "provider/store/RefCountedDataStoreRow.h"
 
+#include <algorithm>
 #include <cstring>
+#include <new>
 
 namespace {
 
@@ -13,6 +15,17 @@ bool CellFits(DBBYTEOFFSET offset, size_t valueBytes, DBLENGTH size) {
   return offset < size && size - offset - 1 >= valueBytes;
 }
 
+bool PlainVarType(VARTYPE vt) {
+  switch (vt) {
+    case VT_EMPTY: case VT_NULL: case VT_I2: case VT_I4: case VT_R4: case VT_R8: case VT_CY: case VT_DATE:
+    case VT_ERROR: case VT_BOOL: case VT_I1: case VT_UI1: case VT_UI2: case VT_UI4: case VT_I8: case VT_UI8:
+    case VT_INT: case VT_UINT:
+      return true;
+    default:
+      return false;
+  }
+}
+
 }  // namespace
 
 CRefCountedDataStoreRow::CRefCountedDataStoreRow(BYTE* buffer, const DataStoreColumnInfo* columns,
@@ -23,9 +36,17 @@ CRefCountedDataStoreRow::~CRefCountedDataStoreRow() {
   ReleaseBuffer(m_pBuffer, m_cbSize, m_pColumns, m_cColumns);
 }
 
+bool CRefCountedDataStoreRow::OwnsNothing(VARTYPE vt) { return PlainVarType(vt); }
+
 ULONG CRefCountedDataStoreRow::Release() {
   const ULONG left = --m_cRef;
-  if (left == 0) delete this;
+  if (left == 0) {
+    if (m_pPool) {
+      m_pPool->GiveBack(this);
+    } else {
+      delete this;
+    }
+  }
   return left;
 }
 
@@ -47,13 +68,22 @@ void CRefCountedDataStoreRow::InitializeBuffer(BYTE* buffer, DBLENGTH size, cons
   }
 }
 
-void CRefCountedDataStoreRow::ReleaseBuffer(BYTE* buffer, DBLENGTH size, const DataStoreColumnInfo* columns,
-                                            DBORDINAL count) {
-  if (!buffer) return;
+namespace {
+
+// Clears VARIANT cells and frees by-reference strings, leaving the buffer itself.
+void ReleaseContents(BYTE* buffer, DBLENGTH size, const DataStoreColumnInfo* columns, DBORDINAL count) {
   for (DBORDINAL i = 0; columns && i < count; ++i) {
     const DataStoreColumnInfo& col = columns[i];
     BYTE* value = buffer + col.cbOffset + 1;
     if (col.wType == DBTYPE_VARIANT && CellFits(col.cbOffset, sizeof(VARIANT), size)) {
+      VARTYPE vt;
+      std::memcpy(&vt, value, sizeof vt);
+      if (PlainVarType(vt)) {
+        // All VariantClear would do.
+        const VARTYPE empty = VT_EMPTY;
+        std::memcpy(value, &empty, sizeof empty);
+        continue;
+      }
       VARIANT v;
       std::memcpy(&v, value, sizeof v);
       VariantClear(&v);
@@ -66,5 +96,105 @@ void CRefCountedDataStoreRow::ReleaseBuffer(BYTE* buffer, DBLENGTH size, const D
       std::memcpy(value, &text, sizeof text);
     }
   }
+}
+
+}  // namespace
+
+void CRefCountedDataStoreRow::ReleaseBuffer(BYTE* buffer, DBLENGTH size, const DataStoreColumnInfo* columns,
+                                            DBORDINAL count) {
+  if (!buffer) return;
+  ReleaseContents(buffer, size, columns, count);
   CoTaskMemFree(buffer);
+}
+
+// ---- Pool
+
+CRefCountedDataStoreRow::Pool::Pool(const DataStoreColumnInfo* columns, DBORDINAL count, DBLENGTH rowSize)
+    : m_pColumns(columns),
+      m_cColumns(count),
+      m_cbRowSize(rowSize),
+      m_MaxFree(std::min<size_t>(kMaxFreeRows, kMaxFreeBytes / static_cast<size_t>(std::max<DBLENGTH>(rowSize, 1)))) {}
+
+CRefCountedDataStoreRow* CRefCountedDataStoreRow::Pool::Take() {
+  Lock();
+  CRefCountedDataStoreRow* row = m_pFree;
+  if (row) {
+    m_pFree = row->m_pNext;
+    --m_cFree;
+  }
+  ++m_cOut;
+  Unlock();
+
+  if (row) {
+    row->m_pNext = nullptr;
+    row->m_cRef.store(1, std::memory_order_relaxed);
+    // Released contents are already empty cells; only the status bytes still say
+    // what the previous row held.
+    BYTE* buffer = row->m_pBuffer;
+    for (DBORDINAL i = 0; i < m_cColumns; ++i) {
+      if (m_pColumns[i].cbOffset < m_cbRowSize) buffer[m_pColumns[i].cbOffset] = 0;
+    }
+    return row;
+  }
+
+  auto* buffer = static_cast<BYTE*>(CoTaskMemAlloc(m_cbRowSize ? m_cbRowSize : 1));
+  if (buffer) {
+    InitializeBuffer(buffer, m_cbRowSize, m_pColumns, m_cColumns);
+    row = new (std::nothrow) CRefCountedDataStoreRow(buffer, m_pColumns, m_cColumns, m_cbRowSize);
+    if (!row) CoTaskMemFree(buffer);
+  }
+  if (!row) {
+    Lock();
+    --m_cOut;
+    const bool last = m_bDetached && m_cOut == 0;
+    Unlock();
+    if (last) delete this;
+    return nullptr;
+  }
+  row->m_pPool = this;
+  return row;
+}
+
+void CRefCountedDataStoreRow::Pool::Destroy(CRefCountedDataStoreRow* row) {
+  row->m_pPool = nullptr;
+  delete row;
+}
+
+void CRefCountedDataStoreRow::Pool::GiveBack(CRefCountedDataStoreRow* row) {
+  ReleaseContents(row->m_pBuffer, row->m_cbSize, row->m_pColumns, row->m_cColumns);
+  Lock();
+  --m_cOut;
+  const bool keep = !m_bDetached && m_cFree < m_MaxFree;
+  if (keep) {
+    row->m_pNext = m_pFree;
+    m_pFree = row;
+    ++m_cFree;
+  }
+  const bool last = m_bDetached && m_cOut == 0;
+  Unlock();
+  if (!keep) Destroy(row);
+  if (last) delete this;
+}
+
+void CRefCountedDataStoreRow::Pool::Trim() {
+  Lock();
+  CRefCountedDataStoreRow* free = m_pFree;
+  m_pFree = nullptr;
+  m_cFree = 0;
+  m_MaxFree = 0;
+  Unlock();
+  while (free) {
+    CRefCountedDataStoreRow* next = free->m_pNext;
+    Destroy(free);
+    free = next;
+  }
+}
+
+void CRefCountedDataStoreRow::Pool::Detach() {
+  Trim();
+  Lock();
+  m_bDetached = true;
+  const bool last = m_cOut == 0;
+  Unlock();
+  if (last) delete this;
 }

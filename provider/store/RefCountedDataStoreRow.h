@@ -3,6 +3,7 @@
 // store's queue for as long as the rowset holds a handle to it.
 #pragma once
 #include <atomic>
+#include <cstddef>
 
 #include "platform/Platform.h"
 
@@ -39,6 +40,12 @@ class CRefCountedDataStoreRow {
   static void ReleaseBuffer(BYTE* buffer, DBLENGTH size, const DataStoreColumnInfo* columns, DBORDINAL count);
 
  private:
+  friend class CDataStore;
+  class Pool;
+
+  // A VARIANT type whose value holds no resource: copying and clearing it only move bytes.
+  static bool OwnsNothing(VARTYPE vt);
+
   ~CRefCountedDataStoreRow();
 
   std::atomic<ULONG> m_cRef{1};
@@ -46,4 +53,54 @@ class CRefCountedDataStoreRow {
   const DataStoreColumnInfo* m_pColumns;
   DBORDINAL m_cColumns;
   DBLENGTH m_cbSize;
+  // The store's pool the row goes back to on its last release; null for a row made by
+  // the public constructor, which is deleted instead.
+  Pool* m_pPool = nullptr;
+  // Links in the store's queue of rows not yet handed out, or in the pool's free list.
+  CRefCountedDataStoreRow* m_pPrev = nullptr;
+  CRefCountedDataStoreRow* m_pNext = nullptr;
+};
+
+// Every row of a store has the store's layout, so a released row's buffer serves the
+// next row as it is: only its status bytes and the cells that own memory need to be
+// made empty again. The pool keeps at most a fixed number of bytes of free rows, and
+// it outlives its store for as long as rows made from it are still held.
+class CRefCountedDataStoreRow::Pool {
+ public:
+  Pool(const DataStoreColumnInfo* columns, DBORDINAL count, DBLENGTH rowSize);
+  Pool(const Pool&) = delete;
+  Pool& operator=(const Pool&) = delete;
+
+  // A row with one reference and every cell null; null when memory runs out.
+  CRefCountedDataStoreRow* Take();
+  // The last reference went: the row's contents are freed and the row kept or freed.
+  void GiveBack(CRefCountedDataStoreRow* row);
+  // Frees the free rows and stops keeping any (no more rows will be taken).
+  void Trim();
+  // The store goes: frees the free rows; the pool deletes itself now or with the last
+  // row still held.
+  void Detach();
+
+  // Free rows kept at most, whatever the row size.
+  static constexpr size_t kMaxFreeBytes = 32u << 20;
+  static constexpr size_t kMaxFreeRows = 4096;
+
+ private:
+  ~Pool() = default;
+  void Lock() {
+    while (m_Lock.exchange(true, std::memory_order_acquire)) {
+    }
+  }
+  void Unlock() { m_Lock.store(false, std::memory_order_release); }
+  static void Destroy(CRefCountedDataStoreRow* row);
+
+  std::atomic<bool> m_Lock{false};
+  const DataStoreColumnInfo* m_pColumns;
+  DBORDINAL m_cColumns;
+  DBLENGTH m_cbRowSize;
+  size_t m_MaxFree;
+  CRefCountedDataStoreRow* m_pFree = nullptr;
+  size_t m_cFree = 0;
+  size_t m_cOut = 0;  // rows taken and not yet given back
+  bool m_bDetached = false;
 };

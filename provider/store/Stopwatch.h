@@ -57,6 +57,16 @@ class CStopwatch {
   }
 
  private:
+  friend class CDataStore;
+  // Adds `ticks` to the total and leaves the watch running from `start` or stopped: the
+  // state a series of starts and stops would have left, in one step.
+  void Settle(uint64_t ticks, bool running, uint64_t start) {
+    Lock();
+    m_Total += ticks;
+    m_bRunning = running;
+    m_Start = start;
+    Unlock();
+  }
   void Lock() {
     while (m_Lock.exchange(true, std::memory_order_acquire)) {
     }

@@ -1,0 +1,386 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <mutex>
+#include <random>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "platform/AllocCounters.h"
+#include "provider/ProviderIRowset.h"
+#include "provider/store/DataConvert.h"
+#include "provider/store/DataStore.h"
+#include "tests/store/StoreTestSupport.h"
+#include "tests/support/LeakCheckedTest.h"
+
+namespace corvane::test {
+namespace {
+
+constexpr DBTYPE kWStrRef = DBTYPE_WSTR | DBTYPE_BYREF;
+
+StoreValue Variant(VARTYPE vt, LONGLONG bits) {
+  VARIANT v;
+  VariantInit(&v);
+  V_VT(&v) = vt;
+  V_I8(&v) = bits;
+  return StoreValue::TakeVariant(&v);
+}
+
+// Same type and value; the bytes of the union a smaller value leaves alone are not compared.
+bool SameVariant(const VARIANT& a, const VARIANT& b) {
+  if (V_VT(&a) != V_VT(&b)) return false;
+  switch (V_VT(&a)) {
+    case VT_BSTR: return WString(V_BSTR(&a)) == WString(V_BSTR(&b));
+    case VT_I1: case VT_UI1: return V_UI1(&a) == V_UI1(&b);
+    case VT_I2: case VT_UI2: case VT_BOOL: return V_UI2(&a) == V_UI2(&b);
+    case VT_I4: case VT_UI4: case VT_R4: return V_UI4(&a) == V_UI4(&b);
+    default: return V_UI8(&a) == V_UI8(&b);
+  }
+}
+
+DBSTATUS StatusAt(const BYTE* buffer, const DBBINDING& b) { return ReadAt<DBSTATUS>(buffer, b.obStatus); }
+
+// ---- Rows made again from released ones
+
+class RowRecycling : public LeakCheckedTest {
+ protected:
+  std::vector<ColumnRecord> Columns() {
+    return {Column(OLESTR("V"), 1, DBTYPE_VARIANT, 24), Column(OLESTR("S"), 2, kWStrRef),
+            Column(OLESTR("Q"), 3, DBTYPE_UI4, 4), Column(OLESTR("T"), 4, DBTYPE_WSTR, 8)};
+  }
+  ProducedRecord Full(ULONG i) {
+    ProducedRecord r;
+    r.push_back(Bstr(OLESTR("owned text")));
+    r.push_back(Bstr(OLESTR("by reference")));
+    r.push_back(UI4(i));
+    r.push_back(Bstr(OLESTR("tag")));
+    return r;
+  }
+  static std::vector<CRefCountedDataStoreRow*> Take(CDataStore& store, ULONGLONG n) {
+    std::vector<CRefCountedDataStoreRow*> rows;
+    store.GetNextRows(0, n, rows);
+    return rows;
+  }
+  static void ReleaseAll(std::vector<CRefCountedDataStoreRow*>& rows) {
+    for (CRefCountedDataStoreRow* r : rows) r->Release();
+    rows.clear();
+  }
+};
+
+TEST_F(RowRecycling, ReusedRowsStartEmptyAndKeepNothingOfTheirPast) {
+  CDataStore store;
+  ASSERT_EQ(S_OK, store.Initialize(nullptr, Columns()));
+  for (ULONG i = 0; i < 8; ++i) ASSERT_EQ(S_OK, store.AppendRecord(Full(i)));
+  auto rows = Take(store, 8);
+  ASSERT_EQ(8u, rows.size());
+  const platform::AllocCounts held = platform::CurrentAllocCounts();
+  ReleaseAll(rows);
+  // The released rows' VARIANT strings and by-reference copies are gone at once, even
+  // though their buffers stay for the next rows.
+  const platform::AllocCounts released = platform::CurrentAllocCounts();
+  EXPECT_EQ(held.bstrs - 8, released.bstrs);
+  EXPECT_EQ(held.comBlocks - 8, released.comBlocks);
+
+  for (int i = 0; i < 8; ++i) {
+    ProducedRecord onlyValue;
+    onlyValue.push_back(R8(i + 0.5));
+    ASSERT_EQ(S_OK, store.AppendRecord(onlyValue));
+  }
+  rows = Take(store, 8);
+  ASSERT_EQ(8u, rows.size());
+  const DBBINDING b[] = {Binding(1, DBTYPE_R8, 0, 8), Binding(2, kWStrRef, 32, 8), Binding(3, DBTYPE_UI4, 64, 4),
+                         Binding(4, DBTYPE_WSTR, 96, 40)};
+  for (size_t i = 0; i < rows.size(); ++i) {
+    BYTE buffer[192];
+    std::memset(buffer, 0xCD, sizeof buffer);
+    ASSERT_EQ(S_OK, store.GetData(b, 4, rows[i], buffer));
+    EXPECT_DOUBLE_EQ(i + 0.5, ReadAt<double>(buffer, 0));
+    for (int k = 1; k < 4; ++k) EXPECT_EQ(static_cast<DBSTATUS>(DBSTATUS_S_ISNULL), StatusAt(buffer, b[k])) << k;
+    EXPECT_EQ(nullptr, ReadAt<void*>(buffer, 32));
+  }
+  ReleaseAll(rows);
+}
+
+TEST_F(RowRecycling, FreeRowsAreBoundedAndGoAtTheEndOfTheRows) {
+  CDataStore store;
+  ASSERT_EQ(S_OK, store.Initialize(nullptr, RawDataColumns()));
+  const platform::AllocCounts empty = platform::CurrentAllocCounts();
+  const ULONGLONG kRows = 5000;
+  for (ULONGLONG i = 0; i < kRows; ++i) ASSERT_EQ(S_OK, store.AppendRecord(RawRecord(i)));
+  auto rows = Take(store, kRows - 1);
+  ASSERT_EQ(kRows - 1, rows.size());
+  ReleaseAll(rows);
+  // Rows of 8 KB: the free ones never add up to more than a fixed amount of memory.
+  const int64_t kept = platform::CurrentAllocCounts().comBlocks - empty.comBlocks - 1;
+  EXPECT_GT(kept, 0);
+  EXPECT_LE(kept * static_cast<int64_t>(store.RowSize()), int64_t{32} << 20);
+
+  store.SetEndOfData();
+  rows = Take(store, 10);
+  ASSERT_EQ(1u, rows.size());
+  ReleaseAll(rows);
+  EXPECT_EQ(empty.comBlocks, platform::CurrentAllocCounts().comBlocks);
+}
+
+TEST_F(RowRecycling, RowsReleasedOnAnotherThreadComeBackSafely) {
+  CDataStore store;
+  ASSERT_EQ(S_OK, store.Initialize(nullptr, Columns()));
+  std::mutex lock;
+  std::vector<CRefCountedDataStoreRow*> handedOver;
+  bool done = false;
+  std::thread releaser([&] {
+    for (;;) {
+      std::vector<CRefCountedDataStoreRow*> batch;
+      {
+        std::lock_guard<std::mutex> guard(lock);
+        batch.swap(handedOver);
+        if (batch.empty() && done) return;
+      }
+      for (CRefCountedDataStoreRow* r : batch) r->Release();
+      std::this_thread::yield();
+    }
+  });
+  ULONG checksum = 0;
+  for (ULONG i = 0; i < 20000; ++i) {
+    ASSERT_EQ(S_OK, store.AppendRecord(Full(i)));
+    auto rows = Take(store, 1);
+    ASSERT_EQ(1u, rows.size());
+    const DBBINDING q = Binding(3, DBTYPE_UI4, 0, 4);
+    BYTE buffer[32];
+    ASSERT_EQ(S_OK, store.GetData(&q, 1, rows[0], buffer));
+    checksum += ReadAt<ULONG>(buffer, 0) == i ? 1 : 0;
+    std::lock_guard<std::mutex> guard(lock);
+    handedOver.push_back(rows[0]);
+  }
+  {
+    std::lock_guard<std::mutex> guard(lock);
+    done = true;
+  }
+  releaser.join();
+  EXPECT_EQ(20000u, checksum);
+}
+
+// ---- Row handles held while many rows pass
+
+class RowHandles : public LeakCheckedTest {
+ protected:
+  void TearDown() override {
+    if (accessor_) accessor_->Release();
+    if (rowset_) rowset_->Release();
+    LeakCheckedTest::TearDown();
+  }
+  double ValueOf(HROW row, HRESULT* hr = nullptr) {
+    BYTE buffer[64] = {};
+    const HRESULT result = rowset_->GetData(row, h_, buffer);
+    if (hr) *hr = result;
+    return ReadAt<double>(buffer, 0);
+  }
+  IRowset* rowset_ = nullptr;
+  IAccessor* accessor_ = nullptr;
+  HACCESSOR h_ = 0;
+};
+
+TEST_F(RowHandles, OldHandlesStayValidAndDistinctInAnyReleaseOrder) {
+  constexpr ULONGLONG kRows = 6000;
+  auto producer = std::make_unique<PagedProducer>(kRows, 500);
+  ASSERT_EQ(S_OK, producer->Execute());
+  auto store = std::make_unique<CDataStore>();
+  ASSERT_EQ(S_OK, store->Initialize(std::move(producer), RawDataColumns()));
+  ASSERT_EQ(S_OK, CProviderIRowset::Create(std::move(store), CProviderIRowset::RowsetKind::Command, nullptr,
+                                           IID_IRowset, reinterpret_cast<void**>(&rowset_)));
+  ASSERT_EQ(S_OK, rowset_->QueryInterface(IID_IAccessor, reinterpret_cast<void**>(&accessor_)));
+  const DBBINDING b = Binding(4, DBTYPE_R8, 0, 8);
+  ASSERT_EQ(S_OK, accessor_->CreateAccessor(DBACCESSOR_ROWDATA, 1, &b, 0, &h_, nullptr));
+
+  std::set<HROW> seen;
+  std::vector<std::pair<HROW, double>> kept;  // one row of every tenth batch, held to the end
+  std::mt19937 random(7);
+  ULONGLONG next = 0;
+  for (int batch = 0;; ++batch) {
+    HROW handles[37];
+    HROW* out = handles;
+    DBCOUNTITEM obtained = 0;
+    const HRESULT hr = rowset_->GetNextRows(DB_NULL_HCHAPTER, 0, 37, &obtained, &out);
+    ASSERT_TRUE(hr == S_OK || hr == DB_S_ENDOFROWSET);
+    std::vector<HROW> order(handles, handles + obtained);
+    for (DBCOUNTITEM i = 0; i < obtained; ++i) {
+      ASSERT_TRUE(seen.insert(handles[i]).second) << "handle given twice";
+      ASSERT_DOUBLE_EQ(static_cast<double>(next + i), ValueOf(handles[i]));
+    }
+    if (obtained && batch % 10 == 0) {
+      kept.emplace_back(handles[obtained / 2], static_cast<double>(next + obtained / 2));
+      order.erase(order.begin() + static_cast<std::ptrdiff_t>(obtained / 2));
+    }
+    std::shuffle(order.begin(), order.end(), random);
+    for (HROW h : order) ASSERT_EQ(S_OK, rowset_->ReleaseRows(1, &h, nullptr, nullptr, nullptr));
+    for (const auto& k : kept) ASSERT_DOUBLE_EQ(k.second, ValueOf(k.first)) << "batch " << batch;
+    if (!order.empty()) {
+      HRESULT gone = S_OK;
+      ValueOf(order.front(), &gone);
+      EXPECT_EQ(DB_E_BADROWHANDLE, gone);
+    }
+    next += obtained;
+    if (hr == DB_S_ENDOFROWSET) break;
+  }
+  EXPECT_EQ(kRows, next);
+  ASSERT_GT(kept.size(), 10u);
+  for (const auto& k : kept) {
+    DBREFCOUNT refs = 0;
+    EXPECT_EQ(S_OK, rowset_->ReleaseRows(1, &k.first, nullptr, &refs, nullptr));
+    EXPECT_EQ(0u, refs);
+    HRESULT gone = S_OK;
+    ValueOf(k.first, &gone);
+    EXPECT_EQ(DB_E_BADROWHANDLE, gone);
+  }
+  EXPECT_EQ(S_OK, accessor_->ReleaseAccessor(h_, nullptr));
+}
+
+// ---- Cell copies against the conversion service
+
+class CellCopies : public LeakCheckedTest {};
+
+// Every binding of a cell gives the value, status and length the conversion service
+// gives for the same source, whichever way the store copies it.
+TEST_F(CellCopies, StoreAndConversionServiceAgree) {
+  struct Col {
+    DBTYPE type;
+    ULONGLONG size;
+    StoreValue value;
+  };
+  std::vector<Col> cols;
+  cols.push_back({DBTYPE_I1, 1, Variant(VT_I1, -5)});
+  cols.push_back({DBTYPE_UI2, 2, Variant(VT_UI2, 65535)});
+  cols.push_back({DBTYPE_I4, 4, Variant(VT_I4, -123456)});
+  cols.push_back({DBTYPE_UI4, 4, UI4(192)});
+  cols.push_back({DBTYPE_I8, 8, Variant(VT_I8, -(LONGLONG{1} << 40))});
+  cols.push_back({DBTYPE_R8, 8, R8(2.75)});
+  cols.push_back({DBTYPE_DATE, 8, Variant(VT_DATE, 0)});
+  cols.push_back({DBTYPE_DBTIMESTAMP, 16, StoreValue::FromTime(FileTimeOf(kJan2024 + 1234567))});
+  // Year 30000: a timestamp only some conversion libraries take.
+  cols.push_back({DBTYPE_DBTIMESTAMP, 16, StoreValue::FromTime(FileTimeOf(0x7FF0000000000000ull))});
+  cols.push_back({DBTYPE_VARIANT, 24, R8(1e20)});
+  cols.push_back({DBTYPE_VARIANT, 24, Variant(VT_I4, 77)});
+  cols.push_back({DBTYPE_VARIANT, 24, Bstr(OLESTR("12.5"))});
+  cols.push_back({DBTYPE_VARIANT, 24, Variant(VT_NULL, 0)});
+  cols.push_back({DBTYPE_WSTR, 8, Bstr(OLESTR("Flow.A"))});
+  V_DATE(&cols[6].value.Value) = 45292.25;
+  std::vector<ColumnRecord> records;
+  ProducedRecord record;
+  for (size_t i = 0; i < cols.size(); ++i) {
+    records.push_back(Column(OLESTR("C"), i + 1, cols[i].type, cols[i].size));
+    record.push_back(cols[i].value);
+  }
+  CDataStore store;
+  ASSERT_EQ(S_OK, store.Initialize(nullptr, records));
+  ASSERT_EQ(S_OK, store.AppendRecord(record));
+  std::vector<CRefCountedDataStoreRow*> rows;
+  ASSERT_EQ(S_OK, store.GetNextRows(0, 1, rows));
+  IDataConvert* convert = nullptr;
+  ASSERT_EQ(S_OK, CreateDataConvert(&convert));
+
+  const DBTYPE targets[] = {DBTYPE_I1, DBTYPE_UI2, DBTYPE_I4, DBTYPE_UI4, DBTYPE_I8, DBTYPE_R8,
+                            DBTYPE_DATE, DBTYPE_DBTIMESTAMP, DBTYPE_VARIANT, DBTYPE_WSTR};
+  const DBLENGTH wideRoom[] = {14, 13, 12, 2, 64};  // "Flow.A" needs 14 bytes with its terminator
+  int compared = 0;
+  for (size_t c = 0; c < cols.size(); ++c) {
+    const DataStoreColumnInfo& info = store.ColumnInfo()[c];
+    const BYTE* cell = rows[0]->Buffer() + info.cbOffset + 1;
+    alignas(8) BYTE source[64] = {};
+    DBLENGTH cbCol = info.ulColumnSize;
+    if (info.wType == DBTYPE_WSTR) {
+      size_t n = 0;
+      while (cell[2 * n] | cell[2 * n + 1]) ++n;
+      cbCol = 2 * n;
+      std::memcpy(source, cell, static_cast<size_t>(cbCol) + 2);
+    } else {
+      std::memcpy(source, cell, static_cast<size_t>(info.ulColumnSize));
+    }
+    for (DBTYPE target : targets) {
+      if (convert->CanConvert(info.wType, target) != S_OK) continue;
+      for (DBLENGTH room : wideRoom) {
+        if (target != DBTYPE_WSTR && room != wideRoom[0]) continue;
+        const DBLENGTH maxLen = target == DBTYPE_WSTR ? room : 24;
+        alignas(8) BYTE viaStore[128];
+        alignas(8) BYTE viaService[128];
+        std::memset(viaStore, 0xEE, sizeof viaStore);
+        std::memset(viaService, 0xEE, sizeof viaService);
+        DBBINDING b = Binding(static_cast<DBORDINAL>(c + 1), target, 0, maxLen);
+        b.obLength = 80;
+        b.obStatus = 96;
+        const HRESULT hrStore = store.GetData(&b, 1, rows[0], viaStore);
+        DBLENGTH length = 0;
+        DBSTATUS status = DBSTATUS_S_OK;
+        const HRESULT hrService = convert->DataConvert(info.wType, target, cbCol, &length, source, viaService, maxLen,
+                                                       DBSTATUS_S_OK, &status, 0, 0, DBDATACONVERT_LENGTHFROMNTS);
+        SCOPED_TRACE(testing::Message() << "column " << c << " type " << info.wType << " into " << target
+                                        << " room " << maxLen);
+        EXPECT_EQ(status, StatusAt(viaStore, b));
+        EXPECT_EQ(SUCCEEDED(hrService) && (status == DBSTATUS_S_OK || status == DBSTATUS_S_TRUNCATED ||
+                                           status == DBSTATUS_S_ISNULL),
+                  hrStore == S_OK);
+        if (status != DBSTATUS_S_OK && status != DBSTATUS_S_TRUNCATED) continue;
+        EXPECT_EQ(status == DBSTATUS_S_ISNULL ? 0 : length, ReadAt<DBLENGTH>(viaStore, 80));
+        if (target == DBTYPE_VARIANT) {
+          EXPECT_TRUE(SameVariant(*reinterpret_cast<VARIANT*>(viaStore), *reinterpret_cast<VARIANT*>(viaService)));
+        } else {
+          const DBLENGTH bytes = target == DBTYPE_WSTR ? std::min<DBLENGTH>(length + 2, maxLen) : length;
+          EXPECT_EQ(0, std::memcmp(viaStore, viaService, static_cast<size_t>(bytes)));
+        }
+        if (target == DBTYPE_VARIANT) {
+          VariantClear(reinterpret_cast<VARIANT*>(viaStore));
+          VariantClear(reinterpret_cast<VARIANT*>(viaService));
+        }
+        ++compared;
+      }
+    }
+  }
+  EXPECT_GT(compared, 40);
+  convert->Release();
+  rows[0]->Release();
+}
+
+// Timestamp cells of samples in and out of time order, across midnight, leap days and
+// years, keep the calendar and the milliseconds FileTimeToSystemTime gives.
+TEST_F(CellCopies, TimestampsFollowTheCalendarInAnyOrder) {
+  constexpr ULONGLONG kSecond = 10000000ull;
+  constexpr ULONGLONG kDay = 86400 * kSecond;
+  const ULONGLONG feb28of2024 = kJan2024 + 58 * kDay;
+  const ULONGLONG times[] = {kJan2024 + 1234 * 10000,       kJan2024 + kDay - 1,  kJan2024 + kDay,
+                             kJan2024 + 5,                 feb28of2024 + kDay - kSecond, feb28of2024 + kDay + 999 * 10000,
+                             feb28of2024 + 2 * kDay,        kJan2024 - 1,        kJan2024 + 366 * kDay + 3600 * kSecond,
+                             0x8000000000000000ull,        kJan2024 + 2 * kSecond};
+  CDataStore store;
+  ASSERT_EQ(S_OK, store.Initialize(nullptr, {Column(OLESTR("T"), 1, DBTYPE_DBTIMESTAMP, 16)}));
+  for (ULONGLONG t : times) {
+    ProducedRecord r;
+    r.push_back(StoreValue::FromTime(FileTimeOf(t)));
+    ASSERT_EQ(S_OK, store.AppendRecord(r));
+  }
+  std::vector<CRefCountedDataStoreRow*> rows;
+  ASSERT_EQ(S_OK, store.GetNextRows(0, std::size(times), rows));
+  for (size_t i = 0; i < rows.size(); ++i) {
+    const BYTE* cell = rows[i]->Buffer();
+    SYSTEMTIME st;
+    const FILETIME ft = FileTimeOf(times[i]);
+    if (!FileTimeToSystemTime(&ft, &st)) {
+      EXPECT_EQ(CDataStore::kStatusNull, cell[0]) << i;
+    } else {
+      ASSERT_EQ(CDataStore::kStatusValue, cell[0]) << i;
+      DBTIMESTAMP ts;
+      std::memcpy(&ts, cell + 1, sizeof ts);
+      EXPECT_EQ(st.wYear, static_cast<WORD>(ts.year)) << i;
+      EXPECT_EQ(st.wMonth, ts.month) << i;
+      EXPECT_EQ(st.wDay, ts.day) << i;
+      EXPECT_EQ(st.wHour, ts.hour) << i;
+      EXPECT_EQ(st.wMinute, ts.minute) << i;
+      EXPECT_EQ(st.wSecond, ts.second) << i;
+      EXPECT_EQ(st.wMilliseconds * 1000000u, ts.fraction) << i;
+    }
+    rows[i]->Release();
+  }
+}
+
+}  // namespace
+}  // namespace corvane::test
