@@ -1,12 +1,14 @@
 #include "provider/InterfaceName.h"
 
+#include <cstdint>
+
 namespace corvane {
 namespace {
 
 // Consumers mostly ask the rowset and command objects for interfaces of the OLE DB
 // rowset family that the provider does not offer; those are named too, so that a
 // trace says what the consumer wanted rather than a bare GUID.
-constexpr GUID OleDbIid(unsigned long first) {
+constexpr GUID OleDbIid(uint32_t first) {
   return GUID{first, 0x2A1C, 0x11CE, {0xAD, 0xE5, 0x00, 0xAA, 0x00, 0x44, 0x77, 0x3D}};
 }
 

@@ -137,7 +137,7 @@ HRESULT CProviderCommandWithParameters::GetParameterInfo(DB_UPARAMS* pcParams, D
     const ParameterDescription& p = described[i];
     DBPARAMINFO& info = infos[i];
     std::memset(&info, 0, sizeof info);
-    info.dwFlags = p.flags ? p.flags : DBPARAMFLAGS_ISINPUT;
+    info.dwFlags = p.flags ? p.flags : static_cast<DBPARAMFLAGS>(DBPARAMFLAGS_ISINPUT);
     info.iOrdinal = p.ordinal;
     info.ulParamSize = p.size;
     info.wType = p.type;
