@@ -21,21 +21,21 @@
 
 namespace {
 
-struct ColumnSpec {
+struct ColumnShape {
   const OLECHAR* name;
   DBTYPE type;
 };
 
-ColumnRecord MakeColumn(const OLECHAR* table, const ColumnSpec& spec, ULONGLONG ordinal) {
+ColumnRecord MakeColumn(const OLECHAR* table, const ColumnShape& shape, ULONGLONG ordinal) {
   ColumnRecord c;
-  c.ColumnName = spec.name;
-  c.ColumnAlias = spec.name;
+  c.ColumnName = shape.name;
+  c.ColumnAlias = shape.name;
   c.TableName = table;
   c.Ordinal = ordinal;
-  c.wType = spec.type;
-  c.ColumnSize = spec.type == DBTYPE_WSTR ? 4096 : spec.type == DBTYPE_DBTIMESTAMP ? 16 : 0;
+  c.wType = shape.type;
+  c.ColumnSize = shape.type == DBTYPE_WSTR ? 4096 : shape.type == DBTYPE_DBTIMESTAMP ? 16 : 0;
   if (c.ColumnSize == 0) {
-    switch (spec.type) {
+    switch (shape.type) {
       case DBTYPE_I1: case DBTYPE_UI1: c.ColumnSize = 1; break;
       case DBTYPE_I2: case DBTYPE_UI2: case DBTYPE_BOOL: c.ColumnSize = 2; break;
       case DBTYPE_I4: case DBTYPE_UI4: case DBTYPE_R4: c.ColumnSize = 4; break;
@@ -48,12 +48,12 @@ ColumnRecord MakeColumn(const OLECHAR* table, const ColumnSpec& spec, ULONGLONG 
 }
 
 TableInfo MakeTable(const OLECHAR* name, const OLECHAR* description, const OLECHAR* columnTable,
-                    std::initializer_list<ColumnSpec> columns) {
+                    std::initializer_list<ColumnShape> columns) {
   TableInfo info;
   info.Name = name;
   info.Description = description;
   ULONGLONG ordinal = 1;
-  for (const ColumnSpec& c : columns) info.Columns.push_back(MakeColumn(columnTable, c, ordinal++));
+  for (const ColumnShape& c : columns) info.Columns.push_back(MakeColumn(columnTable, c, ordinal++));
   return info;
 }
 
