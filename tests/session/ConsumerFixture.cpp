@@ -1,8 +1,61 @@
+#ifdef CORVANE_CONSUMER_OF_DLL
+// This consumer does not link the provider, so it defines the SDK's OLE DB GUIDs itself.
+#define DBINITCONSTANTS
+#endif
 #include "tests/session/ConsumerFixture.h"
 
 #include <cstring>
 
+#ifdef CORVANE_CONSUMER_OF_DLL
+#include <string>
+#else
+#include "provider/CreateCorvaneOleDbProviderImpl.h"
+#include "provider/ErrorReporting.h"
+#endif
+
 namespace corvane::test {
+
+namespace {
+
+void ClearThreadErrors() {
+#ifdef CORVANE_CONSUMER_OF_DLL
+  SetErrorInfo(0, nullptr);
+#else
+  corvane::ClearErrorRecords();
+#endif
+}
+
+#ifdef CORVANE_CONSUMER_OF_DLL
+DWORD Regsvr32(const wchar_t* options) {
+  std::string path = CORVANE_PROVIDER_MODULE;
+  if (!path.empty() && path[0] == '/') path = "Z:" + path;
+  std::wstring module(path.begin(), path.end());
+  for (auto& c : module)
+    if (c == L'/') c = L'\\';
+  std::wstring command = std::wstring(L"regsvr32.exe /s ") + options + L" \"" + module + L"\"";
+  STARTUPINFOW startup = {};
+  startup.cb = sizeof(startup);
+  PROCESS_INFORMATION process = {};
+  if (!CreateProcessW(nullptr, &command[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process))
+    return GetLastError() | 0x80000000u;
+  WaitForSingleObject(process.hProcess, 120000);
+  DWORD code = 1;
+  GetExitCodeProcess(process.hProcess, &code);
+  CloseHandle(process.hThread);
+  CloseHandle(process.hProcess);
+  return code;
+}
+
+// The DLL is registered for the whole run and unregistered at its end.
+class RegisteredDll : public ::testing::Environment {
+ public:
+  void SetUp() override { ASSERT_EQ(0u, Regsvr32(L"")); }
+  void TearDown() override { EXPECT_EQ(0u, Regsvr32(L"/u")); }
+};
+::testing::Environment* const kRegisteredDll = ::testing::AddGlobalTestEnvironment(new RegisteredDll);
+#endif
+
+}  // namespace
 
 using corvane::historian::CHistorianStore;
 using corvane::historian::CReferenceHistorian;
@@ -12,7 +65,7 @@ void ConsumerTest::SetUp() {
 #ifdef _WIN32
   CoInitializeEx(nullptr, COINIT_MULTITHREADED);
 #endif
-  corvane::ClearErrorRecords();
+  ClearThreadErrors();
   auto store = std::make_shared<CHistorianStore>();
   FILETIME now;
   GetSystemTimeAsFileTime(&now);
@@ -51,8 +104,13 @@ void ConsumerTest::SetUp() {
   hostRefs_ = RefCount(host_);
 
   ICreateCorvaneOleDbProvider* creator = nullptr;
+#ifdef CORVANE_CONSUMER_OF_DLL
+  ASSERT_EQ(S_OK, CoCreateInstance(CLSID_CorvaneOleDbProvider, nullptr, CLSCTX_INPROC_SERVER,
+                                   IID_ICreateCorvaneOleDbProvider, reinterpret_cast<void**>(&creator)));
+#else
   ASSERT_EQ(S_OK, CCreateCorvaneOleDbProviderImpl::CreateInstance(nullptr, IID_ICreateCorvaneOleDbProvider,
                                                                   reinterpret_cast<void**>(&creator)));
+#endif
   ASSERT_EQ(S_OK, creator->Create(host_, &dataSource_));
   creator->Release();
 
@@ -90,7 +148,7 @@ void ConsumerTest::TearDown() {
   if (host_) {
     EXPECT_EQ(hostRefs_ - 1, host_->Release()) << "the provider released every host reference";
   }
-  corvane::ClearErrorRecords();
+  ClearThreadErrors();
 #ifdef _WIN32
   CoUninitialize();
 #endif
@@ -193,6 +251,14 @@ std::vector<std::vector<std::string>> ReadAll(IUnknown* rowset, const std::vecto
   accessor->Release();
   fetch->Release();
   return rows;
+}
+
+void FreePropertySets(ULONG count, DBPROPSET* sets) {
+  for (ULONG s = 0; s < count; ++s) {
+    for (ULONG p = 0; p < sets[s].cProperties; ++p) VariantClear(&sets[s].rgProperties[p].vValue);
+    CoTaskMemFree(sets[s].rgProperties);
+  }
+  CoTaskMemFree(sets);
 }
 
 std::vector<std::pair<std::string, DBTYPE>> Columns(IUnknown* object) {

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 
-#include "provider/PropertyEngine.h"
 #include "tests/session/ConsumerFixture.h"
 
 using corvane::test::Columns;
@@ -107,7 +106,7 @@ TEST_F(SessionObject, SessionPropertiesReadAndWrite) {
   DBPROPSET* sets = nullptr;
   ASSERT_EQ(S_OK, props->GetProperties(1, &ids, &n, &sets));
   EXPECT_EQ(DBPROPVAL_TI_READUNCOMMITTED, sets[0].rgProperties[0].vValue.lVal);
-  corvane::CPropertyEngine::FreePropertySets(n, sets);
+  corvane::test::FreePropertySets(n, sets);
   props->Release();
 }
 
@@ -125,9 +124,9 @@ TEST_F(SessionObject, OpenRowsetReadsATableAndNamesWhatItCannotGive) {
   TraceCapture trace;
   EXPECT_EQ(E_NOINTERFACE, session_->OpenRowset(nullptr, &table, nullptr, kRowsetLocate, 0, nullptr, &rowset));
   EXPECT_EQ(nullptr, rowset);
-  EXPECT_TRUE(trace.Contains("Called CProviderSession::OpenRowset"));
-  EXPECT_TRUE(trace.Contains("Failed to open rowset (80004002)."));
-  EXPECT_TRUE(trace.Contains("Unsupported interface 'IRowsetLocate'."));
+  EXPECT_TRACED(trace, "Called CProviderSession::OpenRowset");
+  EXPECT_TRACED(trace, "Failed to open rowset (80004002).");
+  EXPECT_TRACED(trace, "Unsupported interface 'IRowsetLocate'.");
   auto error = TakeLastError();
   EXPECT_EQ(1u, error.count);
   EXPECT_EQ(E_NOINTERFACE, error.hr);
@@ -187,8 +186,8 @@ TEST_F(SessionObject, CreateCommandNamesAnUnknownInterfaceByItsGuid) {
 
   TraceCapture trace;
   EXPECT_EQ(E_NOINTERFACE, create->CreateCommand(nullptr, kMadeUp, &command));
-  EXPECT_TRUE(trace.Contains("Failed to create command (80004002)."));
-  EXPECT_TRUE(trace.Contains("Unsupported interface '{12345678-9ABC-DEF0-0123-456789ABCDEF}'."));
+  EXPECT_TRACED(trace, "Failed to create command (80004002).");
+  EXPECT_TRACED(trace, "Unsupported interface '{12345678-9ABC-DEF0-0123-456789ABCDEF}'.");
   auto error = TakeLastError();
   EXPECT_TRUE(IsEqualIID(IID_IDBCreateCommand, error.iid));
   EXPECT_EQ(DB_E_NOAGGREGATION, create->CreateCommand(reinterpret_cast<IUnknown*>(session_), IID_IUnknown, &command));
@@ -204,7 +203,7 @@ TEST_F(SchemaRowsets, GetSchemasListsTheNineSchemasWithTheirMasks) {
   ULONG* masks = nullptr;
   TraceCapture trace;
   ASSERT_EQ(S_OK, schemas->GetSchemas(&n, &guids, &masks));
-  EXPECT_TRUE(trace.Contains("Called CProviderSession::GetSchemas"));
+  EXPECT_TRACED(trace, "Called CProviderSession::GetSchemas");
   const std::pair<const GUID*, ULONG> expected[] = {
       {&DBSCHEMA_CATALOGS, 1},       {&DBSCHEMA_COLUMNS, 15},  {&DBSCHEMA_PROCEDURES, 15},
       {&DBSCHEMA_PROCEDURE_PARAMETERS, 15}, {&DBSCHEMA_PROCEDURE_COLUMNS, 15}, {&DBSCHEMA_PROVIDER_TYPES, 15},
@@ -223,7 +222,7 @@ TEST_F(SchemaRowsets, GetSchemasListsTheNineSchemasWithTheirMasks) {
   CoTaskMemFree(guids);
   CoTaskMemFree(masks);
   EXPECT_EQ(E_INVALIDARG, schemas->GetSchemas(&n, nullptr, &masks));
-  EXPECT_TRUE(trace.Contains("ERROR in CProviderSession::GetSchemas, HR = 80070057"));
+  EXPECT_TRACED(trace, "ERROR in CProviderSession::GetSchemas, HR = 80070057");
   EXPECT_TRUE(IsEqualIID(IID_IDBSchemaRowset, TakeLastError().iid));
   schemas->Release();
 }
@@ -349,8 +348,8 @@ TEST_F(SchemaRowsets, BadRequestsAreRefusedWithARecord) {
   TraceCapture trace;
   // A schema the session does not serve.
   EXPECT_EQ(E_INVALIDARG, schemas->GetRowset(nullptr, DBSCHEMA_VIEWS, 0, nullptr, IID_IRowset, 0, nullptr, &rowset));
-  EXPECT_TRUE(trace.Contains("Called CProviderSession::GetRowset"));
-  EXPECT_TRUE(trace.Contains("ERROR in CProviderSession::GetRowset, HR = 80070057"));
+  EXPECT_TRACED(trace, "Called CProviderSession::GetRowset");
+  EXPECT_TRACED(trace, "ERROR in CProviderSession::GetRowset, HR = 80070057");
   auto error = TakeLastError();
   EXPECT_TRUE(IsEqualIID(IID_IDBSchemaRowset, error.iid));
 #ifndef _WIN32
