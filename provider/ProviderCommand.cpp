@@ -774,8 +774,8 @@ HRESULT CProviderCommand::CanConvert(DBTYPE wFromType, DBTYPE wToType, DBCONVERT
 // ---- ISupportErrorInfo
 
 HRESULT CProviderCommand::InterfaceSupportsErrorInfo(REFIID riid) {
-  for (const IID* iid : {&IID_ICommand, &IID_ICommandText, &IID_ICommandPrepare, &IID_ICommandProperties,
-                         &IID_ICommandWithParameters, &IID_IColumnsInfo, &IID_IAccessor})
+  // The interfaces whose failures post records; the others answer by HRESULT alone.
+  for (const IID* iid : {&IID_ICommand, &IID_ICommandText, &IID_ICommandPrepare, &IID_ICommandProperties})
     if (IsEqualIID(riid, *iid)) return S_OK;
   return S_FALSE;
 }

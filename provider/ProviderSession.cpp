@@ -298,8 +298,8 @@ HRESULT CProviderSession::SetProperties(ULONG cPropertySets, DBPROPSET rgPropert
 // ---- ISupportErrorInfo
 
 HRESULT CProviderSession::InterfaceSupportsErrorInfo(REFIID riid) {
-  for (const IID* iid : {&IID_IOpenRowset, &IID_IDBCreateCommand, &IID_IDBSchemaRowset, &IID_IGetDataSource,
-                         &IID_ISessionProperties})
+  // The interfaces whose failures post records.
+  for (const IID* iid : {&IID_IOpenRowset, &IID_IDBCreateCommand, &IID_IDBSchemaRowset, &IID_ISessionProperties})
     if (IsEqualIID(riid, *iid)) return S_OK;
   return S_FALSE;
 }
