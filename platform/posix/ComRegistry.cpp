@@ -2,6 +2,7 @@
 // factories are registered in-process under a CLSID and an optional ProgID, and the
 // creation functions answer with the codes Windows gives for the same situations.
 #include <map>
+#include <new>
 #include <mutex>
 #include <string>
 
@@ -35,9 +36,12 @@ struct Registry {
 };
 
 // Never destroyed: factories may be released by code running during static
-// destruction, and the registry must still be there for them.
+// destruction, and the registry must still be there for them. It lives in static
+// storage rather than on the heap, so a module that is unloaded with nothing registered
+// leaves no block behind (empty maps own no memory).
 Registry& TheRegistry() {
-  static Registry* registry = new Registry;
+  alignas(Registry) static unsigned char storage[sizeof(Registry)];
+  static Registry* registry = new (storage) Registry;
   return *registry;
 }
 
