@@ -3,6 +3,7 @@
 // worker thread at below-normal priority where the platform allows it, and the
 // high-resolution counter used for elapsed-time traces.
 #pragma once
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -75,10 +76,13 @@ class WorkerThread {
   bool Start(std::function<void()> body, bool belowNormalPriority = true);
   void Join();
   bool Joinable() const { return thread_.joinable(); }
-  bool IsCurrentThread() const { return thread_.get_id() == std::this_thread::get_id(); }
+  bool IsCurrentThread() const { return runningId_.load(std::memory_order_acquire) == std::this_thread::get_id(); }
 
  private:
   std::thread thread_;
+  // Set by the thread itself before its body runs: the body may ask IsCurrentThread
+  // while Start is still storing thread_ on the starting thread.
+  std::atomic<std::thread::id> runningId_{};
 };
 
 // High-resolution monotonic counter (ticks) and its frequency (ticks per second).

@@ -129,7 +129,8 @@ WorkerThread::~WorkerThread() { Join(); }
 bool WorkerThread::Start(std::function<void()> body, bool belowNormalPriority) {
   if (thread_.joinable()) return false;
   try {
-    thread_ = std::thread([body = std::move(body), belowNormalPriority] {
+    thread_ = std::thread([this, body = std::move(body), belowNormalPriority] {
+      runningId_.store(std::this_thread::get_id(), std::memory_order_release);
       if (belowNormalPriority) {
 #ifdef _WIN32
         SetThreadPriority(GetCurrentThread(), THREAD_PRIORITY_BELOW_NORMAL);
@@ -147,7 +148,10 @@ bool WorkerThread::Start(std::function<void()> body, bool belowNormalPriority) {
 }
 
 void WorkerThread::Join() {
-  if (thread_.joinable() && thread_.get_id() != std::this_thread::get_id()) thread_.join();
+  if (thread_.joinable() && thread_.get_id() != std::this_thread::get_id()) {
+    thread_.join();
+    runningId_.store(std::thread::id(), std::memory_order_release);
+  }
 }
 
 int64_t PerformanceCounter() {
