@@ -103,28 +103,21 @@ void BuildSources() {
                      LONGLONG(-25000), LONGLONG(12345), LONGLONG(123456789), LONGLONG(1275000), LONGLONG(INT64_MAX),
                      LONGLONG(INT64_MIN), LONGLONG(-10000), LONGLONG(2558000)})
     AddCy(x);
-  AddDec(false, 0, 0, 0);
-  AddDec(false, 1, 0, 15);
-  AddDec(false, 1, 0, 25);
-  AddDec(true, 1, 0, 25);
-  AddDec(true, 1, 0, 5);
-  AddDec(false, 2, 0, 150);
-  AddDec(false, 1, 0, 1);
-  AddDec(false, 28, 0, 1);
-  AddDec(false, 0, 0xFFFFFFFFu, UINT64_MAX);
-  AddDec(true, 0, 0xFFFFFFFFu, UINT64_MAX);
-  AddDec(false, 28, 0xFFFFFFFFu, UINT64_MAX);
-  AddDec(false, 0, 0, 12345678901234567890ULL);
-  AddDec(false, 0, 0, 255);
-  AddDec(false, 0, 0, 256);
-  AddDec(true, 0, 0, 128);
-  AddDec(true, 0, 0, 129);
-  AddDec(false, 4, 0, 12345678);
-  AddDec(false, 0, 0, 9223372036854775807ULL);
-  AddDec(false, 0, 0, 9223372036854775808ULL);
-  AddDec(false, 0, 0, 43832);
-  AddDec(false, 10, 1, 0);
-  AddDec(false, 29, 0, 5);  // not a valid DECIMAL: scale beyond 28
+  const struct {
+    bool neg;
+    BYTE scale;
+    ULONG hi;
+    ULONGLONG lo;
+  } decimals[] = {
+      {false, 0, 0, 0}, {false, 1, 0, 15}, {false, 1, 0, 25}, {true, 1, 0, 25}, {true, 1, 0, 5}, {false, 2, 0, 150},
+      {false, 1, 0, 1}, {false, 28, 0, 1}, {false, 0, 0xFFFFFFFFu, UINT64_MAX}, {true, 0, 0xFFFFFFFFu, UINT64_MAX},
+      {false, 28, 0xFFFFFFFFu, UINT64_MAX}, {false, 0, 0, 12345678901234567890ULL}, {false, 0, 0, 255},
+      {false, 0, 0, 256}, {true, 0, 0, 128}, {true, 0, 0, 129}, {false, 4, 0, 12345678},
+      {false, 0, 0, 9223372036854775807ULL}, {false, 0, 0, 9223372036854775808ULL}, {false, 0, 0, 43832},
+      {false, 10, 1, 0},
+      {false, 29, 0, 5},  // not a valid DECIMAL: scale beyond 28
+  };
+  for (const auto& d : decimals) AddDec(d.neg, d.scale, d.hi, d.lo);
   for (const OLECHAR* s :
        {OLESTR("TRUE"), OLESTR("True"), OLESTR("true"), OLESTR("False"), OLESTR("FALSE"), OLESTR(" True "),
         OLESTR("Yes"), OLESTR("On"), OLESTR("#TRUE#"), OLESTR("-1"), OLESTR("0"), OLESTR("1"), OLESTR(" 12 "),
