@@ -1,0 +1,639 @@
+#include "tools/corvane-sql/ShellConnection.h"
+
+#include <cctype>
+#include <cerrno>
+#include <cmath>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "historian/Aggregates.h"
+#include "historian/CsvLoader.h"
+#include "historian/DemoPlant.h"
+#include "historian/ReferenceHistorian.h"
+#include "platform/WideString.h"
+#include "provider/CreateCorvaneOleDbProviderImpl.h"
+#include "provider/ICreateCorvaneOleDbProvider.h"
+
+namespace corvane::shell {
+
+namespace {
+
+template <typename T>
+T* Query(IUnknown* object, REFIID iid) {
+  T* p = nullptr;
+  if (!object || FAILED(object->QueryInterface(iid, reinterpret_cast<void**>(&p)))) return nullptr;
+  return p;
+}
+
+// Releases an interface pointer at the end of a scope.
+template <typename T>
+struct Ref {
+  T* p = nullptr;
+  Ref() = default;
+  explicit Ref(T* q) : p(q) {}
+  ~Ref() {
+    if (p) p->Release();
+  }
+  Ref(const Ref&) = delete;
+  Ref& operator=(const Ref&) = delete;
+  T* operator->() const { return p; }
+  explicit operator bool() const { return p != nullptr; }
+};
+
+std::string Timestamp(int year, int month, int day, int hour, int minute, int second, int millis) {
+  char buffer[96];
+  snprintf(buffer, sizeof buffer, "%04d-%02d-%02d %02d:%02d:%02d.%03d", year, month, day, hour, minute, second,
+           millis);
+  return buffer;
+}
+
+// Civil date of a day count from 1970-01-01 (proleptic Gregorian).
+void CivilFromDays(long long z, int* year, int* month, int* day) {
+  z += 719468;
+  const long long era = (z >= 0 ? z : z - 146096) / 146097;
+  const unsigned doe = static_cast<unsigned>(z - era * 146097);
+  const unsigned yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
+  const unsigned doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
+  const unsigned mp = (5 * doy + 2) / 153;
+  *day = static_cast<int>(doy - (153 * mp + 2) / 5 + 1);
+  *month = static_cast<int>(mp < 10 ? mp + 3 : mp - 9);
+  *year = static_cast<int>(yoe + era * 400 + (*month <= 2));
+}
+
+// An OLE Automation date (days since 1899-12-30, the fraction being the time of day
+// even for negative days) to the shell's timestamp text, to the millisecond.
+std::string TimestampFromDate(double date) {
+  double days = std::floor(date);
+  double fraction = std::fabs(date - days);
+  if (date < 0 && fraction != 0) {  // -1.25 is 1899-12-29 06:00
+    days = std::ceil(date);
+    fraction = std::fabs(date - days);
+  }
+  long long millis = std::llround(fraction * 86400000.0);
+  long long dayCount = static_cast<long long>(days) - 25569;  // to 1970-01-01
+  if (millis >= 86400000) {
+    millis -= 86400000;
+    ++dayCount;
+  }
+  int y, m, d;
+  CivilFromDays(dayCount, &y, &m, &d);
+  return Timestamp(y, m, d, static_cast<int>(millis / 3600000), static_cast<int>(millis / 60000 % 60),
+                   static_cast<int>(millis / 1000 % 60), static_cast<int>(millis % 1000));
+}
+
+Cell CellFromVariant(const VARIANT& v) {
+  switch (v.vt) {
+    case VT_EMPTY:
+    case VT_NULL: return Cell{};
+    case VT_BOOL: return Cell{Cell::Bool, v.boolVal ? "true" : "false"};
+    case VT_R8: return Cell{Cell::Number, ShortestDouble(v.dblVal)};
+    case VT_R4: return Cell{Cell::Number, ShortestFloat(v.fltVal)};
+    case VT_I1: return Cell{Cell::Number, std::to_string(static_cast<int>(v.cVal))};
+    case VT_I2: return Cell{Cell::Number, std::to_string(v.iVal)};
+    case VT_I4: return Cell{Cell::Number, std::to_string(v.lVal)};
+    case VT_INT: return Cell{Cell::Number, std::to_string(v.intVal)};
+    case VT_I8: return Cell{Cell::Number, std::to_string(v.llVal)};
+    case VT_UI1: return Cell{Cell::Number, std::to_string(v.bVal)};
+    case VT_UI2: return Cell{Cell::Number, std::to_string(v.uiVal)};
+    case VT_UI4: return Cell{Cell::Number, std::to_string(v.ulVal)};
+    case VT_UINT: return Cell{Cell::Number, std::to_string(v.uintVal)};
+    case VT_UI8: return Cell{Cell::Number, std::to_string(v.ullVal)};
+    case VT_DATE: return Cell{Cell::Time, TimestampFromDate(v.date)};
+    case VT_BSTR: return Cell{Cell::Text, corvane::ToUtf8(v.bstrVal)};
+    default: break;
+  }
+  // Anything else (currency, decimal...) reads as a number if it can, else as text.
+  VARIANT converted;
+  VariantInit(&converted);
+  Cell cell{Cell::Text, "?"};
+  if (SUCCEEDED(VariantChangeType(&converted, const_cast<VARIANT*>(&v), 0, VT_R8))) cell = Cell{Cell::Number, ShortestDouble(converted.dblVal)};
+  else if (SUCCEEDED(VariantChangeType(&converted, const_cast<VARIANT*>(&v), 0, VT_BSTR))) cell = Cell{Cell::Text, corvane::ToUtf8(converted.bstrVal)};
+  VariantClear(&converted);
+  return cell;
+}
+
+bool IsTimeType(DBTYPE type) {
+  switch (type & ~DBTYPE_BYREF) {
+    case DBTYPE_DBTIMESTAMP:
+    case DBTYPE_DATE:
+    case DBTYPE_FILETIME:
+    case DBTYPE_DBDATE: return true;
+    default: return false;
+  }
+}
+
+constexpr DBROWCOUNT kBatch = 256;
+
+// One bound cell of the row buffer: timestamps come as DBTIMESTAMP (exact to the
+// nanosecond), every other column as a VARIANT of the provider's own type.
+struct Slot {
+  DBSTATUS status;
+  DBLENGTH length;
+  union {
+    VARIANT variant;
+    DBTIMESTAMP timestamp;
+  };
+};
+
+HRESULT SetInitProperties(IUnknown* dataSource, const ConnectionOptions& options) {
+  std::vector<DBPROP> props;
+  auto add = [&props](DBPROPID id, const std::string& value) {
+    DBPROP p{};
+    p.dwPropertyID = id;
+    p.dwOptions = DBPROPOPTIONS_REQUIRED;
+    p.vValue.vt = VT_BSTR;
+    p.vValue.bstrVal = SysAllocString(corvane::FromUtf8(value).c_str());
+    props.push_back(p);
+  };
+  if (!options.catalog.empty()) add(DBPROP_INIT_CATALOG, options.catalog);
+  if (!options.providerString.empty()) add(DBPROP_INIT_PROVIDERSTRING, options.providerString);
+  if (props.empty()) return S_OK;
+  Ref<IDBProperties> properties(Query<IDBProperties>(dataSource, IID_IDBProperties));
+  if (!properties) return E_NOINTERFACE;
+  DBPROPSET set{props.data(), static_cast<ULONG>(props.size()), DBPROPSET_DBINIT};
+  const HRESULT hr = properties->SetProperties(1, &set);
+  for (auto& p : props) VariantClear(&p.vValue);
+  return hr;
+}
+
+ULONGLONG NowTicks() {
+  FILETIME now;
+  GetSystemTimeAsFileTime(&now);
+  return (static_cast<ULONGLONG>(now.dwHighDateTime) << 32) | now.dwLowDateTime;
+}
+
+bool ParseTimestampText(const std::string& text, DBTIMESTAMP* ts) {
+  int y = 0, mo = 0, d = 0, h = 0, mi = 0, s = 0, consumed = 0;
+  char sep = ' ';
+  const int n = sscanf(text.c_str(), "%4d-%2d-%2d%c%2d:%2d:%2d%n", &y, &mo, &d, &sep, &h, &mi, &s, &consumed);
+  if (n == 3 && text.size() == 10) {
+    h = mi = s = 0;
+  } else if (n < 7 || (sep != ' ' && sep != 'T')) {
+    return false;
+  }
+  unsigned long fraction = 0;
+  if (n == 7 && static_cast<size_t>(consumed) < text.size()) {
+    const char* rest = text.c_str() + consumed;
+    if (*rest != '.') return false;
+    unsigned long scale = 1000000000;
+    for (++rest; *rest >= '0' && *rest <= '9'; ++rest) {
+      scale /= 10;
+      fraction += static_cast<unsigned long>(*rest - '0') * scale;
+    }
+    if (*rest && !(rest[0] == 'Z' && rest[1] == 0)) return false;
+  }
+  if (mo < 1 || mo > 12 || d < 1 || d > 31 || h > 23 || mi > 59 || s > 59) return false;
+  *ts = DBTIMESTAMP{static_cast<SHORT>(y), static_cast<USHORT>(mo), static_cast<USHORT>(d), static_cast<USHORT>(h),
+                    static_cast<USHORT>(mi), static_cast<USHORT>(s), static_cast<ULONG>(fraction)};
+  return true;
+}
+
+// The parameter values laid out for a DBACCESSOR_PARAMETERDATA accessor.
+struct ParameterBuffer {
+  std::vector<DBBINDING> bindings;
+  std::vector<unsigned char> data;
+
+  HRESULT Build(const std::vector<Parameter>& parameters, size_t count, std::string* error) {
+    size_t offset = 0;
+    auto align = [](size_t n) { return (n + 7) & ~size_t(7); };
+    std::vector<size_t> sizes;
+    for (size_t i = 0; i < count; ++i) {
+      const Parameter& p = parameters[i];
+      size_t size = 16;
+      if (p.type == DBTYPE_WSTR) size = (corvane::FromUtf8(p.value).size() + 1) * sizeof(OLECHAR);
+      DBBINDING b{};
+      b.iOrdinal = i + 1;
+      b.obStatus = offset;
+      b.obLength = offset + 8;
+      b.obValue = offset + 16;
+      b.cbMaxLen = size;
+      b.dwPart = DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS;
+      b.dwMemOwner = DBMEMOWNER_CLIENTOWNED;
+      b.eParamIO = DBPARAMIO_INPUT;
+      b.wType = p.type;
+      bindings.push_back(b);
+      sizes.push_back(size);
+      offset = align(offset + 16 + size);
+    }
+    data.assign(offset, 0);
+    for (size_t i = 0; i < count; ++i) {
+      const Parameter& p = parameters[i];
+      unsigned char* value = data.data() + bindings[i].obValue;
+      DBLENGTH length = 0;
+      bool ok = true;
+      char* end = nullptr;
+      const char* text = p.value.c_str();
+      errno = 0;
+      switch (p.type) {
+        case DBTYPE_WSTR: {
+          const WString w = corvane::FromUtf8(p.value);
+          memcpy(value, w.c_str(), (w.size() + 1) * sizeof(OLECHAR));
+          length = w.size() * sizeof(OLECHAR);
+          break;
+        }
+        case DBTYPE_R8: {
+          const double d = strtod(text, &end);
+          memcpy(value, &d, sizeof d);
+          length = sizeof d;
+          break;
+        }
+        case DBTYPE_R4: {
+          const float f = strtof(text, &end);
+          memcpy(value, &f, sizeof f);
+          length = sizeof f;
+          break;
+        }
+        case DBTYPE_I1: case DBTYPE_I2: case DBTYPE_I4: case DBTYPE_I8: {
+          const long long n = strtoll(text, &end, 10);
+          length = p.type == DBTYPE_I1 ? 1 : p.type == DBTYPE_I2 ? 2 : p.type == DBTYPE_I4 ? 4 : 8;
+          ok = length == 8 || (n >= -(1ll << (length * 8 - 1)) && n < (1ll << (length * 8 - 1)));
+          memcpy(value, &n, length);  // little-endian: the low bytes come first
+          break;
+        }
+        case DBTYPE_UI1: case DBTYPE_UI2: case DBTYPE_UI4: case DBTYPE_UI8: {
+          const unsigned long long n = strtoull(text, &end, 10);
+          length = p.type == DBTYPE_UI1 ? 1 : p.type == DBTYPE_UI2 ? 2 : p.type == DBTYPE_UI4 ? 4 : 8;
+          ok = text[0] != '-' && (length == 8 || n < (1ull << (length * 8)));
+          memcpy(value, &n, length);
+          break;
+        }
+        case DBTYPE_BOOL: {
+          VARIANT_BOOL b = VARIANT_FALSE;
+          if (p.value == "true" || p.value == "1") b = VARIANT_TRUE;
+          else ok = p.value == "false" || p.value == "0";
+          memcpy(value, &b, sizeof b);
+          length = sizeof b;
+          break;
+        }
+        case DBTYPE_DBTIMESTAMP: {
+          DBTIMESTAMP ts{};
+          ok = ParseTimestampText(p.value, &ts);
+          memcpy(value, &ts, sizeof ts);
+          length = sizeof ts;
+          break;
+        }
+        default: ok = false;
+      }
+      if (end && (*end || end == text || errno == ERANGE)) ok = false;
+      if (!ok) {
+        *error = "parameter " + std::to_string(i + 1) + ": '" + p.value + "' is not a valid " + p.typeName;
+        return E_INVALIDARG;
+      }
+      memcpy(data.data() + bindings[i].obLength, &length, sizeof length);
+      const DBSTATUS ok_status = DBSTATUS_S_OK;
+      memcpy(data.data() + bindings[i].obStatus, &ok_status, sizeof ok_status);
+    }
+    return S_OK;
+  }
+};
+
+}  // namespace
+
+bool Parameter::Parse(const std::string& text, Parameter* parameter, std::string* error) {
+  static const struct {
+    const char* name;
+    DBTYPE type;
+  } kTypes[] = {{"DBTYPE_WSTR", DBTYPE_WSTR}, {"DBTYPE_R8", DBTYPE_R8},     {"DBTYPE_R4", DBTYPE_R4},
+                {"DBTYPE_I1", DBTYPE_I1},     {"DBTYPE_I2", DBTYPE_I2},     {"DBTYPE_I4", DBTYPE_I4},
+                {"DBTYPE_I8", DBTYPE_I8},     {"DBTYPE_UI1", DBTYPE_UI1},   {"DBTYPE_UI2", DBTYPE_UI2},
+                {"DBTYPE_UI4", DBTYPE_UI4},   {"DBTYPE_UI8", DBTYPE_UI8},   {"DBTYPE_BOOL", DBTYPE_BOOL},
+                {"DBTYPE_DBTIMESTAMP", DBTYPE_DBTIMESTAMP}};
+  *parameter = Parameter{};
+  parameter->value = text;
+  const size_t colon = text.find(':');
+  if (text.compare(0, 7, "DBTYPE_") != 0 || colon == std::string::npos) return true;
+  std::string name = text.substr(0, colon);
+  for (char& c : name) c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
+  for (const auto& t : kTypes) {
+    if (name == t.name) {
+      parameter->typeName = t.name;
+      parameter->type = t.type;
+      parameter->value = text.substr(colon + 1);
+      return true;
+    }
+  }
+  *error = "unknown parameter type '" + text.substr(0, colon) + "'";
+  return false;
+}
+
+Failure TakeFailure(HRESULT hr) {
+  Failure failure;
+  failure.hr = hr;
+#ifdef _WIN32
+  IErrorInfo* info = nullptr;
+  if (GetErrorInfo(0, &info) == S_OK && info) {
+    IErrorRecords* records = Query<IErrorRecords>(info, IID_IErrorRecords);
+    ULONG count = 0;
+    if (records && SUCCEEDED(records->GetRecordCount(&count))) {
+      for (ULONG i = 0; i < count; ++i) {
+        IErrorInfo* record = nullptr;
+        BSTR text = nullptr;
+        if (SUCCEEDED(records->GetErrorInfo(i, GetUserDefaultLCID(), &record)) && record &&
+            SUCCEEDED(record->GetDescription(&text)) && text)
+          failure.descriptions.push_back(corvane::ToUtf8(text));
+        SysFreeString(text);
+        if (record) record->Release();
+      }
+    } else {
+      BSTR text = nullptr;
+      if (SUCCEEDED(info->GetDescription(&text)) && text) failure.descriptions.push_back(corvane::ToUtf8(text));
+      SysFreeString(text);
+    }
+    if (records) records->Release();
+    info->Release();
+  }
+#else
+  for (const auto& record : corvane::platform::TakeErrorRecords())
+    failure.descriptions.push_back(corvane::ToUtf8(corvane::WStringView(record.description)));
+#endif
+  return failure;
+}
+
+HRESULT CShellConnection::Open(const ConnectionOptions& options, Failure* failure, std::string* message,
+                               bool* loadFailed) {
+  *loadFailed = false;
+  auto store = std::make_shared<corvane::historian::CHistorianStore>();
+  if (options.demo) {
+    corvane::historian::DemoPlantOptions demo;
+    demo.now = NowTicks();
+    const HRESULT hr = corvane::historian::CDemoPlant::Populate(*store, demo);
+    if (FAILED(hr)) {
+      *message = "cannot build the demo plant";
+      return hr;
+    }
+  }
+  for (const auto& file : options.csvFiles) {
+    corvane::historian::CsvLoadReport report;
+    const HRESULT hr = corvane::historian::CCsvLoader::LoadFile(*store, file, &report);
+    if (FAILED(hr)) {
+      *loadFailed = true;
+      *message = report.error.empty() ? "cannot read " + file : corvane::ToUtf8(report.error);
+      return hr;
+    }
+  }
+  // The host carries its own processed-history provider, so no component has to be
+  // found by its registered name.
+  IAggregates* aggregates = nullptr;
+  HRESULT hr = corvane::historian::CAggregates::CreateInstance(nullptr, IID_IAggregates,
+                                                               reinterpret_cast<void**>(&aggregates));
+  if (SUCCEEDED(hr)) {
+    hr = corvane::historian::CReferenceHistorian::Create(store, IID_IUnknown, reinterpret_cast<void**>(&host_),
+                                                         aggregates);
+    aggregates->Release();
+  }
+  if (FAILED(hr)) {
+    *message = "cannot create the historian";
+    return hr;
+  }
+  ICreateCorvaneOleDbProvider* creator = nullptr;
+  hr = CCreateCorvaneOleDbProviderImpl::CreateInstance(nullptr, IID_ICreateCorvaneOleDbProvider,
+                                                      reinterpret_cast<void**>(&creator));
+  if (SUCCEEDED(hr)) {
+    hr = creator->Create(host_, &dataSource_);
+    creator->Release();
+  }
+  if (SUCCEEDED(hr)) hr = SetInitProperties(dataSource_, options);
+  if (SUCCEEDED(hr)) {
+    Ref<IDBInitialize> init(Query<IDBInitialize>(dataSource_, IID_IDBInitialize));
+    hr = init ? init->Initialize() : E_NOINTERFACE;
+    initialized_ = SUCCEEDED(hr);
+  }
+  if (SUCCEEDED(hr)) {
+    Ref<IDBCreateSession> create(Query<IDBCreateSession>(dataSource_, IID_IDBCreateSession));
+    hr = create ? create->CreateSession(nullptr, IID_IDBCreateCommand, &session_) : E_NOINTERFACE;
+  }
+  if (FAILED(hr)) {
+    *failure = TakeFailure(hr);
+    *message = "cannot open the provider";
+    Close();
+  }
+  return hr;
+}
+
+void CShellConnection::Close() {
+  if (session_) session_->Release();
+  session_ = nullptr;
+  if (dataSource_) {
+    if (initialized_) {
+      Ref<IDBInitialize> init(Query<IDBInitialize>(dataSource_, IID_IDBInitialize));
+      if (init) init->Uninitialize();
+    }
+    dataSource_->Release();
+  }
+  dataSource_ = nullptr;
+  initialized_ = false;
+  if (host_) host_->Release();
+  host_ = nullptr;
+}
+
+HRESULT CShellConnection::Execute(const std::string& sql, const std::vector<Parameter>& parameters, IRowSink& sink,
+                                  const std::atomic<bool>& cancel, const ProgressCallback& progress,
+                                  Failure* failure) {
+  Ref<IDBCreateCommand> create(Query<IDBCreateCommand>(session_, IID_IDBCreateCommand));
+  if (!create) return *failure = Failure{E_NOINTERFACE, {"no open session"}}, E_NOINTERFACE;
+  Ref<ICommandText> command;
+  HRESULT hr = create->CreateCommand(nullptr, IID_ICommandText, reinterpret_cast<IUnknown**>(&command.p));
+  if (SUCCEEDED(hr)) hr = command->SetCommandText(DBGUID_DEFAULT, corvane::FromUtf8(sql).c_str());
+  if (SUCCEEDED(hr)) {
+    Ref<ICommandPrepare> prepare(Query<ICommandPrepare>(command.p, IID_ICommandPrepare));
+    hr = prepare ? prepare->Prepare(0) : E_NOINTERFACE;
+  }
+  if (FAILED(hr)) return *failure = TakeFailure(hr), hr;
+
+  // How many `?` the prepared statement has decides how many values it takes.
+  Ref<ICommandWithParameters> withParameters(Query<ICommandWithParameters>(command.p, IID_ICommandWithParameters));
+  DB_UPARAMS count = 0;
+  if (withParameters) {
+    DBPARAMINFO* infos = nullptr;
+    OLECHAR* names = nullptr;
+    if (SUCCEEDED(withParameters->GetParameterInfo(&count, &infos, &names))) {
+      CoTaskMemFree(infos);
+      CoTaskMemFree(names);
+    } else {
+      count = 0;
+      TakeFailure(S_OK);  // nothing described is no failure of the statement
+    }
+  }
+  if (count > parameters.size()) {
+    *failure = Failure{DB_E_PARAMNOTOPTIONAL, {"the statement has " + std::to_string(count) + " parameter(s) but " +
+                                                   std::to_string(parameters.size()) + " --param value(s) were given"}};
+    return DB_E_PARAMNOTOPTIONAL;
+  }
+  ParameterBuffer buffer;
+  Ref<IAccessor> parameterAccessor;
+  HACCESSOR handle = DB_NULL_HACCESSOR;
+  if (count) {
+    std::string error;
+    hr = buffer.Build(parameters, count, &error);
+    if (FAILED(hr)) return *failure = Failure{hr, {error}}, hr;
+    std::vector<DB_UPARAMS> ordinals;
+    std::vector<DBPARAMBINDINFO> infos;
+    std::vector<WString> typeNames;
+    for (size_t i = 0; i < count; ++i) typeNames.push_back(corvane::FromUtf8(parameters[i].typeName));
+    for (size_t i = 0; i < count; ++i) {
+      DBPARAMBINDINFO info{};
+      info.pwszDataSourceType = const_cast<LPOLESTR>(typeNames[i].c_str());
+      info.ulParamSize = buffer.bindings[i].cbMaxLen;
+      info.dwFlags = DBPARAMFLAGS_ISINPUT;
+      infos.push_back(info);
+      ordinals.push_back(i + 1);
+    }
+    hr = withParameters->SetParameterInfo(count, ordinals.data(), infos.data());
+    if (SUCCEEDED(hr)) {
+      parameterAccessor.p = Query<IAccessor>(command.p, IID_IAccessor);
+      hr = parameterAccessor ? parameterAccessor->CreateAccessor(DBACCESSOR_PARAMETERDATA, count,
+                                                                 buffer.bindings.data(), buffer.data.size(), &handle,
+                                                                 nullptr)
+                             : E_NOINTERFACE;
+    }
+    if (FAILED(hr)) return *failure = TakeFailure(hr), hr;
+  }
+  DBPARAMS params{buffer.data.data(), 1, handle};
+  IUnknown* rowset = nullptr;
+  DBROWCOUNT affected = 0;
+  hr = command->Execute(nullptr, IID_IRowset, count ? &params : nullptr, &affected, &rowset);
+  if (FAILED(hr)) *failure = TakeFailure(hr);
+  if (parameterAccessor) parameterAccessor->ReleaseAccessor(handle, nullptr);
+  if (FAILED(hr)) return hr;
+  if (!rowset) return S_OK;  // a statement without rows
+  hr = ReadRowset(rowset, sink, cancel, progress);
+  if (FAILED(hr) && hr != E_ABORT) *failure = TakeFailure(hr);
+  rowset->Release();
+  return hr;
+}
+
+HRESULT CShellConnection::Schema(REFGUID schema, const std::vector<std::string>& restrictions, IRowSink& sink,
+                                 Failure* failure) {
+  Ref<IDBSchemaRowset> schemas(Query<IDBSchemaRowset>(session_, IID_IDBSchemaRowset));
+  if (!schemas) return *failure = Failure{E_NOINTERFACE, {"the session has no schema rowsets"}}, E_NOINTERFACE;
+  std::vector<VARIANT> values(restrictions.size());
+  for (size_t i = 0; i < restrictions.size(); ++i) {
+    VariantInit(&values[i]);
+    if (restrictions[i].empty()) continue;
+    values[i].vt = VT_BSTR;
+    values[i].bstrVal = SysAllocString(corvane::FromUtf8(restrictions[i]).c_str());
+  }
+  IUnknown* rowset = nullptr;
+  HRESULT hr = schemas->GetRowset(nullptr, schema, static_cast<ULONG>(values.size()), values.data(), IID_IRowset, 0,
+                                  nullptr, &rowset);
+  for (auto& v : values) VariantClear(&v);
+  if (FAILED(hr)) return *failure = TakeFailure(hr), hr;
+  std::atomic<bool> never{false};
+  hr = ReadRowset(rowset, sink, never, nullptr);
+  if (FAILED(hr)) *failure = TakeFailure(hr);
+  rowset->Release();
+  return hr;
+}
+
+HRESULT CShellConnection::ReadRowset(IUnknown* rowset, IRowSink& sink, const std::atomic<bool>& cancel,
+                                     const ProgressCallback& progress) {
+  Ref<IColumnsInfo> info(Query<IColumnsInfo>(rowset, IID_IColumnsInfo));
+  Ref<IAccessor> accessor(Query<IAccessor>(rowset, IID_IAccessor));
+  Ref<IRowset> fetch(Query<IRowset>(rowset, IID_IRowset));
+  if (!info || !accessor || !fetch) return E_NOINTERFACE;
+  // A stored procedure's worker describes its columns as it starts producing rows, so
+  // the first batch is fetched before the columns are asked for.
+  DBCOUNTITEM obtained = 0;
+  HROW* rows = nullptr;
+  HRESULT hr = fetch->GetNextRows(DB_NULL_HCHAPTER, 0, kBatch, &obtained, &rows);
+  if (FAILED(hr)) return hr;
+  struct RowsHeld {  // the rows of the current batch, released on every way out
+    IRowset* fetch;
+    DBCOUNTITEM* obtained;
+    HROW** rows;
+    void Release() {
+      if (*obtained) fetch->ReleaseRows(*obtained, *rows, nullptr, nullptr, nullptr);
+      CoTaskMemFree(*rows);
+      *obtained = 0;
+      *rows = nullptr;
+    }
+    ~RowsHeld() { Release(); }
+  } held{fetch.p, &obtained, &rows};
+
+  DBORDINAL columnCount = 0;
+  DBCOLUMNINFO* columns = nullptr;
+  OLECHAR* names = nullptr;
+  HRESULT described = info->GetColumnInfo(&columnCount, &columns, &names);
+  if (FAILED(described)) return described;
+  std::vector<std::string> header;
+  std::vector<DBBINDING> bindings;
+  for (DBORDINAL i = 0; i < columnCount; ++i) {
+    // Ordinal 0 is the bookmark; the flags are not looked at, since procedure columns
+    // carry the bookmark bit on ordinary columns.
+    if (columns[i].iOrdinal == 0) continue;
+    DBBINDING b{};
+    const size_t at = bindings.size() * sizeof(Slot);
+    b.iOrdinal = columns[i].iOrdinal;
+    b.obStatus = at + offsetof(Slot, status);
+    b.obLength = at + offsetof(Slot, length);
+    b.obValue = at + offsetof(Slot, variant);
+    b.dwPart = DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS;
+    b.dwMemOwner = DBMEMOWNER_CLIENTOWNED;
+    b.eParamIO = DBPARAMIO_NOTPARAM;
+    b.wType = IsTimeType(columns[i].wType) ? DBTYPE_DBTIMESTAMP : DBTYPE_VARIANT;
+    b.cbMaxLen = b.wType == DBTYPE_VARIANT ? sizeof(VARIANT) : sizeof(DBTIMESTAMP);
+    bindings.push_back(b);
+    header.push_back(columns[i].pwszName ? corvane::ToUtf8(columns[i].pwszName) : "");
+  }
+  CoTaskMemFree(columns);
+  CoTaskMemFree(names);
+  HACCESSOR handle = DB_NULL_HACCESSOR;
+  if (!bindings.empty()) {
+    described = accessor->CreateAccessor(DBACCESSOR_ROWDATA, bindings.size(), bindings.data(),
+                                         bindings.size() * sizeof(Slot), &handle, nullptr);
+    if (FAILED(described)) return described;
+  }
+  sink.Begin(header);
+  std::vector<Slot> row(bindings.size());
+  std::vector<Cell> cells(bindings.size());
+  size_t fetched = 0;
+  bool complete = true;
+  for (;;) {
+    for (DBCOUNTITEM r = 0; r < obtained; ++r) {
+      memset(static_cast<void*>(row.data()), 0, row.size() * sizeof(Slot));
+      const HRESULT got = bindings.empty() ? S_OK : fetch->GetData(rows[r], handle, row.data());
+      for (size_t c = 0; c < bindings.size(); ++c) {
+        Slot& s = row[c];
+        if (FAILED(got) && got != DB_E_ERRORSOCCURRED) {
+          cells[c] = Cell{Cell::Text, "<error>"};
+        } else if (s.status == DBSTATUS_S_ISNULL) {
+          cells[c] = Cell{};
+        } else if (s.status != DBSTATUS_S_OK && s.status != DBSTATUS_S_TRUNCATED) {
+          cells[c] = Cell{Cell::Text, "<status " + std::to_string(s.status) + ">"};
+        } else if (bindings[c].wType == DBTYPE_DBTIMESTAMP) {
+          const DBTIMESTAMP& t = s.timestamp;
+          cells[c] = Cell{Cell::Time, Timestamp(t.year, t.month, t.day, t.hour, t.minute, t.second,
+                                                static_cast<int>(t.fraction / 1000000))};
+        } else {
+          cells[c] = CellFromVariant(s.variant);
+          VariantClear(&s.variant);
+        }
+      }
+      sink.Row(cells);
+    }
+    const bool more = hr == S_OK && obtained > 0;
+    fetched += obtained;
+    held.Release();
+    if (progress) progress(fetched);
+    if (!more) break;
+    if (cancel.load()) {
+      complete = false;
+      hr = E_ABORT;
+      break;
+    }
+    hr = fetch->GetNextRows(DB_NULL_HCHAPTER, 0, kBatch, &obtained, &rows);
+    if (FAILED(hr)) {
+      complete = false;
+      break;
+    }
+  }
+  if (SUCCEEDED(hr)) hr = S_OK;
+  sink.End(complete);
+  if (handle != DB_NULL_HACCESSOR) accessor->ReleaseAccessor(handle, nullptr);
+  return hr;
+}
+
+}  // namespace corvane::shell
