@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <initializer_list>
 #include <set>
 #include <string>
 #include <thread>
@@ -168,40 +169,31 @@ class FakeRaw final : public IRawDataProvider {
 
 // The tags of the suites. "Flow" is sloped; "FlowStep" has the same samples, stepped.
 void AddPlant(FakeRaw& raw) {
+  struct Sample {
+    double sec, value;
+    DWORD q;
+  };
+  auto add = [&raw](std::initializer_list<Sample> samples) {
+    for (const Sample& s : samples) raw.Add(s.sec, s.value, s.q);
+  };
   for (const OLECHAR* name : {OLESTR("Flow"), OLESTR("FlowStep")}) {
     raw.AddTag(name, VT_R8, name[4] != 0);
-    raw.Add(-10, 0);
-    raw.Add(0, 10);
-    raw.Add(20, 30);
-    raw.Add(40, 10);
-    raw.Add(50, 20, kBadQ);
-    raw.Add(60, 40);
-    raw.Add(130, 40);
+    add({{-10, 0, 0}, {0, 10, 0}, {20, 30, 0}, {40, 10, 0}, {50, 20, kBadQ}, {60, 40, 0}, {130, 40, 0}});
   }
   raw.AddTag(OLESTR("Pump"), VT_BOOL, true);
-  raw.Add(-20, 1);
-  raw.Add(10, 0);
-  raw.Add(30, 1);
-  raw.Add(60, 1);
-  raw.Add(70, 0, kBadQ);
-  raw.Add(80, 0);
+  add({{-20, 1, 0}, {10, 0, 0}, {30, 1, 0}, {60, 1, 0}, {70, 0, kBadQ}, {80, 0, 0}});
   raw.AddTag(OLESTR("Level"), VT_R8, false);
-  raw.Add(0, 10);
-  raw.Add(10, 20, kUncertainQ);
-  raw.Add(20, 30);
-  raw.Add(30, 40, kUncertainQ);
+  add({{0, 10, 0}, {10, 20, kUncertainQ}, {20, 30, 0}, {30, 40, kUncertainQ}});
   raw.AddTag(OLESTR("Late"), VT_I4, false);
-  raw.Add(50, 5);
+  add({{50, 5, 0}});
   raw.AddTag(OLESTR("Mode"), VT_BSTR, true);
   raw.AddText(0, OLESTR("A"));
   raw.AddText(10, OLESTR("B"));
   // Not listed by the browse: interpolation follows the value type.
   raw.AddTag(OLESTR("HiddenReal"), VT_R8, true, false);
-  raw.Add(0, 0);
-  raw.Add(10, 10);
+  add({{0, 0, 0}, {10, 10, 0}});
   raw.AddTag(OLESTR("HiddenBool"), VT_BOOL, false, false);
-  raw.Add(0, 0);
-  raw.Add(10, 1);
+  add({{0, 0, 0}, {10, 1, 0}});
 }
 
 struct Answer {
