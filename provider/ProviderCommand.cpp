@@ -9,6 +9,7 @@
 #include "provider/ErrorReporting.h"
 #include "provider/InterfaceName.h"
 #include "provider/Module.h"
+#include "provider/ProviderIRowset.h"
 #include "provider/ProviderSession.h"
 #include "provider/RowsetPropertySets.h"
 #include "provider/Trace.h"
@@ -515,6 +516,11 @@ HRESULT CProviderCommand::FillParameters(const DBPARAMS& params, std::vector<VAR
   DBCOUNTITEM count = 0;
   DBBINDING* bindings = nullptr;
   HRESULT hr = GetBindings(params.hAccessor, &flags, &count, &bindings);
+  if (SUCCEEDED(hr) && !(flags & DBACCESSOR_PARAMETERDATA)) {
+    // A row accessor of the command: it binds columns, not `?` values.
+    CoTaskMemFree(bindings);
+    hr = DB_E_BADACCESSORTYPE;
+  }
   if (FAILED(hr)) {
     corvane::PostFailure(IID_ICommand, hr, kSource);
     CVTRACE(TRACE_ERROR, OLESTR("Failed to get bindings, HR = %X."), static_cast<unsigned>(hr));
@@ -643,6 +649,13 @@ HRESULT CProviderCommand::Execute(IUnknown* pUnkOuter, REFIID riid, DBPARAMS* pP
     request.specification = specification;
     hr = CCommandProviderRowset::Execute(request, pcRowsAffected, riid, ppRowset);
     specification->Release();  // the rowset keeps its own reference while it lives
+    if (SUCCEEDED(hr) && ppRowset && *ppRowset) {
+      hr = HandRowAccessorsTo(*ppRowset);
+      if (FAILED(hr)) {
+        (*ppRowset)->Release();
+        *ppRowset = nullptr;
+      }
+    }
   }
   SysFreeString(catalog);
   SysFreeString(schema);
@@ -650,6 +663,29 @@ HRESULT CProviderCommand::Execute(IUnknown* pUnkOuter, REFIID riid, DBPARAMS* pP
   CVTRACE(TRACE_ERROR, OLESTR("Failed to create create rowset (%X)."), static_cast<unsigned>(hr));
   TraceUnsupported(hr, riid);
   corvane::PostFailure(IID_ICommand, hr, kSource);
+  return hr;
+}
+
+HRESULT CProviderCommand::HandRowAccessorsTo(IUnknown* rowset) {
+  bool any = false;
+  for (const auto& entry : accessors_) any = any || (entry.second.flags & DBACCESSOR_ROWDATA);
+  if (!any) return S_OK;
+  IAccessor* accessor = nullptr;
+  HRESULT hr = rowset->QueryInterface(IID_IAccessor, reinterpret_cast<void**>(&accessor));
+  if (FAILED(hr)) return hr;
+  // Execute's rowsets are all built on the shared rowset core, whose IAccessor this is.
+  auto* core = static_cast<CProviderIRowset*>(accessor);
+  for (const auto& entry : accessors_) {
+    if (!(entry.second.flags & DBACCESSOR_ROWDATA)) continue;
+    const Accessor& a = entry.second;
+    hr = core->InheritAccessor(entry.first, a.flags, a.bindings.size(), a.bindings.data());
+    if (FAILED(hr)) {
+      CVTRACE(TRACE_ERROR, OLESTR("Row accessor %d does not fit the rowset, HR = %X"),
+              static_cast<int>(entry.first), static_cast<unsigned>(hr));
+      break;
+    }
+  }
+  accessor->Release();
   return hr;
 }
 
@@ -685,30 +721,37 @@ HRESULT CProviderCommand::CreateAccessor(DBACCESSORFLAGS dwAccessorFlags, DBCOUN
   if (!phAccessor) return E_INVALIDARG;
   *phAccessor = DB_NULL_HACCESSOR;
   if (cBindings && !rgBindings) return E_INVALIDARG;
-  // Parameter accessors only: the rowsets make their own row accessors.
+  // Parameter accessors for Execute, or row accessors that every rowset of the command
+  // inherits; one accessor is not both.
   const DBACCESSORFLAGS kind = dwAccessorFlags & ~static_cast<DBACCESSORFLAGS>(DBACCESSOR_OPTIMIZED);
-  if (kind != DBACCESSOR_PARAMETERDATA) return DB_E_BADACCESSORFLAGS;
+  if (kind == (DBACCESSOR_ROWDATA | DBACCESSOR_PASSBYREF)) return DB_E_BYREFACCESSORNOTSUPPORTED;
+  if (kind != DBACCESSOR_PARAMETERDATA && kind != DBACCESSOR_ROWDATA) return DB_E_BADACCESSORFLAGS;
+  const bool rows = kind == DBACCESSOR_ROWDATA;
   if (cBindings == 0) return DB_E_NULLACCESSORNOTSUPPORTED;
 
+  corvane::platform::CriticalSectionLock guard(CommandLock());
   bool bad = false;
   for (DBCOUNTITEM i = 0; i < cBindings; ++i) {
     const DBBINDING& b = rgBindings[i];
     DBBINDSTATUS status = DBBINDSTATUS_OK;
-    if (b.iOrdinal == 0)
+    // The columns are known once prepared; conversions are checked by the rowset that
+    // inherits the accessor, at Execute.
+    if (b.iOrdinal == 0 || (rows && query_ && b.iOrdinal > outputColumns_.size()))
       status = DBBINDSTATUS_BADORDINAL;
     else if (!(b.dwPart & (DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS)) ||
              (b.dwPart & ~static_cast<DBPART>(DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS)))
       status = DBBINDSTATUS_BADBINDINFO;
-    else if (b.eParamIO != DBPARAMIO_INPUT)  // output parameters are not available
+    else if (b.eParamIO != (rows ? DBPARAMIO_NOTPARAM : DBPARAMIO_INPUT))  // no output parameters
       status = DBBINDSTATUS_BADBINDINFO;
     else if ((b.wType & ~DBTYPE_BYREF) == DBTYPE_EMPTY || (b.wType & (DBTYPE_ARRAY | DBTYPE_VECTOR)))
+      status = DBBINDSTATUS_BADBINDINFO;
+    else if (rows && b.pObject)  // no column of the provider is a storage object
       status = DBBINDSTATUS_BADBINDINFO;
     if (rgStatus) rgStatus[i] = status;
     if (status != DBBINDSTATUS_OK) bad = true;
   }
   if (bad) return DB_E_ERRORSOCCURRED;
 
-  corvane::platform::CriticalSectionLock guard(CommandLock());
   Accessor accessor;
   accessor.flags = dwAccessorFlags;
   accessor.bindings.assign(rgBindings, rgBindings + cBindings);

@@ -54,7 +54,7 @@ class CProviderCommand final : public ICommandText,
                                           ULONG* pcPropertySets, DBPROPSET** prgPropertySets) override;
   HRESULT STDMETHODCALLTYPE SetProperties(ULONG cPropertySets, DBPROPSET rgPropertySets[]) override;
 
-  // IAccessor (parameter accessors)
+  // IAccessor (parameter accessors, and row accessors its rowsets inherit)
   HRESULT STDMETHODCALLTYPE AddRefAccessor(HACCESSOR hAccessor, DBREFCOUNT* pcRefCount) override;
   HRESULT STDMETHODCALLTYPE CreateAccessor(DBACCESSORFLAGS dwAccessorFlags, DBCOUNTITEM cBindings,
                                            const DBBINDING rgBindings[], DBLENGTH cbRowSize, HACCESSOR* phAccessor,
@@ -99,6 +99,9 @@ class CProviderCommand final : public ICommandText,
   HRESULT InitializeOutputColumns();
   HRESULT CreateColumnBindings();
   HRESULT FillParameters(const DBPARAMS& params, std::vector<VARIANT>& values);
+  // Gives a new rowset of this command a copy of each of the command's row accessors,
+  // under the same handles.
+  HRESULT HandRowAccessorsTo(IUnknown* rowset);
 
   std::atomic<ULONG> refs_{1};
   std::atomic<long> openRowsets_{0};

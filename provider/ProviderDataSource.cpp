@@ -390,7 +390,7 @@ void CProviderDataSource::ParseProviderString(const OLECHAR* text) {
 HRESULT CProviderDataSource::CreateSessionObject(IUnknown* pUnkOuter, REFIID riid, IUnknown** ppDBSession) {
   // Sessions are not aggregatable.
   if (pUnkOuter) return DB_E_NOAGGREGATION;
-  return CProviderSession::Create(static_cast<IProviderDataSource*>(this), riid, ppDBSession);
+  return CProviderSession::Create(static_cast<IProviderDataSource*>(this), &openSessions_, riid, ppDBSession);
 }
 
 HRESULT CProviderDataSource::CreateSession(IUnknown* pUnkOuter, REFIID riid, IUnknown** ppDBSession) {
@@ -401,6 +401,9 @@ HRESULT CProviderDataSource::CreateSession(IUnknown* pUnkOuter, REFIID riid, IUn
     hr = E_INVALIDARG;
   } else {
     *ppDBSession = nullptr;
+    // Under the lock Uninitialize takes, so that no session appears between its count
+    // of open sessions and the end of the initialised state.
+    corvane::platform::CriticalSectionLock guard(lock_);
     if (!initialized_.load())
       hr = E_UNEXPECTED;
     else if (pUnkOuter && !IsEqualIID(riid, IID_IUnknown))

@@ -381,6 +381,27 @@ HRESULT STDMETHODCALLTYPE CProviderIRowset::CreateAccessor(DBACCESSORFLAGS dwAcc
   return S_OK;
 }
 
+HRESULT CProviderIRowset::InheritAccessor(HACCESSOR hAccessor, DBACCESSORFLAGS dwAccessorFlags, DBCOUNTITEM cBindings,
+                                          const DBBINDING rgBindings[]) {
+  if (hAccessor == DB_NULL_HACCESSOR) return DB_E_BADACCESSORHANDLE;
+  HACCESSOR made = DB_NULL_HACCESSOR;
+  const HRESULT hr = CreateAccessor(dwAccessorFlags, cBindings, rgBindings, 0, &made, nullptr);
+  if (FAILED(hr)) return hr;
+  CriticalSectionLock lock(m_Lock);
+  if (made != hAccessor) {
+    if (m_Accessors.count(hAccessor)) {
+      m_Accessors.erase(made);
+      return DB_E_BADACCESSORHANDLE;
+    }
+    // Rehomed under the command's handle; the node, and so the accessor, stays put.
+    auto node = m_Accessors.extract(made);
+    node.key() = hAccessor;
+    m_Accessors.insert(std::move(node));
+  }
+  if (hAccessor > m_AccessorGenerator) m_AccessorGenerator = hAccessor;
+  return S_OK;
+}
+
 HRESULT STDMETHODCALLTYPE CProviderIRowset::AddRefAccessor(HACCESSOR hAccessor, DBREFCOUNT* pcRefCount) {
   CVTRACE(TRACE_DETAIL, OLESTR("Called CProviderIRowset::AddRefAccessor"));
   CriticalSectionLock lock(m_Lock);

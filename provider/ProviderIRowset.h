@@ -80,6 +80,12 @@ class CProviderIRowset : public IRowset,
   // DB_E_READONLY for one it does not let change, DB_E_BADTYPE for a value of the wrong type.
   HRESULT SetRowsetProperty(DBPROPID id, const VARIANT& value);
 
+  // For the command that made the rowset: its row accessor `hAccessor` becomes the
+  // rowset's under the same handle, checked against the rowset's columns as
+  // CreateAccessor checks. Later handles of the rowset's own come after it.
+  HRESULT InheritAccessor(HACCESSOR hAccessor, DBACCESSORFLAGS dwAccessorFlags, DBCOUNTITEM cBindings,
+                          const DBBINDING rgBindings[]);
+
   CDataStore* Store() const { return m_pStore.get(); }
   RowsetKind Kind() const { return m_Kind; }
   // Elapsed time inside GetNextRows and between its calls, in nanoseconds.

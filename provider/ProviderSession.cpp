@@ -28,23 +28,29 @@ const corvane::PropertySetDefinition kSessionSets[] = {
 
 }  // namespace
 
-HRESULT CProviderSession::Create(IProviderDataSource* dataSource, REFIID riid, IUnknown** ppSession) {
+HRESULT CProviderSession::Create(IProviderDataSource* dataSource, std::atomic<long>* openSessions, REFIID riid,
+                                 IUnknown** ppSession) {
   if (!dataSource || !ppSession) return E_INVALIDARG;
   *ppSession = nullptr;
-  auto* session = new (std::nothrow) CProviderSession(dataSource);
+  auto* session = new (std::nothrow) CProviderSession(dataSource, openSessions);
   if (!session) return E_OUTOFMEMORY;
   const HRESULT hr = session->QueryInterface(riid, reinterpret_cast<void**>(ppSession));
   session->Release();
   return hr;
 }
 
-CProviderSession::CProviderSession(IProviderDataSource* dataSource)
-    : dataSource_(dataSource), properties_(kSessionSets, sizeof kSessionSets / sizeof kSessionSets[0]) {
+CProviderSession::CProviderSession(IProviderDataSource* dataSource, std::atomic<long>* openSessions)
+    : dataSource_(dataSource),
+      openSessions_(openSessions),
+      properties_(kSessionSets, sizeof kSessionSets / sizeof kSessionSets[0]) {
   dataSource_->AddRef();
+  if (openSessions_) openSessions_->fetch_add(1);
   corvane::module::Lock();
 }
 
 CProviderSession::~CProviderSession() {
+  // The count lives in the data source, which this session still holds here.
+  if (openSessions_) openSessions_->fetch_sub(1);
   dataSource_->Release();
   corvane::module::Unlock();
 }

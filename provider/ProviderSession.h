@@ -19,7 +19,10 @@ class CProviderSession final : public IOpenRowset,
                                public ISupportErrorInfo {
  public:
   // A new session over `dataSource` (which it holds), returning interface `riid`.
-  static HRESULT Create(IProviderDataSource* dataSource, REFIID riid, IUnknown** ppSession);
+  // `openSessions` (may be null) is the data source's count of live sessions: the
+  // session adds itself to it now and takes itself off when it is destroyed.
+  static HRESULT Create(IProviderDataSource* dataSource, std::atomic<long>* openSessions, REFIID riid,
+                        IUnknown** ppSession);
 
   // For the session's commands: the data source with a reference for the caller.
   HRESULT GetProviderDataSource(IProviderDataSource** dataSource);
@@ -57,7 +60,7 @@ class CProviderSession final : public IOpenRowset,
   HRESULT STDMETHODCALLTYPE InterfaceSupportsErrorInfo(REFIID riid) override;
 
  private:
-  explicit CProviderSession(IProviderDataSource* dataSource);
+  CProviderSession(IProviderDataSource* dataSource, std::atomic<long>* openSessions);
   ~CProviderSession();
 
   HRESULT Fail(REFIID iid, HRESULT hr);
@@ -69,6 +72,7 @@ class CProviderSession final : public IOpenRowset,
 
   std::atomic<ULONG> refs_{1};
   IProviderDataSource* dataSource_;
+  std::atomic<long>* openSessions_;
   corvane::platform::CriticalSection lock_;
   corvane::CPropertyEngine properties_;
 };

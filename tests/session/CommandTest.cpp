@@ -299,9 +299,9 @@ TEST_F(CommandExecution, ParameterSetsAndAccessorsAreChecked) {
   IAccessor* accessor = Query<IAccessor>(text_, IID_IAccessor);
   TextParameters values{OLESTR("Area1.Temp")};
   HACCESSOR handle = DB_NULL_HACCESSOR;
-  // Row accessors are the rowset's business; output parameters do not exist.
-  EXPECT_EQ(DB_E_BADACCESSORFLAGS, accessor->CreateAccessor(DBACCESSOR_ROWDATA, 1, values.bindings.data(), 0,
-                                                             &handle, nullptr));
+  // One accessor is not both kinds; output parameters do not exist.
+  EXPECT_EQ(DB_E_BADACCESSORFLAGS, accessor->CreateAccessor(DBACCESSOR_ROWDATA | DBACCESSOR_PARAMETERDATA, 1,
+                                                             values.bindings.data(), 0, &handle, nullptr));
   DBBINDING output = values.bindings[0];
   output.eParamIO = DBPARAMIO_OUTPUT;
   DBBINDSTATUS status = DBBINDSTATUS_OK;
@@ -328,6 +328,81 @@ TEST_F(CommandExecution, ParameterSetsAndAccessorsAreChecked) {
   EXPECT_EQ(DB_E_PARAMNOTOPTIONAL, text_->Execute(nullptr, IID_IRowset, nullptr, nullptr, &rowset));
   EXPECT_EQ(DB_E_PARAMNOTOPTIONAL, TakeLastError().hr);
   accessor->ReleaseAccessor(handle, nullptr);
+  accessor->Release();
+}
+
+TEST_F(CommandExecution, RowAccessorsOfTheCommandReadItsRowsets) {
+  ASSERT_EQ(S_OK, text_->SetCommandText(DBGUID_DEFAULT, OLESTR("SELECT TAGNAME FROM TAGS")));
+  IAccessor* accessor = Query<IAccessor>(text_, IID_IAccessor);
+  struct Cell {
+    DBSTATUS status;
+    OLECHAR text[64];
+  };
+  DBBINDING name{};
+  name.iOrdinal = 1;
+  name.obStatus = offsetof(Cell, status);
+  name.obValue = offsetof(Cell, text);
+  name.dwPart = DBPART_VALUE | DBPART_STATUS;
+  name.dwMemOwner = DBMEMOWNER_CLIENTOWNED;
+  name.eParamIO = DBPARAMIO_NOTPARAM;
+  name.cbMaxLen = sizeof Cell::text;
+  name.wType = DBTYPE_WSTR;
+  HACCESSOR stale = DB_NULL_HACCESSOR, handle = DB_NULL_HACCESSOR;
+  ASSERT_EQ(S_OK, accessor->CreateAccessor(DBACCESSOR_ROWDATA, 1, &name, sizeof(Cell), &stale, nullptr));
+  ASSERT_EQ(S_OK, accessor->CreateAccessor(DBACCESSOR_ROWDATA, 1, &name, sizeof(Cell), &handle, nullptr));
+  EXPECT_EQ(S_OK, accessor->ReleaseAccessor(stale, nullptr));
+  // Not an accessor for parameters.
+  DBPARAMS params{nullptr, 1, handle};
+  IUnknown* rowset = nullptr;
+  EXPECT_EQ(DB_E_BADACCESSORTYPE, text_->Execute(nullptr, IID_IRowset, &params, nullptr, &rowset));
+  TakeLastError();
+
+  for (int run = 0; run < 2; ++run) {  // every rowset of the command inherits it
+    ASSERT_EQ(S_OK, text_->Execute(nullptr, IID_IRowset, nullptr, nullptr, &rowset));
+    IRowset* rows = Query<IRowset>(rowset, IID_IRowset);
+    IAccessor* own = Query<IAccessor>(rowset, IID_IAccessor);
+    DBCOUNTITEM obtained = 0;
+    HROW* handles = nullptr;
+    ASSERT_EQ(DB_S_ENDOFROWSET, rows->GetNextRows(DB_NULL_HCHAPTER, 0, 10, &obtained, &handles));
+    ASSERT_EQ(2u, obtained);
+    Cell cell{};
+    EXPECT_EQ(S_OK, rows->GetData(handles[1], handle, &cell));
+    EXPECT_EQ("Area1.Text", corvane::ToUtf8(cell.text));
+    EXPECT_EQ(DB_E_BADACCESSORHANDLE, rows->GetData(handles[0], stale, &cell));
+    // The rowset's own accessors get handles of their own.
+    HACCESSOR mine = DB_NULL_HACCESSOR;
+    ASSERT_EQ(S_OK, own->CreateAccessor(DBACCESSOR_ROWDATA, 1, &name, sizeof(Cell), &mine, nullptr));
+    EXPECT_NE(handle, mine);
+    EXPECT_EQ(S_OK, rows->GetData(handles[0], mine, &cell));
+    EXPECT_EQ("Area1.Temp", corvane::ToUtf8(cell.text));
+    EXPECT_EQ(S_OK, own->ReleaseAccessor(handle, nullptr));
+    EXPECT_EQ(DB_E_BADACCESSORHANDLE, rows->GetData(handles[0], handle, &cell));
+    rows->ReleaseRows(obtained, handles, nullptr, nullptr, nullptr);
+    CoTaskMemFree(handles);
+    own->ReleaseAccessor(mine, nullptr);
+    own->Release();
+    rows->Release();
+    rowset->Release();
+  }
+
+  // A prepared command knows its columns; an unprepared one leaves the check to the rowset.
+  DBBINDING beyond = name;
+  beyond.iOrdinal = 2;
+  HACCESSOR late = DB_NULL_HACCESSOR;
+  DBBINDSTATUS status = DBBINDSTATUS_OK;
+  EXPECT_EQ(DB_E_ERRORSOCCURRED, accessor->CreateAccessor(DBACCESSOR_ROWDATA, 1, &beyond, 0, &late, &status));
+  EXPECT_EQ(DBBINDSTATUS_BADORDINAL, status);
+  ICommandPrepare* prepare = Query<ICommandPrepare>(text_, IID_ICommandPrepare);
+  EXPECT_EQ(S_OK, prepare->Unprepare());
+  prepare->Release();
+  ASSERT_EQ(S_OK, accessor->CreateAccessor(DBACCESSOR_ROWDATA, 1, &beyond, 0, &late, nullptr));
+  EXPECT_EQ(DB_E_BADBINDINFO, text_->Execute(nullptr, IID_IRowset, nullptr, nullptr, &rowset));
+  EXPECT_EQ(nullptr, rowset);
+  EXPECT_EQ(DB_E_BADBINDINFO, TakeLastError().hr);
+  EXPECT_EQ(S_OK, accessor->ReleaseAccessor(late, nullptr));
+  // No rowset is left open by the refused execution.
+  EXPECT_EQ(S_OK, text_->SetCommandText(DBGUID_DEFAULT, OLESTR("SELECT * FROM TAGS")));
+  EXPECT_EQ(S_OK, accessor->ReleaseAccessor(handle, nullptr));
   accessor->Release();
 }
 

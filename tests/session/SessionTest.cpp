@@ -91,6 +91,44 @@ TEST_F(SessionObject, AnswersItsInterfacesAndLeadsBackToItsDataSource) {
   EXPECT_EQ(before, RefCount(dataSource_));
 }
 
+TEST_F(SessionObject, OpenSessionsKeepTheDataSourceInitialised) {
+  IDBInitialize* init = Query<IDBInitialize>(dataSource_, IID_IDBInitialize);
+  ASSERT_NE(nullptr, init);
+  TraceCapture trace;
+  EXPECT_EQ(DB_E_OBJECTOPEN, init->Uninitialize());
+  EXPECT_TRACED(trace, "Uninitialize, HR = 80040E05");
+  auto error = TakeLastError();
+  EXPECT_EQ(DB_E_OBJECTOPEN, error.hr);
+  EXPECT_TRUE(IsEqualIID(IID_IDBInitialize, error.iid));
+
+  // A rowset holds its command, which holds the session the consumer let go of.
+  IDBCreateCommand* create = Query<IDBCreateCommand>(session_, IID_IDBCreateCommand);
+  ICommandText* command = nullptr;
+  ASSERT_EQ(S_OK, create->CreateCommand(nullptr, IID_ICommandText, reinterpret_cast<IUnknown**>(&command)));
+  create->Release();
+  ASSERT_EQ(S_OK, command->SetCommandText(DBGUID_DEFAULT, OLESTR("SELECT * FROM TAGS")));
+  IUnknown* rowset = nullptr;
+  ASSERT_EQ(S_OK, command->Execute(nullptr, IID_IRowset, nullptr, nullptr, &rowset));
+  command->Release();
+  session_->Release();
+  session_ = nullptr;
+  EXPECT_EQ(DB_E_OBJECTOPEN, init->Uninitialize());
+  TakeLastError();
+  rowset->Release();
+  EXPECT_EQ(S_OK, init->Uninitialize());
+
+  IDBCreateSession* sessions = Query<IDBCreateSession>(dataSource_, IID_IDBCreateSession);
+  IUnknown* session = nullptr;
+  EXPECT_EQ(E_UNEXPECTED, sessions->CreateSession(nullptr, IID_IOpenRowset, &session));
+  TakeLastError();
+  ASSERT_EQ(S_OK, init->Initialize());
+  // A session refused for its interface never counted.
+  EXPECT_EQ(E_NOINTERFACE, sessions->CreateSession(nullptr, IID_IDBInitialize, &session));
+  TakeLastError();
+  sessions->Release();
+  init->Release();
+}
+
 TEST_F(SessionObject, SessionPropertiesReadAndWrite) {
   ISessionProperties* props = Query<ISessionProperties>(session_, IID_ISessionProperties);
   ASSERT_NE(nullptr, props);
