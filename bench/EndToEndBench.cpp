@@ -1,0 +1,162 @@
+// Rows per second of SELECT * FROM RAWDATA end to end: ten million samples of one tag
+// in the reference historian, read by a consumer through the provider's OLE DB
+// interfaces (command text, Execute, GetNextRows in batches of 1000, GetData per row
+// with TAGNAME as WSTR, TIMESTAMP as DBTIMESTAMP, QUALITY as UI4 and VALUE as VARIANT,
+// ReleaseRows), next to the paged raw read of the same samples straight from the
+// historian in pages of the default MAX_ROWS_TO_RETURN (the floor), in the same run.
+// Prints both rates, their ratio and the peak memory of the streamed read.
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <fstream>
+#include <map>
+#include <string>
+
+#include "platform/WideString.h"
+#include "tests/e2e/SelectConsumer.h"
+
+namespace {
+
+using corvane::e2e::ConsumerRow;
+using corvane::e2e::SelectConsumer;
+
+constexpr size_t kSamples = 10000000;
+constexpr ULONG kPage = 2000;
+constexpr ULONGLONG kLastSample = corvane::e2e::kFirstSample + (kSamples - 1) * corvane::e2e::kSampleStep;
+
+std::shared_ptr<corvane::historian::CHistorianStore> g_store;
+IUnknown* g_host = nullptr;
+IRawDataProvider* g_raw = nullptr;
+SelectConsumer g_consumer;
+
+// Resident memory of the process in bytes now and at its peak (Linux), 0 where unknown.
+size_t StatusBytes(const char* field) {
+  std::ifstream status("/proc/self/status");
+  std::string line;
+  const std::string key = std::string(field) + ":";
+  while (std::getline(status, line))
+    if (line.rfind(key, 0) == 0) return std::stoull(line.substr(key.size())) * 1024;
+  return 0;
+}
+
+void BM_RawReadPaged(benchmark::State& state) {
+  OLECHAR catalog[] = OLESTR("Plant"), schema[] = OLESTR("s");
+  corvane::WString name(corvane::e2e::kTagName);
+  TagIdent tag{catalog, schema, &name[0]};
+  size_t samples = 0;
+  double checksum = 0;
+  for (auto _ : state) {
+    void* cp = nullptr;
+    do {
+      HistoryValueList* list = nullptr;
+      if (FAILED(g_raw->ReadRaw(&tag, U64ToFileTime(corvane::e2e::kFirstSample), U64ToFileTime(kLastSample), kPage,
+                                kRawReadIncludeBounds, &cp, &list)))
+        break;
+      samples += list->count;
+      if (list->count) checksum += V_R8(&list->values[list->count - 1].value);
+      FreeHistoryValueList(list);
+    } while (cp);
+  }
+  benchmark::DoNotOptimize(checksum);
+  if (samples != kSamples * state.iterations()) state.SkipWithError("short read");
+  state.counters["rows/s"] = benchmark::Counter(static_cast<double>(samples), benchmark::Counter::kIsRate);
+}
+BENCHMARK(BM_RawReadPaged)->Unit(benchmark::kMillisecond)->MinTime(2.0)->UseRealTime()->MeasureProcessCPUTime();
+
+double g_firstRowsMs = 0;
+
+void BM_SelectEndToEnd(benchmark::State& state) {
+  size_t rows = 0;
+  double checksum = 0;
+  for (auto _ : state) {
+    corvane::e2e::FetchStats stats;
+    const HRESULT hr = g_consumer.Select(OLESTR("SELECT * FROM RAWDATA"), &stats,
+                                         [&](const ConsumerRow* batch, const HRESULT* results, size_t count) {
+                                           for (size_t i = 0; i < count; ++i) {
+                                             if (results[i] != S_OK) return false;
+                                             checksum += V_R8(&batch[i].value) + batch[i].quality +
+                                                         batch[i].timestamp.second + batch[i].tag[0];
+                                           }
+                                           return true;
+                                         });
+    if (FAILED(hr)) {
+      state.SkipWithError("SELECT failed");
+      break;
+    }
+    rows += stats.rows;
+    g_firstRowsMs = stats.secondsToFirstRows * 1e3;
+  }
+  benchmark::DoNotOptimize(checksum);
+  if (rows != kSamples * state.iterations()) state.SkipWithError("short fetch");
+  state.counters["rows/s"] = benchmark::Counter(static_cast<double>(rows), benchmark::Counter::kIsRate);
+}
+BENCHMARK(BM_SelectEndToEnd)->Unit(benchmark::kMillisecond)->MinTime(2.0)->UseRealTime()->MeasureProcessCPUTime();
+
+// Keeps each benchmark's rows/s and process CPU time per row (all threads, so the
+// provider's worker counts) for the closing ratio.
+class RateReporter : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    for (const Run& run : runs) {
+      auto it = run.counters.find("rows/s");
+      if (it != run.counters.end() && !run.error_occurred && run.run_type == Run::RT_Iteration) {
+        rates[run.benchmark_name()] = it->second.value;
+        cpuPerRow[run.benchmark_name()] = run.GetAdjustedCPUTime() / static_cast<double>(kSamples);
+      }
+    }
+    ConsoleReporter::ReportRuns(runs);
+  }
+  std::map<std::string, double> rates;
+  std::map<std::string, double> cpuPerRow;  // in the benchmark's time unit
+};
+
+bool Load() {
+  g_store = corvane::e2e::MakeSeriesStore(kSamples);
+  if (!g_store) return false;
+  if (FAILED(corvane::e2e::CreateSeriesHost(g_store, &g_host))) return false;
+  if (FAILED(g_host->QueryInterface(IID_IRawDataProvider, reinterpret_cast<void**>(&g_raw)))) return false;
+  return SUCCEEDED(g_consumer.Open(g_host)) &&
+         SUCCEEDED(g_consumer.UseTimeRange(corvane::e2e::kFirstSample, kLastSample));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  const size_t before = StatusBytes("VmRSS");
+  if (!Load()) {
+    std::fprintf(stderr, "could not build the series or open the provider over it\n");
+    return 1;
+  }
+  const size_t loaded = StatusBytes("VmRSS");
+  std::printf("series: %zu samples, %.1f MB in sample columns, process RSS grew %.1f MB while loading\n",
+              g_store->SampleCount(), g_store->MemoryBytes() / 1e6, (loaded - before) / 1e6);
+  RateReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  double select = 0, raw = 0, selectCpu = 0, rawCpu = 0;
+  for (const auto& [name, rate] : reporter.rates) {
+    if (name.rfind("BM_SelectEndToEnd", 0) == 0) {
+      select = rate;
+      selectCpu = reporter.cpuPerRow[name] * 1e6;  // milliseconds to nanoseconds
+    }
+    if (name.rfind("BM_RawReadPaged", 0) == 0) {
+      raw = rate;
+      rawCpu = reporter.cpuPerRow[name] * 1e6;
+    }
+  }
+  const size_t peak = StatusBytes("VmHWM");
+  if (select > 0 && raw > 0) {
+    std::printf("SELECT end to end: %.0f rows/s, paged raw read: %.0f rows/s, ratio %.2f (target 0.50)\n", select,
+                raw, select / raw);
+    std::printf("process CPU per row: SELECT %.0f ns, raw read %.0f ns; first rows after %.1f ms\n", selectCpu,
+                rawCpu, g_firstRowsMs);
+  }
+  std::printf("peak RSS %.1f MB, %.1f MB above the loaded series\n", peak / 1e6,
+              (peak > loaded ? peak - loaded : 0) / 1e6);
+  g_consumer.Close();
+  g_raw->Release();
+  g_host->Release();
+  g_store.reset();
+  benchmark::Shutdown();
+  return 0;
+}

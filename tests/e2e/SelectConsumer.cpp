@@ -1,0 +1,219 @@
+#include "tests/e2e/SelectConsumer.h"
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+#include "historian/Aggregates.h"
+#include "platform/WideString.h"
+#include "provider/CreateCorvaneOleDbProviderImpl.h"
+#include "provider/ICreateCorvaneOleDbProvider.h"
+
+namespace corvane::e2e {
+
+const OLECHAR kTagName[] = OLESTR("Plant.Flow");
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+template <typename T>
+T* Query(IUnknown* object, REFIID iid) {
+  T* p = nullptr;
+  if (!object || FAILED(object->QueryInterface(iid, reinterpret_cast<void**>(&p)))) return nullptr;
+  return p;
+}
+
+DBBINDING Bind(DBORDINAL ordinal, DBTYPE type, DBBYTEOFFSET value, DBLENGTH maxLen, size_t slot) {
+  DBBINDING b;
+  std::memset(&b, 0, sizeof b);
+  b.iOrdinal = ordinal;
+  b.obValue = value;
+  b.obLength = offsetof(ConsumerRow, lengths) + slot * sizeof(DBLENGTH);
+  b.obStatus = offsetof(ConsumerRow, statuses) + slot * sizeof(DBSTATUS);
+  b.dwPart = DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS;
+  b.dwMemOwner = DBMEMOWNER_CLIENTOWNED;
+  b.eParamIO = DBPARAMIO_NOTPARAM;
+  b.cbMaxLen = maxLen;
+  b.wType = type;
+  return b;
+}
+
+// "YYYY-MM-DD HH:MM:SS" of a UTC time, as the query settings read it.
+WString TimeText(ULONGLONG ticks) {
+  FILETIME time;
+  time.dwLowDateTime = static_cast<DWORD>(ticks);
+  time.dwHighDateTime = static_cast<DWORD>(ticks >> 32);
+  SYSTEMTIME s{};
+  if (!FileTimeToSystemTime(&time, &s)) return WString();
+  return WFormat(OLESTR("%04u-%02u-%02u %02u:%02u:%02u"), s.wYear, s.wMonth, s.wDay, s.wHour, s.wMinute,
+                 s.wSecond);
+}
+
+}  // namespace
+
+std::shared_ptr<historian::CHistorianStore> MakeSeriesStore(size_t samples) {
+  auto store = std::make_shared<historian::CHistorianStore>();
+  historian::TagDefinition def;
+  def.name = kTagName;
+  def.description = OLESTR("Feed flow");
+  def.vartype = VT_R8;
+  if (FAILED(store->AddTag(def))) return nullptr;
+  const HRESULT hr = store->AppendGenerated(kTagName, samples, [](size_t i, historian::SampleInput& s) {
+    s.time = kFirstSample + i * kSampleStep;
+    s.number = SampleValue(i);
+    s.quality = SampleQuality(i);
+  });
+  return SUCCEEDED(hr) ? store : nullptr;
+}
+
+HRESULT CreateSeriesHost(std::shared_ptr<historian::CHistorianStore> store, IUnknown** host) {
+  if (!store || !host) return E_INVALIDARG;
+  *host = nullptr;
+  IAggregates* factory = nullptr;
+  HRESULT hr = historian::CAggregates::CreateInstance(nullptr, IID_IAggregates, reinterpret_cast<void**>(&factory));
+  if (FAILED(hr)) return hr;
+  hr = historian::CReferenceHistorian::Create(std::move(store), IID_IUnknown, reinterpret_cast<void**>(host),
+                                              factory);
+  factory->Release();
+  return hr;
+}
+
+HRESULT SelectConsumer::Open(IUnknown* host) {
+  if (dataSource_) return E_UNEXPECTED;
+  ICreateCorvaneOleDbProvider* creator = nullptr;
+  HRESULT hr = CCreateCorvaneOleDbProviderImpl::CreateInstance(nullptr, IID_ICreateCorvaneOleDbProvider,
+                                                               reinterpret_cast<void**>(&creator));
+  if (FAILED(hr)) return hr;
+  hr = creator->Create(host, &dataSource_);
+  creator->Release();
+  if (FAILED(hr)) return hr;
+
+  IDBProperties* props = Query<IDBProperties>(dataSource_, IID_IDBProperties);
+  if (!props) return E_NOINTERFACE;
+  DBPROP prop{};
+  prop.dwPropertyID = DBPROP_INIT_CATALOG;
+  prop.vValue.vt = VT_BSTR;
+  prop.vValue.bstrVal = SysAllocString(OLESTR("Plant"));
+  DBPROPSET set{&prop, 1, DBPROPSET_DBINIT};
+  hr = props->SetProperties(1, &set);
+  VariantClear(&prop.vValue);
+  props->Release();
+  if (FAILED(hr)) return hr;
+
+  IDBInitialize* init = Query<IDBInitialize>(dataSource_, IID_IDBInitialize);
+  if (!init) return E_NOINTERFACE;
+  hr = init->Initialize();
+  init->Release();
+  if (FAILED(hr)) return hr;
+  IDBCreateSession* create = Query<IDBCreateSession>(dataSource_, IID_IDBCreateSession);
+  if (!create) return E_NOINTERFACE;
+  hr = create->CreateSession(nullptr, IID_IDBCreateCommand, reinterpret_cast<IUnknown**>(&session_));
+  create->Release();
+  return hr;
+}
+
+ULONG SelectConsumer::Close() {
+  if (session_) session_->Release();
+  session_ = nullptr;
+  if (!dataSource_) return 0;
+  if (IDBInitialize* init = Query<IDBInitialize>(dataSource_, IID_IDBInitialize)) {
+    init->Uninitialize();
+    init->Release();
+  }
+  const ULONG left = dataSource_->Release();
+  dataSource_ = nullptr;
+  return left;
+}
+
+HRESULT SelectConsumer::Execute(const OLECHAR* text, IRowset** rowset) {
+  *rowset = nullptr;
+  if (!session_) return E_UNEXPECTED;
+  ICommandText* command = nullptr;
+  HRESULT hr = session_->CreateCommand(nullptr, IID_ICommandText, reinterpret_cast<IUnknown**>(&command));
+  if (FAILED(hr)) return hr;
+  hr = command->SetCommandText(DBGUID_SQL, text);
+  if (SUCCEEDED(hr)) {
+    DBROWCOUNT affected = 0;
+    hr = command->Execute(nullptr, IID_IRowset, nullptr, &affected, reinterpret_cast<IUnknown**>(rowset));
+  }
+  // The rowset keeps what it needs of the command.
+  command->Release();
+  return hr;
+}
+
+HRESULT SelectConsumer::Run(const OLECHAR* text) {
+  IRowset* rowset = nullptr;
+  const HRESULT hr = Execute(text, &rowset);
+  if (rowset) rowset->Release();
+  return hr;
+}
+
+HRESULT SelectConsumer::UseTimeRange(ULONGLONG first, ULONGLONG last) {
+  const WString text = WFormat(OLESTR("UPDATE QUERYSETTINGS SET TIMESTAMP_START = '%s', TIMESTAMP_END = '%s', "
+                                      "USE_USER_TIME_RANGE = 1"),
+                               TimeText(first).c_str(), TimeText(last).c_str());
+  return Run(text.c_str());
+}
+
+HRESULT SelectConsumer::Select(
+    const OLECHAR* text, FetchStats* stats,
+    const std::function<bool(const ConsumerRow* rows, const HRESULT* results, size_t count)>& onBatch,
+    const std::function<void()>& afterFirstFetch) {
+  FetchStats local;
+  FetchStats& out = stats ? *stats : local;
+  out = FetchStats();
+  const auto start = Clock::now();
+  IRowset* rowset = nullptr;
+  HRESULT hr = Execute(text, &rowset);
+  if (FAILED(hr)) return hr;
+  if (!rowset) return E_NOINTERFACE;
+  IAccessor* accessor = Query<IAccessor>(rowset, IID_IAccessor);
+  if (!accessor) {
+    rowset->Release();
+    return E_NOINTERFACE;
+  }
+  const DBBINDING bindings[] = {
+      Bind(1, DBTYPE_WSTR, offsetof(ConsumerRow, tag), sizeof(ConsumerRow::tag), 0),
+      Bind(2, DBTYPE_DBTIMESTAMP, offsetof(ConsumerRow, timestamp), sizeof(DBTIMESTAMP), 1),
+      Bind(3, DBTYPE_UI4, offsetof(ConsumerRow, quality), sizeof(ULONG), 2),
+      Bind(4, DBTYPE_VARIANT, offsetof(ConsumerRow, value), sizeof(VARIANT), 3)};
+  HACCESSOR accessorHandle = DB_NULL_HACCESSOR;
+  hr = accessor->CreateAccessor(DBACCESSOR_ROWDATA, 4, bindings, sizeof(ConsumerRow), &accessorHandle, nullptr);
+  if (SUCCEEDED(hr)) {
+    std::vector<ConsumerRow> rows(kBatch);
+    std::memset(rows.data(), 0, rows.size() * sizeof(ConsumerRow));
+    std::vector<HRESULT> results(kBatch);
+    HROW handles[kBatch];
+    bool more = true;
+    while (more) {
+      DBCOUNTITEM obtained = 0;
+      HROW* handleArray = handles;
+      hr = rowset->GetNextRows(DB_NULL_HCHAPTER, 0, kBatch, &obtained, &handleArray);
+      if (FAILED(hr)) break;
+      if (obtained && out.rows == 0) {
+        out.secondsToFirstRows = std::chrono::duration<double>(Clock::now() - start).count();
+        if (afterFirstFetch) afterFirstFetch();
+      }
+      for (DBCOUNTITEM i = 0; i < obtained; ++i) results[i] = rowset->GetData(handles[i], accessorHandle, &rows[i]);
+      more = onBatch(rows.data(), results.data(), obtained) && hr == S_OK && obtained > 0;
+      for (DBCOUNTITEM i = 0; i < obtained; ++i) VariantClear(&rows[i].value);
+      const HRESULT released = rowset->ReleaseRows(obtained, handles, nullptr, nullptr, nullptr);
+      out.rows += obtained;
+      ++out.batches;
+      if (FAILED(released)) {
+        hr = released;
+        break;
+      }
+    }
+    if (hr == DB_S_ENDOFROWSET) hr = S_OK;
+    accessor->ReleaseAccessor(accessorHandle, nullptr);
+  }
+  accessor->Release();
+  rowset->Release();
+  out.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  return hr;
+}
+
+}  // namespace corvane::e2e

@@ -1,0 +1,84 @@
+// A consumer that reads raw history through the provider's OLE DB interfaces only, as
+// an application would: creation object over a historian host, IDBInitialize, session,
+// command text, Execute, one row accessor (TAGNAME WSTR, TIMESTAMP DBTIMESTAMP, QUALITY
+// UI4, VALUE VARIANT), GetNextRows in batches, GetData per row, ReleaseRows. Shared by
+// the streaming tests and the end-to-end benchmark so that both measure the same path.
+#pragma once
+#include <cstddef>
+#include <functional>
+#include <memory>
+
+#include "historian/ReferenceHistorian.h"
+
+namespace corvane::e2e {
+
+// The series every run reads: one VT_R8 tag, one sample per second from
+// 2024-01-01 00:00:00 UTC, values and qualities that follow the sample's index.
+inline constexpr ULONGLONG kFirstSample = 133485408000000000ull;
+inline constexpr ULONGLONG kSampleStep = 10000000ull;
+extern const OLECHAR kTagName[];
+inline double SampleValue(size_t i) { return static_cast<double>(i % 1000) * 0.5; }
+inline DWORD SampleQuality(size_t i) { return i % 97 ? 0xC0u : 0x40000000u; }
+
+// A store holding `samples` samples of the series; null when it cannot be filled.
+std::shared_ptr<historian::CHistorianStore> MakeSeriesStore(size_t samples);
+// The reference historian over `store`, answering the processed-data interface too, so
+// that no aggregates component has to be registered.
+HRESULT CreateSeriesHost(std::shared_ptr<historian::CHistorianStore> store, IUnknown** host);
+
+// The consumer's row buffer, values first and then lengths and statuses.
+struct alignas(8) ConsumerRow {
+  static constexpr size_t kTagChars = 64;
+  OLECHAR tag[kTagChars];
+  DBTIMESTAMP timestamp;
+  ULONG quality;
+  VARIANT value;
+  DBLENGTH lengths[4];
+  DBSTATUS statuses[4];
+};
+
+struct FetchStats {
+  size_t rows = 0;
+  size_t batches = 0;
+  double secondsToFirstRows = 0;  // from Execute to the first GetNextRows that returned rows
+  double seconds = 0;             // from Execute to the end of the rowset, released
+};
+
+class SelectConsumer {
+ public:
+  static constexpr DBROWCOUNT kBatch = 1000;
+
+  SelectConsumer() = default;
+  SelectConsumer(const SelectConsumer&) = delete;
+  SelectConsumer& operator=(const SelectConsumer&) = delete;
+  ~SelectConsumer() { Close(); }
+
+  // Creates the provider over `host`, initialises it with catalog "Plant" and opens a
+  // session. The data source holds its own references to the host.
+  HRESULT Open(IUnknown* host);
+  // Uninitialises and releases the data source: afterwards it holds no host reference.
+  // Returns the data source's reference count after the consumer's last Release.
+  ULONG Close();
+
+  // Runs a statement whose rowset, if any, is not read (UPDATE QUERYSETTINGS ...).
+  HRESULT Run(const OLECHAR* text);
+  // Sets the user time range of the query settings to [first, last] (FILETIME ticks,
+  // whole seconds) through an UPDATE of QUERYSETTINGS.
+  HRESULT UseTimeRange(ULONGLONG first, ULONGLONG last);
+
+  // Executes `text` and reads its rowset to the end. `afterFirstFetch` runs right after
+  // the first GetNextRows that returned rows, before any GetData; `onBatch` sees each
+  // batch of rows read by GetData (with the HRESULT of each GetData call in `results`)
+  // and may stop the read by returning false. VALUE variants are cleared after it.
+  HRESULT Select(const OLECHAR* text, FetchStats* stats,
+                 const std::function<bool(const ConsumerRow* rows, const HRESULT* results, size_t count)>& onBatch,
+                 const std::function<void()>& afterFirstFetch = nullptr);
+
+ private:
+  HRESULT Execute(const OLECHAR* text, IRowset** rowset);
+
+  IUnknown* dataSource_ = nullptr;
+  IDBCreateCommand* session_ = nullptr;
+};
+
+}  // namespace corvane::e2e
