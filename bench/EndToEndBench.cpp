@@ -8,6 +8,7 @@
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <map>
 #include <string>
@@ -20,9 +21,16 @@ namespace {
 using corvane::e2e::ConsumerRow;
 using corvane::e2e::SelectConsumer;
 
-constexpr size_t kSamples = 10000000;
 constexpr ULONG kPage = 2000;
-constexpr ULONGLONG kLastSample = corvane::e2e::kFirstSample + (kSamples - 1) * corvane::e2e::kSampleStep;
+
+// Ten million unless CORVANE_BENCH_SAMPLES says otherwise (profiling runs use fewer).
+size_t SampleCount() {
+  const char* text = std::getenv("CORVANE_BENCH_SAMPLES");
+  const size_t n = text ? std::strtoull(text, nullptr, 10) : 0;
+  return n ? n : 10000000;
+}
+const size_t kSamples = SampleCount();
+const ULONGLONG kLastSample = corvane::e2e::kFirstSample + (kSamples - 1) * corvane::e2e::kSampleStep;
 
 std::shared_ptr<corvane::historian::CHistorianStore> g_store;
 IUnknown* g_host = nullptr;
