@@ -25,158 +25,53 @@ static_assert(sizeof(HRESULT) == 4 && sizeof(ULONG) == 4 && sizeof(LONG) == 4, "
 
 // The OLE DB, error-object and time structures, member by member, with the offsets of the
 // 64-bit Windows SDK (the Windows build compiles this same file against the SDK).
-static_assert(sizeof(DBBINDING) == 88);
-static_assert(offsetof(DBBINDING, iOrdinal) == 0);
-static_assert(offsetof(DBBINDING, obValue) == 8);
-static_assert(offsetof(DBBINDING, obLength) == 16);
-static_assert(offsetof(DBBINDING, obStatus) == 24);
-static_assert(offsetof(DBBINDING, pTypeInfo) == 32);
-static_assert(offsetof(DBBINDING, pObject) == 40);
-static_assert(offsetof(DBBINDING, pBindExt) == 48);
-static_assert(offsetof(DBBINDING, dwPart) == 56);
-static_assert(offsetof(DBBINDING, dwMemOwner) == 60);
-static_assert(offsetof(DBBINDING, eParamIO) == 64);
-static_assert(offsetof(DBBINDING, cbMaxLen) == 72);
-static_assert(offsetof(DBBINDING, dwFlags) == 80);
-static_assert(offsetof(DBBINDING, wType) == 84);
-static_assert(offsetof(DBBINDING, bPrecision) == 86);
-static_assert(offsetof(DBBINDING, bScale) == 87);
+#define SIZE(T, n) static_assert(sizeof(T) == n, #T);
+#define AT(T, m, n) static_assert(offsetof(T, m) == n, #T "." #m);
+SIZE(DBBINDING, 88) AT(DBBINDING, iOrdinal, 0) AT(DBBINDING, obValue, 8) AT(DBBINDING, obLength, 16)
+    AT(DBBINDING, obStatus, 24) AT(DBBINDING, pTypeInfo, 32) AT(DBBINDING, pObject, 40) AT(DBBINDING, pBindExt, 48)
+    AT(DBBINDING, dwPart, 56) AT(DBBINDING, dwMemOwner, 60) AT(DBBINDING, eParamIO, 64) AT(DBBINDING, cbMaxLen, 72)
+    AT(DBBINDING, dwFlags, 80) AT(DBBINDING, wType, 84) AT(DBBINDING, bPrecision, 86) AT(DBBINDING, bScale, 87)
+SIZE(DBID, 32) AT(DBID, uGuid, 0) AT(DBID, eKind, 16) AT(DBID, uName, 24)
+SIZE(DBCOLUMNINFO, 80) AT(DBCOLUMNINFO, pwszName, 0) AT(DBCOLUMNINFO, pTypeInfo, 8) AT(DBCOLUMNINFO, iOrdinal, 16)
+    AT(DBCOLUMNINFO, dwFlags, 24) AT(DBCOLUMNINFO, ulColumnSize, 32) AT(DBCOLUMNINFO, wType, 40)
+    AT(DBCOLUMNINFO, bPrecision, 42) AT(DBCOLUMNINFO, bScale, 43) AT(DBCOLUMNINFO, columnid, 48)
+SIZE(DBPROP, 72) AT(DBPROP, dwPropertyID, 0) AT(DBPROP, dwOptions, 4) AT(DBPROP, dwStatus, 8) AT(DBPROP, colid, 16)
+    AT(DBPROP, vValue, 48)
+SIZE(DBPROPSET, 32) AT(DBPROPSET, rgProperties, 0) AT(DBPROPSET, cProperties, 8) AT(DBPROPSET, guidPropertySet, 12)
+SIZE(DBPROPIDSET, 32) AT(DBPROPIDSET, rgPropertyIDs, 0) AT(DBPROPIDSET, cPropertyIDs, 8)
+    AT(DBPROPIDSET, guidPropertySet, 12)
+SIZE(DBPROPINFO, 48) AT(DBPROPINFO, pwszDescription, 0) AT(DBPROPINFO, dwPropertyID, 8) AT(DBPROPINFO, dwFlags, 12)
+    AT(DBPROPINFO, vtType, 16) AT(DBPROPINFO, vValues, 24)
+SIZE(DBPROPINFOSET, 32) AT(DBPROPINFOSET, rgPropertyInfos, 0) AT(DBPROPINFOSET, cPropertyInfos, 8)
+    AT(DBPROPINFOSET, guidPropertySet, 12)
+SIZE(DBPARAMINFO, 48) AT(DBPARAMINFO, dwFlags, 0) AT(DBPARAMINFO, iOrdinal, 8) AT(DBPARAMINFO, pwszName, 16)
+    AT(DBPARAMINFO, pTypeInfo, 24) AT(DBPARAMINFO, ulParamSize, 32) AT(DBPARAMINFO, wType, 40)
+    AT(DBPARAMINFO, bPrecision, 42) AT(DBPARAMINFO, bScale, 43)
+SIZE(DBPARAMBINDINFO, 32) AT(DBPARAMBINDINFO, pwszDataSourceType, 0) AT(DBPARAMBINDINFO, pwszName, 8)
+    AT(DBPARAMBINDINFO, ulParamSize, 16) AT(DBPARAMBINDINFO, dwFlags, 24) AT(DBPARAMBINDINFO, bPrecision, 28)
+    AT(DBPARAMBINDINFO, bScale, 29)
+SIZE(DBPARAMS, 24) AT(DBPARAMS, pData, 0) AT(DBPARAMS, cParamSets, 8) AT(DBPARAMS, hAccessor, 16)
+SIZE(DBOBJECT, 20) AT(DBOBJECT, dwFlags, 0) AT(DBOBJECT, iid, 4)
+SIZE(DBLITERALINFO, 40) AT(DBLITERALINFO, lt, 24) AT(DBLITERALINFO, fSupported, 28) AT(DBLITERALINFO, cchMaxLen, 32)
+SIZE(DBDATE, 6) SIZE(DBTIME, 6) SIZE(DB_NUMERIC, 19) SIZE(DBVECTOR, 16)
+SIZE(DCINFO, 32) AT(DCINFO, vData, 8)
+SIZE(ERRORINFO, 44) AT(ERRORINFO, hrError, 0) AT(ERRORINFO, dwMinor, 4) AT(ERRORINFO, clsid, 8)
+    AT(ERRORINFO, iid, 24) AT(ERRORINFO, dispid, 40)
+SIZE(DISPPARAMS, 24) AT(DISPPARAMS, rgvarg, 0) AT(DISPPARAMS, rgdispidNamedArgs, 8) AT(DISPPARAMS, cArgs, 16)
+    AT(DISPPARAMS, cNamedArgs, 20)
+SIZE(TIME_ZONE_INFORMATION, 172) AT(TIME_ZONE_INFORMATION, StandardName, 4)
+    AT(TIME_ZONE_INFORMATION, StandardDate, 68) AT(TIME_ZONE_INFORMATION, StandardBias, 84)
+    AT(TIME_ZONE_INFORMATION, DaylightName, 88) AT(TIME_ZONE_INFORMATION, DaylightDate, 152)
+    AT(TIME_ZONE_INFORMATION, DaylightBias, 168)
+SIZE(LARGE_INTEGER, 8)
+SIZE(DECIMAL, 16) AT(DECIMAL, scale, 2) AT(DECIMAL, sign, 3) AT(DECIMAL, Hi32, 4) AT(DECIMAL, Lo32, 8)
+    AT(DECIMAL, Mid32, 12)
+SIZE(SAFEARRAY, 32) AT(SAFEARRAY, pvData, 16) AT(SAFEARRAY, rgsabound, 24)
+SIZE(DBREFCOUNT, 4) SIZE(DBHASHVALUE, 8) SIZE(DBLENGTH, 8) SIZE(HACCESSOR, 8) SIZE(DBTYPE, 2) SIZE(DBSTATUS, 4)
+SIZE(DBROWCOUNT, 8)
 
-static_assert(sizeof(DBID) == 32);
-static_assert(offsetof(DBID, uGuid) == 0);
-static_assert(offsetof(DBID, eKind) == 16);
-static_assert(offsetof(DBID, uName) == 24);
-
-static_assert(sizeof(DBCOLUMNINFO) == 80);
-static_assert(offsetof(DBCOLUMNINFO, pwszName) == 0);
-static_assert(offsetof(DBCOLUMNINFO, pTypeInfo) == 8);
-static_assert(offsetof(DBCOLUMNINFO, iOrdinal) == 16);
-static_assert(offsetof(DBCOLUMNINFO, dwFlags) == 24);
-static_assert(offsetof(DBCOLUMNINFO, ulColumnSize) == 32);
-static_assert(offsetof(DBCOLUMNINFO, wType) == 40);
-static_assert(offsetof(DBCOLUMNINFO, bPrecision) == 42);
-static_assert(offsetof(DBCOLUMNINFO, bScale) == 43);
-static_assert(offsetof(DBCOLUMNINFO, columnid) == 48);
-
-static_assert(sizeof(DBPROP) == 72);
-static_assert(offsetof(DBPROP, dwPropertyID) == 0);
-static_assert(offsetof(DBPROP, dwOptions) == 4);
-static_assert(offsetof(DBPROP, dwStatus) == 8);
-static_assert(offsetof(DBPROP, colid) == 16);
-static_assert(offsetof(DBPROP, vValue) == 48);
-
-static_assert(sizeof(DBPROPSET) == 32);
-static_assert(offsetof(DBPROPSET, rgProperties) == 0);
-static_assert(offsetof(DBPROPSET, cProperties) == 8);
-static_assert(offsetof(DBPROPSET, guidPropertySet) == 12);
-
-static_assert(sizeof(DBPROPIDSET) == 32);
-static_assert(offsetof(DBPROPIDSET, rgPropertyIDs) == 0);
-static_assert(offsetof(DBPROPIDSET, cPropertyIDs) == 8);
-static_assert(offsetof(DBPROPIDSET, guidPropertySet) == 12);
-
-static_assert(sizeof(DBPROPINFO) == 48);
-static_assert(offsetof(DBPROPINFO, pwszDescription) == 0);
-static_assert(offsetof(DBPROPINFO, dwPropertyID) == 8);
-static_assert(offsetof(DBPROPINFO, dwFlags) == 12);
-static_assert(offsetof(DBPROPINFO, vtType) == 16);
-static_assert(offsetof(DBPROPINFO, vValues) == 24);
-
-static_assert(sizeof(DBPROPINFOSET) == 32);
-static_assert(offsetof(DBPROPINFOSET, rgPropertyInfos) == 0);
-static_assert(offsetof(DBPROPINFOSET, cPropertyInfos) == 8);
-static_assert(offsetof(DBPROPINFOSET, guidPropertySet) == 12);
-
-static_assert(sizeof(DBPARAMINFO) == 48);
-static_assert(offsetof(DBPARAMINFO, dwFlags) == 0);
-static_assert(offsetof(DBPARAMINFO, iOrdinal) == 8);
-static_assert(offsetof(DBPARAMINFO, pwszName) == 16);
-static_assert(offsetof(DBPARAMINFO, pTypeInfo) == 24);
-static_assert(offsetof(DBPARAMINFO, ulParamSize) == 32);
-static_assert(offsetof(DBPARAMINFO, wType) == 40);
-static_assert(offsetof(DBPARAMINFO, bPrecision) == 42);
-static_assert(offsetof(DBPARAMINFO, bScale) == 43);
-
-static_assert(sizeof(DBPARAMBINDINFO) == 32);
-static_assert(offsetof(DBPARAMBINDINFO, pwszDataSourceType) == 0);
-static_assert(offsetof(DBPARAMBINDINFO, pwszName) == 8);
-static_assert(offsetof(DBPARAMBINDINFO, ulParamSize) == 16);
-static_assert(offsetof(DBPARAMBINDINFO, dwFlags) == 24);
-static_assert(offsetof(DBPARAMBINDINFO, bPrecision) == 28);
-static_assert(offsetof(DBPARAMBINDINFO, bScale) == 29);
-
-static_assert(sizeof(DBPARAMS) == 24);
-static_assert(offsetof(DBPARAMS, pData) == 0);
-static_assert(offsetof(DBPARAMS, cParamSets) == 8);
-static_assert(offsetof(DBPARAMS, hAccessor) == 16);
-
-static_assert(sizeof(DBOBJECT) == 20);
-static_assert(offsetof(DBOBJECT, dwFlags) == 0);
-static_assert(offsetof(DBOBJECT, iid) == 4);
-
-static_assert(sizeof(DBLITERALINFO) == 40);
-static_assert(offsetof(DBLITERALINFO, lt) == 24);
-static_assert(offsetof(DBLITERALINFO, fSupported) == 28);
-static_assert(offsetof(DBLITERALINFO, cchMaxLen) == 32);
-
-static_assert(sizeof(DBDATE) == 6);
-
-static_assert(sizeof(DBTIME) == 6);
-
-static_assert(sizeof(DB_NUMERIC) == 19);
-
-static_assert(sizeof(DBVECTOR) == 16);
-
-static_assert(sizeof(DCINFO) == 32);
-static_assert(offsetof(DCINFO, vData) == 8);
-
-static_assert(sizeof(ERRORINFO) == 44);
-static_assert(offsetof(ERRORINFO, hrError) == 0);
-static_assert(offsetof(ERRORINFO, dwMinor) == 4);
-static_assert(offsetof(ERRORINFO, clsid) == 8);
-static_assert(offsetof(ERRORINFO, iid) == 24);
-static_assert(offsetof(ERRORINFO, dispid) == 40);
-
-static_assert(sizeof(DISPPARAMS) == 24);
-static_assert(offsetof(DISPPARAMS, rgvarg) == 0);
-static_assert(offsetof(DISPPARAMS, rgdispidNamedArgs) == 8);
-static_assert(offsetof(DISPPARAMS, cArgs) == 16);
-static_assert(offsetof(DISPPARAMS, cNamedArgs) == 20);
-
-static_assert(sizeof(TIME_ZONE_INFORMATION) == 172);
-static_assert(offsetof(TIME_ZONE_INFORMATION, StandardName) == 4);
-static_assert(offsetof(TIME_ZONE_INFORMATION, StandardDate) == 68);
-static_assert(offsetof(TIME_ZONE_INFORMATION, StandardBias) == 84);
-static_assert(offsetof(TIME_ZONE_INFORMATION, DaylightName) == 88);
-static_assert(offsetof(TIME_ZONE_INFORMATION, DaylightDate) == 152);
-static_assert(offsetof(TIME_ZONE_INFORMATION, DaylightBias) == 168);
-
-static_assert(sizeof(LARGE_INTEGER) == 8);
-
-static_assert(sizeof(DECIMAL) == 16);
-static_assert(offsetof(DECIMAL, scale) == 2);
-static_assert(offsetof(DECIMAL, sign) == 3);
-static_assert(offsetof(DECIMAL, Hi32) == 4);
-static_assert(offsetof(DECIMAL, Lo32) == 8);
-static_assert(offsetof(DECIMAL, Mid32) == 12);
-
-static_assert(sizeof(SAFEARRAY) == 32);
-static_assert(offsetof(SAFEARRAY, pvData) == 16);
-static_assert(offsetof(SAFEARRAY, rgsabound) == 24);
-
-static_assert(sizeof(DBREFCOUNT) == 4);
-
-static_assert(sizeof(DBHASHVALUE) == 8);
-
-static_assert(sizeof(DBLENGTH) == 8);
-
-static_assert(sizeof(HACCESSOR) == 8);
-
-static_assert(sizeof(DBTYPE) == 2);
-
-static_assert(sizeof(DBSTATUS) == 4);
-
-static_assert(sizeof(DBROWCOUNT) == 8);
+#undef SIZE
+#undef AT
 
 TEST(Layout, VariantMembersShareTheValueSlot) {
   VARIANT v;
@@ -202,66 +97,30 @@ size_t Slot(Method method) {
 // Objects cross between the provider and consumers built against the SDK, so every
 // method must sit in the slot the SDK gives it (IUnknown takes slots 0 to 2).
 TEST(Layout, InterfaceMethodsSitInTheSdkVtableSlots) {
-  EXPECT_EQ(Slot(&IClassFactory::CreateInstance), 3u);
-  EXPECT_EQ(Slot(&IClassFactory::LockServer), 4u);
-  EXPECT_EQ(Slot(&IDBInitialize::Initialize), 3u);
-  EXPECT_EQ(Slot(&IDBInitialize::Uninitialize), 4u);
-  EXPECT_EQ(Slot(&IDBProperties::GetProperties), 3u);
-  EXPECT_EQ(Slot(&IDBProperties::GetPropertyInfo), 4u);
-  EXPECT_EQ(Slot(&IDBProperties::SetProperties), 5u);
-  EXPECT_EQ(Slot(&IDBCreateSession::CreateSession), 3u);
-  EXPECT_EQ(Slot(&IDBInfo::GetKeywords), 3u);
-  EXPECT_EQ(Slot(&IDBInfo::GetLiteralInfo), 4u);
-  EXPECT_EQ(Slot(&IPersist::GetClassID), 3u);
-  EXPECT_EQ(Slot(&IDBCreateCommand::CreateCommand), 3u);
-  EXPECT_EQ(Slot(&IOpenRowset::OpenRowset), 3u);
-  EXPECT_EQ(Slot(&IGetDataSource::GetDataSource), 3u);
-  EXPECT_EQ(Slot(&ISessionProperties::GetProperties), 3u);
-  EXPECT_EQ(Slot(&ISessionProperties::SetProperties), 4u);
-  EXPECT_EQ(Slot(&IDBSchemaRowset::GetRowset), 3u);
-  EXPECT_EQ(Slot(&IDBSchemaRowset::GetSchemas), 4u);
-  EXPECT_EQ(Slot(&ICommand::Cancel), 3u);
-  EXPECT_EQ(Slot(&ICommand::Execute), 4u);
-  EXPECT_EQ(Slot(&ICommand::GetDBSession), 5u);
-  EXPECT_EQ(Slot(&ICommandText::GetCommandText), 6u);
-  EXPECT_EQ(Slot(&ICommandText::SetCommandText), 7u);
-  EXPECT_EQ(Slot(&ICommandPrepare::Prepare), 3u);
-  EXPECT_EQ(Slot(&ICommandPrepare::Unprepare), 4u);
-  EXPECT_EQ(Slot(&ICommandProperties::GetProperties), 3u);
-  EXPECT_EQ(Slot(&ICommandProperties::SetProperties), 4u);
-  EXPECT_EQ(Slot(&ICommandWithParameters::GetParameterInfo), 3u);
-  EXPECT_EQ(Slot(&ICommandWithParameters::MapParameterNames), 4u);
-  EXPECT_EQ(Slot(&ICommandWithParameters::SetParameterInfo), 5u);
-  EXPECT_EQ(Slot(&IAccessor::AddRefAccessor), 3u);
-  EXPECT_EQ(Slot(&IAccessor::CreateAccessor), 4u);
-  EXPECT_EQ(Slot(&IAccessor::GetBindings), 5u);
-  EXPECT_EQ(Slot(&IAccessor::ReleaseAccessor), 6u);
-  EXPECT_EQ(Slot(&IRowset::AddRefRows), 3u);
-  EXPECT_EQ(Slot(&IRowset::GetData), 4u);
-  EXPECT_EQ(Slot(&IRowset::GetNextRows), 5u);
-  EXPECT_EQ(Slot(&IRowset::ReleaseRows), 6u);
-  EXPECT_EQ(Slot(&IRowset::RestartPosition), 7u);
-  EXPECT_EQ(Slot(&IRowsetInfo::GetProperties), 3u);
-  EXPECT_EQ(Slot(&IRowsetInfo::GetReferencedRowset), 4u);
-  EXPECT_EQ(Slot(&IRowsetInfo::GetSpecification), 5u);
-  EXPECT_EQ(Slot(&IColumnsInfo::GetColumnInfo), 3u);
-  EXPECT_EQ(Slot(&IColumnsInfo::MapColumnIDs), 4u);
-  EXPECT_EQ(Slot(&IConvertType::CanConvert), 3u);
-  EXPECT_EQ(Slot(&IMultipleResults::GetResult), 3u);
-  EXPECT_EQ(Slot(&IDataConvert::DataConvert), 3u);
-  EXPECT_EQ(Slot(&IDataConvert::CanConvert), 4u);
-  EXPECT_EQ(Slot(&IDataConvert::GetConversionSize), 5u);
-  EXPECT_EQ(Slot(&IDCInfo::GetInfo), 3u);
-  EXPECT_EQ(Slot(&IDCInfo::SetInfo), 4u);
-  EXPECT_EQ(Slot(&IErrorInfo::GetGUID), 3u);
-  EXPECT_EQ(Slot(&IErrorInfo::GetHelpContext), 7u);
-  EXPECT_EQ(Slot(&ISupportErrorInfo::InterfaceSupportsErrorInfo), 3u);
-  EXPECT_EQ(Slot(&IErrorRecords::AddErrorRecord), 3u);
-  EXPECT_EQ(Slot(&IErrorRecords::GetBasicErrorInfo), 4u);
-  EXPECT_EQ(Slot(&IErrorRecords::GetCustomErrorObject), 5u);
-  EXPECT_EQ(Slot(&IErrorRecords::GetErrorInfo), 6u);
-  EXPECT_EQ(Slot(&IErrorRecords::GetErrorParameters), 7u);
-  EXPECT_EQ(Slot(&IErrorRecords::GetRecordCount), 8u);
-  EXPECT_EQ(Slot(&IErrorLookup::GetErrorDescription), 3u);
-  EXPECT_EQ(Slot(&IErrorLookup::ReleaseErrors), 5u);
+#define SLOT(method, n) EXPECT_EQ(Slot(&method), size_t{n}) << #method;
+  SLOT(IClassFactory::CreateInstance, 3) SLOT(IClassFactory::LockServer, 4) SLOT(IDBInitialize::Initialize, 3)
+  SLOT(IDBInitialize::Uninitialize, 4) SLOT(IDBProperties::GetProperties, 3) SLOT(IDBProperties::GetPropertyInfo, 4)
+  SLOT(IDBProperties::SetProperties, 5) SLOT(IDBCreateSession::CreateSession, 3) SLOT(IDBInfo::GetKeywords, 3)
+  SLOT(IDBInfo::GetLiteralInfo, 4) SLOT(IPersist::GetClassID, 3) SLOT(IDBCreateCommand::CreateCommand, 3)
+  SLOT(IOpenRowset::OpenRowset, 3) SLOT(IGetDataSource::GetDataSource, 3) SLOT(ISessionProperties::GetProperties, 3)
+  SLOT(ISessionProperties::SetProperties, 4) SLOT(IDBSchemaRowset::GetRowset, 3) SLOT(IDBSchemaRowset::GetSchemas, 4)
+  SLOT(ICommand::Cancel, 3) SLOT(ICommand::Execute, 4) SLOT(ICommand::GetDBSession, 5)
+  SLOT(ICommandText::GetCommandText, 6) SLOT(ICommandText::SetCommandText, 7) SLOT(ICommandPrepare::Prepare, 3)
+  SLOT(ICommandPrepare::Unprepare, 4) SLOT(ICommandProperties::GetProperties, 3)
+  SLOT(ICommandProperties::SetProperties, 4) SLOT(ICommandWithParameters::GetParameterInfo, 3)
+  SLOT(ICommandWithParameters::MapParameterNames, 4) SLOT(ICommandWithParameters::SetParameterInfo, 5)
+  SLOT(IAccessor::AddRefAccessor, 3) SLOT(IAccessor::CreateAccessor, 4) SLOT(IAccessor::GetBindings, 5)
+  SLOT(IAccessor::ReleaseAccessor, 6) SLOT(IRowset::AddRefRows, 3) SLOT(IRowset::GetData, 4)
+  SLOT(IRowset::GetNextRows, 5) SLOT(IRowset::ReleaseRows, 6) SLOT(IRowset::RestartPosition, 7)
+  SLOT(IRowsetInfo::GetProperties, 3) SLOT(IRowsetInfo::GetReferencedRowset, 4)
+  SLOT(IRowsetInfo::GetSpecification, 5) SLOT(IColumnsInfo::GetColumnInfo, 3) SLOT(IColumnsInfo::MapColumnIDs, 4)
+  SLOT(IConvertType::CanConvert, 3) SLOT(IMultipleResults::GetResult, 3) SLOT(IDataConvert::DataConvert, 3)
+  SLOT(IDataConvert::CanConvert, 4) SLOT(IDataConvert::GetConversionSize, 5) SLOT(IDCInfo::GetInfo, 3)
+  SLOT(IDCInfo::SetInfo, 4) SLOT(IErrorInfo::GetGUID, 3) SLOT(IErrorInfo::GetHelpContext, 7)
+  SLOT(ISupportErrorInfo::InterfaceSupportsErrorInfo, 3) SLOT(IErrorRecords::AddErrorRecord, 3)
+  SLOT(IErrorRecords::GetBasicErrorInfo, 4) SLOT(IErrorRecords::GetCustomErrorObject, 5)
+  SLOT(IErrorRecords::GetErrorInfo, 6) SLOT(IErrorRecords::GetErrorParameters, 7)
+  SLOT(IErrorRecords::GetRecordCount, 8) SLOT(IErrorLookup::GetErrorDescription, 3)
+  SLOT(IErrorLookup::ReleaseErrors, 5)
+#undef SLOT
 }
