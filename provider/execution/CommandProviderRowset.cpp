@@ -153,7 +153,9 @@ HRESULT AnswerWith(Execution& ex, std::unique_ptr<CBaseTable> table) {
   return hr;
 }
 
-HRESULT RunProcedure(Execution& ex, const CSQLSelectItemSP& item) {
+// Creates and starts the procedure of `item`; its columns go to *columns.
+HRESULT StartProcedure(Execution& ex, const CSQLSelectItemSP& item, std::unique_ptr<CBaseStoredProcedure>* procedure,
+                       std::vector<ColumnRecord>* columns) {
   StoredProcedureCall call;
   call.query = &ex.query;
   call.item = &item;
@@ -161,17 +163,42 @@ HRESULT RunProcedure(Execution& ex, const CSQLSelectItemSP& item) {
   call.dataSource = ex.dataSource;
   call.catalog = item.Catalog();
   call.schema = item.Schema();
+  HRESULT hr = CreateStoredProcedure(call, procedure);
+  if (FAILED(hr)) return hr;
+  hr = (*procedure)->Execute();
+  if (FAILED(hr)) return hr;
+  return (*procedure)->GetColumns(*columns);
+}
+
+HRESULT RunProcedure(Execution& ex, const CSQLSelectItemSP& item) {
   std::unique_ptr<CBaseStoredProcedure> procedure;
-  HRESULT hr = CreateStoredProcedure(call, &procedure);
-  if (FAILED(hr)) return hr;
-  hr = procedure->Execute();
-  if (FAILED(hr)) return hr;
   std::vector<ColumnRecord> columns;
-  hr = procedure->GetColumns(columns);
+  HRESULT hr = StartProcedure(ex, item, &procedure, &columns);
   if (FAILED(hr)) return hr;
   hr = NewStore(&ex.store);
   if (FAILED(hr)) return hr;
   return ex.store->Initialize(std::move(procedure), columns);
+}
+
+// The data store over `source` (a table or procedure described by `info`), serving the
+// select list's outputs within the statement's TOP / LIMIT.
+HRESULT ServeSelectList(Execution& ex, std::unique_ptr<CDataProvider> source, const TableInfo& info,
+                        std::vector<CSelectListProducer::Output> outputs, bool plain) {
+  const bool limited = ex.query.RowLimitEnabled() != 0;
+  const LONGLONG skip = limited ? ex.query.RowLimitSkip() : 0;
+  const LONGLONG count = limited ? ex.query.RowLimitCount() : -1;
+  HRESULT hr = NewStore(&ex.store);
+  if (FAILED(hr)) return hr;
+  std::vector<ColumnRecord> columns;
+  for (const auto& o : outputs) columns.push_back(o.column);
+  if (plain && skip <= 0 && count != 0) {
+    // Plain columns map straight onto the source's fields: no copy per row.
+    for (size_t i = 0; i < columns.size(); ++i) columns[i].Ordinal = outputs[i].sourceField + 1;
+    return ex.store->Initialize(std::move(source), columns, count > 0 ? static_cast<ULONGLONG>(count) : 0);
+  }
+  std::unique_ptr<CDataProvider> producer(new (std::nothrow) CSelectListProducer(
+      std::move(source), info, std::move(outputs), ex.ownedQuery, ex.request.binding, skip, count));
+  return producer ? ex.store->Initialize(std::move(producer), columns) : E_OUTOFMEMORY;
 }
 
 HRESULT ExecuteSqlStoredProcedure(Execution& ex) {
@@ -217,7 +244,15 @@ HRESULT ExecuteSqlSELECT(Execution& ex) {
     }
     HRESULT hr = ComputeTimeRange(ex);
     if (FAILED(hr)) return hr;
-    return RunProcedure(ex, item);
+    // The select list applies to the procedure's columns as to a table's.
+    std::unique_ptr<CBaseStoredProcedure> procedure;
+    TableInfo columns{info.Name, info.Description, {}};
+    hr = StartProcedure(ex, item, &procedure, &columns.Columns);
+    std::vector<CSelectListProducer::Output> outputs;
+    bool plain = true;
+    if (SUCCEEDED(hr)) hr = CSelectListProducer::BindOutputs(ex.query, columns, ex.request.binding, &outputs, &plain);
+    if (FAILED(hr)) return hr;
+    return ServeSelectList(ex, std::move(procedure), columns, std::move(outputs), plain);
   }
 
   const auto& item = static_cast<const CSQLSelectItemTable&>(*items[0]);
@@ -256,23 +291,7 @@ HRESULT ExecuteSqlSELECT(Execution& ex) {
     return hr;
   }
 
-  const bool limited = ex.query.RowLimitEnabled() != 0;
-  const LONGLONG skip = limited ? ex.query.RowLimitSkip() : 0;
-  const LONGLONG count = limited ? ex.query.RowLimitCount() : -1;
-  hr = NewStore(&ex.store);
-  if (SUCCEEDED(hr)) {
-    std::vector<ColumnRecord> columns;
-    for (const auto& o : outputs) columns.push_back(o.column);
-    if (plain && skip <= 0 && count != 0) {
-      // Plain columns map straight onto the table's fields: no copy per row.
-      for (size_t i = 0; i < columns.size(); ++i) columns[i].Ordinal = outputs[i].sourceField + 1;
-      hr = ex.store->Initialize(std::move(table), columns, count > 0 ? static_cast<ULONGLONG>(count) : 0);
-    } else {
-      std::unique_ptr<CDataProvider> producer(new (std::nothrow) CSelectListProducer(
-          std::move(table), info, std::move(outputs), ex.ownedQuery, ex.request.binding, skip, count));
-      hr = producer ? ex.store->Initialize(std::move(producer), columns) : E_OUTOFMEMORY;
-    }
-  }
+  hr = ServeSelectList(ex, std::move(table), info, std::move(outputs), plain);
   if (FAILED(hr)) {
     CVTRACE(TRACE_ERROR, OLESTR("Failed to initialize the SELECT query (HR = %X)"), hr);
     return hr;

@@ -26,13 +26,18 @@ size_t FieldOf(const TableInfo& table, const corvane::WString& name) {
   return kNoField;
 }
 
-// A qualifier must name the FROM item: by alias, by table name, or by RAWDATA for the
-// typed tables, whose columns are RAWDATA's.
-bool QualifierMatches(const CSQLCalcItemTableColumn& column, const CSQLSelectItemTable& from, const TableInfo& table) {
+// A qualifier must name the FROM item: by alias, by table or procedure name, or by
+// RAWDATA for the typed tables, whose columns are RAWDATA's.
+bool QualifierMatches(const CSQLCalcItemTableColumn& column, const CSQLSelectItem& from, const TableInfo& table) {
   const corvane::WString& q = column.TableAlias().empty() ? column.TableName() : column.TableAlias();
   if (q.empty()) return true;
-  return corvane::WIEquals(q, from.Alias()) || corvane::WIEquals(q, from.TableName()) ||
-         corvane::WIEquals(q, table.Name) ||
+  if (from.Kind() == SQL_SELECT_ITEM_TABLE) {
+    const auto& t = static_cast<const CSQLSelectItemTable&>(from);
+    if (corvane::WIEquals(q, t.Alias()) || corvane::WIEquals(q, t.TableName())) return true;
+  } else if (corvane::WIEquals(q, static_cast<const CSQLSelectItemSP&>(from).ProcedureName())) {
+    return true;
+  }
+  return corvane::WIEquals(q, table.Name) ||
          (!table.Columns.empty() && corvane::WIEquals(q, table.Columns[0].TableName));
 }
 
@@ -230,10 +235,8 @@ HRESULT TraceUnknownColumn() {
 HRESULT CSelectListProducer::BindOutputs(const CSQLQueryInfo& query, const TableInfo& table,
                                          const SQLBindContext& context, std::vector<Output>* outputs,
                                          bool* plainColumnsOnly) {
-  if (!outputs || !plainColumnsOnly || query.FromItems().size() != 1 ||
-      query.FromItems()[0]->Kind() != SQL_SELECT_ITEM_TABLE)
-    return E_INVALIDARG;
-  const auto& from = static_cast<const CSQLSelectItemTable&>(*query.FromItems()[0]);
+  if (!outputs || !plainColumnsOnly || query.FromItems().size() != 1) return E_INVALIDARG;
+  const CSQLSelectItem& from = *query.FromItems()[0];
   outputs->clear();
   *plainColumnsOnly = true;
   const ProducedRecord sample = SampleRow(table);

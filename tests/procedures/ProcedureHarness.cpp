@@ -2,75 +2,18 @@
 
 #include <gtest/gtest.h>
 
-#include "SQLParser/SQLParser.h"
+#include <cstdlib>
+
 #include "SQLParser/TimeConversion.h"
 #include "historian/Aggregates.h"
 #include "historian/ReferenceHistorian.h"
-#include "provider/procedures/ProcedureFactory.h"
 
 namespace corvane::test {
 
-CTestDataSource::CTestDataSource(IRawDataProvider* raw, IProcessedDataProvider* processed, IValuesProvider* values)
-    : raw_(raw), processed_(processed), values_(values) {}
-
-CTestDataSource::~CTestDataSource() {
-  if (raw_) raw_->Release();
-  if (processed_) processed_->Release();
-  if (values_) values_->Release();
-}
-
-HRESULT CTestDataSource::QueryInterface(REFIID riid, void** object) {
-  if (!object) return E_INVALIDARG;
-  if (IsEqualGUID(riid, IID_IUnknown) || IsEqualGUID(riid, IID_IProviderDataSource)) {
-    *object = this;
-    AddRef();
-    return S_OK;
-  }
-  *object = nullptr;
-  return E_NOINTERFACE;
-}
-
-HRESULT CTestDataSource::InitializeDataSource(IRawDataProvider*, IProcessedDataProvider*, IValuesProvider*) {
-  return E_NOTIMPL;
-}
-
-template <typename I>
-static HRESULT Give(I* held, I** out) {
-  if (!out) return E_INVALIDARG;
-  *out = held;
-  if (!held) return E_NOINTERFACE;
-  held->AddRef();
-  return S_OK;
-}
-
-HRESULT CTestDataSource::GetRawDataProvider(IRawDataProvider** raw) { return Give(raw_, raw); }
-HRESULT CTestDataSource::GetProcessedDataProvider(IProcessedDataProvider** p) { return Give(processed_, p); }
-HRESULT CTestDataSource::GetValuesProvider(IValuesProvider** values) { return Give(values_, values); }
-
-HRESULT CTestDataSource::GetMaxRowsToReturn(LONG* value) {
-  if (FAILED(maxRowsResult)) return maxRowsResult;
-  *value = maxRows;
-  return S_OK;
-}
-HRESULT CTestDataSource::SetMaxRowsToReturn(LONG value) {
-  maxRows = value;
-  return S_OK;
-}
-HRESULT CTestDataSource::GetTreatUncertainAsGood(LONG* value) {
-  if (FAILED(settingsResult)) return settingsResult;
-  *value = 1;
-  return S_OK;
-}
-HRESULT CTestDataSource::GetPercentDataBad(BYTE* value) {
-  *value = 0;
-  return S_OK;
-}
-HRESULT CTestDataSource::GetPercentDataGood(BYTE* value) {
-  *value = 0;
-  return S_OK;
-}
-
 ProcedureHarness::ProcedureHarness(bool withValues) {
+#ifdef _WIN32
+  CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+#endif
   store_ = std::make_shared<historian::CHistorianStore>();
   IAggregates* aggregates = nullptr;
   EXPECT_EQ(S_OK, historian::CAggregates::CreateInstance(nullptr, IID_IAggregates,
@@ -79,53 +22,46 @@ ProcedureHarness::ProcedureHarness(bool withValues) {
                                                          reinterpret_cast<void**>(&historian_), aggregates));
   if (aggregates) aggregates->Release();
   host_ = testing::CFaultInjectingHost::Create(historian_);
-  IRawDataProvider* raw = nullptr;
-  IProcessedDataProvider* processed = nullptr;
-  IValuesProvider* values = nullptr;
-  host_->QueryInterface(IID_IRawDataProvider, reinterpret_cast<void**>(&raw));
-  host_->QueryInterface(IID_IProcessedDataProvider, reinterpret_cast<void**>(&processed));
-  if (withValues) host_->QueryInterface(IID_IValuesProvider, reinterpret_cast<void**>(&values));
-  dataSource_ = std::make_unique<CTestDataSource>(raw, processed, values);
+  if (!withValues) host_->Omit(IID_IValuesProvider);
+  OpenProvider(static_cast<IRawDataProvider*>(host_), &dataSource_, &session_);
+  IDBCreateCommand* create = session_ ? ConsumerTest::Query<IDBCreateCommand>(session_, IID_IDBCreateCommand) : nullptr;
+  EXPECT_NE(nullptr, create);
+  if (create) create->CreateCommand(nullptr, IID_ICommandText, reinterpret_cast<IUnknown**>(&command_));
+  if (create) create->Release();
 }
 
 ProcedureHarness::~ProcedureHarness() {
-  EXPECT_EQ(1u, dataSource_->refs_) << "a procedure kept the data source";
-  dataSource_.reset();
-  EXPECT_EQ(0u, host_->OutstandingContinuationPoints());
-  host_->Release();
-  historian_->Release();
-}
-
-HRESULT ProcedureHarness::Create(const std::string& sql, std::unique_ptr<CBaseStoredProcedure>* procedure) {
-  const WString text = FromUtf8(sql);
-  SQLParseRequest request{OLESTR("Plant"), OLESTR("Main"), text};
-  std::unique_ptr<CSQLQueryInfo> query;
-  HRESULT hr = CSQLParser::ParseQuery(request, &query);
-  if (FAILED(hr)) return hr;
-  if (!query) return E_FAIL;
-  StoredProcedureCall call;
-  call.query = query.get();
-  for (const auto& item : query->FromItems())
-    if (item->Kind() == SQL_SELECT_ITEM_SP) call.item = static_cast<const CSQLSelectItemSP*>(item.get());
-  SetReferenceTimesToNow(&call.bindContext);
-  call.dataSource = dataSource_.get();
-  hr = CreateStoredProcedure(call, procedure);
-  queries_.clear();  // the procedure keeps nothing of the query
-  return hr;
-}
-
-HRESULT ProcedureHarness::Run(const std::string& sql, ProducedRecordList* rows) {
-  std::unique_ptr<CBaseStoredProcedure> procedure;
-  HRESULT hr = Create(sql, &procedure);
-  if (FAILED(hr)) return hr;
-  rows->clear();
-  for (;;) {
-    ProducedRecordList batch;
-    hr = procedure->FetchRows(batch, 7);  // small batches: the fetch must wait and resume
-    for (auto& r : batch) rows->push_back(std::move(r));
-    if (hr != S_OK) break;
+  if (command_) {
+    EXPECT_EQ(0u, command_->Release()) << "a rowset kept the command";
   }
-  return hr == DB_S_ENDOFROWSET ? S_OK : hr;
+  CloseProvider(&dataSource_, &session_);
+  EXPECT_EQ(0u, host_->OutstandingContinuationPoints());
+  EXPECT_EQ(0u, host_->Release()) << "the provider kept a host reference";
+  historian_->Release();
+#ifdef _WIN32
+  CoUninitialize();
+#endif
+}
+
+void ProcedureHarness::SetMaxRows(LONG rows) {
+  Rows answer;
+  EXPECT_EQ(S_OK, Run("UPDATE QUERYSETTINGS SET MAX_ROWS_TO_RETURN = " + std::to_string(rows), &answer));
+}
+
+HRESULT ProcedureHarness::Run(const std::string& sql, Rows* rows) {
+  rows->clear();
+  if (!command_) return E_UNEXPECTED;
+  HRESULT hr = command_->SetCommandText(DBGUID_DEFAULT, FromUtf8(sql).c_str());
+  IUnknown* rowset = nullptr;
+  if (SUCCEEDED(hr)) hr = command_->Execute(nullptr, IID_IRowset, nullptr, nullptr, &rowset);
+  if (SUCCEEDED(hr) && rowset) {
+    std::vector<DBORDINAL> columns(Columns(rowset).size());
+    for (size_t i = 0; i < columns.size(); ++i) columns[i] = i + 1;
+    *rows = ReadAll(rowset, columns, 7, &hr);
+    rowset->Release();
+  }
+  if (FAILED(hr)) ConsumerTest::TakeLastError();
+  return hr;
 }
 
 ULONGLONG T(double seconds) {
@@ -134,25 +70,20 @@ ULONGLONG T(double seconds) {
   return base + static_cast<ULONGLONG>(seconds * 1e7);
 }
 
-std::string Text(const StoreValue& cell) {
-  if (cell.Kind != StoreValue::kVariant || V_VT(&cell.Value) != VT_BSTR) return "<not text>";
-  return ToUtf8(V_BSTR(&cell.Value));
+std::string At(double seconds) {
+  const int whole = static_cast<int>(seconds) % (31 * 86400);
+  char text[64];
+  std::snprintf(text, sizeof text, "2020-01-%02d %02d:%02d:%02d", 1 + whole / 86400, whole / 3600 % 24,
+                whole / 60 % 60, whole % 60);
+  return text;
 }
 
-double Number(const StoreValue& cell) {
-  VARIANT copy;
-  VariantInit(&copy);
-  if (cell.Kind != StoreValue::kVariant ||
-      FAILED(VariantChangeType(&copy, const_cast<VARIANT*>(&cell.Value), 0, VT_R8)))
-    return -999999;
-  return V_R8(&copy);
+double Number(const std::string& cell) {
+  char* end = nullptr;
+  const double value = std::strtod(cell.c_str(), &end);
+  return !cell.empty() && end && *end == '\0' ? value : -999999;
 }
 
-ULONG Unsigned(const StoreValue& cell) {
-  if (cell.Kind != StoreValue::kVariant || V_VT(&cell.Value) != VT_UI4) return 0xDEADBEEF;
-  return V_UI4(&cell.Value);
-}
-
-ULONGLONG Time(const StoreValue& cell) { return cell.Kind == StoreValue::kTime ? FileTimeToTicks(cell.Time) : 0; }
+ULONG Unsigned(const std::string& cell) { return static_cast<ULONG>(Number(cell)); }
 
 }  // namespace corvane::test

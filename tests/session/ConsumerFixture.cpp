@@ -103,6 +103,21 @@ void ConsumerTest::SetUp() {
   factory->Release();
   hostRefs_ = RefCount(host_);
 
+  OpenProvider(host_, &dataSource_, &session_);
+}
+
+void ConsumerTest::TearDown() {
+  CloseProvider(&dataSource_, &session_);
+  if (host_) {
+    EXPECT_EQ(hostRefs_ - 1, host_->Release()) << "the provider released every host reference";
+  }
+#ifdef _WIN32
+  CoUninitialize();
+#endif
+  LeakCheckedTest::TearDown();
+}
+
+void OpenProvider(IUnknown* host, IUnknown** dataSource, IOpenRowset** session) {
   ICreateCorvaneOleDbProvider* creator = nullptr;
 #ifdef CORVANE_CONSUMER_OF_DLL
   ASSERT_EQ(S_OK, CoCreateInstance(CLSID_CorvaneOleDbProvider, nullptr, CLSCTX_INPROC_SERVER,
@@ -111,10 +126,10 @@ void ConsumerTest::SetUp() {
   ASSERT_EQ(S_OK, CCreateCorvaneOleDbProviderImpl::CreateInstance(nullptr, IID_ICreateCorvaneOleDbProvider,
                                                                   reinterpret_cast<void**>(&creator)));
 #endif
-  ASSERT_EQ(S_OK, creator->Create(host_, &dataSource_));
+  ASSERT_EQ(S_OK, creator->Create(host, dataSource));
   creator->Release();
 
-  IDBProperties* props = Query<IDBProperties>(dataSource_, IID_IDBProperties);
+  IDBProperties* props = ConsumerTest::Query<IDBProperties>(*dataSource, IID_IDBProperties);
   ASSERT_NE(nullptr, props);
   DBPROP prop{};
   prop.dwPropertyID = DBPROP_INIT_CATALOG;
@@ -124,35 +139,29 @@ void ConsumerTest::SetUp() {
   EXPECT_EQ(S_OK, props->SetProperties(1, &set));
   VariantClear(&prop.vValue);
   props->Release();
-  IDBInitialize* init = Query<IDBInitialize>(dataSource_, IID_IDBInitialize);
+  IDBInitialize* init = ConsumerTest::Query<IDBInitialize>(*dataSource, IID_IDBInitialize);
   ASSERT_NE(nullptr, init);
   ASSERT_EQ(S_OK, init->Initialize());
   init->Release();
-  IDBCreateSession* create = Query<IDBCreateSession>(dataSource_, IID_IDBCreateSession);
+  IDBCreateSession* create = ConsumerTest::Query<IDBCreateSession>(*dataSource, IID_IDBCreateSession);
   ASSERT_NE(nullptr, create);
-  ASSERT_EQ(S_OK, create->CreateSession(nullptr, IID_IOpenRowset, reinterpret_cast<IUnknown**>(&session_)));
+  ASSERT_EQ(S_OK, create->CreateSession(nullptr, IID_IOpenRowset, reinterpret_cast<IUnknown**>(session)));
   create->Release();
 }
 
-void ConsumerTest::TearDown() {
-  if (session_) session_->Release();
-  if (dataSource_) {
-    IDBInitialize* init = Query<IDBInitialize>(dataSource_, IID_IDBInitialize);
+void CloseProvider(IUnknown** dataSource, IOpenRowset** session) {
+  if (*session) (*session)->Release();
+  *session = nullptr;
+  if (*dataSource) {
+    IDBInitialize* init = ConsumerTest::Query<IDBInitialize>(*dataSource, IID_IDBInitialize);
     if (init) {
       EXPECT_EQ(S_OK, init->Uninitialize());
       init->Release();
     }
-    EXPECT_EQ(0u, dataSource_->Release()) << "nothing but the consumer holds the data source";
+    EXPECT_EQ(0u, (*dataSource)->Release()) << "nothing but the consumer holds the data source";
   }
-  dataSource_ = nullptr;
-  if (host_) {
-    EXPECT_EQ(hostRefs_ - 1, host_->Release()) << "the provider released every host reference";
-  }
+  *dataSource = nullptr;
   ClearThreadErrors();
-#ifdef _WIN32
-  CoUninitialize();
-#endif
-  LeakCheckedTest::TearDown();
 }
 
 LastError ConsumerTest::TakeLastError() {
@@ -194,7 +203,7 @@ LastError ConsumerTest::TakeLastError() {
 }
 
 std::vector<std::vector<std::string>> ReadAll(IUnknown* rowset, const std::vector<DBORDINAL>& columns,
-                                              DBROWCOUNT batch) {
+                                              DBROWCOUNT batch, HRESULT* failure) {
   constexpr DBLENGTH kChars = 512;
   struct Cell {
     DBSTATUS status;
@@ -234,10 +243,12 @@ std::vector<std::vector<std::string>> ReadAll(IUnknown* rowset, const std::vecto
   for (;;) {
     DBCOUNTITEM obtained = 0;
     HROW* handles = nullptr;
-    const HRESULT hr = fetch->GetNextRows(DB_NULL_HCHAPTER, 0, batch, &obtained, &handles);
-    EXPECT_TRUE(hr == S_OK || hr == DB_S_ENDOFROWSET) << std::hex << hr;
+    HRESULT hr = fetch->GetNextRows(DB_NULL_HCHAPTER, 0, batch, &obtained, &handles);
+    if (failure) *failure = SUCCEEDED(hr) ? S_OK : hr;
+    EXPECT_TRUE(failure || hr == S_OK || hr == DB_S_ENDOFROWSET) << std::hex << hr;
     for (DBCOUNTITEM r = 0; r < obtained; ++r) {
-      EXPECT_TRUE(SUCCEEDED(fetch->GetData(handles[r], handle, buffer.data())));
+      const HRESULT read = fetch->GetData(handles[r], handle, buffer.data());
+      EXPECT_TRUE(SUCCEEDED(read)) << std::hex << read;
       std::vector<std::string> row;
       for (const Cell& c : buffer)
         row.push_back(c.status == DBSTATUS_S_ISNULL ? std::string("<null>") : corvane::ToUtf8(c.text));

@@ -35,6 +35,16 @@ struct LastError {
 };
 
 class ConsumerTest : public LeakCheckedTest {
+ public:
+  // The records of the failed call on this thread, taken (the thread is left clean).
+  static LastError TakeLastError();
+  template <typename T>
+  static T* Query(IUnknown* object, REFIID iid) {
+    T* p = nullptr;
+    if (FAILED(object->QueryInterface(iid, reinterpret_cast<void**>(&p)))) return nullptr;
+    return p;
+  }
+
  protected:
   // The samples of "Area1.Temp" (VT_R8) and "Area1.Text" (VT_BSTR): one every minute,
   // ending one minute before the test starts, so that the default 72-hour range holds
@@ -48,15 +58,6 @@ class ConsumerTest : public LeakCheckedTest {
     object->AddRef();
     return object->Release();
   }
-  template <typename T>
-  static T* Query(IUnknown* object, REFIID iid) {
-    T* p = nullptr;
-    if (FAILED(object->QueryInterface(iid, reinterpret_cast<void**>(&p)))) return nullptr;
-    return p;
-  }
-  // The records of the failed call on this thread, taken (the thread is left clean).
-  static LastError TakeLastError();
-
   IUnknown* dataSource_ = nullptr;
   IOpenRowset* session_ = nullptr;
   ULONGLONG firstSample_ = 0;
@@ -66,10 +67,19 @@ class ConsumerTest : public LeakCheckedTest {
   ULONG hostRefs_ = 0;
 };
 
+// Creates the provider over `host` (linked in, or the registered DLL), sets its catalog
+// to "Plant", initialises it and opens a session.
+void OpenProvider(IUnknown* host, IUnknown** dataSource, IOpenRowset** session);
+// Releases the session, uninitialises the data source and checks that its last
+// reference goes with the consumer's; clears the thread's error records.
+void CloseProvider(IUnknown** dataSource, IOpenRowset** session);
+
 // Reads every row of `rowset` through an accessor of the given columns as wide text
 // (DBTYPE_WSTR, 512 characters) in batches of `batch`; a null cell reads as "<null>".
+// With `failure`, a failing fetch stops the read and is given back there instead of
+// failing the test.
 std::vector<std::vector<std::string>> ReadAll(IUnknown* rowset, const std::vector<DBORDINAL>& columns,
-                                              DBROWCOUNT batch = 7);
+                                              DBROWCOUNT batch = 7, HRESULT* failure = nullptr);
 // Frees what GetProperties returned.
 void FreePropertySets(ULONG count, DBPROPSET* sets);
 // Column names and types of a rowset or prepared command (IColumnsInfo).
