@@ -30,11 +30,15 @@ class IRowSink {
 
 class CResultFormatter : public IRowSink {
  public:
-  CResultFormatter(OutputFormat format, FILE* out) : format_(format), out_(out) {}
+  // `resultsBefore` counts the results already written to `out`, which CSV separates
+  // by an empty line.
+  CResultFormatter(OutputFormat format, FILE* out, size_t resultsBefore = 0)
+      : format_(format), out_(out), results_(resultsBefore) {}
   void Begin(const std::vector<std::string>& columns) override;
   void Row(const std::vector<Cell>& cells) override;
   void End(bool complete) override;
   size_t Rows() const { return rows_; }
+  size_t Results() const { return results_; }
 
   // Parses "table", "csv" or "json"; false for anything else.
   static bool ParseFormat(const std::string& text, OutputFormat* format);

@@ -186,7 +186,7 @@ bool CShell::RunSql(const std::string& sql) {
   std::string text = Trim(sql);
   while (!text.empty() && text.back() == ';') text = Trim(text.substr(0, text.size() - 1));
   if (text.empty()) return true;
-  CResultFormatter out(format_, stdout);
+  CResultFormatter out(format_, stdout, results_);
   Failure failure;
   g_cancel.store(false);
   g_statementRunning.store(true);
@@ -196,6 +196,7 @@ bool CShell::RunSql(const std::string& sql) {
     hr = connection_.Execute(text, parameters_, out, g_cancel, std::ref(progress), &failure);
   }
   g_statementRunning.store(false);
+  results_ = out.Results();
   if (hr == E_ABORT) {
     anyFailed_ = true;
     fprintf(stderr, "cancelled after %llu rows\n", static_cast<unsigned long long>(out.Rows()));
@@ -217,7 +218,7 @@ bool CShell::RunDotCommand(const std::string& line) {
     argument = Trim(line.substr(space));
   }
   while (!argument.empty() && argument.back() == ';') argument.pop_back();
-  CResultFormatter out(format_, stdout);
+  CResultFormatter out(format_, stdout, results_);
   Failure failure;
   HRESULT hr = S_OK;
   if (command == ".help") {
@@ -255,6 +256,7 @@ bool CShell::RunDotCommand(const std::string& line) {
     return false;
   }
   fflush(stdout);
+  results_ = out.Results();
   if (FAILED(hr)) {
     Report(failure);
     return false;

@@ -56,6 +56,7 @@ class CShell {
   bool anyFailed_ = false;
   bool quit_ = false;
   bool showProgress_ = false;
+  size_t results_ = 0;  // results written to stdout so far
 };
 
 }  // namespace corvane::shell

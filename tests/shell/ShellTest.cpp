@@ -1,0 +1,308 @@
+// The shell as its users run it: a process with arguments, files, stdin and a terminal.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <pty.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+std::string g_shell;
+
+struct Result {
+  int status = -1;
+  std::string out, err;
+};
+
+std::string TempDir() {
+  static std::string dir = [] {
+    char pattern[] = "/tmp/corvane-shell-XXXXXX";
+    return std::string(mkdtemp(pattern));
+  }();
+  return dir;
+}
+
+std::string WriteFile(const std::string& name, const std::string& text) {
+  const std::string path = TempDir() + "/" + name;
+  std::ofstream(path, std::ios::binary) << text;
+  return path;
+}
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+// Runs the shell with `args`, `input` on stdin, and collects its outputs.
+Result RunShell(const std::vector<std::string>& args, const std::string& input = "") {
+  const std::string in = WriteFile("stdin", input), out = TempDir() + "/stdout", err = TempDir() + "/stderr";
+  const pid_t pid = fork();
+  if (pid == 0) {
+    dup2(open(in.c_str(), O_RDONLY), 0);
+    dup2(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
+    dup2(open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
+    std::vector<char*> argv{const_cast<char*>(g_shell.c_str())};
+    for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    execv(g_shell.c_str(), argv.data());
+    _exit(127);
+  }
+  Result r;
+  int status = 0;
+  waitpid(pid, &status, 0);
+  r.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  r.out = ReadFile(out);
+  r.err = ReadFile(err);
+  return r;
+}
+
+// Two tags with known samples on 2024-01-01, one of each kind the formats treat apart.
+const char kData[] =
+    "tag,timestamp,value,quality,vartype\n"
+    "Flow,2024-01-01 00:00:00,1.5,192,VT_R8\n"
+    "Flow,2024-01-01 00:01:00.25,0.1,192,\n"
+    "Note,2024-01-01 00:00:00,\"a, \"\"quoted\"\" note\",192,VT_BSTR\n"
+    "Note,2024-01-01 00:01:00,,0,\n"
+    "On,2024-01-01 00:00:00,true,192,VT_BOOL\n";
+const char kDay[] = "TIMESTAMP >= '2024-01-01' AND TIMESTAMP < '2024-01-02'";
+
+std::vector<std::string> WithData(std::vector<std::string> args) {
+  args.insert(args.begin(), {"--data", WriteFile("data.csv", kData)});
+  return args;
+}
+
+TEST(ShellOutputFormats, CsvIsRfc4180WithShortestNumbersAndEmptyNulls) {
+  Result r = RunShell(WithData({"--format", "csv", "-e",
+                           std::string("SELECT TAGNAME, TIMESTAMP, VALUE, QUALITY FROM RAWDATA WHERE ") + kDay}));
+  ASSERT_EQ(0, r.status) << r.err;
+  EXPECT_EQ(
+      "TAGNAME,TIMESTAMP,VALUE,QUALITY\r\n"
+      "Flow,2024-01-01 00:00:00.000,1.5,192\r\n"
+      "Flow,2024-01-01 00:01:00.250,0.1,192\r\n"
+      "Note,2024-01-01 00:00:00.000,\"a, \"\"quoted\"\" note\",192\r\n"
+      "Note,2024-01-01 00:01:00.000,\"\",0\r\n"
+      "On,2024-01-01 00:00:00.000,true,192\r\n",
+      r.out);
+  // An interval without data: its values are NULL, written as empty fields.
+  r = RunShell(WithData({"--format", "csv", "-e", "EXEC HDA_REDUCED_ANALOG '2023-12-31 00:00:00', "
+                                             "'2023-12-31 00:01:00', 60000, 'Flow'"}));
+  ASSERT_EQ(0, r.status) << r.err;
+  EXPECT_NE(std::string::npos, r.out.find("\r\n2023-12-31 00:00:00.000,,")) << r.out;
+}
+
+TEST(ShellOutputFormats, JsonIsOneArrayOfObjectsPerStatement) {
+  const std::string sql = std::string("SELECT TAGNAME, TIMESTAMP, VALUE FROM RAWDATA WHERE ") + kDay;
+  Result r = RunShell(WithData({"--format", "json", "-e", sql, "-e", "SELECT TAGNAME FROM TAGS WHERE TAGNAME = 'x'"}));
+  ASSERT_EQ(0, r.status) << r.err;
+  EXPECT_EQ(
+      "[\n"
+      "{\"TAGNAME\":\"Flow\",\"TIMESTAMP\":\"2024-01-01T00:00:00.000Z\",\"VALUE\":1.5},\n"
+      "{\"TAGNAME\":\"Flow\",\"TIMESTAMP\":\"2024-01-01T00:01:00.250Z\",\"VALUE\":0.1},\n"
+      "{\"TAGNAME\":\"Note\",\"TIMESTAMP\":\"2024-01-01T00:00:00.000Z\",\"VALUE\":\"a, \\\"quoted\\\" note\"},\n"
+      "{\"TAGNAME\":\"Note\",\"TIMESTAMP\":\"2024-01-01T00:01:00.000Z\",\"VALUE\":\"\"},\n"
+      "{\"TAGNAME\":\"On\",\"TIMESTAMP\":\"2024-01-01T00:00:00.000Z\",\"VALUE\":true}\n"
+      "]\n"
+      "[]\n",
+      r.out);
+}
+
+TEST(ShellOutputFormats, TableAlignsColumnsAndCountsRows) {
+  Result r = RunShell(WithData({"--format", "table", "-e",
+                           std::string("SELECT TAGNAME, VALUE FROM RAWDATA WHERE TAGNAME = 'Flow' AND ") + kDay}));
+  ASSERT_EQ(0, r.status) << r.err;
+  EXPECT_EQ(
+      "TAGNAME | VALUE\n"
+      "--------+------\n"
+      "Flow    |   1.5\n"
+      "Flow    |   0.1\n"
+      "(2 rows)\n",
+      r.out);
+}
+
+TEST(ShellFailures, ErrorsGoToStderrAndTheShellGoesOn) {
+  Result r = RunShell(WithData({"-e", "SELECT * FROM NO_SUCH_TABLE", "-e", "SELECT TAGNAME FROM TAGS"}));
+  EXPECT_EQ(1, r.status);
+  EXPECT_EQ(0u, r.err.find("error 0x8004C001: Failed to execute a command (IID_ICommand). Details: ")) << r.err;
+  EXPECT_EQ("TAGNAME\r\nFlow\r\nNote\r\nOn\r\n", r.out) << "the next statement still ran";
+
+  r = RunShell({"--no-demo", "-e", "SELEC 1"});
+  EXPECT_EQ(1, r.status);
+  EXPECT_EQ(0u, r.err.find("error 0x8"));
+
+  // Bad command lines and unreadable files: status 2 and a message, nothing run.
+  for (const std::vector<std::string>& bad : std::vector<std::vector<std::string>>{
+           {"--format", "xml"}, {"--bogus"}, {"-e"}, {"--param", "DBTYPE_NOPE:1"},
+           {"/nonexistent/statements.sql"}, {"--data", "/nonexistent/data.csv"},
+           {"--data", WriteFile("bad.csv", "tag,timestamp,value,quality\nFlow,yesterday,1,0\n")}}) {
+    r = RunShell(bad);
+    EXPECT_EQ(2, r.status) << bad[0];
+    EXPECT_EQ(0u, r.err.find("corvane-sql: ")) << r.err;
+    EXPECT_EQ("", r.out);
+  }
+  EXPECT_NE(std::string::npos, r.err.find("bad.csv:2")) << "a bad data file names its line: " << r.err;
+}
+
+TEST(ShellInputs, ParametersAreTypedAndCounted) {
+  Result r = RunShell(WithData({"--param", "Flow", "--param", "DBTYPE_DBTIMESTAMP:2024-01-01 00:00:00", "--param",
+                           "DBTYPE_DBTIMESTAMP:2024-01-01 00:02:00", "--param", "DBTYPE_R8:60000", "-e",
+                           "EXEC HDA_REDUCED_ANALOG ?, ?, ?, ?", "--format", "csv"}));
+  // The first value is a tag name where the procedure wants a time: it counts as absent.
+  EXPECT_EQ(1, r.status) << r.out;
+  r = RunShell(WithData({"--param", "DBTYPE_DBTIMESTAMP:2024-01-01 00:00:00", "--param",
+                         "DBTYPE_DBTIMESTAMP:2024-01-01 00:02:00", "--param", "DBTYPE_R8:60000", "--param", "Flow",
+                         "-e", "EXEC HDA_REDUCED_ANALOG ?, ?, ?, ?"}));
+  ASSERT_EQ(0, r.status) << r.err;
+  EXPECT_EQ(0u, r.out.find("Timestamp,MIN_Value,")) << r.out;
+  EXPECT_NE(std::string::npos, r.out.find("\r\n2024-01-01 00:00:00.000,1.5,")) << r.out;
+  EXPECT_NE(std::string::npos, r.out.find("\r\n2024-01-01 00:01:00.000,0.1,")) << "one-minute intervals: " << r.out;
+  // Every statement takes its values from the first --param on.
+  r = RunShell(WithData({"--param", "Flow", "-e", std::string("SELECT VALUE FROM RAWDATA WHERE TAGNAME = ? AND ") + kDay,
+                         "-e", "SELECT TAGNAME FROM TAGS WHERE TAGNAME = ?"}));
+  ASSERT_EQ(0, r.status) << r.err;
+  EXPECT_EQ("VALUE\r\n1.5\r\n0.1\r\n\r\nTAGNAME\r\nFlow\r\n", r.out);
+
+  r = RunShell(WithData({"--param", "DBTYPE_R8:abc", "-e", "SELECT * FROM RAWDATA WHERE TAGNAME = ?"}));
+  EXPECT_EQ(1, r.status);
+  EXPECT_NE(std::string::npos, r.err.find("'abc' is not a valid DBTYPE_R8")) << r.err;
+  r = RunShell(WithData({"-e", "SELECT * FROM RAWDATA WHERE TAGNAME = ?"}));
+  EXPECT_EQ(1, r.status);
+  EXPECT_NE(std::string::npos, r.err.find("the statement has 1 parameter(s) but 0")) << r.err;
+}
+
+TEST(ShellInputs, FilesAndStdinSplitAtSemicolonsThatEndALine) {
+  const std::string script =
+      "-- the tags first\n"
+      "SELECT TAGNAME\n  FROM TAGS\n  WHERE TAGNAME = 'Flow';\n"
+      "\n"
+      "SELECT TAGNAME FROM TAGS WHERE TAGNAME = 'a;\nb';\n"  // a `;` inside a text ends nothing
+      "SELECT TAGNAME FROM TAGS WHERE TAGNAME = 'On'";      // the last one needs no `;`
+  const std::string expected = "TAGNAME\r\nFlow\r\n\r\nTAGNAME\r\n\r\nTAGNAME\r\nOn\r\n";
+  Result r = RunShell(WithData({WriteFile("script.sql", script)}));
+  EXPECT_EQ(0, r.status) << r.err;
+  EXPECT_EQ(expected, r.out);
+  r = RunShell(WithData({}), script);
+  EXPECT_EQ(0, r.status) << r.err;
+  EXPECT_EQ(expected, r.out);
+  // -e statements and files run in the order given; dot commands work in scripts.
+  r = RunShell(WithData({"-e", "SELECT TAGNAME FROM TAGS WHERE TAGNAME = 'On'", WriteFile("dot.sql", ".format json\n"
+                                                                                              ".tables\n")}));
+  EXPECT_EQ(0, r.status) << r.err;
+  EXPECT_EQ(0u, r.out.find("TAGNAME\r\nOn\r\n[\n{\"TABLE_NAME\":")) << r.out;
+}
+
+// A shell on a pseudo-terminal, driven by what a user types.
+class Terminal {
+ public:
+  explicit Terminal(const std::vector<std::string>& args) {
+    pid_ = forkpty(&fd_, nullptr, nullptr, nullptr);
+    if (pid_ == 0) {
+      std::vector<char*> argv{const_cast<char*>(g_shell.c_str())};
+      for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+      argv.push_back(nullptr);
+      execv(g_shell.c_str(), argv.data());
+      _exit(127);
+    }
+  }
+  ~Terminal() {
+    if (pid_ > 0) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+    close(fd_);
+  }
+  void Type(const std::string& text) { (void)!write(fd_, text.data(), text.size()); }
+  // Reads until `text` shows up after what was read before; false after 60 s.
+  bool WaitFor(const std::string& text) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (seen_.find(text, mark_) == std::string::npos) {
+      if (std::chrono::steady_clock::now() > deadline) return false;
+      pollfd p{fd_, POLLIN, 0};
+      if (poll(&p, 1, 200) <= 0) continue;
+      char buffer[65536];
+      const ssize_t n = read(fd_, buffer, sizeof buffer);
+      if (n <= 0) return false;
+      seen_.append(buffer, n);
+    }
+    mark_ = seen_.find(text, mark_) + text.size();
+    return true;
+  }
+  int Wait() {
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+  const std::string& Seen() const { return seen_; }
+
+ private:
+  int fd_ = -1;
+  pid_t pid_ = -1;
+  std::string seen_;
+  size_t mark_ = 0;
+};
+
+TEST(ShellInteractive, PromptMultiLineDotCommandsAndHistory) {
+  const std::string history = TempDir() + "/history";
+  unlink(history.c_str());
+  setenv("CORVANE_SQL_HISTORY", history.c_str(), 1);
+  {
+    Terminal t(WithData({}));
+    ASSERT_TRUE(t.WaitFor("corvane> ")) << t.Seen();
+    t.Type(".tables\n");
+    ASSERT_TRUE(t.WaitFor("RAWDATA_BOOLEAN")) << t.Seen();
+    ASSERT_TRUE(t.WaitFor("(15 rows)")) << t.Seen();
+    t.Type("SELECT TAGNAME\r");
+    ASSERT_TRUE(t.WaitFor("...> ")) << "a statement goes on until ';': " << t.Seen();
+    t.Type("FROM TAGS WHERE TAGNAME = 'On';\r");
+    ASSERT_TRUE(t.WaitFor("On\r\n(1 row)")) << t.Seen();
+    t.Type("\x1b[A\r");  // up arrow: the last statement again, from the history
+    ASSERT_TRUE(t.WaitFor("On\r\n(1 row)")) << t.Seen();
+    t.Type(".quit\r");
+    EXPECT_EQ(0, t.Wait());
+  }
+  // One entry per statement, the two lines kept together (libedit encodes blanks).
+  EXPECT_NE(std::string::npos, ReadFile(history).find("TAGNAME\\012FROM")) << ReadFile(history);
+  unsetenv("CORVANE_SQL_HISTORY");
+}
+
+TEST(ShellInteractive, CtrlCStopsALongFetchAndTheShellGoesOn) {
+  setenv("CORVANE_SQL_HISTORY", "/dev/null", 1);
+  Terminal t({"--leak-check", "--format", "csv"});
+  ASSERT_TRUE(t.WaitFor("corvane> ")) << t.Seen();
+  // Every sample of every demo tag over three days: far more than a second's work.
+  t.Type("SELECT * FROM RAWDATA;\r");
+  ASSERT_TRUE(t.WaitFor("TAGNAME,TIMESTAMP")) << t.Seen();
+  t.Type("\x03");
+  ASSERT_TRUE(t.WaitFor("cancelled after ")) << t.Seen().substr(t.Seen().size() - 300);
+  t.Type("SELECT TAGNAME FROM TAGS WHERE TAGNAME = 'Pump1.Flow';\r");
+  ASSERT_TRUE(t.WaitFor("\nPump1.Flow")) << t.Seen().substr(t.Seen().size() - 300);
+  t.Type(".quit\r");
+  EXPECT_EQ(1, t.Wait()) << "the cancelled statement counts as failed";
+  EXPECT_EQ(std::string::npos, t.Seen().find("leak check")) << "nothing was left outstanding";
+  unsetenv("CORVANE_SQL_HISTORY");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  ::testing::InitGoogleTest(&argc, argv);
+  for (int i = 1; i + 1 < argc; ++i)
+    if (std::string(argv[i]) == "--shell") g_shell = argv[i + 1];
+  if (g_shell.empty() || access(g_shell.c_str(), X_OK) != 0) {
+    fprintf(stderr, "usage: shell_tests --shell PATH-TO-corvane-sql\n");
+    return 2;
+  }
+  return RUN_ALL_TESTS();
+}
