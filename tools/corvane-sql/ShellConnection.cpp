@@ -138,6 +138,29 @@ struct Slot {
   };
 };
 
+struct TextSlot {
+  DBSTATUS status;
+  DBLENGTH length;
+  OLECHAR text[1024];
+};
+
+Cell::Kind TextKind(DBTYPE type) {
+  switch (type) {
+    case DBTYPE_I1: case DBTYPE_I2: case DBTYPE_I4: case DBTYPE_I8:
+    case DBTYPE_UI1: case DBTYPE_UI2: case DBTYPE_UI4: case DBTYPE_UI8:
+    case DBTYPE_R4: case DBTYPE_R8: case DBTYPE_DECIMAL: case DBTYPE_NUMERIC: case DBTYPE_CY:
+      return Cell::Number;
+    case DBTYPE_BOOL: return Cell::Bool;
+    default: return Cell::Text;
+  }
+}
+
+Cell TextCell(Cell::Kind kind, const OLECHAR* text) {
+  std::string value = corvane::ToUtf8(text);
+  if (kind == Cell::Bool) value = (value == "0" || value == "False" || value == "false") ? "false" : "true";
+  return Cell{kind, value};
+}
+
 HRESULT SetInitProperties(IUnknown* dataSource, const ConnectionOptions& options) {
   std::vector<DBPROP> props;
   auto add = [&props](DBPROPID id, const std::string& value) {
@@ -329,10 +352,17 @@ Failure TakeFailure(HRESULT hr) {
     ULONG count = 0;
     if (records && SUCCEEDED(records->GetRecordCount(&count))) {
       for (ULONG i = 0; i < count; ++i) {
+        // The provider puts each record's text in its custom error object; the error
+        // lookup route only works where the provider's module is registered.
         IErrorInfo* record = nullptr;
+        IUnknown* custom = nullptr;
+        if (SUCCEEDED(records->GetCustomErrorObject(i, IID_IErrorInfo, &custom)) && custom) {
+          record = Query<IErrorInfo>(custom, IID_IErrorInfo);
+          custom->Release();
+        }
+        if (!record && FAILED(records->GetErrorInfo(i, GetUserDefaultLCID(), &record))) record = nullptr;
         BSTR text = nullptr;
-        if (SUCCEEDED(records->GetErrorInfo(i, GetUserDefaultLCID(), &record)) && record &&
-            SUCCEEDED(record->GetDescription(&text)) && text)
+        if (record && SUCCEEDED(record->GetDescription(&text)) && text)
           failure.descriptions.push_back(corvane::ToUtf8(text));
         SysFreeString(text);
         if (record) record->Release();
@@ -559,7 +589,8 @@ HRESULT CShellConnection::ReadRowset(IUnknown* rowset, IRowSink& sink, const std
   HRESULT described = info->GetColumnInfo(&columnCount, &columns, &names);
   if (FAILED(described)) return described;
   std::vector<std::string> header;
-  std::vector<DBBINDING> bindings;
+  std::vector<DBBINDING> bindings, textBindings;
+  std::vector<Cell::Kind> textKinds;
   for (DBORDINAL i = 0; i < columnCount; ++i) {
     // Ordinal 0 is the bookmark; the flags are not looked at, since procedure columns
     // carry the bookmark bit on ordinary columns.
@@ -577,15 +608,28 @@ HRESULT CShellConnection::ReadRowset(IUnknown* rowset, IRowSink& sink, const std
     b.cbMaxLen = b.wType == DBTYPE_VARIANT ? sizeof(VARIANT) : sizeof(DBTIMESTAMP);
     bindings.push_back(b);
     header.push_back(columns[i].pwszName ? corvane::ToUtf8(columns[i].pwszName) : "");
+    // The same column as text, for values that a data conversion library cannot hand
+    // over as a VARIANT.
+    b.obStatus = textBindings.size() * sizeof(TextSlot) + offsetof(TextSlot, status);
+    b.obLength = textBindings.size() * sizeof(TextSlot) + offsetof(TextSlot, length);
+    b.obValue = textBindings.size() * sizeof(TextSlot) + offsetof(TextSlot, text);
+    b.wType = DBTYPE_WSTR;
+    b.cbMaxLen = sizeof(TextSlot::text);
+    textBindings.push_back(b);
+    textKinds.push_back(TextKind(columns[i].wType));
   }
   CoTaskMemFree(columns);
   CoTaskMemFree(names);
-  HACCESSOR handle = DB_NULL_HACCESSOR;
+  HACCESSOR handle = DB_NULL_HACCESSOR, textHandle = DB_NULL_HACCESSOR;
   if (!bindings.empty()) {
     described = accessor->CreateAccessor(DBACCESSOR_ROWDATA, bindings.size(), bindings.data(),
                                          bindings.size() * sizeof(Slot), &handle, nullptr);
     if (FAILED(described)) return described;
+    if (FAILED(accessor->CreateAccessor(DBACCESSOR_ROWDATA, textBindings.size(), textBindings.data(),
+                                        textBindings.size() * sizeof(TextSlot), &textHandle, nullptr)))
+      textHandle = DB_NULL_HACCESSOR;
   }
+  std::vector<TextSlot> textRow;
   sink.Begin(header);
   std::vector<Slot> row(bindings.size());
   std::vector<Cell> cells(bindings.size());
@@ -602,7 +646,14 @@ HRESULT CShellConnection::ReadRowset(IUnknown* rowset, IRowSink& sink, const std
         } else if (s.status == DBSTATUS_S_ISNULL) {
           cells[c] = Cell{};
         } else if (s.status != DBSTATUS_S_OK && s.status != DBSTATUS_S_TRUNCATED) {
-          cells[c] = Cell{Cell::Text, "<status " + std::to_string(s.status) + ">"};
+          if (textRow.empty() && textHandle != DB_NULL_HACCESSOR) {
+            textRow.resize(textBindings.size());
+            if (FAILED(fetch->GetData(rows[r], textHandle, textRow.data()))) textRow.clear();
+          }
+          if (!textRow.empty() && textRow[c].status == DBSTATUS_S_OK)
+            cells[c] = TextCell(textKinds[c], textRow[c].text);
+          else
+            cells[c] = Cell{Cell::Text, "<status " + std::to_string(s.status) + ">"};
         } else if (bindings[c].wType == DBTYPE_DBTIMESTAMP) {
           const DBTIMESTAMP& t = s.timestamp;
           cells[c] = Cell{Cell::Time, Timestamp(t.year, t.month, t.day, t.hour, t.minute, t.second,
@@ -612,6 +663,7 @@ HRESULT CShellConnection::ReadRowset(IUnknown* rowset, IRowSink& sink, const std
           VariantClear(&s.variant);
         }
       }
+      textRow.clear();
       sink.Row(cells);
     }
     const bool more = hr == S_OK && obtained > 0;
@@ -633,6 +685,7 @@ HRESULT CShellConnection::ReadRowset(IUnknown* rowset, IRowSink& sink, const std
   if (SUCCEEDED(hr)) hr = S_OK;
   sink.End(complete);
   if (handle != DB_NULL_HACCESSOR) accessor->ReleaseAccessor(handle, nullptr);
+  if (textHandle != DB_NULL_HACCESSOR) accessor->ReleaseAccessor(textHandle, nullptr);
   return hr;
 }
 
