@@ -18,6 +18,7 @@
 namespace {
 
 std::string g_shell;
+std::string g_readme;
 
 struct Result {
   int status = -1;
@@ -202,6 +203,27 @@ TEST(ShellInputs, FilesAndStdinSplitAtSemicolonsThatEndALine) {
   EXPECT_EQ(0u, r.out.find("TAGNAME\r\nOn\r\n[\n{\"TABLE_NAME\":")) << r.out;
 }
 
+TEST(ShellInputs, TheReadmeExamplesRunOnTheDemoPlant) {
+  ASSERT_FALSE(g_readme.empty()) << "pass --readme PATH";
+  std::istringstream readme(ReadFile(g_readme));
+  std::string line, examples;
+  bool inBlock = false;
+  while (std::getline(readme, line)) {
+    if (line.compare(0, 3, "```") == 0) inBlock = !inBlock && line == "```sql";
+    else if (inBlock) examples += line + "\n";
+  }
+  ASSERT_GT(examples.size(), 200u) << "the examples were not found";
+  const Result r = RunShell({"--format", "json", WriteFile("readme.sql", examples)});
+  EXPECT_EQ(0, r.status) << r.err;
+  EXPECT_EQ("", r.err);
+  std::istringstream out(r.out);
+  long results = 0;
+  while (std::getline(out, line)) results += line == "[" || line == "[]";
+  long statements = 0;
+  for (size_t at = examples.find(";\n"); at != std::string::npos; at = examples.find(";\n", at + 1)) ++statements;
+  EXPECT_EQ(statements, results) << "one result per example";
+}
+
 // A shell on a pseudo-terminal, driven by what a user types.
 class Terminal {
  public:
@@ -300,6 +322,7 @@ int main(int argc, char** argv) {
   ::testing::InitGoogleTest(&argc, argv);
   for (int i = 1; i + 1 < argc; ++i)
     if (std::string(argv[i]) == "--shell") g_shell = argv[i + 1];
+    else if (std::string(argv[i]) == "--readme") g_readme = argv[i + 1];
   if (g_shell.empty() || access(g_shell.c_str(), X_OK) != 0) {
     fprintf(stderr, "usage: shell_tests --shell PATH-TO-corvane-sql\n");
     return 2;
