@@ -379,6 +379,9 @@ Failure TakeFailure(HRESULT hr) {
   for (const auto& record : corvane::platform::TakeErrorRecords())
     failure.descriptions.push_back(corvane::ToUtf8(corvane::WStringView(record.description)));
 #endif
+  // Some descriptions end in a line break of their own; the report adds its own.
+  for (auto& text : failure.descriptions)
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
   return failure;
 }
 
