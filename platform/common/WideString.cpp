@@ -194,7 +194,7 @@ std::string ToUtf8(const OLECHAR* text) { return text ? ToUtf8(WStringView(text)
 
 namespace {
 
-struct Spec {
+struct FieldFormat {
   bool left = false;
   bool plus = false;
   bool space = false;
@@ -209,11 +209,11 @@ enum class Size { None, Char, Short, Long, LongLong, SizeT, IntMax, PtrDiff, Lon
 void Pad(WString& out, size_t n, OLECHAR c) { out.append(n, c); }
 
 // Writes `body` (already including any sign/prefix handling) padded to the width.
-void EmitPadded(WString& out, const Spec& spec, WStringView body) {
-  const size_t w = spec.width > 0 ? static_cast<size_t>(spec.width) : 0;
+void EmitPadded(WString& out, const FieldFormat& field, WStringView body) {
+  const size_t w = field.width > 0 ? static_cast<size_t>(field.width) : 0;
   if (body.size() >= w) {
     out.append(body);
-  } else if (spec.left) {
+  } else if (field.left) {
     out.append(body);
     Pad(out, w - body.size(), OLECHAR(' '));
   } else {
@@ -222,7 +222,7 @@ void EmitPadded(WString& out, const Spec& spec, WStringView body) {
   }
 }
 
-void EmitInteger(WString& out, const Spec& spec, uint64_t magnitude, bool negative, int base, bool upper,
+void EmitInteger(WString& out, const FieldFormat& field, uint64_t magnitude, bool negative, int base, bool upper,
                  bool isSigned, bool isPointer = false) {
   const char* digits = upper ? "0123456789ABCDEF" : "0123456789abcdef";
   char buf[72];
@@ -235,74 +235,74 @@ void EmitInteger(WString& out, const Spec& spec, uint64_t magnitude, bool negati
   // Digits, most significant first, with the precision's minimum count; a precision
   // of 0 prints nothing for the value 0.
   std::string num;
-  int minDigits = spec.precision >= 0 ? spec.precision : 1;
+  int minDigits = field.precision >= 0 ? field.precision : 1;
   if (isPointer) minDigits = static_cast<int>(sizeof(void*) * 2);
   for (int k = n; k < minDigits; ++k) num.push_back('0');
   for (int k = n - 1; k >= 0; --k) num.push_back(buf[k]);
-  if (spec.alt && base == 8 && (num.empty() || num[0] != '0')) num.insert(num.begin(), '0');
+  if (field.alt && base == 8 && (num.empty() || num[0] != '0')) num.insert(num.begin(), '0');
 
   std::string prefix;
   if (isSigned) {
     if (negative)
       prefix = "-";
-    else if (spec.plus)
+    else if (field.plus)
       prefix = "+";
-    else if (spec.space)
+    else if (field.space)
       prefix = " ";
   }
-  if (spec.alt && base == 16 && magnitude != 0) prefix += upper ? "0X" : "0x";
+  if (field.alt && base == 16 && magnitude != 0) prefix += upper ? "0X" : "0x";
 
   // The 0 flag pads between sign and digits, unless a precision or '-' is given.
-  const size_t w = spec.width > 0 ? static_cast<size_t>(spec.width) : 0;
-  if (spec.zero && !spec.left && spec.precision < 0 && prefix.size() + num.size() < w)
+  const size_t w = field.width > 0 ? static_cast<size_t>(field.width) : 0;
+  if (field.zero && !field.left && field.precision < 0 && prefix.size() + num.size() < w)
     num.insert(num.begin(), w - prefix.size() - num.size(), '0');
 
   WString body;
   body.reserve(prefix.size() + num.size());
   for (char c : prefix) body.push_back(static_cast<OLECHAR>(c));
   for (char c : num) body.push_back(static_cast<OLECHAR>(c));
-  EmitPadded(out, spec, body);
+  EmitPadded(out, field, body);
 }
 
-void EmitString(WString& out, const Spec& spec, WStringView s) {
-  if (spec.precision >= 0 && static_cast<size_t>(spec.precision) < s.size()) s = s.substr(0, spec.precision);
-  EmitPadded(out, spec, s);
+void EmitString(WString& out, const FieldFormat& field, WStringView s) {
+  if (field.precision >= 0 && static_cast<size_t>(field.precision) < s.size()) s = s.substr(0, field.precision);
+  EmitPadded(out, field, s);
 }
 
-void EmitFloat(WString& out, const Spec& spec, char conv, bool longDouble, va_list& args) {
+void EmitFloat(WString& out, const FieldFormat& field, char conv, bool longDouble, va_list& args) {
   char fmt[32];
   int k = 0;
   fmt[k++] = '%';
-  if (spec.left) fmt[k++] = '-';
-  if (spec.plus) fmt[k++] = '+';
-  if (spec.space) fmt[k++] = ' ';
-  if (spec.zero) fmt[k++] = '0';
-  if (spec.alt) fmt[k++] = '#';
+  if (field.left) fmt[k++] = '-';
+  if (field.plus) fmt[k++] = '+';
+  if (field.space) fmt[k++] = ' ';
+  if (field.zero) fmt[k++] = '0';
+  if (field.alt) fmt[k++] = '#';
   fmt[k++] = '*';
   fmt[k++] = '.';
   fmt[k++] = '*';
   if (longDouble) fmt[k++] = 'L';
   fmt[k++] = conv;
   fmt[k] = 0;
-  const int precision = spec.precision >= 0 ? spec.precision : (conv == 'a' || conv == 'A' ? -1 : 6);
+  const int precision = field.precision >= 0 ? field.precision : (conv == 'a' || conv == 'A' ? -1 : 6);
   char small[128];
   std::string big;
   const char* text = small;
   int len;
   if (longDouble) {
     const long double v = va_arg(args, long double);
-    len = std::snprintf(small, sizeof small, fmt, spec.width, precision, v);
+    len = std::snprintf(small, sizeof small, fmt, field.width, precision, v);
     if (len >= static_cast<int>(sizeof small)) {
       big.resize(static_cast<size_t>(len) + 1);
-      std::snprintf(&big[0], big.size(), fmt, spec.width, precision, v);
+      std::snprintf(&big[0], big.size(), fmt, field.width, precision, v);
       text = big.c_str();
     }
   } else {
     const double v = va_arg(args, double);
-    len = std::snprintf(small, sizeof small, fmt, spec.width, precision, v);
+    len = std::snprintf(small, sizeof small, fmt, field.width, precision, v);
     if (len >= static_cast<int>(sizeof small)) {
       big.resize(static_cast<size_t>(len) + 1);
-      std::snprintf(&big[0], big.size(), fmt, spec.width, precision, v);
+      std::snprintf(&big[0], big.size(), fmt, field.width, precision, v);
       text = big.c_str();
     }
   }
@@ -391,44 +391,44 @@ WString WFormatV(const OLECHAR* format, va_list argsIn) {
       ++p;
       continue;
     }
-    Spec spec;
+    FieldFormat field;
     for (;; ++p) {
       if (*p == OLECHAR('-'))
-        spec.left = true;
+        field.left = true;
       else if (*p == OLECHAR('+'))
-        spec.plus = true;
+        field.plus = true;
       else if (*p == OLECHAR(' '))
-        spec.space = true;
+        field.space = true;
       else if (*p == OLECHAR('0'))
-        spec.zero = true;
+        field.zero = true;
       else if (*p == OLECHAR('#'))
-        spec.alt = true;
+        field.alt = true;
       else
         break;
     }
     if (*p == OLECHAR('*')) {
       int w = va_arg(args, int);
       if (w < 0) {
-        spec.left = true;
+        field.left = true;
         w = w == INT_MIN ? INT_MAX : -w;
       }
-      spec.width = w;
+      field.width = w;
       ++p;
     } else {
-      spec.width = ReadNumber(p);
+      field.width = ReadNumber(p);
     }
     if (*p == OLECHAR('.')) {
       ++p;
       if (*p == OLECHAR('*')) {
         const int prec = va_arg(args, int);
-        spec.precision = prec < 0 ? -1 : prec;
+        field.precision = prec < 0 ? -1 : prec;
         ++p;
       } else {
-        spec.precision = ReadNumber(p);
+        field.precision = ReadNumber(p);
       }
     }
-    if (spec.width > kMaxField) spec.width = kMaxField;
-    if (spec.precision > kMaxField) spec.precision = kMaxField;
+    if (field.width > kMaxField) field.width = kMaxField;
+    if (field.precision > kMaxField) field.precision = kMaxField;
 
     Size size = Size::None;
     bool narrowText = false;  // h on %s/%c
@@ -484,24 +484,24 @@ WString WFormatV(const OLECHAR* format, va_list argsIn) {
       case OLECHAR('i'): {
         const int64_t v = ReadSigned(size, args);
         const uint64_t mag = v < 0 ? static_cast<uint64_t>(0) - static_cast<uint64_t>(v) : static_cast<uint64_t>(v);
-        EmitInteger(out, spec, mag, v < 0, 10, false, true);
+        EmitInteger(out, field, mag, v < 0, 10, false, true);
         break;
       }
       case OLECHAR('u'):
-        EmitInteger(out, spec, ReadUnsigned(size, args), false, 10, false, false);
+        EmitInteger(out, field, ReadUnsigned(size, args), false, 10, false, false);
         break;
       case OLECHAR('x'):
-        EmitInteger(out, spec, ReadUnsigned(size, args), false, 16, false, false);
+        EmitInteger(out, field, ReadUnsigned(size, args), false, 16, false, false);
         break;
       case OLECHAR('X'):
-        EmitInteger(out, spec, ReadUnsigned(size, args), false, 16, true, false);
+        EmitInteger(out, field, ReadUnsigned(size, args), false, 16, true, false);
         break;
       case OLECHAR('o'):
-        EmitInteger(out, spec, ReadUnsigned(size, args), false, 8, false, false);
+        EmitInteger(out, field, ReadUnsigned(size, args), false, 8, false, false);
         break;
       case OLECHAR('p'): {
         // The Windows form: all hex digits of the pointer, upper case, no prefix.
-        Spec ps = spec;
+        FieldFormat ps = field;
         ps.precision = -1;
         ps.alt = false;
         EmitInteger(out, ps, reinterpret_cast<uintptr_t>(va_arg(args, void*)), false, 16, true, false, true);
@@ -516,7 +516,7 @@ WString WFormatV(const OLECHAR* format, va_list argsIn) {
           ch = static_cast<OLECHAR>(static_cast<unsigned char>(raw));
         else
           ch = static_cast<OLECHAR>(raw & 0xFFFF);
-        Spec cs = spec;
+        FieldFormat cs = field;
         cs.precision = -1;
         EmitPadded(out, cs, WStringView(&ch, 1));
         break;
@@ -529,13 +529,13 @@ WString WFormatV(const OLECHAR* format, va_list argsIn) {
           const char* s = va_arg(args, const char*);
           if (!s) s = "(null)";
           size_t len = std::strlen(s);
-          if (spec.precision >= 0 && static_cast<size_t>(spec.precision) < len) len = spec.precision;
+          if (field.precision >= 0 && static_cast<size_t>(field.precision) < len) len = field.precision;
           // Narrow arguments are UTF-8 in this code base.
-          EmitString(out, Spec{spec.left, false, false, false, false, spec.width, -1},
+          EmitString(out, FieldFormat{field.left, false, false, false, false, field.width, -1},
                      FromUtf8(std::string_view(s, len)));
         } else {
           const OLECHAR* s = va_arg(args, const OLECHAR*);
-          EmitString(out, spec, s ? WStringView(s) : WStringView(OLESTR("(null)")));
+          EmitString(out, field, s ? WStringView(s) : WStringView(OLESTR("(null)")));
         }
         break;
       }
@@ -547,7 +547,7 @@ WString WFormatV(const OLECHAR* format, va_list argsIn) {
       case OLECHAR('G'):
       case OLECHAR('a'):
       case OLECHAR('A'):
-        EmitFloat(out, spec, static_cast<char>(conv), size == Size::LongDouble, args);
+        EmitFloat(out, field, static_cast<char>(conv), size == Size::LongDouble, args);
         break;
       case OLECHAR('n'):
         // Writing through a caller's pointer from a format string is never wanted.
