@@ -24,11 +24,11 @@ namespace {
 
 const OLECHAR kSource[] = OLESTR("CProviderCommand class");
 
-// The specification a command rowset holds: it answers for the command and tells the
+// The creator a command rowset holds: it answers for the command and tells the
 // command when the rowset is gone, which is how the command knows rowsets are open.
-class CRowsetSpecification final : public IUnknown {
+class CRowsetCreator final : public IUnknown {
  public:
-  explicit CRowsetSpecification(CProviderCommand* command) : command_(command) {
+  explicit CRowsetCreator(CProviderCommand* command) : command_(command) {
     static_cast<ICommandText*>(command_)->AddRef();
   }
   HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {
@@ -42,7 +42,7 @@ class CRowsetSpecification final : public IUnknown {
   }
 
  private:
-  ~CRowsetSpecification() {
+  ~CRowsetCreator() {
     command_->RowsetClosed();
     static_cast<ICommandText*>(command_)->Release();
   }
@@ -642,13 +642,13 @@ HRESULT CProviderCommand::Execute(IUnknown* pUnkOuter, REFIID riid, DBPARAMS* pP
   request.binding.nowLocal = Ticks(nowLocal_);
   request.binding.nowUtc = Ticks(nowUtc_);
 
-  auto* specification = new (std::nothrow) CRowsetSpecification(this);
-  if (!specification) hr = E_OUTOFMEMORY;
-  if (specification) {
+  auto* creator = new (std::nothrow) CRowsetCreator(this);
+  if (!creator) hr = E_OUTOFMEMORY;
+  if (creator) {
     openRowsets_.fetch_add(1);
-    request.specification = specification;
+    request.creator = creator;
     hr = CCommandProviderRowset::Execute(request, pcRowsAffected, riid, ppRowset);
-    specification->Release();  // the rowset keeps its own reference while it lives
+    creator->Release();  // the rowset keeps its own reference while it lives
     if (SUCCEEDED(hr) && ppRowset && *ppRowset) {
       hr = HandRowAccessorsTo(*ppRowset);
       if (FAILED(hr)) {

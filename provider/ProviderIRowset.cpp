@@ -71,9 +71,9 @@ bool IsVariableLength(DBTYPE base) { return base == DBTYPE_STR || base == DBTYPE
 
 using corvane::platform::CriticalSectionLock;
 
-CProviderIRowset::CProviderIRowset(std::unique_ptr<CDataStore> store, RowsetKind kind, IUnknown* specification)
-    : m_pStore(std::move(store)), m_Kind(kind), m_pSpecification(specification) {
-  if (m_pSpecification) m_pSpecification->AddRef();
+CProviderIRowset::CProviderIRowset(std::unique_ptr<CDataStore> store, RowsetKind kind, IUnknown* creator)
+    : m_pStore(std::move(store)), m_Kind(kind), m_pCreator(creator) {
+  if (m_pCreator) m_pCreator->AddRef();
   for (const RowsetProperty& p : kRowsetProperties) {
     const Offer offer = kind == RowsetKind::Command ? p.command : p.table;
     if (offer == Offer::No) continue;
@@ -107,16 +107,16 @@ CProviderIRowset::~CProviderIRowset() {
   for (PropertyValue& p : m_Properties) VariantClear(&p.value);
   m_pStore.reset();
   if (m_pConvert) m_pConvert->Release();
-  if (m_pSpecification) m_pSpecification->Release();
+  if (m_pCreator) m_pCreator->Release();
   corvane::module::Unlock();
 }
 
-HRESULT CProviderIRowset::Create(std::unique_ptr<CDataStore> store, RowsetKind kind, IUnknown* specification,
+HRESULT CProviderIRowset::Create(std::unique_ptr<CDataStore> store, RowsetKind kind, IUnknown* creator,
                                  REFIID riid, void** ppv) {
   if (!ppv) return E_INVALIDARG;
   *ppv = nullptr;
   if (!store) return E_INVALIDARG;
-  auto* rowset = new (std::nothrow) CProviderIRowset(std::move(store), kind, specification);
+  auto* rowset = new (std::nothrow) CProviderIRowset(std::move(store), kind, creator);
   if (!rowset) return E_OUTOFMEMORY;
   const HRESULT hr = rowset->QueryInterface(riid, ppv);
   rowset->Release();
@@ -621,8 +621,8 @@ HRESULT STDMETHODCALLTYPE CProviderIRowset::GetSpecification(REFIID riid, IUnkno
   CVTRACE(TRACE_DETAIL, OLESTR("Called CProviderIRowset::GetSpecification"));
   if (!ppSpecification) return E_INVALIDARG;
   *ppSpecification = nullptr;
-  if (!m_pSpecification) return S_FALSE;
-  return m_pSpecification->QueryInterface(riid, reinterpret_cast<void**>(ppSpecification));
+  if (!m_pCreator) return S_FALSE;
+  return m_pCreator->QueryInterface(riid, reinterpret_cast<void**>(ppSpecification));
 }
 
 HRESULT CProviderIRowset::SetRowsetProperty(DBPROPID id, const VARIANT& value) {

@@ -22,11 +22,11 @@ class CProviderIRowset : public IRowset,
   // Which property table the rowset answers with.
   enum class RowsetKind { Command, Table };
 
-  // `store` is initialised (columns and producer). `specification` is the command or
+  // `store` is initialised (columns and producer). `creator` is the command or
   // session that made the rowset (may be null); it is held until the rowset goes.
-  CProviderIRowset(std::unique_ptr<CDataStore> store, RowsetKind kind, IUnknown* specification);
+  CProviderIRowset(std::unique_ptr<CDataStore> store, RowsetKind kind, IUnknown* creator);
   // Creates a rowset and returns the interface `riid` of it.
-  static HRESULT Create(std::unique_ptr<CDataStore> store, RowsetKind kind, IUnknown* specification, REFIID riid,
+  static HRESULT Create(std::unique_ptr<CDataStore> store, RowsetKind kind, IUnknown* creator, REFIID riid,
                         void** ppv);
 
   // IUnknown
@@ -153,7 +153,7 @@ class CProviderIRowset : public IRowset,
   corvane::platform::CriticalSection m_Lock;
   std::unique_ptr<CDataStore> m_pStore;
   RowsetKind m_Kind;
-  IUnknown* m_pSpecification;
+  IUnknown* m_pCreator;
   IDataConvert* m_pConvert = nullptr;
 
   RowHandleTable m_Rows;

@@ -590,8 +590,8 @@ HRESULT ExecuteSqlUPDATE(Execution& ex) {
 
 }  // namespace
 
-CCommandProviderRowset::CCommandProviderRowset(std::unique_ptr<CDataStore> store, IUnknown* specification)
-    : CProviderIRowset(std::move(store), RowsetKind::Command, specification) {}
+CCommandProviderRowset::CCommandProviderRowset(std::unique_ptr<CDataStore> store, IUnknown* creator)
+    : CProviderIRowset(std::move(store), RowsetKind::Command, creator) {}
 
 HRESULT CCommandProviderRowset::Execute(const CommandExecutionRequest& request, DBROWCOUNT* pcRowsAffected,
                                         REFIID riid, IUnknown** ppRowset) {
@@ -633,7 +633,7 @@ HRESULT CCommandProviderRowset::Execute(const CommandExecutionRequest& request, 
   if (pcRowsAffected) *pcRowsAffected = ex.rowsAffected;
   if (!ppRowset || riid == IID_NULL) return hr;
 
-  auto* rowset = new (std::nothrow) CCommandProviderRowset(std::move(ex.store), request.specification);
+  auto* rowset = new (std::nothrow) CCommandProviderRowset(std::move(ex.store), request.creator);
   if (!rowset) return E_OUTOFMEMORY;
   const HRESULT qi = rowset->QueryInterface(riid, reinterpret_cast<void**>(ppRowset));
   rowset->Release();

@@ -21,7 +21,7 @@ struct CommandExecutionRequest {
   // The session's data source: historian interfaces and query settings. Required.
   IProviderDataSource* dataSource = nullptr;
   // The command; the rowset holds it and answers IRowsetInfo::GetSpecification with it.
-  IUnknown* specification = nullptr;
+  IUnknown* creator = nullptr;
   // The command text, for the trace; the execution parses its own copy of it with the
   // default catalog and schema below, since a rowset's rows are computed from the
   // statement long after Execute returned.
@@ -51,6 +51,6 @@ class CCommandProviderRowset final : public CProviderIRowset {
                          IUnknown** ppRowset);
 
  private:
-  CCommandProviderRowset(std::unique_ptr<CDataStore> store, IUnknown* specification);
+  CCommandProviderRowset(std::unique_ptr<CDataStore> store, IUnknown* creator);
   ~CCommandProviderRowset() override = default;
 };

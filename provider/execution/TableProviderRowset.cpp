@@ -13,10 +13,10 @@ corvane::WString Text(BSTR b) { return b ? corvane::WString(b, SysStringLen(b)) 
 
 }  // namespace
 
-CTableProviderRowset::CTableProviderRowset(std::unique_ptr<CDataStore> store, IUnknown* specification)
-    : CProviderIRowset(std::move(store), RowsetKind::Table, specification) {}
+CTableProviderRowset::CTableProviderRowset(std::unique_ptr<CDataStore> store, IUnknown* creator)
+    : CProviderIRowset(std::move(store), RowsetKind::Table, creator) {}
 
-HRESULT CTableProviderRowset::Open(IProviderDataSource* dataSource, IUnknown* specification,
+HRESULT CTableProviderRowset::Open(IProviderDataSource* dataSource, IUnknown* creator,
                                    const OLECHAR* tableName, REFIID riid, IUnknown** ppRowset) {
   if (ppRowset) *ppRowset = nullptr;
   if (!dataSource || !tableName || !ppRowset) return E_INVALIDARG;
@@ -51,7 +51,7 @@ HRESULT CTableProviderRowset::Open(IProviderDataSource* dataSource, IUnknown* sp
   if (!store) return E_OUTOFMEMORY;
   hr = store->Initialize(std::move(table), info.Columns);
   if (FAILED(hr)) return hr;
-  auto* rowset = new (std::nothrow) CTableProviderRowset(std::move(store), specification);
+  auto* rowset = new (std::nothrow) CTableProviderRowset(std::move(store), creator);
   if (!rowset) return E_OUTOFMEMORY;
   hr = rowset->QueryInterface(riid, reinterpret_cast<void**>(ppRowset));
   rowset->Release();

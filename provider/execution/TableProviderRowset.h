@@ -9,15 +9,15 @@
 
 class CTableProviderRowset final : public CProviderIRowset {
  public:
-  // `tableName`: the name from the table identifier (any case). `specification`: the
+  // `tableName`: the name from the table identifier (any case). `creator`: the
   // session, held by the rowset. The session refreshes the data source's computed time
   // range (UpdateQueryTimeRange) before calling, as a command does.
   // DB_E_NOTABLE for a name the catalog does not know; E_INVALIDARG for a null data
   // source, name or ppRowset; otherwise the table's failure.
-  static HRESULT Open(IProviderDataSource* dataSource, IUnknown* specification, const OLECHAR* tableName,
+  static HRESULT Open(IProviderDataSource* dataSource, IUnknown* creator, const OLECHAR* tableName,
                       REFIID riid, IUnknown** ppRowset);
 
  private:
-  CTableProviderRowset(std::unique_ptr<CDataStore> store, IUnknown* specification);
+  CTableProviderRowset(std::unique_ptr<CDataStore> store, IUnknown* creator);
   ~CTableProviderRowset() override = default;
 };

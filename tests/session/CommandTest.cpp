@@ -420,13 +420,13 @@ TEST_F(CommandExecution, ExecutePreparesAndOpenRowsetsHoldTheCommand) {
   bind.pwszDataSourceType = const_cast<LPOLESTR>(OLESTR("DBTYPE_I4"));
   EXPECT_EQ(DB_E_OBJECTOPEN, params->SetParameterInfo(1, &ordinal, &bind));
 
-  // The rowset names its command as its specification.
+  // The rowset names its command as its creator.
   IRowsetInfo* info = Query<IRowsetInfo>(rowset, IID_IRowsetInfo);
   ASSERT_NE(nullptr, info);
-  IUnknown* spec = nullptr;
-  ASSERT_EQ(S_OK, info->GetSpecification(IID_ICommandText, &spec));
-  EXPECT_EQ(static_cast<IUnknown*>(text_), spec);
-  spec->Release();
+  IUnknown* creator = nullptr;
+  ASSERT_EQ(S_OK, info->GetSpecification(IID_ICommandText, &creator));
+  EXPECT_EQ(static_cast<IUnknown*>(text_), creator);
+  creator->Release();
   info->Release();
   EXPECT_EQ(2u, ReadAll(rowset, {1}).size());
   rowset->Release();

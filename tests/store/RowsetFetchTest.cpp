@@ -265,9 +265,9 @@ TEST_F(RowsetDescription, PropertiesDependOnTheKindOfRowset) {
   request.guidPropertySet = IID_IRowset;  // not a property set of a rowset
   EXPECT_EQ(DB_E_ERRORSOCCURRED, info->GetProperties(1, &request, &n, &sets));
   Free(n, sets);
-  IUnknown* spec = reinterpret_cast<IUnknown*>(1);
-  EXPECT_EQ(S_FALSE, info->GetSpecification(IID_IUnknown, &spec));
-  EXPECT_EQ(nullptr, spec);
+  IUnknown* creator = reinterpret_cast<IUnknown*>(1);
+  EXPECT_EQ(S_FALSE, info->GetSpecification(IID_IUnknown, &creator));
+  EXPECT_EQ(nullptr, creator);
   info->Release();
 }
 
