@@ -9,11 +9,10 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <map>
 #include <string>
 
-#include "platform/WideString.h"
+#include "bench/BenchSupport.h"
 #include "tests/e2e/SelectConsumer.h"
 
 namespace {
@@ -37,34 +36,14 @@ IUnknown* g_host = nullptr;
 IRawDataProvider* g_raw = nullptr;
 SelectConsumer g_consumer;
 
-// Resident memory of the process in bytes now and at its peak (Linux), 0 where unknown.
-size_t StatusBytes(const char* field) {
-  std::ifstream status("/proc/self/status");
-  std::string line;
-  const std::string key = std::string(field) + ":";
-  while (std::getline(status, line))
-    if (line.rfind(key, 0) == 0) return std::stoull(line.substr(key.size())) * 1024;
-  return 0;
-}
+using corvane::bench::ProcStatusBytes;
 
 void BM_RawReadPaged(benchmark::State& state) {
-  OLECHAR catalog[] = OLESTR("Plant"), schema[] = OLESTR("s");
-  corvane::WString name(corvane::e2e::kTagName);
-  TagIdent tag{catalog, schema, &name[0]};
   size_t samples = 0;
   double checksum = 0;
-  for (auto _ : state) {
-    void* cp = nullptr;
-    do {
-      HistoryValueList* list = nullptr;
-      if (FAILED(g_raw->ReadRaw(&tag, U64ToFileTime(corvane::e2e::kFirstSample), U64ToFileTime(kLastSample), kPage,
-                                kRawReadIncludeBounds, &cp, &list)))
-        break;
-      samples += list->count;
-      if (list->count) checksum += V_R8(&list->values[list->count - 1].value);
-      FreeHistoryValueList(list);
-    } while (cp);
-  }
+  for (auto _ : state)
+    samples += corvane::bench::ReadRawPaged(g_raw, corvane::e2e::kTagName, corvane::e2e::kFirstSample, kLastSample,
+                                            kPage, &checksum);
   benchmark::DoNotOptimize(checksum);
   if (samples != kSamples * state.iterations()) state.SkipWithError("short read");
   state.counters["rows/s"] = benchmark::Counter(static_cast<double>(samples), benchmark::Counter::kIsRate);
@@ -131,12 +110,12 @@ bool Load() {
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
-  const size_t before = StatusBytes("VmRSS");
+  const size_t before = ProcStatusBytes("VmRSS");
   if (!Load()) {
     std::fprintf(stderr, "could not build the series or open the provider over it\n");
     return 1;
   }
-  const size_t loaded = StatusBytes("VmRSS");
+  const size_t loaded = ProcStatusBytes("VmRSS");
   std::printf("series: %zu samples, %.1f MB in sample columns, process RSS grew %.1f MB while loading\n",
               g_store->SampleCount(), g_store->MemoryBytes() / 1e6, (loaded - before) / 1e6);
   RateReporter reporter;
@@ -152,7 +131,7 @@ int main(int argc, char** argv) {
       rawCpu = reporter.cpuPerRow[name] * 1e6;
     }
   }
-  const size_t peak = StatusBytes("VmHWM");
+  const size_t peak = ProcStatusBytes("VmHWM");
   if (select > 0 && raw > 0) {
     std::printf("SELECT end to end: %.0f rows/s, paged raw read: %.0f rows/s, ratio %.2f (target 0.50)\n", select,
                 raw, select / raw);

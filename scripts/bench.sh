@@ -1,19 +1,28 @@
 #!/usr/bin/env bash
-# Builds the bench preset (g++, Release) and runs the four benchmarks one after the
-# other: the historian's paged raw read, statement parsing, the rowset fetch and SELECT
-# end to end through OLE DB. Arguments are passed to every benchmark, for example
-#   scripts/bench.sh --benchmark_repetitions=3
-# Each prints its own closing ratio; the machine should be otherwise idle.
+# Builds the bench preset (g++, Release) and runs the benchmark suite: fetch throughput
+# of the parameterised range SELECT against the historian's raw read and SQLite, the
+# typed tables, time to first row, small-query latency, parse and prepare, and peak
+# memory, each with its anchor measured in the same run and a summary of the targets.
+# Arguments go to the suite, for example
+#   scripts/bench.sh --runs 5 --samples 2000000
+# `scripts/bench.sh --programs [Google Benchmark arguments]` runs the four separate
+# benchmark programs instead (raw read, parse, fetch, SELECT end to end).
+# The machine should be otherwise idle.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
 "$root/scripts/install-deps.sh"
+programs=(corvane_bench_rawread corvane_bench_parse corvane_bench_fetch corvane_bench_e2e)
 cmake --preset bench >"$root/build-bench.log" 2>&1 || { tail -n 40 "$root/build-bench.log"; exit 1; }
-cmake --build --preset bench --target corvane_bench_rawread corvane_bench_parse corvane_bench_fetch \
-  corvane_bench_e2e >>"$root/build-bench.log" 2>&1 || { tail -n 60 "$root/build-bench.log"; exit 1; }
-status=0
-for target in corvane_bench_rawread corvane_bench_parse corvane_bench_fetch corvane_bench_e2e; do
-  echo "=== $target ==="
-  "$root/build/bench/bench/$target" "$@" || { echo "$target failed"; status=1; }
-done
-exit $status
+cmake --build --preset bench --target corvane_bench_suite corvane_bench_latency "${programs[@]}" \
+  >>"$root/build-bench.log" 2>&1 || { tail -n 60 "$root/build-bench.log"; exit 1; }
+if [[ "${1:-}" == "--programs" ]]; then
+  shift
+  status=0
+  for target in "${programs[@]}"; do
+    echo "=== $target ==="
+    "$root/build/bench/bench/$target" "$@" || { echo "$target failed"; status=1; }
+  done
+  exit $status
+fi
+exec "$root/build/bench/bench/corvane_bench_suite" "$@"

@@ -5,8 +5,8 @@
 #include <cstring>
 #include <vector>
 
+#include "SQLParser/TimeConversion.h"
 #include "historian/Aggregates.h"
-#include "platform/WideString.h"
 #include "provider/CreateCorvaneOleDbProviderImpl.h"
 #include "provider/ICreateCorvaneOleDbProvider.h"
 
@@ -51,7 +51,81 @@ WString TimeText(ULONGLONG ticks) {
                  s.wSecond);
 }
 
+// The parameter accessor's buffer for RangeParameters.
+struct RangeParameterData {
+  OLECHAR tag[ConsumerRow::kTagChars];
+  DBTIMESTAMP first;
+  DBTIMESTAMP end;
+  DBLENGTH lengths[3];
+  DBSTATUS statuses[3];
+};
+
+DBBINDING BindParameter(DBORDINAL ordinal, DBTYPE type, DBBYTEOFFSET value, DBLENGTH maxLen) {
+  DBBINDING b;
+  std::memset(&b, 0, sizeof b);
+  b.iOrdinal = ordinal;
+  b.obValue = value;
+  b.obLength = offsetof(RangeParameterData, lengths) + (ordinal - 1) * sizeof(DBLENGTH);
+  b.obStatus = offsetof(RangeParameterData, statuses) + (ordinal - 1) * sizeof(DBSTATUS);
+  b.dwPart = DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS;
+  b.dwMemOwner = DBMEMOWNER_CLIENTOWNED;
+  b.eParamIO = DBPARAMIO_INPUT;
+  b.cbMaxLen = maxLen;
+  b.wType = type;
+  return b;
+}
+
+// Describes the three parameters to the command and creates the accessor over `data`.
+HRESULT BindRange(ICommandText* command, const RangeParameters& values, RangeParameterData* data,
+                  IAccessor** accessor, HACCESSOR* handle) {
+  *accessor = nullptr;
+  *handle = DB_NULL_HACCESSOR;
+  const size_t tagChars = std::char_traits<OLECHAR>::length(values.tag);
+  if (tagChars >= ConsumerRow::kTagChars) return E_INVALIDARG;
+  std::memset(data, 0, sizeof *data);
+  std::char_traits<OLECHAR>::copy(data->tag, values.tag, tagChars);
+  HRESULT hr = FileTimeToDBTimestamp(values.first, &data->first);
+  if (SUCCEEDED(hr)) hr = FileTimeToDBTimestamp(values.end, &data->end);
+  if (FAILED(hr)) return hr;
+  data->lengths[0] = tagChars * sizeof(OLECHAR);
+  data->lengths[1] = data->lengths[2] = sizeof(DBTIMESTAMP);
+
+  ICommandWithParameters* withParameters = Query<ICommandWithParameters>(command, IID_ICommandWithParameters);
+  if (!withParameters) return E_NOINTERFACE;
+  OLECHAR text[] = OLESTR("DBTYPE_WVARCHAR"), time[] = OLESTR("DBTYPE_DBTIMESTAMP");
+  DBPARAMBINDINFO infos[3] = {};
+  infos[0].pwszDataSourceType = text;
+  infos[0].ulParamSize = ConsumerRow::kTagChars;
+  infos[1].pwszDataSourceType = infos[2].pwszDataSourceType = time;
+  infos[1].ulParamSize = infos[2].ulParamSize = sizeof(DBTIMESTAMP);
+  for (DBPARAMBINDINFO& info : infos) info.dwFlags = DBPARAMFLAGS_ISINPUT;
+  const DB_UPARAMS ordinals[3] = {1, 2, 3};
+  hr = withParameters->SetParameterInfo(3, ordinals, infos);
+  withParameters->Release();
+  if (FAILED(hr)) return hr;
+
+  const DBBINDING bindings[] = {
+      BindParameter(1, DBTYPE_WSTR, offsetof(RangeParameterData, tag), sizeof(RangeParameterData::tag)),
+      BindParameter(2, DBTYPE_DBTIMESTAMP, offsetof(RangeParameterData, first), sizeof(DBTIMESTAMP)),
+      BindParameter(3, DBTYPE_DBTIMESTAMP, offsetof(RangeParameterData, end), sizeof(DBTIMESTAMP))};
+  *accessor = Query<IAccessor>(command, IID_IAccessor);
+  if (!*accessor) return E_NOINTERFACE;
+  hr = (*accessor)->CreateAccessor(DBACCESSOR_PARAMETERDATA, 3, bindings, sizeof(RangeParameterData), handle,
+                                   nullptr);
+  if (FAILED(hr)) {
+    (*accessor)->Release();
+    *accessor = nullptr;
+  }
+  return hr;
+}
+
 }  // namespace
+
+WString RangeQuery(const OLECHAR* table) {
+  return WFormat(OLESTR("SELECT TAGNAME, TIMESTAMP, QUALITY, VALUE FROM %s WHERE TAGNAME = ? AND TIMESTAMP >= ? AND "
+                        "TIMESTAMP < ?"),
+                 table);
+}
 
 std::shared_ptr<historian::CHistorianStore> MakeSeriesStore(size_t samples) {
   auto store = std::make_shared<historian::CHistorianStore>();
@@ -127,16 +201,27 @@ ULONG SelectConsumer::Close() {
   return left;
 }
 
-HRESULT SelectConsumer::Execute(const OLECHAR* text, IRowset** rowset) {
+HRESULT SelectConsumer::Execute(const OLECHAR* text, const RangeParameters* parameters, IRowset** rowset,
+                                Clock::time_point* start) {
   *rowset = nullptr;
   if (!session_) return E_UNEXPECTED;
   ICommandText* command = nullptr;
   HRESULT hr = session_->CreateCommand(nullptr, IID_ICommandText, reinterpret_cast<IUnknown**>(&command));
   if (FAILED(hr)) return hr;
   hr = command->SetCommandText(DBGUID_SQL, text);
+  RangeParameterData data;
+  IAccessor* parameterAccessor = nullptr;
+  DBPARAMS params{&data, 1, DB_NULL_HACCESSOR};
+  if (SUCCEEDED(hr) && parameters) hr = BindRange(command, *parameters, &data, &parameterAccessor, &params.hAccessor);
   if (SUCCEEDED(hr)) {
     DBROWCOUNT affected = 0;
-    hr = command->Execute(nullptr, IID_IRowset, nullptr, &affected, reinterpret_cast<IUnknown**>(rowset));
+    if (start) *start = Clock::now();
+    hr = command->Execute(nullptr, IID_IRowset, parameters ? &params : nullptr, &affected,
+                          reinterpret_cast<IUnknown**>(rowset));
+  }
+  if (parameterAccessor) {
+    parameterAccessor->ReleaseAccessor(params.hAccessor, nullptr);
+    parameterAccessor->Release();
   }
   // The rowset keeps what it needs of the command.
   command->Release();
@@ -145,7 +230,7 @@ HRESULT SelectConsumer::Execute(const OLECHAR* text, IRowset** rowset) {
 
 HRESULT SelectConsumer::Run(const OLECHAR* text) {
   IRowset* rowset = nullptr;
-  const HRESULT hr = Execute(text, &rowset);
+  const HRESULT hr = Execute(text, nullptr, &rowset);
   if (rowset) rowset->Release();
   return hr;
 }
@@ -161,12 +246,19 @@ HRESULT SelectConsumer::Select(
     const OLECHAR* text, FetchStats* stats,
     const std::function<bool(const ConsumerRow* rows, const HRESULT* results, size_t count)>& onBatch,
     const std::function<void()>& afterFirstFetch) {
+  return Select(text, SelectOptions(), stats, onBatch, afterFirstFetch);
+}
+
+HRESULT SelectConsumer::Select(
+    const OLECHAR* text, const SelectOptions& options, FetchStats* stats,
+    const std::function<bool(const ConsumerRow* rows, const HRESULT* results, size_t count)>& onBatch,
+    const std::function<void()>& afterFirstFetch) {
   FetchStats local;
   FetchStats& out = stats ? *stats : local;
   out = FetchStats();
-  const auto start = Clock::now();
+  auto start = Clock::now();
   IRowset* rowset = nullptr;
-  HRESULT hr = Execute(text, &rowset);
+  HRESULT hr = Execute(text, options.parameters, &rowset, &start);
   if (FAILED(hr)) return hr;
   if (!rowset) return E_NOINTERFACE;
   IAccessor* accessor = Query<IAccessor>(rowset, IID_IAccessor);
@@ -178,7 +270,9 @@ HRESULT SelectConsumer::Select(
       Bind(1, DBTYPE_WSTR, offsetof(ConsumerRow, tag), sizeof(ConsumerRow::tag), 0),
       Bind(2, DBTYPE_DBTIMESTAMP, offsetof(ConsumerRow, timestamp), sizeof(DBTIMESTAMP), 1),
       Bind(3, DBTYPE_UI4, offsetof(ConsumerRow, quality), sizeof(ULONG), 2),
-      Bind(4, DBTYPE_VARIANT, offsetof(ConsumerRow, value), sizeof(VARIANT), 3)};
+      options.value == ValueAs::kDouble ? Bind(4, DBTYPE_R8, offsetof(ConsumerRow, real), sizeof(double), 3)
+      : options.value == ValueAs::kText ? Bind(4, DBTYPE_WSTR, offsetof(ConsumerRow, text), sizeof(ConsumerRow::text), 3)
+                                        : Bind(4, DBTYPE_VARIANT, offsetof(ConsumerRow, value), sizeof(VARIANT), 3)};
   HACCESSOR accessorHandle = DB_NULL_HACCESSOR;
   hr = accessor->CreateAccessor(DBACCESSOR_ROWDATA, 4, bindings, sizeof(ConsumerRow), &accessorHandle, nullptr);
   if (SUCCEEDED(hr)) {
@@ -196,7 +290,10 @@ HRESULT SelectConsumer::Select(
         out.secondsToFirstRows = std::chrono::duration<double>(Clock::now() - start).count();
         if (afterFirstFetch) afterFirstFetch();
       }
-      for (DBCOUNTITEM i = 0; i < obtained; ++i) results[i] = rowset->GetData(handles[i], accessorHandle, &rows[i]);
+      for (DBCOUNTITEM i = 0; i < obtained; ++i) {
+        results[i] = rowset->GetData(handles[i], accessorHandle, &rows[i]);
+        if (out.rows == 0 && i == 0) out.secondsToFirstRow = std::chrono::duration<double>(Clock::now() - start).count();
+      }
       more = onBatch(rows.data(), results.data(), obtained) && hr == S_OK && obtained > 0;
       for (DBCOUNTITEM i = 0; i < obtained; ++i) VariantClear(&rows[i].value);
       const HRESULT released = rowset->ReleaseRows(obtained, handles, nullptr, nullptr, nullptr);

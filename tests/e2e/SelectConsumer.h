@@ -1,14 +1,17 @@
 // A consumer that reads raw history through the provider's OLE DB interfaces only, as
 // an application would: creation object over a historian host, IDBInitialize, session,
-// command text, Execute, one row accessor (TAGNAME WSTR, TIMESTAMP DBTIMESTAMP, QUALITY
-// UI4, VALUE VARIANT), GetNextRows in batches, GetData per row, ReleaseRows. Shared by
-// the streaming tests and the end-to-end benchmark so that both measure the same path.
+// command text, parameters through ICommandWithParameters and a parameter accessor,
+// Execute, one row accessor (TAGNAME WSTR, TIMESTAMP DBTIMESTAMP, QUALITY UI4, VALUE as
+// VARIANT, R8 or WSTR), GetNextRows in batches, GetData per row, ReleaseRows. Shared by
+// the streaming tests and the benchmarks so that both measure the same path.
 #pragma once
+#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <memory>
 
 #include "historian/ReferenceHistorian.h"
+#include "platform/WideString.h"
 
 namespace corvane::e2e {
 
@@ -26,21 +29,48 @@ std::shared_ptr<historian::CHistorianStore> MakeSeriesStore(size_t samples);
 // that no aggregates component has to be registered.
 HRESULT CreateSeriesHost(std::shared_ptr<historian::CHistorianStore> store, IUnknown** host);
 
-// The consumer's row buffer, values first and then lengths and statuses.
+// The consumer's row buffer, values first and then lengths and statuses. VALUE lands in
+// `value`, `real` or `text` depending on how it is bound (ValueAs).
 struct alignas(8) ConsumerRow {
   static constexpr size_t kTagChars = 64;
+  static constexpr size_t kTextChars = 64;
   OLECHAR tag[kTagChars];
   DBTIMESTAMP timestamp;
   ULONG quality;
   VARIANT value;
+  double real;
+  OLECHAR text[kTextChars];
   DBLENGTH lengths[4];
   DBSTATUS statuses[4];
+};
+
+// The type the consumer asks for VALUE in: VARIANT suits every table, R8 and WSTR are
+// what RAWDATA_DOUBLE and RAWDATA_STRING expose.
+enum class ValueAs { kVariant, kDouble, kText };
+
+// The three values of RangeQuery's `?`: TAGNAME bound as WSTR, the start and end of the
+// range as DBTIMESTAMP from FILETIME ticks in whole seconds. The dialect's time bounds
+// take `<` as `<=`: a sample at `end` is read too.
+struct RangeParameters {
+  const OLECHAR* tag;
+  ULONGLONG first;
+  ULONGLONG end;
+};
+
+// "SELECT TAGNAME, TIMESTAMP, QUALITY, VALUE FROM <table> WHERE TAGNAME = ? AND
+// TIMESTAMP >= ? AND TIMESTAMP < ?".
+WString RangeQuery(const OLECHAR* table);
+
+struct SelectOptions {
+  const RangeParameters* parameters = nullptr;  // null: the text has no `?`
+  ValueAs value = ValueAs::kVariant;
 };
 
 struct FetchStats {
   size_t rows = 0;
   size_t batches = 0;
   double secondsToFirstRows = 0;  // from Execute to the first GetNextRows that returned rows
+  double secondsToFirstRow = 0;   // from Execute to the end of the first row's GetData
   double seconds = 0;             // from Execute to the end of the rowset, released
 };
 
@@ -60,6 +90,9 @@ class SelectConsumer {
   // Returns the data source's reference count after the consumer's last Release.
   ULONG Close();
 
+  // The open session, for callers that make their own commands (not AddRef'ed).
+  IDBCreateCommand* Session() const { return session_; }
+
   // Runs a statement whose rowset, if any, is not read (UPDATE QUERYSETTINGS ...).
   HRESULT Run(const OLECHAR* text);
   // Sets the user time range of the query settings to [first, last] (FILETIME ticks,
@@ -73,9 +106,16 @@ class SelectConsumer {
   HRESULT Select(const OLECHAR* text, FetchStats* stats,
                  const std::function<bool(const ConsumerRow* rows, const HRESULT* results, size_t count)>& onBatch,
                  const std::function<void()>& afterFirstFetch = nullptr);
+  // The same with parameters and another binding of VALUE.
+  HRESULT Select(const OLECHAR* text, const SelectOptions& options, FetchStats* stats,
+                 const std::function<bool(const ConsumerRow* rows, const HRESULT* results, size_t count)>& onBatch,
+                 const std::function<void()>& afterFirstFetch = nullptr);
 
  private:
-  HRESULT Execute(const OLECHAR* text, IRowset** rowset);
+  // Sets the text (and the parameters, if any) on a new command and executes it; `start`
+  // receives the time Execute was called.
+  HRESULT Execute(const OLECHAR* text, const RangeParameters* parameters, IRowset** rowset,
+                  std::chrono::steady_clock::time_point* start = nullptr);
 
   IUnknown* dataSource_ = nullptr;
   IDBCreateCommand* session_ = nullptr;

@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
+#include <string>
 
 #ifndef _WIN32
 #include <sys/resource.h>
@@ -179,6 +181,66 @@ TEST_F(SelectStreaming, ReleasingTheRowsetMidStreamStopsTheRead) {
                                    }));
   EXPECT_EQ(static_cast<size_t>(SelectConsumer::kBatch), first);
   EXPECT_EQ(corvane::e2e::kFirstSample, firstTicks);
+}
+
+// The range query with its three values bound as parameters reads exactly the bound
+// range of the series, whatever the table and however VALUE is bound; the user time
+// range of the query settings (the whole series here) does not widen it. A strict `<`
+// gives the same end bound as `<=`, so the sample at the end is read too.
+TEST_F(SelectStreaming, ParameterisedRangeReadsTheBoundRangeThroughEveryTable) {
+  constexpr size_t kFirst = 123456, kCount = 4321;
+  const corvane::e2e::RangeParameters range{corvane::e2e::kTagName,
+                                            corvane::e2e::kFirstSample + kFirst * corvane::e2e::kSampleStep,
+                                            corvane::e2e::kFirstSample + (kFirst + kCount) * corvane::e2e::kSampleStep};
+  const struct {
+    const OLECHAR* table;
+    corvane::e2e::ValueAs value;
+  } cases[] = {{OLESTR("RAWDATA"), corvane::e2e::ValueAs::kVariant},
+               {OLESTR("RAWDATA_DOUBLE"), corvane::e2e::ValueAs::kDouble},
+               {OLESTR("RAWDATA_STRING"), corvane::e2e::ValueAs::kText}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(corvane::ToUtf8(c.table));
+    size_t index = kFirst, wrong = 0;
+    std::string firstWrong;
+    auto note = [&](const std::string& what) {
+      if (wrong++ == 0) firstWrong = "row " + std::to_string(index) + ": " + what;
+    };
+    FetchStats stats;
+    corvane::e2e::SelectOptions options;
+    options.parameters = &range;
+    options.value = c.value;
+    const HRESULT hr = consumer_.Select(
+        corvane::e2e::RangeQuery(c.table).c_str(), options, &stats,
+        [&](const ConsumerRow* rows, const HRESULT* results, size_t count) {
+          for (size_t r = 0; r < count; ++r, ++index) {
+            const ConsumerRow& row = rows[r];
+            if (results[r] != S_OK) {
+              note("GetData " + std::to_string(results[r]));
+              continue;
+            }
+            ULONG64 ticks = 0;
+            if (FAILED(DBTimestampToFileTime(row.timestamp, &ticks)) ||
+                ticks != corvane::e2e::kFirstSample + index * corvane::e2e::kSampleStep)
+              note("timestamp");
+            if (row.quality != corvane::e2e::SampleQuality(index)) note("quality");
+            const double expected = corvane::e2e::SampleValue(index);
+            if (c.value == corvane::e2e::ValueAs::kVariant &&
+                (V_VT(&row.value) != VT_R8 || V_R8(&row.value) != expected))
+              note("variant value");
+            if (c.value == corvane::e2e::ValueAs::kDouble && row.real != expected) note("double value");
+            if (c.value == corvane::e2e::ValueAs::kText) {
+              const std::string text = corvane::ToUtf8(row.text);
+              if (text.empty() || std::strtod(text.c_str(), nullptr) != expected) note("text value '" + text + "'");
+            }
+          }
+          return true;
+        });
+    ASSERT_EQ(S_OK, hr);
+    EXPECT_EQ(kCount + 1, stats.rows);
+    EXPECT_EQ(0u, wrong) << firstWrong;
+    EXPECT_GT(stats.secondsToFirstRow, 0.0);
+    EXPECT_LE(stats.secondsToFirstRow, stats.seconds);
+  }
 }
 
 }  // namespace
