@@ -1,0 +1,508 @@
+// Concurrency soak: eight threads share one initialised data source over the reference
+// historian. Each, from its own seed, opens sessions and commands and runs a random mix of
+// SELECTs, procedure calls, query-settings updates and writes to tags only it touches,
+// reading some results to the end and releasing others while the worker still reads.
+// Every row is checked against what the historian holds or what the thread wrote, and a
+// watchdog aborts the run, naming what each thread was doing, when one stops progressing.
+//
+//   CORVANE_SOAK_SECONDS  how long the threads run: 8 by default (every build); for long
+//                         runs start build/<dir>/tests/soak/soak_tests directly
+//   CORVANE_SOAK_SEED     base seed (thread i uses seed + i), printed by every run
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/session/ConsumerFixture.h"
+#include "tests/support/FaultInjectingHost.h"
+
+namespace corvane::test {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using corvane::testing::CFaultInjectingHost;
+
+constexpr int kThreads = 8;
+constexpr int kStallSeconds = 30;
+constexpr ULONGLONG kSecond = 10000000ull;
+constexpr ULONGLONG kBase = 133485408000000000ull;       // 2024-01-01 00:00:00 UTC
+constexpr ULONGLONG kStep = 10 * kSecond;                // read-only samples every 10 s...
+constexpr long kSamples = 8640;                          // ...for one day
+constexpr ULONGLONG kOwnBase = kBase + 86400 * kSecond;  // written tags: one-second slots the next day
+constexpr long kOwnSlots = 600;
+const char* const kRamp = "Soak.Ramp";    // VT_R8, sample i is i / 2, always good
+const char* const kSteps = "Soak.Steps";  // VT_I4, sample i is i % 500, every 7th uncertain
+
+double Value(bool ramp, long i) { return ramp ? i * 0.5 : static_cast<double>(i % 500); }
+ULONG Quality(bool ramp, long i) { return ramp || i % 7 ? 0xC0u : 0x40u; }
+
+std::string Hex(HRESULT hr) {
+  char text[16];
+  std::snprintf(text, sizeof text, "0x%08X", static_cast<unsigned>(hr));
+  return text;
+}
+
+// 'YYYY-MM-DD HH:MM:SS' of a UTC time, quoted for SQL.
+std::string At(ULONGLONG ticks) {
+  FILETIME f{static_cast<DWORD>(ticks), static_cast<DWORD>(ticks >> 32)};
+  SYSTEMTIME s{};
+  FileTimeToSystemTime(&f, &s);
+  char text[64];
+  std::snprintf(text, sizeof text, "'%04u-%02u-%02u %02u:%02u:%02u'", s.wYear, s.wMonth, s.wDay, s.wHour, s.wMinute,
+                s.wSecond);
+  return text;
+}
+std::string Sample(long i) { return At(kBase + i * kStep); }
+
+ULONGLONG Ticks(const DBTIMESTAMP& t) {
+  SYSTEMTIME s{};
+  s.wYear = t.year, s.wMonth = t.month, s.wDay = t.day, s.wHour = t.hour, s.wMinute = t.minute, s.wSecond = t.second;
+  FILETIME f{};
+  SystemTimeToFileTime(&s, &f);
+  return ((static_cast<ULONGLONG>(f.dwHighDateTime) << 32) | f.dwLowDateTime) + t.fraction / 100;
+}
+
+constexpr size_t kTextChars = 64;
+struct Cell {
+  DBSTATUS status;
+  DBLENGTH length;
+  union {
+    double r8;
+    ULONG ui4;
+    DBTIMESTAMP ts;
+    OLECHAR text[kTextChars];
+  } v;
+};
+using Row = std::vector<Cell>;
+using Columns = std::vector<std::pair<DBORDINAL, DBTYPE>>;
+const Columns kRawColumns = {{1, DBTYPE_WSTR}, {2, DBTYPE_DBTIMESTAMP}, {3, DBTYPE_UI4}, {4, DBTYPE_R8}};
+
+// Each thread joins the multithreaded apartment on Windows.
+struct ComThread {
+#ifdef _WIN32
+  ComThread() { CoInitializeEx(nullptr, COINIT_MULTITHREADED); }
+  ~ComThread() { CoUninitialize(); }
+#else
+  ComThread() {}
+#endif
+};
+
+// One thread of the soak and what it last did, for the watchdog and the final report.
+class Soaker {
+ public:
+  Soaker(int index, unsigned seed, IUnknown* dataSource) : index_(index), seed_(seed), rng_(seed) {
+    dataSource->QueryInterface(IID_IDBCreateSession, reinterpret_cast<void**>(&create_));
+    own_tag_ = "Soak.Own" + std::to_string(index);
+  }
+  ~Soaker() {
+    if (create_) create_->Release();
+  }
+
+  void Run(const std::atomic<bool>& stop) {
+    {
+      ComThread com;
+      while (!stop && OpenSession()) {
+        for (int n = Pick(1, 8); n > 0 && !stop; --n) Step();
+        CloseSession();
+      }
+      ConsumerTest::TakeLastError();
+    }
+    done_ = true;
+  }
+  std::string Doing() {
+    std::lock_guard<std::mutex> g(lock_);
+    return doing_;
+  }
+  long long IdleMs() const { return Now() - progress_.load(); }
+
+  const int index_;
+  const unsigned seed_;
+  std::atomic<long long> progress_{Now()};
+  std::atomic<bool> done_{false};
+  std::atomic<size_t> statements_{0}, rows_{0};
+  std::vector<std::string> failures_;  // the first ten
+  size_t failureCount_ = 0;
+
+ private:
+  static long long Now() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now().time_since_epoch()).count();
+  }
+  long Pick(long lo, long hi) { return std::uniform_int_distribution<long>(lo, hi)(rng_); }
+  void Check(bool ok, const std::string& what) {
+    if (!ok && ++failureCount_ <= 10) failures_.push_back(what + " [" + Doing() + "]");
+  }
+  bool OpenSession() {
+    const HRESULT hr = create_->CreateSession(nullptr, IID_IDBCreateCommand, reinterpret_cast<IUnknown**>(&session_));
+    Check(hr == S_OK, "CreateSession " + Hex(hr));
+    return hr == S_OK;
+  }
+  void CloseSession() {
+    if (command_) command_->Release();
+    command_ = nullptr;
+    session_->Release();
+    session_ = nullptr;
+  }
+
+  void Step() {
+    switch (Pick(0, 9)) {
+      case 0: case 1: return SelectRaw();
+      case 2: return SpRawData();
+      case 3: return GetValues();
+      case 4: return Hda();
+      case 5: return Metadata();
+      case 6: return UpdateSettings();
+      case 7: case 8: return Write();
+      default: return BadStatement();
+    }
+  }
+
+  // Executes on this session, with the command of the last statement or a new one.
+  HRESULT Execute(const std::string& sql, IUnknown** rowset) {
+    {
+      std::lock_guard<std::mutex> g(lock_);
+      doing_ = sql;
+    }
+    *rowset = nullptr;
+    if (command_ && Pick(0, 1)) {
+      command_->Release();
+      command_ = nullptr;
+    }
+    HRESULT hr = command_ ? S_OK : session_->CreateCommand(nullptr, IID_ICommandText,
+                                                           reinterpret_cast<IUnknown**>(&command_));
+    if (SUCCEEDED(hr)) hr = command_->SetCommandText(DBGUID_SQL, FromUtf8(sql).c_str());
+    if (SUCCEEDED(hr)) hr = command_->Execute(nullptr, IID_IRowset, nullptr, nullptr, rowset);
+    ++statements_;
+    progress_ = Now();
+    return hr;
+  }
+
+  // Runs `sql`, reads at most `limit` rows (all when negative) through `columns` in random
+  // batches, and releases the rowset whether or not its worker is done. -1 when it failed.
+  long Query(const std::string& sql, const Columns& columns, long limit,
+             const std::function<void(long, const Row&)>& check) {
+    IUnknown* rowset = nullptr;
+    HRESULT hr = Execute(sql, &rowset);
+    IAccessor* accessor = rowset ? ConsumerTest::Query<IAccessor>(rowset, IID_IAccessor) : nullptr;
+    IRowset* fetch = rowset ? ConsumerTest::Query<IRowset>(rowset, IID_IRowset) : nullptr;
+    if (!accessor || !fetch) Check(false, "Execute " + Hex(hr) + ": " + ConsumerTest::TakeLastError().description);
+    long count = -1;
+    if (accessor && fetch) {
+      std::vector<DBBINDING> bindings(columns.size());
+      for (size_t i = 0; i < columns.size(); ++i) {
+        DBBINDING& b = bindings[i];
+        b = DBBINDING{};
+        b.iOrdinal = columns[i].first;
+        b.wType = columns[i].second;
+        b.obStatus = i * sizeof(Cell) + offsetof(Cell, status);
+        b.obLength = i * sizeof(Cell) + offsetof(Cell, length);
+        b.obValue = i * sizeof(Cell) + offsetof(Cell, v);
+        b.cbMaxLen = kTextChars * sizeof(OLECHAR);
+        b.dwPart = DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS;
+        b.dwMemOwner = DBMEMOWNER_CLIENTOWNED;
+        b.eParamIO = DBPARAMIO_NOTPARAM;
+      }
+      HACCESSOR handle = DB_NULL_HACCESSOR;
+      hr = accessor->CreateAccessor(DBACCESSOR_ROWDATA, bindings.size(), bindings.data(),
+                                    columns.size() * sizeof(Cell), &handle, nullptr);
+      Check(hr == S_OK, "CreateAccessor " + Hex(hr));
+      Row row(columns.size());
+      for (count = 0; hr == S_OK && (limit < 0 || count < limit);) {
+        const DBROWCOUNT want = limit < 0 ? Pick(1, 64) : std::min<long>(Pick(1, 64), limit - count);
+        DBCOUNTITEM obtained = 0;
+        HROW* rows = nullptr;
+        hr = fetch->GetNextRows(DB_NULL_HCHAPTER, 0, want, &obtained, &rows);
+        Check(hr == S_OK || hr == DB_S_ENDOFROWSET, "GetNextRows " + Hex(hr));
+        for (DBCOUNTITEM r = 0; r < obtained; ++r, ++count) {
+          Check(fetch->GetData(rows[r], handle, row.data()) == S_OK, "GetData failed");
+          for (const Cell& c : row) Check(c.status == DBSTATUS_S_OK, "cell status " + std::to_string(c.status));
+          check(count, row);
+        }
+        if (obtained) fetch->ReleaseRows(obtained, rows, nullptr, nullptr, nullptr);
+        CoTaskMemFree(rows);
+        rows_ += obtained;
+        progress_ = Now();
+        if (obtained == 0) break;
+      }
+      accessor->ReleaseAccessor(handle, nullptr);
+      if (FAILED(hr)) ConsumerTest::TakeLastError();
+    }
+    if (accessor) accessor->Release();
+    if (fetch) fetch->Release();
+    if (rowset) rowset->Release();
+    return count;
+  }
+  void ExpectRows(long got, long expected) {
+    if (got >= 0) Check(got == expected, std::to_string(got) + " rows, expected " + std::to_string(expected));
+  }
+  void ExpectSample(bool ramp, long i, const DBTIMESTAMP& time, ULONG quality, double value) {
+    Check(Ticks(time) == kBase + i * kStep, "time of sample " + std::to_string(i));
+    Check(quality == Quality(ramp, i), "quality of sample " + std::to_string(i));
+    Check(value == Value(ramp, i), "value of sample " + std::to_string(i));
+  }
+
+  // A random piece of a read-only series through the variant or a typed table, oldest or
+  // newest first, maybe limited, maybe released part-way or before any fetch.
+  void SelectRaw() {
+    static const char* const tables[] = {"RAWDATA", "RAWDATA_DOUBLE", "RAWDATA_SINGLE", "RAWDATA_INT32"};
+    const bool ramp = Pick(0, 1);
+    const char* table = tables[ramp ? Pick(0, 2) : Pick(0, 1) * 3];
+    const long a = Pick(0, kSamples - 1), b = Pick(0, 3) ? std::min(kSamples - 1, a + Pick(0, 400)) : kSamples - 1;
+    const bool desc = Pick(0, 3) == 0;
+    const long top = Pick(0, 4) ? 0 : Pick(1, 50), n = top ? std::min(top, b - a + 1) : b - a + 1;
+    const long limit = Pick(0, 2) ? -1 : Pick(0, n);
+    const std::string sql = "SELECT " + (top ? "TOP " + std::to_string(top) + " " : std::string()) +
+                            "TAGNAME, TIMESTAMP, QUALITY, VALUE FROM " + table + " WHERE TAGNAME = '" +
+                            (ramp ? kRamp : kSteps) + "' AND TIMESTAMP >= " + Sample(a) +
+                            " AND TIMESTAMP <= " + Sample(b) + (desc ? " ORDER BY TIMESTAMP DESC" : "");
+    const long got = Query(sql, kRawColumns, limit, [&](long k, const Row& r) {
+      Check(ToUtf8(r[0].v.text) == (ramp ? kRamp : kSteps), "tag name");
+      ExpectSample(ramp, desc ? b - k : a + k, r[1].v.ts, r[2].v.ui4, r[3].v.r8);
+    });
+    if (limit < 0) ExpectRows(got, n);
+  }
+
+  // Both series, tag by tag in the order listed.
+  void SpRawData() {
+    const long a = Pick(0, kSamples - 1), b = std::min(kSamples - 1, a + Pick(0, 200)), n = b - a + 1;
+    ExpectRows(Query("CALL SP_RAWDATA(" + Sample(a) + ", " + Sample(b) + ", '" + kRamp + ";" + kSteps + "')",
+                     {{2, DBTYPE_WSTR}, {1, DBTYPE_DBTIMESTAMP}, {3, DBTYPE_UI4}, {4, DBTYPE_R8}}, -1,
+                     [&](long k, const Row& r) {
+                       Check(ToUtf8(r[0].v.text) == (k < n ? kRamp : kSteps), "tag name");
+                       ExpectSample(k < n, a + k % n, r[1].v.ts, r[2].v.ui4, r[3].v.r8);
+                     }),
+               2 * n);
+  }
+
+  void GetValues() {
+    const long a = Pick(0, kSamples - 1), count = Pick(1, 60);
+    ExpectRows(Query("EXEC GET_VALUES " + Sample(a) + ", " + Sample(kSamples - 1) + ", " + std::to_string(count) +
+                         ", '" + kSteps + "'",
+                     {{1, DBTYPE_DBTIMESTAMP}, {2, DBTYPE_UI4}, {3, DBTYPE_R8}}, -1,
+                     [&](long k, const Row& r) { ExpectSample(false, a + k, r[0].v.ts, r[1].v.ui4, r[2].v.r8); }),
+               std::min(count, kSamples - a));
+  }
+
+  // Intervals on the sample grid: each holds `per` samples, its MIN the first, its MAX the last.
+  void Hda() {
+    static const long periodsMs[] = {60000, 300000, 600000};
+    const long ms = periodsMs[Pick(0, 2)], per = ms / 10000;
+    const long intervals = Pick(1, 12), a = per * Pick(0, kSamples / per - intervals);
+    ExpectRows(Query("EXEC HDA_REDUCED_ANALOG " + Sample(a) + ", " + Sample(a + intervals * per) + ", " +
+                         std::to_string(ms) + ", '" + kRamp + "'",
+                     {{1, DBTYPE_DBTIMESTAMP}, {2, DBTYPE_R8}, {6, DBTYPE_R8}, {13, DBTYPE_R8}}, -1,
+                     [&](long k, const Row& r) {
+                       const long first = a + k * per;
+                       Check(Ticks(r[0].v.ts) == kBase + first * kStep, "interval start");
+                       Check(r[1].v.r8 == Value(true, first), "MIN");
+                       Check(r[2].v.r8 == Value(true, first + per - 1), "MAX");
+                       Check(r[3].v.r8 == per, "COUNT");
+                     }),
+               intervals);
+  }
+
+  void Metadata() {
+    ExpectRows(Query("SELECT TAGNAME FROM TAGS", {{1, DBTYPE_WSTR}}, -1,
+                     [&](long, const Row& r) {
+                       const std::string name = ToUtf8(r[0].v.text);
+                       Check(name == kRamp || name == kSteps || name.rfind("Soak.Own", 0) == 0, "tag " + name);
+                     }),
+               2 + kThreads);
+  }
+
+  // On a session of its own. The settings belong to the data source, so another thread's
+  // update may show instead of this one's: any page size that some thread writes is right.
+  // Results do not depend on the page size, which the other checks keep verifying.
+  void UpdateSettings() {
+    IDBCreateCommand* shared = session_;
+    ICommandText* sharedCommand = command_;
+    command_ = nullptr;
+    if (OpenSession()) {
+      static const LONG pageSizes[] = {7, 100, 2000};
+      IUnknown* rowset = nullptr;
+      const HRESULT hr =
+          Execute("UPDATE QUERYSETTINGS SET MAX_ROWS_TO_RETURN = " + std::to_string(pageSizes[Pick(0, 2)]), &rowset);
+      Check(hr == S_OK, "UPDATE QUERYSETTINGS " + Hex(hr));
+      if (rowset) rowset->Release();
+      ExpectRows(Query("SELECT MAX_ROWS_TO_RETURN FROM QUERYSETTINGS", {{1, DBTYPE_UI4}}, -1,
+                       [&](long, const Row& r) {
+                         const ULONG v = r[0].v.ui4;
+                         Check(v == 7 || v == 100 || v == 2000, "MAX_ROWS_TO_RETURN " + std::to_string(v));
+                       }),
+                 1);
+      CloseSession();
+    }
+    session_ = shared;
+    command_ = sharedCommand;
+  }
+
+  // Insert, update or delete on this thread's own tag, then maybe read it all back.
+  void Write() {
+    const ULONGLONG t = kOwnBase + Pick(0, kOwnSlots - 1) * kSecond;
+    const bool present = own_.count(t) > 0;
+    const double value = Pick(0, 400000) / 4.0;
+    const ULONG quality = Pick(0, 1) ? 0xC0 : 0x40;
+    char number[32];
+    std::snprintf(number, sizeof number, "%.2f", value);
+    std::string sql;
+    HRESULT expected = S_OK;
+    switch (Pick(0, 2)) {
+      case 0:
+        sql = "INSERT INTO RAWDATA (TAGNAME, TIMESTAMP, VALUE, QUALITY) VALUES ('" + own_tag_ + "', " + At(t) + ", " +
+              number + ", " + std::to_string(quality) + ")";
+        if (present) expected = HIST_E_DATA_ALREADY_PRESENT;
+        else own_[t] = {value, quality};
+        break;
+      case 1:
+        sql = "UPDATE RAWDATA SET VALUE = " + std::string(number) + ", QUALITY = " + std::to_string(quality) +
+              " WHERE TAGNAME = '" + own_tag_ + "' AND TIMESTAMP = " + At(t);
+        if (!present) expected = HIST_E_DATA_NOT_FOUND;
+        else own_[t] = {value, quality};
+        break;
+      default: {
+        const ULONGLONG end = t + Pick(0, 30) * kSecond;
+        sql = "DELETE FROM RAWDATA WHERE TAGNAME = '" + own_tag_ + "' AND TIMESTAMP >= " + At(t) +
+              " AND TIMESTAMP <= " + At(end);
+        own_.erase(own_.lower_bound(t), own_.upper_bound(end));
+      }
+    }
+    IUnknown* rowset = nullptr;
+    const HRESULT hr = Execute(sql, &rowset);
+    if (rowset) rowset->Release();
+    if (FAILED(hr)) ConsumerTest::TakeLastError();
+    Check(expected == S_OK ? SUCCEEDED(hr) : hr == expected, "write gave " + Hex(hr));
+    if (Pick(0, 2)) return;
+    auto next = own_.begin();
+    ExpectRows(Query("SELECT TIMESTAMP, QUALITY, VALUE FROM RAWDATA WHERE TAGNAME = '" + own_tag_ +
+                         "' AND TIMESTAMP >= " + At(kOwnBase) +
+                         " AND TIMESTAMP <= " + At(kOwnBase + kOwnSlots * kSecond),
+                     {{1, DBTYPE_DBTIMESTAMP}, {2, DBTYPE_UI4}, {3, DBTYPE_R8}}, -1,
+                     [&](long, const Row& r) {
+                       if (next == own_.end()) return Check(false, "a row this thread did not write");
+                       Check(Ticks(r[0].v.ts) == next->first, "written time");
+                       Check(r[1].v.ui4 == next->second.second, "written quality");
+                       Check(r[2].v.r8 == next->second.first, "written value");
+                       ++next;
+                     }),
+               static_cast<long>(own_.size()));
+  }
+
+  // A failing statement leaves its own error record on this thread, whatever the others do.
+  void BadStatement() {
+    IUnknown* rowset = nullptr;
+    const HRESULT hr = Execute("SELECT * FROM NOSUCHTABLE" + std::to_string(index_), &rowset);
+    if (rowset) rowset->Release();
+    const LastError error = ConsumerTest::TakeLastError();
+    Check(hr == static_cast<HRESULT>(0x8004C001L), "unknown table gave " + Hex(hr));
+    Check(error.count >= 1 && error.hr == hr, "error record " + Hex(error.hr));
+  }
+
+  std::mt19937 rng_;
+  IDBCreateSession* create_ = nullptr;
+  IDBCreateCommand* session_ = nullptr;
+  ICommandText* command_ = nullptr;
+  std::string own_tag_;
+  std::map<ULONGLONG, std::pair<double, ULONG>> own_;  // what this thread wrote and did not delete
+  std::mutex lock_;
+  std::string doing_ = "starting";
+};
+
+std::shared_ptr<historian::CHistorianStore> MakeStore() {
+  auto store = std::make_shared<historian::CHistorianStore>();
+  HRESULT hr = S_OK;
+  for (int i = -2; i < kThreads && SUCCEEDED(hr); ++i) {
+    historian::TagDefinition def;
+    def.name = FromUtf8(i == -2 ? kRamp : i == -1 ? kSteps : "Soak.Own" + std::to_string(i));
+    def.vartype = i == -1 ? VT_I4 : VT_R8;
+    hr = store->AddTag(def);
+  }
+  for (const bool ramp : {true, false})
+    if (SUCCEEDED(hr))
+      hr = store->AppendGenerated(FromUtf8(ramp ? kRamp : kSteps), kSamples, [ramp](size_t i, auto& s) {
+        s.time = kBase + i * kStep;
+        s.quality = Quality(ramp, static_cast<long>(i));
+        s.number = Value(ramp, static_cast<long>(i));  // VT_R8 keeps the number, VT_I4 the integer
+        s.integer = static_cast<int64_t>(s.number);
+      });
+  return SUCCEEDED(hr) ? store : nullptr;
+}
+
+class ConcurrencySoak : public LeakCheckedTest {};
+
+TEST_F(ConcurrencySoak, ThreadsSharingOneDataSourceSeeConsistentResults) {
+  ComThread com;
+  const char* secondsText = std::getenv("CORVANE_SOAK_SECONDS");
+  const double seconds = secondsText && std::atof(secondsText) > 0 ? std::atof(secondsText) : 8.0;
+  const char* seedText = std::getenv("CORVANE_SOAK_SEED");
+  const unsigned seed = seedText ? static_cast<unsigned>(std::strtoul(seedText, nullptr, 10)) : std::random_device()();
+  std::printf("soak: %d threads for %.1f s, CORVANE_SOAK_SEED=%u\n", kThreads, seconds, seed);
+
+  auto store = MakeStore();
+  ASSERT_NE(nullptr, store);
+  IAggregates* factory = nullptr;
+  ASSERT_EQ(S_OK, historian::CAggregates::CreateInstance(nullptr, IID_IAggregates, reinterpret_cast<void**>(&factory)));
+  IUnknown* inner = nullptr;
+  const HRESULT created =
+      historian::CReferenceHistorian::Create(store, IID_IUnknown, reinterpret_cast<void**>(&inner), factory);
+  factory->Release();
+  ASSERT_EQ(S_OK, created);
+  CFaultInjectingHost* host = CFaultInjectingHost::Create(inner);
+  inner->Release();
+  IUnknown* hostUnknown = static_cast<IRawDataProvider*>(host);
+  IUnknown* dataSource = nullptr;
+  IOpenRowset* session = nullptr;
+  OpenProvider(hostUnknown, &dataSource, &session);
+  ASSERT_NE(nullptr, dataSource);
+
+  std::vector<std::unique_ptr<Soaker>> soakers;
+  for (int i = 0; i < kThreads; ++i) soakers.push_back(std::make_unique<Soaker>(i, seed + i, dataSource));
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> threads;
+  const auto start = Clock::now();
+  for (auto& s : soakers) threads.emplace_back([&s, &stop] { s->Run(stop); });
+  // The watchdog: a deadlocked run cannot end in a failed test, so it says who waits
+  // where and aborts.
+  for (bool running = true; running;) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    if (std::chrono::duration<double>(Clock::now() - start).count() >= seconds) stop = true;
+    running = false;
+    for (auto& s : soakers) {
+      if (s->done_) continue;
+      running = true;
+      if (s->IdleMs() < kStallSeconds * 1000) continue;
+      for (auto& t : soakers)
+        std::fprintf(stderr, "thread %d (seed %u)%s, idle %lld ms: %s\n", t->index_, t->seed_,
+                     t->done_ ? " done" : "", t->IdleMs(), t->Doing().c_str());
+      std::fprintf(stderr, "soak: thread %d made no progress for %d s: deadlock\n", s->index_, kStallSeconds);
+      std::fflush(stderr);
+      std::abort();
+    }
+  }
+  for (auto& t : threads) t.join();
+  const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+
+  size_t statements = 0, rows = 0;
+  for (auto& s : soakers) {
+    statements += s->statements_;
+    rows += s->rows_;
+    EXPECT_EQ(0u, s->failureCount_) << "thread " << s->index_ << " (seed " << s->seed_ << ")";
+    for (const std::string& f : s->failures_) ADD_FAILURE() << "thread " << s->index_ << ": " << f;
+  }
+  std::printf("soak: %zu statements, %zu rows fetched in %.1f s\n", statements, rows, elapsed);
+  EXPECT_GT(statements, static_cast<size_t>(kThreads));
+  soakers.clear();
+  CloseProvider(&dataSource, &session);
+  EXPECT_EQ(0u, host->OutstandingContinuationPoints()) << "continuation points left open";
+  EXPECT_EQ(0u, hostUnknown->Release()) << "the provider released every host reference";
+}
+
+}  // namespace
+}  // namespace corvane::test
