@@ -337,6 +337,18 @@ namespace {
 
 constexpr const OLECHAR* kErrorPrefix = OLESTR("Failed to parse the query: '");
 
+// The statement quoted in a message: whole when short; a long one (a generated IN-style
+// OR list, a pasted literal) would otherwise turn every error record and trace line
+// into a copy of up to megabytes of text, so only its beginning is shown.
+void AppendQuoted(corvane::WString& message, const corvane::WString& statement) {
+  if (statement.size() <= CSQLSyntaxParser::kMaxQuotedStatement) {
+    message += statement;
+    return;
+  }
+  message.append(statement, 0, CSQLSyntaxParser::kMaxQuotedStatement);
+  message += OLESTR("...");
+}
+
 bool IsAggregateName(const WString& name) {
   static const OLECHAR* const kAggregates[] = {OLESTR("SUM"), OLESTR("AVG"), OLESTR("MIN"), OLESTR("MAX"),
                                                OLESTR("COUNT")};
@@ -385,7 +397,7 @@ HRESULT CSQLSyntaxParser::Consume() {
 
 HRESULT CSQLSyntaxParser::Error(const OLECHAR* text) {
   WString message(kErrorPrefix);
-  message += lexer_.text;
+  AppendQuoted(message, lexer_.text);
   message += OLESTR("'. ");
   message += text;
   errorInfo_ = std::move(message);
@@ -438,7 +450,7 @@ HRESULT CSQLSyntaxParser::Start() {
       return StoredProcedureCall();
     }
     WString message(kErrorPrefix);
-    message += lexer_.text;
+    AppendQuoted(message, lexer_.text);
     message += OLESTR("'.\n");
     errorInfo_ = std::move(message);
     return E_FAIL;

@@ -97,6 +97,8 @@ class CSQLSyntaxParser {
  public:
   static constexpr int kMaxNestingDepth = 256;
   static constexpr int kMaxConditionDepth = 1024;
+  // Error messages quote at most this many characters of the statement, then "...".
+  static constexpr size_t kMaxQuotedStatement = 500;
 
   // The strings are copied. May throw std::bad_alloc.
   CSQLSyntaxParser(corvane::WStringView defaultCatalog, corvane::WStringView defaultSchema,
