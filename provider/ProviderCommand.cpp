@@ -14,6 +14,7 @@
 #include "provider/RowsetPropertySets.h"
 #include "provider/Trace.h"
 #include "provider/execution/CommandProviderRowset.h"
+#include "provider/execution/SelectListProducer.h"
 #include "provider/procedures/ProcedureCatalog.h"
 #include "provider/store/DataConvert.h"
 #include "provider/tables/TableFactory.h"
@@ -345,10 +346,11 @@ void CProviderCommand::UnprepareLocked() {
 
 long CProviderCommand::PreparedParameterCount() { return query_ ? parameterCount_ : -1; }
 
-// What a consumer will read, as far as the statement tells before it runs: the columns
-// of the table or procedure it names, narrowed to the select list; a computed item is
-// a VARIANT column under its display name. A statement that names an unknown table or
-// procedure prepares without columns: its execution reports the name.
+// What a consumer will read, as far as the statement tells before it runs. EXEC gives
+// every column of its procedure; a SELECT narrows the columns of the table or procedure
+// it names to its select list, the way execution does (so a computed item gets the type
+// execution gives it). A statement that names an unknown table or procedure prepares
+// without columns: its execution reports the name.
 HRESULT CProviderCommand::InitializeOutputColumns() {
   outputColumns_.clear();
   const CSQLQueryInfo& q = *query_;
@@ -356,9 +358,12 @@ HRESULT CProviderCommand::InitializeOutputColumns() {
   const CSQLSelectItem& from = *q.FromItems().front();
   const int kind = q.StatementKind();
 
+  TableInfo source;
   if (from.Kind() == SQL_SELECT_ITEM_SP) {
     ProcedureInfo info;
     if (!FindProcedure(static_cast<const CSQLSelectItemSP&>(from).ProcedureName().c_str(), &info)) return S_OK;
+    source.Name = info.Name;
+    source.Description = info.Description;
     for (const auto& c : info.Columns) {
       ColumnRecord r;
       r.ColumnName = r.ColumnAlias = c.Name;
@@ -367,28 +372,33 @@ HRESULT CProviderCommand::InitializeOutputColumns() {
       r.wType = c.wType;
       r.ColumnSize = c.ColumnSize;
       r.dwFlags = c.dwFlags;
-      outputColumns_.push_back(std::move(r));
+      source.Columns.push_back(std::move(r));
     }
-    return S_OK;
+    if (kind != SQL_STATEMENT_SELECT) {
+      outputColumns_ = std::move(source.Columns);
+      return S_OK;
+    }
+  } else {
+    const WString& tableName = static_cast<const CSQLSelectItemTable&>(from).TableName();
+    if (kind == SQL_STATEMENT_INSERT || kind == SQL_STATEMENT_UPDATE || kind == SQL_STATEMENT_DELETE) {
+      outputColumns_ = CTableFactory::ResultColumns(tableName.c_str());
+      return S_OK;
+    }
+    if (kind != SQL_STATEMENT_SELECT) return S_OK;
+    if (CTableFactory::GetTableInfo(tableName.c_str(), &source) != S_OK) return S_OK;
   }
 
-  const WString& tableName = static_cast<const CSQLSelectItemTable&>(from).TableName();
-  if (kind == SQL_STATEMENT_INSERT || kind == SQL_STATEMENT_UPDATE || kind == SQL_STATEMENT_DELETE) {
-    outputColumns_ = CTableFactory::ResultColumns(tableName.c_str());
-    return S_OK;
-  }
-  if (kind != SQL_STATEMENT_SELECT) return S_OK;
-  TableInfo table;
-  if (CTableFactory::GetTableInfo(tableName.c_str(), &table) != S_OK) return S_OK;
+  // Every named column must exist; a computed item is a VARIANT until execution's own
+  // binding below can type it.
   for (const auto& column : q.SelectColumns()) {
     const CSQLCalcItem* item = column->Item();
     if (item && item->Kind() == SQL_CALC_TABLE_COLUMN) {
       if (column->ColumnName() == OLESTR("*")) {
-        for (const auto& c : table.Columns) outputColumns_.push_back(c);
+        for (const auto& c : source.Columns) outputColumns_.push_back(c);
         continue;
       }
       bool found = false;
-      for (const auto& c : table.Columns) {
+      for (const auto& c : source.Columns) {
         if (corvane::WIEquals(c.ColumnName, column->ColumnName()) ||
             corvane::WIEquals(c.ColumnAlias, column->ColumnName())) {
           ColumnRecord r = c;
@@ -400,7 +410,7 @@ HRESULT CProviderCommand::InitializeOutputColumns() {
       }
       if (!found) {
         CVTRACE(TRACE_ERROR, OLESTR("Column '%s' is not a column of table '%s'"), column->ColumnName().c_str(),
-                table.Name.c_str());
+                source.Name.c_str());
         return DB_E_ERRORSINCOMMAND;
       }
       continue;
@@ -408,11 +418,26 @@ HRESULT CProviderCommand::InitializeOutputColumns() {
     ColumnRecord r;
     r.ColumnName = column->ColumnName();
     r.ColumnAlias = column->DisplayName().empty() ? column->ColumnName() : column->DisplayName();
-    r.TableName = table.Name;
+    r.TableName = source.Name;
     r.wType = DBTYPE_VARIANT;
     r.ColumnSize = sizeof(VARIANT);
     r.dwFlags = DBCOLUMNFLAGS_ISNULLABLE | DBCOLUMNFLAGS_MAYBENULL;
     outputColumns_.push_back(std::move(r));
+  }
+
+  // The select list bound as execution binds it, with every `?` still empty: where that
+  // works, its columns are exactly the ones the rowset will have.
+  std::vector<VARIANT> unset(static_cast<size_t>(parameterCount_ > 0 ? parameterCount_ : 0));
+  for (auto& v : unset) VariantInit(&v);
+  SQLBindContext context;
+  context.parameters = unset.data();
+  context.parameterCount = unset.size();
+  std::vector<CSelectListProducer::Output> outputs;
+  bool plain = true;
+  if (SUCCEEDED(SetReferenceTimesToNow(&context)) &&
+      SUCCEEDED(CSelectListProducer::BindOutputs(q, source, context, &outputs, &plain))) {
+    outputColumns_.clear();
+    for (auto& o : outputs) outputColumns_.push_back(std::move(o.column));
   }
   return S_OK;
 }
@@ -511,6 +536,61 @@ HRESULT CProviderCommand::GetDBSession(REFIID riid, IUnknown** ppSession) {
   return static_cast<IDBCreateCommand*>(session_)->QueryInterface(riid, reinterpret_cast<void**>(ppSession));
 }
 
+namespace {
+
+// The type a value of a described parameter travels in: text of any kind as a BSTR,
+// other types as themselves; DBTYPE_EMPTY when the value stays as the consumer bound it.
+DBTYPE TravellingType(DBTYPE described) {
+  switch (described & ~DBTYPE_BYREF) {
+    case DBTYPE_STR:
+    case DBTYPE_WSTR:
+    case DBTYPE_BSTR: return DBTYPE_BSTR;
+    case DBTYPE_BOOL: case DBTYPE_I1: case DBTYPE_I2: case DBTYPE_I4: case DBTYPE_I8:
+    case DBTYPE_UI1: case DBTYPE_UI2: case DBTYPE_UI4: case DBTYPE_UI8:
+    case DBTYPE_R4: case DBTYPE_R8: case DBTYPE_DATE: case DBTYPE_DBTIMESTAMP:
+      return static_cast<DBTYPE>(described & ~DBTYPE_BYREF);
+    default: return DBTYPE_EMPTY;
+  }
+}
+
+}  // namespace
+
+// A consumer that described a parameter's type gets its value in that type, whatever
+// type its accessor binds: "5" bound as text for a DBTYPE_I4 parameter is the number 5.
+// A value that does not convert fails the execution.
+HRESULT CProviderCommand::ApplyDescribedType(IDataConvert* convert, const std::vector<ParameterDescription>& described,
+                                             DBORDINAL ordinal, VARIANT* value) {
+  const ParameterDescription* description = nullptr;
+  for (const auto& d : described)
+    if (d.ordinal == ordinal) description = &d;
+  if (!description || value->vt == VT_NULL) return S_OK;
+  const DBTYPE type = TravellingType(description->type);
+  if (type == DBTYPE_EMPTY) return S_OK;
+  union {
+    BSTR text;
+    DBTIMESTAMP timestamp;
+    unsigned char bytes[16];
+  } middle;
+  std::memset(&middle, 0, sizeof middle);
+  DBLENGTH written = 0;
+  DBSTATUS status = DBSTATUS_S_OK;
+  HRESULT hr = convert->DataConvert(DBTYPE_VARIANT, type, sizeof(VARIANT), &written, value, &middle, sizeof middle,
+                                    DBSTATUS_S_OK, &status, 0, 0, 0);
+  if (SUCCEEDED(hr) && status != DBSTATUS_S_OK) hr = DB_E_CANTCONVERTVALUE;
+  if (FAILED(hr)) {
+    if (type == DBTYPE_BSTR) SysFreeString(middle.text);
+    CVTRACE(TRACE_ERROR, OLESTR("Parameter %d does not convert to its described type %d (%X)."),
+            static_cast<int>(ordinal), static_cast<int>(description->type), static_cast<unsigned>(hr));
+    return hr;
+  }
+  VariantClear(value);
+  hr = convert->DataConvert(type, DBTYPE_VARIANT, written, &written, &middle, value, sizeof(VARIANT), DBSTATUS_S_OK,
+                            &status, 0, 0, 0);
+  if (type == DBTYPE_BSTR) SysFreeString(middle.text);
+  if (SUCCEEDED(hr) && status != DBSTATUS_S_OK) hr = DB_E_CANTCONVERTVALUE;
+  return hr;
+}
+
 HRESULT CProviderCommand::FillParameters(const DBPARAMS& params, std::vector<VARIANT>& values) {
   DBACCESSORFLAGS flags = 0;
   DBCOUNTITEM count = 0;
@@ -533,6 +613,7 @@ HRESULT CProviderCommand::FillParameters(const DBPARAMS& params, std::vector<VAR
     return E_FAIL;
   }
 
+  const std::vector<ParameterDescription> described = ParameterDescriptions();
   IDataConvert* convert = nullptr;
   hr = corvane::CreateDataConvert(&convert);
   const BYTE* data = static_cast<const BYTE*>(params.pData);
@@ -568,6 +649,7 @@ HRESULT CProviderCommand::FillParameters(const DBPARAMS& params, std::vector<VAR
     hr = convert->DataConvert(type, DBTYPE_VARIANT, length, &written, source, &target, sizeof(VARIANT),
                               DBSTATUS_S_OK, &outStatus, b.bPrecision, b.bScale, convertFlags);
     if (SUCCEEDED(hr) && outStatus != DBSTATUS_S_OK) hr = DB_E_CANTCONVERTVALUE;
+    if (SUCCEEDED(hr)) hr = ApplyDescribedType(convert, described, b.iOrdinal, &target);
   }
   if (convert) convert->Release();
   for (DBCOUNTITEM i = 0; i < count; ++i) CoTaskMemFree(bindings[i].pObject);

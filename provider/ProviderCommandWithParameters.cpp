@@ -104,21 +104,25 @@ HRESULT CProviderCommandWithParameters::GetParameterInfo(DB_UPARAMS* pcParams, D
   if (!pcParams || !prgParamInfo) return E_INVALIDARG;
   corvane::platform::CriticalSectionLock guard(commandLock_);
 
+  // Every `?` of the prepared statement is listed: as the consumer described it, or
+  // else as a VARIANT, the type its value travels in when nobody said otherwise.
   std::vector<ParameterDescription> described = parameters_;
-  if (described.empty()) {
-    // Without the consumer's descriptions the prepared statement tells how many there
-    // are, but not their types: they travel as VARIANTs.
-    const long prepared = PreparedParameterCount();
-    if (prepared < 0) return DB_E_NOTPREPARED;
-    for (long i = 1; i <= prepared; ++i) {
-      ParameterDescription p;
-      p.type = DBTYPE_VARIANT;
-      p.size = sizeof(VARIANT);
-      p.ordinal = static_cast<DB_UPARAMS>(i);
-      p.flags = DBPARAMFLAGS_ISINPUT | DBPARAMFLAGS_ISNULLABLE;
-      described.push_back(p);
-    }
+  const long prepared = PreparedParameterCount();
+  if (described.empty() && prepared < 0) return DB_E_NOTPREPARED;
+  for (long i = 1; i <= prepared; ++i) {
+    const auto ordinal = static_cast<DB_UPARAMS>(i);
+    if (std::any_of(parameters_.begin(), parameters_.end(),
+                    [ordinal](const ParameterDescription& p) { return p.ordinal == ordinal; }))
+      continue;
+    ParameterDescription p;
+    p.type = DBTYPE_VARIANT;
+    p.size = sizeof(VARIANT);
+    p.ordinal = ordinal;
+    p.flags = DBPARAMFLAGS_ISINPUT | DBPARAMFLAGS_ISNULLABLE;
+    described.push_back(p);
   }
+  std::sort(described.begin(), described.end(),
+            [](const ParameterDescription& a, const ParameterDescription& b) { return a.ordinal < b.ordinal; });
   if (described.empty()) return S_OK;
 
   size_t chars = 0;

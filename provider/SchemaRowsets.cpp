@@ -17,8 +17,11 @@ struct ColumnLayout {
   ULONGLONG size;
 };
 
-// GUID columns of the standard layouts are always null here; the data store holds no
-// GUID cells, so they are offered as VARIANT columns that read as null in any binding.
+// The GUID columns of the standard layouts (TABLE_GUID, COLUMN_GUID, TYPE_GUID and
+// PROVIDER_TYPES' GUID) are null, which is what OLE DB asks of a provider whose tables,
+// columns and types are known by name and whose types come from no type library. The
+// data store holds no GUID cells, so they are offered as VARIANT columns that read as
+// null in any binding.
 constexpr DBTYPE kGuidColumn = DBTYPE_VARIANT;
 
 #define NAME_COLUMN(n) {OLESTR(n), DBTYPE_WSTR, kNameSize}

@@ -186,6 +186,23 @@ TEST_F(CommandText, PreparedCommandDescribesItsColumns) {
   EXPECT_EQ("VALUE", all[3].first);
   EXPECT_EQ(DBTYPE_R8, all[3].second);
   info->Release();
+
+  // Prepared or executed, a statement shows the same columns: a procedure's select
+  // list narrows its columns, EXEC gives them all, computed items are typed alike.
+  for (const OLECHAR* statement :
+       {OLESTR("SELECT Value, Timestamp FROM GET_VALUES('2000-01-01', '2100-01-01', 3, 'Area1.Temp')"),
+        OLESTR("SELECT Timestamp, MIN_Value AS low FROM HDA_ANALOG('2000-01-01', '2100-01-01', 0, 'Area1.Temp')"),
+        OLESTR("EXEC GET_MOST_RECENT_VALUE 'Area1.Temp'"),
+        OLESTR("SELECT TAGNAME, DataTypeToStr(DATATYPE), 1.5 FROM TAGS")}) {
+    ASSERT_EQ(S_OK, text_->SetCommandText(DBGUID_DEFAULT, statement));
+    ASSERT_EQ(S_OK, Prepare());
+    const auto prepared = Columns(text_);
+    IUnknown* rowset = nullptr;
+    ASSERT_EQ(S_OK, text_->Execute(nullptr, IID_IRowset, nullptr, nullptr, &rowset));
+    ReadAll(rowset, {1});
+    EXPECT_EQ(Columns(rowset), prepared) << corvane::ToUtf8(statement);
+    rowset->Release();
+  }
 }
 
 TEST_F(CommandParameters, TypeNamesKeepTheirMapping) {
@@ -292,6 +309,75 @@ TEST_F(CommandExecution, ParameterisedSelectEndToEnd) {
   rowset->Release();
   EXPECT_EQ(S_OK, accessor->ReleaseAccessor(handle, nullptr));
   accessor->Release();
+}
+
+TEST_F(CommandExecution, DescribedParameterTypesStand) {
+  // A count given as text stays text and counts nothing; described as a number it is 3.
+  ASSERT_EQ(S_OK, text_->SetCommandText(DBGUID_DEFAULT,
+                                        OLESTR("SELECT * FROM GET_VALUES(?, '2100-01-01', ?, 'Area1.Temp')")));
+  ASSERT_EQ(S_OK, Prepare());
+  ICommandWithParameters* params = Query<ICommandWithParameters>(text_, IID_ICommandWithParameters);
+  IAccessor* accessor = Query<IAccessor>(text_, IID_IAccessor);
+  HACCESSOR handle = DB_NULL_HACCESSOR;
+  TextParameters values{OLESTR("2000-01-01"), OLESTR("3")};
+  ASSERT_EQ(S_OK, accessor->CreateAccessor(DBACCESSOR_PARAMETERDATA, values.bindings.size(), values.bindings.data(),
+                                           0, &handle, nullptr));
+  DBPARAMS p{values.slots.data(), 1, handle};
+  IUnknown* rowset = nullptr;
+  ASSERT_EQ(S_OK, text_->Execute(nullptr, IID_IRowset, &p, nullptr, &rowset));
+  EXPECT_EQ(static_cast<size_t>(kSamples), ReadAll(rowset, {1}).size());
+  rowset->Release();
+
+  DBPARAMBINDINFO info{};
+  info.pwszDataSourceType = const_cast<LPOLESTR>(OLESTR("DBTYPE_UI4"));
+  info.dwFlags = DBPARAMFLAGS_ISINPUT;
+  const DB_UPARAMS second = 2;
+  ASSERT_EQ(S_OK, params->SetParameterInfo(1, &second, &info));
+  // The undescribed `?` is still listed, next to the described one.
+  DB_UPARAMS n = 0;
+  DBPARAMINFO* infos = nullptr;
+  OLECHAR* names = nullptr;
+  ASSERT_EQ(S_OK, params->GetParameterInfo(&n, &infos, &names));
+  ASSERT_EQ(2u, n);
+  EXPECT_EQ(DBTYPE_VARIANT, infos[0].wType);
+  EXPECT_EQ(DBTYPE_UI4, infos[1].wType);
+  CoTaskMemFree(infos);
+  CoTaskMemFree(names);
+  ASSERT_EQ(S_OK, text_->Execute(nullptr, IID_IRowset, &p, nullptr, &rowset));
+  EXPECT_EQ(3u, ReadAll(rowset, {1}).size());
+  rowset->Release();
+
+  // A value that is not of the described type fails the execution.
+  TextParameters bad{OLESTR("2000-01-01"), OLESTR("three")};
+  p.pData = bad.slots.data();
+  EXPECT_TRUE(FAILED(text_->Execute(nullptr, IID_IRowset, &p, nullptr, &rowset)));
+  EXPECT_EQ(nullptr, rowset);
+  TakeLastError();
+  accessor->ReleaseAccessor(handle, nullptr);
+  accessor->Release();
+  params->Release();
+}
+
+TEST_F(CommandExecution, LongAggregateRangesStartAtOnce) {
+  GTEST_SKIP() << "BaseStoredProcedure::BuildTimeRanges lists every chunk of the range before the first row "
+                  "(billions for a 1 ms period over two centuries); owned by the procedures";
+  // The first rows of aggregates over two centuries at 1 ms come as quickly as those of
+  // a day, and releasing the rowset ends the work.
+  ASSERT_EQ(S_OK, text_->SetCommandText(DBGUID_DEFAULT,
+                                        OLESTR("EXEC HDA_ANALOG '1900-01-01', '2100-01-01', 1, 'Area1.Temp'")));
+  const auto started = std::chrono::steady_clock::now();
+  IUnknown* rowset = nullptr;
+  ASSERT_EQ(S_OK, text_->Execute(nullptr, IID_IRowset, nullptr, nullptr, &rowset));
+  IRowset* fetch = Query<IRowset>(rowset, IID_IRowset);
+  DBCOUNTITEM obtained = 0;
+  HROW* rows = nullptr;
+  EXPECT_EQ(S_OK, fetch->GetNextRows(DB_NULL_HCHAPTER, 0, 10, &obtained, &rows));
+  EXPECT_EQ(10u, obtained);
+  fetch->ReleaseRows(obtained, rows, nullptr, nullptr, nullptr);
+  CoTaskMemFree(rows);
+  fetch->Release();
+  rowset->Release();
+  EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(10));
 }
 
 TEST_F(CommandExecution, ParameterSetsAndAccessorsAreChecked) {
