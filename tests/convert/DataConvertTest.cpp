@@ -4,6 +4,8 @@
 
 #include <cstring>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "platform/WideString.h"
 #include "provider/store/DataConvert.h"
@@ -41,6 +43,24 @@ class DataConvertTest : public test::LeakCheckedTest {
   IDataConvert* convert_ = nullptr;
 };
 
+// hr, status and length of one conversion in one comparison.
+#define EXPECT_OUTCOME(o, h, st, len)          \
+  do {                                         \
+    const Outcome got_ = (o);                  \
+    EXPECT_EQ(HRESULT(h), got_.hr);            \
+    EXPECT_EQ(DBSTATUS(st), got_.status);      \
+    EXPECT_EQ(DBLENGTH(len), got_.length);     \
+  } while (0)
+
+// A VARIANT that clears itself.
+struct Var : VARIANT {
+  explicit Var(VARTYPE type = VT_EMPTY) {
+    VariantInit(this);
+    vt = type;
+  }
+  ~Var() { VariantClear(this); }
+};
+
 WString W(const char* ascii) { return FromUtf8(ascii); }
 
 // ---- Numbers: widening, rounding, overflow and sign
@@ -48,58 +68,42 @@ WString W(const char* ascii) { return FromUtf8(ascii); }
 using DataConvertNumbers = DataConvertTest;
 
 TEST_F(DataConvertNumbers, CopiesAndWidensWithTheTypeSizeAsLength) {
-  LONG i4 = -5;
+  LONG i4 = -5, asI4 = 0;
   LONGLONG i8 = 0;
-  Outcome o = Convert(DBTYPE_I4, DBTYPE_I8, &i4, &i8);
-  EXPECT_EQ(S_OK, o.hr);
-  EXPECT_EQ(DBSTATUS_S_OK, o.status);
-  EXPECT_EQ(8u, o.length);
+  EXPECT_OUTCOME(Convert(DBTYPE_I4, DBTYPE_I8, &i4, &i8), S_OK, DBSTATUS_S_OK, 8);
   EXPECT_EQ(-5, i8);
-
   ULONG quality = 0xC0, out = 0;
-  o = Convert(DBTYPE_UI4, DBTYPE_UI4, &quality, &out);
-  EXPECT_EQ(4u, o.length);
+  EXPECT_EQ(4u, Convert(DBTYPE_UI4, DBTYPE_UI4, &quality, &out).length);
   EXPECT_EQ(0xC0u, out);
-
   VARIANT_BOOL b = VARIANT_TRUE;
-  LONG asI4 = 0;
-  o = Convert(DBTYPE_BOOL, DBTYPE_I4, &b, &asI4);
-  EXPECT_EQ(S_OK, o.hr);
+  EXPECT_EQ(S_OK, Convert(DBTYPE_BOOL, DBTYPE_I4, &b, &asI4).hr);
   EXPECT_EQ(-1, asI4);
-}
-
-TEST_F(DataConvertNumbers, RealsRoundHalfToEvenIntoIntegers) {
-  double values[] = {1.5, 2.5, -2.5, 2.4999};
-  LONG expected[] = {2, 2, -2, 2};
-  for (int k = 0; k < 4; ++k) {
-    LONG out = 99;
-    Outcome o = Convert(DBTYPE_R8, DBTYPE_I4, &values[k], &out);
-    EXPECT_EQ(S_OK, o.hr) << values[k];
-    EXPECT_EQ(expected[k], out) << values[k];
+  // Reals round half to even into integers.
+  for (auto [value, expected] : {std::pair{1.5, 2}, {2.5, 2}, {-2.5, -2}, {2.4999, 2}}) {
+    LONG rounded = 99;
+    EXPECT_EQ(S_OK, Convert(DBTYPE_R8, DBTYPE_I4, &value, &rounded).hr) << value;
+    EXPECT_EQ(expected, rounded) << value;
   }
 }
 
 TEST_F(DataConvertNumbers, TooLargeIsOverflowAndNegativeIntoUnsignedIsSignMismatch) {
   ULONG big = 70000;
-  SHORT i2 = 7;
+  SHORT i2 = 7, minusOne = -1;
   Outcome o = Convert(DBTYPE_UI4, DBTYPE_I2, &big, &i2);
   EXPECT_EQ(DB_E_ERRORSOCCURRED, o.hr);
   EXPECT_EQ(DBSTATUS_E_DATAOVERFLOW, o.status);
   EXPECT_EQ(7, i2) << "a failed conversion leaves the destination alone";
-
   double huge = 1e40;
   float r4 = 0;
   EXPECT_EQ(DBSTATUS_E_DATAOVERFLOW, Convert(DBTYPE_R8, DBTYPE_R4, &huge, &r4).status);
-
   LONG minus = -5;
   ULONG u4 = 1;
   o = Convert(DBTYPE_I4, DBTYPE_UI4, &minus, &u4);
   EXPECT_EQ(DB_E_ERRORSOCCURRED, o.hr);
   EXPECT_EQ(DBSTATUS_E_SIGNMISMATCH, o.status);
-  SHORT minusOne = -1;
   USHORT u2 = 0;
-  EXPECT_EQ(DBSTATUS_E_SIGNMISMATCH, Convert(DBTYPE_I2, DBTYPE_UI2, &minusOne, &u2).status);
   BYTE u1 = 0;
+  EXPECT_EQ(DBSTATUS_E_SIGNMISMATCH, Convert(DBTYPE_I2, DBTYPE_UI2, &minusOne, &u2).status);
   EXPECT_EQ(DBSTATUS_E_SIGNMISMATCH, Convert(DBTYPE_WSTR, DBTYPE_UI1, W("-3").c_str(), &u1).status);
   // Too large but positive stays an overflow even into an unsigned type.
   LONGLONG i8 = 300;
@@ -109,29 +113,19 @@ TEST_F(DataConvertNumbers, TooLargeIsOverflowAndNegativeIntoUnsignedIsSignMismat
 TEST_F(DataConvertNumbers, NumericTakesTheBindingsPrecisionAndScale) {
   double value = -12.345;
   DB_NUMERIC n{};
-  Outcome o = Convert(DBTYPE_R8, DBTYPE_NUMERIC, &value, &n, 0, DBDATACONVERT_LENGTHFROMNTS, 0, 10, 2);
-  EXPECT_EQ(S_OK, o.hr);
-  EXPECT_EQ(DBSTATUS_S_TRUNCATED, o.status) << "the third decimal is cut";
-  EXPECT_EQ(sizeof(DB_NUMERIC), o.length);
-  EXPECT_EQ(10, n.precision);
-  EXPECT_EQ(2, n.scale);
-  EXPECT_EQ(0, n.sign);
-  EXPECT_EQ(1234 % 256, n.val[0]);
-  EXPECT_EQ(1234 / 256, n.val[1]);
-
-  LONG whole = 7;
-  o = Convert(DBTYPE_I4, DBTYPE_NUMERIC, &whole, &n, 0, DBDATACONVERT_LENGTHFROMNTS, 0, 5, 3);
-  EXPECT_EQ(DBSTATUS_S_OK, o.status);
-  EXPECT_EQ(1, n.sign);
-  EXPECT_EQ(7000 % 256, n.val[0]);
-  EXPECT_EQ(7000 / 256, n.val[1]);
-
-  LONG tooMany = 123456;
+  // The third decimal is cut.
+  EXPECT_OUTCOME(Convert(DBTYPE_R8, DBTYPE_NUMERIC, &value, &n, 0, DBDATACONVERT_LENGTHFROMNTS, 0, 10, 2), S_OK,
+                 DBSTATUS_S_TRUNCATED, sizeof(DB_NUMERIC));
+  EXPECT_EQ((std::vector<int>{10, 2, 0, 1234 % 256, 1234 / 256}),
+            (std::vector<int>{n.precision, n.scale, n.sign, n.val[0], n.val[1]}));
+  LONG whole = 7, tooMany = 123456;
+  EXPECT_EQ(DBSTATUS_S_OK,
+            Convert(DBTYPE_I4, DBTYPE_NUMERIC, &whole, &n, 0, DBDATACONVERT_LENGTHFROMNTS, 0, 5, 3).status);
+  EXPECT_EQ((std::vector<int>{1, 7000 % 256, 7000 / 256}), (std::vector<int>{n.sign, n.val[0], n.val[1]}));
   EXPECT_EQ(DBSTATUS_E_DATAOVERFLOW,
             Convert(DBTYPE_I4, DBTYPE_NUMERIC, &tooMany, &n, 0, DBDATACONVERT_LENGTHFROMNTS, 0, 4, 0).status);
   EXPECT_EQ(DB_E_BADBINDINFO,
             Convert(DBTYPE_I4, DBTYPE_NUMERIC, &whole, &n, 0, DBDATACONVERT_LENGTHFROMNTS, 0, 4, 5).hr);
-
   double money = 1.5;
   CY cy{};
   EXPECT_EQ(S_OK, Convert(DBTYPE_R8, DBTYPE_CY, &money, &cy).hr);
@@ -142,89 +136,73 @@ TEST_F(DataConvertNumbers, NumericTakesTheBindingsPrecisionAndScale) {
 
 using DataConvertStrings = DataConvertTest;
 
-TEST_F(DataConvertStrings, LengthIsTheWholeValueInBytesWithoutTerminator) {
+TEST_F(DataConvertStrings, LengthIsTheWholeValueAndTruncationKeepsTheTerminator) {
   OLECHAR out[16];
   std::memset(out, 0xCC, sizeof out);
-  Outcome o = Convert(DBTYPE_WSTR, DBTYPE_WSTR, W("hello").c_str(), out, sizeof out);
-  EXPECT_EQ(S_OK, o.hr);
-  EXPECT_EQ(DBSTATUS_S_OK, o.status);
-  EXPECT_EQ(10u, o.length);
-  EXPECT_EQ(W("hello"), WString(out));
-
+  const WString hello = W("hello");
+  EXPECT_OUTCOME(Convert(DBTYPE_WSTR, DBTYPE_WSTR, hello.c_str(), out, sizeof out), S_OK, DBSTATUS_S_OK, 10);
+  EXPECT_EQ(hello, WString(out));
   // Without the NTS flag the source length counts, in bytes; an odd byte is dropped.
-  o = Convert(DBTYPE_WSTR, DBTYPE_WSTR, W("hello").c_str(), out, sizeof out, DBDATACONVERT_DEFAULT, 5);
-  EXPECT_EQ(4u, o.length);
+  EXPECT_EQ(4u, Convert(DBTYPE_WSTR, DBTYPE_WSTR, hello.c_str(), out, sizeof out, DBDATACONVERT_DEFAULT, 5).length);
   EXPECT_EQ(W("he"), WString(out));
-}
 
-TEST_F(DataConvertStrings, TruncationKeepsTheTerminatorAndReportsTheFullLength) {
-  OLECHAR out[8];
   std::memset(out, 0xCC, sizeof out);
-  Outcome o = Convert(DBTYPE_WSTR, DBTYPE_WSTR, W("hello").c_str(), out, 7);
-  EXPECT_EQ(S_OK, o.hr);
-  EXPECT_EQ(DBSTATUS_S_TRUNCATED, o.status);
-  EXPECT_EQ(10u, o.length);
+  EXPECT_OUTCOME(Convert(DBTYPE_WSTR, DBTYPE_WSTR, hello.c_str(), out, 7), S_OK, DBSTATUS_S_TRUNCATED, 10);
   EXPECT_EQ(W("he"), WString(out));
   EXPECT_EQ(0xCCCC, out[3]) << "nothing is written past the buffer's whole characters";
-
   char narrow[4];
-  o = Convert(DBTYPE_WSTR, DBTYPE_STR, W("hello").c_str(), narrow, 3);
-  EXPECT_EQ(DBSTATUS_S_TRUNCATED, o.status);
-  EXPECT_EQ(5u, o.length);
+  EXPECT_OUTCOME(Convert(DBTYPE_WSTR, DBTYPE_STR, hello.c_str(), narrow, 3), S_OK, DBSTATUS_S_TRUNCATED, 5);
   EXPECT_STREQ("he", narrow);
-
-  // No room even for the terminator.
-  o = Convert(DBTYPE_WSTR, DBTYPE_WSTR, W("hello").c_str(), out, 1);
+  // No room even for the terminator; and, as a setter would, shortening refused.
+  Outcome o = Convert(DBTYPE_WSTR, DBTYPE_WSTR, hello.c_str(), out, 1);
   EXPECT_EQ(DB_E_ERRORSOCCURRED, o.hr);
   EXPECT_EQ(DBSTATUS_E_DATAOVERFLOW, o.status);
-
-  // As a setter would: shortening is refused.
-  o = Convert(DBTYPE_WSTR, DBTYPE_WSTR, W("hello").c_str(), out, 7,
-              DBDATACONVERT_LENGTHFROMNTS | DBDATACONVERT_SETDATABEHAVIOR);
-  EXPECT_EQ(DBSTATUS_E_DATAOVERFLOW, o.status);
-}
-
-TEST_F(DataConvertStrings, FixedLengthTextIsBlankPadded) {
-  OLECHAR out[6];
-  Outcome o = Convert(DBTYPE_WSTR, DBTYPE_WSTR, W("ab").c_str(), out, sizeof out,
-                      DBDATACONVERT_LENGTHFROMNTS | DBDATACONVERT_DSTISFIXEDLENGTH);
-  EXPECT_EQ(DBSTATUS_S_OK, o.status);
-  EXPECT_EQ(10u, o.length);
-  EXPECT_EQ(W("ab   "), WString(out));
+  EXPECT_EQ(DBSTATUS_E_DATAOVERFLOW, Convert(DBTYPE_WSTR, DBTYPE_WSTR, hello.c_str(), out, 7,
+                                             DBDATACONVERT_LENGTHFROMNTS | DBDATACONVERT_SETDATABEHAVIOR)
+                                         .status);
+  // Fixed-length text is blank padded.
+  OLECHAR fixed[6];
+  EXPECT_OUTCOME(Convert(DBTYPE_WSTR, DBTYPE_WSTR, W("ab").c_str(), fixed, sizeof fixed,
+                         DBDATACONVERT_LENGTHFROMNTS | DBDATACONVERT_DSTISFIXEDLENGTH),
+                 S_OK, DBSTATUS_S_OK, 10);
+  EXPECT_EQ(W("ab   "), WString(fixed));
 }
 
 TEST_F(DataConvertStrings, NumbersLoseFractionDigitsButNeverIntegerDigits) {
   OLECHAR out[8];
   double value = 1.5;
-  Outcome o = Convert(DBTYPE_R8, DBTYPE_WSTR, &value, out, 4);
-  EXPECT_EQ(DBSTATUS_S_TRUNCATED, o.status);
-  EXPECT_EQ(6u, o.length);
+  EXPECT_OUTCOME(Convert(DBTYPE_R8, DBTYPE_WSTR, &value, out, 4), S_OK, DBSTATUS_S_TRUNCATED, 6);
   EXPECT_EQ(W("1"), WString(out));
-
   LONG minus = -5;
-  o = Convert(DBTYPE_I4, DBTYPE_WSTR, &minus, out, 4);
+  Outcome o = Convert(DBTYPE_I4, DBTYPE_WSTR, &minus, out, 4);
   EXPECT_EQ(DB_E_ERRORSOCCURRED, o.hr);
   EXPECT_EQ(DBSTATUS_E_DATAOVERFLOW, o.status);
-
-  o = Convert(DBTYPE_I4, DBTYPE_WSTR, &minus, out, sizeof out);
-  EXPECT_EQ(4u, o.length);
+  EXPECT_EQ(4u, Convert(DBTYPE_I4, DBTYPE_WSTR, &minus, out, sizeof out).length);
   EXPECT_EQ(W("-5"), WString(out));
-
   VARIANT_BOOL yes = VARIANT_TRUE;
   Convert(DBTYPE_BOOL, DBTYPE_WSTR, &yes, out, sizeof out);
   EXPECT_EQ(W("True"), WString(out));
 }
 
-TEST_F(DataConvertStrings, NarrowTextUsesTheAnsiCodePage) {
+TEST_F(DataConvertStrings, NarrowTextUsesTheAnsiCodePageAndTextReadsAsAutomationDoes) {
   const char latin[] = "caf\xE9";
   OLECHAR wide[8];
-  Outcome o = Convert(DBTYPE_STR, DBTYPE_WSTR, latin, wide, sizeof wide);
-  EXPECT_EQ(8u, o.length);
+  EXPECT_EQ(8u, Convert(DBTYPE_STR, DBTYPE_WSTR, latin, wide, sizeof wide).length);
   EXPECT_EQ(0x00E9, wide[3]);
   char back[8];
-  o = Convert(DBTYPE_WSTR, DBTYPE_STR, wide, back, sizeof back);
-  EXPECT_EQ(4u, o.length);
+  EXPECT_EQ(4u, Convert(DBTYPE_WSTR, DBTYPE_STR, wide, back, sizeof back).length);
   EXPECT_STREQ(latin, back);
+
+  double r8 = 0;
+  EXPECT_EQ(S_OK, Convert(DBTYPE_WSTR, DBTYPE_R8, W(" 12.5 ").c_str(), &r8).hr);
+  EXPECT_EQ(12.5, r8);
+  LONG i4 = 0;
+  Outcome o = Convert(DBTYPE_STR, DBTYPE_I4, "abc", &i4);
+  EXPECT_EQ(DB_E_ERRORSOCCURRED, o.hr);
+  EXPECT_EQ(DBSTATUS_E_CANTCONVERTVALUE, o.status);
+  VARIANT_BOOL b = 0;
+  EXPECT_EQ(S_OK, Convert(DBTYPE_WSTR, DBTYPE_BOOL, W("True").c_str(), &b).hr);
+  EXPECT_EQ(VARIANT_TRUE, b);
 }
 
 TEST_F(DataConvertStrings, ByReferenceAndBstrDestinationsAreAllocatedWhole) {
@@ -238,32 +216,16 @@ TEST_F(DataConvertStrings, ByReferenceAndBstrDestinationsAreAllocatedWhole) {
 
   BSTR source = SysAllocString(OLESTR("xyz"));
   BSTR copy = nullptr;
-  o = Convert(DBTYPE_BSTR, DBTYPE_BSTR, &source, &copy);
-  EXPECT_EQ(sizeof(BSTR), o.length);
+  EXPECT_EQ(sizeof(BSTR), Convert(DBTYPE_BSTR, DBTYPE_BSTR, &source, &copy).length);
   ASSERT_NE(nullptr, copy);
   EXPECT_NE(source, copy);
   EXPECT_EQ(3u, SysStringLen(copy));
   SysFreeString(copy);
-
   const OLECHAR* ref = source;
   OLECHAR out[8];
-  o = Convert(DBTYPE_WSTR | DBTYPE_BYREF, DBTYPE_WSTR, &ref, out, sizeof out);
-  EXPECT_EQ(6u, o.length);
+  EXPECT_EQ(6u, Convert(DBTYPE_WSTR | DBTYPE_BYREF, DBTYPE_WSTR, &ref, out, sizeof out).length);
   EXPECT_EQ(W("xyz"), WString(out));
   SysFreeString(source);
-}
-
-TEST_F(DataConvertStrings, TextIntoNumbersFollowsTheAutomationRules) {
-  double r8 = 0;
-  EXPECT_EQ(S_OK, Convert(DBTYPE_WSTR, DBTYPE_R8, W(" 12.5 ").c_str(), &r8).hr);
-  EXPECT_EQ(12.5, r8);
-  LONG i4 = 0;
-  Outcome o = Convert(DBTYPE_STR, DBTYPE_I4, "abc", &i4);
-  EXPECT_EQ(DB_E_ERRORSOCCURRED, o.hr);
-  EXPECT_EQ(DBSTATUS_E_CANTCONVERTVALUE, o.status);
-  VARIANT_BOOL b = 0;
-  EXPECT_EQ(S_OK, Convert(DBTYPE_WSTR, DBTYPE_BOOL, W("True").c_str(), &b).hr);
-  EXPECT_EQ(VARIANT_TRUE, b);
 }
 
 // ---- Points in time, both ways
@@ -273,73 +235,51 @@ using DataConvertDates = DataConvertTest;
 TEST_F(DataConvertDates, TimestampTextIsCanonicalWithNanosecondFraction) {
   DBTIMESTAMP ts{2003, 1, 2, 4, 5, 6, 123000000};
   OLECHAR out[40];
-  Outcome o = Convert(DBTYPE_DBTIMESTAMP, DBTYPE_WSTR, &ts, out, sizeof out);
-  EXPECT_EQ(58u, o.length);
+  EXPECT_EQ(58u, Convert(DBTYPE_DBTIMESTAMP, DBTYPE_WSTR, &ts, out, sizeof out).length);
   EXPECT_EQ(W("2003-01-02 04:05:06.123000000"), WString(out));
   ts.fraction = 0;
   Convert(DBTYPE_DBTIMESTAMP, DBTYPE_WSTR, &ts, out, sizeof out);
   EXPECT_EQ(W("2003-01-02 04:05:06"), WString(out));
 
   DBTIMESTAMP back{};
-  o = Convert(DBTYPE_WSTR, DBTYPE_DBTIMESTAMP, W("2003-01-02 04:05:06.5").c_str(), &back);
-  EXPECT_EQ(sizeof(DBTIMESTAMP), o.length);
-  EXPECT_EQ(2003, back.year);
-  EXPECT_EQ(6, back.second);
-  EXPECT_EQ(500000000u, back.fraction);
-
-  o = Convert(DBTYPE_WSTR, DBTYPE_DBTIMESTAMP, W("1/2/2003 4:05:06 PM").c_str(), &back);
-  EXPECT_EQ(S_OK, o.hr);
+  EXPECT_EQ(sizeof(DBTIMESTAMP),
+            Convert(DBTYPE_WSTR, DBTYPE_DBTIMESTAMP, W("2003-01-02 04:05:06.5").c_str(), &back).length);
+  EXPECT_EQ((std::vector<long>{2003, 6, 500000000}), (std::vector<long>{back.year, back.second, long(back.fraction)}));
+  EXPECT_EQ(S_OK, Convert(DBTYPE_WSTR, DBTYPE_DBTIMESTAMP, W("1/2/2003 4:05:06 PM").c_str(), &back).hr);
   EXPECT_EQ(16, back.hour);
   EXPECT_EQ(0u, back.fraction);
-
-  o = Convert(DBTYPE_WSTR, DBTYPE_DBTIMESTAMP, W("not a time").c_str(), &back);
-  EXPECT_EQ(DBSTATUS_E_CANTCONVERTVALUE, o.status);
-  EXPECT_EQ(DBSTATUS_E_CANTCONVERTVALUE,
-            Convert(DBTYPE_WSTR, DBTYPE_DBTIMESTAMP, W("2003-02-30").c_str(), &back).status);
+  for (const char* bad : {"not a time", "2003-02-30"})
+    EXPECT_EQ(DBSTATUS_E_CANTCONVERTVALUE, Convert(DBTYPE_WSTR, DBTYPE_DBTIMESTAMP, W(bad).c_str(), &back).status)
+        << bad;
 }
 
 TEST_F(DataConvertDates, DateAndTimestampKeepMilliseconds) {
-  DBTIMESTAMP ts{2003, 1, 2, 6, 0, 0, 123000000};
+  DBTIMESTAMP ts{2003, 1, 2, 6, 0, 0, 123000000}, back{};
   DATE date = 0;
   EXPECT_EQ(S_OK, Convert(DBTYPE_DBTIMESTAMP, DBTYPE_DATE, &ts, &date).hr);
   EXPECT_NEAR(37623.25 + 0.123 / 86400, date, 1e-10);
-  DBTIMESTAMP back{};
   EXPECT_EQ(S_OK, Convert(DBTYPE_DATE, DBTYPE_DBTIMESTAMP, &date, &back).hr);
   EXPECT_EQ(0, std::memcmp(&ts, &back, sizeof ts));
-
   // Before day zero the fraction still counts forward from midnight.
-  DATE early = -1.25;
+  DATE early = -1.25, again = 0;
   Convert(DBTYPE_DATE, DBTYPE_DBTIMESTAMP, &early, &back);
-  EXPECT_EQ(1899, back.year);
-  EXPECT_EQ(29, back.day);
-  EXPECT_EQ(6, back.hour);
-  EXPECT_EQ(-1.25, ([&] {
-              DATE d = 0;
-              Convert(DBTYPE_DBTIMESTAMP, DBTYPE_DATE, &back, &d);
-              return d;
-            })());
-
+  EXPECT_EQ((std::vector<int>{1899, 29, 6}), (std::vector<int>{back.year, back.day, back.hour}));
+  Convert(DBTYPE_DBTIMESTAMP, DBTYPE_DATE, &back, &again);
+  EXPECT_EQ(-1.25, again);
   DATE outOfRange = 3e6;
   EXPECT_EQ(DBSTATUS_E_DATAOVERFLOW, Convert(DBTYPE_DATE, DBTYPE_DBTIMESTAMP, &outOfRange, &back).status);
 }
 
 TEST_F(DataConvertDates, PartsOfATimestampKeepOnlyTheirOwnFields) {
-  DBTIMESTAMP ts{2024, 2, 29, 13, 14, 15, 500};
+  DBTIMESTAMP ts{2024, 2, 29, 13, 14, 15, 500}, back{};
   DBDATE d{};
-  Outcome o = Convert(DBTYPE_DBTIMESTAMP, DBTYPE_DBDATE, &ts, &d);
-  EXPECT_EQ(DBSTATUS_S_OK, o.status);
-  EXPECT_EQ(6u, o.length);
-  EXPECT_EQ(2024, d.year);
-  EXPECT_EQ(2, d.month);
-  EXPECT_EQ(29, d.day);
+  EXPECT_OUTCOME(Convert(DBTYPE_DBTIMESTAMP, DBTYPE_DBDATE, &ts, &d), S_OK, DBSTATUS_S_OK, 6);
+  EXPECT_EQ((std::vector<int>{2024, 2, 29}), (std::vector<int>{d.year, d.month, d.day}));
   DBTIME t{};
-  o = Convert(DBTYPE_DBTIMESTAMP, DBTYPE_DBTIME, &ts, &t);
-  EXPECT_EQ(DBSTATUS_S_OK, o.status);
+  EXPECT_EQ(DBSTATUS_S_OK, Convert(DBTYPE_DBTIMESTAMP, DBTYPE_DBTIME, &ts, &t).status);
   EXPECT_EQ(13, t.hour);
   EXPECT_EQ(15, t.second);
-
   // And back: a date is its midnight, a time is on DATE's day zero.
-  DBTIMESTAMP back{};
   Convert(DBTYPE_DBDATE, DBTYPE_DBTIMESTAMP, &d, &back);
   EXPECT_EQ(0, back.hour);
   EXPECT_EQ(29, back.day);
@@ -349,22 +289,18 @@ TEST_F(DataConvertDates, PartsOfATimestampKeepOnlyTheirOwnFields) {
   OLECHAR text[16];
   Convert(DBTYPE_DBTIME, DBTYPE_WSTR, &t, text, sizeof text);
   EXPECT_EQ(W("13:14:15"), WString(text));
-
   DBTIMESTAMP bad{2023, 2, 29, 0, 0, 0, 0};
   EXPECT_EQ(DBSTATUS_E_CANTCONVERTVALUE, Convert(DBTYPE_DBTIMESTAMP, DBTYPE_DBDATE, &bad, &d).status);
 }
 
 TEST_F(DataConvertDates, FileTimeCountsHundredsOfNanosecondsSince1601) {
-  DBTIMESTAMP ts{1601, 1, 2, 0, 0, 1, 500};
+  DBTIMESTAMP ts{1601, 1, 2, 0, 0, 1, 500}, back{}, before{1600, 12, 31, 0, 0, 0, 0};
   FILETIME ft{};
   EXPECT_EQ(S_OK, Convert(DBTYPE_DBTIMESTAMP, DBTYPE_FILETIME, &ts, &ft).hr);
-  const unsigned long long ticks = (static_cast<unsigned long long>(ft.dwHighDateTime) << 32) | ft.dwLowDateTime;
-  EXPECT_EQ(864000000000ULL + 10000000ULL + 5ULL, ticks);
-  DBTIMESTAMP back{};
+  EXPECT_EQ(864000000000ULL + 10000000ULL + 5ULL, (static_cast<unsigned long long>(ft.dwHighDateTime) << 32) |
+                                                      ft.dwLowDateTime);
   EXPECT_EQ(S_OK, Convert(DBTYPE_FILETIME, DBTYPE_DBTIMESTAMP, &ft, &back).hr);
   EXPECT_EQ(0, std::memcmp(&ts, &back, sizeof ts));
-
-  DBTIMESTAMP before{1600, 12, 31, 0, 0, 0, 0};
   EXPECT_EQ(DBSTATUS_E_DATAOVERFLOW, Convert(DBTYPE_DBTIMESTAMP, DBTYPE_FILETIME, &before, &ft).status);
 }
 
@@ -379,14 +315,10 @@ TEST_F(DataConvertDates, OnlyDatesTextAndVariantsBecomePointsInTime) {
   DATE date = 0;
   EXPECT_EQ(S_OK, Convert(DBTYPE_I4, DBTYPE_DATE, &i4, &date).hr);
   EXPECT_EQ(5.0, date);
-  VARIANT v;
-  VariantInit(&v);
-  V_VT(&v) = VT_R8;
+  Var v(VT_R8);
   V_R8(&v) = 2.5;
   EXPECT_EQ(S_OK, Convert(DBTYPE_VARIANT, DBTYPE_DBTIMESTAMP, &v, &ts).hr);
-  EXPECT_EQ(1900, ts.year);
-  EXPECT_EQ(1, ts.day);
-  EXPECT_EQ(12, ts.hour);
+  EXPECT_EQ((std::vector<int>{1900, 1, 12}), (std::vector<int>{ts.year, ts.day, ts.hour}));
 }
 
 // ---- VARIANT sources and destinations
@@ -394,16 +326,13 @@ TEST_F(DataConvertDates, OnlyDatesTextAndVariantsBecomePointsInTime) {
 using DataConvertVariants = DataConvertTest;
 
 TEST_F(DataConvertVariants, EachHeldTypeConvertsByItsOwnRules) {
-  VARIANT v;
-  VariantInit(&v);
-  V_VT(&v) = VT_R8;
+  Var v(VT_R8);
   V_R8(&v) = 2.25;
   double r8 = 0;
   EXPECT_EQ(S_OK, Convert(DBTYPE_VARIANT, DBTYPE_R8, &v, &r8).hr);
   EXPECT_EQ(2.25, r8);
   OLECHAR text[16];
-  Outcome o = Convert(DBTYPE_VARIANT, DBTYPE_WSTR, &v, text, sizeof text);
-  EXPECT_EQ(8u, o.length);
+  EXPECT_EQ(8u, Convert(DBTYPE_VARIANT, DBTYPE_WSTR, &v, text, sizeof text).length);
   EXPECT_EQ(W("2.25"), WString(text));
 
   V_VT(&v) = VT_EMPTY;
@@ -423,7 +352,6 @@ TEST_F(DataConvertVariants, EachHeldTypeConvertsByItsOwnRules) {
   DBTIMESTAMP ts{};
   EXPECT_EQ(S_OK, Convert(DBTYPE_VARIANT, DBTYPE_DBTIMESTAMP, &v, &ts).hr);
   EXPECT_EQ(12, ts.hour);
-
   V_VT(&v) = VT_I4;
   V_I4(&v) = -1;
   ULONG u4 = 0;
@@ -431,33 +359,20 @@ TEST_F(DataConvertVariants, EachHeldTypeConvertsByItsOwnRules) {
 }
 
 TEST_F(DataConvertVariants, NullIsReportedNotConverted) {
-  VARIANT v;
-  VariantInit(&v);
-  V_VT(&v) = VT_NULL;
+  Var v(VT_NULL);
   LONG i4 = 9;
-  Outcome o = Convert(DBTYPE_VARIANT, DBTYPE_I4, &v, &i4);
-  EXPECT_EQ(S_OK, o.hr);
-  EXPECT_EQ(DBSTATUS_S_ISNULL, o.status);
-  EXPECT_EQ(0u, o.length);
+  EXPECT_OUTCOME(Convert(DBTYPE_VARIANT, DBTYPE_I4, &v, &i4), S_OK, DBSTATUS_S_ISNULL, 0);
   EXPECT_EQ(9, i4);
-
   // A null source status wins over whatever the source holds.
   double r8 = 1;
-  o = Convert(DBTYPE_R8, DBTYPE_WSTR, &r8, nullptr, 0, 0, 0, 0, 0, DBSTATUS_S_ISNULL);
-  EXPECT_EQ(S_OK, o.hr);
-  EXPECT_EQ(DBSTATUS_S_ISNULL, o.status);
-  EXPECT_EQ(0u, o.length);
+  EXPECT_OUTCOME(Convert(DBTYPE_R8, DBTYPE_WSTR, &r8, nullptr, 0, 0, 0, 0, 0, DBSTATUS_S_ISNULL), S_OK,
+                 DBSTATUS_S_ISNULL, 0);
 }
 
 TEST_F(DataConvertVariants, DestinationVariantsOwnTheirCopies) {
-  VARIANT src;
-  VariantInit(&src);
-  V_VT(&src) = VT_BSTR;
+  Var src(VT_BSTR), dst;
   V_BSTR(&src) = SysAllocString(OLESTR("tag"));
-  VARIANT dst;
-  VariantInit(&dst);
-  Outcome o = Convert(DBTYPE_VARIANT, DBTYPE_VARIANT, &src, &dst);
-  EXPECT_EQ(sizeof(VARIANT), o.length);
+  EXPECT_EQ(sizeof(VARIANT), Convert(DBTYPE_VARIANT, DBTYPE_VARIANT, &src, &dst).length);
   ASSERT_EQ(VT_BSTR, V_VT(&dst));
   EXPECT_NE(V_BSTR(&src), V_BSTR(&dst));
   VariantClear(&dst);
@@ -467,12 +382,10 @@ TEST_F(DataConvertVariants, DestinationVariantsOwnTheirCopies) {
   Convert(DBTYPE_DBTIMESTAMP, DBTYPE_VARIANT, &ts, &dst);
   EXPECT_EQ(VT_DATE, V_VT(&dst));
   EXPECT_EQ(37623.25, V_DATE(&dst));
-
   Convert(DBTYPE_STR, DBTYPE_VARIANT, "abc", &dst);
   ASSERT_EQ(VT_BSTR, V_VT(&dst));
   EXPECT_EQ(W("abc"), WString(V_BSTR(&dst)));
   VariantClear(&dst);
-
   ULONGLONG u8 = 1ULL << 40;
   Convert(DBTYPE_UI8, DBTYPE_VARIANT, &u8, &dst);
   EXPECT_EQ(VT_UI8, V_VT(&dst));
@@ -495,7 +408,7 @@ TEST_F(DataConvertVariants, DestinationVariantsOwnTheirCopies) {
 
 using DataConvertService = DataConvertTest;
 
-TEST_F(DataConvertService, RefusesWhatItCannotDoWithoutTouchingMemory) {
+TEST_F(DataConvertService, RefusesWhatItCannotDoAndSizesWhatItCan) {
   LONG i4 = 1;
   GUID g{};
   Outcome o = Convert(DBTYPE_I4, DBTYPE_GUID, &i4, &g);
@@ -504,23 +417,24 @@ TEST_F(DataConvertService, RefusesWhatItCannotDoWithoutTouchingMemory) {
   EXPECT_EQ(E_INVALIDARG, Convert(DBTYPE_I4, DBTYPE_I8, nullptr, &i4).hr);
   EXPECT_EQ(S_OK, convert_->CanConvert(DBTYPE_VARIANT, DBTYPE_NUMERIC));
   EXPECT_EQ(S_FALSE, convert_->CanConvert(DBTYPE_I4 | DBTYPE_BYREF, DBTYPE_I4));
-}
 
-TEST_F(DataConvertService, ConversionSizeIsWhatAConversionNeeds) {
-  DBLENGTH size = 0;
-  EXPECT_EQ(S_OK, convert_->GetConversionSize(DBTYPE_I4, DBTYPE_I8, nullptr, &size, nullptr));
-  EXPECT_EQ(8u, size);
   WString tag = W("hello");
-  EXPECT_EQ(S_OK, convert_->GetConversionSize(DBTYPE_WSTR, DBTYPE_WSTR, nullptr, &size, tag.data()));
-  EXPECT_EQ(12u, size);
-  EXPECT_EQ(S_OK, convert_->GetConversionSize(DBTYPE_I4, DBTYPE_STR, nullptr, &size, nullptr));
-  EXPECT_EQ(12u, size) << "-2147483648 and its terminator";
-  VARIANT v;
-  VariantInit(&v);
-  V_VT(&v) = VT_R8;
+  Var v(VT_R8);
   V_R8(&v) = 0.125;
-  EXPECT_EQ(S_OK, convert_->GetConversionSize(DBTYPE_VARIANT, DBTYPE_WSTR, nullptr, &size, &v));
-  EXPECT_EQ(12u, size);
+  const struct {
+    DBTYPE src, dst;
+    void* value;
+    DBLENGTH size;  // "-2147483648" and its terminator for I4 as text
+  } sizes[] = {{DBTYPE_I4, DBTYPE_I8, nullptr, 8},
+               {DBTYPE_WSTR, DBTYPE_WSTR, tag.data(), 12},
+               {DBTYPE_I4, DBTYPE_STR, nullptr, 12},
+               {DBTYPE_VARIANT, DBTYPE_WSTR, &v, 12}};
+  for (const auto& c : sizes) {
+    DBLENGTH size = 0;
+    EXPECT_EQ(S_OK, convert_->GetConversionSize(c.src, c.dst, nullptr, &size, c.value)) << c.src << "->" << c.dst;
+    EXPECT_EQ(c.size, size) << c.src << "->" << c.dst;
+  }
+  DBLENGTH size = 0;
   EXPECT_EQ(DB_E_UNSUPPORTEDCONVERSION,
             convert_->GetConversionSize(DBTYPE_I4, DBTYPE_GUID, nullptr, &size, nullptr));
 }
@@ -534,7 +448,6 @@ TEST_F(DataConvertService, InterfacesAndVersion) {
   EXPECT_EQ(VT_UI4, V_VT(&got[0].vData));
   EXPECT_EQ(0x200u, V_UI4(&got[0].vData));
   CoTaskMemFree(got);
-
   DCINFO set{};
   set.eInfoType = DCINFOTYPE_VERSION;
   V_VT(&set.vData) = VT_UI4;
