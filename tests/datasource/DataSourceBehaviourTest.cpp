@@ -19,14 +19,7 @@ namespace {
 ULONGLONG U64(const FILETIME& ft) { return (static_cast<ULONGLONG>(ft.dwHighDateTime) << 32) | ft.dwLowDateTime; }
 
 FILETIME Utc(WORD y, WORD mo, WORD d, WORD h, WORD mi, WORD s, WORD ms = 0) {
-  SYSTEMTIME st{};
-  st.wYear = y;
-  st.wMonth = mo;
-  st.wDay = d;
-  st.wHour = h;
-  st.wMinute = mi;
-  st.wSecond = s;
-  st.wMilliseconds = ms;
+  const SYSTEMTIME st{y, mo, 0, d, h, mi, s, ms};
   FILETIME ft{};
   SystemTimeToFileTime(&st, &ft);
   return ft;

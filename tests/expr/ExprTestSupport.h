@@ -18,14 +18,7 @@ constexpr ULONG64 kHour = 3600 * kSecond;
 constexpr ULONG64 kDay = 24 * kHour;
 
 inline ULONG64 Utc(int y, int mo, int d, int h = 0, int mi = 0, int s = 0, int ms = 0) {
-  SYSTEMTIME st{};
-  st.wYear = WORD(y);
-  st.wMonth = WORD(mo);
-  st.wDay = WORD(d);
-  st.wHour = WORD(h);
-  st.wMinute = WORD(mi);
-  st.wSecond = WORD(s);
-  st.wMilliseconds = WORD(ms);
+  const SYSTEMTIME st{WORD(y), WORD(mo), 0, WORD(d), WORD(h), WORD(mi), WORD(s), WORD(ms)};
   FILETIME ft{};
   EXPECT_TRUE(SystemTimeToFileTime(&st, &ft));
   return (ULONG64(ft.dwHighDateTime) << 32) | ft.dwLowDateTime;
