@@ -1,0 +1,365 @@
+// Runs arbitrary statements through the whole consumer path, with OLE DB interfaces
+// only: a data source over a reference historian holding the demo plant, Initialize, a
+// session, a command, SetCommandText, Prepare, the command's columns, parameters bound
+// as text when the statement has `?`, Execute, every row fetched through a VARIANT
+// accessor over every column, then everything released and uninitialised.
+//
+// Input bytes are UTF-8 (invalid sequences become U+FFFD through FromUtf8), so the
+// seed statements read as written.
+//
+// Work per input is bounded the way a consumer would bound it: the demo plant holds one
+// day of history ending 2026-01-01 00:00:00 UTC, and the data source's user time range
+// (provider string) is the last hour of it, so a statement without a time condition
+// reads one hour. A statement that names its own range reads at most the day the plant
+// holds, in pages of 200 values (QUERYSETTINGS, set by the harness before each input).
+// Aggregates over a long range are not bounded by any setting (a start time that does
+// not read as a time means 1900-01-01), so the harness reads at most kRowBudget rows
+// and then releases the rowset, as a consumer that has seen enough would; the release
+// must stop the producer. Anything that still runs for seconds is a finding.
+//
+// A fresh data source is made per input, so a QUERYSETTINGS update does not outlive its
+// input; the historian is rebuilt after a statement that may have written to it, so
+// that every input meets the same data.
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string_view>
+#include <vector>
+
+#include "historian/Aggregates.h"
+#include "historian/DemoPlant.h"
+#include "historian/ReferenceHistorian.h"
+#include "platform/AllocCounters.h"
+#include "platform/Platform.h"
+#include "platform/WideString.h"
+#include "provider/CreateCorvaneOleDbProviderImpl.h"
+#include "provider/ErrorReporting.h"
+#include "provider/ICreateCorvaneOleDbProvider.h"
+#include "provider/Trace.h"
+
+namespace {
+
+class DiscardSink : public ITraceSink {
+ public:
+  void Write(const TraceLine& line) override { length_ += line.text.size(); }
+
+ private:
+  size_t length_ = 0;
+};
+
+void Check(bool condition, const char* what) {
+  if (!condition) {
+    fprintf(stderr, "statement fuzzer: %s\n", what);
+    std::abort();
+  }
+}
+
+template <typename T>
+T* Query(IUnknown* object, REFIID iid) {
+  T* p = nullptr;
+  if (!object || FAILED(object->QueryInterface(iid, reinterpret_cast<void**>(&p)))) return nullptr;
+  return p;
+}
+
+template <typename T>
+struct Ref {
+  T* p = nullptr;
+  Ref() = default;
+  explicit Ref(T* q) : p(q) {}
+  ~Ref() { Reset(); }
+  Ref(const Ref&) = delete;
+  Ref& operator=(const Ref&) = delete;
+  void Reset() {
+    if (p) p->Release();
+    p = nullptr;
+  }
+  T* operator->() const { return p; }
+  explicit operator bool() const { return p != nullptr; }
+};
+
+// 2026-01-01 00:00:00 UTC as FILETIME ticks.
+constexpr ULONGLONG kPlantNow = 134116992000000000ull;
+const OLECHAR kProviderString[] =
+    OLESTR("Use Timestamps=true;Timestamp Start=2025-12-31 23:00:00;Timestamp End=2026-01-01 00:00:00");
+
+constexpr DBCOUNTITEM kRowBudget = 1000;
+const OLECHAR kPageSetting[] = OLESTR("UPDATE QUERYSETTINGS SET MAX_ROWS_TO_RETURN = 200");
+
+IUnknown* g_host = nullptr;
+
+void BuildHost() {
+  if (g_host) g_host->Release();
+  g_host = nullptr;
+  auto store = std::make_shared<corvane::historian::CHistorianStore>();
+  corvane::historian::DemoPlantOptions options;
+  options.now = kPlantNow;
+  options.days = 1;
+  Check(SUCCEEDED(corvane::historian::CDemoPlant::Populate(*store, options)), "demo plant");
+  IAggregates* aggregates = nullptr;
+  Check(SUCCEEDED(corvane::historian::CAggregates::CreateInstance(nullptr, IID_IAggregates,
+                                                                   reinterpret_cast<void**>(&aggregates))),
+        "aggregates");
+  Check(SUCCEEDED(corvane::historian::CReferenceHistorian::Create(store, IID_IUnknown,
+                                                                   reinterpret_cast<void**>(&g_host), aggregates)),
+        "historian");
+  aggregates->Release();
+}
+
+bool MayWrite(const corvane::WString& text) {
+  static const char* const kWords[] = {"INSERT", "UPDATE", "DELETE"};
+  for (const char* word : kWords) {
+    const size_t n = strlen(word);
+    for (size_t i = 0; i + n <= text.size(); ++i) {
+      size_t k = 0;
+      while (k < n && (text[i + k] & ~0x20) == word[k]) ++k;
+      if (k == n) return true;
+    }
+  }
+  return false;
+}
+
+HRESULT SetInitProperties(IUnknown* dataSource) {
+  DBPROP props[2] = {};
+  props[0].dwPropertyID = DBPROP_INIT_CATALOG;
+  props[0].vValue.vt = VT_BSTR;
+  props[0].vValue.bstrVal = SysAllocString(OLESTR("Plant"));
+  props[1].dwPropertyID = DBPROP_INIT_PROVIDERSTRING;
+  props[1].vValue.vt = VT_BSTR;
+  props[1].vValue.bstrVal = SysAllocString(kProviderString);
+  DBPROPSET set{props, 2, DBPROPSET_DBINIT};
+  Ref<IDBProperties> properties(Query<IDBProperties>(dataSource, IID_IDBProperties));
+  const HRESULT hr = properties ? properties->SetProperties(1, &set) : E_NOINTERFACE;
+  VariantClear(&props[0].vValue);
+  VariantClear(&props[1].vValue);
+  return hr;
+}
+
+// Column descriptions of a rowset or prepared command; checks what IColumnsInfo promises.
+std::vector<DBORDINAL> DescribeColumns(IUnknown* object, bool mustWork) {
+  std::vector<DBORDINAL> ordinals;
+  Ref<IColumnsInfo> info(Query<IColumnsInfo>(object, IID_IColumnsInfo));
+  Check(info.p != nullptr, "IColumnsInfo");
+  DBORDINAL count = 0;
+  DBCOLUMNINFO* columns = nullptr;
+  OLECHAR* names = nullptr;
+  const HRESULT hr = info->GetColumnInfo(&count, &columns, &names);
+  if (FAILED(hr)) {
+    Check(!mustWork, "a rowset describes its columns");
+    Check(count == 0 && columns == nullptr && names == nullptr, "a failed GetColumnInfo hands nothing out");
+    return ordinals;
+  }
+  for (DBORDINAL i = 0; i < count; ++i) {
+    if (columns[i].pwszName) Check(corvane::WStringView(columns[i].pwszName).size() < 1u << 20, "column name");
+    if (columns[i].iOrdinal != 0) ordinals.push_back(columns[i].iOrdinal);
+  }
+  CoTaskMemFree(columns);
+  CoTaskMemFree(names);
+  return ordinals;
+}
+
+// Gives every `?` of the prepared statement a text value: the values cycle through a
+// tag name, a time and a number, so that tag, time and count positions all see one.
+struct Parameters {
+  std::vector<DBBINDING> bindings;
+  std::vector<unsigned char> data;
+  HACCESSOR handle = DB_NULL_HACCESSOR;
+  Ref<IAccessor> accessor;
+
+  HRESULT Bind(IUnknown* command) {
+    Ref<ICommandWithParameters> with(Query<ICommandWithParameters>(command, IID_ICommandWithParameters));
+    if (!with) return S_OK;
+    DB_UPARAMS count = 0;
+    DBPARAMINFO* infos = nullptr;
+    OLECHAR* names = nullptr;
+    if (FAILED(with->GetParameterInfo(&count, &infos, &names))) count = 0;
+    CoTaskMemFree(infos);
+    CoTaskMemFree(names);
+    corvane::ClearErrorRecords();
+    if (count == 0) return S_OK;
+    if (count > 64) count = 64;
+    static const OLECHAR* const kValues[] = {OLESTR("Pump1.Flow"), OLESTR("2025-12-31 23:50:00"), OLESTR("5")};
+    constexpr size_t kSlot = 16 + 64 * sizeof(OLECHAR);
+    data.assign(count * kSlot, 0);
+    std::vector<DB_UPARAMS> ordinals;
+    std::vector<DBPARAMBINDINFO> bindInfo;
+    for (DB_UPARAMS i = 0; i < count; ++i) {
+      const corvane::WStringView value(kValues[i % 3]);
+      DBBINDING b{};
+      b.iOrdinal = i + 1;
+      b.obStatus = i * kSlot;
+      b.obLength = i * kSlot + 8;
+      b.obValue = i * kSlot + 16;
+      b.cbMaxLen = 64 * sizeof(OLECHAR);
+      b.dwPart = DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS;
+      b.dwMemOwner = DBMEMOWNER_CLIENTOWNED;
+      b.eParamIO = DBPARAMIO_INPUT;
+      b.wType = DBTYPE_WSTR;
+      bindings.push_back(b);
+      const DBSTATUS ok = DBSTATUS_S_OK;
+      const DBLENGTH length = value.size() * sizeof(OLECHAR);
+      memcpy(&data[b.obStatus], &ok, sizeof ok);
+      memcpy(&data[b.obLength], &length, sizeof length);
+      memcpy(&data[b.obValue], value.data(), length);
+      DBPARAMBINDINFO info{};
+      info.pwszDataSourceType = const_cast<LPOLESTR>(OLESTR("DBTYPE_WSTR"));
+      info.ulParamSize = 64;
+      info.dwFlags = DBPARAMFLAGS_ISINPUT;
+      bindInfo.push_back(info);
+      ordinals.push_back(i + 1);
+    }
+    HRESULT hr = with->SetParameterInfo(count, ordinals.data(), bindInfo.data());
+    if (FAILED(hr)) return hr;
+    accessor.p = Query<IAccessor>(command, IID_IAccessor);
+    Check(accessor.p != nullptr, "command IAccessor");
+    return accessor->CreateAccessor(DBACCESSOR_PARAMETERDATA, bindings.size(), bindings.data(), kSlot, &handle,
+                                    nullptr);
+  }
+  ~Parameters() {
+    if (accessor && handle != DB_NULL_HACCESSOR) accessor->ReleaseAccessor(handle, nullptr);
+  }
+};
+
+void ReadAll(IUnknown* rowset) {
+  Ref<IRowset> fetch(Query<IRowset>(rowset, IID_IRowset));
+  Ref<IAccessor> accessor(Query<IAccessor>(rowset, IID_IAccessor));
+  Check(fetch.p && accessor.p, "rowset interfaces");
+  // Described once before any row, as most consumers do, and again after the first
+  // batch, when a procedure's worker has started.
+  DescribeColumns(rowset, true);
+  constexpr DBROWCOUNT kBatch = 64;
+  DBCOUNTITEM obtained = 0;
+  HROW* rows = nullptr;
+  HRESULT hr = fetch->GetNextRows(DB_NULL_HCHAPTER, 0, kBatch, &obtained, &rows);
+  const std::vector<DBORDINAL> ordinals = DescribeColumns(rowset, true);
+  struct Slot {
+    DBSTATUS status;
+    DBLENGTH length;
+    VARIANT value;
+  };
+  std::vector<DBBINDING> bindings;
+  for (size_t i = 0; i < ordinals.size(); ++i) {
+    DBBINDING b{};
+    b.iOrdinal = ordinals[i];
+    b.obStatus = i * sizeof(Slot) + offsetof(Slot, status);
+    b.obLength = i * sizeof(Slot) + offsetof(Slot, length);
+    b.obValue = i * sizeof(Slot) + offsetof(Slot, value);
+    b.cbMaxLen = sizeof(VARIANT);
+    b.dwPart = DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS;
+    b.dwMemOwner = DBMEMOWNER_CLIENTOWNED;
+    b.eParamIO = DBPARAMIO_NOTPARAM;
+    b.wType = DBTYPE_VARIANT;
+    bindings.push_back(b);
+  }
+  HACCESSOR handle = DB_NULL_HACCESSOR;
+  if (!bindings.empty()) {
+    const HRESULT made = accessor->CreateAccessor(DBACCESSOR_ROWDATA, bindings.size(), bindings.data(),
+                                                  bindings.size() * sizeof(Slot), &handle, nullptr);
+    Check(SUCCEEDED(made), "a VARIANT accessor over the described columns");
+  }
+  std::vector<Slot> row(bindings.size());
+  DBCOUNTITEM fetched = 0;
+  for (;;) {
+    if (FAILED(hr)) {
+      Check(obtained == 0 && rows == nullptr, "a failed fetch hands no rows out");
+      break;
+    }
+    for (DBCOUNTITEM r = 0; r < obtained; ++r) {
+      if (bindings.empty()) break;
+      memset(static_cast<void*>(row.data()), 0, row.size() * sizeof(Slot));
+      const HRESULT got = fetch->GetData(rows[r], handle, row.data());
+      Check(got == S_OK || got == DB_S_ERRORSOCCURRED || got == DB_E_ERRORSOCCURRED, "GetData result");
+      for (Slot& s : row) {
+        if (s.status == DBSTATUS_S_OK) {
+          if (V_VT(&s.value) == VT_BSTR && s.value.bstrVal) (void)SysStringLen(s.value.bstrVal);
+          VariantClear(&s.value);
+        }
+      }
+    }
+    if (obtained) Check(SUCCEEDED(fetch->ReleaseRows(obtained, rows, nullptr, nullptr, nullptr)), "ReleaseRows");
+    CoTaskMemFree(rows);
+    rows = nullptr;
+    fetched += obtained;
+    if (hr != S_OK || obtained == 0 || fetched >= kRowBudget) break;
+    obtained = 0;
+    hr = fetch->GetNextRows(DB_NULL_HCHAPTER, 0, kBatch, &obtained, &rows);
+  }
+  if (handle != DB_NULL_HACCESSOR) accessor->ReleaseAccessor(handle, nullptr);
+}
+
+void RunStatement(IUnknown* dataSource, const corvane::WString& text) {
+  Ref<IDBCreateSession> createSession(Query<IDBCreateSession>(dataSource, IID_IDBCreateSession));
+  Ref<IDBCreateCommand> session;
+  Check(createSession && SUCCEEDED(createSession->CreateSession(nullptr, IID_IDBCreateCommand,
+                                                                reinterpret_cast<IUnknown**>(&session.p))),
+        "session");
+  Ref<ICommandText> command;
+  Check(SUCCEEDED(session->CreateCommand(nullptr, IID_ICommandText, reinterpret_cast<IUnknown**>(&command.p))),
+        "command");
+  // Smaller historian pages and aggregate chunks than the default 2000, so that the
+  // unit of work a worker does before the consumer sees rows stays small.
+  Check(SUCCEEDED(command->SetCommandText(DBGUID_DEFAULT, kPageSetting)) &&
+            SUCCEEDED(command->Execute(nullptr, IID_NULL, nullptr, nullptr, nullptr)),
+        "page setting");
+  if (FAILED(command->SetCommandText(DBGUID_DEFAULT, text.c_str()))) return;
+  Ref<ICommandPrepare> prepare(Query<ICommandPrepare>(command.p, IID_ICommandPrepare));
+  if (FAILED(prepare->Prepare(1))) return;
+  DescribeColumns(command.p, false);
+  Parameters parameters;
+  if (FAILED(parameters.Bind(command.p))) return;
+  DBPARAMS params{parameters.data.data(), 1, parameters.handle};
+  IUnknown* rowset = nullptr;
+  DBROWCOUNT affected = 0;
+  const HRESULT hr = command->Execute(nullptr, IID_IRowset, parameters.bindings.empty() ? nullptr : &params,
+                                      &affected, &rowset);
+  if (FAILED(hr)) {
+    Check(rowset == nullptr, "a failed Execute hands no rowset out");
+    return;
+  }
+  if (rowset) {
+    ReadAll(rowset);
+    rowset->Release();
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  corvane::SetTraceSink(std::make_shared<DiscardSink>());
+  // Every message from information up is formatted; the per-cell detail lines would
+  // only slow each input down.
+  corvane::SetTraceThreshold(TRACE_INFO);
+  corvane::platform::StartAllocCounting();
+  BuildHost();
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  const corvane::WString text = corvane::FromUtf8(std::string_view(reinterpret_cast<const char*>(data), size));
+  const corvane::platform::AllocCounts before = corvane::platform::CurrentAllocCounts();
+  {
+    ICreateCorvaneOleDbProvider* creator = nullptr;
+    Check(SUCCEEDED(CCreateCorvaneOleDbProviderImpl::CreateInstance(nullptr, IID_ICreateCorvaneOleDbProvider,
+                                                                    reinterpret_cast<void**>(&creator))),
+          "creator");
+    Ref<IUnknown> dataSource;
+    const HRESULT created = creator->Create(g_host, &dataSource.p);
+    creator->Release();
+    Check(SUCCEEDED(created), "data source");
+    Check(SUCCEEDED(SetInitProperties(dataSource.p)), "init properties");
+    Ref<IDBInitialize> init(Query<IDBInitialize>(dataSource.p, IID_IDBInitialize));
+    Check(init && SUCCEEDED(init->Initialize()), "Initialize");
+    RunStatement(dataSource.p, text);
+    Check(init->Uninitialize() == S_OK, "Uninitialize after every object was released");
+    init.Reset();
+    Check(dataSource.p->Release() == 0, "the consumer holds the last data source reference");
+    dataSource.p = nullptr;
+  }
+  corvane::ClearErrorRecords();
+  const corvane::platform::AllocCounts after = corvane::platform::CurrentAllocCounts();
+  Check(after.comBlocks == before.comBlocks, "every CoTaskMem block is freed");
+  Check(after.bstrs == before.bstrs, "every BSTR is freed");
+  if (MayWrite(text)) BuildHost();
+  return 0;
+}

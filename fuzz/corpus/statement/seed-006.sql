@@ -1,0 +1,1 @@
+EXEC GET_MOST_RECENT_VALUE 'Tank1.Level'

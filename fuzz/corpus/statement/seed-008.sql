@@ -1,0 +1,1 @@
+CALL SP_RAWDATA('2025-12-31 23:55:00', '2026-01-01 00:00:00', 'Pump1.Flow;Pump1.Running')

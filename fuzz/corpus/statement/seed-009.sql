@@ -1,0 +1,1 @@
+EXEC HDA_ANALOG '2025-12-31 00:00:00', '2026-01-01 00:00:00', 900000, 'Reactor1.Temperature'

@@ -1,0 +1,1 @@
+SELECT * FROM RAWDATA_SINGLE WHERE TAGNAME = 'Compressor.Vibration'

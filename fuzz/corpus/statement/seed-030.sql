@@ -1,0 +1,1 @@
+SELECT Timestamp, MIN_Value FROM HDA_ANALOG('2025-12-31 22:00:00', '2026-01-01 00:00:00', 600000, 'Boiler.SteamFlow')

@@ -1,0 +1,1 @@
+EXEC HDA_ANALOG_5 '2025-12-31 23:00:00', '2026-01-01 00:00:00', 300000, 'Reactor1.Temperature', 'Reactor1.Pressure', 'Pump1.Flow', 'Boiler.SteamFlow', 'Ambient.Temperature'

@@ -1,0 +1,1 @@
+EXEC HDA_REDUCED_ANALOG '2025-12-31 20:00:00', '2026-01-01', 1800000, 'Compressor.Vibration'

@@ -1,0 +1,1 @@
+EXEC HDA_REDUCED_ANALOG_5 '2025-12-31 23:00:00', '2026-01-01', 600000, 'Tank1.Level', 'Reactor1.Level', 'Compressor.Rpm', 'Pump1.Speed', 'Lab.Density'

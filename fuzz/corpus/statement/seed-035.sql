@@ -1,0 +1,1 @@
+EXEC HDA_BOOL_5 '2025-12-31 12:00:00', '2026-01-01', 3600000, 'Pump1.Running', 'Tank1.HighAlarm', 'Reactor1.AgitatorOn', 'Pump1.Running', 'Tank1.HighAlarm'

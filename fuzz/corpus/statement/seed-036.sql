@@ -1,0 +1,1 @@
+EXEC HDA_QUALITY_5 '2025-12-31 23:00:00', '2026-01-01', 900000, 'Pump1.Flow', 'Ambient.Temperature', 'Compressor.Rpm', 'Lab.Density', 'Tank1.Level'

@@ -1,0 +1,1 @@
+EXEC GET_BAD_VALUES '2025-12-31 00:00:00', '2026-01-01', 10, 'Ambient.Temperature'
