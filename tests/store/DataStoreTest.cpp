@@ -204,13 +204,7 @@ TEST(DataStoreTimeText, DatesDropMillisecondsAndTextIsZeroPadded) {
   ASSERT_EQ(VT_DATE, V_VT(&withMs));
   EXPECT_EQ(V_DATE(&withoutMs), V_DATE(&withMs));
   EXPECT_DOUBLE_EQ(45292.0, V_DATE(&withMs));
-  SYSTEMTIME st{};
-  st.wYear = 987;
-  st.wMonth = 3;
-  st.wDay = 4;
-  st.wHour = 5;
-  st.wMinute = 6;
-  st.wSecond = 7;
+  const SYSTEMTIME st{987, 3, 0, 4, 5, 6, 7, 0};
   EXPECT_EQ(WString(OLESTR("0987-03-04 05:06:07")), CDataStore::SystemTimeToText(st));
 }
 
