@@ -42,45 +42,24 @@ const CSPHdaBase::Messages kQuality5 = HDA_FIVE_TAG_MESSAGES("HDA_QUALITY_5", "H
 
 }  // namespace
 
-CSPHdaAnalog::CSPHdaAnalog(const CSQLQueryInfo* query, const CSQLSelectItemSP* item, const SQLBindContext& context,
-    IProviderDataSource* dataSource, WString catalog, WString schema)
-    : CSPHdaBase("SPHdaAnalog.cpp", HdaKind::Analog, false, kAnalog, query, item, context, dataSource,
-                 std::move(catalog), std::move(schema)) {}
+// The procedures differ only in their trace file, aggregate family, tag count and
+// messages.
+#define HDA_PROCEDURE(Class, Kind, FiveTags, Messages)                                                   \
+  C##Class::C##Class(const CSQLQueryInfo* query, const CSQLSelectItemSP* item, const SQLBindContext& context, \
+                     IProviderDataSource* dataSource, WString catalog, WString schema)                   \
+      : CSPHdaBase(#Class ".cpp", HdaKind::Kind, FiveTags, Messages, query, item, context, dataSource,    \
+                   std::move(catalog), std::move(schema)) {}
 
-CSPHdaAnalog5::CSPHdaAnalog5(const CSQLQueryInfo* query, const CSQLSelectItemSP* item, const SQLBindContext& context,
-    IProviderDataSource* dataSource, WString catalog, WString schema)
-    : CSPHdaBase("SPHdaAnalog5.cpp", HdaKind::Analog, true, kAnalog5, query, item, context, dataSource,
-                 std::move(catalog), std::move(schema)) {}
+HDA_PROCEDURE(SPHdaAnalog, Analog, false, kAnalog)
+HDA_PROCEDURE(SPHdaAnalog5, Analog, true, kAnalog5)
+HDA_PROCEDURE(SPHdaReducedAnalog, ReducedAnalog, false, kReducedAnalog)
+HDA_PROCEDURE(SPHdaReducedAnalog5, ReducedAnalog, true, kReducedAnalog5)
+HDA_PROCEDURE(SPHdaBool, Bool, false, kBool)
+HDA_PROCEDURE(SPHdaBool5, Bool, true, kBool5)
+HDA_PROCEDURE(SPHdaQuality, Quality, false, kQuality)
+HDA_PROCEDURE(SPHdaQuality5, Quality, true, kQuality5)
 
-CSPHdaReducedAnalog::CSPHdaReducedAnalog(const CSQLQueryInfo* query, const CSQLSelectItemSP* item, const SQLBindContext& context,
-    IProviderDataSource* dataSource, WString catalog, WString schema)
-    : CSPHdaBase("SPHdaReducedAnalog.cpp", HdaKind::ReducedAnalog, false, kReducedAnalog, query, item, context, dataSource,
-                 std::move(catalog), std::move(schema)) {}
-
-CSPHdaReducedAnalog5::CSPHdaReducedAnalog5(const CSQLQueryInfo* query, const CSQLSelectItemSP* item, const SQLBindContext& context,
-    IProviderDataSource* dataSource, WString catalog, WString schema)
-    : CSPHdaBase("SPHdaReducedAnalog5.cpp", HdaKind::ReducedAnalog, true, kReducedAnalog5, query, item, context, dataSource,
-                 std::move(catalog), std::move(schema)) {}
-
-CSPHdaBool::CSPHdaBool(const CSQLQueryInfo* query, const CSQLSelectItemSP* item, const SQLBindContext& context,
-    IProviderDataSource* dataSource, WString catalog, WString schema)
-    : CSPHdaBase("SPHdaBool.cpp", HdaKind::Bool, false, kBool, query, item, context, dataSource,
-                 std::move(catalog), std::move(schema)) {}
-
-CSPHdaBool5::CSPHdaBool5(const CSQLQueryInfo* query, const CSQLSelectItemSP* item, const SQLBindContext& context,
-    IProviderDataSource* dataSource, WString catalog, WString schema)
-    : CSPHdaBase("SPHdaBool5.cpp", HdaKind::Bool, true, kBool5, query, item, context, dataSource,
-                 std::move(catalog), std::move(schema)) {}
-
-CSPHdaQuality::CSPHdaQuality(const CSQLQueryInfo* query, const CSQLSelectItemSP* item, const SQLBindContext& context,
-    IProviderDataSource* dataSource, WString catalog, WString schema)
-    : CSPHdaBase("SPHdaQuality.cpp", HdaKind::Quality, false, kQuality, query, item, context, dataSource,
-                 std::move(catalog), std::move(schema)) {}
-
-CSPHdaQuality5::CSPHdaQuality5(const CSQLQueryInfo* query, const CSQLSelectItemSP* item, const SQLBindContext& context,
-    IProviderDataSource* dataSource, WString catalog, WString schema)
-    : CSPHdaBase("SPHdaQuality5.cpp", HdaKind::Quality, true, kQuality5, query, item, context, dataSource,
-                 std::move(catalog), std::move(schema)) {}
+#undef HDA_PROCEDURE
 
 CSPHdaBase::CSPHdaBase(const char* traceSource, HdaKind kind, bool fiveTags, const Messages& messages,
                        const CSQLQueryInfo* query, const CSQLSelectItemSP* item, const SQLBindContext& context,
