@@ -1,8 +1,11 @@
 #include "provider/ProviderIRowset.h"
 
+#include "provider/ErrorReporting.h"
+
 #include <cstring>
 #include <new>
 
+#include "provider/ErrorReporting.h"
 #include "provider/Module.h"
 #include "provider/Trace.h"
 #include "provider/store/DataConvert.h"
@@ -140,6 +143,8 @@ HRESULT STDMETHODCALLTYPE CProviderIRowset::QueryInterface(REFIID riid, void** p
     *ppv = static_cast<IConvertType*>(this);
   } else if (IsEqualIID(riid, IID_IRowsetIdentity)) {
     *ppv = static_cast<IRowsetIdentity*>(this);
+  } else if (IsEqualIID(riid, IID_ISupportErrorInfo)) {
+    *ppv = static_cast<ISupportErrorInfo*>(this);
   } else {
     return QueryOtherInterface(riid, ppv);
   }
@@ -167,8 +172,20 @@ HRESULT STDMETHODCALLTYPE CProviderIRowset::GetNextRows(HCHAPTER /*hReserved*/, 
   if (!pcRowsObtained || !prghRows) return E_INVALIDARG;
   *pcRowsObtained = 0;
   if (cRows == 0) return S_OK;
+  corvane::ClearErrorRecords();
   CriticalSectionLock lock(m_Lock);
-  return GetNextRowsLocked(lRowsOffset, cRows, pcRowsObtained, prghRows);
+  const HRESULT hr = GetNextRowsLocked(lRowsOffset, cRows, pcRowsObtained, prghRows);
+  // A historian failure in the middle of a read surfaces here, long after Execute
+  // returned: the consumer needs the record to tell it from a bad argument.
+  if (FAILED(hr))
+    corvane::PostFailure(IID_IRowset, hr,
+                         m_Kind == RowsetKind::Command ? OLESTR("CCommandProviderRowset class")
+                                                       : OLESTR("CTableProviderRowset class"));
+  return hr;
+}
+
+HRESULT STDMETHODCALLTYPE CProviderIRowset::InterfaceSupportsErrorInfo(REFIID riid) {
+  return IsEqualIID(riid, IID_IRowset) ? S_OK : S_FALSE;
 }
 
 HRESULT CProviderIRowset::GetNextRowsLocked(DBROWOFFSET lRowsOffset, DBROWCOUNT cRows, DBCOUNTITEM* pcRowsObtained,

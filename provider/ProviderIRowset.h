@@ -17,7 +17,8 @@ class CProviderIRowset : public IRowset,
                          public IColumnsInfo,
                          public IRowsetInfo,
                          public IConvertType,
-                         public IRowsetIdentity {
+                         public IRowsetIdentity,
+                         public ISupportErrorInfo {
  public:
   // Which property table the rowset answers with.
   enum class RowsetKind { Command, Table };
@@ -74,6 +75,9 @@ class CProviderIRowset : public IRowset,
 
   // IRowsetIdentity
   HRESULT STDMETHODCALLTYPE IsSameRow(HROW hThisRow, HROW hThatRow) override;
+
+  // ISupportErrorInfo: a failed fetch leaves an error record for the consumer.
+  HRESULT STDMETHODCALLTYPE InterfaceSupportsErrorInfo(REFIID riid) override;
 
   // For the creator: sets a writable rowset property before the rowset is handed out.
   // DB_E_NOTSUPPORTED for a property this kind of rowset does not offer,

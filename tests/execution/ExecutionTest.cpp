@@ -132,6 +132,22 @@ TEST_F(Paging, FailureMidStreamGivesEarlierRowsThenTheFailureAndReleasesThePoint
   EXPECT_EQ(E_UNEXPECTED, end);
   EXPECT_TRUE(trace.Contains("[TABLE] RAWDATA -> Failed to read the history data (8000FFFF)."));
   EXPECT_EQ(0u, host_->OutstandingContinuationPoints());
+  // The failure reaches the consumer as an error record of the rowset, not only as a code.
+  ISupportErrorInfo* support = nullptr;
+  ASSERT_EQ(S_OK, rowset->QueryInterface(IID_ISupportErrorInfo, reinterpret_cast<void**>(&support)));
+  EXPECT_EQ(S_OK, support->InterfaceSupportsErrorInfo(IID_IRowset));
+  support->Release();
+#ifdef _WIN32  // Wine's error object keeps no texts
+  IErrorInfo* error = nullptr;
+  ASSERT_EQ(S_OK, GetErrorInfo(0, &error));
+  error->Release();
+#else
+  const auto records = corvane::platform::TakeErrorRecords();
+  ASSERT_EQ(1u, records.size());
+  EXPECT_EQ(E_UNEXPECTED, records[0].info.hrError);
+  EXPECT_EQ(u"CCommandProviderRowset class", records[0].source);
+  EXPECT_NE(std::u16string::npos, records[0].description.find(u"HRESULT = 8000FFFF"));
+#endif
   rowset->Release();
 }
 
