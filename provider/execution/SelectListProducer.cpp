@@ -61,6 +61,9 @@ HRESULT ConstFromCell(const StoreValue* cell, std::unique_ptr<CSQLCalcItem>* out
   } else if (cell && cell->Kind == StoreValue::kVariant) {
     HRESULT hr = c->SetValue(cell->Value);
     if (FAILED(hr)) return hr;
+  } else if (cell && cell->Kind == StoreValue::kText) {
+    HRESULT hr = c->SetString(cell->Text ? corvane::WStringView(cell->Text, cell->TextLength) : corvane::WStringView());
+    if (FAILED(hr)) return hr;
   } else {
     VARIANT null;
     VariantInit(&null);
@@ -324,6 +327,8 @@ CSelectListProducer::CSelectListProducer(std::unique_ptr<CDataProvider> source, 
 }
 
 CSelectListProducer::~CSelectListProducer() {
+  // As the store does with its producer: no step may run while the source is torn down.
+  if (m_pSource) m_pSource->StopWorker();
   m_pSource.reset();
   for (VARIANT& v : m_Parameters) VariantClear(&v);
 }
@@ -379,7 +384,7 @@ HRESULT CSelectListProducer::FetchRows(ProducedRecordList& rows, size_t wanted) 
       rows.push_back(std::move(out));
       ++m_Emitted;
     }
-    m_Incoming.clear();
+    m_pSource->RecycleRecords(m_Incoming);
     if (hr == DB_S_ENDOFROWSET) {
       m_bDone = true;
       return DB_S_ENDOFROWSET;
