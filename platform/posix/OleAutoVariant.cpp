@@ -3,6 +3,8 @@
 // owns nothing, its pointer belongs to the caller.
 #include "platform/posix/OleAutoInternal.h"
 
+#include <cstdint>
+
 namespace corvane::platform::detail {
 
 HRESULT ValidateVarType(VARTYPE vt) {
@@ -37,6 +39,17 @@ void VariantInit(VARIANTARG* pvarg) {
 
 HRESULT VariantClear(VARIANTARG* pvarg) {
   if (!pvarg) return E_INVALIDARG;
+  // Most values hold nothing to free; every row of a read clears several of them, so
+  // these skip the full type check (which they pass anyway).
+  constexpr uint32_t kOwnsNothing = (1u << VT_EMPTY) | (1u << VT_NULL) | (1u << VT_I2) | (1u << VT_I4) |
+                                    (1u << VT_R4) | (1u << VT_R8) | (1u << VT_CY) | (1u << VT_DATE) |
+                                    (1u << VT_ERROR) | (1u << VT_BOOL) | (1u << VT_DECIMAL) | (1u << VT_I1) |
+                                    (1u << VT_UI1) | (1u << VT_UI2) | (1u << VT_UI4) | (1u << VT_I8) |
+                                    (1u << VT_UI8) | (1u << VT_INT) | (1u << VT_UINT);
+  if (pvarg->vt < 32 && (kOwnsNothing >> pvarg->vt) & 1u) {
+    pvarg->vt = VT_EMPTY;
+    return S_OK;
+  }
   HRESULT hr = ValidateVarType(pvarg->vt);
   if (FAILED(hr)) return hr;
   if (!(pvarg->vt & VT_BYREF)) {

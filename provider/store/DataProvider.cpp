@@ -246,6 +246,28 @@ void CDataProvider::AppendRecords(ProducedRecordList&& records) {
   m_RowsEvent.Set();
 }
 
+void CDataProvider::RecycleRecords(ProducedRecordList& used) {
+  if (!m_bReuseRecords) {
+    used.clear();
+    return;
+  }
+  // Values are dropped on the caller's thread, outside the lock the worker needs.
+  for (ProducedRecord& record : used)
+    for (StoreValue& value : record) value.Reset();
+  {
+    CriticalSectionLock lock(m_StateLock);
+    if (m_Spare.empty()) m_Spare.swap(used);
+  }
+  used.clear();
+}
+
+ProducedRecordList CDataProvider::TakeSpareRecords() {
+  ProducedRecordList spare;
+  CriticalSectionLock lock(m_StateLock);
+  spare.swap(m_Spare);
+  return spare;
+}
+
 size_t CDataProvider::QueuedRecordCount() {
   CriticalSectionLock lock(m_StateLock);
   return m_Produced.size();

@@ -45,6 +45,12 @@ class CDataProvider {
   // The fields of every produced record, in record order.
   virtual HRESULT GetColumns(std::vector<ColumnRecord>& columns) = 0;
 
+  // The store hands back the records it has written. Their values are dropped here;
+  // the emptied records are kept for a producer that reuses them (see
+  // EnableRecordReuse), so that a long read does not allocate and free every row on two
+  // different threads.
+  void RecycleRecords(ProducedRecordList& used);
+
   HRESULT StartWorker();
   void SignalWorker();
   void StopWorker();
@@ -62,6 +68,12 @@ class CDataProvider {
   void AppendRecord(ProducedRecord&& record);
   void AppendRecords(ProducedRecordList&& records);
   size_t QueuedRecordCount();
+
+  // Keep recycled records for TakeSpareRecords (off by default: a producer that never
+  // takes them would only hold memory).
+  void EnableRecordReuse() { m_bReuseRecords = true; }
+  // Emptied records of earlier batches (values kNone, storage kept), or none.
+  ProducedRecordList TakeSpareRecords();
 
   // Work records of `pendingItemSize` bytes, first in first out.
   void PushPendingItem(const void* item);
@@ -90,6 +102,8 @@ class CDataProvider {
   std::deque<std::vector<BYTE>> m_PendingItems;
   HRESULT m_hrLastResult = S_OK;
   ProducedRecordList m_Produced;
+  ProducedRecordList m_Spare;  // one batch of emptied records, for reuse
+  bool m_bReuseRecords = false;
 
   corvane::platform::CriticalSection m_TimeLock;
   uint64_t m_ElapsedTime = 0;

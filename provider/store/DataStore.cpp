@@ -207,7 +207,10 @@ bool CDataStore::CopyVerbatim(DBTYPE colType, DBTYPE bindType, const BYTE* sourc
 CDataStore::CDataStore() = default;
 
 CDataStore::~CDataStore() {
-  // The producer's worker goes first, so nothing is produced for a store that is going.
+  // The producer's worker goes first, so nothing is produced for a store that is going;
+  // it must stop before the producer's destructors start, or it could still call into a
+  // half-destroyed object.
+  if (m_pProducer) m_pProducer->StopWorker();
   m_pProducer.reset();
   Clear();
   const uint64_t ms = m_Stopwatch.TotalNanoseconds() / 1000000;
@@ -449,6 +452,17 @@ CDataStore::CellWrite CDataStore::WriteCell(const StoreValue& value, const DataS
     return CellWrite::Written;
   };
   const VARIANT& v = value.Value;
+  // The text of a BSTR or of lent text; false for any other value.
+  const OLECHAR* text = nullptr;
+  size_t len = 0;
+  const bool isText = value.Kind == StoreValue::kText || (isVariant && vt == VT_BSTR);
+  if (value.Kind == StoreValue::kText) {
+    text = value.Text;
+    len = text ? value.TextLength : 0;
+  } else if (isText) {
+    text = V_BSTR(&v);
+    len = text ? SysStringLen(V_BSTR(&v)) : 0;
+  }
 
   switch (rColInfo.wType) {
     case DBTYPE_I2: return scalar(VT_I2, &V_I2(&v), 2);
@@ -465,13 +479,17 @@ CDataStore::CellWrite CDataStore::WriteCell(const StoreValue& value, const DataS
     case DBTYPE_UI8: return scalar(VT_UI8, &V_UI8(&v), 8);
 
     case DBTYPE_VARIANT: {
-      if (!isVariant) return CellWrite::Refused;
+      if (!isVariant && value.Kind != StoreValue::kText) return CellWrite::Refused;
       if (!CellFits(rColInfo, sizeof(VARIANT), size)) {
         setStatus(kStatusNull);
         return CellWrite::Written;
       }
       VARIANT copy;
-      if (CRefCountedDataStoreRow::OwnsNothing(vt)) {
+      if (!isVariant) {
+        V_VT(&copy) = VT_BSTR;
+        V_BSTR(&copy) = SysAllocStringLen(text, static_cast<UINT>(len));
+        if (!V_BSTR(&copy)) return CellWrite::Failed;
+      } else if (CRefCountedDataStoreRow::OwnsNothing(vt)) {
         // What VariantCopy does with a value that owns nothing.
         std::memcpy(&copy, &v, sizeof copy);
       } else {
@@ -492,14 +510,12 @@ CDataStore::CellWrite CDataStore::WriteCell(const StoreValue& value, const DataS
 
     case DBTYPE_WSTR:
     case DBTYPE_BSTR: {
-      if (!isVariant || vt != VT_BSTR) return CellWrite::Refused;
+      if (!isText) return CellWrite::Refused;
       const ULONGLONG n = rColInfo.ulColumnSize;
       if (n > (size / 2) || !CellFits(rColInfo, 2 * n + 2, size)) {
         setStatus(kStatusNull);
         return CellWrite::Written;
       }
-      const OLECHAR* text = V_BSTR(&v);
-      const size_t len = text ? SysStringLen(V_BSTR(&v)) : 0;
       const size_t copied = len <= n ? len : static_cast<size_t>(n);
       if (copied) std::memcpy(cell, text, copied * sizeof(OLECHAR));
       std::memset(cell + copied * sizeof(OLECHAR), 0, sizeof(OLECHAR));
@@ -508,14 +524,13 @@ CDataStore::CellWrite CDataStore::WriteCell(const StoreValue& value, const DataS
     }
 
     case DBTYPE_STR: {
-      if (!isVariant || vt != VT_BSTR) return CellWrite::Refused;
+      if (!isText) return CellWrite::Refused;
       const ULONGLONG n = rColInfo.ulColumnSize;
       if (n >= size || !CellFits(rColInfo, n + 1, size)) {
         setStatus(kStatusNull);
         return CellWrite::Written;
       }
-      const OLECHAR* text = V_BSTR(&v);
-      const std::string ansi = ToAnsi(text, text ? SysStringLen(V_BSTR(&v)) : 0);
+      const std::string ansi = ToAnsi(text, len);
       const size_t copied = ansi.size() <= n ? ansi.size() : static_cast<size_t>(n);
       if (copied) std::memcpy(cell, ansi.data(), copied);
       cell[copied] = 0;
@@ -525,13 +540,11 @@ CDataStore::CellWrite CDataStore::WriteCell(const StoreValue& value, const DataS
 
     case kWStrRef:
     case kStrRef: {
-      if (!isVariant || vt != VT_BSTR) return CellWrite::Refused;
+      if (!isText) return CellWrite::Refused;
       if (!CellFits(rColInfo, sizeof(void*), size)) {
         setStatus(kStatusNull);
         return CellWrite::Written;
       }
-      const OLECHAR* text = V_BSTR(&v);
-      const size_t len = text ? SysStringLen(V_BSTR(&v)) : 0;
       void* copy;
       if (rColInfo.wType == kWStrRef) {
         copy = CoTaskMemAlloc((len + 1) * sizeof(OLECHAR));
@@ -661,7 +674,7 @@ HRESULT CDataStore::PullFromProducer(ULONGLONG wanted) {
       if (FAILED(result)) break;
     }
   }
-  m_Incoming.clear();
+  m_pProducer->RecycleRecords(m_Incoming);
   return result;
 }
 
@@ -775,10 +788,6 @@ HRESULT CDataStore::GetData(const DBBINDING* bindings, DBCOUNTITEM count, CRefCo
       continue;
     }
 
-    IDataConvert* convert = nullptr;
-    const HRESULT hrConvert = Converter(&convert);
-    if (FAILED(hrConvert)) return finish(hrConvert);
-
     CVTRACE(TRACE_DETAIL, OLESTR("CDataStore::GetData -> ordinal = %d, pColCur->wType = %d, pBindCur->wType = %d"),
             static_cast<int>(b.iOrdinal), static_cast<int>(col.wType), static_cast<int>(b.wType));
     CVTRACE(TRACE_DETAIL, OLESTR("CDataStore::GetData -> cbCol = %d, cbDst = %d"), static_cast<int>(cbCol),
@@ -805,6 +814,10 @@ HRESULT CDataStore::GetData(const DBBINDING* bindings, DBCOUNTITEM count, CRefCo
         continue;
       }
     }
+
+    IDataConvert* convert = nullptr;
+    const HRESULT hrConvert = Converter(&convert);
+    if (FAILED(hrConvert)) return finish(hrConvert);
 
     // The conversion service reads aligned values; the cells are not aligned.
     alignas(8) BYTE fixed[sizeof(VARIANT)];

@@ -18,21 +18,28 @@ struct ColumnRecord {
   DWORD dwFlags = 0;
 };
 
-// One cell's value: nothing, a VARIANT, or a UTC timestamp. Owns its VARIANT.
+// One cell's value: nothing, a VARIANT, a UTC timestamp, or text the producer lends.
+// Owns its VARIANT. Lent text (kText) stays the producer's: it must outlive every copy
+// of the record until the store has written it, which holds for text the producer keeps
+// for its whole life (a table's tag names); it spares a string allocation per row.
 struct StoreValue {
-  enum : int { kNone = 0, kVariant = 1, kTime = 2 };
+  enum : int { kNone = 0, kVariant = 1, kTime = 2, kText = 3 };
 
   int Kind = kNone;
   VARIANT Value;
   FILETIME Time{};
+  const OLECHAR* Text = nullptr;
+  UINT TextLength = 0;
 
   StoreValue() { VariantInit(&Value); }
   ~StoreValue() { VariantClear(&Value); }
-  StoreValue(const StoreValue& other) : Kind(other.Kind), Time(other.Time) {
+  StoreValue(const StoreValue& other)
+      : Kind(other.Kind), Time(other.Time), Text(other.Text), TextLength(other.TextLength) {
     VariantInit(&Value);
     VariantCopy(&Value, const_cast<VARIANT*>(&other.Value));
   }
-  StoreValue(StoreValue&& other) noexcept : Kind(other.Kind), Time(other.Time) {
+  StoreValue(StoreValue&& other) noexcept
+      : Kind(other.Kind), Time(other.Time), Text(other.Text), TextLength(other.TextLength) {
     std::memcpy(&Value, &other.Value, sizeof Value);
     VariantInit(&other.Value);
     other.Kind = kNone;
@@ -41,8 +48,7 @@ struct StoreValue {
     if (this != &other) {
       VariantClear(&Value);
       VariantCopy(&Value, const_cast<VARIANT*>(&other.Value));
-      Kind = other.Kind;
-      Time = other.Time;
+      CopyScalars(other);
     }
     return *this;
   }
@@ -51,11 +57,35 @@ struct StoreValue {
       VariantClear(&Value);
       std::memcpy(&Value, &other.Value, sizeof Value);
       VariantInit(&other.Value);
-      Kind = other.Kind;
-      Time = other.Time;
+      CopyScalars(other);
       other.Kind = kNone;
     }
     return *this;
+  }
+
+  // Back to nothing, keeping the object for the next row.
+  void Reset() {
+    VariantClear(&Value);
+    Kind = kNone;
+  }
+
+  // In-place forms of the factories below, for producers that refill records.
+  void SetTime(const FILETIME& time) {
+    Reset();
+    Kind = kTime;
+    Time = time;
+  }
+  void SetText(const OLECHAR* text, size_t length) {
+    Reset();
+    Kind = kText;
+    Text = text;
+    TextLength = static_cast<UINT>(length);
+  }
+  void Take(VARIANT* value) {
+    Reset();
+    Kind = kVariant;
+    std::memcpy(&Value, value, sizeof(VARIANT));
+    VariantInit(value);
   }
 
   // Takes over the contents of `value` (left VT_EMPTY).
@@ -71,6 +101,14 @@ struct StoreValue {
     v.Kind = kTime;
     v.Time = time;
     return v;
+  }
+
+ private:
+  void CopyScalars(const StoreValue& other) {
+    Kind = other.Kind;
+    Time = other.Time;
+    Text = other.Text;
+    TextLength = other.TextLength;
   }
 };
 

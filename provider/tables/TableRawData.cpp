@@ -7,7 +7,21 @@ using corvane::platform::CriticalSectionLock;
 
 namespace {
 constexpr DWORD kBadInvalidArgument = 0x80AB0000u;
+
+// A value that moving out of the page gives exactly what copying it would: numbers,
+// dates and strings. Anything else goes through VariantCopy, which refuses what the
+// rows cannot hold.
+bool Movable(VARTYPE vt) {
+  switch (vt) {
+    case VT_EMPTY: case VT_NULL: case VT_I2: case VT_I4: case VT_R4: case VT_R8: case VT_CY: case VT_DATE:
+    case VT_BSTR: case VT_ERROR: case VT_BOOL: case VT_I1: case VT_UI1: case VT_UI2: case VT_UI4: case VT_I8:
+    case VT_UI8: case VT_INT: case VT_UINT:
+      return true;
+    default:
+      return false;
+  }
 }
+}  // namespace
 
 CTableRawData::CTableRawData(const TableCreateArgs& args) : CTableRawData(OLESTR("RAWDATA"), args, {VT_EMPTY, nullptr}) {
   m_bTyped = false;
@@ -28,6 +42,7 @@ CTableRawData::CTableRawData(const OLECHAR* name, const TableCreateArgs& args, c
       m_bTyped(conversion.type != VT_EMPTY),
       m_Conversion(conversion) {
   if (m_pDataSource) m_pDataSource->AddRef();
+  EnableRecordReuse();
 }
 
 CTableRawData::~CTableRawData() {
@@ -40,8 +55,13 @@ CTableRawData::~CTableRawData() {
 }
 
 void CTableRawData::ReleaseContinuationPoint() {
-  if (m_pContinuationPoint && m_pRaw) m_pRaw->ReleaseContinuationPoint(&m_pContinuationPoint);
-  m_pContinuationPoint = nullptr;
+  void* point;
+  {
+    CriticalSectionLock lock(StateLock());
+    point = m_pContinuationPoint;
+    m_pContinuationPoint = nullptr;
+  }
+  if (point && m_pRaw) m_pRaw->ReleaseContinuationPoint(&point);
 }
 
 void CTableRawData::FreeRequests() {
@@ -110,50 +130,66 @@ HRESULT CTableRawData::Prepare() {
 }
 
 HRESULT CTableRawData::Step() {
-  CriticalSectionLock lock(StateLock());
-  if (m_CurrentRequest >= m_Requests.size()) {
-    FinishProducing();
-    return S_OK;
+  // Only this worker touches the requests and the point between Prepare and the
+  // destructor (which stops the worker first). The state lock guards just the point's
+  // hand-over, so that the consumer can take the previous page while this one is read.
+  void* point;
+  {
+    CriticalSectionLock lock(StateLock());
+    if (m_CurrentRequest >= m_Requests.size()) {
+      FinishProducing();
+      return S_OK;
+    }
+    point = m_pContinuationPoint;
   }
   const corvane::WString& tagName = m_TagNames[m_CurrentRequest];
   HistoryValueList* list = nullptr;
   HRESULT hr = m_pRaw->ReadRaw(m_Requests[m_CurrentRequest], m_Start, m_End, m_MaxRowsToReturn,
-                               kRawReadIncludeBounds, &m_pContinuationPoint, &list);
+                               kRawReadIncludeBounds, &point, &list);
+  {
+    CriticalSectionLock lock(StateLock());
+    m_pContinuationPoint = point;
+  }
   bool readFailed = FAILED(hr);
   if (!readFailed && !list) {
     hr = E_INVALIDARG;
     readFailed = true;
   }
   if (!readFailed) {
-    ProducedRecordList records;
-    records.reserve(list->count);
-    for (ULONG i = 0; i < list->count && SUCCEEDED(hr); ++i) {
-      const HistoryValue& sample = list->values[i];
-      ProducedRecord record(4);
-      VARIANT converted;
-      VariantInit(&converted);
-      DWORD quality = 0;
-      hr = ConvertValue(sample.value, sample.quality, &converted, &quality);
-      if (FAILED(hr)) break;
-      hr = S_OK;
-      BSTR name = SysAllocStringLen(tagName.data(), static_cast<UINT>(tagName.size()));
-      if (!name) {
-        VariantClear(&converted);
-        hr = E_OUTOFMEMORY;
-        break;
+    // Records of earlier pages come back emptied from the store and are filled again.
+    ProducedRecordList records = TakeSpareRecords();
+    size_t used = 0;
+    for (ULONG i = 0; i < list->count; ++i) {
+      HistoryValue& sample = list->values[i];
+      if (used == records.size()) records.emplace_back();
+      ProducedRecord& record = records[used];
+      record.resize(4);
+      DWORD quality = sample.quality;
+      if (!Movable(V_VT(&sample.value))) {
+        VARIANT copy;
+        VariantInit(&copy);
+        hr = VariantCopy(&copy, &sample.value);
+        if (FAILED(hr)) break;
+        VariantClear(&sample.value);
+        sample.value = copy;
       }
-      VARIANT text;
-      V_VT(&text) = VT_BSTR;
-      V_BSTR(&text) = name;
-      record[0] = StoreValue::TakeVariant(&text);
-      record[1] = StoreValue::FromTime(sample.timestamp);
+      if (m_bTyped) {
+        hr = ConvertTyped(&sample.value, &quality);
+        if (FAILED(hr)) break;
+        hr = S_OK;
+      }
+      // The tag's name lives as long as this table, so the row only points at it; the
+      // value is taken from the page, which is freed below anyway.
+      record[0].SetText(tagName.data(), tagName.size());
+      record[1].SetTime(sample.timestamp);
       VARIANT q;
       V_VT(&q) = VT_UI4;
       V_UI4(&q) = quality;
-      record[2] = StoreValue::TakeVariant(&q);
-      record[3] = StoreValue::TakeVariant(&converted);
-      records.push_back(std::move(record));
+      record[2].Take(&q);
+      record[3].Take(&sample.value);
+      ++used;
     }
+    records.resize(used);
     FreeHistoryValueList(list);
     if (SUCCEEDED(hr)) AppendRecords(std::move(records));
   }
@@ -167,7 +203,7 @@ HRESULT CTableRawData::Step() {
     SetMoreData(false);
     return hr;
   }
-  if (!m_pContinuationPoint) {
+  if (!point) {
     ++m_CurrentRequest;
     if (m_CurrentRequest >= m_Requests.size()) {
       CVTRACE(TRACE_INFO, OLESTR("[TABLE] RAWDATA -> History read done."));
@@ -182,39 +218,34 @@ HRESULT CTableRawData::Step() {
 
 HRESULT CTableRawData::ConvertValue(const VARIANT& value, DWORD quality, VARIANT* outValue, DWORD* outQuality) {
   if (!outValue || !outQuality) return E_INVALIDARG;
-  if (m_bTyped) return ConvertTyped(value, quality, outValue, outQuality);
   VariantInit(outValue);
   const HRESULT hr = VariantCopy(outValue, const_cast<VARIANT*>(&value));
   if (FAILED(hr)) return hr;
   *outQuality = quality;
-  return S_OK;
+  return m_bTyped ? ConvertTyped(outValue, outQuality) : S_OK;
 }
 
-HRESULT CTableRawData::ConvertTyped(const VARIANT& value, DWORD quality, VARIANT* outValue, DWORD* outQuality) {
-  VariantInit(outValue);
-  HRESULT hr = VariantCopy(outValue, const_cast<VARIANT*>(&value));
-  if (FAILED(hr)) return hr;
-  *outQuality = quality;
-  hr = VariantChangeType(outValue, outValue, 0, m_Conversion.type);
+HRESULT CTableRawData::ConvertTyped(VARIANT* value, DWORD* quality) {
+  HRESULT hr = VariantChangeType(value, value, 0, m_Conversion.type);
   if (SUCCEEDED(hr)) return S_OK;
 
-  VariantClear(outValue);
-  V_VT(outValue) = m_Conversion.type;
+  VariantClear(value);
+  V_VT(value) = m_Conversion.type;
   switch (m_Conversion.type) {
     case VT_BSTR:
-      V_BSTR(outValue) = SysAllocString(OLESTR(""));
-      if (!V_BSTR(outValue)) {
-        V_VT(outValue) = VT_EMPTY;
+      V_BSTR(value) = SysAllocString(OLESTR(""));
+      if (!V_BSTR(value)) {
+        V_VT(value) = VT_EMPTY;
         return E_OUTOFMEMORY;
       }
       break;
-    case VT_BOOL: V_BOOL(outValue) = VARIANT_FALSE; break;
-    case VT_R4: V_R4(outValue) = 0; break;
-    case VT_R8: V_R8(outValue) = 0; break;
-    default: V_I8(outValue) = 0; break;  // every integer width is zero through the widest member
+    case VT_BOOL: V_BOOL(value) = VARIANT_FALSE; break;
+    case VT_R4: V_R4(value) = 0; break;
+    case VT_R8: V_R8(value) = 0; break;
+    default: V_I8(value) = 0; break;  // every integer width is zero through the widest member
   }
   // Reported bad even when the historian called it good: the value shown is not the sample's.
-  *outQuality = kBadInvalidArgument;
+  *quality = kBadInvalidArgument;
   CVTRACE(TRACE_WARNING, m_Conversion.failureMessage, hr);
   return S_FALSE;
 }

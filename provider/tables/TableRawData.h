@@ -29,7 +29,9 @@ class CTableRawData : public CBaseTable {
   CTableRawData(const OLECHAR* name, const TableCreateArgs& args, const Conversion& conversion);
 
  private:
-  HRESULT ConvertTyped(const VARIANT& value, DWORD quality, VARIANT* outValue, DWORD* outQuality);
+  // Converts `value` in place to the table's type; on failure the type's default with
+  // the bad quality 0x80AB0000 (S_FALSE).
+  HRESULT ConvertTyped(VARIANT* value, DWORD* quality);
   void ReleaseContinuationPoint();
   void FreeRequests();
 

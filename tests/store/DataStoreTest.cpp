@@ -168,6 +168,26 @@ TEST_F(DataStoreSetValue, ByReferenceCellsHoldTheirOwnCopy) {
   EXPECT_TRUE(Set(Bstr(OLESTR("again")), 0));  // the first copy is freed, not leaked
 }
 
+TEST_F(DataStoreSetValue, LentTextFillsEveryTextCellLikeABstrAndOnlyItsLength) {
+  Build({Column(OLESTR("W"), 1, DBTYPE_WSTR, 4), Column(OLESTR("S"), 2, DBTYPE_STR, 8),
+         Column(OLESTR("R"), 3, DBTYPE_WSTR | DBTYPE_BYREF), Column(OLESTR("V"), 4, DBTYPE_VARIANT, 24),
+         Column(OLESTR("N"), 5, DBTYPE_I4)});
+  const WString source = OLESTR("Tag.AB|not part of it");
+  StoreValue lent;
+  lent.SetText(source.data(), 6);
+  for (int column = 0; column < 4; ++column) EXPECT_TRUE(Set(lent, column)) << column;
+  EXPECT_EQ(254, Status(0));  // six characters into four
+  EXPECT_EQ(WString(OLESTR("Tag.")), WString(reinterpret_cast<const OLECHAR*>(Value(0)), 4));
+  EXPECT_STREQ("Tag.AB", reinterpret_cast<const char*>(Value(1)));
+  const OLECHAR* copy = ReadAt<const OLECHAR*>(Value(2), 0);
+  EXPECT_NE(source.data(), copy);
+  EXPECT_EQ(WString(OLESTR("Tag.AB")), copy);
+  VARIANT stored = ReadAt<VARIANT>(Value(3), 0);
+  ASSERT_EQ(VT_BSTR, V_VT(&stored));
+  EXPECT_EQ(WString(OLESTR("Tag.AB")), WString(V_BSTR(&stored), SysStringLen(V_BSTR(&stored))));
+  EXPECT_FALSE(Set(lent, 4));  // text is not a number
+}
+
 TEST_F(DataStoreSetValue, VariantCellsCopyAndTimestampsKeepMilliseconds) {
   Build({Column(OLESTR("V"), 1, DBTYPE_VARIANT, 24), Column(OLESTR("T"), 2, DBTYPE_DBTIMESTAMP, 16)});
   EXPECT_TRUE(Set(Bstr(OLESTR("text value")), 0));
