@@ -213,9 +213,26 @@ HRESULT CReferenceHistorian::ReadRaw(const TagIdent* tag, FILETIME start, FILETI
 HRESULT CReferenceHistorian::ReleaseContinuationPoint(void** continuation) {
   if (!continuation) return E_INVALIDARG;
   if (!*continuation) return S_FALSE;
-  if (!store_->ReleaseCursor(*continuation)) return E_INVALIDARG;
-  *continuation = nullptr;
-  return S_OK;
+  if (store_->ReleaseCursor(*continuation)) {
+    *continuation = nullptr;
+    return S_OK;
+  }
+  // Not a raw read's: statistics tokens of the processed provider come back here too,
+  // since callers have one release for every point. That provider drops a token it
+  // knows on any refused call, which a reserved value makes this one.
+  if (processed_) {
+    void* token = *continuation;
+    ULONG count = 0;
+    BSTR* names = nullptr;
+    HistoryValueList* values = nullptr;
+    processed_->GetFilteredTagStatistics(nullptr, nullptr, nullptr, FILETIME{}, FILETIME{}, nullptr, 0, &token, 1,
+                                         &count, &names, &values);
+    if (!token) {
+      *continuation = nullptr;
+      return S_OK;
+    }
+  }
+  return E_INVALIDARG;
 }
 
 HRESULT CReferenceHistorian::InsertValue(const TagIdent* tag, const HistoryValue* value) {
