@@ -538,18 +538,29 @@ HRESULT CProviderCommand::GetDBSession(REFIID riid, IUnknown** ppSession) {
 
 namespace {
 
-// The type a value of a described parameter travels in: text of any kind as a BSTR,
-// other types as themselves; DBTYPE_EMPTY when the value stays as the consumer bound it.
+// The type a value of a described parameter travels in: text of any kind as a BSTR, a
+// timestamp as an OLE date (the VARIANT form of a time), other types as themselves;
+// DBTYPE_EMPTY when the value stays as the consumer bound it.
 DBTYPE TravellingType(DBTYPE described) {
   switch (described & ~DBTYPE_BYREF) {
     case DBTYPE_STR:
     case DBTYPE_WSTR:
     case DBTYPE_BSTR: return DBTYPE_BSTR;
+    case DBTYPE_DBTIMESTAMP: return DBTYPE_DATE;
     case DBTYPE_BOOL: case DBTYPE_I1: case DBTYPE_I2: case DBTYPE_I4: case DBTYPE_I8:
     case DBTYPE_UI1: case DBTYPE_UI2: case DBTYPE_UI4: case DBTYPE_UI8:
-    case DBTYPE_R4: case DBTYPE_R8: case DBTYPE_DATE: case DBTYPE_DBTIMESTAMP:
+    case DBTYPE_R4: case DBTYPE_R8: case DBTYPE_DATE:
       return static_cast<DBTYPE>(described & ~DBTYPE_BYREF);
     default: return DBTYPE_EMPTY;
+  }
+}
+
+size_t FixedSize(DBTYPE type) {
+  switch (type) {
+    case DBTYPE_I1: case DBTYPE_UI1: return 1;
+    case DBTYPE_BOOL: case DBTYPE_I2: case DBTYPE_UI2: return 2;
+    case DBTYPE_I4: case DBTYPE_UI4: case DBTYPE_R4: return 4;
+    default: return 8;  // I8, UI8, R8, DATE
   }
 }
 
@@ -557,38 +568,35 @@ DBTYPE TravellingType(DBTYPE described) {
 
 // A consumer that described a parameter's type gets its value in that type, whatever
 // type its accessor binds: "5" bound as text for a DBTYPE_I4 parameter is the number 5.
-// A value that does not convert fails the execution.
-HRESULT CProviderCommand::ApplyDescribedType(IDataConvert* convert, const std::vector<ParameterDescription>& described,
-                                             DBORDINAL ordinal, VARIANT* value) {
-  const ParameterDescription* description = nullptr;
-  for (const auto& d : described)
-    if (d.ordinal == ordinal) description = &d;
-  if (!description || value->vt == VT_NULL) return S_OK;
-  const DBTYPE type = TravellingType(description->type);
-  if (type == DBTYPE_EMPTY) return S_OK;
+// The bound value is converted to the described type first, then to the VARIANT the
+// statement reads. A value that does not convert fails the execution.
+HRESULT CProviderCommand::ConvertToDescribedType(IDataConvert* convert, DBTYPE described, DBTYPE boundType,
+                                                 DBLENGTH length, void* source, BYTE precision, BYTE scale,
+                                                 DBDATACONVERT flags, VARIANT* value) {
   union {
     BSTR text;
-    DBTIMESTAMP timestamp;
     unsigned char bytes[16];
   } middle;
   std::memset(&middle, 0, sizeof middle);
   DBLENGTH written = 0;
   DBSTATUS status = DBSTATUS_S_OK;
-  HRESULT hr = convert->DataConvert(DBTYPE_VARIANT, type, sizeof(VARIANT), &written, value, &middle, sizeof middle,
-                                    DBSTATUS_S_OK, &status, 0, 0, 0);
+  HRESULT hr = convert->DataConvert(boundType, described, length, &written, source, &middle, sizeof middle,
+                                    DBSTATUS_S_OK, &status, precision, scale, flags);
   if (SUCCEEDED(hr) && status != DBSTATUS_S_OK) hr = DB_E_CANTCONVERTVALUE;
   if (FAILED(hr)) {
-    if (type == DBTYPE_BSTR) SysFreeString(middle.text);
-    CVTRACE(TRACE_ERROR, OLESTR("Parameter %d does not convert to its described type %d (%X)."),
-            static_cast<int>(ordinal), static_cast<int>(description->type), static_cast<unsigned>(hr));
+    if (described == DBTYPE_BSTR) SysFreeString(middle.text);
+    CVTRACE(TRACE_ERROR, OLESTR("A parameter value does not convert to its described type %d (%X)."),
+            static_cast<int>(described), static_cast<unsigned>(hr));
     return hr;
   }
+  // Every travelling type is also a VARIANT type with the same bytes; the VARIANT is
+  // made here rather than by the conversion library, which not every system's offers
+  // from each of these types.
   VariantClear(value);
-  hr = convert->DataConvert(type, DBTYPE_VARIANT, written, &written, &middle, value, sizeof(VARIANT), DBSTATUS_S_OK,
-                            &status, 0, 0, 0);
-  if (type == DBTYPE_BSTR) SysFreeString(middle.text);
-  if (SUCCEEDED(hr) && status != DBSTATUS_S_OK) hr = DB_E_CANTCONVERTVALUE;
-  return hr;
+  V_VT(value) = static_cast<VARTYPE>(described);
+  if (described == DBTYPE_BSTR) V_BSTR(value) = middle.text;  // the VARIANT owns it now
+  else std::memcpy(&V_UI1(value), middle.bytes, FixedSize(described));
+  return S_OK;
 }
 
 HRESULT CProviderCommand::FillParameters(const DBPARAMS& params, std::vector<VARIANT>& values) {
@@ -646,10 +654,17 @@ HRESULT CProviderCommand::FillParameters(const DBPARAMS& params, std::vector<VAR
     if (IsVariableLength(type) && !(b.dwPart & DBPART_LENGTH)) convertFlags |= DBDATACONVERT_LENGTHFROMNTS;
     DBLENGTH written = 0;
     DBSTATUS outStatus = DBSTATUS_S_OK;
+    DBTYPE wanted = DBTYPE_EMPTY;
+    for (const auto& d : described)
+      if (d.ordinal == b.iOrdinal) wanted = TravellingType(d.type);
+    if (wanted != DBTYPE_EMPTY && wanted != type) {
+      hr = ConvertToDescribedType(convert, wanted, type, length, source, b.bPrecision, b.bScale, convertFlags,
+                                  &target);
+      continue;
+    }
     hr = convert->DataConvert(type, DBTYPE_VARIANT, length, &written, source, &target, sizeof(VARIANT),
                               DBSTATUS_S_OK, &outStatus, b.bPrecision, b.bScale, convertFlags);
     if (SUCCEEDED(hr) && outStatus != DBSTATUS_S_OK) hr = DB_E_CANTCONVERTVALUE;
-    if (SUCCEEDED(hr)) hr = ApplyDescribedType(convert, described, b.iOrdinal, &target);
   }
   if (convert) convert->Release();
   for (DBCOUNTITEM i = 0; i < count; ++i) CoTaskMemFree(bindings[i].pObject);

@@ -99,8 +99,8 @@ class CProviderCommand final : public ICommandText,
   HRESULT InitializeOutputColumns();
   HRESULT CreateColumnBindings();
   HRESULT FillParameters(const DBPARAMS& params, std::vector<VARIANT>& values);
-  HRESULT ApplyDescribedType(IDataConvert* convert, const std::vector<ParameterDescription>& described,
-                             DBORDINAL ordinal, VARIANT* value);
+  HRESULT ConvertToDescribedType(IDataConvert* convert, DBTYPE described, DBTYPE boundType, DBLENGTH length,
+                                 void* source, BYTE precision, BYTE scale, DBDATACONVERT flags, VARIANT* value);
   // Gives a new rowset of this command a copy of each of the command's row accessors,
   // under the same handles.
   HRESULT HandRowAccessorsTo(IUnknown* rowset);
