@@ -3,43 +3,21 @@
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <string>
 
 #include "historian/Aggregates.h"
 #include "historian/ReferenceHistorian.h"
 #include "platform/WideString.h"
 #include "provider/ICreateCorvaneOleDbProvider.h"
 #include "tests/support/FaultInjectingHost.h"
+#include "tests/support/Registration.h"
 
 using corvane::historian::CAggregates;
 using corvane::historian::CHistorianStore;
 using corvane::historian::CReferenceHistorian;
+using corvane::test::Regsvr32;
+using corvane::test::WindowsPath;
 
 namespace {
-
-std::wstring ModulePath() {
-  std::string path = CORVANE_PROVIDER_MODULE;
-  if (!path.empty() && path[0] == '/') path = "Z:" + path;
-  std::wstring w(path.begin(), path.end());
-  for (auto& c : w)
-    if (c == L'/') c = L'\\';
-  return w;
-}
-
-DWORD Regsvr32(const wchar_t* options) {
-  std::wstring command = std::wstring(L"regsvr32.exe /s ") + options + L" \"" + ModulePath() + L"\"";
-  STARTUPINFOW startup = {};
-  startup.cb = sizeof(startup);
-  PROCESS_INFORMATION process = {};
-  if (!CreateProcessW(nullptr, &command[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process))
-    return GetLastError() | 0x80000000u;
-  WaitForSingleObject(process.hProcess, 120000);
-  DWORD code = 1;
-  GetExitCodeProcess(process.hProcess, &code);
-  CloseHandle(process.hThread);
-  CloseHandle(process.hProcess);
-  return code;
-}
 
 bool KeyExists(const wchar_t* key) {
   HKEY h = nullptr;
@@ -56,7 +34,7 @@ ULONG RefCount(IUnknown* object) {
 }  // namespace
 
 TEST(RegisteredProvider, ConsumerLifecycleUnderTheSystemComRuntime) {
-  ASSERT_EQ(0u, Regsvr32(L""));
+  ASSERT_EQ(0u, Regsvr32(L"", WindowsPath(CORVANE_PROVIDER_MODULE)));
   ASSERT_TRUE(SUCCEEDED(CoInitializeEx(nullptr, COINIT_MULTITHREADED)));
   EXPECT_TRUE(KeyExists(L"CLSID\\{EFFACBC0-538B-4bc7-AFE1-2E90167424C6}\\InprocServer32"));
   EXPECT_TRUE(KeyExists(L"Quellix.CorvaneOleDbProvider_VLD64.1"));
@@ -153,7 +131,7 @@ TEST(RegisteredProvider, ConsumerLifecycleUnderTheSystemComRuntime) {
   hostUnknown->Release();
   CoUninitialize();
 
-  EXPECT_EQ(0u, Regsvr32(L"/u"));
+  EXPECT_EQ(0u, Regsvr32(L"/u", WindowsPath(CORVANE_PROVIDER_MODULE)));
   EXPECT_FALSE(KeyExists(L"CLSID\\{EFFACBC0-538B-4bc7-AFE1-2E90167424C6}"));
   EXPECT_FALSE(KeyExists(L"Quellix.CorvaneOleDbProvider_VLD64"));
   EXPECT_FALSE(KeyExists(L"Quellix.CorvaneOleDbProvider_VLD64.1"));

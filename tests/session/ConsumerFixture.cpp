@@ -7,7 +7,7 @@
 #include <cstring>
 
 #ifdef CORVANE_CONSUMER_OF_DLL
-#include <string>
+#include "tests/support/Registration.h"
 #else
 #include "provider/CreateCorvaneOleDbProviderImpl.h"
 #include "provider/ErrorReporting.h"
@@ -26,31 +26,11 @@ void ClearThreadErrors() {
 }
 
 #ifdef CORVANE_CONSUMER_OF_DLL
-DWORD Regsvr32(const wchar_t* options) {
-  std::string path = CORVANE_PROVIDER_MODULE;
-  if (!path.empty() && path[0] == '/') path = "Z:" + path;
-  std::wstring module(path.begin(), path.end());
-  for (auto& c : module)
-    if (c == L'/') c = L'\\';
-  std::wstring command = std::wstring(L"regsvr32.exe /s ") + options + L" \"" + module + L"\"";
-  STARTUPINFOW startup = {};
-  startup.cb = sizeof(startup);
-  PROCESS_INFORMATION process = {};
-  if (!CreateProcessW(nullptr, &command[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process))
-    return GetLastError() | 0x80000000u;
-  WaitForSingleObject(process.hProcess, 120000);
-  DWORD code = 1;
-  GetExitCodeProcess(process.hProcess, &code);
-  CloseHandle(process.hThread);
-  CloseHandle(process.hProcess);
-  return code;
-}
-
 // The DLL is registered for the whole run and unregistered at its end.
 class RegisteredDll : public ::testing::Environment {
  public:
-  void SetUp() override { ASSERT_EQ(0u, Regsvr32(L"")); }
-  void TearDown() override { EXPECT_EQ(0u, Regsvr32(L"/u")); }
+  void SetUp() override { ASSERT_EQ(0u, Regsvr32(L"", WindowsPath(CORVANE_PROVIDER_MODULE))); }
+  void TearDown() override { EXPECT_EQ(0u, Regsvr32(L"/u", WindowsPath(CORVANE_PROVIDER_MODULE))); }
 };
 ::testing::Environment* const kRegisteredDll = ::testing::AddGlobalTestEnvironment(new RegisteredDll);
 #endif
