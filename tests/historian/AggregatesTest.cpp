@@ -16,6 +16,7 @@
 #include "platform/WideString.h"
 #include "tests/historian/HistorianTestUtil.h"
 #include "tests/support/LeakCheckedTest.h"
+#include "tests/support/Registration.h"
 
 namespace corvane::historian {
 namespace {
@@ -311,10 +312,8 @@ TEST_F(AggregatesTest, RawValueAggregatesPerInterval) {
        {AGG_MIN, AGG_MAX, AGG_AVG, AGG_DELTA, AGG_RANGE, AGG_COUNT, AGG_LAST, AGG_WORST_QUALITY});
   ASSERT_EQ(S_OK, a.hr);
   // [0, 30): 10 @0, 30 @20.
-  EXPECT_EQ(10.0, a.At(0, 0).value.dblVal);
-  EXPECT_EQ(T(0), FileTimeToU64(a.At(0, 0).timestamp));
-  EXPECT_EQ(kGoodRaw, a.At(0, 0).quality);
-  EXPECT_EQ(T(20), FileTimeToU64(a.At(1, 0).timestamp));
+  ExpectR8(a.At(0, 0), 10, kGoodRaw, 0);
+  ExpectR8(a.At(1, 0), 30, kGoodRaw, 20);
   ExpectR8(a.At(2, 0), 20, kGoodCalc, 0);  // (10 + 30) / 2
   ExpectR8(a.At(3, 0), 20, kGoodCalc, 0);  // 30 - 10
   ExpectR8(a.At(4, 0), 20, kGoodCalc, 0);
@@ -322,8 +321,7 @@ TEST_F(AggregatesTest, RawValueAggregatesPerInterval) {
   EXPECT_EQ(30.0, a.At(6, 0).value.dblVal);
   EXPECT_EQ(T(20), FileTimeToU64(a.At(6, 0).timestamp));
   // [30, 60): 10 @40 good, 20 @50 bad: one of two samples usable -> uncertain.
-  EXPECT_EQ(10.0, a.At(1, 1).value.dblVal);
-  EXPECT_EQ(kUncertainRaw, a.At(1, 1).quality);
+  ExpectR8(a.At(1, 1), 10, kUncertainRaw, 40);
   ExpectR8(a.At(2, 1), 10, kUncertainCalc, 30);
   EXPECT_EQ(1, a.At(5, 1).value.lVal);
   EXPECT_EQ(kUncertainCalc, a.At(5, 1).quality);
@@ -342,9 +340,7 @@ TEST_F(AggregatesTest, TextsCountButHaveNoNumericValue) {
   Answer a;
   Read(a, OLESTR("Mode"), 0, 20, 0, {AGG_MIN, AGG_AVG, AGG_TIME_AVG, AGG_COUNT, AGG_LAST});
   ASSERT_EQ(S_OK, a.hr);
-  ExpectNoData(a.At(0, 0), 0);
-  ExpectNoData(a.At(1, 0), 0);
-  ExpectNoData(a.At(2, 0), 0);
+  for (ULONG agg = 0; agg < 3; ++agg) ExpectNoData(a.At(agg, 0), 0);
   EXPECT_EQ(2, a.At(3, 0).value.lVal);
   EXPECT_EQ(kGoodCalc, a.At(3, 0).quality);
   ASSERT_EQ(VT_BSTR, a.At(4, 0).value.vt);
@@ -440,26 +436,26 @@ TEST_F(AggregatesTest, BooleanStatesTransitionsAndQualityShares) {
 
 TEST_F(AggregatesTest, UncertainSamplesFollowTreatUncertainAsGood) {
   // "Level": 10 @0, 20 @10 uncertain, 30 @20, 40 @30 uncertain; one interval [0, 40).
-  const std::vector<AggregateId> ids = {AGG_AVG, AGG_MAX, AGG_COUNT, AGG_PERCENT_GOOD, AGG_WORST_QUALITY};
-  Answer asGood;
-  Read(asGood, OLESTR("Level"), 0, 40, 0, ids);
-  ASSERT_EQ(S_OK, asGood.hr);
-  ExpectR8(asGood.At(0, 0), 25, kGoodCalc, 0);
-  EXPECT_EQ(40.0, asGood.At(1, 0).value.dblVal);
-  EXPECT_EQ(4, asGood.At(2, 0).value.lVal);
-  ExpectR8(asGood.At(3, 0), 100, kGoodCalc, 0);
-  EXPECT_EQ(kUncertainQ, asGood.At(4, 0).quality);
-
-  request_.treatUncertainAsGood = 0;
-  Answer asBad;
-  Read(asBad, OLESTR("Level"), 0, 40, 0, ids);
-  ASSERT_EQ(S_OK, asBad.hr);
-  ExpectR8(asBad.At(0, 0), 20, kUncertainCalc, 0);  // (10 + 30) / 2, half the samples
-  EXPECT_EQ(30.0, asBad.At(1, 0).value.dblVal);
-  EXPECT_EQ(T(20), FileTimeToU64(asBad.At(1, 0).timestamp));
-  EXPECT_EQ(2, asBad.At(2, 0).value.lVal);
-  ExpectR8(asBad.At(3, 0), 50, kGoodCalc, 0);
-  EXPECT_EQ(kUncertainQ, asBad.At(4, 0).quality);
+  struct Case {
+    BYTE treatAsGood;
+    double avg;  // (10 + 30) / 2 from half the samples when uncertain counts as bad
+    DWORD avgStatus;
+    double max, maxAt;
+    LONG count;
+    double percentGood;
+  } cases[] = {{1, 25, kGoodCalc, 40, 30, 4, 100}, {0, 20, kUncertainCalc, 30, 20, 2, 50}};
+  for (const Case& c : cases) {
+    request_.treatUncertainAsGood = c.treatAsGood;
+    Answer a;
+    Read(a, OLESTR("Level"), 0, 40, 0, {AGG_AVG, AGG_MAX, AGG_COUNT, AGG_PERCENT_GOOD, AGG_WORST_QUALITY});
+    ASSERT_EQ(S_OK, a.hr);
+    ExpectR8(a.At(0, 0), c.avg, c.avgStatus, 0);
+    EXPECT_EQ(c.max, a.At(1, 0).value.dblVal);
+    EXPECT_EQ(T(c.maxAt), FileTimeToU64(a.At(1, 0).timestamp));
+    EXPECT_EQ(c.count, a.At(2, 0).value.lVal);
+    ExpectR8(a.At(3, 0), c.percentGood, kGoodCalc, 0);
+    EXPECT_EQ(kUncertainQ, a.At(4, 0).quality);
+  }
 }
 
 TEST_F(AggregatesTest, PercentThresholdsDecideGoodUncertainAndBad) {
@@ -581,24 +577,10 @@ TEST_F(AggregatesTest, ComponentIsCreatedThroughItsProgId) {
   ASSERT_NE(nullptr, dll);
   wchar_t dllPath[MAX_PATH] = {};
   ASSERT_NE(0u, GetModuleFileNameW(dll, dllPath, MAX_PATH));
-  auto regsvr32 = [&dllPath](const wchar_t* options) -> DWORD {
-    std::wstring command = std::wstring(L"regsvr32.exe /s ") + options + L" \"" + dllPath + L"\"";
-    STARTUPINFOW startup = {};
-    startup.cb = sizeof(startup);
-    PROCESS_INFORMATION process = {};
-    if (!CreateProcessW(nullptr, &command[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process))
-      return GetLastError() | 0x80000000u;
-    WaitForSingleObject(process.hProcess, 120000);
-    DWORD code = 1;
-    GetExitCodeProcess(process.hProcess, &code);
-    CloseHandle(process.hThread);
-    CloseHandle(process.hProcess);
-    return code;
-  };
   using Entry = HRESULT(STDAPICALLTYPE*)();
   auto canUnload = reinterpret_cast<Entry>(reinterpret_cast<void*>(GetProcAddress(dll, "DllCanUnloadNow")));
   ASSERT_NE(nullptr, canUnload);
-  ASSERT_EQ(0u, regsvr32(L""));
+  ASSERT_EQ(0u, corvane::test::Regsvr32(L"", dllPath));
 #else
   ASSERT_EQ(S_OK, RegisterAggregatesComponent());
 #endif
@@ -624,7 +606,7 @@ TEST_F(AggregatesTest, ComponentIsCreatedThroughItsProgId) {
   built->Release();
 #ifdef _WIN32
   EXPECT_EQ(S_OK, canUnload());
-  EXPECT_EQ(0u, regsvr32(L"/u"));
+  EXPECT_EQ(0u, corvane::test::Regsvr32(L"/u", dllPath));
 #else
   EXPECT_EQ(S_OK, UnregisterAggregatesComponent());
 #endif
