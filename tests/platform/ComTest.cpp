@@ -175,13 +175,19 @@ TEST(GuidText, WritesTheBracedUpperCaseForm) {
   EXPECT_EQ(StringFromGUID2(mixed, buf, 38), 0) << "no room for the terminator";
 }
 
-TEST(GuidText, ReadsTheBracedFormInEitherCase) {
+TEST(GuidText, ReadsTheBracedFormInEitherCaseAndNullAsTheNullGuid) {
   CLSID clsid = {};
   ASSERT_EQ(CLSIDFromString(W("{effacbc0-538b-4bc7-afe1-2e90167424c6}"), &clsid), S_OK);
   EXPECT_EQ(GuidText(clsid), u"{EFFACBC0-538B-4BC7-AFE1-2E90167424C6}");
   IID iid = {};
   ASSERT_EQ(IIDFromString(W("{00000001-0000-0000-C000-000000000046}"), &iid), S_OK);
   EXPECT_TRUE(IsEqualIID(iid, IID_IClassFactory));
+  // Null text reads as the null GUID.
+  clsid = IID_IClassFactory;
+  EXPECT_EQ(CLSIDFromString(nullptr, &clsid), S_OK);
+  EXPECT_TRUE(IsEqualCLSID(clsid, CLSID_NULL));
+  EXPECT_EQ(IIDFromString(nullptr, &iid), S_OK);
+  EXPECT_TRUE(IsEqualIID(iid, IID_NULL));
 }
 
 TEST(GuidText, RefusesMalformedTextWithTheWindowsCodes) {
@@ -202,15 +208,6 @@ TEST(GuidText, RefusesMalformedTextWithTheWindowsCodes) {
   EXPECT_EQ(IIDFromString(W("{EFFACBC0-538B-4BC7-AFE1-2E90167424C}"), &iid), E_INVALIDARG) << "wrong length";
   EXPECT_EQ(IIDFromString(W("{EFFACBC0-538B-4BC7-AFE1-2E90167424CG}"), &iid), CO_E_IIDSTRING);
   EXPECT_EQ(CLSIDFromString(W("{EFFACBC0-538B-4BC7-AFE1-2E90167424C6}"), nullptr), E_INVALIDARG);
-}
-
-TEST(GuidText, NullTextReadsAsTheNullGuid) {
-  CLSID clsid = IID_IClassFactory;
-  EXPECT_EQ(CLSIDFromString(nullptr, &clsid), S_OK);
-  EXPECT_TRUE(IsEqualCLSID(clsid, CLSID_NULL));
-  IID iid = IID_IClassFactory;
-  EXPECT_EQ(IIDFromString(nullptr, &iid), S_OK);
-  EXPECT_TRUE(IsEqualIID(iid, IID_NULL));
 }
 
 #ifndef _WIN32

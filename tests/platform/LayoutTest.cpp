@@ -6,25 +6,9 @@
 
 #include "platform/Platform.h"
 
-// The POSIX layer must lay data out exactly as the Windows SDK does: these structures
-// cross interfaces and are written into consumers' buffers.
-static_assert(sizeof(VARIANT) == 24, "VARIANT is 24 bytes on x64");
-static_assert(offsetof(VARIANT, vt) == 0, "vt first");
-static_assert(offsetof(VARIANT, lVal) == 8, "value at 8");
-static_assert(offsetof(VARIANT, llVal) == 8, "value at 8");
-static_assert(offsetof(VARIANT, bstrVal) == 8, "value at 8");
-static_assert(sizeof(DECIMAL) == 16, "DECIMAL overlays the whole VARIANT head");
-static_assert(sizeof(DBTIMESTAMP) == 16, "DBTIMESTAMP is 16 bytes");
-static_assert(offsetof(DBTIMESTAMP, fraction) == 12, "fraction last");
-static_assert(sizeof(FILETIME) == 8, "FILETIME is two DWORDs");
-static_assert(sizeof(SYSTEMTIME) == 16, "SYSTEMTIME is eight WORDs");
-static_assert(sizeof(GUID) == 16, "GUID is 16 bytes");
-static_assert(sizeof(OLECHAR) == 2, "OLECHAR is one UTF-16 code unit");
-static_assert(sizeof(CY) == 8, "CY is 64-bit");
-static_assert(sizeof(HRESULT) == 4 && sizeof(ULONG) == 4 && sizeof(LONG) == 4, "32-bit LONG as on Windows");
-
-// The OLE DB, error-object and time structures, member by member, with the offsets of the
-// 64-bit Windows SDK (the Windows build compiles this same file against the SDK).
+// The POSIX layer must lay data out exactly as the Windows SDK does: these structures cross
+// interfaces and are written into consumers' buffers. Member by member, with the offsets of
+// the 64-bit Windows SDK (the Windows build compiles this same file against the SDK).
 #define SIZE(T, n) static_assert(sizeof(T) == n, #T);
 #define AT(T, m, n) static_assert(offsetof(T, m) == n, #T "." #m);
 SIZE(DBBINDING, 88) AT(DBBINDING, iOrdinal, 0) AT(DBBINDING, obValue, 8) AT(DBBINDING, obLength, 16)
@@ -69,6 +53,10 @@ SIZE(DECIMAL, 16) AT(DECIMAL, scale, 2) AT(DECIMAL, sign, 3) AT(DECIMAL, Hi32, 4
 SIZE(SAFEARRAY, 32) AT(SAFEARRAY, pvData, 16) AT(SAFEARRAY, rgsabound, 24)
 SIZE(DBREFCOUNT, 4) SIZE(DBHASHVALUE, 8) SIZE(DBLENGTH, 8) SIZE(HACCESSOR, 8) SIZE(DBTYPE, 2) SIZE(DBSTATUS, 4)
 SIZE(DBROWCOUNT, 8)
+// The base types: 32-bit LONG as on Windows, one UTF-16 code unit per OLECHAR.
+SIZE(VARIANT, 24) AT(VARIANT, vt, 0) AT(VARIANT, lVal, 8) AT(VARIANT, llVal, 8) AT(VARIANT, bstrVal, 8)
+SIZE(DBTIMESTAMP, 16) AT(DBTIMESTAMP, fraction, 12) SIZE(FILETIME, 8) SIZE(SYSTEMTIME, 16) SIZE(GUID, 16)
+SIZE(OLECHAR, 2) SIZE(CY, 8) SIZE(HRESULT, 4) SIZE(ULONG, 4) SIZE(LONG, 4)
 
 #undef SIZE
 #undef AT
