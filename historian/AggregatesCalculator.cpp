@@ -43,26 +43,6 @@ static_assert(sizeof(AggSample) == 24, "keep the in-memory sample compact");
 
 // ---- Samples -------------------------------------------------------------------------
 
-double AggSample::Number() const {
-  switch (vt) {
-    case VT_I1:
-    case VT_I2:
-    case VT_I4:
-    case VT_INT:
-    case VT_I8:
-    case VT_BOOL:
-      return static_cast<double>(integer);
-    case VT_UI1:
-    case VT_UI2:
-    case VT_UI4:
-    case VT_UINT:
-    case VT_UI8:
-      return static_cast<double>(uinteger);
-    default:
-      return real;
-  }
-}
-
 AggSample ToAggSample(const HistoryValue& in) {
   AggSample s;
   s.time = FileTimeToU64(in.timestamp);
@@ -274,6 +254,21 @@ double CAggregatesCalculator::ValueAt(size_t from, size_t to, ULONGLONG t) const
 }
 
 void CAggregatesCalculator::Integrate(ULONGLONG x, ULONGLONG y, double* area, ULONGLONG* covered) const {
+  // Time average, total and total average integrate the same interval one after another.
+  if (integrated_ && integratedFrom_ == x && integratedTo_ == y) {
+    *area = integratedArea_;
+    *covered = integratedCovered_;
+    return;
+  }
+  IntegrateUncached(x, y, area, covered);
+  integrated_ = true;
+  integratedFrom_ = x;
+  integratedTo_ = y;
+  integratedArea_ = *area;
+  integratedCovered_ = *covered;
+}
+
+void CAggregatesCalculator::IntegrateUncached(ULONGLONG x, ULONGLONG y, double* area, ULONGLONG* covered) const {
   *area = 0;
   *covered = 0;
   const size_t n = samples_.size();
@@ -340,9 +335,14 @@ HRESULT CAggregatesCalculator::Compute(AggregateId id, ULONGLONG ts, ULONGLONG t
     case AGG_DELTA:
     case AGG_RANGE:
     case AGG_COUNT: {
-      CRawAccumulator acc(settings_);
-      for (size_t i = a; i < b; ++i) acc.Add(samples_[i]);
-      return acc.Result(id, ts, part, out);
+      // The six share one pass: a read asks for several of them over the same interval.
+      if (!accumulated_ || accumulatedFrom_ != ts || accumulatedTo_ != te) {
+        accumulated_.emplace(settings_);
+        for (size_t i = a; i < b; ++i) accumulated_->Add(samples_[i]);
+        accumulatedFrom_ = ts;
+        accumulatedTo_ = te;
+      }
+      return accumulated_->Result(id, ts, part, out);
     }
 
     case AGG_NUMBER_OF_TRANSITIONS: {

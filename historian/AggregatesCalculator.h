@@ -4,6 +4,7 @@
 // results; the rules themselves are described in ProcessedDataProvider.h.
 #pragma once
 #include <cstddef>
+#include <optional>
 #include <vector>
 
 #include "provider/HistorianInterfaces.h"
@@ -34,7 +35,17 @@ struct AggSample {
   VARTYPE vt = VT_EMPTY;
   bool numeric = false;
 
-  double Number() const;
+  // Inline: aggregates read it several times for every sample.
+  double Number() const {
+    switch (vt) {
+      case VT_I1: case VT_I2: case VT_I4: case VT_INT: case VT_I8: case VT_BOOL:
+        return static_cast<double>(integer);
+      case VT_UI1: case VT_UI2: case VT_UI4: case VT_UINT: case VT_UI8:
+        return static_cast<double>(uinteger);
+      default:
+        return real;
+    }
+  }
 };
 
 // Converts a raw value; a value that is not a number (text, empty, arrays...) gives a
@@ -116,7 +127,10 @@ class CAggregatesCalculator {
   double ValueAt(size_t from, size_t to, ULONGLONG t) const;
   // Area under the interpolated line through usable samples over [x, y), in value x
   // 100 ns, and the part of [x, y) that the line covers.
+  // The last interval's area is kept: callers compute several aggregates of an interval
+  // before the next.
   void Integrate(ULONGLONG x, ULONGLONG y, double* area, ULONGLONG* covered) const;
+  void IntegrateUncached(ULONGLONG x, ULONGLONG y, double* area, ULONGLONG* covered) const;
   // Calls f(sampleIndex or kNone, from, to) for each stretch of [ts, te) that one sample
   // (the last at or before it) governs.
   template <class F>
@@ -126,6 +140,14 @@ class CAggregatesCalculator {
   AggregateSettings settings_;
   std::vector<size_t> prevUsable_;  // last usable index <= i, or kNone
   std::vector<size_t> nextUsable_;  // first usable index >= i, or size(); size()+1 entries
+
+  // The last interval's raw pass and area (see Compute and Integrate).
+  mutable std::optional<CRawAccumulator> accumulated_;
+  mutable ULONGLONG accumulatedFrom_ = 0, accumulatedTo_ = 0;
+  mutable bool integrated_ = false;
+  mutable ULONGLONG integratedFrom_ = 0, integratedTo_ = 0;
+  mutable double integratedArea_ = 0;
+  mutable ULONGLONG integratedCovered_ = 0;
 };
 
 }  // namespace corvane::historian

@@ -264,8 +264,9 @@ HRESULT CProcessedDataProvider::ReadProcessedImpl(const TagIdent* tag, const Pro
   }
 
   const CAggregatesCalculator calculator(std::move(samples), settings);
-  for (ULONG e = 0; e < aggregateCount; ++e) {
-    for (size_t k = 0; k < plan.count; ++k) {
+  // Interval by interval, so that aggregates of one interval share its passes.
+  for (size_t k = 0; k < plan.count; ++k) {
+    for (ULONG e = 0; e < aggregateCount; ++e) {
       const VARIANT* last = wantLast && aggregates[e] == AGG_LAST ? &lastValues.items[k] : nullptr;
       hr = calculator.Compute(aggregates[e], plan.IntervalStart(k), plan.IntervalEnd(k), plan.IsPartial(k), last,
                               &block[e].values[k]);
