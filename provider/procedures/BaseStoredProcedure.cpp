@@ -72,7 +72,7 @@ CBaseStoredProcedure::CBaseStoredProcedure(const char* traceSource, const CSQLQu
 CBaseStoredProcedure::~CBaseStoredProcedure() {
   // The worker may be inside a step that uses the interfaces below.
   StopWorker();
-  m_TimeRanges.clear();
+  m_TimeRanges = PendingRanges();
   m_Parameters.clear();
   ReleaseInterface(m_pValues);
   ReleaseInterface(m_pProcessed);
@@ -287,7 +287,11 @@ HRESULT CBaseStoredProcedure::BuildTimeRanges(long startPosition, long endPositi
     period = p && p->Kind == ParamValue::kDouble ? p->Double : 0.0;
   }
   CriticalSectionLock lock(StateLock());
-  m_TimeRanges.clear();
+  m_TimeRanges = PendingRanges();
+  m_TimeRanges.any = true;
+  m_TimeRanges.periodMs = period;
+  m_TimeRanges.start = start;
+  m_TimeRanges.end = end;
   if (period > 0) {
     LONG maxRows = 500;
     if (!m_pDataSource || FAILED(m_pDataSource->GetMaxRowsToReturn(&maxRows))) maxRows = 500;
@@ -298,31 +302,52 @@ HRESULT CBaseStoredProcedure::BuildTimeRanges(long startPosition, long endPositi
     // A chunk shorter than one tick (a sub-millisecond period or no page size) or
     // longer than the whole range reads the range at once.
     if (chunk >= 1.0 && chunk < static_cast<double>(e > s0 ? e - s0 : 0)) {
-      const ULONG64 step = static_cast<ULONG64>(chunk);
-      for (ULONG64 s = s0; s < e; s += step) {
-        const ULONG64 chunkEnd = (e - s > step) ? s + step : e;
-        m_TimeRanges.push_back({corvane::TicksToFileTime(s), corvane::TicksToFileTime(chunkEnd), period});
-        if (e - s <= step) break;
-      }
-      return S_OK;
+      m_TimeRanges.next = s0;
+      m_TimeRanges.last = e;
+      m_TimeRanges.step = static_cast<ULONG64>(chunk);
     }
   }
-  m_TimeRanges.push_back({start, end, period});
   return S_OK;
+}
+
+bool CBaseStoredProcedure::PendingRanges::Front(TimeRangeChunk* chunk) const {
+  if (!any) return false;
+  if (step == 0) {
+    *chunk = {start, end, periodMs};
+  } else {
+    const ULONG64 chunkEnd = (last - next > step) ? next + step : last;
+    *chunk = {corvane::TicksToFileTime(next), corvane::TicksToFileTime(chunkEnd), periodMs};
+  }
+  return true;
+}
+
+void CBaseStoredProcedure::PendingRanges::Pop() {
+  if (step == 0 || last - next <= step) {
+    any = false;
+  } else {
+    next += step;
+  }
+}
+
+size_t CBaseStoredProcedure::PendingRanges::Count() const {
+  if (!any) return 0;
+  if (step == 0) return 1;
+  return static_cast<size_t>((last - next + step - 1) / step);
 }
 
 HRESULT CBaseStoredProcedure::PopTimeRange(FILETIME* start, FILETIME* end) {
   CriticalSectionLock lock(StateLock());
-  if (m_TimeRanges.empty()) return E_FAIL;
-  if (start) *start = m_TimeRanges.front().Start;
-  if (end) *end = m_TimeRanges.front().End;
-  m_TimeRanges.pop_front();
+  TimeRangeChunk front;
+  if (!m_TimeRanges.Front(&front)) return E_FAIL;
+  if (start) *start = front.Start;
+  if (end) *end = front.End;
+  m_TimeRanges.Pop();
   return S_OK;
 }
 
 size_t CBaseStoredProcedure::TimeRangeCount() {
   CriticalSectionLock lock(StateLock());
-  return m_TimeRanges.size();
+  return m_TimeRanges.Count();
 }
 
 HRESULT CBaseStoredProcedure::MakeTagIdent(const WString& text, TagIdent* ident) {
@@ -401,12 +426,12 @@ HRESULT CBaseStoredProcedure::PrepareProcessedRequest(bool consume, ProcessedRea
   if (!request) return E_INVALIDARG;
   {
     CriticalSectionLock lock(StateLock());
-    if (m_TimeRanges.empty()) return E_FAIL;
-    const TimeRangeChunk& front = m_TimeRanges.front();
+    TimeRangeChunk front;
+    if (!m_TimeRanges.Front(&front)) return E_FAIL;
     request->start = front.Start;
     request->end = front.End;
     request->periodMs = front.PeriodMs;
-    if (consume) m_TimeRanges.pop_front();
+    if (consume) m_TimeRanges.Pop();
   }
   request->rawCapabilities = 0;
   if (m_pRaw) {

@@ -109,7 +109,7 @@ class CBaseStoredProcedure : public CDataProvider {
   void ContinueReading();
   void AppendRow(ProducedRecord&& row) { AppendRecord(std::move(row)); }
   // Rows queued beyond which a step waits for the consumer before reading on.
-  static constexpr size_t kReadAheadRows = 20000;
+  static constexpr size_t kReadAheadRows = 2000;
 
   static StoreValue TimeCell(const FILETIME& time) { return StoreValue::FromTime(time); }
   static StoreValue UnsignedCell(ULONG value);
@@ -137,7 +137,18 @@ class CBaseStoredProcedure : public CDataProvider {
   std::vector<HRESULT> m_BindResults;
 
   std::map<long, ParamValue> m_Parameters;
-  std::deque<TimeRangeChunk> m_TimeRanges;
+  // The chunks still to read, made one at a time as they are taken: a long range at a
+  // short period would otherwise queue millions of them before the first row.
+  struct PendingRanges {
+    bool any = false;
+    FILETIME start{}, end{};  // the whole range when it is read at once (step 0)
+    ULONG64 next = 0, last = 0, step = 0;
+    double periodMs = 0;
+    bool Front(TimeRangeChunk* chunk) const;
+    void Pop();
+    size_t Count() const;
+  };
+  PendingRanges m_TimeRanges;
 
   bool m_bFirstRun = true;
   HRESULT m_hrInitialize = S_OK;

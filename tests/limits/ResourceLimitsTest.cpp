@@ -356,9 +356,6 @@ TEST_F(Resampling, LongPlansStreamOrAreRefused) {
 }
 
 TEST_F(Resampling, MillisecondPeriodOverTenYears) {
-  GTEST_SKIP() << "CBaseStoredProcedure::BuildTimeRanges queues every chunk before the first row: 1.6e8 "
-                  "chunks (about 4 GB) for this plan, and under a 4 GB address-space limit std::bad_alloc "
-                  "escapes IRowset::GetNextRows; see the limits in README.md";
   // 3.2e11 intervals: either refused at once, or streamed so that a consumer that
   // stops after the first batch gets it quickly and without holding the whole plan.
   for (const char* procedure : {"HDA_ANALOG", "HDA_QUALITY_5"}) {
