@@ -570,13 +570,19 @@ HRESULT CProviderDataSource::GetValuesProvider(IValuesProvider** values) {
 #define CORVANE_DS_TIME_ACCESSORS(Name, Field)                                                       \
   HRESULT CProviderDataSource::Get##Name(FILETIME** value) {                                         \
     CVTRACE(TRACE_INFO, OLESTR("Called CProviderDataSource::Get" #Name));                             \
-    const HRESULT hr = AllocFileTime(settings_.Field, value);                                          \
+    FILETIME copy;                                                                                     \
+    {                                                                                                  \
+      corvane::platform::CriticalSectionLock guard(lock_);                                             \
+      copy = settings_.Field;                                                                          \
+    }                                                                                                  \
+    const HRESULT hr = AllocFileTime(copy, value);                                                     \
     if (SUCCEEDED(hr)) CVTRACE(TRACE_DETAIL, OLESTR("VALUE = %s"), FileTimeText(**value).c_str());     \
     return hr;                                                                                         \
   }                                                                                                    \
   HRESULT CProviderDataSource::Set##Name(FILETIME value) {                                           \
     CVTRACE(TRACE_INFO, OLESTR("Called CProviderDataSource::Set" #Name ", VALUE = %s"),               \
             FileTimeText(value).c_str());                                                              \
+    corvane::platform::CriticalSectionLock guard(lock_);                                               \
     settings_.Field = value;                                                                           \
     return S_OK;                                                                                       \
   }
@@ -585,13 +591,17 @@ HRESULT CProviderDataSource::GetValuesProvider(IValuesProvider** values) {
   HRESULT CProviderDataSource::Get##Name(Type* value) {                                \
     CVTRACE(TRACE_INFO, OLESTR("Called CProviderDataSource::Get" #Name));               \
     if (!value) return E_INVALIDARG;                                                     \
-    *value = settings_.Name;                                                             \
+    {                                                                                    \
+      corvane::platform::CriticalSectionLock guard(lock_);                               \
+      *value = settings_.Name;                                                           \
+    }                                                                                    \
     CVTRACE(TRACE_DETAIL, OLESTR("VALUE = %d"), static_cast<int>(*value));               \
     return S_OK;                                                                         \
   }                                                                                      \
   HRESULT CProviderDataSource::Set##Name(Type value) {                                 \
     CVTRACE(TRACE_INFO, OLESTR("Called CProviderDataSource::Set" #Name ", VALUE = %d"), \
             static_cast<int>(value));                                                    \
+    corvane::platform::CriticalSectionLock guard(lock_);                                 \
     settings_.Name = value;                                                              \
     return S_OK;                                                                         \
   }
@@ -645,6 +655,8 @@ HRESULT CProviderDataSource::UpdateQueryTimeRange() {
   CVTRACE(TRACE_INFO, OLESTR("Called CProviderDataSource::UpdateQueryTimeRange"));
   FILETIME now;
   GetSystemTimeAsFileTime(&now);
+  // Every Execute of every session moves the range while other commands read it.
+  corvane::platform::CriticalSectionLock guard(lock_);
   settings_.SetQueryRangeEndingAt(now);
   return S_OK;
 }
@@ -652,7 +664,12 @@ HRESULT CProviderDataSource::UpdateQueryTimeRange() {
 HRESULT CProviderDataSource::GetStartTimeForQuery(FILETIME** start) {
   CVTRACE(TRACE_INFO, OLESTR("Called CProviderDataSource::GetStartTimeForQuery"));
   if (!start) return E_INVALIDARG;
-  const HRESULT hr = AllocFileTime(settings_.StartForQuery(), start);
+  FILETIME value;
+  {
+    corvane::platform::CriticalSectionLock guard(lock_);
+    value = settings_.StartForQuery();
+  }
+  const HRESULT hr = AllocFileTime(value, start);
   if (SUCCEEDED(hr)) CVTRACE(TRACE_DETAIL, OLESTR("VALUE = %s"), FileTimeText(**start).c_str());
   return hr;
 }
@@ -660,7 +677,12 @@ HRESULT CProviderDataSource::GetStartTimeForQuery(FILETIME** start) {
 HRESULT CProviderDataSource::GetEndTimeForQuery(FILETIME** end) {
   CVTRACE(TRACE_INFO, OLESTR("Called CProviderDataSource::GetEndTimeForQuery"));
   if (!end) return E_INVALIDARG;
-  const HRESULT hr = AllocFileTime(settings_.EndForQuery(), end);
+  FILETIME value;
+  {
+    corvane::platform::CriticalSectionLock guard(lock_);
+    value = settings_.EndForQuery();
+  }
+  const HRESULT hr = AllocFileTime(value, end);
   if (SUCCEEDED(hr)) CVTRACE(TRACE_DETAIL, OLESTR("VALUE = %s"), FileTimeText(**end).c_str());
   return hr;
 }
