@@ -358,26 +358,29 @@ HRESULT CProviderCommand::InitializeOutputColumns() {
   const CSQLSelectItem& from = *q.FromItems().front();
   const int kind = q.StatementKind();
 
-  TableInfo source;
+  // Tables are read from the catalog in place; a procedure's columns are made into a table.
+  const TableInfo* source = nullptr;
+  TableInfo procedureTable;
   if (from.Kind() == SQL_SELECT_ITEM_SP) {
-    ProcedureInfo info;
-    if (!FindProcedure(static_cast<const CSQLSelectItemSP&>(from).ProcedureName().c_str(), &info)) return S_OK;
-    source.Name = info.Name;
-    source.Description = info.Description;
-    for (const auto& c : info.Columns) {
+    const ProcedureInfo* info = FindProcedure(static_cast<const CSQLSelectItemSP&>(from).ProcedureName().c_str());
+    if (!info) return S_OK;
+    procedureTable.Name = info->Name;
+    procedureTable.Description = info->Description;
+    for (const auto& c : info->Columns) {
       ColumnRecord r;
       r.ColumnName = r.ColumnAlias = c.Name;
-      r.TableName = info.Name;
+      r.TableName = info->Name;
       r.Ordinal = static_cast<ULONGLONG>(c.Ordinal);
       r.wType = c.wType;
       r.ColumnSize = c.ColumnSize;
       r.dwFlags = c.dwFlags;
-      source.Columns.push_back(std::move(r));
+      procedureTable.Columns.push_back(std::move(r));
     }
     if (kind != SQL_STATEMENT_SELECT) {
-      outputColumns_ = std::move(source.Columns);
+      outputColumns_ = std::move(procedureTable.Columns);
       return S_OK;
     }
+    source = &procedureTable;
   } else {
     const WString& tableName = static_cast<const CSQLSelectItemTable&>(from).TableName();
     if (kind == SQL_STATEMENT_INSERT || kind == SQL_STATEMENT_UPDATE || kind == SQL_STATEMENT_DELETE) {
@@ -385,44 +388,24 @@ HRESULT CProviderCommand::InitializeOutputColumns() {
       return S_OK;
     }
     if (kind != SQL_STATEMENT_SELECT) return S_OK;
-    if (CTableFactory::GetTableInfo(tableName.c_str(), &source) != S_OK) return S_OK;
+    source = CTableFactory::FindTableInfo(tableName.c_str());
+    if (!source) return S_OK;
   }
 
-  // Every named column must exist; a computed item is a VARIANT until execution's own
-  // binding below can type it.
+  // Every named column must exist.
+  auto sourceColumn = [source](const WString& name) -> const ColumnRecord* {
+    for (const auto& c : source->Columns)
+      if (corvane::WIEquals(c.ColumnName, name) || corvane::WIEquals(c.ColumnAlias, name)) return &c;
+    return nullptr;
+  };
   for (const auto& column : q.SelectColumns()) {
     const CSQLCalcItem* item = column->Item();
-    if (item && item->Kind() == SQL_CALC_TABLE_COLUMN) {
-      if (column->ColumnName() == OLESTR("*")) {
-        for (const auto& c : source.Columns) outputColumns_.push_back(c);
-        continue;
-      }
-      bool found = false;
-      for (const auto& c : source.Columns) {
-        if (corvane::WIEquals(c.ColumnName, column->ColumnName()) ||
-            corvane::WIEquals(c.ColumnAlias, column->ColumnName())) {
-          ColumnRecord r = c;
-          if (!column->DisplayName().empty()) r.ColumnAlias = column->DisplayName();
-          outputColumns_.push_back(std::move(r));
-          found = true;
-          break;
-        }
-      }
-      if (!found) {
-        CVTRACE(TRACE_ERROR, OLESTR("Column '%s' is not a column of table '%s'"), column->ColumnName().c_str(),
-                source.Name.c_str());
-        return DB_E_ERRORSINCOMMAND;
-      }
-      continue;
+    if (item && item->Kind() == SQL_CALC_TABLE_COLUMN && column->ColumnName() != OLESTR("*") &&
+        !sourceColumn(column->ColumnName())) {
+      CVTRACE(TRACE_ERROR, OLESTR("Column '%s' is not a column of table '%s'"), column->ColumnName().c_str(),
+              source->Name.c_str());
+      return DB_E_ERRORSINCOMMAND;
     }
-    ColumnRecord r;
-    r.ColumnName = column->ColumnName();
-    r.ColumnAlias = column->DisplayName().empty() ? column->ColumnName() : column->DisplayName();
-    r.TableName = source.Name;
-    r.wType = DBTYPE_VARIANT;
-    r.ColumnSize = sizeof(VARIANT);
-    r.dwFlags = DBCOLUMNFLAGS_ISNULLABLE | DBCOLUMNFLAGS_MAYBENULL;
-    outputColumns_.push_back(std::move(r));
   }
 
   // The select list bound as execution binds it, with every `?` still empty: where that
@@ -435,9 +418,33 @@ HRESULT CProviderCommand::InitializeOutputColumns() {
   std::vector<CSelectListProducer::Output> outputs;
   bool plain = true;
   if (SUCCEEDED(SetReferenceTimesToNow(&context)) &&
-      SUCCEEDED(CSelectListProducer::BindOutputs(q, source, context, &outputs, &plain))) {
-    outputColumns_.clear();
+      SUCCEEDED(CSelectListProducer::BindOutputs(q, *source, context, &outputs, &plain))) {
     for (auto& o : outputs) outputColumns_.push_back(std::move(o.column));
+    return S_OK;
+  }
+
+  // Where it does not, named columns as the catalog has them and a computed item as a
+  // VARIANT until execution can type it.
+  for (const auto& column : q.SelectColumns()) {
+    const CSQLCalcItem* item = column->Item();
+    if (item && item->Kind() == SQL_CALC_TABLE_COLUMN) {
+      if (column->ColumnName() == OLESTR("*")) {
+        for (const auto& c : source->Columns) outputColumns_.push_back(c);
+        continue;
+      }
+      ColumnRecord r = *sourceColumn(column->ColumnName());
+      if (!column->DisplayName().empty()) r.ColumnAlias = column->DisplayName();
+      outputColumns_.push_back(std::move(r));
+      continue;
+    }
+    ColumnRecord r;
+    r.ColumnName = column->ColumnName();
+    r.ColumnAlias = column->DisplayName().empty() ? column->ColumnName() : column->DisplayName();
+    r.TableName = source->Name;
+    r.wType = DBTYPE_VARIANT;
+    r.ColumnSize = sizeof(VARIANT);
+    r.dwFlags = DBCOLUMNFLAGS_ISNULLABLE | DBCOLUMNFLAGS_MAYBENULL;
+    outputColumns_.push_back(std::move(r));
   }
   return S_OK;
 }

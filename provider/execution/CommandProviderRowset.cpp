@@ -213,8 +213,8 @@ HRESULT ExecuteSqlStoredProcedure(Execution& ex) {
     return E_FAIL;
   }
   const auto& item = static_cast<const CSQLSelectItemSP&>(*items[0]);
-  ProcedureInfo info;
-  if (!FindProcedure(item.ProcedureName().c_str(), &info) || info.Parameters.size() != item.Parameters().size()) {
+  const ProcedureInfo* info = FindProcedure(item.ProcedureName().c_str());
+  if (!info || info->Parameters.size() != item.Parameters().size()) {
     CVTRACE(TRACE_ERROR, OLESTR("Stored procedure '%s' doesn't exist"), item.ProcedureName().c_str());
     return CORVANE_E_PROCEDURE_NOT_FOUND;
   }
@@ -232,12 +232,12 @@ HRESULT ExecuteSqlSELECT(Execution& ex) {
   }
   if (items[0]->Kind() == SQL_SELECT_ITEM_SP) {
     const auto& item = static_cast<const CSQLSelectItemSP&>(*items[0]);
-    ProcedureInfo info;
-    if (!FindProcedure(item.ProcedureName().c_str(), &info)) {
+    const ProcedureInfo* info = FindProcedure(item.ProcedureName().c_str());
+    if (!info) {
       CVTRACE(TRACE_ERROR, OLESTR("Stored procedure '%s' doesn't exist (bad name)"), item.ProcedureName().c_str());
       return CORVANE_E_PROCEDURE_NOT_FOUND;
     }
-    if (info.Parameters.size() != item.Parameters().size()) {
+    if (info->Parameters.size() != item.Parameters().size()) {
       CVTRACE(TRACE_ERROR, OLESTR("Stored procedure '%s' doesn't exist (bad parameters)"),
               item.ProcedureName().c_str());
       return CORVANE_E_PROCEDURE_NOT_FOUND;
@@ -246,7 +246,7 @@ HRESULT ExecuteSqlSELECT(Execution& ex) {
     if (FAILED(hr)) return hr;
     // The select list applies to the procedure's columns as to a table's.
     std::unique_ptr<CBaseStoredProcedure> procedure;
-    TableInfo columns{info.Name, info.Description, {}};
+    TableInfo columns{info->Name, info->Description, {}};
     hr = StartProcedure(ex, item, &procedure, &columns.Columns);
     std::vector<CSelectListProducer::Output> outputs;
     bool plain = true;
@@ -256,11 +256,12 @@ HRESULT ExecuteSqlSELECT(Execution& ex) {
   }
 
   const auto& item = static_cast<const CSQLSelectItemTable&>(*items[0]);
-  TableInfo info;
-  if (CTableFactory::GetTableInfo(item.TableName().c_str(), &info) != S_OK) {
+  const TableInfo* found = CTableFactory::FindTableInfo(item.TableName().c_str());
+  if (!found) {
     CVTRACE(TRACE_ERROR, OLESTR("Table '%s' doesn't exist"), item.TableName().c_str());
     return CORVANE_E_TABLE_NOT_FOUND;
   }
+  const TableInfo& info = *found;
   std::vector<CSelectListProducer::Output> outputs;
   bool plain = true;
   HRESULT hr = CSelectListProducer::BindOutputs(ex.query, info, ex.request.binding, &outputs, &plain);

@@ -259,6 +259,8 @@ bool FindProcedure(const OLECHAR* name, ProcedureInfo* info) {
   return true;
 }
 
+const ProcedureInfo* FindProcedure(const OLECHAR* name) { return Lookup(name); }
+
 bool FindProcedureColumn(const OLECHAR* procedure, const OLECHAR* column, ProcedureColumnInfo* info) {
   const ProcedureInfo* found = Lookup(procedure);
   if (!found || !column) return false;

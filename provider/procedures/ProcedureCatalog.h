@@ -38,6 +38,9 @@ struct ProcedureInfo {
 // Looks a procedure up ignoring case; false (info untouched) when there is none. A null
 // name is unknown.
 bool FindProcedure(const OLECHAR* name, ProcedureInfo* info);
+// The same without a copy: the catalog's own entry (it lives as long as the process),
+// or null.
+const ProcedureInfo* FindProcedure(const OLECHAR* name);
 // One output column of a procedure, both names ignoring case; false when either is
 // unknown.
 bool FindProcedureColumn(const OLECHAR* procedure, const OLECHAR* column, ProcedureColumnInfo* info);

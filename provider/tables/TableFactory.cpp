@@ -126,14 +126,18 @@ HRESULT Make(const TableCreateArgs& args, std::unique_ptr<CBaseTable>* table) {
 
 HRESULT CTableFactory::GetTableInfo(const OLECHAR* name, TableInfo* info) {
   if (!name || !info) return E_INVALIDARG;
-  for (const TableInfo& t : Catalog()) {
-    if (corvane::WICmp(name, t.Name.c_str()) == 0) {
-      *info = t;
-      return S_OK;
-    }
-  }
+  const TableInfo* found = FindTableInfo(name);
+  if (!found) return S_FALSE;
+  *info = *found;
+  return S_OK;
+}
+
+const TableInfo* CTableFactory::FindTableInfo(const OLECHAR* name) {
+  if (!name) return nullptr;
+  for (const TableInfo& t : Catalog())
+    if (corvane::WICmp(name, t.Name.c_str()) == 0) return &t;
   CVTRACE(TRACE_ERROR, OLESTR("Failed to get info for table '%s'."), name);
-  return S_FALSE;
+  return nullptr;
 }
 
 std::vector<TableInfo> CTableFactory::EnumerateTables() { return Catalog(); }

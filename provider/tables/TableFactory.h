@@ -34,6 +34,9 @@ class CTableFactory {
   // S_OK with the table's information; S_FALSE (and the trace "Failed to get info for
   // table '%s'.") for a name that is not in the catalog; E_INVALIDARG for null.
   static HRESULT GetTableInfo(const OLECHAR* name, TableInfo* info);
+  // The same without a copy: the catalog's own entry (it lives as long as the process),
+  // or null with the same trace.
+  static const TableInfo* FindTableInfo(const OLECHAR* name);
   // The 15 catalog tables in catalog order.
   static std::vector<TableInfo> EnumerateTables();
   // True for RAWDATA and the twelve typed raw-data tables.
