@@ -655,26 +655,34 @@ HRESULT CDataStore::PullFromProducer(ULONGLONG wanted) {
     m_bEndOfData = true;
     return S_OK;
   }
-  m_Incoming.clear();
-  const HRESULT hr = m_pProducer->FetchRows(m_Incoming, static_cast<size_t>(wanted));
-  if (FAILED(hr)) {
-    m_Incoming.clear();
-    return hr;
+  if (m_IncomingNext >= m_Incoming.size()) {
+    // Nothing left of the last take: ask the producer again.
+    m_pProducer->RecycleRecords(m_Incoming);
+    m_IncomingNext = 0;
+    const HRESULT hr = m_pProducer->FetchRows(m_Incoming, static_cast<size_t>(wanted));
+    if (FAILED(hr)) {
+      m_Incoming.clear();
+      return hr;
+    }
+    if (hr == DB_S_ENDOFROWSET) m_bProducerDone = true;
   }
-  if (hr == DB_S_ENDOFROWSET) m_bEndOfData = true;
+  // Only the rows asked for become rows: a producer may hand over far more records than
+  // that (a whole page or chunk), and a row can be many times larger than its record.
   HRESULT result = S_OK;
   {
     CellRunTimer timer(m_Stopwatch);
-    for (const ProducedRecord& record : m_Incoming) {
+    ULONGLONG made = 0;
+    for (; m_IncomingNext < m_Incoming.size() && made < wanted; ++m_IncomingNext, ++made) {
       if (m_MaxRows != 0 && m_RowsQueued >= m_MaxRows) {
-        m_bEndOfData = true;
+        m_IncomingNext = m_Incoming.size();
+        m_bProducerDone = true;
         break;
       }
-      result = AppendTimed(record, timer);
+      result = AppendTimed(m_Incoming[m_IncomingNext], timer);
       if (FAILED(result)) break;
     }
   }
-  m_pProducer->RecycleRecords(m_Incoming);
+  if (m_bProducerDone && m_IncomingNext >= m_Incoming.size()) m_bEndOfData = true;
   return result;
 }
 
@@ -683,12 +691,14 @@ HRESULT CDataStore::GetNextRows(ULONGLONG skip, ULONGLONG count, std::vector<CRe
   CVTRACE(TRACE_DETAIL, OLESTR("CDataStore::GetNextRows -> m_ReadRows.size = %d"),
           static_cast<int>(m_ReadRows.size()));
   const ULONGLONG wanted = (skip > ~0ull - count) ? ~0ull : skip + count;
-  if (m_ReadRows.size() < wanted && !m_bEndOfData && m_pProducer) {
+  while (m_ReadRows.size() < wanted && !m_bEndOfData && m_pProducer) {
+    const size_t before = m_ReadRows.size();
     const HRESULT hr = PullFromProducer(wanted - m_ReadRows.size());
     if (FAILED(hr)) {
       m_Stopwatch.Stop();
       return hr;
     }
+    if (m_ReadRows.size() == before) break;  // a producer that gave nothing and did not end
   }
   if (m_ReadRows.size() < skip) {
     Clear();

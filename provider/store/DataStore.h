@@ -120,7 +120,10 @@ class CDataStore {
   ULONGLONG m_MaxRows = 0;
   ULONGLONG m_RowsQueued = 0;
   bool m_bEndOfData = false;
+  bool m_bProducerDone = false;  // the producer said it has nothing more
+  // Records taken from the producer; those from m_IncomingNext on are not rows yet.
   ProducedRecordList m_Incoming;
+  size_t m_IncomingNext = 0;
 
   IDataConvert* m_pConvert = nullptr;
   std::vector<OLECHAR> m_WideScratch;
