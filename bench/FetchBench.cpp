@@ -25,6 +25,7 @@ constexpr DBROWCOUNT kBatch = 1000;
 constexpr ULONGLONG kT0 = 133485408000000000ull;  // 2024-01-01 00:00:00 UTC
 constexpr ULONGLONG kStep = 10000000ull;           // one row per second
 const OLECHAR kTag[] = OLESTR("Plant.Area1.Flow");
+const size_t kTagLength = sizeof kTag / sizeof kTag[0] - 1;
 
 ColumnRecord Column(const OLECHAR* name, ULONGLONG ordinal, DBTYPE type, ULONGLONG size) {
   ColumnRecord c;
@@ -45,36 +46,39 @@ double ValueOf(ULONGLONG i) { return static_cast<double>(i % 1000) * 0.5; }
 ULONG QualityOf(ULONGLONG i) { return i % 97 ? 192u : 0u; }
 
 // Makes RAWDATA records on its worker, one page per step, the next page when the fetch
-// has taken the last one (as the raw-data tables do).
+// has taken the last one, lending the tag name and refilling the records the store hands
+// back (as the raw-data tables do).
 class SyntheticProducer : public CDataProvider {
  public:
-  explicit SyntheticProducer(ULONGLONG rows) : rows_(rows) {}
+  explicit SyntheticProducer(ULONGLONG rows) : rows_(rows) { EnableRecordReuse(); }
   ~SyntheticProducer() override { StopWorker(); }
   HRESULT GetColumns(std::vector<ColumnRecord>& columns) override {
     columns = RawDataColumns();
     return S_OK;
   }
   HRESULT ExecuteStep() override {
-    ProducedRecordList page;
-    page.reserve(kPage);
+    ProducedRecordList page = TakeSpareRecords();
     const ULONGLONG end = std::min(rows_, next_ + kPage);
-    for (; next_ < end; ++next_) {
-      ProducedRecord r(4);
-      V_VT(&r[0].Value) = VT_BSTR;
-      V_BSTR(&r[0].Value) = SysAllocString(kTag);
-      r[0].Kind = StoreValue::kVariant;
+    size_t used = 0;
+    for (; next_ < end; ++next_, ++used) {
+      if (used == page.size()) page.emplace_back();
+      ProducedRecord& r = page[used];
+      r.resize(4);
+      r[0].SetText(kTag, kTagLength);
       const ULONGLONG t = kT0 + next_ * kStep;
-      r[1].Kind = StoreValue::kTime;
-      r[1].Time.dwLowDateTime = static_cast<DWORD>(t);
-      r[1].Time.dwHighDateTime = static_cast<DWORD>(t >> 32);
-      r[2].Kind = StoreValue::kVariant;
-      V_VT(&r[2].Value) = VT_UI4;
-      V_UI4(&r[2].Value) = QualityOf(next_);
-      r[3].Kind = StoreValue::kVariant;
-      V_VT(&r[3].Value) = VT_R8;
-      V_R8(&r[3].Value) = ValueOf(next_);
-      page.push_back(std::move(r));
+      FILETIME time;
+      time.dwLowDateTime = static_cast<DWORD>(t);
+      time.dwHighDateTime = static_cast<DWORD>(t >> 32);
+      r[1].SetTime(time);
+      VARIANT v;
+      V_VT(&v) = VT_UI4;
+      V_UI4(&v) = QualityOf(next_);
+      r[2].Take(&v);
+      V_VT(&v) = VT_R8;
+      V_R8(&v) = ValueOf(next_);
+      r[3].Take(&v);
     }
+    page.resize(used);
     AppendRecords(std::move(page));
     if (next_ == rows_) {
       SetMoreData(false);
