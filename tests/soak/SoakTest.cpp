@@ -1,13 +1,8 @@
-// Concurrency soak: eight threads share one initialised data source over the reference
-// historian. Each, from its own seed, opens sessions and commands and runs a random mix of
-// SELECTs, procedure calls, query-settings updates and writes to tags only it touches,
-// reading some results to the end and releasing others while the worker still reads.
-// Every row is checked against what the historian holds or what the thread wrote, and a
-// watchdog aborts the run, naming what each thread was doing, when one stops progressing.
-//
-//   CORVANE_SOAK_SECONDS  how long the threads run: 8 by default (every build); for long
-//                         runs start build/<dir>/tests/soak/soak_tests directly
-//   CORVANE_SOAK_SEED     base seed (thread i uses seed + i), printed by every run
+// Eight threads, each from its own seed, run a random mix of reads, procedures, settings
+// updates and writes to their own tags over one data source, releasing some rowsets while
+// the worker still reads. Rows are checked against the historian or the thread's writes; a
+// watchdog aborts, naming what each thread was doing, when one stops progressing.
+//   CORVANE_SOAK_SECONDS  run time, 8 by default; CORVANE_SOAK_SEED  base seed (thread i: seed + i)
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -468,8 +463,7 @@ TEST_F(ConcurrencySoak, ThreadsSharingOneDataSourceSeeConsistentResults) {
   std::vector<std::thread> threads;
   const auto start = Clock::now();
   for (auto& s : soakers) threads.emplace_back([&s, &stop] { s->Run(stop); });
-  // The watchdog: a deadlocked run cannot end in a failed test, so it says who waits
-  // where and aborts.
+  // A deadlocked run cannot end in a failed test: the watchdog says who waits where and aborts.
   for (bool running = true; running;) {
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     if (std::chrono::duration<double>(Clock::now() - start).count() >= seconds) stop = true;
