@@ -6,6 +6,7 @@
 #include <random>
 #include <set>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "platform/AllocCounters.h"
@@ -42,8 +43,6 @@ bool SameVariant(const VARIANT& a, const VARIANT& b) {
 
 DBSTATUS StatusAt(const BYTE* buffer, const DBBINDING& b) { return ReadAt<DBSTATUS>(buffer, b.obStatus); }
 
-// ---- Rows made again from released ones
-
 class RowRecycling : public LeakCheckedTest {
  protected:
   std::vector<ColumnRecord> Columns() {
@@ -51,12 +50,7 @@ class RowRecycling : public LeakCheckedTest {
             Column(OLESTR("Q"), 3, DBTYPE_UI4, 4), Column(OLESTR("T"), 4, DBTYPE_WSTR, 8)};
   }
   ProducedRecord Full(ULONG i) {
-    ProducedRecord r;
-    r.push_back(Bstr(OLESTR("owned text")));
-    r.push_back(Bstr(OLESTR("by reference")));
-    r.push_back(UI4(i));
-    r.push_back(Bstr(OLESTR("tag")));
-    return r;
+    return {Bstr(OLESTR("owned text")), Bstr(OLESTR("by reference")), UI4(i), Bstr(OLESTR("tag"))};
   }
   static std::vector<CRefCountedDataStoreRow*> Take(CDataStore& store, ULONGLONG n) {
     std::vector<CRefCountedDataStoreRow*> rows;
@@ -83,11 +77,7 @@ TEST_F(RowRecycling, ReusedRowsStartEmptyAndKeepNothingOfTheirPast) {
   EXPECT_EQ(held.bstrs - 8, released.bstrs);
   EXPECT_EQ(held.comBlocks - 8, released.comBlocks);
 
-  for (int i = 0; i < 8; ++i) {
-    ProducedRecord onlyValue;
-    onlyValue.push_back(R8(i + 0.5));
-    ASSERT_EQ(S_OK, store.AppendRecord(onlyValue));
-  }
+  for (int i = 0; i < 8; ++i) ASSERT_EQ(S_OK, store.AppendRecord(ProducedRecord{R8(i + 0.5)}));
   rows = Take(store, 8);
   ASSERT_EQ(8u, rows.size());
   const DBBINDING b[] = {Binding(1, DBTYPE_R8, 0, 8), Binding(2, kWStrRef, 32, 8), Binding(3, DBTYPE_UI4, 64, 4),
@@ -162,8 +152,6 @@ TEST_F(RowRecycling, RowsReleasedOnAnotherThreadComeBackSafely) {
   EXPECT_EQ(20000u, checksum);
 }
 
-// ---- Row handles held while many rows pass
-
 class RowHandles : public LeakCheckedTest {
  protected:
   void TearDown() override {
@@ -176,6 +164,11 @@ class RowHandles : public LeakCheckedTest {
     const HRESULT result = rowset_->GetData(row, h_, buffer);
     if (hr) *hr = result;
     return ReadAt<double>(buffer, 0);
+  }
+  HRESULT StatusOf(HROW row) {
+    HRESULT hr = S_OK;
+    ValueOf(row, &hr);
+    return hr;
   }
   IRowset* rowset_ = nullptr;
   IAccessor* accessor_ = nullptr;
@@ -217,9 +210,7 @@ TEST_F(RowHandles, OldHandlesStayValidAndDistinctInAnyReleaseOrder) {
     for (HROW h : order) ASSERT_EQ(S_OK, rowset_->ReleaseRows(1, &h, nullptr, nullptr, nullptr));
     for (const auto& k : kept) ASSERT_DOUBLE_EQ(k.second, ValueOf(k.first)) << "batch " << batch;
     if (!order.empty()) {
-      HRESULT gone = S_OK;
-      ValueOf(order.front(), &gone);
-      EXPECT_EQ(DB_E_BADROWHANDLE, gone);
+      EXPECT_EQ(DB_E_BADROWHANDLE, StatusOf(order.front()));
     }
     next += obtained;
     if (hr == DB_S_ENDOFROWSET) break;
@@ -230,14 +221,10 @@ TEST_F(RowHandles, OldHandlesStayValidAndDistinctInAnyReleaseOrder) {
     DBREFCOUNT refs = 0;
     EXPECT_EQ(S_OK, rowset_->ReleaseRows(1, &k.first, nullptr, &refs, nullptr));
     EXPECT_EQ(0u, refs);
-    HRESULT gone = S_OK;
-    ValueOf(k.first, &gone);
-    EXPECT_EQ(DB_E_BADROWHANDLE, gone);
+    EXPECT_EQ(DB_E_BADROWHANDLE, StatusOf(k.first));
   }
   EXPECT_EQ(S_OK, accessor_->ReleaseAccessor(h_, nullptr));
 }
-
-// ---- Cell copies against the conversion service
 
 class CellCopies : public LeakCheckedTest {};
 
@@ -249,22 +236,17 @@ TEST_F(CellCopies, StoreAndConversionServiceAgree) {
     ULONGLONG size;
     StoreValue value;
   };
-  std::vector<Col> cols;
-  cols.push_back({DBTYPE_I1, 1, Variant(VT_I1, -5)});
-  cols.push_back({DBTYPE_UI2, 2, Variant(VT_UI2, 65535)});
-  cols.push_back({DBTYPE_I4, 4, Variant(VT_I4, -123456)});
-  cols.push_back({DBTYPE_UI4, 4, UI4(192)});
-  cols.push_back({DBTYPE_I8, 8, Variant(VT_I8, -(LONGLONG{1} << 40))});
-  cols.push_back({DBTYPE_R8, 8, R8(2.75)});
-  cols.push_back({DBTYPE_DATE, 8, Variant(VT_DATE, 0)});
-  cols.push_back({DBTYPE_DBTIMESTAMP, 16, StoreValue::FromTime(FileTimeOf(kJan2024 + 1234567))});
-  // Year 30000: a timestamp only some conversion libraries take.
-  cols.push_back({DBTYPE_DBTIMESTAMP, 16, StoreValue::FromTime(FileTimeOf(0x7FF0000000000000ull))});
-  cols.push_back({DBTYPE_VARIANT, 24, R8(1e20)});
-  cols.push_back({DBTYPE_VARIANT, 24, Variant(VT_I4, 77)});
-  cols.push_back({DBTYPE_VARIANT, 24, Bstr(OLESTR("12.5"))});
-  cols.push_back({DBTYPE_VARIANT, 24, Variant(VT_NULL, 0)});
-  cols.push_back({DBTYPE_WSTR, 8, Bstr(OLESTR("Flow.A"))});
+  // The second timestamp is in year 30000, which only some conversion libraries take.
+  std::vector<Col> cols = {
+      {DBTYPE_I1, 1, Variant(VT_I1, -5)}, {DBTYPE_UI2, 2, Variant(VT_UI2, 65535)},
+      {DBTYPE_I4, 4, Variant(VT_I4, -123456)}, {DBTYPE_UI4, 4, UI4(192)},
+      {DBTYPE_I8, 8, Variant(VT_I8, -(LONGLONG{1} << 40))}, {DBTYPE_R8, 8, R8(2.75)},
+      {DBTYPE_DATE, 8, Variant(VT_DATE, 0)},
+      {DBTYPE_DBTIMESTAMP, 16, StoreValue::FromTime(FileTimeOf(kJan2024 + 1234567))},
+      {DBTYPE_DBTIMESTAMP, 16, StoreValue::FromTime(FileTimeOf(0x7FF0000000000000ull))},
+      {DBTYPE_VARIANT, 24, R8(1e20)}, {DBTYPE_VARIANT, 24, Variant(VT_I4, 77)},
+      {DBTYPE_VARIANT, 24, Bstr(OLESTR("12.5"))}, {DBTYPE_VARIANT, 24, Variant(VT_NULL, 0)},
+      {DBTYPE_WSTR, 8, Bstr(OLESTR("Flow.A"))}};
   V_DATE(&cols[6].value.Value) = 45292.25;
   std::vector<ColumnRecord> records;
   ProducedRecord record;
@@ -324,13 +306,11 @@ TEST_F(CellCopies, StoreAndConversionServiceAgree) {
         EXPECT_EQ(status == DBSTATUS_S_ISNULL ? 0 : length, ReadAt<DBLENGTH>(viaStore, 80));
         if (target == DBTYPE_VARIANT) {
           EXPECT_TRUE(SameVariant(*reinterpret_cast<VARIANT*>(viaStore), *reinterpret_cast<VARIANT*>(viaService)));
+          VariantClear(reinterpret_cast<VARIANT*>(viaStore));
+          VariantClear(reinterpret_cast<VARIANT*>(viaService));
         } else {
           const DBLENGTH bytes = target == DBTYPE_WSTR ? std::min<DBLENGTH>(length + 2, maxLen) : length;
           EXPECT_EQ(0, std::memcmp(viaStore, viaService, static_cast<size_t>(bytes)));
-        }
-        if (target == DBTYPE_VARIANT) {
-          VariantClear(reinterpret_cast<VARIANT*>(viaStore));
-          VariantClear(reinterpret_cast<VARIANT*>(viaService));
         }
         ++compared;
       }
@@ -353,11 +333,7 @@ TEST_F(CellCopies, TimestampsFollowTheCalendarInAnyOrder) {
                              0x8000000000000000ull,        kJan2024 + 2 * kSecond};
   CDataStore store;
   ASSERT_EQ(S_OK, store.Initialize(nullptr, {Column(OLESTR("T"), 1, DBTYPE_DBTIMESTAMP, 16)}));
-  for (ULONGLONG t : times) {
-    ProducedRecord r;
-    r.push_back(StoreValue::FromTime(FileTimeOf(t)));
-    ASSERT_EQ(S_OK, store.AppendRecord(r));
-  }
+  for (ULONGLONG t : times) ASSERT_EQ(S_OK, store.AppendRecord(ProducedRecord{StoreValue::FromTime(FileTimeOf(t))}));
   std::vector<CRefCountedDataStoreRow*> rows;
   ASSERT_EQ(S_OK, store.GetNextRows(0, std::size(times), rows));
   for (size_t i = 0; i < rows.size(); ++i) {
@@ -370,12 +346,8 @@ TEST_F(CellCopies, TimestampsFollowTheCalendarInAnyOrder) {
       ASSERT_EQ(CDataStore::kStatusValue, cell[0]) << i;
       DBTIMESTAMP ts;
       std::memcpy(&ts, cell + 1, sizeof ts);
-      EXPECT_EQ(st.wYear, static_cast<WORD>(ts.year)) << i;
-      EXPECT_EQ(st.wMonth, ts.month) << i;
-      EXPECT_EQ(st.wDay, ts.day) << i;
-      EXPECT_EQ(st.wHour, ts.hour) << i;
-      EXPECT_EQ(st.wMinute, ts.minute) << i;
-      EXPECT_EQ(st.wSecond, ts.second) << i;
+      EXPECT_EQ(std::make_tuple(st.wYear, st.wMonth, st.wDay, st.wHour, st.wMinute, st.wSecond),
+                std::make_tuple(static_cast<WORD>(ts.year), ts.month, ts.day, ts.hour, ts.minute, ts.second)) << i;
       EXPECT_EQ(st.wMilliseconds * 1000000u, ts.fraction) << i;
     }
     rows[i]->Release();
