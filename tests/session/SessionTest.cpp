@@ -15,7 +15,6 @@ using corvane::test::TraceCapture;
 namespace {
 
 using SessionObject = ConsumerTest;
-using SchemaRowsets = ConsumerTest;
 
 // {0C733A7D-2A1C-11CE-ADE5-00AA0044773D}: an interface of the rowset family the
 // provider's rowsets lack, known by name.
@@ -29,27 +28,45 @@ DBID TableId(const OLECHAR* name) {
   return id;
 }
 
-VARIANT Text(const OLECHAR* s) {
-  VARIANT v;
-  VariantInit(&v);
-  v.vt = VT_BSTR;
-  v.bstrVal = SysAllocString(s);
-  return v;
+// A text restriction, or none for null.
+void Restrict(VARIANT* v, const OLECHAR* text) {
+  VariantInit(v);
+  if (!text) return;
+  V_VT(v) = VT_BSTR;
+  V_BSTR(v) = SysAllocString(text);
 }
 
-struct Restrictions {
-  std::vector<VARIANT> values;
-  explicit Restrictions(std::initializer_list<const OLECHAR*> texts) {
-    for (const OLECHAR* t : texts) {
-      VARIANT v;
-      VariantInit(&v);
-      if (t) v = Text(t);
-      values.push_back(v);
-    }
+class SchemaRowsets : public ConsumerTest {
+ protected:
+  using Rows = std::vector<std::vector<std::string>>;
+  void SetUp() override {
+    ConsumerTest::SetUp();
+    if (HasFatalFailure()) return;
+    schemas_ = Query<IDBSchemaRowset>(session_, IID_IDBSchemaRowset);
+    ASSERT_NE(nullptr, schemas_);
   }
-  ~Restrictions() {
+  void TearDown() override {
+    if (schemas_) schemas_->Release();
+    ConsumerTest::TearDown();
+  }
+  // Reads `columns` of every row of a schema rowset opened with text restrictions, or
+  // with the one `given`; `layout` receives the rowset's columns.
+  Rows Read(const GUID& schema, std::initializer_list<const OLECHAR*> texts, const std::vector<DBORDINAL>& columns,
+            std::vector<std::pair<std::string, DBTYPE>>* layout = nullptr, VARIANT* given = nullptr) {
+    std::vector<VARIANT> values(texts.size());
+    for (size_t i = 0; i < values.size(); ++i) Restrict(&values[i], texts.begin()[i]);
+    IUnknown* rowset = nullptr;
+    const HRESULT hr = schemas_->GetRowset(nullptr, schema, given ? 1 : values.size(), given ? given : values.data(),
+                                           IID_IRowset, 0, nullptr, &rowset);
     for (auto& v : values) VariantClear(&v);
+    EXPECT_EQ(S_OK, hr);
+    if (FAILED(hr)) return {};
+    if (layout) *layout = Columns(rowset);
+    Rows rows = ReadAll(rowset, columns);
+    rowset->Release();
+    return rows;
   }
+  IDBSchemaRowset* schemas_ = nullptr;
 };
 
 }  // namespace
@@ -150,11 +167,9 @@ TEST_F(SessionObject, OpenRowsetReadsATableAndNamesWhatItCannotGive) {
   DBID table = TableId(OLESTR("rawdata"));
   IUnknown* rowset = nullptr;
   ASSERT_EQ(S_OK, session_->OpenRowset(nullptr, &table, nullptr, IID_IRowset, 0, nullptr, &rowset));
-  const auto columns = Columns(rowset);
-  ASSERT_GE(columns.size(), 3u);
-  const auto rows = ReadAll(rowset, {1});
+  ASSERT_GE(Columns(rowset).size(), 3u);
   // Without a tag restriction the table reads every tag the historian lists.
-  EXPECT_EQ(static_cast<size_t>(2 * kSamples), rows.size());
+  EXPECT_EQ(static_cast<size_t>(2 * kSamples), ReadAll(rowset, {1}).size());
   rowset->Release();
 
   TraceCapture trace;
@@ -201,8 +216,7 @@ TEST_F(SessionObject, OpenRowsetHonoursOrRefusesRequiredRowsetProperties) {
   prop.dwStatus = 99;
   ASSERT_EQ(S_OK, session_->OpenRowset(nullptr, &table, nullptr, IID_IRowset, 1, &set, &rowset));
   EXPECT_EQ(DBPROPSTATUS_OK, prop.dwStatus);
-  const auto rows = ReadAll(rowset, {1});
-  EXPECT_EQ(2u, rows.size());
+  EXPECT_EQ(2u, ReadAll(rowset, {1}).size());
   rowset->Release();
 }
 
@@ -232,13 +246,11 @@ TEST_F(SessionObject, CreateCommandNamesAnUnknownInterfaceByItsGuid) {
 }
 
 TEST_F(SchemaRowsets, GetSchemasListsTheNineSchemasWithTheirMasks) {
-  IDBSchemaRowset* schemas = Query<IDBSchemaRowset>(session_, IID_IDBSchemaRowset);
-  ASSERT_NE(nullptr, schemas);
   ULONG n = 0;
   GUID* guids = nullptr;
   ULONG* masks = nullptr;
   TraceCapture trace;
-  ASSERT_EQ(S_OK, schemas->GetSchemas(&n, &guids, &masks));
+  ASSERT_EQ(S_OK, schemas_->GetSchemas(&n, &guids, &masks));
   EXPECT_TRACED(trace, "Called CProviderSession::GetSchemas");
   const std::pair<const GUID*, ULONG> expected[] = {
       {&DBSCHEMA_CATALOGS, 1},       {&DBSCHEMA_COLUMNS, 15},  {&DBSCHEMA_PROCEDURES, 15},
@@ -247,158 +259,87 @@ TEST_F(SchemaRowsets, GetSchemasListsTheNineSchemasWithTheirMasks) {
   };
   ASSERT_EQ(9u, n);
   for (const auto& e : expected) {
-    bool seen = false;
-    for (ULONG i = 0; i < n; ++i)
-      if (IsEqualGUID(*e.first, guids[i])) {
-        seen = true;
-        EXPECT_EQ(e.second, masks[i]);
-      }
-    EXPECT_TRUE(seen);
+    const GUID* at = std::find_if(guids, guids + n, [&](const GUID& g) { return IsEqualGUID(*e.first, g); });
+    ASSERT_NE(guids + n, at);
+    EXPECT_EQ(e.second, masks[at - guids]);
   }
   CoTaskMemFree(guids);
   CoTaskMemFree(masks);
-  EXPECT_EQ(E_INVALIDARG, schemas->GetSchemas(&n, nullptr, &masks));
+  EXPECT_EQ(E_INVALIDARG, schemas_->GetSchemas(&n, nullptr, &masks));
   EXPECT_TRACED(trace, "ERROR in CProviderSession::GetSchemas, HR = 80070057");
   EXPECT_TRUE(IsEqualIID(IID_IDBSchemaRowset, TakeLastError().iid));
-  schemas->Release();
 }
 
 TEST_F(SchemaRowsets, TablesColumnsAndTypesFollowTheCatalog) {
-  IDBSchemaRowset* schemas = Query<IDBSchemaRowset>(session_, IID_IDBSchemaRowset);
-  ASSERT_NE(nullptr, schemas);
-  IUnknown* rowset = nullptr;
-
   // CATALOGS and SCHEMATA: the data source's names.
-  ASSERT_EQ(S_OK, schemas->GetRowset(nullptr, DBSCHEMA_CATALOGS, 0, nullptr, IID_IRowset, 0, nullptr, &rowset));
-  auto rows = ReadAll(rowset, {1});
-  rowset->Release();
-  ASSERT_EQ(1u, rows.size());
-  EXPECT_EQ("Plant", rows[0][0]);
-  ASSERT_EQ(S_OK, schemas->GetRowset(nullptr, DBSCHEMA_SCHEMATA, 0, nullptr, IID_IRowset, 0, nullptr, &rowset));
-  rows = ReadAll(rowset, {1, 2});
-  rowset->Release();
-  ASSERT_EQ(1u, rows.size());
-  EXPECT_EQ((std::vector<std::string>{"Plant", "_default_schema_"}), rows[0]);
+  EXPECT_EQ(Rows{{"Plant"}}, Read(DBSCHEMA_CATALOGS, {}, {1}));
+  EXPECT_EQ((Rows{{"Plant", "_default_schema_"}}), Read(DBSCHEMA_SCHEMATA, {}, {1, 2}));
 
   // TABLES: fifteen tables under the catalog and schema, in the standard layout.
-  ASSERT_EQ(S_OK, schemas->GetRowset(nullptr, DBSCHEMA_TABLES, 0, nullptr, IID_IRowset, 0, nullptr, &rowset));
-  const auto layout = Columns(rowset);
+  std::vector<std::pair<std::string, DBTYPE>> layout;
+  Rows rows = Read(DBSCHEMA_TABLES, {}, {1, 2, 3, 4}, &layout);
   ASSERT_EQ(9u, layout.size());
   EXPECT_EQ("TABLE_NAME", layout[2].first);
   EXPECT_EQ(DBTYPE_WSTR, layout[2].second);
   EXPECT_EQ("DATE_MODIFIED", layout[8].first);
-  rows = ReadAll(rowset, {1, 2, 3, 4});
-  rowset->Release();
   EXPECT_EQ(15u, rows.size());
-  EXPECT_TRUE(std::any_of(rows.begin(), rows.end(), [](const std::vector<std::string>& r) {
-    return r == std::vector<std::string>{"Plant", "_default_schema_", "QUERYSETTINGS", "TABLE"};
-  }));
+  EXPECT_NE(rows.end(), std::find(rows.begin(), rows.end(),
+                                  std::vector<std::string>{"Plant", "_default_schema_", "QUERYSETTINGS", "TABLE"}));
 
   // A restriction on the table name, in any case; another catalog finds nothing.
-  {
-    Restrictions r{nullptr, nullptr, OLESTR("rawdata_string")};
-    ASSERT_EQ(S_OK, schemas->GetRowset(nullptr, DBSCHEMA_COLUMNS, 3, r.values.data(), IID_IRowset, 0, nullptr,
-                                       &rowset));
-    rows = ReadAll(rowset, {3, 4, 12, 14});
-    rowset->Release();
-    const auto value = std::find_if(rows.begin(), rows.end(),
-                                    [](const std::vector<std::string>& row) { return row[1] == "VALUE"; });
-    ASSERT_NE(rows.end(), value);
-    EXPECT_EQ("RAWDATA_STRING", (*value)[0]);
-    EXPECT_EQ(std::to_string(DBTYPE_WSTR), (*value)[2]);
-    EXPECT_EQ("4096", (*value)[3]);
-  }
-  {
-    Restrictions r{nullptr, nullptr, OLESTR("RAWDATA"), OLESTR("VALUE")};
-    ASSERT_EQ(S_OK, schemas->GetRowset(nullptr, DBSCHEMA_COLUMNS, 4, r.values.data(), IID_IRowset, 0, nullptr,
-                                       &rowset));
-    rows = ReadAll(rowset, {3, 4, 12});
-    rowset->Release();
-    ASSERT_EQ(1u, rows.size());
-    EXPECT_EQ(std::to_string(DBTYPE_VARIANT), rows[0][2]);
-  }
-  {
-    Restrictions r{OLESTR("OtherPlant")};
-    ASSERT_EQ(S_OK, schemas->GetRowset(nullptr, DBSCHEMA_TABLES, 1, r.values.data(), IID_IRowset, 0, nullptr,
-                                       &rowset));
-    EXPECT_TRUE(ReadAll(rowset, {3}).empty());
-    rowset->Release();
-  }
+  rows = Read(DBSCHEMA_COLUMNS, {nullptr, nullptr, OLESTR("rawdata_string")}, {3, 4, 12, 14});
+  const auto value = std::find_if(rows.begin(), rows.end(), [](const auto& row) { return row[1] == "VALUE"; });
+  ASSERT_NE(rows.end(), value);
+  EXPECT_EQ((std::vector<std::string>{"RAWDATA_STRING", "VALUE", std::to_string(DBTYPE_WSTR), "4096"}), *value);
+  EXPECT_EQ((Rows{{"RAWDATA", "VALUE", std::to_string(DBTYPE_VARIANT)}}),
+            Read(DBSCHEMA_COLUMNS, {nullptr, nullptr, OLESTR("RAWDATA"), OLESTR("VALUE")}, {3, 4, 12}));
+  EXPECT_TRUE(Read(DBSCHEMA_TABLES, {OLESTR("OtherPlant")}, {3}).empty());
 
   // PROVIDER_TYPES lists the types the columns use, restricted here to DBTYPE_WSTR.
-  ASSERT_EQ(S_OK,
-            schemas->GetRowset(nullptr, DBSCHEMA_PROVIDER_TYPES, 0, nullptr, IID_IRowset, 0, nullptr, &rowset));
-  rows = ReadAll(rowset, {1, 2});
-  rowset->Release();
+  rows = Read(DBSCHEMA_PROVIDER_TYPES, {}, {1, 2});
   for (const char* used : {"DBTYPE_VARIANT", "DBTYPE_WSTR", "DBTYPE_R8", "DBTYPE_DBTIMESTAMP"})
     EXPECT_TRUE(std::any_of(rows.begin(), rows.end(), [used](const auto& row) { return row[0] == used; })) << used;
-  {
-    VARIANT type;
-    VariantInit(&type);
-    type.vt = VT_I4;
-    type.lVal = DBTYPE_WSTR;
-    ASSERT_EQ(S_OK, schemas->GetRowset(nullptr, DBSCHEMA_PROVIDER_TYPES, 1, &type, IID_IRowset, 0, nullptr,
-                                       &rowset));
-    rows = ReadAll(rowset, {1});
-    rowset->Release();
-    ASSERT_EQ(1u, rows.size());
-    EXPECT_EQ("DBTYPE_WSTR", rows[0][0]);
-  }
+  VARIANT type;
+  VariantInit(&type);
+  V_VT(&type) = VT_I4;
+  V_I4(&type) = DBTYPE_WSTR;
+  EXPECT_EQ(Rows{{"DBTYPE_WSTR"}}, Read(DBSCHEMA_PROVIDER_TYPES, {}, {1}, nullptr, &type));
 
   // The GUID columns: nothing here is known by GUID, so each reads as null on every row.
   const std::pair<const GUID*, std::vector<DBORDINAL>> guidColumns[] = {
       {&DBSCHEMA_TABLES, {5}}, {&DBSCHEMA_TABLES_INFO, {5}}, {&DBSCHEMA_COLUMNS, {5, 13}},
       {&DBSCHEMA_PROVIDER_TYPES, {16}}, {&DBSCHEMA_PROCEDURE_COLUMNS, {5, 11}}};
   for (const auto& schema : guidColumns) {
-    ASSERT_EQ(S_OK, schemas->GetRowset(nullptr, *schema.first, 0, nullptr, IID_IRowset, 0, nullptr, &rowset));
-    const auto names = Columns(rowset);
-    for (DBORDINAL c : schema.second) EXPECT_NE(std::string::npos, names.at(c - 1).first.find("GUID"));
-    rows = ReadAll(rowset, schema.second);
-    rowset->Release();
+    rows = Read(*schema.first, {}, schema.second, &layout);
+    for (DBORDINAL c : schema.second) EXPECT_NE(std::string::npos, layout.at(c - 1).first.find("GUID"));
     EXPECT_FALSE(rows.empty());
     for (const auto& row : rows)
-      for (const auto& cell : row) EXPECT_EQ("<null>", cell) << names.at(schema.second[0] - 1).first;
+      for (const auto& cell : row) EXPECT_EQ("<null>", cell) << layout.at(schema.second[0] - 1).first;
   }
-  schemas->Release();
 }
 
 TEST_F(SchemaRowsets, ProceduresWithTheirParametersAndColumns) {
-  IDBSchemaRowset* schemas = Query<IDBSchemaRowset>(session_, IID_IDBSchemaRowset);
-  ASSERT_NE(nullptr, schemas);
-  IUnknown* rowset = nullptr;
-  ASSERT_EQ(S_OK, schemas->GetRowset(nullptr, DBSCHEMA_PROCEDURES, 0, nullptr, IID_IRowset, 0, nullptr, &rowset));
-  auto rows = ReadAll(rowset, {1, 2, 3});
-  rowset->Release();
-  EXPECT_TRUE(std::any_of(rows.begin(), rows.end(), [](const auto& r) { return r[2] == "SP_RAWDATA"; }));
-  EXPECT_TRUE(std::any_of(rows.begin(), rows.end(), [](const auto& r) { return r[2] == "HDA_ANALOG_5"; }));
+  Rows rows = Read(DBSCHEMA_PROCEDURES, {}, {1, 2, 3});
+  for (const char* name : {"SP_RAWDATA", "HDA_ANALOG_5"})
+    EXPECT_TRUE(std::any_of(rows.begin(), rows.end(), [name](const auto& r) { return r[2] == name; })) << name;
   for (const auto& r : rows) EXPECT_EQ("Plant", r[0]);
 
-  Restrictions name{nullptr, nullptr, OLESTR("sp_rawdata")};
-  ASSERT_EQ(S_OK, schemas->GetRowset(nullptr, DBSCHEMA_PROCEDURE_PARAMETERS, 3, name.values.data(), IID_IRowset, 0,
-                                     nullptr, &rowset));
-  rows = ReadAll(rowset, {3, 4, 5});
-  rowset->Release();
+  rows = Read(DBSCHEMA_PROCEDURE_PARAMETERS, {nullptr, nullptr, OLESTR("sp_rawdata")}, {3, 4, 5});
   ASSERT_FALSE(rows.empty());
   for (size_t i = 0; i < rows.size(); ++i) {
     EXPECT_EQ("SP_RAWDATA", rows[i][0]);
     EXPECT_EQ(std::to_string(i + 1), rows[i][2]);  // ordinal positions in order
   }
-  ASSERT_EQ(S_OK, schemas->GetRowset(nullptr, DBSCHEMA_PROCEDURE_COLUMNS, 3, name.values.data(), IID_IRowset, 0,
-                                     nullptr, &rowset));
-  rows = ReadAll(rowset, {3, 4});
-  rowset->Release();
+  rows = Read(DBSCHEMA_PROCEDURE_COLUMNS, {nullptr, nullptr, OLESTR("sp_rawdata")}, {3, 4});
   EXPECT_FALSE(rows.empty());
   for (const auto& r : rows) EXPECT_EQ("SP_RAWDATA", r[0]);
-  schemas->Release();
 }
 
 TEST_F(SchemaRowsets, BadRequestsAreRefusedWithARecord) {
-  IDBSchemaRowset* schemas = Query<IDBSchemaRowset>(session_, IID_IDBSchemaRowset);
-  ASSERT_NE(nullptr, schemas);
   IUnknown* rowset = nullptr;
   TraceCapture trace;
   // A schema the session does not serve.
-  EXPECT_EQ(E_INVALIDARG, schemas->GetRowset(nullptr, DBSCHEMA_VIEWS, 0, nullptr, IID_IRowset, 0, nullptr, &rowset));
+  EXPECT_EQ(E_INVALIDARG, schemas_->GetRowset(nullptr, DBSCHEMA_VIEWS, 0, nullptr, IID_IRowset, 0, nullptr, &rowset));
   EXPECT_TRACED(trace, "Called CProviderSession::GetRowset");
   EXPECT_TRACED(trace, "ERROR in CProviderSession::GetRowset, HR = 80070057");
   auto error = TakeLastError();
@@ -408,15 +349,14 @@ TEST_F(SchemaRowsets, BadRequestsAreRefusedWithARecord) {
             error.description);
 #endif
   // More restrictions than CATALOGS has, and a name restriction that is not a text.
-  Restrictions two{OLESTR("Plant"), OLESTR("x")};
-  EXPECT_EQ(E_INVALIDARG,
-            schemas->GetRowset(nullptr, DBSCHEMA_CATALOGS, 2, two.values.data(), IID_IRowset, 0, nullptr, &rowset));
-  VARIANT number;
-  VariantInit(&number);
-  number.vt = VT_I4;
-  number.lVal = 5;
-  EXPECT_EQ(E_INVALIDARG, schemas->GetRowset(nullptr, DBSCHEMA_TABLES, 1, &number, IID_IRowset, 0, nullptr, &rowset));
+  VARIANT v[2];
+  for (VARIANT& text : v) Restrict(&text, OLESTR("Plant"));
+  EXPECT_EQ(E_INVALIDARG, schemas_->GetRowset(nullptr, DBSCHEMA_CATALOGS, 2, v, IID_IRowset, 0, nullptr, &rowset));
+  VariantClear(&v[1]);
+  V_VT(&v[1]) = VT_I4;
+  V_I4(&v[1]) = 5;
+  EXPECT_EQ(E_INVALIDARG, schemas_->GetRowset(nullptr, DBSCHEMA_TABLES, 1, &v[1], IID_IRowset, 0, nullptr, &rowset));
+  VariantClear(&v[0]);
   EXPECT_EQ(nullptr, rowset);
   TakeLastError();
-  schemas->Release();
 }
