@@ -116,7 +116,9 @@ class World {
   }
 
   ~World() {
-    if (command_) EXPECT_EQ(0u, command_->Release()) << "a rowset kept the command";
+    if (command_) {
+      EXPECT_EQ(0u, command_->Release()) << "a rowset kept the command";
+    }
     corvane::test::CloseProvider(&dataSource_, &session_);
     EXPECT_EQ(0u, host_->Release()) << "the provider kept a host reference";
     historian_->Release();
@@ -223,7 +225,9 @@ class World {
         cells.push_back(c.status == DBSTATUS_S_ISNULL ? std::string("<null>") : corvane::ToUtf8(c.text));
       out.rows.push_back(std::move(cells));
     }
-    if (!held.empty()) EXPECT_EQ(S_OK, fetch->ReleaseRows(held.size(), held.data(), nullptr, nullptr, nullptr));
+    if (!held.empty()) {
+      EXPECT_EQ(S_OK, fetch->ReleaseRows(held.size(), held.data(), nullptr, nullptr, nullptr));
+    }
     accessor->ReleaseAccessor(handle, nullptr);
     accessor->Release();
     fetch->Release();
@@ -300,8 +304,9 @@ TEST_P(FaultSweep, EveryHostCallFailsInTurn) {
             for (size_t r = 0; r < got.rows.size(); ++r) EXPECT_EQ(clean.rows[r][0], got.rows[r][0]) << "row " << r;
           }
           // A release the host refused leaves the point the host's, not lost by the provider.
-          if (static_cast<Op>(op) != Op::ReleaseContinuationPoint)
+          if (static_cast<Op>(op) != Op::ReleaseContinuationPoint) {
             EXPECT_EQ(0u, world.FaultHost().OutstandingContinuationPoints()) << "a continuation point was left open";
+          }
           // Each sample holds its old state or its new one, never anything else.
           std::map<std::string, std::string> state = world.History();
           std::set<std::string> keys;
