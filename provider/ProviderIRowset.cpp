@@ -311,9 +311,18 @@ HRESULT STDMETHODCALLTYPE CProviderIRowset::GetData(HROW hRow, HACCESSOR hAccess
     m_hLastAccessor = hAccessor;
     m_pLastAccessor = &accessor->second;
   }
-  const std::vector<DBBINDING>& bindings = m_pLastAccessor->bindings;
-  if (!pData && !bindings.empty()) return E_INVALIDARG;
-  return m_pStore->GetData(bindings.data(), bindings.size(), row->row, static_cast<BYTE*>(pData));
+  const Accessor& accessor = *m_pLastAccessor;
+  if (!pData && !accessor.bindings.empty()) return E_INVALIDARG;
+  if (accessor.planGeneration != m_pStore->LayoutGeneration()) {
+    try {
+      accessor.plan = m_pStore->PlanBindings(accessor.bindings.data(), accessor.bindings.size());
+      accessor.planGeneration = m_pStore->LayoutGeneration();
+    } catch (const std::bad_alloc&) {
+      accessor.plan.clear();  // the general path needs no plan
+    }
+  }
+  return m_pStore->GetData(accessor.bindings.data(), accessor.bindings.size(), row->row, static_cast<BYTE*>(pData),
+                           accessor.plan.empty() ? nullptr : accessor.plan.data());
 }
 
 // ---- IAccessor

@@ -140,6 +140,10 @@ class CProviderIRowset : public IRowset,
     std::vector<DBBINDING> bindings;
     std::vector<std::unique_ptr<DBOBJECT>> objects;  // copies behind bindings' pObject
     DBREFCOUNT refs = 1;
+    // How the store copies each binding, made at the first GetData for the store's
+    // layout of that moment.
+    mutable std::vector<CDataStore::BindingStep> plan;
+    mutable uint64_t planGeneration = ~0ull;
   };
   struct PropertyValue {
     DBPROPID id;

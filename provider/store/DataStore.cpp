@@ -121,7 +121,18 @@ std::string ToAnsi(const OLECHAR* text, size_t n) {
 }
 
 size_t UnalignedWideLength(const BYTE* p, size_t maxChars) {
+  // Four characters at a time while they are inside the cell: a zero character is a
+  // zero 16-bit lane, which the borrow trick finds without a branch per character.
+  // Lanes are whole characters on either byte order, since the text starts a lane.
   size_t n = 0;
+  constexpr uint64_t kOnes = 0x0001000100010001ull;
+  constexpr uint64_t kHighs = 0x8000800080008000ull;
+  while (n + 4 <= maxChars) {
+    uint64_t word;
+    std::memcpy(&word, p + 2 * n, sizeof word);
+    if (((word - kOnes) & ~word & kHighs) != 0) break;
+    n += 4;
+  }
   while (n < maxChars && (p[2 * n] | p[2 * n + 1]) != 0) ++n;
   return n;
 }
@@ -230,6 +241,7 @@ void CDataStore::FreeColumnInfo() {
   m_cColumns = 0;
   m_pColumnInfo = nullptr;
   m_cbRowSize = 0;
+  ++m_LayoutGeneration;
   m_ColumnSource.clear();
 }
 
@@ -732,8 +744,36 @@ HRESULT CDataStore::Converter(IDataConvert** convert) {
   return S_OK;
 }
 
+std::vector<CDataStore::BindingStep> CDataStore::PlanBindings(const DBBINDING* bindings, DBCOUNTITEM count) const {
+  std::vector<BindingStep> plan(static_cast<size_t>(count));
+  for (DBCOUNTITEM i = 0; i < count; ++i) {
+    const DBBINDING& b = bindings[i];
+    BindingStep& step = plan[static_cast<size_t>(i)];
+    if (b.iOrdinal < 1 || b.iOrdinal > m_cColumns || !(b.dwPart & DBPART_VALUE) || (b.wType & DBTYPE_BYREF)) continue;
+    const DataStoreColumnInfo& col = m_pColumnInfo[b.iOrdinal - 1];
+    step.cell = col.cbOffset;
+    if (col.wType == DBTYPE_VARIANT) {
+      if (b.wType == DBTYPE_VARIANT) {
+        step.kind = BindingStep::kVariant;
+      } else if (VerbatimSize(b.wType) != 0) {
+        step.kind = BindingStep::kVariantScalar;
+        step.vt = static_cast<VARTYPE>(b.wType);
+        step.size = static_cast<uint8_t>(VerbatimSize(b.wType));
+      }
+    } else if (b.wType == DBTYPE_WSTR && (col.wType == DBTYPE_WSTR || col.wType == DBTYPE_BSTR)) {
+      if (b.cbMaxLen >= sizeof(OLECHAR)) step.kind = BindingStep::kWideText;
+    } else if (col.wType == b.wType && col.wType == DBTYPE_DBTIMESTAMP) {
+      step.kind = BindingStep::kTimestamp;
+    } else if (col.wType == b.wType && VerbatimSize(col.wType) != 0) {
+      step.kind = BindingStep::kFixed;
+      step.size = static_cast<uint8_t>(VerbatimSize(col.wType));
+    }
+  }
+  return plan;
+}
+
 HRESULT CDataStore::GetData(const DBBINDING* bindings, DBCOUNTITEM count, CRefCountedDataStoreRow* row,
-                            BYTE* buffer) {
+                            BYTE* buffer, const BindingStep* plan) {
   m_Stopwatch.Start();
   auto finish = [&](HRESULT hr) {
     m_Stopwatch.Stop();
@@ -748,132 +788,192 @@ HRESULT CDataStore::GetData(const DBBINDING* bindings, DBCOUNTITEM count, CRefCo
 
   for (DBCOUNTITEM i = 0; i < count; ++i) {
     const DBBINDING& b = bindings[i];
-    if (b.iOrdinal < 1 || b.iOrdinal > m_cColumns) return finish(DB_E_BADORDINAL);
-    const DataStoreColumnInfo& col = m_pColumnInfo[b.iOrdinal - 1];
-    const bool valueBound = (b.dwPart & DBPART_VALUE) != 0;
-
-    if (!rowBuffer || col.cbOffset >= rowSize || rowBuffer[col.cbOffset] == kStatusNull) {
-      WriteStatus(buffer, b, DBSTATUS_S_ISNULL);
-      WriteLength(buffer, b, 0);
-      if (valueBound && (b.wType & DBTYPE_BYREF)) {
-        void* null = nullptr;
-        std::memcpy(buffer + b.obValue, &null, sizeof null);
+    if (plan && plan[i].kind != BindingStep::kGeneral && rowBuffer && plan[i].cell < rowSize &&
+        rowBuffer[plan[i].cell] != kStatusNull) {
+      // The copies the conversion service would make unchanged, without asking it.
+      const BindingStep& step = plan[i];
+      const BYTE* source = rowBuffer + step.cell + 1;
+      BYTE* dst = buffer + b.obValue;
+      DBLENGTH length = 0;
+      bool done = true;
+      switch (step.kind) {
+        case BindingStep::kFixed:
+          std::memcpy(dst, source, step.size);
+          length = step.size;
+          break;
+        case BindingStep::kTimestamp: {
+          SHORT year;
+          std::memcpy(&year, source + offsetof(DBTIMESTAMP, year), sizeof year);
+          done = year >= 1 && year <= 9999;
+          if (done) std::memcpy(dst, source, sizeof(DBTIMESTAMP));
+          length = sizeof(DBTIMESTAMP);
+          break;
+        }
+        case BindingStep::kWideText: {
+          const size_t maxChars = static_cast<size_t>((rowSize - step.cell - 1) / 2);
+          length = UnalignedWideLength(source, maxChars) * sizeof(OLECHAR);
+          // Text that fits with its terminator is copied whole by every conversion library.
+          done = length <= b.cbMaxLen - sizeof(OLECHAR);
+          if (done) {
+            std::memcpy(dst, source, static_cast<size_t>(length));
+            std::memset(dst + length, 0, sizeof(OLECHAR));
+          }
+          break;
+        }
+        case BindingStep::kVariant:
+        case BindingStep::kVariantScalar: {
+          VARTYPE vt;
+          std::memcpy(&vt, source, sizeof vt);
+          if (step.kind == BindingStep::kVariant) {
+            // A null or an error code is a status to the service, not a value.
+            done = CRefCountedDataStoreRow::OwnsNothing(vt) && vt != VT_NULL && vt != VT_ERROR;
+            if (done) std::memcpy(dst, source, sizeof(VARIANT));
+            length = sizeof(VARIANT);
+          } else {
+            done = vt == step.vt;
+            if (done) std::memcpy(dst, source + kVariantValueOffset, step.size);
+            length = step.size;
+          }
+          break;
+        }
+        case BindingStep::kGeneral:
+          done = false;
+          break;
       }
-      ++succeeded;
-      continue;
-    }
-
-    const BYTE* source = rowBuffer + col.cbOffset + 1;
-    const DBTYPE colBase = col.wType & ~DBTYPE_BYREF;
-    const size_t maxChars = static_cast<size_t>((rowSize - col.cbOffset - 1) / 2);
-    DBLENGTH cbCol = col.ulColumnSize;
-    if (col.wType == DBTYPE_WSTR || col.wType == DBTYPE_BSTR) {
-      cbCol = UnalignedWideLength(source, maxChars) * sizeof(OLECHAR);
-    } else if (col.wType == DBTYPE_STR) {
-      cbCol = strnlen(reinterpret_cast<const char*>(source), static_cast<size_t>(rowSize - col.cbOffset - 1));
-    }
-    DBLENGTH cbDst = std::min(cbCol, b.cbMaxLen);
-
-    if (valueBound && b.dwMemOwner == DBMEMOWNER_PROVIDEROWNED && (b.wType & DBTYPE_BYREF)) {
-      if ((b.wType & ~DBTYPE_BYREF) != colBase) {
-        // Handing out a pointer to a value of another type would mislead the consumer.
-        WriteStatus(buffer, b, DBSTATUS_E_CANTCONVERTVALUE);
-        WriteLength(buffer, b, 0);
-        ++failed;
-        continue;
-      }
-      const void* pointer = source;
-      if (col.wType & DBTYPE_BYREF) std::memcpy(&pointer, source, sizeof pointer);
-      std::memcpy(buffer + b.obValue, &pointer, sizeof pointer);
-      DBLENGTH length = col.ulColumnSize;
-      if (colBase == DBTYPE_WSTR || colBase == DBTYPE_BSTR) {
-        length = (col.wType & DBTYPE_BYREF) ? corvane::WLen(static_cast<const OLECHAR*>(pointer)) * sizeof(OLECHAR)
-                                            : cbCol;
-      } else if (colBase == DBTYPE_STR) {
-        length = std::strlen(static_cast<const char*>(pointer));
-      }
-      WriteLength(buffer, b, length);
-      WriteStatus(buffer, b, DBSTATUS_S_OK);
-      ++succeeded;
-      continue;
-    }
-
-    CVTRACE(TRACE_DETAIL, OLESTR("CDataStore::GetData -> ordinal = %d, pColCur->wType = %d, pBindCur->wType = %d"),
-            static_cast<int>(b.iOrdinal), static_cast<int>(col.wType), static_cast<int>(b.wType));
-    CVTRACE(TRACE_DETAIL, OLESTR("CDataStore::GetData -> cbCol = %d, cbDst = %d"), static_cast<int>(cbCol),
-            static_cast<int>(cbDst));
-
-    if (valueBound) {
-      DBLENGTH copied = 0;
-      if (b.wType == DBTYPE_WSTR && (col.wType == DBTYPE_WSTR || col.wType == DBTYPE_BSTR) &&
-          b.cbMaxLen >= sizeof(OLECHAR) && cbCol <= b.cbMaxLen - sizeof(OLECHAR)) {
-        // Text that fits with its terminator is copied whole by every conversion library.
-        std::memcpy(buffer + b.obValue, source, static_cast<size_t>(cbCol));
-        std::memset(buffer + b.obValue + cbCol, 0, sizeof(OLECHAR));
-        CVTRACE(TRACE_DETAIL, OLESTR("CDataStore::GetData -> hr = %X"), static_cast<unsigned>(S_OK));
-        ++succeeded;
-        WriteLength(buffer, b, cbCol);
+      if (done) {
+        WriteLength(buffer, b, length);
         WriteStatus(buffer, b, DBSTATUS_S_OK);
-        continue;
-      }
-      if (CopyVerbatim(col.wType, b.wType, source, buffer + b.obValue, &copied)) {
-        CVTRACE(TRACE_DETAIL, OLESTR("CDataStore::GetData -> hr = %X"), static_cast<unsigned>(S_OK));
         ++succeeded;
-        WriteLength(buffer, b, copied);
-        WriteStatus(buffer, b, DBSTATUS_S_OK);
         continue;
       }
     }
-
-    IDataConvert* convert = nullptr;
-    const HRESULT hrConvert = Converter(&convert);
-    if (FAILED(hrConvert)) return finish(hrConvert);
-
-    // The conversion service reads aligned values; the cells are not aligned.
-    alignas(8) BYTE fixed[sizeof(VARIANT)];
-    void* src;
-    if (col.wType == DBTYPE_WSTR || col.wType == DBTYPE_BSTR) {
-      m_WideScratch.resize(cbCol / sizeof(OLECHAR) + 1);
-      std::memcpy(m_WideScratch.data(), source, static_cast<size_t>(cbCol));
-      m_WideScratch[cbCol / sizeof(OLECHAR)] = 0;
-      src = m_WideScratch.data();
-    } else if (col.wType == DBTYPE_STR) {
-      src = const_cast<BYTE*>(source);
+    const HRESULT hr = GetBinding(b, rowBuffer, rowSize, buffer);
+    if (FAILED(hr)) return finish(hr);
+    if (hr == S_OK) {
+      ++succeeded;
     } else {
-      const size_t n = (col.wType & DBTYPE_BYREF) ? sizeof(void*) : static_cast<size_t>(col.ulColumnSize);
-      std::memcpy(fixed, source, std::min(n, sizeof fixed));
-      src = fixed;
-    }
-
-    void* dst;
-    DBLENGTH dstMax = b.cbMaxLen;
-    if (valueBound) {
-      dst = buffer + b.obValue;
-    } else {
-      // Status and length without the value: convert into scratch and let it go.
-      constexpr DBLENGTH kScratchMax = 64 * 1024;
-      dstMax = std::min<DBLENGTH>(std::max<DBLENGTH>(dstMax, sizeof(VARIANT)), kScratchMax);
-      m_DstScratch.assign(static_cast<size_t>(dstMax / 8 + 1), 0);
-      dst = m_DstScratch.data();
-    }
-
-    DBSTATUS status = DBSTATUS_S_OK;
-    HRESULT hr = convert->DataConvert(col.wType, b.wType, cbCol, &cbDst, src, dst, dstMax, DBSTATUS_S_OK, &status,
-                                      b.bPrecision, b.bScale, DBDATACONVERT_LENGTHFROMNTS);
-    CVTRACE(TRACE_DETAIL, OLESTR("CDataStore::GetData -> hr = %X"), static_cast<unsigned>(hr));
-    if (FAILED(hr) && StatusIsSuccess(status)) status = DBSTATUS_E_CANTCONVERTVALUE;
-    if (!valueBound && SUCCEEDED(hr)) FreeConverted(b.wType, dst);
-    if (FAILED(hr) || !StatusIsSuccess(status)) {
       ++failed;
-    } else {
-      ++succeeded;
     }
-    WriteLength(buffer, b, status == DBSTATUS_S_ISNULL ? 0 : cbDst);
-    WriteStatus(buffer, b, status);
   }
 
   if (failed) return finish(succeeded ? DB_S_ERRORSOCCURRED : DB_E_ERRORSOCCURRED);
   return finish(S_OK);
+}
+
+HRESULT CDataStore::GetBinding(const DBBINDING& b, const BYTE* rowBuffer, DBLENGTH rowSize, BYTE* buffer) {
+  if (b.iOrdinal < 1 || b.iOrdinal > m_cColumns) return DB_E_BADORDINAL;
+  const DataStoreColumnInfo& col = m_pColumnInfo[b.iOrdinal - 1];
+  const bool valueBound = (b.dwPart & DBPART_VALUE) != 0;
+
+  if (!rowBuffer || col.cbOffset >= rowSize || rowBuffer[col.cbOffset] == kStatusNull) {
+    WriteStatus(buffer, b, DBSTATUS_S_ISNULL);
+    WriteLength(buffer, b, 0);
+    if (valueBound && (b.wType & DBTYPE_BYREF)) {
+      void* null = nullptr;
+      std::memcpy(buffer + b.obValue, &null, sizeof null);
+    }
+    return S_OK;
+  }
+
+  const BYTE* source = rowBuffer + col.cbOffset + 1;
+  const DBTYPE colBase = col.wType & ~DBTYPE_BYREF;
+  const size_t maxChars = static_cast<size_t>((rowSize - col.cbOffset - 1) / 2);
+  DBLENGTH cbCol = col.ulColumnSize;
+  if (col.wType == DBTYPE_WSTR || col.wType == DBTYPE_BSTR) {
+    cbCol = UnalignedWideLength(source, maxChars) * sizeof(OLECHAR);
+  } else if (col.wType == DBTYPE_STR) {
+    cbCol = strnlen(reinterpret_cast<const char*>(source), static_cast<size_t>(rowSize - col.cbOffset - 1));
+  }
+  DBLENGTH cbDst = std::min(cbCol, b.cbMaxLen);
+
+  if (valueBound && b.dwMemOwner == DBMEMOWNER_PROVIDEROWNED && (b.wType & DBTYPE_BYREF)) {
+    if ((b.wType & ~DBTYPE_BYREF) != colBase) {
+      // Handing out a pointer to a value of another type would mislead the consumer.
+      WriteStatus(buffer, b, DBSTATUS_E_CANTCONVERTVALUE);
+      WriteLength(buffer, b, 0);
+      return S_FALSE;
+    }
+    const void* pointer = source;
+    if (col.wType & DBTYPE_BYREF) std::memcpy(&pointer, source, sizeof pointer);
+    std::memcpy(buffer + b.obValue, &pointer, sizeof pointer);
+    DBLENGTH length = col.ulColumnSize;
+    if (colBase == DBTYPE_WSTR || colBase == DBTYPE_BSTR) {
+      length = (col.wType & DBTYPE_BYREF) ? corvane::WLen(static_cast<const OLECHAR*>(pointer)) * sizeof(OLECHAR)
+                                          : cbCol;
+    } else if (colBase == DBTYPE_STR) {
+      length = std::strlen(static_cast<const char*>(pointer));
+    }
+    WriteLength(buffer, b, length);
+    WriteStatus(buffer, b, DBSTATUS_S_OK);
+    return S_OK;
+  }
+
+  CVTRACE(TRACE_DETAIL, OLESTR("CDataStore::GetData -> ordinal = %d, pColCur->wType = %d, pBindCur->wType = %d"),
+          static_cast<int>(b.iOrdinal), static_cast<int>(col.wType), static_cast<int>(b.wType));
+  CVTRACE(TRACE_DETAIL, OLESTR("CDataStore::GetData -> cbCol = %d, cbDst = %d"), static_cast<int>(cbCol),
+          static_cast<int>(cbDst));
+
+  if (valueBound) {
+    DBLENGTH copied = 0;
+    if (b.wType == DBTYPE_WSTR && (col.wType == DBTYPE_WSTR || col.wType == DBTYPE_BSTR) &&
+        b.cbMaxLen >= sizeof(OLECHAR) && cbCol <= b.cbMaxLen - sizeof(OLECHAR)) {
+      // Text that fits with its terminator is copied whole by every conversion library.
+      std::memcpy(buffer + b.obValue, source, static_cast<size_t>(cbCol));
+      std::memset(buffer + b.obValue + cbCol, 0, sizeof(OLECHAR));
+      CVTRACE(TRACE_DETAIL, OLESTR("CDataStore::GetData -> hr = %X"), static_cast<unsigned>(S_OK));
+      WriteLength(buffer, b, cbCol);
+      WriteStatus(buffer, b, DBSTATUS_S_OK);
+      return S_OK;
+    }
+    if (CopyVerbatim(col.wType, b.wType, source, buffer + b.obValue, &copied)) {
+      CVTRACE(TRACE_DETAIL, OLESTR("CDataStore::GetData -> hr = %X"), static_cast<unsigned>(S_OK));
+      WriteLength(buffer, b, copied);
+      WriteStatus(buffer, b, DBSTATUS_S_OK);
+      return S_OK;
+    }
+  }
+
+  IDataConvert* convert = nullptr;
+  const HRESULT hrConvert = Converter(&convert);
+  if (FAILED(hrConvert)) return hrConvert;
+
+  // The conversion service reads aligned values; the cells are not aligned.
+  alignas(8) BYTE fixed[sizeof(VARIANT)];
+  void* src;
+  if (col.wType == DBTYPE_WSTR || col.wType == DBTYPE_BSTR) {
+    m_WideScratch.resize(cbCol / sizeof(OLECHAR) + 1);
+    std::memcpy(m_WideScratch.data(), source, static_cast<size_t>(cbCol));
+    m_WideScratch[cbCol / sizeof(OLECHAR)] = 0;
+    src = m_WideScratch.data();
+  } else if (col.wType == DBTYPE_STR) {
+    src = const_cast<BYTE*>(source);
+  } else {
+    const size_t n = (col.wType & DBTYPE_BYREF) ? sizeof(void*) : static_cast<size_t>(col.ulColumnSize);
+    std::memcpy(fixed, source, std::min(n, sizeof fixed));
+    src = fixed;
+  }
+
+  void* dst;
+  DBLENGTH dstMax = b.cbMaxLen;
+  if (valueBound) {
+    dst = buffer + b.obValue;
+  } else {
+    // Status and length without the value: convert into scratch and let it go.
+    constexpr DBLENGTH kScratchMax = 64 * 1024;
+    dstMax = std::min<DBLENGTH>(std::max<DBLENGTH>(dstMax, sizeof(VARIANT)), kScratchMax);
+    m_DstScratch.assign(static_cast<size_t>(dstMax / 8 + 1), 0);
+    dst = m_DstScratch.data();
+  }
+
+  DBSTATUS status = DBSTATUS_S_OK;
+  HRESULT hr = convert->DataConvert(col.wType, b.wType, cbCol, &cbDst, src, dst, dstMax, DBSTATUS_S_OK, &status,
+                                    b.bPrecision, b.bScale, DBDATACONVERT_LENGTHFROMNTS);
+  CVTRACE(TRACE_DETAIL, OLESTR("CDataStore::GetData -> hr = %X"), static_cast<unsigned>(hr));
+  if (FAILED(hr) && StatusIsSuccess(status)) status = DBSTATUS_E_CANTCONVERTVALUE;
+  if (!valueBound && SUCCEEDED(hr)) FreeConverted(b.wType, dst);
+  WriteLength(buffer, b, status == DBSTATUS_S_ISNULL ? 0 : cbDst);
+  WriteStatus(buffer, b, status);
+  return FAILED(hr) || !StatusIsSuccess(status) ? S_FALSE : S_OK;
 }
 
 void CDataStore::Clear() {

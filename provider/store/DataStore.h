@@ -53,8 +53,26 @@ class CDataStore {
   // delivered, DB_S_ENDOFROWSET otherwise, or the producer's failure.
   HRESULT GetNextRows(ULONGLONG skip, ULONGLONG count, std::vector<CRefCountedDataStoreRow*>& rows);
 
-  // Copies the bound cells of `row` into `buffer`.
-  HRESULT GetData(const DBBINDING* bindings, DBCOUNTITEM count, CRefCountedDataStoreRow* row, BYTE* buffer);
+  // What GetData does for one binding, decided once for an accessor from the binding
+  // and the column it reads: a plain copy of the cell when the conversion service
+  // would only copy it, else the general path. A plain copy still falls back to the
+  // general path for a cell that is null or whose value needs the service.
+  struct BindingStep {
+    enum Kind : uint8_t { kGeneral, kFixed, kTimestamp, kWideText, kVariant, kVariantScalar };
+    Kind kind = kGeneral;
+    uint8_t size = 0;      // bytes copied by kFixed and kVariantScalar
+    VARTYPE vt = VT_EMPTY;  // the VARIANT type kVariantScalar copies from
+    DBBYTEOFFSET cell = 0;  // the column's status byte in the row
+  };
+  // The plan for `bindings` against the current layout, one step per binding.
+  // LayoutGeneration() changes with the layout, and a plan made before no longer fits.
+  std::vector<BindingStep> PlanBindings(const DBBINDING* bindings, DBCOUNTITEM count) const;
+  uint64_t LayoutGeneration() const { return m_LayoutGeneration; }
+
+  // Copies the bound cells of `row` into `buffer`. `plan`, when given, was made by
+  // PlanBindings for these bindings and this layout generation.
+  HRESULT GetData(const DBBINDING* bindings, DBCOUNTITEM count, CRefCountedDataStoreRow* row, BYTE* buffer,
+                  const BindingStep* plan = nullptr);
 
   // Drops every queued row and stops the stopwatch.
   void Clear();
@@ -99,6 +117,10 @@ class CDataStore {
   class CellRunTimer;
 
   static bool CopyVerbatim(DBTYPE colType, DBTYPE bindType, const BYTE* source, BYTE* dst, DBLENGTH* length);
+  // One binding through the general path: null cells, provider-owned pointers and the
+  // conversion service. S_OK or S_FALSE (the binding failed, its status says why), or
+  // a failure that ends the whole call.
+  HRESULT GetBinding(const DBBINDING& b, const BYTE* rowBuffer, DBLENGTH rowSize, BYTE* buffer);
   CellWrite WriteCell(const StoreValue& value, const DataStoreColumnInfo& rColInfo, CRefCountedDataStoreRow* row);
   void FreeColumnInfo();
   CRefCountedDataStoreRow* NewRow();
@@ -110,6 +132,7 @@ class CDataStore {
   DataStoreColumnInfo* m_pColumnInfo = nullptr;
   DBORDINAL m_cColumns = 0;
   DBLENGTH m_cbRowSize = 0;
+  uint64_t m_LayoutGeneration = 0;
 
   RowQueue m_ReadRows;
   CRefCountedDataStoreRow::Pool* m_pPool = nullptr;

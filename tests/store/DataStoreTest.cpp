@@ -391,5 +391,74 @@ TEST_F(DataStoreGetData, ConversionsReportTheirStatusesAndMixedResults) {
   EXPECT_EQ(DB_E_BADORDINAL, store_->GetData(&badOrdinal, 1, row_, buffer_));
 }
 
+// An accessor's plan copies what the conversion service would copy unchanged and leaves
+// everything else to it; both paths must fill the consumer's buffer alike.
+class DataStorePlannedGetData : public LeakCheckedTest {};
+
+TEST_F(DataStorePlannedGetData, PlannedCopiesMatchTheGeneralPathCellForCell) {
+  CDataStore store;
+  ASSERT_EQ(S_OK, store.Initialize(nullptr, {Column(OLESTR("TAG"), 1, DBTYPE_WSTR, 16),
+                                             Column(OLESTR("TIMESTAMP"), 2, DBTYPE_DBTIMESTAMP, 16),
+                                             Column(OLESTR("QUALITY"), 3, DBTYPE_UI4, 4),
+                                             Column(OLESTR("VALUE"), 4, DBTYPE_VARIANT, 24)}));
+  auto variantOf = [](VARTYPE vt) {
+    VARIANT v;
+    VariantInit(&v);
+    V_VT(&v) = vt;
+    return StoreValue::TakeVariant(&v);
+  };
+  // 10000-01-01 lies past the years every conversion library accepts as they are.
+  const ULONGLONG kYear10000 = 2650467744000000000ull;
+  std::vector<ProducedRecord> records(5);
+  records[0] = RawRecord(7);
+  records[1].push_back(Bstr(OLESTR("Area.Tag.With.16")));
+  records[1].push_back(StoreValue::FromTime(FileTimeOf(kYear10000)));
+  records[1].push_back(UI4(0x80AB0000));
+  records[1].push_back(variantOf(VT_NULL));
+  records[2].push_back(Bstr(OLESTR("")));
+  records[2].push_back(StoreValue());
+  records[2].push_back(StoreValue());
+  records[2].push_back(Bstr(OLESTR("text value")));
+  records[3] = RawRecord(8);
+  records[3][3] = variantOf(VT_ERROR);
+  records[4] = RawRecord(9);
+  V_VT(&records[4][3].Value) = VT_I4;
+  for (const ProducedRecord& r : records) ASSERT_EQ(S_OK, store.AppendRecord(r));
+  std::vector<CRefCountedDataStoreRow*> rows;
+  ASSERT_EQ(S_OK, store.GetNextRows(0, records.size(), rows));
+
+  const DBLENGTH span = BindingSpan(40);
+  const DBBINDING bindings[] = {
+      Binding(1, DBTYPE_WSTR, 0, 40),        Binding(1, DBTYPE_WSTR, span, 8),
+      Binding(2, DBTYPE_DBTIMESTAMP, 2 * span, 16), Binding(3, DBTYPE_UI4, 3 * span, 4),
+      Binding(4, DBTYPE_VARIANT, 4 * span, 24),     Binding(4, DBTYPE_R8, 5 * span, 8),
+      Binding(4, DBTYPE_I4, 6 * span, 4),     Binding(3, DBTYPE_UI4, 7 * span, 4, DBPART_LENGTH | DBPART_STATUS),
+      Binding(1, DBTYPE_WSTR, 8 * span, 40, DBPART_VALUE)};
+  const DBCOUNTITEM count = sizeof bindings / sizeof bindings[0];
+  const std::vector<CDataStore::BindingStep> plan = store.PlanBindings(bindings, count);
+  ASSERT_EQ(count, plan.size());
+  EXPECT_EQ(CDataStore::BindingStep::kWideText, plan[0].kind);
+  EXPECT_EQ(CDataStore::BindingStep::kGeneral, plan[7].kind);
+
+  for (size_t r = 0; r < rows.size(); ++r) {
+    SCOPED_TRACE(r);
+    std::vector<BYTE> general(9 * span, 0xCD), planned(9 * span, 0xCD);
+    const HRESULT hrGeneral = store.GetData(bindings, count, rows[r], general.data());
+    EXPECT_EQ(hrGeneral, store.GetData(bindings, count, rows[r], planned.data(), plan.data()));
+    VARIANT* a = reinterpret_cast<VARIANT*>(general.data() + 4 * span);
+    VARIANT* b = reinterpret_cast<VARIANT*>(planned.data() + 4 * span);
+    if (V_VT(a) == VT_BSTR && V_VT(b) == VT_BSTR) {
+      // Each path hands the consumer its own copy of the text.
+      EXPECT_EQ(WString(V_BSTR(a)), WString(V_BSTR(b)));
+      VariantClear(a);
+      VariantClear(b);
+      std::memset(a, 0, sizeof *a);
+      std::memset(b, 0, sizeof *b);
+    }
+    EXPECT_EQ(general, planned);
+  }
+  for (CRefCountedDataStoreRow* row : rows) row->Release();
+}
+
 }  // namespace
 }  // namespace corvane::test
