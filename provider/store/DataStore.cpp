@@ -622,6 +622,64 @@ CDataStore::CellWrite CDataStore::WriteCell(const StoreValue& value, const DataS
   }
 }
 
+bool CDataStore::WriteCommonCell(const StoreValue& value, const DataStoreColumnInfo& col,
+                                 CRefCountedDataStoreRow* row) {
+  // The cells of nearly every row of history: lent or BSTR text into a text cell that
+  // holds it, a time of the same day as the last one, a number of exactly the cell's
+  // type, a plain VARIANT over a plain VARIANT. The same bytes WriteCell writes, without
+  // its general checks; anything else is left to it.
+  BYTE* buffer = row->Buffer();
+  const DBLENGTH size = row->Size();
+  if (!buffer || col.cbOffset >= size) return false;
+  BYTE* cell = buffer + col.cbOffset + 1;
+  const DBLENGTH room = size - col.cbOffset - 1;
+  switch (value.Kind) {
+    case StoreValue::kText: {
+      if (col.wType != DBTYPE_WSTR && col.wType != DBTYPE_BSTR) return false;
+      const size_t len = value.Text ? value.TextLength : 0;
+      if (len > col.ulColumnSize || 2 * col.ulColumnSize + 2 > room) return false;
+      if (len) std::memcpy(cell, value.Text, len * sizeof(OLECHAR));
+      std::memset(cell + len * sizeof(OLECHAR), 0, sizeof(OLECHAR));
+      buffer[col.cbOffset] = kStatusValue;
+      return true;
+    }
+    case StoreValue::kTime: {
+      if (col.wType != DBTYPE_DBTIMESTAMP || room < sizeof(DBTIMESTAMP)) return false;
+      const ULONGLONG ticks = (static_cast<ULONGLONG>(value.Time.dwHighDateTime) << 32) | value.Time.dwLowDateTime;
+      if (ticks / kTicksPerDay != m_TimestampDay) return false;
+      DBTIMESTAMP ts = m_TimestampDate;
+      const ULONGLONG rest = ticks % kTicksPerDay;
+      ts.hour = static_cast<USHORT>(rest / (3600 * kTicksPerSecond));
+      ts.minute = static_cast<USHORT>(rest / (60 * kTicksPerSecond) % 60);
+      ts.second = static_cast<USHORT>(rest / kTicksPerSecond % 60);
+      ts.fraction = static_cast<ULONG>(rest % kTicksPerSecond / 10000) * 1000000u;
+      std::memcpy(cell, &ts, sizeof ts);
+      buffer[col.cbOffset] = kStatusValue;
+      return true;
+    }
+    case StoreValue::kVariant: {
+      const VARTYPE vt = V_VT(&value.Value);
+      if (col.wType == DBTYPE_VARIANT) {
+        if (!CRefCountedDataStoreRow::OwnsNothing(vt) || room < sizeof(VARIANT)) return false;
+        VARTYPE oldType;
+        std::memcpy(&oldType, cell, sizeof oldType);
+        if (!CRefCountedDataStoreRow::OwnsNothing(oldType)) return false;
+        std::memcpy(cell, &value.Value, sizeof(VARIANT));
+        buffer[col.cbOffset] = kStatusValue;
+        return true;
+      }
+      // The fixed-size cell types are numbered as their VARIANT types.
+      const size_t n = VerbatimSize(col.wType);
+      if (n == 0 || vt != static_cast<VARTYPE>(col.wType) || room < n) return false;
+      std::memcpy(cell, &V_I8(&value.Value), n);
+      buffer[col.cbOffset] = kStatusValue;
+      return true;
+    }
+    default:
+      return false;
+  }
+}
+
 CRefCountedDataStoreRow* CDataStore::NewRow() {
   if (!m_pPool) {
     m_pPool = new (std::nothrow) CRefCountedDataStoreRow::Pool(m_pColumnInfo, m_cColumns, m_cbRowSize);
@@ -638,6 +696,7 @@ HRESULT CDataStore::FillRow(const ProducedRecord& record, CRefCountedDataStoreRo
     timer.BeforeCell();
     CVTRACE(TRACE_DETAIL, OLESTR("CDataStore::SetValue -> rColInfo.wType = %d, rColInfo.cbOffset = %d"),
             static_cast<int>(col.wType), static_cast<int>(col.cbOffset));
+    if (WriteCommonCell(record[field], col, row)) continue;
     const CellWrite result = WriteCell(record[field], col, row);
     timer.AfterCell(result);
     if (result != CellWrite::Written) {

@@ -122,6 +122,8 @@ class CDataStore {
   // a failure that ends the whole call.
   HRESULT GetBinding(const DBBINDING& b, const BYTE* rowBuffer, DBLENGTH rowSize, BYTE* buffer);
   CellWrite WriteCell(const StoreValue& value, const DataStoreColumnInfo& rColInfo, CRefCountedDataStoreRow* row);
+  // WriteCell for the common cells of history rows; false (nothing written) otherwise.
+  bool WriteCommonCell(const StoreValue& value, const DataStoreColumnInfo& col, CRefCountedDataStoreRow* row);
   void FreeColumnInfo();
   CRefCountedDataStoreRow* NewRow();
   HRESULT FillRow(const ProducedRecord& record, CRefCountedDataStoreRow* row, CellRunTimer& timer);

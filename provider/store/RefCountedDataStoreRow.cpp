@@ -15,16 +15,7 @@ bool CellFits(DBBYTEOFFSET offset, size_t valueBytes, DBLENGTH size) {
   return offset < size && size - offset - 1 >= valueBytes;
 }
 
-bool PlainVarType(VARTYPE vt) {
-  switch (vt) {
-    case VT_EMPTY: case VT_NULL: case VT_I2: case VT_I4: case VT_R4: case VT_R8: case VT_CY: case VT_DATE:
-    case VT_ERROR: case VT_BOOL: case VT_I1: case VT_UI1: case VT_UI2: case VT_UI4: case VT_I8: case VT_UI8:
-    case VT_INT: case VT_UINT:
-      return true;
-    default:
-      return false;
-  }
-}
+bool PlainVarType(VARTYPE vt) { return CRefCountedDataStoreRow::OwnsNothing(vt); }
 
 }  // namespace
 
@@ -35,8 +26,6 @@ CRefCountedDataStoreRow::CRefCountedDataStoreRow(BYTE* buffer, const DataStoreCo
 CRefCountedDataStoreRow::~CRefCountedDataStoreRow() {
   ReleaseBuffer(m_pBuffer, m_cbSize, m_pColumns, m_cColumns);
 }
-
-bool CRefCountedDataStoreRow::OwnsNothing(VARTYPE vt) { return PlainVarType(vt); }
 
 ULONG CRefCountedDataStoreRow::Release() {
   const ULONG left = --m_cRef;

@@ -4,6 +4,7 @@
 #pragma once
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 
 #include "platform/Platform.h"
 
@@ -39,12 +40,18 @@ class CRefCountedDataStoreRow {
   // Clears VARIANT cells, frees by-reference strings, then frees the buffer itself.
   static void ReleaseBuffer(BYTE* buffer, DBLENGTH size, const DataStoreColumnInfo* columns, DBORDINAL count);
 
+  // A VARIANT type whose value holds no resource: copying and clearing it only move bytes.
+  static bool OwnsNothing(VARTYPE vt) {
+    // EMPTY..DATE, ERROR, BOOL and I1..UINT: the types whose VARIANT is its bytes. The
+    // row's cells and every fetch ask this, so it is a bit test rather than a call.
+    constexpr uint32_t kPlain = 0x00FF0CFFu;
+    return vt < 32 && ((kPlain >> vt) & 1u) != 0;
+  }
+
  private:
   friend class CDataStore;
   class Pool;
 
-  // A VARIANT type whose value holds no resource: copying and clearing it only move bytes.
-  static bool OwnsNothing(VARTYPE vt);
 
   ~CRefCountedDataStoreRow();
 

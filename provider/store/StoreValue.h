@@ -65,7 +65,8 @@ struct StoreValue {
 
   // Back to nothing, keeping the object for the next row.
   void Reset() {
-    VariantClear(&Value);
+    // Most refilled values hold a time or lent text and no VARIANT at all.
+    if (V_VT(&Value) != VT_EMPTY) VariantClear(&Value);
     Kind = kNone;
   }
 
