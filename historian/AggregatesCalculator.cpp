@@ -116,11 +116,6 @@ AggregateSettings AggregateSettings::FromRequest(const ProcessedReadRequest* req
   return s;
 }
 
-bool AggregateSettings::IsGood(DWORD quality) const {
-  const Severity sev = SeverityOf(quality);
-  return sev == Severity::Good || (sev == Severity::Uncertain && treatUncertainAsGood);
-}
-
 DWORD AggregateSettings::ThresholdStatus(ULONGLONG good, ULONGLONG total) const {
   if (total == 0) return OPCUA_BAD_NO_DATA;
   // Exact integer comparison: durations in 100 ns times 100 overflow 64 bits.
@@ -162,23 +157,6 @@ ULONGLONG IntervalPlan::IntervalEnd(size_t k) const {
 
 // ---- Accumulator -----------------------------------------------------------------------
 
-void CRawAccumulator::Add(const AggSample& s) {
-  ++total;
-  if (!settings_.IsGood(s.quality)) return;
-  ++good;
-  if (!s.numeric) return;
-  const double v = s.Number();
-  if (usable == 0) {
-    min = max = first = s;
-  } else {
-    if (v < min.Number()) min = s;
-    if (v > max.Number()) max = s;
-  }
-  last = s;
-  ++usable;
-  sum += v;
-}
-
 HRESULT CRawAccumulator::Result(AggregateId id, ULONGLONG ts, DWORD extraBits, HistoryValue* out) const {
   out->timestamp = U64ToFileTime(ts);
   out->quality = OPCUA_BAD_NO_DATA;
@@ -213,18 +191,16 @@ HRESULT CRawAccumulator::Result(AggregateId id, ULONGLONG ts, DWORD extraBits, H
 CAggregatesCalculator::CAggregatesCalculator(std::vector<AggSample> samples, const AggregateSettings& settings)
     : samples_(std::move(samples)), settings_(settings) {
   const size_t n = samples_.size();
-  prevUsable_.resize(n);
-  nextUsable_.resize(n + 1);
-  size_t prev = kNone;
+  usable_.resize(n);
+  size_t count = 0;
   for (size_t i = 0; i < n; ++i) {
-    if (Usable(i)) prev = i;
-    prevUsable_[i] = prev;
+    const AggSample& s = samples_[i];
+    usable_[i] = s.numeric && settings_.IsGood(s.quality);
+    count += usable_[i];
   }
-  size_t next = n;
-  nextUsable_[n] = n;
-  for (size_t i = n; i-- > 0;) {
-    if (Usable(i)) next = i;
-    nextUsable_[i] = next;
+  line_.reserve(count);
+  for (size_t i = 0; i < n; ++i) {
+    if (Usable(i)) line_.push_back({samples_[i].time, samples_[i].Number(), i});
   }
 }
 
@@ -243,60 +219,70 @@ size_t CAggregatesCalculator::LastAtOrBefore(ULONGLONG t) const {
   return after == 0 ? kNone : after - 1;
 }
 
-double CAggregatesCalculator::ValueAt(size_t from, size_t to, ULONGLONG t) const {
-  const AggSample& a = samples_[from];
-  const double va = a.Number();
-  if (settings_.stepped || to >= samples_.size()) return va;
-  const AggSample& b = samples_[to];
-  if (b.time <= a.time) return va;
-  const double fraction = static_cast<double>(t - a.time) / static_cast<double>(b.time - a.time);
-  return va + (b.Number() - va) * fraction;
+size_t CAggregatesCalculator::LinePointAtOrBefore(ULONGLONG t) const {
+  const size_t after = static_cast<size_t>(
+      std::upper_bound(line_.begin(), line_.end(), t,
+                       [](ULONGLONG value, const LinePoint& p) { return value < p.time; }) -
+      line_.begin());
+  return after == 0 ? kNone : after - 1;
 }
 
-void CAggregatesCalculator::Integrate(ULONGLONG x, ULONGLONG y, double* area, ULONGLONG* covered) const {
-  // Time average, total and total average integrate the same interval one after another.
-  if (integrated_ && integratedFrom_ == x && integratedTo_ == y) {
-    *area = integratedArea_;
-    *covered = integratedCovered_;
-    return;
+size_t CAggregatesCalculator::LinePointBefore(ULONGLONG t) const {
+  const size_t at = static_cast<size_t>(
+      std::lower_bound(line_.begin(), line_.end(), t,
+                       [](const LinePoint& p, ULONGLONG value) { return p.time < value; }) -
+      line_.begin());
+  return at == 0 ? kNone : at - 1;
+}
+
+void CAggregatesCalculator::Bounds(ULONGLONG ts, ULONGLONG te, size_t* a, size_t* b) const {
+  if (!bounded_ || boundsFrom_ != ts || boundsTo_ != te) {
+    boundsA_ = FirstAtOrAfter(ts);
+    boundsB_ = FirstAtOrAfter(te);
+    boundsFrom_ = ts;
+    boundsTo_ = te;
+    bounded_ = true;
   }
-  IntegrateUncached(x, y, area, covered);
+  *a = boundsA_;
+  *b = boundsB_;
+}
+
+const CAggregatesCalculator::Integral& CAggregatesCalculator::IntegralOf(ULONGLONG x, ULONGLONG y) const {
+  if (integrated_ && integratedFrom_ == x && integratedTo_ == y) return integral_;
+  Integral r;
+  ForEachRegion(x, y, [&](size_t i, ULONGLONG from, ULONGLONG to) {
+    if (i != kNone && Usable(i)) r.usableTime += to - from;
+  });
+  const size_t m = line_.size();
+  if (x < y && m > 0) {
+    size_t j = LinePointAtOrBefore(x);
+    ULONGLONG cur = x;
+    bool any = true;
+    if (j == kNone) {
+      // The line starts at the first usable sample; what lies before it has no value.
+      j = 0;
+      cur = line_[0].time;
+      any = cur < y;
+    }
+    while (any && cur < y) {
+      const size_t k = j + 1;
+      const ULONGLONG segEnd = k < m ? std::min(y, line_[k].time) : y;
+      if (segEnd > cur) {
+        const double v0 = LineValueAt(j, cur);
+        const double v1 = LineValueAt(j, segEnd);
+        r.area += (v0 + v1) / 2.0 * static_cast<double>(segEnd - cur);
+        r.covered += segEnd - cur;
+        cur = segEnd;
+      }
+      if (k >= m) break;  // the last usable value holds to the end
+      j = k;
+    }
+  }
+  integral_ = r;
   integrated_ = true;
   integratedFrom_ = x;
   integratedTo_ = y;
-  integratedArea_ = *area;
-  integratedCovered_ = *covered;
-}
-
-void CAggregatesCalculator::IntegrateUncached(ULONGLONG x, ULONGLONG y, double* area, ULONGLONG* covered) const {
-  *area = 0;
-  *covered = 0;
-  const size_t n = samples_.size();
-  if (x >= y || n == 0) return;
-  size_t j = kNone;
-  const size_t before = LastAtOrBefore(x);
-  if (before != kNone) j = prevUsable_[before];
-  ULONGLONG cur = x;
-  if (j == kNone) {
-    // The line starts at the first usable sample; what lies before it has no value.
-    const size_t k = nextUsable_[FirstAtOrAfter(x)];
-    if (k >= n || samples_[k].time >= y) return;
-    j = k;
-    cur = samples_[k].time;
-  }
-  while (cur < y) {
-    const size_t k = j + 1 < n ? nextUsable_[j + 1] : n;
-    const ULONGLONG segEnd = k < n ? std::min(y, samples_[k].time) : y;
-    if (segEnd > cur) {
-      const double v0 = ValueAt(j, k, cur);
-      const double v1 = ValueAt(j, k, segEnd);
-      *area += (v0 + v1) / 2.0 * static_cast<double>(segEnd - cur);
-      *covered += segEnd - cur;
-      cur = segEnd;
-    }
-    if (k >= n) break;  // the last usable value holds to the end
-    j = k;
-  }
+  return integral_;
 }
 
 template <class F>
@@ -325,8 +311,8 @@ HRESULT CAggregatesCalculator::Compute(AggregateId id, ULONGLONG ts, ULONGLONG t
   const DWORD part = partial ? DWORD(kAggPartial) : 0u;
   const DWORD calculated = kAggInfoDataValue | kAggOriginCalculated | part;
   const ULONGLONG length = te - ts;
-  const size_t a = FirstAtOrAfter(ts);
-  const size_t b = FirstAtOrAfter(te);
+  size_t a = 0, b = 0;
+  Bounds(ts, te, &a, &b);
 
   switch (id) {
     case AGG_MIN:
@@ -349,11 +335,12 @@ HRESULT CAggregatesCalculator::Compute(AggregateId id, ULONGLONG ts, ULONGLONG t
       ULONGLONG usable = 0;
       LONG transitions = 0;
       int state = -1;
-      if (a > 0 && prevUsable_[a - 1] != kNone) state = samples_[prevUsable_[a - 1]].Number() != 0;
-      for (size_t i = a; i < b; ++i) {
-        if (!Usable(i)) continue;
+      // Samples before a are exactly those before ts.
+      size_t q = LinePointBefore(ts);
+      if (q != kNone) state = line_[q].value != 0;
+      for (q = q == kNone ? 0 : q + 1; q < line_.size() && line_[q].index < b; ++q) {
         ++usable;
-        const int s = samples_[i].Number() != 0;
+        const int s = line_[q].value != 0;
         if (state >= 0 && s != state) ++transitions;
         state = s;
       }
@@ -393,34 +380,29 @@ HRESULT CAggregatesCalculator::Compute(AggregateId id, ULONGLONG ts, ULONGLONG t
     case AGG_TIME_AVG:
     case AGG_TOTAL:
     case AGG_TOTAL_AVG: {
-      double area = 0;
-      ULONGLONG covered = 0;
-      Integrate(ts, te, &area, &covered);
-      if (covered == 0) return S_OK;
-      ULONGLONG goodTime = 0;
-      ForEachRegion(ts, te, [&](size_t i, ULONGLONG from, ULONGLONG to) {
-        if (i != kNone && Usable(i)) goodTime += to - from;
-      });
+      const Integral& integral = IntegralOf(ts, te);
+      if (integral.covered == 0) return S_OK;
       double v = 0;
-      if (id == AGG_TIME_AVG) v = area / static_cast<double>(covered);
-      if (id == AGG_TOTAL) v = area / kTicksPerSecond;
-      if (id == AGG_TOTAL_AVG) v = area / static_cast<double>(length);
+      if (id == AGG_TIME_AVG) v = integral.area / static_cast<double>(integral.covered);
+      if (id == AGG_TOTAL) v = integral.area / kTicksPerSecond;
+      if (id == AGG_TOTAL_AVG) v = integral.area / static_cast<double>(length);
       SetDouble(&out->value, v);
-      out->quality = settings_.ThresholdStatus(goodTime, length) | calculated;
+      out->quality = settings_.ThresholdStatus(integral.usableTime, length) | calculated;
       return S_OK;
     }
 
     case AGG_INTERPOLATIVE: {
       const size_t at = LastAtOrBefore(ts);
-      if (at == kNone || prevUsable_[at] == kNone) return S_OK;
-      const size_t p = prevUsable_[at];
-      if (samples_[p].time == ts) {
-        SetDouble(&out->value, samples_[p].Number());
+      const size_t q = LinePointAtOrBefore(ts);
+      if (at == kNone || q == kNone) return S_OK;
+      const size_t p = line_[q].index;
+      if (line_[q].time == ts) {
+        SetDouble(&out->value, line_[q].value);
         out->quality = OPCUA_GOOD | kAggInfoDataValue | kAggOriginRaw | part;
         return S_OK;
       }
-      const size_t n = nextUsable_[p + 1];
-      const bool haveNext = n < samples_.size();
+      const bool haveNext = q + 1 < line_.size();
+      const size_t n = haveNext ? line_[q + 1].index : samples_.size();
       // Non-usable samples skipped between the bounds make the value uncertain, and so
       // does a sloped value with nothing after it to slope towards.
       bool uncertain;
@@ -429,7 +411,7 @@ HRESULT CAggregatesCalculator::Compute(AggregateId id, ULONGLONG ts, ULONGLONG t
       } else {
         uncertain = !haveNext || n != p + 1;
       }
-      SetDouble(&out->value, ValueAt(p, n, ts));
+      SetDouble(&out->value, LineValueAt(q, ts));
       out->quality = (uncertain ? kAggUncertainDataSubNormal : OPCUA_GOOD) | kAggInfoDataValue |
                      kAggOriginInterpolated | part;
       return S_OK;

@@ -37,6 +37,7 @@ struct AggSample {
 
   // Inline: aggregates read it several times for every sample.
   double Number() const {
+    if (vt == VT_R8) return real;  // by far the most common type of a tag
     switch (vt) {
       case VT_I1: case VT_I2: case VT_I4: case VT_INT: case VT_I8: case VT_BOOL:
         return static_cast<double>(integer);
@@ -62,7 +63,12 @@ struct AggregateSettings {
 
   // Thresholds of 0 (not set) or above 100 become 100; a null request gives the defaults.
   static AggregateSettings FromRequest(const ProcessedReadRequest* request, bool stepped);
-  bool IsGood(DWORD quality) const;
+  // Top bits 00 are good, 01 uncertain (good on request), 10 and 11 bad. Inline: every
+  // sample of a read is judged at least once.
+  bool IsGood(DWORD quality) const {
+    const DWORD severity = quality >> 30;
+    return severity == 0 || (severity == 1 && treatUncertainAsGood);
+  }
   // Severity of a result from the share of good input: good, bad or uncertain.
   DWORD ThresholdStatus(ULONGLONG good, ULONGLONG total) const;
 };
@@ -90,7 +96,23 @@ struct IntervalPlan {
 class CRawAccumulator {
  public:
   explicit CRawAccumulator(const AggregateSettings& settings) : settings_(settings) {}
-  void Add(const AggSample& sample);
+  // Inline: called once for every sample of every interval.
+  void Add(const AggSample& s) {
+    ++total;
+    if (!settings_.IsGood(s.quality)) return;
+    ++good;
+    if (!s.numeric) return;
+    const double v = s.Number();
+    if (usable == 0) {
+      min = max = first = s;
+    } else {
+      if (v < min.Number()) min = s;
+      if (v > max.Number()) max = s;
+    }
+    last = s;
+    ++usable;
+    sum += v;
+  }
   // Writes MIN, MAX, AVG, DELTA, RANGE or COUNT of what was added (E_INVALIDARG for
   // other ids). `ts` stamps everything but MIN and MAX; `extraBits` is ORed into every
   // status except BadNoData.
@@ -121,16 +143,49 @@ class CAggregatesCalculator {
 
  private:
   static constexpr size_t kNone = static_cast<size_t>(-1);
-  bool Usable(size_t i) const { return samples_[i].numeric && settings_.IsGood(samples_[i].quality); }
+
+  // A usable sample as the interpolated line sees it: its value is converted once here
+  // rather than at every segment of every interval that touches it.
+  struct LinePoint {
+    ULONGLONG time;
+    double value;
+    size_t index;  // in samples_
+  };
+
+  // What the time-weighted aggregates of one interval share.
+  struct Integral {
+    double area = 0;            // under the line, in value x 100 ns
+    ULONGLONG covered = 0;      // part of the interval that the line covers
+    ULONGLONG usableTime = 0;   // part governed by a usable sample
+  };
+
+  bool Usable(size_t i) const { return usable_[i] != 0; }
   size_t FirstAtOrAfter(ULONGLONG t) const;
   size_t LastAtOrBefore(ULONGLONG t) const;  // kNone when none
-  double ValueAt(size_t from, size_t to, ULONGLONG t) const;
-  // Area under the interpolated line through usable samples over [x, y), in value x
-  // 100 ns, and the part of [x, y) that the line covers.
-  // The last interval's area is kept: callers compute several aggregates of an interval
+  // Index in line_ of the last usable sample at or before t (kNone when none), and of
+  // the first usable sample after a time before which none is.
+  size_t LinePointAtOrBefore(ULONGLONG t) const;
+  size_t LinePointBefore(ULONGLONG t) const;
+  // The line's value at t from point q towards point q + 1.
+  double LineValueAt(size_t q, ULONGLONG t) const {
+    const LinePoint& a = line_[q];
+    if (settings_.stepped || q + 1 >= line_.size()) return a.value;
+    const LinePoint& b = line_[q + 1];
+    if (b.time <= a.time) return a.value;
+    // Integration asks mostly at the points themselves, where the quotient is exactly 0
+    // or 1: no need to divide.
+    const ULONGLONG offset = t - a.time, span = b.time - a.time;
+    const double fraction = offset == 0      ? 0.0
+                            : offset == span ? 1.0
+                                             : static_cast<double>(offset) / static_cast<double>(span);
+    return a.value + (b.value - a.value) * fraction;
+  }
+  // Time average, total and total average of one interval integrate it once: the
+  // last interval's integral is kept, as callers compute all aggregates of an interval
   // before the next.
-  void Integrate(ULONGLONG x, ULONGLONG y, double* area, ULONGLONG* covered) const;
-  void IntegrateUncached(ULONGLONG x, ULONGLONG y, double* area, ULONGLONG* covered) const;
+  const Integral& IntegralOf(ULONGLONG ts, ULONGLONG te) const;
+  // The raw samples [a, b) of [ts, te), kept likewise for the aggregates of one interval.
+  void Bounds(ULONGLONG ts, ULONGLONG te, size_t* a, size_t* b) const;
   // Calls f(sampleIndex or kNone, from, to) for each stretch of [ts, te) that one sample
   // (the last at or before it) governs.
   template <class F>
@@ -138,16 +193,17 @@ class CAggregatesCalculator {
 
   std::vector<AggSample> samples_;
   AggregateSettings settings_;
-  std::vector<size_t> prevUsable_;  // last usable index <= i, or kNone
-  std::vector<size_t> nextUsable_;  // first usable index >= i, or size(); size()+1 entries
+  std::vector<unsigned char> usable_;  // per sample: good and numeric
+  std::vector<LinePoint> line_;        // the usable samples, in order
 
-  // The last interval's raw pass and area (see Compute and Integrate).
+  mutable bool bounded_ = false;
+  mutable ULONGLONG boundsFrom_ = 0, boundsTo_ = 0;
+  mutable size_t boundsA_ = 0, boundsB_ = 0;
   mutable std::optional<CRawAccumulator> accumulated_;
   mutable ULONGLONG accumulatedFrom_ = 0, accumulatedTo_ = 0;
   mutable bool integrated_ = false;
   mutable ULONGLONG integratedFrom_ = 0, integratedTo_ = 0;
-  mutable double integratedArea_ = 0;
-  mutable ULONGLONG integratedCovered_ = 0;
+  mutable Integral integral_;
 };
 
 }  // namespace corvane::historian

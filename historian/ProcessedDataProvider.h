@@ -73,8 +73,8 @@
 // returned on failure, and every raw continuation point is released. The request's
 // capability word is not used.
 //
-// Memory and threads. A read holds the samples of its range (24 bytes each) while it
-// computes; the procedures keep ranges short by asking for a bounded number of
+// Memory and threads. A read holds the samples of its range (24 bytes each, and as much
+// again for each usable one, whose value the line keeps ready) while it computes; the procedures keep ranges short by asking for a bounded number of
 // intervals at a time. Calls may come from any thread at once; the raw provider is
 // called on the caller's thread and must be as thread-safe as its own contract says.
 //
