@@ -26,11 +26,12 @@ const OLECHAR kStatisticsSchema[] = OLESTR("_default_schema_");
 std::atomic<uintptr_t> g_nextStatisticsToken{1};
 
 // Pages through [from, to] (newest first when from > to), handing each sample to
-// onSample until it returns false. The continuation point is released on every way
+// onSample until it returns anything but S_OK, and calling onPageEnd after each page
+// while its samples are still alive. The continuation point is released on every way
 // out that leaves one pending.
-template <class F>
+template <class F, class G>
 HRESULT ReadRange(IRawDataProvider* raw, const TagIdent* tag, ULONGLONG from, ULONGLONG to, ULONG page,
-                  F&& onSample) {
+                  F&& onSample, G&& onPageEnd) {
   void* cp = nullptr;
   for (;;) {
     HistoryValueList* list = nullptr;
@@ -53,12 +54,22 @@ HRESULT ReadRange(IRawDataProvider* raw, const TagIdent* tag, ULONGLONG from, UL
     } else {
       more = false;
     }
+    if (SUCCEEDED(cbResult)) {
+      const HRESULT ended = onPageEnd();
+      if (FAILED(ended)) cbResult = ended;
+    }
     FreeHistoryValueList(list);
     if (cbResult != S_OK || !more) {
       if (cp) raw->ReleaseContinuationPoint(&cp);
       return FAILED(cbResult) ? cbResult : S_OK;
     }
   }
+}
+
+template <class F>
+HRESULT ReadRange(IRawDataProvider* raw, const TagIdent* tag, ULONGLONG from, ULONGLONG to, ULONG page,
+                  F&& onSample) {
+  return ReadRange(raw, tag, from, to, page, std::forward<F>(onSample), [] { return S_OK; });
 }
 
 // VARIANTs that are cleared however the read ends.
@@ -195,6 +206,10 @@ HRESULT CProcessedDataProvider::ReadProcessedImpl(const TagIdent* tag, const Pro
   VariantArray lastValues(wantLast ? plan.count : 0);
   std::vector<ULONGLONG> lastTimes(wantLast ? plan.count : 0);
   std::vector<bool> haveLast(wantLast ? plan.count : 0);
+  // The raw value that LAST will give for each interval touched by the current page:
+  // copied once when the page ends rather than at every newer sample.
+  std::vector<const VARIANT*> pageLast(wantLast ? plan.count : 0);
+  std::vector<size_t> pageTouched;
   if (plan.count > 0) {
     // The sample governing the start, and further back the last usable one for the line.
     if (plan.start > 0) {
@@ -208,22 +223,41 @@ HRESULT CProcessedDataProvider::ReadProcessedImpl(const TagIdent* tag, const Pro
       if (FAILED(hr)) return hr;
       samples.assign(before.rbegin(), before.rend());
     }
-    hr = ReadRange(raw_, tag, plan.start, plan.end - 1, kRawPageSize, [&](const HistoryValue& v) -> HRESULT {
+    // Samples mostly come in time order: the interval of the previous one is tried first.
+    size_t k = 0;
+    ULONGLONG kStart = plan.IntervalStart(0), kEnd = plan.IntervalEnd(0);
+    auto onSample = [&](const HistoryValue& v) -> HRESULT {
       const AggSample s = ToAggSample(v);
       if (s.time < plan.start || s.time >= plan.end) return S_OK;
       samples.push_back(s);
       if (wantLast) {
-        const size_t k = plan.IndexOf(s.time);
+        if (s.time < kStart || s.time >= kEnd) {
+          k = plan.IndexOf(s.time);
+          kStart = plan.IntervalStart(k);
+          kEnd = plan.IntervalEnd(k);
+        }
         if (!haveLast[k] || s.time >= lastTimes[k]) {
-          VariantClear(&lastValues.items[k]);
-          const HRESULT copied = VariantCopy(&lastValues.items[k], const_cast<VARIANT*>(&v.value));
-          if (FAILED(copied)) return copied;
+          if (!pageLast[k]) pageTouched.push_back(k);
+          pageLast[k] = &v.value;
           lastTimes[k] = s.time;
           haveLast[k] = true;
         }
       }
       return S_OK;
-    });
+    };
+    auto onPageEnd = [&]() -> HRESULT {
+      HRESULT copied = S_OK;
+      for (const size_t touched : pageTouched) {
+        if (SUCCEEDED(copied)) {
+          VariantClear(&lastValues.items[touched]);
+          copied = VariantCopy(&lastValues.items[touched], const_cast<VARIANT*>(pageLast[touched]));
+        }
+        pageLast[touched] = nullptr;
+      }
+      pageTouched.clear();
+      return copied;
+    };
+    hr = ReadRange(raw_, tag, plan.start, plan.end - 1, kRawPageSize, onSample, onPageEnd);
     if (FAILED(hr)) return hr;
     // What follows the range: only the line's slope into the last interval needs it.
     size_t examined = 0;
