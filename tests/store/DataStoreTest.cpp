@@ -204,6 +204,75 @@ TEST_F(DataStoreSetValue, VariantCellsCopyAndTimestampsKeepMilliseconds) {
   EXPECT_EQ(123000000u, ts.fraction);
 }
 
+// Rows made from producer records take shortcuts for the usual cells; they must hold
+// exactly what cell-by-cell SetValue would have written.
+TEST_F(DataStoreSetValue, RowsFilledFromRecordsHoldWhatSetValueWrites) {
+  Build({Column(OLESTR("TAG"), 1, DBTYPE_WSTR, 8), Column(OLESTR("TS"), 2, DBTYPE_DBTIMESTAMP, 16),
+         Column(OLESTR("Q"), 3, DBTYPE_UI4, 4), Column(OLESTR("V"), 4, DBTYPE_VARIANT, 24),
+         Column(OLESTR("D"), 5, DBTYPE_R8, 8), Column(OLESTR("B"), 6, DBTYPE_BSTR, 8)});
+  const OLECHAR* kEight = OLESTR("ABCDEFGH");
+  const OLECHAR* kNine = OLESTR("ABCDEFGHI");
+  auto lent = [](const OLECHAR* text) {
+    StoreValue v;
+    v.SetText(text, WLen(text));
+    return v;
+  };
+  auto typed = [](VARTYPE vt, LONGLONG bits) {
+    VARIANT v;
+    VariantInit(&v);
+    V_VT(&v) = vt;
+    V_I8(&v) = bits;
+    return StoreValue::TakeVariant(&v);
+  };
+  const ULONGLONG kHourAndAHalf = 54000000000ull;
+  std::vector<ProducedRecord> records(4);
+  records[0].push_back(lent(kEight));
+  records[0].push_back(StoreValue::FromTime(FileTimeOf(kJan2024 + 12345678)));
+  records[0].push_back(UI4(192));
+  records[0].push_back(R8(2.5));
+  records[0].push_back(R8(-1.0));
+  records[0].push_back(lent(kEight));
+  records[1].push_back(lent(kNine));  // one character too many: truncated
+  records[1].push_back(StoreValue::FromTime(FileTimeOf(kJan2024 + kHourAndAHalf + 9999)));  // same day
+  records[1].push_back(typed(VT_I4, 7));  // not exactly the cell's type
+  records[1].push_back(typed(VT_NULL, 0));
+  records[1].push_back(typed(VT_R4, 0));
+  records[1].push_back(Bstr(kNine));
+  records[2].push_back(Bstr(OLESTR("")));
+  records[2].push_back(StoreValue::FromTime(FileTimeOf(kJan2024 - 1)));  // the day before
+  records[2].push_back(StoreValue());
+  records[2].push_back(typed(VT_I8, -5));
+  records[2].push_back(typed(VT_R8, 0x4000000000000000ll));
+  records[3] = RawRecord(86400 * 3 + 5);  // three days later
+
+  const DataStoreColumnInfo* columns = store_->ColumnInfo();
+  for (size_t r = 0; r < records.size(); ++r) {
+    SCOPED_TRACE(r);
+    ASSERT_EQ(S_OK, store_->AppendRecord(records[r]));
+    std::vector<CRefCountedDataStoreRow*> filled;
+    ASSERT_EQ(S_OK, store_->GetNextRows(0, 1, filled));
+    for (size_t c = 0; c < records[r].size(); ++c) {
+      if (!Set(records[r][c], static_cast<int>(c))) row_->Buffer()[columns[c].cbOffset] = 0;
+    }
+    for (size_t c = 0; c < records[r].size(); ++c) {
+      SCOPED_TRACE(c);
+      const BYTE* expected = row_->Buffer() + columns[c].cbOffset;
+      const BYTE* actual = filled[0]->Buffer() + columns[c].cbOffset;
+      ASSERT_EQ(expected[0], actual[0]);
+      if (expected[0] == 0) continue;
+      if (columns[c].wType == DBTYPE_WSTR) {
+        EXPECT_EQ(WString(reinterpret_cast<const OLECHAR*>(expected + 1)),
+                  WString(reinterpret_cast<const OLECHAR*>(actual + 1)));
+      } else if (columns[c].wType == (DBTYPE_WSTR | DBTYPE_BYREF)) {  // each row owns its copy
+        EXPECT_EQ(WString(ReadAt<const OLECHAR*>(expected + 1, 0)), WString(ReadAt<const OLECHAR*>(actual + 1, 0)));
+      } else {
+        EXPECT_EQ(0, std::memcmp(expected + 1, actual + 1, static_cast<size_t>(columns[c].ulColumnSize)));
+      }
+    }
+    filled[0]->Release();
+  }
+}
+
 TEST_F(DataStoreSetValue, ValuesOutsideTheBufferMarkTheCellNull) {
   Build({Column(OLESTR("Q"), 1, DBTYPE_I1, 1), Column(OLESTR("V"), 2, DBTYPE_R8, 8)});
   auto* small = static_cast<BYTE*>(CoTaskMemAlloc(6));
