@@ -1,6 +1,4 @@
 #include "SQLParser/SQLCalcItemTableColumn.h"
 
 CSQLCalcItemTableColumn::CSQLCalcItemTableColumn(corvane::WString columnName)
-    : CSQLCalcItem(SQL_CALC_TABLE_COLUMN), columnName_(std::move(columnName)) {
-  displayName_ = columnName_;
-}
+    : CSQLCalcItem(SQL_CALC_TABLE_COLUMN), columnName_(std::move(columnName)) {}

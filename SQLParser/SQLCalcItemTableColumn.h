@@ -10,7 +10,8 @@ class CSQLCalcItemTableColumn : public CSQLCalcItem {
   CSQLCalcItemTableColumn(const CSQLCalcItemTableColumn&) = default;
 
   const corvane::WString& ColumnName() const { return columnName_; }
-  const corvane::WString& DisplayName() const { return displayName_; }
+  // The alias, or the column's own name when it has none.
+  const corvane::WString& DisplayName() const { return displayName_.empty() ? columnName_ : displayName_; }
   const corvane::WString& TableName() const { return tableName_; }
   const corvane::WString& TableAlias() const { return tableAlias_; }
   const corvane::WString& Catalog() const { return catalog_; }
@@ -29,7 +30,7 @@ class CSQLCalcItemTableColumn : public CSQLCalcItem {
 
  private:
   corvane::WString columnName_;
-  corvane::WString displayName_;
+  corvane::WString displayName_;  // empty without an alias: no second copy of the name
   corvane::WString tableName_;
   corvane::WString tableAlias_;
   corvane::WString catalog_;

@@ -13,21 +13,18 @@ class CSQLSelectColumn {
   static HRESULT Create(std::unique_ptr<CSQLCalcItem> item, std::unique_ptr<CSQLSelectColumn>* column);
 
   const CSQLCalcItem* Item() const { return item_.get(); }
-  const corvane::WString& Catalog() const { return catalog_; }
-  const corvane::WString& Schema() const { return schema_; }
-  const corvane::WString& TableName() const { return tableName_; }
-  const corvane::WString& TableAlias() const { return tableAlias_; }
-  const corvane::WString& ColumnName() const { return columnName_; }
-  const corvane::WString& DisplayName() const { return displayName_; }
+  // The names are read from the item, which never changes once it is here; only a
+  // constant's text is made and kept.
+  const corvane::WString& Catalog() const;
+  const corvane::WString& Schema() const;
+  const corvane::WString& TableName() const;
+  const corvane::WString& TableAlias() const;
+  const corvane::WString& ColumnName() const;
+  const corvane::WString& DisplayName() const;
 
  private:
   CSQLSelectColumn() = default;
 
   std::unique_ptr<CSQLCalcItem> item_;
-  corvane::WString catalog_;
-  corvane::WString schema_;
-  corvane::WString tableName_;
-  corvane::WString tableAlias_;
-  corvane::WString columnName_;
-  corvane::WString displayName_;
+  corvane::WString constantText_;
 };

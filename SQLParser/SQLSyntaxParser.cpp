@@ -1,5 +1,6 @@
 #include "SQLParser/SQLSyntaxParser.h"
 
+#include <array>
 #include <charconv>
 #include <climits>
 #include <cmath>
@@ -49,11 +50,26 @@ const KeywordEntry kKeywords[] = {
     {"OR", 2, SQL_TOKEN_OR, SQL_KEYWORD_NONE},              {"NOT", 3, SQL_TOKEN_NOT, SQL_KEYWORD_NONE},
 };
 
-bool EqualsIgnoringCase(const WString& text, const KeywordEntry& entry) {
-  if (static_cast<int>(text.size()) != entry.length) return false;
-  for (int i = 0; i < entry.length; ++i)
-    if (AsciiUpper(text[i]) != static_cast<OLECHAR>(entry.word[i])) return false;
-  return true;
+// Every keyword is 2 to 7 letters. A word packs into one integer, its length in the top
+// byte and a byte a letter in upper case below, so that it is compared with each keyword
+// at once rather than letter by letter; a word that cannot be a keyword (too long or
+// short, a character beyond ASCII) packs to 0, which no keyword is.
+constexpr size_t kLongestKeyword = 7;
+
+constexpr uint64_t PackKeyword(const char* word, int length) {
+  uint64_t key = 0;
+  for (int i = 0; i < length; ++i) key = (key << 8) | static_cast<unsigned char>(word[i]);
+  return key | static_cast<uint64_t>(length) << 56;
+}
+
+uint64_t PackWord(const WString& text) {
+  if (text.size() < 2 || text.size() > kLongestKeyword) return 0;
+  uint64_t key = 0;
+  for (OLECHAR c : text) {
+    if (c >= 0x80) return 0;
+    key = (key << 8) | AsciiUpper(c);
+  }
+  return key | static_cast<uint64_t>(text.size()) << 56;
 }
 
 // Where a decimal number that overflowed or underflowed lies: the power of ten of its
@@ -160,10 +176,17 @@ HRESULT FailToken(CSQLToken& token, HRESULT hr) {
 }  // namespace
 
 void CSQLSyntaxParser::ClassifyWord(CSQLToken& token) {
-  for (const auto& entry : kKeywords) {
-    if (EqualsIgnoringCase(token.text, entry)) {
-      token.kind = entry.kind;
-      token.keyword = entry.keyword;
+  static const auto kKeys = [] {
+    std::array<uint64_t, std::size(kKeywords)> keys{};
+    for (size_t i = 0; i < keys.size(); ++i) keys[i] = PackKeyword(kKeywords[i].word, kKeywords[i].length);
+    return keys;
+  }();
+  const uint64_t key = PackWord(token.text);
+  if (key == 0) return;
+  for (size_t i = 0; i < kKeys.size(); ++i) {
+    if (kKeys[i] == key) {
+      token.kind = kKeywords[i].kind;
+      token.keyword = kKeywords[i].keyword;
       return;
     }
   }

@@ -51,35 +51,61 @@ class CRowsetCreator final : public IUnknown {
   CProviderCommand* command_;
 };
 
+// A stack for walking a tree without recursion that lives on the caller's stack until
+// a tree is unusually deep: a statement's trees rarely need more than a few entries,
+// and Prepare should not allocate to walk them.
+template <typename T>
+class WalkStack {
+ public:
+  bool Empty() const { return size_ == 0; }
+  void Push(T value) {
+    if (size_ < kInline)
+      inline_[size_] = value;
+    else
+      spill_.push_back(value);
+    ++size_;
+  }
+  T Pop() {
+    --size_;
+    if (size_ < kInline) return inline_[size_];
+    T value = spill_.back();
+    spill_.pop_back();
+    return value;
+  }
+
+ private:
+  static constexpr size_t kInline = 32;
+  T inline_[kInline];
+  size_t size_ = 0;
+  std::vector<T> spill_;
+};
+
 // The highest `?` number among the expression items of a statement.
 class ParameterCounter {
  public:
   void Item(const CSQLCalcItem* item) {
-    std::vector<const CSQLCalcItem*> pending{item};
-    while (!pending.empty()) {
-      const CSQLCalcItem* next = pending.back();
-      pending.pop_back();
+    items_.Push(item);
+    while (!items_.Empty()) {
+      const CSQLCalcItem* next = items_.Pop();
       if (!next) continue;
       if (next->Kind() == SQL_CALC_PARAMETER) {
         const int n = static_cast<const CSQLCalcItemParameter*>(next)->Number();
         if (n > highest) highest = n;
       } else if (next->Kind() == SQL_CALC_FUNCTION) {
-        for (const auto& arg : static_cast<const CSQLCalcItemFunction*>(next)->Arguments())
-          pending.push_back(arg.get());
+        for (const auto& arg : static_cast<const CSQLCalcItemFunction*>(next)->Arguments()) items_.Push(arg.get());
       }
     }
   }
   // Conditions can be long AND chains: walked without recursion.
   void Condition(const CSQLConditionNode* root) {
-    std::vector<const CSQLConditionNode*> pending{root};
-    while (!pending.empty()) {
-      const CSQLConditionNode* node = pending.back();
-      pending.pop_back();
+    nodes_.Push(root);
+    while (!nodes_.Empty()) {
+      const CSQLConditionNode* node = nodes_.Pop();
       if (!node) continue;
       Item(node->FirstOperand());
       Item(node->SecondOperand());
-      pending.push_back(node->Left());
-      pending.push_back(node->Right());
+      nodes_.Push(node->Left());
+      nodes_.Push(node->Right());
     }
   }
   void Query(const CSQLQueryInfo& q) {
@@ -96,6 +122,10 @@ class ParameterCounter {
     if (q.StatementKind() == SQL_STATEMENT_UPDATE) lists(static_cast<const CSQLQueryInfoUPDATE&>(q));
   }
   int highest = 0;
+
+ private:
+  WalkStack<const CSQLCalcItem*> items_;
+  WalkStack<const CSQLConditionNode*> nodes_;
 };
 
 ULONG64 Ticks(const FILETIME& ft) { return (static_cast<ULONG64>(ft.dwHighDateTime) << 32) | ft.dwLowDateTime; }
@@ -358,14 +388,20 @@ HRESULT CProviderCommand::InitializeOutputColumns() {
   const CSQLSelectItem& from = *q.FromItems().front();
   const int kind = q.StatementKind();
 
-  // Tables are read from the catalog in place; a procedure's columns are made into a table.
+  // Tables are read from the catalog in place; a procedure's columns are read from its
+  // catalog entry, and made into a table only when a select list must narrow them.
   const TableInfo* source = nullptr;
-  TableInfo procedureTable;
   if (from.Kind() == SQL_SELECT_ITEM_SP) {
     const ProcedureInfo* info = FindProcedure(static_cast<const CSQLSelectItemSP&>(from).ProcedureName().c_str());
     if (!info) return S_OK;
-    procedureTable.Name = info->Name;
-    procedureTable.Description = info->Description;
+    if (kind != SQL_STATEMENT_SELECT) {
+      outputColumns_.reserve(info->Columns.size());
+      for (const auto& c : info->Columns) outputColumns_.push_back({c.Name, c.wType, c.ColumnSize, c.dwFlags});
+      return S_OK;
+    }
+    procedureTable_.Name = info->Name;
+    procedureTable_.Description = info->Description;
+    procedureTable_.Columns.clear();
     for (const auto& c : info->Columns) {
       ColumnRecord r;
       r.ColumnName = r.ColumnAlias = c.Name;
@@ -374,17 +410,21 @@ HRESULT CProviderCommand::InitializeOutputColumns() {
       r.wType = c.wType;
       r.ColumnSize = c.ColumnSize;
       r.dwFlags = c.dwFlags;
-      procedureTable.Columns.push_back(std::move(r));
+      procedureTable_.Columns.push_back(std::move(r));
     }
-    if (kind != SQL_STATEMENT_SELECT) {
-      outputColumns_ = std::move(procedureTable.Columns);
-      return S_OK;
-    }
-    source = &procedureTable;
+    source = &procedureTable_;
   } else {
     const WString& tableName = static_cast<const CSQLSelectItemTable&>(from).TableName();
     if (kind == SQL_STATEMENT_INSERT || kind == SQL_STATEMENT_UPDATE || kind == SQL_STATEMENT_DELETE) {
-      outputColumns_ = CTableFactory::ResultColumns(tableName.c_str());
+      // The same table gives the same result columns: asked once while it stays the same.
+      if (!hasResultColumns_ || resultColumnsTable_ != tableName) {
+        hasResultColumns_ = false;
+        resultColumns_ = CTableFactory::ResultColumns(tableName.c_str());
+        resultColumnsTable_ = tableName;
+        hasResultColumns_ = true;
+      }
+      outputColumns_.reserve(resultColumns_.size());
+      for (const auto& c : resultColumns_) outputColumns_.push_back({c.ColumnAlias, c.wType, c.ColumnSize, c.dwFlags});
       return S_OK;
     }
     if (kind != SQL_STATEMENT_SELECT) return S_OK;
@@ -398,6 +438,7 @@ HRESULT CProviderCommand::InitializeOutputColumns() {
       if (corvane::WIEquals(c.ColumnName, name) || corvane::WIEquals(c.ColumnAlias, name)) return &c;
     return nullptr;
   };
+  bool computed = false;
   for (const auto& column : q.SelectColumns()) {
     const CSQLCalcItem* item = column->Item();
     if (item && item->Kind() == SQL_CALC_TABLE_COLUMN && column->ColumnName() != OLESTR("*") &&
@@ -406,22 +447,37 @@ HRESULT CProviderCommand::InitializeOutputColumns() {
               source->Name.c_str());
       return DB_E_ERRORSINCOMMAND;
     }
+    if (!item || item->Kind() != SQL_CALC_TABLE_COLUMN) computed = true;
   }
 
-  // The select list bound as execution binds it, with every `?` still empty: where that
-  // works, its columns are exactly the ones the rowset will have.
-  std::vector<VARIANT> unset(static_cast<size_t>(parameterCount_ > 0 ? parameterCount_ : 0));
-  for (auto& v : unset) VariantInit(&v);
+  // The select list shaped as execution shapes it, with every `?` still empty: where
+  // that works, its columns are exactly the ones the rowset will have. Only computed
+  // items read the binding, so plain columns need no clock and no `?` values.
+  std::vector<VARIANT> unset;
   SQLBindContext context;
-  context.parameters = unset.data();
-  context.parameterCount = unset.size();
-  std::vector<CSelectListProducer::Output> outputs;
+  bool bindable = true;
+  if (computed) {
+    unset.resize(static_cast<size_t>(parameterCount_ > 0 ? parameterCount_ : 0));
+    for (auto& v : unset) VariantInit(&v);
+    context.parameters = unset.data();
+    context.parameterCount = unset.size();
+    bindable = SUCCEEDED(SetReferenceTimesToNow(&context));
+  }
   bool plain = true;
-  if (SUCCEEDED(SetReferenceTimesToNow(&context)) &&
-      SUCCEEDED(CSelectListProducer::BindOutputs(q, *source, context, &outputs, &plain))) {
-    for (auto& o : outputs) outputColumns_.push_back(std::move(o.column));
+  if (bindable && SUCCEEDED(CSelectListProducer::DescribeOutputs(q, *source, context, &shapes_, &plain))) {
+    outputColumns_.reserve(shapes_.size());
+    for (const auto& s : shapes_) {
+      if (s.expression) {
+        outputColumns_.push_back({s.alias, s.wType, s.ColumnSize, 0});
+        continue;
+      }
+      const ColumnRecord& c = source->Columns[s.sourceField];
+      outputColumns_.push_back({s.alias.empty() ? corvane::WStringView(c.ColumnAlias) : s.alias, c.wType,
+                                c.ColumnSize, 0});
+    }
     return S_OK;
   }
+  outputColumns_.clear();
 
   // Where it does not, named columns as the catalog has them and a computed item as a
   // VARIANT until execution can type it.
@@ -429,22 +485,18 @@ HRESULT CProviderCommand::InitializeOutputColumns() {
     const CSQLCalcItem* item = column->Item();
     if (item && item->Kind() == SQL_CALC_TABLE_COLUMN) {
       if (column->ColumnName() == OLESTR("*")) {
-        for (const auto& c : source->Columns) outputColumns_.push_back(c);
+        for (const auto& c : source->Columns) outputColumns_.push_back({c.ColumnAlias, c.wType, c.ColumnSize, c.dwFlags});
         continue;
       }
-      ColumnRecord r = *sourceColumn(column->ColumnName());
-      if (!column->DisplayName().empty()) r.ColumnAlias = column->DisplayName();
-      outputColumns_.push_back(std::move(r));
+      const ColumnRecord& c = *sourceColumn(column->ColumnName());
+      outputColumns_.push_back({column->DisplayName().empty() ? corvane::WStringView(c.ColumnAlias)
+                                                              : corvane::WStringView(column->DisplayName()),
+                                c.wType, c.ColumnSize, c.dwFlags});
       continue;
     }
-    ColumnRecord r;
-    r.ColumnName = column->ColumnName();
-    r.ColumnAlias = column->DisplayName().empty() ? column->ColumnName() : column->DisplayName();
-    r.TableName = source->Name;
-    r.wType = DBTYPE_VARIANT;
-    r.ColumnSize = sizeof(VARIANT);
-    r.dwFlags = DBCOLUMNFLAGS_ISNULLABLE | DBCOLUMNFLAGS_MAYBENULL;
-    outputColumns_.push_back(std::move(r));
+    outputColumns_.push_back({column->DisplayName().empty() ? column->ColumnName() : column->DisplayName(),
+                              DBTYPE_VARIANT, sizeof(VARIANT),
+                              static_cast<DWORD>(DBCOLUMNFLAGS_ISNULLABLE | DBCOLUMNFLAGS_MAYBENULL)});
   }
   return S_OK;
 }
@@ -480,7 +532,7 @@ HRESULT CProviderCommand::GetColumnInfo(DBORDINAL* pcColumns, DBCOLUMNINFO** prg
   if (!query_) return hasText_ ? DB_E_NOTPREPARED : DB_E_NOCOMMAND;
   if (columnBindings_.empty()) return S_OK;
   size_t chars = 0;
-  for (const auto& c : outputColumns_) chars += c.ColumnAlias.size() + 1;
+  for (const auto& c : outputColumns_) chars += c.name.size() + 1;
   auto* infos = static_cast<DBCOLUMNINFO*>(CoTaskMemAlloc(columnBindings_.size() * sizeof(DBCOLUMNINFO)));
   auto* strings = static_cast<OLECHAR*>(CoTaskMemAlloc(chars * sizeof(OLECHAR)));
   if (!infos || !strings) {
@@ -491,8 +543,9 @@ HRESULT CProviderCommand::GetColumnInfo(DBORDINAL* pcColumns, DBCOLUMNINFO** prg
   OLECHAR* next = strings;
   for (size_t i = 0; i < columnBindings_.size(); ++i) {
     infos[i] = columnBindings_[i];
-    const WString& name = outputColumns_[i].ColumnAlias;
-    std::memcpy(next, name.c_str(), (name.size() + 1) * sizeof(OLECHAR));
+    const corvane::WStringView name = outputColumns_[i].name;
+    std::memcpy(next, name.data(), name.size() * sizeof(OLECHAR));
+    next[name.size()] = 0;
     infos[i].pwszName = next;
     infos[i].columnid.uName.pwszName = next;
     next += name.size() + 1;
@@ -516,7 +569,7 @@ HRESULT CProviderCommand::MapColumnIDs(DBORDINAL cColumnIDs, const DBID rgColumn
     const DBID& id = rgColumnIDs[i];
     if (id.eKind != DBKIND_NAME || !id.uName.pwszName) continue;
     for (size_t c = 0; c < outputColumns_.size(); ++c) {
-      if (corvane::WIEquals(outputColumns_[c].ColumnAlias, id.uName.pwszName)) {
+      if (corvane::WIEquals(outputColumns_[c].name, id.uName.pwszName)) {
         rgColumns[i] = c + 1;
         ++found;
         break;

@@ -14,6 +14,7 @@
 #include "platform/WideString.h"
 #include "provider/PropertyEngine.h"
 #include "provider/ProviderCommandWithParameters.h"
+#include "provider/execution/SelectListProducer.h"
 #include "provider/store/StoreValue.h"
 
 class CProviderSession;
@@ -114,7 +115,21 @@ class CProviderCommand final : public ICommandText,
   GUID dialect_;
   std::unique_ptr<CSQLQueryInfo> query_;
   long parameterCount_ = 0;
-  std::vector<ColumnRecord> outputColumns_;
+  // A prepared output column. Its name is not copied: it lies in the table or procedure
+  // catalog (which lives as long as the process), in query_, or in procedureTable_ or
+  // resultColumns_ below, all of which stay until the statement is unprepared.
+  struct OutputColumn {
+    corvane::WStringView name;
+    DBTYPE wType = DBTYPE_EMPTY;
+    ULONGLONG ColumnSize = 0;
+    DWORD dwFlags = 0;
+  };
+  std::vector<OutputColumn> outputColumns_;
+  std::vector<CSelectListProducer::Shape> shapes_;  // kept for its capacity
+  TableInfo procedureTable_;                         // a procedure used as a table, for SELECT
+  std::vector<ColumnRecord> resultColumns_;          // what INSERT, UPDATE and DELETE return...
+  corvane::WString resultColumnsTable_;              // ...for this table
+  bool hasResultColumns_ = false;
   std::vector<DBCOLUMNINFO> columnBindings_;
 
   FILETIME nowUtc_{};

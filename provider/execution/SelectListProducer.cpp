@@ -171,28 +171,28 @@ ProducedRecord SampleRow(const TableInfo& table) {
   return row;
 }
 
-void SetOutputType(const SQLEvaluationResult& result, ColumnRecord* column) {
-  column->wType = DBTYPE_VARIANT;
-  column->ColumnSize = sizeof(VARIANT);
+void SetOutputType(const SQLEvaluationResult& result, DBTYPE* type, ULONGLONG* size) {
+  *type = DBTYPE_VARIANT;
+  *size = sizeof(VARIANT);
   if (result.kind == SQLEvaluationResult::kTime) {
-    column->wType = DBTYPE_DBTIMESTAMP;
-    column->ColumnSize = 16;
+    *type = DBTYPE_DBTIMESTAMP;
+    *size = 16;
     return;
   }
   if (result.kind != SQLEvaluationResult::kValue) return;
   switch (V_VT(&result.value)) {
     case VT_BSTR:
-      column->wType = DBTYPE_WSTR;
-      column->ColumnSize = 4096;
+      *type = DBTYPE_WSTR;
+      *size = 4096;
       break;
     case VT_DATE:
-      column->wType = DBTYPE_DBTIMESTAMP;
-      column->ColumnSize = 16;
+      *type = DBTYPE_DBTIMESTAMP;
+      *size = 16;
       break;
-    case VT_I1: case VT_UI1: column->wType = V_VT(&result.value); column->ColumnSize = 1; break;
-    case VT_I2: case VT_UI2: case VT_BOOL: column->wType = V_VT(&result.value); column->ColumnSize = 2; break;
-    case VT_I4: case VT_UI4: case VT_R4: column->wType = V_VT(&result.value); column->ColumnSize = 4; break;
-    case VT_I8: case VT_UI8: case VT_R8: column->wType = V_VT(&result.value); column->ColumnSize = 8; break;
+    case VT_I1: case VT_UI1: *type = V_VT(&result.value); *size = 1; break;
+    case VT_I2: case VT_UI2: case VT_BOOL: *type = V_VT(&result.value); *size = 2; break;
+    case VT_I4: case VT_UI4: case VT_R4: *type = V_VT(&result.value); *size = 4; break;
+    case VT_I8: case VT_UI8: case VT_R8: *type = V_VT(&result.value); *size = 8; break;
     default: break;
   }
 }
@@ -235,14 +235,16 @@ HRESULT TraceUnknownColumn() {
 
 }  // namespace
 
-HRESULT CSelectListProducer::BindOutputs(const CSQLQueryInfo& query, const TableInfo& table,
-                                         const SQLBindContext& context, std::vector<Output>* outputs,
-                                         bool* plainColumnsOnly) {
-  if (!outputs || !plainColumnsOnly || query.FromItems().size() != 1) return E_INVALIDARG;
+HRESULT CSelectListProducer::DescribeOutputs(const CSQLQueryInfo& query, const TableInfo& table,
+                                             const SQLBindContext& context, std::vector<Shape>* shapes,
+                                             bool* plainColumnsOnly) {
+  if (!shapes || !plainColumnsOnly || query.FromItems().size() != 1) return E_INVALIDARG;
   const CSQLSelectItem& from = *query.FromItems()[0];
-  outputs->clear();
+  shapes->clear();
   *plainColumnsOnly = true;
-  const ProducedRecord sample = SampleRow(table);
+  // Only expressions are tried on a sample row; a list of plain columns never needs one.
+  ProducedRecord sample;
+  bool sampled = false;
   for (const auto& selected : query.SelectColumns()) {
     const CSQLCalcItem* item = selected->Item();
     if (!item) return TraceUnknownColumn();
@@ -251,22 +253,21 @@ HRESULT CSelectListProducer::BindOutputs(const CSQLQueryInfo& query, const Table
       if (!QualifierMatches(column, from, table)) return TraceUnknownColumn();
       if (IsStar(item)) {
         for (size_t i = 0; i < table.Columns.size(); ++i) {
-          Output o;
-          o.column = table.Columns[i];
-          o.sourceField = i;
-          outputs->push_back(std::move(o));
+          Shape s;
+          s.sourceField = i;
+          shapes->push_back(s);
         }
         continue;
       }
       const size_t field = FieldOf(table, column.ColumnName());
       if (field == kNoField) return TraceUnknownColumn();
-      Output o;
-      o.column = table.Columns[field];
+      Shape s;
+      s.sourceField = field;
+      s.selected = selected.get();
       // Shown as the catalog spells it unless the statement renamed it.
       const corvane::WString& shown = selected->DisplayName();
-      if (!shown.empty() && !corvane::WIEquals(shown, column.ColumnName())) o.column.ColumnAlias = shown;
-      o.sourceField = field;
-      outputs->push_back(std::move(o));
+      if (!shown.empty() && !corvane::WIEquals(shown, column.ColumnName())) s.alias = shown;
+      shapes->push_back(s);
       continue;
     }
 
@@ -275,14 +276,17 @@ HRESULT CSelectListProducer::BindOutputs(const CSQLQueryInfo& query, const Table
     std::unique_ptr<CSQLCalcItem> bound;
     HRESULT hr = Bind(item, context, &bound);
     if (FAILED(hr)) return hr;
-    Output o;
-    o.expression = item;
-    o.aggregate = dynamic_cast<CSQLFunctionAggregate*>(bound.get()) != nullptr;
-    o.column.ColumnName = selected->DisplayName().empty() ? selected->ColumnName() : selected->DisplayName();
-    o.column.ColumnAlias = o.column.ColumnName;
-    o.column.TableName = table.Name;
+    if (!sampled) {
+      sample = SampleRow(table);
+      sampled = true;
+    }
+    Shape s;
+    s.expression = item;
+    s.selected = selected.get();
+    s.aggregate = dynamic_cast<CSQLFunctionAggregate*>(bound.get()) != nullptr;
+    s.alias = selected->DisplayName().empty() ? selected->ColumnName() : selected->DisplayName();
     SQLEvaluationResult result;
-    if (o.aggregate) {
+    if (s.aggregate) {
       // The type of an aggregate is that of its result over one typical value.
       auto* aggregate = static_cast<CSQLFunctionAggregate*>(bound.get());
       const CSQLCalcItem* argument = static_cast<const CSQLCalcItemFunction*>(item)->Argument(0);
@@ -296,12 +300,39 @@ HRESULT CSelectListProducer::BindOutputs(const CSQLQueryInfo& query, const Table
     } else if (FAILED(EvaluateForRow(item, table, sample, context, &result))) {
       result.Reset();
     }
-    SetOutputType(result, &o.column);
-    outputs->push_back(std::move(o));
+    SetOutputType(result, &s.wType, &s.ColumnSize);
+    shapes->push_back(s);
   }
-  for (size_t i = 0; i < outputs->size(); ++i) {
-    (*outputs)[i].column.Ordinal = i + 1;
-    (*outputs)[i].column.dwFlags = 0;
+  return S_OK;
+}
+
+HRESULT CSelectListProducer::BindOutputs(const CSQLQueryInfo& query, const TableInfo& table,
+                                         const SQLBindContext& context, std::vector<Output>* outputs,
+                                         bool* plainColumnsOnly) {
+  if (!outputs || !plainColumnsOnly || query.FromItems().size() != 1) return E_INVALIDARG;
+  outputs->clear();
+  std::vector<Shape> shapes;
+  HRESULT hr = DescribeOutputs(query, table, context, &shapes, plainColumnsOnly);
+  if (FAILED(hr)) return hr;
+  outputs->reserve(shapes.size());
+  for (const Shape& s : shapes) {
+    Output o;
+    if (s.expression) {
+      o.expression = s.expression;
+      o.aggregate = s.aggregate;
+      o.column.ColumnName.assign(s.alias.data(), s.alias.size());
+      o.column.ColumnAlias = o.column.ColumnName;
+      o.column.TableName = table.Name;
+      o.column.wType = s.wType;
+      o.column.ColumnSize = s.ColumnSize;
+    } else {
+      o.column = table.Columns[s.sourceField];
+      if (!s.alias.empty()) o.column.ColumnAlias.assign(s.alias.data(), s.alias.size());
+      o.sourceField = s.sourceField;
+    }
+    o.column.Ordinal = outputs->size() + 1;
+    o.column.dwFlags = 0;
+    outputs->push_back(std::move(o));
   }
   return S_OK;
 }

@@ -24,6 +24,23 @@ class CSelectListProducer final : public CDataProvider {
     bool aggregate = false;
   };
 
+  // One output column as the select list shapes it, naming what it shows rather than
+  // copying it: the table field, or the expression with the type its result has.
+  struct Shape {
+    size_t sourceField = static_cast<size_t>(-1);   // table field, for plain columns
+    const CSQLCalcItem* expression = nullptr;        // owned by the statement
+    const CSQLSelectColumn* selected = nullptr;      // the select item (null for the fields of `*`)
+    corvane::WStringView alias;                      // the statement's rename, or empty
+    bool aggregate = false;
+    DBTYPE wType = DBTYPE_VARIANT;                   // for expressions
+    ULONGLONG ColumnSize = sizeof(VARIANT);          // for expressions
+  };
+
+  // The shapes behind BindOutputs: the same checks, failures and order, without a
+  // column record per output. `alias` points into the statement.
+  static HRESULT DescribeOutputs(const CSQLQueryInfo& query, const TableInfo& table, const SQLBindContext& context,
+                                 std::vector<Shape>* shapes, bool* plainColumnsOnly);
+
   // Builds the outputs of `query`'s select list over `table` (its catalog entry):
   // `*` gives every column in catalog order, a column (with or without the FROM item's
   // name or alias as qualifier, any case) its catalog column under its display name,

@@ -236,6 +236,27 @@ TEST_F(CommandText, PreparedCommandDescribesItsColumns) {
     EXPECT_EQ(Columns(rowset), prepared) << corvane::ToUtf8(statement);
     rowset->Release();
   }
+
+  // Each Prepare of the same command describes its own statement: names the statement
+  // renamed, the result column of a change, a computed item that cannot be typed before
+  // execution (it names no known function; the list then keeps names as written), and
+  // nothing for an unknown table.
+  using Described = std::vector<std::pair<std::string, DBTYPE>>;
+  const std::pair<const OLECHAR*, Described> sequence[] = {
+      {OLESTR("INSERT INTO RAWDATA (TAGNAME, TIMESTAMP, VALUE) VALUES ('Area1.Temp', '2024-01-01', 1.5)"),
+       {{"DESCRIPTION", DBTYPE_WSTR}}},
+      {OLESTR("SELECT TIMESTAMP AS t, Value FROM RAWDATA_DOUBLE"), {{"t", DBTYPE_DBTIMESTAMP}, {"VALUE", DBTYPE_R8}}},
+      {OLESTR("DELETE FROM RAWDATA_INT8 WHERE TAGNAME = 'Area1.Temp'"), {{"DESCRIPTION", DBTYPE_WSTR}}},
+      {OLESTR("SELECT NoSuchFunction(Value) AS q, TagName FROM RAWDATA"),
+       {{"q", DBTYPE_VARIANT}, {"TagName", DBTYPE_WSTR}}},
+      {OLESTR("SELECT * FROM NO_SUCH_TABLE"), {}},
+      {OLESTR("UPDATE RAWDATA SET VALUE = 2 WHERE TAGNAME = 'Area1.Temp'"), {{"DESCRIPTION", DBTYPE_WSTR}}},
+  };
+  for (const auto& [statement, expected] : sequence) {
+    SetText(statement);
+    ASSERT_EQ(S_OK, Prepare()) << corvane::ToUtf8(statement);
+    EXPECT_EQ(Columns(text_), expected) << corvane::ToUtf8(statement);
+  }
 }
 
 TEST_F(CommandParameters, TypeNamesKeepTheirMapping) {

@@ -94,6 +94,14 @@ TEST(SqlTokens, KeywordTableIgnoresCaseAndKeepsTheText) {
     EXPECT_EQ(t[0].kind, SQL_TOKEN_IDENTIFIER) << plain;
     EXPECT_EQ(t[0].text, plain);
   }
+  // Only ASCII letters fold: a character whose low byte is a keyword's letter is not it.
+  for (const OLECHAR* near : {OLESTR("\u0153ET"), OLESTR("SE\u0154"), OLESTR("A\u0153")}) {
+    CSQLToken token;
+    token.kind = SQL_TOKEN_IDENTIFIER;
+    token.text = near;
+    CSQLSyntaxParser::ClassifyWord(token);
+    EXPECT_EQ(token.kind, SQL_TOKEN_IDENTIFIER);
+  }
   // A quoted name is never a keyword, and keeps blanks and unknown characters.
   auto quoted = Lex("\"Order\" \"a b!\"");
   EXPECT_EQ(quoted[0].kind, SQL_TOKEN_IDENTIFIER);
