@@ -43,7 +43,7 @@ static_assert(sizeof(AggSample) == 24, "keep the in-memory sample compact");
 
 // ---- Samples -------------------------------------------------------------------------
 
-AggSample ToAggSample(const HistoryValue& in) {
+AggSample ConvertToAggSample(const HistoryValue& in) {
   AggSample s;
   s.time = FileTimeToU64(in.timestamp);
   s.quality = in.quality;
@@ -179,8 +179,8 @@ HRESULT CRawAccumulator::Result(AggregateId id, ULONGLONG ts, DWORD extraBits, H
   }
   double v = 0;
   if (id == AGG_AVG) v = sum / static_cast<double>(usable);
-  if (id == AGG_DELTA) v = last.Number() - first.Number();
-  if (id == AGG_RANGE) v = max.Number() - min.Number();
+  if (id == AGG_DELTA) v = lastValue - firstValue;
+  if (id == AGG_RANGE) v = maxValue - minValue;
   SetDouble(&out->value, v);
   out->quality = severity | calculated;
   return S_OK;
@@ -195,12 +195,14 @@ CAggregatesCalculator::CAggregatesCalculator(std::vector<AggSample> samples, con
   size_t count = 0;
   for (size_t i = 0; i < n; ++i) {
     const AggSample& s = samples_[i];
-    usable_[i] = s.numeric && settings_.IsGood(s.quality);
-    count += usable_[i];
+    const bool usable = s.numeric && settings_.IsGood(s.quality);
+    usable_[i] = usable;
+    count += usable;
   }
-  line_.reserve(count);
+  line_.resize(count);
+  LinePoint* point = line_.data();
   for (size_t i = 0; i < n; ++i) {
-    if (Usable(i)) line_.push_back({samples_[i].time, samples_[i].Number(), i});
+    if (Usable(i)) *point++ = {samples_[i].time, samples_[i].Number(), i};
   }
 }
 
@@ -266,6 +268,25 @@ const CAggregatesCalculator::Integral& CAggregatesCalculator::IntegralOf(ULONGLO
     }
     while (any && cur < y) {
       const size_t k = j + 1;
+      if (k < m && line_[k].time < y && cur == line_[j].time) {
+        // A whole segment from one point to the next, the bulk of an interval: the
+        // line's values at its ends are LineValueAt's with a quotient of exactly 0 and 1.
+        const LinePoint& p = line_[j];
+        const LinePoint& q = line_[k];
+        if (q.time > cur) {
+          double v0 = p.value, v1 = p.value;
+          if (!settings_.stepped) {
+            const double d = q.value - p.value;
+            v0 = p.value + d * 0.0;
+            v1 = p.value + d * 1.0;
+          }
+          r.area += (v0 + v1) / 2.0 * static_cast<double>(q.time - cur);
+          r.covered += q.time - cur;
+          cur = q.time;
+        }
+        j = k;
+        continue;
+      }
       const ULONGLONG segEnd = k < m ? std::min(y, line_[k].time) : y;
       if (segEnd > cur) {
         const double v0 = LineValueAt(j, cur);

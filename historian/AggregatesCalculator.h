@@ -3,6 +3,7 @@
 // over a resampling interval. CProcessedDataProvider reads the samples and packs the
 // results; the rules themselves are described in ProcessedDataProvider.h.
 #pragma once
+#include <cmath>
 #include <cstddef>
 #include <optional>
 #include <vector>
@@ -50,8 +51,18 @@ struct AggSample {
 };
 
 // Converts a raw value; a value that is not a number (text, empty, arrays...) gives a
-// sample with numeric == false.
-AggSample ToAggSample(const HistoryValue& value);
+// sample with numeric == false. Doubles, which most tags hold, are converted inline.
+AggSample ConvertToAggSample(const HistoryValue& value);
+inline AggSample ToAggSample(const HistoryValue& value) {
+  if (value.value.vt != VT_R8 || std::isnan(value.value.dblVal)) return ConvertToAggSample(value);
+  AggSample s;
+  s.time = FileTimeToU64(value.timestamp);
+  s.real = value.value.dblVal;
+  s.quality = value.quality;
+  s.vt = VT_R8;
+  s.numeric = true;
+  return s;
+}
 // The sample's value as a VARIANT of its own type (numbers only; others give VT_EMPTY).
 void AggSampleToVariant(const AggSample& sample, VARIANT* out);
 
@@ -104,12 +115,19 @@ class CRawAccumulator {
     if (!s.numeric) return;
     const double v = s.Number();
     if (usable == 0) {
-      min = max = first = s;
+      min = max = s;
+      minValue = maxValue = firstValue = v;
     } else {
-      if (v < min.Number()) min = s;
-      if (v > max.Number()) max = s;
+      if (v < minValue) {
+        min = s;
+        minValue = v;
+      }
+      if (v > maxValue) {
+        max = s;
+        maxValue = v;
+      }
     }
-    last = s;
+    lastValue = v;
     ++usable;
     sum += v;
   }
@@ -122,7 +140,8 @@ class CRawAccumulator {
   ULONGLONG good = 0;    // good samples of any type
   ULONGLONG usable = 0;  // good numeric samples
   double sum = 0;
-  AggSample min, max, first, last;  // among usable samples; first extreme wins ties
+  AggSample min, max;  // among usable samples; first extreme wins ties
+  double minValue = 0, maxValue = 0, firstValue = 0, lastValue = 0;  // their numbers, and the ends'
 
  private:
   AggregateSettings settings_;

@@ -205,7 +205,7 @@ HRESULT CProcessedDataProvider::ReadProcessedImpl(const TagIdent* tag, const Pro
   std::vector<AggSample> samples;
   VariantArray lastValues(wantLast ? plan.count : 0);
   std::vector<ULONGLONG> lastTimes(wantLast ? plan.count : 0);
-  std::vector<bool> haveLast(wantLast ? plan.count : 0);
+  std::vector<unsigned char> haveLast(wantLast ? plan.count : 0);
   // The raw value that LAST will give for each interval touched by the current page:
   // copied once when the page ends rather than at every newer sample.
   std::vector<const VARIANT*> pageLast(wantLast ? plan.count : 0);
