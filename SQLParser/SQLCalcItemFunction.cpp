@@ -8,6 +8,8 @@
 HRESULT CSQLCalcItemFunction::AddArgument(std::unique_ptr<CSQLCalcItem> argument) {
   if (!argument) return E_INVALIDARG;
   try {
+    // Calls rarely take more than four arguments: room for them at once, not one by one.
+    if (arguments_.capacity() == 0) arguments_.reserve(4);
     arguments_.push_back(std::move(argument));
   } catch (const std::bad_alloc&) {
     return E_OUTOFMEMORY;

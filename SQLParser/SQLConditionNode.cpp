@@ -4,6 +4,8 @@
 #include <utility>
 #include <vector>
 
+#include "SQLParser/WalkStack.h"
+
 CSQLConditionNode::CSQLConditionNode(CSQLConditionNode&& other) noexcept
     : operator_(other.operator_),
       left_(std::move(other.left_)),
@@ -48,14 +50,13 @@ void CSQLConditionNode::Reset() {
 
 int CSQLConditionNode::Height() const {
   int height = 0;
-  std::vector<std::pair<const CSQLConditionNode*, int>> pending;
-  pending.emplace_back(this, 1);
-  while (!pending.empty()) {
-    auto [node, depth] = pending.back();
-    pending.pop_back();
+  CWalkStack<std::pair<const CSQLConditionNode*, int>> pending;
+  pending.Push({this, 1});
+  while (!pending.Empty()) {
+    auto [node, depth] = pending.Pop();
     height = std::max(height, depth);
-    if (node->left_) pending.emplace_back(node->left_.get(), depth + 1);
-    if (node->right_) pending.emplace_back(node->right_.get(), depth + 1);
+    if (node->left_) pending.Push({node->left_.get(), depth + 1});
+    if (node->right_) pending.Push({node->right_.get(), depth + 1});
   }
   return height;
 }

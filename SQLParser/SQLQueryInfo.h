@@ -51,6 +51,9 @@ class CSQLQueryInfo {
   const std::vector<SQLOrderingEntry>& Ordering() const { return ordering_; }
 
   HRESULT AddFromItem(std::unique_ptr<CSQLSelectItem> item);
+  // Room for `count` more select columns, so that adding them does not grow the list
+  // one at a time. May throw std::bad_alloc.
+  void ReserveSelectColumns(size_t count) { selectColumns_.reserve(selectColumns_.size() + count); }
   HRESULT AddSelectColumn(std::unique_ptr<CSQLCalcItem> item);
   HRESULT AddOrdering(const CSQLCalcItemTableColumn& column, int descending);
   // Replaces, and destroys, any previous condition; null removes it.
@@ -87,6 +90,11 @@ class CSQLQueryInfoINSERT : public CSQLQueryInfo {
  public:
   CSQLQueryInfoINSERT() : CSQLQueryInfo(SQL_STATEMENT_INSERT) {}
   void Clear() override;
+  // Room for `count` more column and value pairs. May throw std::bad_alloc.
+  void Reserve(size_t count) {
+    columns_.reserve(columns_.size() + count);
+    values_.reserve(values_.size() + count);
+  }
 
   const std::vector<std::unique_ptr<CSQLCalcItem>>& Columns() const { return columns_; }
   const std::vector<std::unique_ptr<CSQLCalcItem>>& Values() const { return values_; }
@@ -102,6 +110,11 @@ class CSQLQueryInfoUPDATE : public CSQLQueryInfo {
  public:
   CSQLQueryInfoUPDATE() : CSQLQueryInfo(SQL_STATEMENT_UPDATE) {}
   void Clear() override;
+  // Room for `count` more column and value pairs. May throw std::bad_alloc.
+  void Reserve(size_t count) {
+    columns_.reserve(columns_.size() + count);
+    values_.reserve(values_.size() + count);
+  }
 
   const std::vector<std::unique_ptr<CSQLCalcItem>>& Columns() const { return columns_; }
   const std::vector<std::unique_ptr<CSQLCalcItem>>& Values() const { return values_; }

@@ -3,6 +3,10 @@
 #include <new>
 
 HRESULT CSQLSelectItemSP::SetParameters(std::vector<std::unique_ptr<CSQLCalcItem>>& parameters) {
+  if (parameters_.empty()) {
+    parameters_.swap(parameters);  // the usual case: the list itself is taken, not copied
+    return S_OK;
+  }
   try {
     parameters_.reserve(parameters_.size() + parameters.size());
   } catch (const std::bad_alloc&) {

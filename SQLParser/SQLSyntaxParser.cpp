@@ -360,15 +360,19 @@ namespace {
 
 constexpr const OLECHAR* kErrorPrefix = OLESTR("Failed to parse the query: '");
 
+// Room made at once for a list of columns, values or parameters: most statements' lists
+// fit, so they are not grown an item at a time.
+constexpr size_t kListRoom = 8;
+
 // The statement quoted in a message: whole when short; a long one (a generated IN-style
 // OR list, a pasted literal) would otherwise turn every error record and trace line
 // into a copy of up to megabytes of text, so only its beginning is shown.
-void AppendQuoted(corvane::WString& message, const corvane::WString& statement) {
+void AppendQuoted(corvane::WString& message, WStringView statement) {
   if (statement.size() <= CSQLSyntaxParser::kMaxQuotedStatement) {
-    message += statement;
+    message.append(statement.data(), statement.size());
     return;
   }
-  message.append(statement, 0, CSQLSyntaxParser::kMaxQuotedStatement);
+  message.append(statement.data(), CSQLSyntaxParser::kMaxQuotedStatement);
   message += OLESTR("...");
 }
 
@@ -408,7 +412,7 @@ class CSQLSyntaxParser::NestingGuard {
 
 CSQLSyntaxParser::CSQLSyntaxParser(WStringView defaultCatalog, WStringView defaultSchema, WStringView queryText)
     : defaultCatalog_(defaultCatalog), defaultSchema_(defaultSchema) {
-  lexer_.text.assign(queryText.data(), queryText.size());
+  lexer_.text = queryText;
   lexer_.position = 0;
 }
 
@@ -487,8 +491,10 @@ HRESULT CSQLSyntaxParser::SelectQuery() {
   HRESULT hr = TopSpecify();
   if (FAILED(hr)) return ClauseError(hr, OLESTR("TOP clause parse error."));
   ItemList items;
+  items.reserve(kListRoom);
   hr = ColumnsListSpecify(items);
   if (FAILED(hr)) return ClauseError(hr, OLESTR("Column list parse error."));
+  query.ReserveSelectColumns(items.size());
   for (auto& item : items) {
     if (item->Kind() == SQL_CALC_FUNCTION && IsAggregateName(static_cast<CSQLCalcItemFunction&>(*item).Name()))
       query.SetAggregate(1);
@@ -528,8 +534,10 @@ HRESULT CSQLSyntaxParser::InsertColumns() {
   if (token_.kind != SQL_TOKEN_LEFT_PARENTHESIS) return Error(OLESTR("( is missing."));
   RETURN_IF_FAILED(Consume());
   ItemList items;
+  items.reserve(kListRoom);
   HRESULT hr = ColumnsListSpecify(items);
   if (FAILED(hr)) return ClauseError(hr, OLESTR("Column list parse error."));
+  query.Reserve(items.size());  // and room for as many values
   for (auto& item : items) RETURN_IF_FAILED(query.AddColumn(std::move(item)));
   if (token_.kind != SQL_TOKEN_RIGHT_PARENTHESIS) return Error(OLESTR(") is missing."));
   return Consume();
@@ -572,6 +580,7 @@ HRESULT CSQLSyntaxParser::UpdateQuery() {
 
 HRESULT CSQLSyntaxParser::UpdateColumns() {
   auto& query = static_cast<CSQLQueryInfoUPDATE&>(*query_);
+  query.Reserve(kListRoom);
   for (;;) {
     ItemPtr column;
     RETURN_IF_FAILED(ColumnItem(column));
@@ -609,6 +618,7 @@ HRESULT CSQLSyntaxParser::StoredProcedureExec() {
   CSQLSelectItemSP& target = *procedure;
   RETURN_IF_FAILED(query_->AddFromItem(std::move(procedure)));
   ItemList parameters;
+  parameters.reserve(kListRoom);
   hr = ParameterList(parameters);
   if (FAILED(hr)) return ClauseError(hr, OLESTR("Parameters parse error."));
   RETURN_IF_FAILED(target.SetParameters(parameters));
@@ -634,6 +644,7 @@ HRESULT CSQLSyntaxParser::StoredProcedureCall() {
   if (token_.kind != SQL_TOKEN_LEFT_PARENTHESIS) return Error(OLESTR("( is missing."));
   RETURN_IF_FAILED(Consume());
   ItemList parameters;
+  parameters.reserve(kListRoom);
   hr = ParameterList(parameters);
   if (FAILED(hr)) return ClauseError(hr, OLESTR("Parameters parse error."));
   RETURN_IF_FAILED(target.SetParameters(parameters));
@@ -856,8 +867,8 @@ HRESULT CSQLSyntaxParser::TableName(std::unique_ptr<CSQLSelectItemTable>& table)
   auto made = std::make_unique<CSQLSelectItemTable>();
   made->SetAlias(alias.empty() ? name : std::move(alias));
   made->SetTableName(std::move(name));
-  made->SetCatalog(catalog.empty() ? defaultCatalog_ : std::move(catalog));
-  made->SetSchema(schema.empty() ? defaultSchema_ : std::move(schema));
+  made->SetCatalog(catalog.empty() ? WString(defaultCatalog_) : std::move(catalog));
+  made->SetSchema(schema.empty() ? WString(defaultSchema_) : std::move(schema));
   table = std::move(made);
   return S_OK;
 }
@@ -867,8 +878,8 @@ HRESULT CSQLSyntaxParser::ProcedureName(std::unique_ptr<CSQLSelectItemSP>& proce
   RETURN_IF_FAILED(QualifiedName(catalog, schema, name));
   auto made = std::make_unique<CSQLSelectItemSP>();
   made->SetProcedureName(std::move(name));
-  made->SetCatalog(catalog.empty() ? defaultCatalog_ : std::move(catalog));
-  made->SetSchema(schema.empty() ? defaultSchema_ : std::move(schema));
+  made->SetCatalog(catalog.empty() ? WString(defaultCatalog_) : std::move(catalog));
+  made->SetSchema(schema.empty() ? WString(defaultSchema_) : std::move(schema));
   procedure = std::move(made);
   return S_OK;
 }
@@ -893,6 +904,7 @@ HRESULT CSQLSyntaxParser::FromList() {
   procedure->SetProcedureName(table->TableName());
   RETURN_IF_FAILED(Consume());
   ItemList parameters;
+  parameters.reserve(kListRoom);
   RETURN_IF_FAILED(ParameterList(parameters));
   RETURN_IF_FAILED(procedure->SetParameters(parameters));
   if (token_.kind != SQL_TOKEN_RIGHT_PARENTHESIS) return E_FAIL;
@@ -969,12 +981,13 @@ HRESULT CSQLSyntaxParser::Comparison(CSQLConditionNode& node) {
 }
 
 HRESULT CSQLSyntaxParser::RightOperand(CSQLConditionNode& comparison) {
-  auto operand = std::make_unique<CSQLConditionNode>();
-  RETURN_IF_FAILED(Operand(*operand));
-  if (operand->Operator() == SQL_COND_OPERAND)
-    comparison.SetSecondOperand(operand->TakeFirstOperand());
-  else
-    comparison.SetRight(std::move(operand));  // "a = (b = 1)": nothing is thrown away
+  // Read in place: almost always a plain operand, which needs no node of its own.
+  CSQLConditionNode operand;
+  RETURN_IF_FAILED(Operand(operand));
+  if (operand.Operator() == SQL_COND_OPERAND)
+    comparison.SetSecondOperand(operand.TakeFirstOperand());
+  else  // "a = (b = 1)": nothing is thrown away
+    comparison.SetRight(std::make_unique<CSQLConditionNode>(std::move(operand)));
   return S_OK;
 }
 

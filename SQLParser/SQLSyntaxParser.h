@@ -89,8 +89,8 @@ class CSQLToken {
 };
 
 struct SQLLexerState {
-  corvane::WString text;  // never modified
-  int32_t position = 0;   // index of the next character to examine
+  corvane::WStringView text;  // the statement, which outlives the reading
+  int32_t position = 0;       // index of the next character to examine
 };
 
 class CSQLSyntaxParser {
@@ -100,7 +100,8 @@ class CSQLSyntaxParser {
   // Error messages quote at most this many characters of the statement, then "...".
   static constexpr size_t kMaxQuotedStatement = 500;
 
-  // The strings are copied. May throw std::bad_alloc.
+  // The strings are read in place: they must outlive the parser (the query it builds
+  // holds copies of what it needs).
   CSQLSyntaxParser(corvane::WStringView defaultCatalog, corvane::WStringView defaultSchema,
                    corvane::WStringView queryText);
   CSQLSyntaxParser(const CSQLSyntaxParser&) = delete;
@@ -181,8 +182,8 @@ class CSQLSyntaxParser {
   SQLLexerState lexer_;
   CSQLToken token_;
   std::unique_ptr<CSQLQueryInfo> query_;
-  corvane::WString defaultCatalog_;
-  corvane::WString defaultSchema_;
+  corvane::WStringView defaultCatalog_;
+  corvane::WStringView defaultSchema_;
   int parameterCounter_ = 1;
   int nesting_ = 0;
 };

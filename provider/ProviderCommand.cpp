@@ -6,6 +6,7 @@
 #include "SQLParser/SQLCalcItemFunction.h"
 #include "SQLParser/SQLCalcItemParameter.h"
 #include "SQLParser/SQLParser.h"
+#include "SQLParser/WalkStack.h"
 #include "provider/ErrorReporting.h"
 #include "provider/InterfaceName.h"
 #include "provider/Module.h"
@@ -49,35 +50,6 @@ class CRowsetCreator final : public IUnknown {
   }
   std::atomic<ULONG> refs_{1};
   CProviderCommand* command_;
-};
-
-// A stack for walking a tree without recursion that lives on the caller's stack until
-// a tree is unusually deep: a statement's trees rarely need more than a few entries,
-// and Prepare should not allocate to walk them.
-template <typename T>
-class WalkStack {
- public:
-  bool Empty() const { return size_ == 0; }
-  void Push(T value) {
-    if (size_ < kInline)
-      inline_[size_] = value;
-    else
-      spill_.push_back(value);
-    ++size_;
-  }
-  T Pop() {
-    --size_;
-    if (size_ < kInline) return inline_[size_];
-    T value = spill_.back();
-    spill_.pop_back();
-    return value;
-  }
-
- private:
-  static constexpr size_t kInline = 32;
-  T inline_[kInline];
-  size_t size_ = 0;
-  std::vector<T> spill_;
 };
 
 // The highest `?` number among the expression items of a statement.
@@ -124,8 +96,8 @@ class ParameterCounter {
   int highest = 0;
 
  private:
-  WalkStack<const CSQLCalcItem*> items_;
-  WalkStack<const CSQLConditionNode*> nodes_;
+  CWalkStack<const CSQLCalcItem*> items_;
+  CWalkStack<const CSQLConditionNode*> nodes_;
 };
 
 ULONG64 Ticks(const FILETIME& ft) { return (static_cast<ULONG64>(ft.dwHighDateTime) << 32) | ft.dwLowDateTime; }

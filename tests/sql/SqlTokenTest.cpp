@@ -23,8 +23,9 @@ struct Tok {
 
 // Reads tokens until End or a failure; `hr` is the last read's result.
 std::vector<Tok> Lex(const std::string& text, HRESULT* hr = nullptr) {
+  const corvane::WString wide = W(text.c_str());
   SQLLexerState state;
-  state.text = W(text.c_str());
+  state.text = wide;
   CSQLToken token;
   std::vector<Tok> out;
   for (int guard = 0; guard < 1000; ++guard) {
@@ -183,8 +184,9 @@ TEST(SqlTokens, MalformedNumbersFailTheRead) {
 }
 
 TEST(SqlTokens, EachReadStartsFromAClearedTokenBehindThePrevious) {
+  const corvane::WString wide = W("  12  ;");
   SQLLexerState state;
-  state.text = W("  12  ;");
+  state.text = wide;
   CSQLToken token;
   ASSERT_EQ(CSQLSyntaxParser::ReadToken(state, token), S_OK);
   EXPECT_EQ(state.position, 4);
