@@ -189,15 +189,21 @@ HRESULT CRawAccumulator::Result(AggregateId id, ULONGLONG ts, DWORD extraBits, H
 // ---- Calculator ------------------------------------------------------------------------
 
 CAggregatesCalculator::CAggregatesCalculator(std::vector<AggSample> samples, const AggregateSettings& settings)
-    : samples_(std::move(samples)), settings_(settings) {
+    : CAggregatesCalculator(Buffers{std::move(samples), {}, {}}, settings) {}
+
+CAggregatesCalculator::CAggregatesCalculator(Buffers buffers, const AggregateSettings& settings)
+    : samples_(std::move(buffers.samples)),
+      usable_(std::move(buffers.usable)),
+      line_(std::move(buffers.line)),
+      settings_(settings) {
   const size_t n = samples_.size();
   usable_.resize(n);
   size_t count = 0;
   for (size_t i = 0; i < n; ++i) {
     const AggSample& s = samples_[i];
-    const bool usable = s.numeric && settings_.IsGood(s.quality);
-    usable_[i] = usable;
-    count += usable;
+    const bool good = s.numeric && settings_.IsGood(s.quality);
+    usable_[i] = good;
+    count += good;
   }
   line_.resize(count);
   LinePoint* point = line_.data();

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstddef>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "provider/HistorianInterfaces.h"
@@ -149,8 +150,28 @@ class CRawAccumulator {
 
 class CAggregatesCalculator {
  public:
+  // A usable sample as the interpolated line sees it: its value is converted once here
+  // rather than at every segment of every interval that touches it.
+  struct LinePoint {
+    ULONGLONG time;
+    double value;
+    size_t index;  // in the samples
+  };
+  // What a calculator allocates in proportion to its samples: the samples themselves
+  // and what it derives from them. A reader may hand them from one calculator to the
+  // next so that their memory is not given back and faulted in again at every read.
+  struct Buffers {
+    std::vector<AggSample> samples;
+    std::vector<unsigned char> usable;  // per sample: good and numeric
+    std::vector<LinePoint> line;        // the usable samples, in order
+  };
+
   // `samples` must be ordered by time.
   CAggregatesCalculator(std::vector<AggSample> samples, const AggregateSettings& settings);
+  // The same over buffers.samples; the other buffers' contents are replaced.
+  CAggregatesCalculator(Buffers buffers, const AggregateSettings& settings);
+  // Gives the buffers back; the calculator must not be used afterwards.
+  Buffers TakeBuffers() { return Buffers{std::move(samples_), std::move(usable_), std::move(line_)}; }
 
   // Computes one aggregate over [ts, te) into *out (whose value is VT_EMPTY on entry).
   // `lastValue`, when not null, is the raw value of the interval's last sample, used by
@@ -162,14 +183,6 @@ class CAggregatesCalculator {
 
  private:
   static constexpr size_t kNone = static_cast<size_t>(-1);
-
-  // A usable sample as the interpolated line sees it: its value is converted once here
-  // rather than at every segment of every interval that touches it.
-  struct LinePoint {
-    ULONGLONG time;
-    double value;
-    size_t index;  // in samples_
-  };
 
   // What the time-weighted aggregates of one interval share.
   struct Integral {
@@ -211,9 +224,9 @@ class CAggregatesCalculator {
   void ForEachRegion(ULONGLONG ts, ULONGLONG te, F&& f) const;
 
   std::vector<AggSample> samples_;
-  AggregateSettings settings_;
   std::vector<unsigned char> usable_;  // per sample: good and numeric
   std::vector<LinePoint> line_;        // the usable samples, in order
+  AggregateSettings settings_;
 
   mutable bool bounded_ = false;
   mutable ULONGLONG boundsFrom_ = 0, boundsTo_ = 0;

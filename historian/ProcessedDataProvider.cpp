@@ -202,7 +202,9 @@ HRESULT CProcessedDataProvider::ReadProcessedImpl(const TagIdent* tag, const Pro
   AggregateSettings settings = AggregateSettings::FromRequest(request, stepped);
   auto usable = [&settings](const AggSample& s) { return s.numeric && settings.IsGood(s.quality); };
 
-  std::vector<AggSample> samples;
+  std::unique_ptr<CAggregatesCalculator::Buffers> buffers = TakeSpareBuffers();
+  std::vector<AggSample>& samples = buffers->samples;
+  samples.clear();
   VariantArray lastValues(wantLast ? plan.count : 0);
   std::vector<ULONGLONG> lastTimes(wantLast ? plan.count : 0);
   std::vector<unsigned char> haveLast(wantLast ? plan.count : 0);
@@ -297,21 +299,37 @@ HRESULT CProcessedDataProvider::ReadProcessedImpl(const TagIdent* tag, const Pro
     block[e].count = static_cast<ULONG>(plan.count);
   }
 
-  const CAggregatesCalculator calculator(std::move(samples), settings);
+  CAggregatesCalculator calculator(std::move(*buffers), settings);
   // Interval by interval, so that aggregates of one interval share its passes.
-  for (size_t k = 0; k < plan.count; ++k) {
-    for (ULONG e = 0; e < aggregateCount; ++e) {
+  for (size_t k = 0; k < plan.count && SUCCEEDED(hr); ++k) {
+    for (ULONG e = 0; e < aggregateCount && SUCCEEDED(hr); ++e) {
       const VARIANT* last = wantLast && aggregates[e] == AGG_LAST ? &lastValues.items[k] : nullptr;
       hr = calculator.Compute(aggregates[e], plan.IntervalStart(k), plan.IntervalEnd(k), plan.IsPartial(k), last,
                               &block[e].values[k]);
-      if (FAILED(hr)) {
-        FreeProcessedResult(block, aggregateCount);
-        return hr;
-      }
     }
+  }
+  *buffers = calculator.TakeBuffers();
+  KeepSpareBuffers(std::move(buffers));
+  if (FAILED(hr)) {
+    FreeProcessedResult(block, aggregateCount);
+    return hr;
   }
   *results = block;
   return S_OK;
+}
+
+std::unique_ptr<CAggregatesCalculator::Buffers> CProcessedDataProvider::TakeSpareBuffers() {
+  {
+    std::lock_guard<std::mutex> lock(spareLock_);
+    if (spare_) return std::move(spare_);
+  }
+  return std::make_unique<CAggregatesCalculator::Buffers>();
+}
+
+void CProcessedDataProvider::KeepSpareBuffers(std::unique_ptr<CAggregatesCalculator::Buffers> buffers) {
+  if (buffers->samples.capacity() > kSpareSamples) return;  // a rare large read: its memory goes
+  std::lock_guard<std::mutex> lock(spareLock_);
+  if (!spare_) spare_ = std::move(buffers);
 }
 
 // ---- Filtered tag statistics -----------------------------------------------------------

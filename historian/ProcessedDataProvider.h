@@ -74,9 +74,12 @@
 // capability word is not used.
 //
 // Memory and threads. A read holds the samples of its range (24 bytes each, and as much
-// again for each usable one, whose value the line keeps ready) while it computes; the procedures keep ranges short by asking for a bounded number of
-// intervals at a time. Calls may come from any thread at once; the raw provider is
-// called on the caller's thread and must be as thread-safe as its own contract says.
+// again for each usable one, whose value the line keeps ready) while it computes; the
+// procedures keep ranges short by asking for a bounded number of intervals at a time.
+// The object keeps one read's buffers for the next (up to kSpareSamples samples), so
+// that repeated reads do not fault their memory in afresh. Calls may come from any
+// thread at once; the raw provider is called on the caller's thread and must be as
+// thread-safe as its own contract says.
 //
 // Filtered tag statistics (slot 4). Tags are listed by the raw provider's BrowseTags with
 // the first non-empty filter and kept when their name matches every non-empty filter
@@ -106,6 +109,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "historian/AggregatesCalculator.h"
 #include "platform/WideString.h"
 #include "provider/HistorianInterfaces.h"
 
@@ -116,6 +120,9 @@ class CProcessedDataProvider final : public IProcessedDataProvider {
   static constexpr size_t kMaxPendingStatistics = 64;
   static constexpr ULONG kRawPageSize = 10000;
   static constexpr size_t kBoundSearchLimit = 10000;
+  // Sample buffers up to this many samples (a day of one-second samples and more) are
+  // kept for the next read rather than given back to the system: about 6 MB at most.
+  static constexpr size_t kSpareSamples = size_t(1) << 17;
 
   // Holds a reference to `raw` for its whole life.
   static HRESULT Create(IRawDataProvider* raw, IProcessedDataProvider** processed);
@@ -160,6 +167,10 @@ class CProcessedDataProvider final : public IProcessedDataProvider {
   HRESULT TagStatistics(const WString& name, ULONGLONG low, ULONGLONG high, const ProcessedReadRequest* request,
                         HistoryValue* four);
 
+  // The buffers of an earlier read when there are some, else empty ones; and back.
+  std::unique_ptr<CAggregatesCalculator::Buffers> TakeSpareBuffers();
+  void KeepSpareBuffers(std::unique_ptr<CAggregatesCalculator::Buffers> buffers);
+
   std::unique_ptr<StatisticsCursor> TakeCursor(void* token);
   void* KeepCursor(std::unique_ptr<StatisticsCursor> cursor);
 
@@ -168,6 +179,8 @@ class CProcessedDataProvider final : public IProcessedDataProvider {
   mutable std::mutex cursorLock_;
   std::unordered_map<void*, std::unique_ptr<StatisticsCursor>> cursors_;
   std::deque<void*> cursorOrder_;
+  std::mutex spareLock_;
+  std::unique_ptr<CAggregatesCalculator::Buffers> spare_;
 };
 
 }  // namespace corvane::historian

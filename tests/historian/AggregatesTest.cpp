@@ -412,6 +412,47 @@ TEST_F(AggregatesTest, IntervalsBeforeTheFirstSampleHaveNoData) {
   ExpectR8(early.At(0, 1), 50000, kGoodCalc, 50);
 }
 
+// A result's value to the bit (doubles included), as far as its type defines it.
+LONGLONG Bits(const VARIANT& v) {
+  switch (v.vt) {
+    case VT_R8: return v.llVal;
+    case VT_EMPTY: return 0;
+    default: return v.lVal;  // I4 and UI4
+  }
+}
+
+TEST_F(AggregatesTest, ReadsLeaveNothingBehindForTheNextOne) {
+  // The object hands one read's buffers to the next: after a longer read with other
+  // settings, one of "Late" (a single sample, nothing after it to slope towards) must
+  // come out exactly as from a fresh object.
+  std::vector<AggregateId> all;
+  for (AggregateId id = 0; id < AGG_COUNT_OF_AGGREGATES; ++id) all.push_back(id);
+  Answer earlier, later, fresh;
+  Read(earlier, OLESTR("Flow"), -10, 130, 7000, all);
+  ASSERT_EQ(S_OK, earlier.hr);
+  request_.treatUncertainAsGood = 0;
+  Read(later, OLESTR("Late"), 40, 100, 20000, all);
+  IProcessedDataProvider* other = nullptr;
+  ASSERT_EQ(S_OK, CProcessedDataProvider::Create(&raw_, &other));
+  std::swap(other, processed_);
+  Read(fresh, OLESTR("Late"), 40, 100, 20000, all);
+  std::swap(other, processed_);
+  other->Release();
+  ASSERT_EQ(S_OK, later.hr);
+  ASSERT_EQ(S_OK, fresh.hr);
+  for (ULONG agg = 0; agg < later.entries; ++agg) {
+    ASSERT_EQ(3u, later.result[agg].count);
+    for (ULONG k = 0; k < 3; ++k) {
+      const HistoryValue& x = later.At(agg, k);
+      const HistoryValue& y = fresh.At(agg, k);
+      ASSERT_EQ(y.value.vt, x.value.vt) << agg << "/" << k;
+      EXPECT_EQ(Bits(y.value), Bits(x.value)) << agg << "/" << k;
+      EXPECT_EQ(y.quality, x.quality) << agg << "/" << k;
+      EXPECT_EQ(FileTimeToU64(y.timestamp), FileTimeToU64(x.timestamp)) << agg << "/" << k;
+    }
+  }
+}
+
 // ---- States and qualities -------------------------------------------------------------------------
 
 TEST_F(AggregatesTest, BooleanStatesTransitionsAndQualityShares) {
