@@ -37,7 +37,8 @@ class CSQLSelectItemTable : public CSQLSelectItem {
   CSQLSelectItemTable() : CSQLSelectItem(SQL_SELECT_ITEM_TABLE) {}
 
   const corvane::WString& TableName() const { return tableName_; }
-  const corvane::WString& Alias() const { return alias_; }  // the table name when none was written
+  // The table name when none was written (kept as one string, not two).
+  const corvane::WString& Alias() const { return alias_.empty() ? tableName_ : alias_; }
   void SetTableName(corvane::WString name) { tableName_ = std::move(name); }
   void SetAlias(corvane::WString alias) { alias_ = std::move(alias); }
 

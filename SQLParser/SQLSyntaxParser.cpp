@@ -1,5 +1,6 @@
 #include "SQLParser/SQLSyntaxParser.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <climits>
@@ -176,20 +177,22 @@ HRESULT FailToken(CSQLToken& token, HRESULT hr) {
 }  // namespace
 
 void CSQLSyntaxParser::ClassifyWord(CSQLToken& token) {
+  // Sorted by key, so that the many words that are no keyword are turned away after a
+  // few comparisons; each keyword appears once, so the table's order decides nothing.
   static const auto kKeys = [] {
-    std::array<uint64_t, std::size(kKeywords)> keys{};
-    for (size_t i = 0; i < keys.size(); ++i) keys[i] = PackKeyword(kKeywords[i].word, kKeywords[i].length);
+    std::array<std::pair<uint64_t, const KeywordEntry*>, std::size(kKeywords)> keys{};
+    for (size_t i = 0; i < keys.size(); ++i)
+      keys[i] = {PackKeyword(kKeywords[i].word, kKeywords[i].length), &kKeywords[i]};
+    std::sort(keys.begin(), keys.end());
     return keys;
   }();
   const uint64_t key = PackWord(token.text);
   if (key == 0) return;
-  for (size_t i = 0; i < kKeys.size(); ++i) {
-    if (kKeys[i] == key) {
-      token.kind = kKeywords[i].kind;
-      token.keyword = kKeywords[i].keyword;
-      return;
-    }
-  }
+  const auto found = std::lower_bound(kKeys.begin(), kKeys.end(), key,
+                                      [](const auto& entry, uint64_t k) { return entry.first < k; });
+  if (found == kKeys.end() || found->first != key) return;
+  token.kind = found->second->kind;
+  token.keyword = found->second->keyword;
 }
 
 HRESULT CSQLSyntaxParser::ReadToken(SQLLexerState& state, CSQLToken& token) {
@@ -865,7 +868,7 @@ HRESULT CSQLSyntaxParser::TableName(std::unique_ptr<CSQLSelectItemTable>& table)
   WString alias;
   RETURN_IF_FAILED(OptionalAlias(alias));
   auto made = std::make_unique<CSQLSelectItemTable>();
-  made->SetAlias(alias.empty() ? name : std::move(alias));
+  if (!alias.empty()) made->SetAlias(std::move(alias));
   made->SetTableName(std::move(name));
   made->SetCatalog(catalog.empty() ? WString(defaultCatalog_) : std::move(catalog));
   made->SetSchema(schema.empty() ? WString(defaultSchema_) : std::move(schema));
@@ -1005,7 +1008,7 @@ HRESULT CSQLSyntaxParser::Between(CSQLConditionNode& node) {
   RETURN_IF_FAILED(Consume());
   auto high = std::make_unique<CSQLConditionNode>();
   high->SetOperator(SQL_COND_LESS);
-  high->SetFirstOperand(std::make_unique<CSQLCalcItemTableColumn>(column));
+  high->SetFirstOperand(node.TakeFirstOperand());  // the column as written, not a second copy
   RETURN_IF_FAILED(RightOperand(*high));
   node.Reset();
   node.SetOperator(SQL_COND_AND);
