@@ -198,18 +198,16 @@ CAggregatesCalculator::CAggregatesCalculator(Buffers buffers, const AggregateSet
       settings_(settings) {
   const size_t n = samples_.size();
   usable_.resize(n);
+  line_.resize(n);  // at most; every sample is written, only usable ones are kept
   size_t count = 0;
   for (size_t i = 0; i < n; ++i) {
     const AggSample& s = samples_[i];
-    const bool good = s.numeric && settings_.IsGood(s.quality);
-    usable_[i] = good;
-    count += good;
+    const bool usable = s.numeric && settings_.IsGood(s.quality);
+    usable_[i] = usable;
+    line_[count] = {s.time, s.Number(), i};
+    count += usable;
   }
   line_.resize(count);
-  LinePoint* point = line_.data();
-  for (size_t i = 0; i < n; ++i) {
-    if (Usable(i)) *point++ = {samples_[i].time, samples_[i].Number(), i};
-  }
 }
 
 size_t CAggregatesCalculator::FirstAtOrAfter(ULONGLONG t) const {
@@ -275,22 +273,33 @@ const CAggregatesCalculator::Integral& CAggregatesCalculator::IntegralOf(ULONGLO
     while (any && cur < y) {
       const size_t k = j + 1;
       if (k < m && line_[k].time < y && cur == line_[j].time) {
-        // A whole segment from one point to the next, the bulk of an interval: the
-        // line's values at its ends are LineValueAt's with a quotient of exactly 0 and 1.
-        const LinePoint& p = line_[j];
-        const LinePoint& q = line_[k];
-        if (q.time > cur) {
-          double v0 = p.value, v1 = p.value;
-          if (!settings_.stepped) {
-            const double d = q.value - p.value;
-            v0 = p.value + d * 0.0;
-            v1 = p.value + d * 1.0;
+        // The line is at a point: whole segments from point to point follow up to the
+        // last point before y, the bulk of an interval. The line's values at their ends
+        // are LineValueAt's with a quotient of exactly 0 and 1.
+        const bool stepped = settings_.stepped;
+        double area = r.area;
+        ULONGLONG covered = r.covered;
+        double pv = line_[j].value;
+        size_t q = k;
+        for (; q < m && line_[q].time < y; ++q) {
+          const ULONGLONG qt = line_[q].time;
+          const double qv = line_[q].value;
+          if (qt > cur) {
+            double v0 = pv, v1 = pv;
+            if (!stepped) {
+              const double d = qv - pv;
+              v0 = pv + d * 0.0;
+              v1 = pv + d * 1.0;
+            }
+            area += (v0 + v1) / 2.0 * static_cast<double>(qt - cur);
+            covered += qt - cur;
+            cur = qt;
           }
-          r.area += (v0 + v1) / 2.0 * static_cast<double>(q.time - cur);
-          r.covered += q.time - cur;
-          cur = q.time;
+          pv = qv;
         }
-        j = k;
+        r.area = area;
+        r.covered = covered;
+        j = q - 1;
         continue;
       }
       const ULONGLONG segEnd = k < m ? std::min(y, line_[k].time) : y;

@@ -47,8 +47,10 @@ HRESULT ReadRange(IRawDataProvider* raw, const TagIdent* tag, ULONGLONG from, UL
     if (list) {
       // A page that brings nothing yet promises more would make us spin forever.
       if (list->count == 0) more = false;
-      for (ULONG i = 0; i < list->count && list->values; ++i) {
-        cbResult = onSample(list->values[i]);
+      const HistoryValue* values = list->values;
+      const ULONG count = values ? list->count : 0;
+      for (ULONG i = 0; i < count; ++i) {
+        cbResult = onSample(values[i]);
         if (cbResult != S_OK) break;
       }
     } else {

@@ -74,7 +74,7 @@
 // capability word is not used.
 //
 // Memory and threads. A read holds the samples of its range (24 bytes each, and as much
-// again for each usable one, whose value the line keeps ready) while it computes; the
+// again for the line, which keeps the usable ones' values ready) while it computes; the
 // procedures keep ranges short by asking for a bounded number of intervals at a time.
 // The object keeps one read's buffers for the next (up to kSpareSamples samples), so
 // that repeated reads do not fault their memory in afresh. Calls may come from any
