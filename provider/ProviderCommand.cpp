@@ -457,7 +457,8 @@ HRESULT CProviderCommand::InitializeOutputColumns() {
     const CSQLCalcItem* item = column->Item();
     if (item && item->Kind() == SQL_CALC_TABLE_COLUMN) {
       if (column->ColumnName() == OLESTR("*")) {
-        for (const auto& c : source->Columns) outputColumns_.push_back({c.ColumnAlias, c.wType, c.ColumnSize, c.dwFlags});
+        for (const auto& c : source->Columns)
+          outputColumns_.push_back({c.ColumnAlias, c.wType, c.ColumnSize, c.dwFlags});
         continue;
       }
       const ColumnRecord& c = *sourceColumn(column->ColumnName());

@@ -312,6 +312,18 @@ TEST_F(CommandParameters, TypeNamesKeepTheirMapping) {
   ASSERT_EQ(2u, counted.size());
   EXPECT_EQ(DBTYPE_VARIANT, counted[1].type);
   EXPECT_EQ(2u, counted[1].ordinal);
+
+  // A condition nested to the right ("? = (? = (...))") keeps many subtrees pending
+  // while it is walked; every `?` in it still counts.
+  constexpr int kNested = 40;
+  std::string nested = "SELECT * FROM RAWDATA WHERE ";
+  for (int i = 0; i < kNested; ++i) nested += "? = (";
+  nested += "? = 1" + std::string(kNested, ')');
+  SetText(corvane::FromUtf8(nested).c_str());
+  ASSERT_EQ(S_OK, Prepare());
+  const auto many = Parameters();
+  ASSERT_EQ(static_cast<size_t>(kNested + 1), many.size());
+  EXPECT_EQ(static_cast<DBORDINAL>(kNested + 1), many.back().ordinal);
 }
 
 TEST_F(CommandExecution, ParameterisedSelectEndToEnd) {
