@@ -114,11 +114,21 @@ HRESULT CSPHdaBase::AddTagColumns(const ProcessedResult* result, ULONG i, const 
       }
       case HdaField::Status: row->push_back(UnsignedCell(v.quality)); break;
       case HdaField::StatusStr:
-      case HdaField::ValueStr: row->push_back(TextCell(corvane::QualityToStr2(v.quality).c_str())); break;
+      case HdaField::ValueStr: row->push_back(TextCell(StatusText(v.quality).c_str())); break;
       case HdaField::Timestamp: row->push_back(TimeCell(v.timestamp)); break;
     }
   }
   return S_OK;
+}
+
+const WString& CSPHdaBase::StatusText(ULONG quality) {
+  for (const auto& known : m_StatusTexts) {
+    if (known.first == quality) return known.second;
+  }
+  constexpr size_t kRemembered = 32;  // a handful per aggregate family; more is unusual
+  if (m_StatusTexts.size() >= kRemembered) m_StatusTexts.clear();
+  m_StatusTexts.emplace_back(quality, corvane::QualityToStr2(quality));
+  return m_StatusTexts.back().second;
 }
 
 HRESULT CSPHdaBase::StepOneTag() {

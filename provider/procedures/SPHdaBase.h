@@ -2,6 +2,9 @@
 // (one-tag forms) or per tag and chunk (five-tag forms), one row per interval with the
 // family's columns. The eight procedure classes only choose the family and the form.
 #pragma once
+#include <utility>
+#include <vector>
+
 #include "provider/procedures/BaseStoredProcedure.h"
 #include "provider/procedures/HdaFamilies.h"
 
@@ -30,9 +33,12 @@ class CSPHdaBase : public CBaseStoredProcedure {
   // Appends the columns of `layout` for interval i of `result` to `row`.
   HRESULT AddTagColumns(const ProcessedResult* result, ULONG i, const std::vector<HdaColumn>& layout,
                         ProducedRecord* row);
+  // QualityToStr2 of `quality`, remembered: a read's rows repeat a few status words.
+  const corvane::WString& StatusText(ULONG quality);
 
   const HdaFamily& m_Family;
   bool m_bFiveTags;
   const Messages& m_Messages;
   TagIdent* m_pTag = nullptr;
+  std::vector<std::pair<ULONG, corvane::WString>> m_StatusTexts;
 };
