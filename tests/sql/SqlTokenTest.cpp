@@ -96,10 +96,10 @@ TEST(SqlTokens, KeywordTableIgnoresCaseAndKeepsTheText) {
     EXPECT_EQ(t[0].text, plain);
   }
   // Only ASCII letters fold: a character whose low byte is a keyword's letter is not it.
-  for (const OLECHAR* near : {OLESTR("\u0153ET"), OLESTR("SE\u0154"), OLESTR("A\u0153")}) {
+  for (const OLECHAR* lookalike : {OLESTR("\u0153ET"), OLESTR("SE\u0154"), OLESTR("A\u0153")}) {
     CSQLToken token;
     token.kind = SQL_TOKEN_IDENTIFIER;
-    token.text = near;
+    token.text = lookalike;
     CSQLSyntaxParser::ClassifyWord(token);
     EXPECT_EQ(token.kind, SQL_TOKEN_IDENTIFIER);
   }
