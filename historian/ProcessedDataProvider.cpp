@@ -227,29 +227,51 @@ HRESULT CProcessedDataProvider::ReadProcessedImpl(const TagIdent* tag, const Pro
       if (FAILED(hr)) return hr;
       samples.assign(before.rbegin(), before.rend());
     }
-    // Samples mostly come in time order: the interval of the previous one is tried first.
+    // Samples mostly come in time order: the interval of the previous one is tried first,
+    // and its LAST candidate is held here until a sample of another interval comes or
+    // the page ends.
     size_t k = 0;
     ULONGLONG kStart = plan.IntervalStart(0), kEnd = plan.IntervalEnd(0);
+    bool held = false, heldHave = false, heldChanged = false;
+    ULONGLONG heldTime = 0;
+    const VARIANT* heldValue = nullptr;
+    auto release = [&] {
+      if (held && heldChanged) {
+        if (!pageLast[k]) pageTouched.push_back(k);
+        pageLast[k] = heldValue;
+        lastTimes[k] = heldTime;
+        haveLast[k] = true;
+      }
+      held = false;
+    };
     auto onSample = [&](const HistoryValue& v) -> HRESULT {
       const AggSample s = ToAggSample(v);
       if (s.time < plan.start || s.time >= plan.end) return S_OK;
       samples.push_back(s);
       if (wantLast) {
         if (s.time < kStart || s.time >= kEnd) {
+          release();
           k = plan.IndexOf(s.time);
           kStart = plan.IntervalStart(k);
           kEnd = plan.IntervalEnd(k);
         }
-        if (!haveLast[k] || s.time >= lastTimes[k]) {
-          if (!pageLast[k]) pageTouched.push_back(k);
-          pageLast[k] = &v.value;
-          lastTimes[k] = s.time;
-          haveLast[k] = true;
+        if (!held) {
+          held = true;
+          heldChanged = false;
+          heldHave = haveLast[k] != 0;
+          heldTime = lastTimes[k];
+        }
+        if (!heldHave || s.time >= heldTime) {
+          heldHave = true;
+          heldTime = s.time;
+          heldValue = &v.value;
+          heldChanged = true;
         }
       }
       return S_OK;
     };
     auto onPageEnd = [&]() -> HRESULT {
+      release();
       HRESULT copied = S_OK;
       for (const size_t touched : pageTouched) {
         if (SUCCEEDED(copied)) {
