@@ -412,6 +412,24 @@ TEST_F(AggregatesTest, IntervalsBeforeTheFirstSampleHaveNoData) {
   ExpectR8(early.At(0, 1), 50000, kGoodCalc, 50);
 }
 
+TEST_F(AggregatesTest, SamplesSharingATimeCountInTheOrderTheyCame) {
+  // Two samples at 10 s, on two pages: the later one holds from there and is the last.
+  raw_.AddTag(OLESTR("Twin"), VT_R8, false);
+  raw_.Add(0, 10);
+  raw_.Add(10, 20);
+  raw_.Add(10, 40, kUncertainQ);
+  raw_.Add(20, 40);
+  raw_.Add(30, 40);
+  Answer a, line;
+  Read(a, OLESTR("Twin"), 0, 20, 0, {AGG_LAST, AGG_COUNT});
+  Read(line, OLESTR("Twin"), 0, 30, 0, {AGG_TIME_AVG});
+  ASSERT_EQ(S_OK, a.hr);
+  ASSERT_EQ(S_OK, line.hr);
+  ExpectR8(a.At(0, 0), 40, kUncertainQ, 10);
+  EXPECT_EQ(3, a.At(1, 0).value.lVal);
+  ExpectR8(line.At(0, 0), 950.0 / 30, kGoodCalc, 0);  // 10 -> 20 over 10 s (150), then 40 (800)
+}
+
 // A result's value to the bit (doubles included), as far as its type defines it.
 LONGLONG Bits(const VARIANT& v) {
   switch (v.vt) {
