@@ -10,6 +10,9 @@ using corvane::platform::Event;
 
 namespace {
 
+// The provider whose step the current thread is running, if any.
+thread_local CDataProvider* t_pStepping = nullptr;
+
 int LastSystemError() {
 #ifdef _WIN32
   return static_cast<int>(GetLastError());
@@ -107,7 +110,14 @@ DWORD CDataProvider::WorkerLoop(CDataProvider* self) {
   Event& work = *self->m_pWorkEvent;
   auto runStep = [self]() -> bool {
     const uint64_t start = NowNanoseconds();
+    t_pStepping = self;
     const HRESULT hr = self->ExecuteStep();
+    t_pStepping = nullptr;
+    if (self->m_bRowsHeld) {
+      // One wake-up for all the records of the step, not one per record.
+      self->m_bRowsHeld = false;
+      self->m_RowsEvent.Set();
+    }
     const uint64_t spent = NowNanoseconds() - start;
     {
       CriticalSectionLock lock(self->m_TimeLock);
@@ -229,7 +239,17 @@ void CDataProvider::AppendRecord(ProducedRecord&& record) {
     CriticalSectionLock lock(m_StateLock);
     m_Produced.push_back(std::move(record));
   }
-  m_RowsEvent.Set();
+  SignalRows();
+}
+
+void CDataProvider::SignalRows() {
+  // Inside a step the worker signals once when the step ends: a fetch woken for every
+  // record takes one and waits again, a thread switch per record.
+  if (t_pStepping == this) {
+    m_bRowsHeld = true;
+  } else {
+    m_RowsEvent.Set();
+  }
 }
 
 void CDataProvider::AppendRecords(ProducedRecordList&& records) {
@@ -243,7 +263,7 @@ void CDataProvider::AppendRecords(ProducedRecordList&& records) {
     }
   }
   records.clear();
-  m_RowsEvent.Set();
+  SignalRows();
 }
 
 void CDataProvider::RecycleRecords(ProducedRecordList& used) {

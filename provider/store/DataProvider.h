@@ -64,7 +64,8 @@ class CDataProvider {
   void SetMoreData(bool more);
   bool MoreData();
 
-  // Queues produced records for the fetch and wakes a waiting fetch.
+  // Queues produced records for the fetch and wakes a waiting fetch; within the
+  // worker's step, once when the step returns.
   void AppendRecord(ProducedRecord&& record);
   void AppendRecords(ProducedRecordList&& records);
   size_t QueuedRecordCount();
@@ -95,6 +96,7 @@ class CDataProvider {
  private:
   static DWORD WorkerLoop(CDataProvider* self);
   void CloseEvents();
+  void SignalRows();
 
   corvane::platform::CriticalSection m_StateLock;
   DWORD m_bMoreData = 1;
@@ -113,5 +115,6 @@ class CDataProvider {
   std::unique_ptr<corvane::platform::Event> m_pStopEvent;
   std::unique_ptr<corvane::platform::Event> m_pWorkEvent;
   corvane::platform::Event m_RowsEvent{corvane::platform::Event::Mode::AutoReset};
+  bool m_bRowsHeld = false;  // the worker's step queued records and has not signalled yet
   DWORD m_bRunning = 0;
 };
