@@ -121,8 +121,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
   } else {
     Check(query == nullptr);
-    // Clause messages always quote the whole text after the common prefix.
-    const corvane::WString prefix = corvane::WString(OLESTR("Failed to parse the query: '")) + text + OLESTR("'.");
+    // Clause messages quote the text after the common prefix, cut to its beginning and
+    // an ellipsis when it is long.
+    const size_t kQuoted = CSQLSyntaxParser::kMaxQuotedStatement;
+    const corvane::WString quoted = text.size() <= kQuoted ? text : text.substr(0, kQuoted) + OLESTR("...");
+    const corvane::WString prefix = corvane::WString(OLESTR("Failed to parse the query: '")) + quoted + OLESTR("'.");
     Check(error.empty() || error.compare(0, prefix.size(), prefix) == 0);
   }
   return 0;
