@@ -36,21 +36,29 @@ OLECHAR WToUpper(OLECHAR c) {
   return c;
 }
 
-OLECHAR WToLower(OLECHAR c) {
-  const uint16_t u = static_cast<uint16_t>(c);
-  if (u >= 'A' && u <= 'Z') return static_cast<OLECHAR>(u + 0x20);
-  if (u >= 0xC0 && u <= 0xDE && u != 0xD7) return static_cast<OLECHAR>(u + 0x20);
-  if (u == 0x178) return static_cast<OLECHAR>(0xFF);
-  return c;
+namespace {
+// Local, so that the compare loop inlines it: a shared library's exported function is
+// called through its interposable symbol.
+inline uint16_t FoldLower(uint16_t u) {
+  if (u >= 'A' && u <= 'Z') return static_cast<uint16_t>(u + 0x20);
+  if (u >= 0xC0 && u <= 0xDE && u != 0xD7) return static_cast<uint16_t>(u + 0x20);
+  if (u == 0x178) return 0xFF;
+  return u;
 }
+}  // namespace
+
+OLECHAR WToLower(OLECHAR c) { return static_cast<OLECHAR>(FoldLower(static_cast<uint16_t>(c))); }
 
 int WICmp(WStringView a, WStringView b) {
   const size_t n = a.size() < b.size() ? a.size() : b.size();
   for (size_t i = 0; i < n; ++i) {
+    uint16_t ca = static_cast<uint16_t>(a[i]);
+    uint16_t cb = static_cast<uint16_t>(b[i]);
+    if (ca == cb) continue;
     // Fold to lower case, as the Windows run-time's case-blind compare does, so that
     // '_' and the brackets order the same way on both targets.
-    const uint16_t ca = static_cast<uint16_t>(WToLower(a[i]));
-    const uint16_t cb = static_cast<uint16_t>(WToLower(b[i]));
+    ca = FoldLower(ca);
+    cb = FoldLower(cb);
     if (ca != cb) return ca < cb ? -1 : 1;
   }
   if (a.size() == b.size()) return 0;
