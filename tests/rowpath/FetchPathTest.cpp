@@ -229,7 +229,8 @@ TEST_F(RowHandles, OldHandlesStayValidAndDistinctInAnyReleaseOrder) {
 class CellCopies : public LeakCheckedTest {};
 
 // Every binding of a cell gives the value, status and length the conversion service
-// gives for the same source, whichever way the store copies it.
+// gives for the same source, whichever way the store copies it, with or without an
+// accessor's plan.
 TEST_F(CellCopies, StoreAndConversionServiceAgree) {
   struct Col {
     DBTYPE type;
@@ -246,6 +247,7 @@ TEST_F(CellCopies, StoreAndConversionServiceAgree) {
       {DBTYPE_DBTIMESTAMP, 16, StoreValue::FromTime(FileTimeOf(0x7FF0000000000000ull))},
       {DBTYPE_VARIANT, 24, R8(1e20)}, {DBTYPE_VARIANT, 24, Variant(VT_I4, 77)},
       {DBTYPE_VARIANT, 24, Bstr(OLESTR("12.5"))}, {DBTYPE_VARIANT, 24, Variant(VT_NULL, 0)},
+      {DBTYPE_VARIANT, 24, Variant(VT_ERROR, 0x80020004)},
       {DBTYPE_WSTR, 8, Bstr(OLESTR("Flow.A"))}};
   V_DATE(&cols[6].value.Value) = 45292.25;
   std::vector<ColumnRecord> records;
@@ -292,6 +294,17 @@ TEST_F(CellCopies, StoreAndConversionServiceAgree) {
         b.obLength = 80;
         b.obStatus = 96;
         const HRESULT hrStore = store.GetData(&b, 1, rows[0], viaStore);
+        alignas(8) BYTE viaPlan[128];
+        std::memset(viaPlan, 0xEE, sizeof viaPlan);
+        const std::vector<CDataStore::BindingStep> plan = store.PlanBindings(&b, 1);
+        EXPECT_EQ(hrStore, store.GetData(&b, 1, rows[0], viaPlan, plan.data()));
+        // A VARIANT that owns text is a copy of its own; everything else is the same bytes.
+        const size_t own = target == DBTYPE_VARIANT && StatusAt(viaPlan, b) == DBSTATUS_S_OK ? sizeof(VARIANT) : 0;
+        if (own) {
+          EXPECT_TRUE(SameVariant(*reinterpret_cast<VARIANT*>(viaPlan), *reinterpret_cast<VARIANT*>(viaStore)));
+          VariantClear(reinterpret_cast<VARIANT*>(viaPlan));
+        }
+        EXPECT_EQ(0, std::memcmp(viaPlan + own, viaStore + own, sizeof viaPlan - own));
         DBLENGTH length = 0;
         DBSTATUS status = DBSTATUS_S_OK;
         const HRESULT hrService = convert->DataConvert(info.wType, target, cbCol, &length, source, viaService, maxLen,
