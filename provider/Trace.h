@@ -98,6 +98,11 @@ namespace corvane::detail {
 extern std::atomic<int> g_traceThreshold;
 }  // namespace corvane::detail
 
+namespace corvane {
+// Whether a trace at `level` may be written: for work done only to feed traces.
+inline bool TraceWanted(int level) { return level >= detail::g_traceThreshold.load(std::memory_order_relaxed); }
+}  // namespace corvane
+
 #define CVTRACE(level, ...)                                                                      \
   do {                                                                                           \
     if ((level) >= ::corvane::detail::g_traceThreshold.load(std::memory_order_relaxed) &&        \

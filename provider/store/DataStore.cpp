@@ -900,6 +900,9 @@ HRESULT CDataStore::GetData(const DBBINDING* bindings, DBCOUNTITEM count, CRefCo
           break;
       }
       if (done) {
+        if (corvane::TraceWanted(TRACE_DETAIL)) {
+          TracePlannedCopy(b, step.kind == BindingStep::kWideText ? length : m_pColumnInfo[b.iOrdinal - 1].ulColumnSize);
+        }
         WriteLength(buffer, b, length);
         WriteStatus(buffer, b, DBSTATUS_S_OK);
         ++succeeded;
@@ -917,6 +920,16 @@ HRESULT CDataStore::GetData(const DBBINDING* bindings, DBCOUNTITEM count, CRefCo
 
   if (failed) return finish(succeeded ? DB_S_ERRORSOCCURRED : DB_E_ERRORSOCCURRED);
   return finish(S_OK);
+}
+
+void CDataStore::TracePlannedCopy(const DBBINDING& b, DBLENGTH cbCol) {
+  // The traces the conversion service's path leaves, for the same copy.
+  const DataStoreColumnInfo& col = m_pColumnInfo[b.iOrdinal - 1];
+  CVTRACE(TRACE_DETAIL, OLESTR("CDataStore::GetData -> ordinal = %d, pColCur->wType = %d, pBindCur->wType = %d"),
+          static_cast<int>(b.iOrdinal), static_cast<int>(col.wType), static_cast<int>(b.wType));
+  CVTRACE(TRACE_DETAIL, OLESTR("CDataStore::GetData -> cbCol = %d, cbDst = %d"), static_cast<int>(cbCol),
+          static_cast<int>(std::min(cbCol, b.cbMaxLen)));
+  CVTRACE(TRACE_DETAIL, OLESTR("CDataStore::GetData -> hr = %X"), static_cast<unsigned>(S_OK));
 }
 
 HRESULT CDataStore::GetBinding(const DBBINDING& b, const BYTE* rowBuffer, DBLENGTH rowSize, BYTE* buffer) {

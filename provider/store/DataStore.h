@@ -121,6 +121,7 @@ class CDataStore {
   // conversion service. S_OK or S_FALSE (the binding failed, its status says why), or
   // a failure that ends the whole call.
   HRESULT GetBinding(const DBBINDING& b, const BYTE* rowBuffer, DBLENGTH rowSize, BYTE* buffer);
+  void TracePlannedCopy(const DBBINDING& b, DBLENGTH cbCol);
   CellWrite WriteCell(const StoreValue& value, const DataStoreColumnInfo& rColInfo, CRefCountedDataStoreRow* row);
   // WriteCell for the common cells of history rows; false (nothing written) otherwise.
   bool WriteCommonCell(const StoreValue& value, const DataStoreColumnInfo& col, CRefCountedDataStoreRow* row);

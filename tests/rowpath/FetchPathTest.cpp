@@ -15,6 +15,7 @@
 #include "provider/store/DataStore.h"
 #include "tests/store/StoreTestSupport.h"
 #include "tests/support/LeakCheckedTest.h"
+#include "tests/support/TraceCapture.h"
 
 namespace corvane::test {
 namespace {
@@ -263,6 +264,14 @@ TEST_F(CellCopies, StoreAndConversionServiceAgree) {
   ASSERT_EQ(S_OK, store.GetNextRows(0, 1, rows));
   IDataConvert* convert = nullptr;
   ASSERT_EQ(S_OK, CreateDataConvert(&convert));
+  TraceCapture traces;
+  auto StoreTraces = [](const TraceCapture& capture) {
+    std::vector<std::string> lines;
+    for (const std::string& text : capture.Texts()) {
+      if (text.rfind("CDataStore::GetData", 0) == 0) lines.push_back(text);
+    }
+    return lines;
+  };
 
   const DBTYPE targets[] = {DBTYPE_I1, DBTYPE_UI2, DBTYPE_I4, DBTYPE_UI4, DBTYPE_I8, DBTYPE_R8,
                             DBTYPE_DATE, DBTYPE_DBTIMESTAMP, DBTYPE_VARIANT, DBTYPE_WSTR};
@@ -293,11 +302,15 @@ TEST_F(CellCopies, StoreAndConversionServiceAgree) {
         DBBINDING b = Binding(static_cast<DBORDINAL>(c + 1), target, 0, maxLen);
         b.obLength = 80;
         b.obStatus = 96;
+        traces.Clear();
         const HRESULT hrStore = store.GetData(&b, 1, rows[0], viaStore);
+        const std::vector<std::string> generalTraces = StoreTraces(traces);
         alignas(8) BYTE viaPlan[128];
         std::memset(viaPlan, 0xEE, sizeof viaPlan);
         const std::vector<CDataStore::BindingStep> plan = store.PlanBindings(&b, 1);
+        traces.Clear();
         EXPECT_EQ(hrStore, store.GetData(&b, 1, rows[0], viaPlan, plan.data()));
+        EXPECT_EQ(generalTraces, StoreTraces(traces));
         // A VARIANT that owns text is a copy of its own; everything else is the same bytes.
         const size_t own = target == DBTYPE_VARIANT && StatusAt(viaPlan, b) == DBSTATUS_S_OK ? sizeof(VARIANT) : 0;
         if (own) {
