@@ -402,7 +402,8 @@ HRESULT CSelectListProducer::FetchRows(ProducedRecordList& rows, size_t wanted) 
     m_Incoming.clear();
     const size_t ask = wanted > rows.size() ? wanted - rows.size() : 1;
     const HRESULT hr = m_pSource->FetchRows(m_Incoming, ask);
-    if (FAILED(hr)) return hr;
+    // Rows mapped before a failure go out first; the source reports it again next time.
+    if (FAILED(hr)) return rows.empty() ? hr : S_OK;
     for (const ProducedRecord& record : m_Incoming) {
       if (m_Skipped < m_Skip) {
         ++m_Skipped;

@@ -103,9 +103,11 @@ HRESULT CBaseStoredProcedure::FetchRows(ProducedRecordList& rows, size_t wanted)
     if (FAILED(hr)) return hr;
     if (rows.size() >= wanted) return S_OK;
     if (!IsRunning()) {
-      // Rows queued between the take and the check are the last ones.
+      // Rows queued between the take and the check are the last ones. After a failure
+      // they are not the end: the failure is still to come.
       hr = CDataProvider::FetchRows(rows, 0);
       if (FAILED(hr)) return hr;
+      if (FAILED(LastResult())) return S_OK;
       return rows.size() >= wanted ? S_OK : DB_S_ENDOFROWSET;
     }
     WaitForRows(kFetchWaitMs);

@@ -190,7 +190,9 @@ HRESULT CDataProvider::FetchRows(ProducedRecordList& rows, size_t wanted) {
       pending = IsDataPending() != 0;
     }
     if (FAILED(last)) {
-      rows.clear();
+      // What the worker queued before it failed was read well: it goes out first, and
+      // the failure comes with the next fetch, which finds nothing queued.
+      if (!rows.empty()) return S_OK;
       return last;
     }
     if (took) OnRowsTaken();

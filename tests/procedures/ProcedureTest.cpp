@@ -240,6 +240,18 @@ TEST_F(ProcedureTest, RawDataReadsEveryTagPageByPageFromATrimmedList) {
   EXPECT_EQ(before + 1u, h.Host().Calls(Op::ReadRaw));
 }
 
+TEST_F(ProcedureTest, RowsReadAheadBeforeAFailureReachTheConsumerFirst) {
+  ProcedureHarness& h = Open(true, false);
+  h.SetMaxRows(3);
+  // Flow comes in pages of three; its fourth read fails after nine samples were read
+  // ahead. The consumer's first batch of seven is whole; the failure comes with the
+  // next batch (whose two rows are not handed out).
+  h.Host().FailCall(Op::ReadRaw, 4, E_UNEXPECTED);
+  EXPECT_EQ(E_UNEXPECTED, h.Run("EXEC SP_RAWDATA " + kRange + ", 'Flow'", &rows));
+  ASSERT_EQ(7u, rows.size());
+  EXPECT_EQ("Flow", rows[6][1]);
+}
+
 TEST_F(ProcedureTest, WritesAnswerWithOneResultTextPerHistorianCode) {
   ProcedureHarness& h = Open(true, false);
   auto result = [&](const std::string& sql) {

@@ -104,9 +104,14 @@ TEST_F(DataProviderWorker, AFetchWakesWhenRowsArriveOrTheWorkerEnds) {
   EXPECT_LE(rows.size(), 500u);
   EXPECT_EQ(0, producer.IsDataPending());
 
+  // The page read before the failure is handed over first, the failure next.
   PagedProducer failing(3000, 1000, E_OUTOFMEMORY, 2);
   ASSERT_EQ(S_OK, failing.Execute());
   const auto start = std::chrono::steady_clock::now();
+  rows.clear();
+  EXPECT_EQ(S_OK, failing.FetchRows(rows, 3000));
+  EXPECT_EQ(1000u, rows.size());
+  rows.clear();
   EXPECT_EQ(E_OUTOFMEMORY, failing.FetchRows(rows, 3000));
   EXPECT_TRUE(rows.empty());
   EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
