@@ -108,22 +108,6 @@ TEST(TaskAllocator, CountersStayExactUnderConcurrentUse) {
 }
 
 #ifndef _WIN32
-TEST(TaskAllocator, BstrBlocksAreCountedApartFromComBlocks) {
-  using namespace corvane::platform::detail;
-  StartAllocCounting();
-  const AllocCounts before = CurrentAllocCounts();
-  void* s = AllocBstrBlock(4 + 10 + 2);
-  void* c = CoTaskMemAlloc(10);
-  EXPECT_EQ(Delta(before).bstrs, 1);
-  EXPECT_EQ(Delta(before).comBlocks, 1);
-  FreeBstrBlock(s);
-  FreeBstrBlock(nullptr);
-  EXPECT_EQ(Delta(before).bstrs, 0);
-  EXPECT_EQ(Delta(before).comBlocks, 1);
-  CoTaskMemFree(c);
-  EXPECT_EQ(Delta(before).comBlocks, 0);
-}
-
 TEST(TaskAllocator, BlocksAreAlignedForAnyType) {
   void* p = CoTaskMemAlloc(24);
   void* q = CoTaskMemRealloc(CoTaskMemAlloc(3), 4096);
