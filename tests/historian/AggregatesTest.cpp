@@ -548,6 +548,12 @@ struct Page {
   ULONG n = 0;
   BSTR* names = nullptr;
   HistoryValueList* values = nullptr;
+  // One page of statistics over [from, to] in seconds, filtered by name, description and path.
+  HRESULT Read(IProcessedDataProvider* p, LPCOLESTR name, LPCOLESTR description, LPCOLESTR path, double from,
+               double to, const ProcessedReadRequest* request, ULONG max, void** cp) {
+    return hr = p->GetFilteredTagStatistics(name, description, path, U64ToFileTime(T(from)), U64ToFileTime(T(to)),
+                                            request, max, cp, 0, &n, &names, &values);
+  }
   ~Page() {
     for (ULONG i = 0; names && i < n; ++i) SysFreeString(names[i]);
     CoTaskMemFree(names);
@@ -560,10 +566,7 @@ TEST_F(AggregatesTest, StatisticsPageThroughMatchingTags) {
   void* cp = nullptr;
   Page first, second;
   // "F*" and "*w*": Flow and FlowStep; over [0, 60] with both ends included.
-  first.hr = processed_->GetFilteredTagStatistics(OLESTR("F*"), OLESTR(""), OLESTR("*w*"), U64ToFileTime(T(0)),
-                                                  U64ToFileTime(T(60)), &request_, 1, &cp, 0, &first.n,
-                                                  &first.names, &first.values);
-  ASSERT_EQ(S_OK, first.hr);
+  ASSERT_EQ(S_OK, first.Read(processed_, OLESTR("F*"), OLESTR(""), OLESTR("*w*"), 0, 60, &request_, 1, &cp));
   ASSERT_EQ(1u, first.n);
   ASSERT_NE(nullptr, cp);
   EXPECT_EQ(1u, provider->PendingStatistics());
@@ -576,10 +579,7 @@ TEST_F(AggregatesTest, StatisticsPageThroughMatchingTags) {
   ExpectR8(v[2], 22.5, kUncertainCalc, 0);  // (10 + 30 + 10 + 40) / 4, 4 of 5 usable
   EXPECT_EQ(4, v[3].value.lVal);
 
-  second.hr = processed_->GetFilteredTagStatistics(OLESTR("F*"), OLESTR(""), OLESTR("*w*"), U64ToFileTime(T(0)),
-                                                   U64ToFileTime(T(60)), &request_, 1, &cp, 0, &second.n,
-                                                   &second.names, &second.values);
-  ASSERT_EQ(S_OK, second.hr);
+  ASSERT_EQ(S_OK, second.Read(processed_, OLESTR("F*"), OLESTR(""), OLESTR("*w*"), 0, 60, &request_, 1, &cp));
   ASSERT_EQ(1u, second.n);
   EXPECT_EQ(WString(OLESTR("FlowStep")), WString(second.names[0]));
   EXPECT_EQ(nullptr, cp);
@@ -588,39 +588,29 @@ TEST_F(AggregatesTest, StatisticsPageThroughMatchingTags) {
 
 TEST_F(AggregatesTest, StatisticsContinuationPointsAreOwnedAndChecked) {
   auto* provider = static_cast<CProcessedDataProvider*>(processed_);
-  const FILETIME from = U64ToFileTime(T(0)), to = U64ToFileTime(T(200));
   Page none, all, changed, foreign;
   void* cp = nullptr;
-  none.hr = processed_->GetFilteredTagStatistics(OLESTR("zz*"), nullptr, nullptr, from, to, nullptr, 0, &cp, 0,
-                                                 &none.n, &none.names, &none.values);
-  EXPECT_EQ(S_OK, none.hr);
+  EXPECT_EQ(S_OK, none.Read(processed_, OLESTR("zz*"), nullptr, nullptr, 0, 200, nullptr, 0, &cp));
   EXPECT_EQ(0u, none.n);
   EXPECT_NE(nullptr, none.names);  // allocated even when empty
   EXPECT_EQ(nullptr, cp);
 
-  all.hr = processed_->GetFilteredTagStatistics(nullptr, nullptr, nullptr, to, from, nullptr, 2, &cp, 0, &all.n,
-                                                &all.names, &all.values);
-  ASSERT_EQ(S_OK, all.hr);  // reversed range swapped; 6 tags, 2 per page
+  // A reversed range is swapped; 6 tags, 2 per page.
+  ASSERT_EQ(S_OK, all.Read(processed_, nullptr, nullptr, nullptr, 200, 0, nullptr, 2, &cp));
   ASSERT_NE(nullptr, cp);
-  changed.hr = processed_->GetFilteredTagStatistics(OLESTR("P*"), nullptr, nullptr, from, to, nullptr, 2, &cp, 0,
-                                                    &changed.n, &changed.names, &changed.values);
-  EXPECT_EQ(E_INVALIDARG, changed.hr);
+  EXPECT_EQ(E_INVALIDARG, changed.Read(processed_, OLESTR("P*"), nullptr, nullptr, 0, 200, nullptr, 2, &cp));
   EXPECT_EQ(nullptr, cp);  // the refused call ended that read
   EXPECT_EQ(0u, provider->PendingStatistics());
 
   void* bogus = &raw_;
-  foreign.hr = processed_->GetFilteredTagStatistics(nullptr, nullptr, nullptr, from, to, nullptr, 2, &bogus, 0,
-                                                    &foreign.n, &foreign.names, &foreign.values);
-  EXPECT_EQ(E_INVALIDARG, foreign.hr);
+  EXPECT_EQ(E_INVALIDARG, foreign.Read(processed_, nullptr, nullptr, nullptr, 0, 200, nullptr, 2, &bogus));
   EXPECT_EQ(&raw_, bogus);  // someone else's point is left alone
 
   // Abandoned points stay bounded and die with the provider (ASan checks the memory).
   for (size_t i = 0; i < CProcessedDataProvider::kMaxPendingStatistics + 5; ++i) {
     Page p;
     void* pending = nullptr;
-    p.hr = processed_->GetFilteredTagStatistics(nullptr, nullptr, nullptr, from, to, nullptr, 1, &pending, 0, &p.n,
-                                                &p.names, &p.values);
-    ASSERT_EQ(S_OK, p.hr);
+    ASSERT_EQ(S_OK, p.Read(processed_, nullptr, nullptr, nullptr, 0, 200, nullptr, 1, &pending));
     EXPECT_EQ(E_INVALIDARG, raw_.ReleaseContinuationPoint(&pending));  // the raw side refuses it
   }
   EXPECT_EQ(CProcessedDataProvider::kMaxPendingStatistics, provider->PendingStatistics());
@@ -717,10 +707,7 @@ TEST_F(AggregatesOverReferenceHistorian, BoundsComeFromReversedAndForwardReads) 
   // A statistics point handed to the raw side is refused there, not misread.
   Page page;
   void* cp = nullptr;
-  page.hr = processed->GetFilteredTagStatistics(OLESTR("ramp*"), nullptr, nullptr, U64ToFileTime(T(0)),
-                                                U64ToFileTime(T(5)), nullptr, 1, &cp, 0, &page.n, &page.names,
-                                                &page.values);
-  ASSERT_EQ(S_OK, page.hr);
+  ASSERT_EQ(S_OK, page.Read(processed, OLESTR("ramp*"), nullptr, nullptr, 0, 5, nullptr, 1, &cp));
   ASSERT_EQ(1u, page.n);
   ExpectR8(page.values->values[2], 2.5, kGoodCalc, 0);  // 0..5 with both ends
   ASSERT_NE(nullptr, cp);
@@ -741,9 +728,7 @@ TEST_F(AggregatesOverReferenceHistorian, ConcurrentCallersPageIndependently) {
         int pages = 0;
         do {
           Page page;
-          page.hr = processed->GetFilteredTagStatistics(OLESTR("A*"), nullptr, nullptr, U64ToFileTime(T(0)),
-                                                        U64ToFileTime(T(49)), nullptr, 1, &cp, 0, &page.n,
-                                                        &page.names, &page.values);
+          page.Read(processed, OLESTR("A*"), nullptr, nullptr, 0, 49, nullptr, 1, &cp);
           if (FAILED(page.hr) || page.n != 1 || page.values->values[3].value.lVal != 50) {
             ++wrong;
             break;

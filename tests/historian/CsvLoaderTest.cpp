@@ -8,39 +8,6 @@ namespace {
 
 const HRESULT kInvalidData = static_cast<HRESULT>(0x8007000DL);
 
-struct Row {
-  ULONGLONG time;
-  DWORD quality;
-  VARTYPE vt;
-  WString text;  // VT_BSTR values
-  double number;
-};
-
-std::vector<Row> Rows(const CHistorianStore& store, const OLECHAR* name) {
-  ReadCursor all;
-  all.tagKey = WUpper(name);
-  all.high = ~0ull;
-  HistoryValueList* list = nullptr;
-  bool more;
-  std::vector<Row> rows;
-  if (FAILED(store.ReadPage(all, 0, &list, &more))) return rows;
-  for (ULONG i = 0; i < list->count; ++i) {
-    const VARIANT& v = list->values[i].value;
-    Row r{FileTimeToU64(list->values[i].timestamp), list->values[i].quality, v.vt, {}, 0};
-    if (v.vt == VT_BSTR) {
-      r.text = v.bstrVal;
-    } else {
-      VARIANT d;
-      VariantInit(&d);
-      VariantChangeType(&d, const_cast<VARIANT*>(&v), 0, VT_R8);
-      r.number = d.dblVal;
-    }
-    rows.push_back(r);
-  }
-  FreeHistoryValueList(list);
-  return rows;
-}
-
 using CsvAccepted = HistorianFixture;
 using CsvRejected = HistorianFixture;
 
@@ -65,7 +32,7 @@ TEST_F(CsvAccepted, QuotingTypesTimestampsAndQualities) {
   EXPECT_EQ(8u, report.samples);
   EXPECT_EQ(5u, report.newTags);
 
-  std::vector<Row> flow = Rows(*store_, OLESTR("flow"));
+  std::vector<Stored> flow = Dump(*store_, OLESTR("flow"));
   ASSERT_EQ(2u, flow.size());
   EXPECT_EQ(VT_R8, flow[0].vt);  // a number on the tag's first line
   EXPECT_EQ(kT0, flow[0].time);
@@ -74,20 +41,20 @@ TEST_F(CsvAccepted, QuotingTypesTimestampsAndQualities) {
   EXPECT_EQ(-2000.0, flow[1].number);
   EXPECT_EQ(0x40000000u, flow[1].quality);
 
-  std::vector<Row> note = Rows(*store_, OLESTR("Note, free"));
+  std::vector<Stored> note = Dump(*store_, OLESTR("Note, free"));
   ASSERT_EQ(1u, note.size());
   EXPECT_EQ(VT_BSTR, note[0].vt);
   EXPECT_EQ(WString(OLESTR("He said \"hi\"\r\nsecond line")), note[0].text);
   EXPECT_EQ(192u, note[0].quality);
 
-  std::vector<Row> count = Rows(*store_, OLESTR("Count"));
+  std::vector<Stored> count = Dump(*store_, OLESTR("Count"));
   ASSERT_EQ(2u, count.size());
   EXPECT_EQ(VT_I4, count[1].vt);  // the type of the tag's first line
   EXPECT_EQ(kT0 + 3 * kSecond + 1234567, count[0].time);
   EXPECT_EQ(8.0, count[1].number);
-  EXPECT_EQ(VT_BOOL, Rows(*store_, OLESTR("Flag"))[0].vt);
-  EXPECT_EQ(WString(OLESTR("12")), Rows(*store_, OLESTR("Label"))[0].text);
-  std::vector<Row> ex = Rows(*store_, OLESTR("Existing"));
+  EXPECT_EQ(VT_BOOL, Dump(*store_, OLESTR("Flag"))[0].vt);
+  EXPECT_EQ(WString(OLESTR("12")), Dump(*store_, OLESTR("Label"))[0].text);
+  std::vector<Stored> ex = Dump(*store_, OLESTR("Existing"));
   ASSERT_EQ(1u, ex.size());
   EXPECT_EQ(VT_I2, ex[0].vt);
   EXPECT_EQ(5.0, ex[0].number);

@@ -6,43 +6,6 @@
 namespace corvane::historian::test {
 namespace {
 
-struct Point {
-  ULONGLONG time;
-  DWORD quality;
-  VARTYPE vt;
-  double number;
-  WString text;
-  bool operator==(const Point& o) const {
-    return time == o.time && quality == o.quality && vt == o.vt && number == o.number && text == o.text;
-  }
-};
-
-std::vector<Point> Dump(const CHistorianStore& store, const WString& name) {
-  ReadCursor all;
-  all.tagKey = WUpper(name);
-  all.low = 0;
-  all.high = ~0ull;
-  HistoryValueList* list = nullptr;
-  bool more = false;
-  std::vector<Point> out;
-  if (FAILED(store.ReadPage(all, 0, &list, &more))) return out;
-  for (ULONG i = 0; i < list->count; ++i) {
-    const HistoryValue& hv = list->values[i];
-    Point p{FileTimeToU64(hv.timestamp), hv.quality, hv.value.vt, 0, {}};
-    if (hv.value.vt == VT_BSTR) {
-      p.text = hv.value.bstrVal;
-    } else {
-      VARIANT d;
-      VariantInit(&d);
-      EXPECT_EQ(S_OK, VariantChangeType(&d, const_cast<VARIANT*>(&hv.value), 0, VT_R8));
-      p.number = d.dblVal;
-    }
-    out.push_back(std::move(p));
-  }
-  FreeHistoryValueList(list);
-  return out;
-}
-
 using DemoPlant = HistorianFixture;
 
 // 2024-01-01 00:00:00 UTC plus 12345.6 s: not on any sample period.
@@ -59,7 +22,7 @@ TEST_F(DemoPlant, SameSeedGivesTheSameHistory) {
   ASSERT_EQ(S_OK, CDemoPlant::Populate(other, options));
   size_t differing = 0;
   for (const auto& tag : CDemoPlant::Tags()) {
-    std::vector<Point> a = Dump(*store_, tag.definition.name);
+    std::vector<Stored> a = Dump(*store_, tag.definition.name);
     EXPECT_FALSE(a.empty());
     EXPECT_TRUE(a == Dump(again, tag.definition.name)) << ToUtf8(tag.definition.name);
     if (!(a == Dump(other, tag.definition.name))) ++differing;
@@ -84,7 +47,7 @@ TEST_F(DemoPlant, CoversTypesQualitiesGapsAndTheLastWeek) {
   for (const auto& tag : tags) {
     types.insert(tag.definition.vartype);
     const ULONGLONG period = tag.periodSeconds * kSecond;
-    std::vector<Point> points = Dump(*store_, tag.definition.name);
+    std::vector<Stored> points = Dump(*store_, tag.definition.name);
     ASSERT_FALSE(points.empty());
     EXPECT_GE(points.front().time, kNow - week) << ToUtf8(tag.definition.name);
     EXPECT_LE(points.back().time, kNow);

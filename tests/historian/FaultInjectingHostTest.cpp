@@ -72,29 +72,5 @@ TEST_F(FaultHost, ForcesThePageSizeAndAddsLatency) {
   EXPECT_GE(elapsed, std::chrono::milliseconds(9 * 20));
 }
 
-TEST_F(FaultHost, HidesInterfacesOnRequest) {
-  IValuesProvider* values = nullptr;
-  IProcessedDataProvider* processed = nullptr;
-  EXPECT_EQ(S_OK, host_->QueryInterface(IID_IValuesProvider, reinterpret_cast<void**>(&values)));
-  values->Release();
-  // The wrapped historian has no processed interface, so neither does the wrapper.
-  EXPECT_EQ(E_NOINTERFACE, host_->QueryInterface(IID_IProcessedDataProvider, reinterpret_cast<void**>(&processed)));
-  host_->Omit(IID_IValuesProvider);
-  EXPECT_EQ(E_NOINTERFACE, host_->QueryInterface(IID_IValuesProvider, reinterpret_cast<void**>(&values)));
-
-  FakeAggregates factory;
-  IUnknown* full = nullptr;
-  ASSERT_EQ(S_OK, CReferenceHistorian::Create(store_, IID_IUnknown, reinterpret_cast<void**>(&full), &factory));
-  CFaultInjectingHost* wrapper = CFaultInjectingHost::Create(full);
-  full->Release();
-  ASSERT_EQ(S_OK, wrapper->QueryInterface(IID_IProcessedDataProvider, reinterpret_cast<void**>(&processed)));
-  TagIdent missing = Ident(OLESTR("Nope"));
-  EXPECT_EQ(HIST_E_AGGREGATE_NOT_AVAILABLE, processed->ReadProcessed(&missing, nullptr, 0, nullptr, nullptr));
-  processed->Release();
-  wrapper->Omit(IID_IProcessedDataProvider);
-  EXPECT_EQ(E_NOINTERFACE, wrapper->QueryInterface(IID_IProcessedDataProvider, reinterpret_cast<void**>(&processed)));
-  wrapper->Release();
-}
-
 }  // namespace
 }  // namespace corvane::historian::test

@@ -30,53 +30,43 @@ struct Sample {
   DWORD quality;
 };
 
-// A stand-in aggregates component: its processed provider holds the raw provider it was
-// built on, as a real one does, and answers every read with a recognisable code.
-class FakeProcessed final : public IProcessedDataProvider {
- public:
-  explicit FakeProcessed(IRawDataProvider* raw) : raw_(raw) { raw_->AddRef(); }
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** p) override {
-    if (!IsEqualIID(riid, IID_IUnknown) && !IsEqualIID(riid, IID_IProcessedDataProvider)) return E_NOINTERFACE;
-    *p = this;
-    AddRef();
-    return S_OK;
+// Every sample of a tag as the store holds it; numbers as doubles, texts as they are.
+struct Stored {
+  ULONGLONG time;
+  DWORD quality;
+  VARTYPE vt;
+  double number;
+  WString text;  // VT_BSTR values
+  bool operator==(const Stored& o) const {
+    return time == o.time && quality == o.quality && vt == o.vt && number == o.number && text == o.text;
   }
-  ULONG STDMETHODCALLTYPE AddRef() override { return ++refs_; }
-  ULONG STDMETHODCALLTYPE Release() override {
-    ULONG left = --refs_;
-    if (!left) {
-      raw_->Release();
-      delete this;
+};
+
+inline std::vector<Stored> Dump(const CHistorianStore& store, const WString& name) {
+  ReadCursor all;
+  all.tagKey = WUpper(name);
+  all.low = 0;
+  all.high = ~0ull;
+  HistoryValueList* list = nullptr;
+  bool more = false;
+  std::vector<Stored> out;
+  if (FAILED(store.ReadPage(all, 0, &list, &more))) return out;
+  for (ULONG i = 0; i < list->count; ++i) {
+    const HistoryValue& hv = list->values[i];
+    Stored s{FileTimeToU64(hv.timestamp), hv.quality, hv.value.vt, 0, {}};
+    if (hv.value.vt == VT_BSTR) {
+      s.text = hv.value.bstrVal;
+    } else {
+      VARIANT d;
+      VariantInit(&d);
+      EXPECT_EQ(S_OK, VariantChangeType(&d, const_cast<VARIANT*>(&hv.value), 0, VT_R8));
+      s.number = d.dblVal;
     }
-    return left;
+    out.push_back(std::move(s));
   }
-  HRESULT STDMETHODCALLTYPE ReadProcessed(const TagIdent* tag, const ProcessedReadRequest*, ULONG, const AggregateId*,
-                                          ProcessedResult**) override {
-    VARTYPE vt;  // reaches the store through the raw provider it was given
-    return raw_->GetTagInfo(tag, &vt) == HIST_E_TAG_NOT_FOUND ? HIST_E_AGGREGATE_NOT_AVAILABLE : E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE GetFilteredTagStatistics(LPCOLESTR, LPCOLESTR, LPCOLESTR, FILETIME, FILETIME,
-                                                     const ProcessedReadRequest*, ULONG, void**, DWORD, ULONG*,
-                                                     BSTR**, HistoryValueList**) override {
-    return E_NOTIMPL;
-  }
-
- private:
-  std::atomic<ULONG> refs_{1};
-  IRawDataProvider* raw_;
-};
-
-class FakeAggregates final : public IAggregates {
- public:
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void**) override { return E_NOINTERFACE; }
-  ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
-  ULONG STDMETHODCALLTYPE Release() override { return 1; }
-  HRESULT STDMETHODCALLTYPE CreateProcessedDataProvider(IRawDataProvider* raw, IProcessedDataProvider** out) override {
-    if (!raw || !out) return E_INVALIDARG;
-    *out = new FakeProcessed(raw);
-    return S_OK;
-  }
-};
+  FreeHistoryValueList(list);
+  return out;
+}
 
 class HistorianFixture : public ::corvane::test::LeakCheckedTest {
  protected:
@@ -108,6 +98,11 @@ class HistorianFixture : public ::corvane::test::LeakCheckedTest {
     }));
   }
 
+  static std::vector<double> ValuesOf(const std::vector<Sample>& samples) {
+    std::vector<double> v;
+    for (const Sample& s : samples) v.push_back(s.value);
+    return v;
+  }
   // Copies a list (values as doubles) and frees it.
   static std::vector<Sample> Take(HistoryValueList* list) {
     std::vector<Sample> out;

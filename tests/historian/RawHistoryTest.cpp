@@ -26,11 +26,6 @@ class RawFixture : public HistorianFixture {
     }
     return all;
   }
-  static std::vector<double> ValuesOf(const std::vector<Sample>& s) {
-    std::vector<double> v;
-    for (const auto& x : s) v.push_back(x.value);
-    return v;
-  }
 };
 
 using RawPaging = RawFixture;

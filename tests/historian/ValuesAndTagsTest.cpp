@@ -1,3 +1,4 @@
+#include "historian/Aggregates.h"
 #include "tests/historian/HistorianTestUtil.h"
 
 namespace corvane::historian::test {
@@ -8,12 +9,6 @@ DWORD MixedQuality(size_t i) {
   static const DWORD q[] = {0, 0x40000000, 0x80000000, 0x00A50000, 0xC0000000,
                             0, 0x808C0000, 0x40930000, 0, 0};
   return q[i];
-}
-
-std::vector<double> ValuesOf(std::vector<Sample> s) {
-  std::vector<double> v;
-  for (const auto& x : s) v.push_back(x.value);
-  return v;
 }
 
 using ValuesByQuality = HistorianFixture;
@@ -139,18 +134,27 @@ TEST_F(TagBrowse, TaskTagIdentIsAllOrNothing) {
 TEST_F(ProcessedExposure, OnlyOnRequestAndWithoutAReferenceCycle) {
   IProcessedDataProvider* processed = nullptr;
   EXPECT_EQ(E_NOINTERFACE, raw_->QueryInterface(IID_IProcessedDataProvider, reinterpret_cast<void**>(&processed)));
-  FakeAggregates factory;
+  const long aggregatesBefore = AggregatesObjectCount();
+  IAggregates* factory = nullptr;
+  ASSERT_EQ(S_OK, CAggregates::CreateInstance(nullptr, IID_IAggregates, reinterpret_cast<void**>(&factory)));
   IUnknown* host = nullptr;
-  ASSERT_EQ(S_OK, CReferenceHistorian::Create(store_, IID_IUnknown, reinterpret_cast<void**>(&host), &factory));
+  ASSERT_EQ(S_OK, CReferenceHistorian::Create(store_, IID_IUnknown, reinterpret_cast<void**>(&host), factory));
+  factory->Release();
   ASSERT_EQ(S_OK, host->QueryInterface(IID_IProcessedDataProvider, reinterpret_cast<void**>(&processed)));
+  // The processed side reads this store through the historian's raw interface.
   TagIdent missing = Ident(OLESTR("Nope"));
-  EXPECT_EQ(HIST_E_AGGREGATE_NOT_AVAILABLE, processed->ReadProcessed(&missing, nullptr, 0, nullptr, nullptr));
+  ProcessedReadRequest request{};
+  request.end = Ft(kT0 + kSecond);
+  const AggregateId average = AGG_AVG;
+  ProcessedResult* result = nullptr;
+  EXPECT_EQ(HIST_E_TAG_NOT_FOUND, processed->ReadProcessed(&missing, &request, 1, &average, &result));
   IUnknown* identity = nullptr;
   ASSERT_EQ(S_OK, processed->QueryInterface(IID_IUnknown, reinterpret_cast<void**>(&identity)));
   EXPECT_EQ(host, identity);
   identity->Release();
   processed->Release();
   host->Release();  // the fixture checks that both historian objects are gone
+  EXPECT_EQ(aggregatesBefore, AggregatesObjectCount());
 }
 
 }  // namespace
