@@ -367,40 +367,6 @@ TEST_F(ProcedureTest, FiveTagFormsLineUpTagsAndSurviveEmptyNames) {
   EXPECT_FALSE(trace.Contains("[SP] HDA_REDUCED_ANALOG_5 -> History read done."));
 }
 
-struct FailureCase {
-  const char* sql;
-  Op op;
-  bool surfaces = true;  // false: answered in a result text, or read past
-};
-
-class ProcedureFailureTest : public ProcedureTest, public ::testing::WithParamInterface<FailureCase> {};
-
-TEST_P(ProcedureFailureTest, AFailingHistorianCallLeavesNothingBehind) {
-  ProcedureHarness& h = Open(true, true);
-  h.SetMaxRows(3);
-  int failed = 0;
-  for (ULONG n = 1; n <= 4; ++n) {
-    h.Host().FailCall(GetParam().op, n, E_UNEXPECTED);
-    const HRESULT hr = h.Run(GetParam().sql, &rows);
-    EXPECT_TRUE(hr == S_OK || hr == E_UNEXPECTED) << std::hex << hr;
-    failed += hr == E_UNEXPECTED;
-  }
-  EXPECT_EQ(GetParam().surfaces, failed > 0) << "the failure reached the consumer";
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    EveryCall, ProcedureFailureTest,
-    ::testing::Values(
-        FailureCase{"EXEC GET_VALUES '2020-01-01', '2020-01-02', 0, 'Flow'", Op::GetAllValues},
-        FailureCase{"EXEC GET_GOOD_VALUES '2020-01-01', '2020-01-02', 0, 'Flow'", Op::GetGoodValues},
-        FailureCase{"EXEC GET_MOST_RECENT_VALUE 'Flow'", Op::GetMostRecentValue},
-        FailureCase{"EXEC SP_RAWDATA '2020-01-01', '2020-01-02', 'Flow;Level'", Op::ReadRaw},
-        FailureCase{"EXEC RAWDATA_UPDATE 'Flow', '2020-01-01', '1', 0", Op::UpdateValue, false},
-        FailureCase{"EXEC HDA_ANALOG '2020-01-01 00:00:00', '2020-01-01 00:00:40', 10000, 'Ramp'", Op::ReadProcessed},
-        FailureCase{"EXEC HDA_ANALOG '2020-01-01 00:00:00', '2020-01-01 00:00:40', 10000, 'Ramp'", Op::GetCapabilities, false},
-        FailureCase{"EXEC HDA_QUALITY_5 '2020-01-01 00:00:00', '2020-01-01 00:00:40', 10000, 'Ramp', 'Ramp', "
-                    "'Ramp', 'Ramp', 'Ramp'", Op::ReadProcessed}));
-
 TEST_F(ProcedureTest, FilteredStatisticsPageThroughEveryMatchingTag) {
   ProcedureHarness& h = Open(true, true);
   // Flow, Level, Empty and Ramp match '*'; two names per page makes two pages.
