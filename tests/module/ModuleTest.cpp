@@ -159,38 +159,6 @@ const std::wstring kProgId = L"Quellix.CorvaneOleDbProvider_VLD64";
 
 }  // namespace
 
-TEST(ModuleRegistration, WritesAndRemovesTheComKeys) {
-  LoadedModule module;
-  ASSERT_TRUE(module.Loaded());
-  auto reg = module.Get<RegisterFn>("DllRegisterServer");
-  auto unreg = module.Get<RegisterFn>("DllUnregisterServer");
-  ASSERT_TRUE(reg && unreg);
-
-  ASSERT_EQ(reg(), S_OK);
-  EXPECT_EQ(Narrow(ReadString(HKEY_CLASSES_ROOT, kClsidKey + L"\\InprocServer32", nullptr)),
-            Narrow(module.FilePath()));
-  EXPECT_EQ(Narrow(ReadString(HKEY_CLASSES_ROOT, kClsidKey + L"\\InprocServer32", L"ThreadingModel")), "Both");
-  EXPECT_EQ(Narrow(ReadString(HKEY_CLASSES_ROOT, kProgId + L"\\CLSID", nullptr)),
-            "{EFFACBC0-538B-4bc7-AFE1-2E90167424C6}");
-
-  // COM itself now finds the class by ProgID and reaches our DllGetClassObject.
-  ASSERT_TRUE(SUCCEEDED(CoInitializeEx(nullptr, COINIT_MULTITHREADED)));
-  CLSID clsid{};
-  EXPECT_EQ(CLSIDFromProgID(kProgId.c_str(), &clsid), S_OK);
-  EXPECT_TRUE(IsEqualCLSID(clsid, kClsid));
-  IUnknown* unk = nullptr;
-  EXPECT_EQ(CoCreateInstance(kClsid, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown, reinterpret_cast<void**>(&unk)),
-            S_OK);
-  ASSERT_NE(unk, nullptr);
-  unk->Release();
-  CoUninitialize();
-
-  ASSERT_EQ(unreg(), S_OK);
-  EXPECT_FALSE(KeyExists(HKEY_CLASSES_ROOT, kClsidKey));
-  EXPECT_FALSE(KeyExists(HKEY_CLASSES_ROOT, kProgId));
-  EXPECT_EQ(unreg(), S_OK);  // unregistering twice is harmless
-}
-
 TEST(ModuleRegistration, InstallForTheUserOnly) {
   LoadedModule module;
   ASSERT_TRUE(module.Loaded());

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <string>
 
 #include "historian/Aggregates.h"
 #include "historian/ReferenceHistorian.h"
@@ -26,6 +27,14 @@ bool KeyExists(const wchar_t* key) {
   return true;
 }
 
+std::wstring ReadString(const wchar_t* key, const wchar_t* name) {
+  wchar_t buf[1024];
+  DWORD size = sizeof buf;
+  if (RegGetValueW(HKEY_CLASSES_ROOT, key, name, RRF_RT_REG_SZ, nullptr, buf, &size) != ERROR_SUCCESS)
+    return L"<missing>";
+  return buf;
+}
+
 ULONG RefCount(IUnknown* object) {
   object->AddRef();
   return object->Release();
@@ -36,7 +45,11 @@ ULONG RefCount(IUnknown* object) {
 TEST(RegisteredProvider, ConsumerLifecycleUnderTheSystemComRuntime) {
   ASSERT_EQ(0u, Regsvr32(L"", WindowsPath(CORVANE_PROVIDER_MODULE)));
   ASSERT_TRUE(SUCCEEDED(CoInitializeEx(nullptr, COINIT_MULTITHREADED)));
-  EXPECT_TRUE(KeyExists(L"CLSID\\{EFFACBC0-538B-4bc7-AFE1-2E90167424C6}\\InprocServer32"));
+  const wchar_t* server = L"CLSID\\{EFFACBC0-538B-4bc7-AFE1-2E90167424C6}\\InprocServer32";
+  EXPECT_EQ(WindowsPath(CORVANE_PROVIDER_MODULE), ReadString(server, nullptr));
+  EXPECT_EQ(std::wstring(L"Both"), ReadString(server, L"ThreadingModel"));
+  EXPECT_EQ(std::wstring(L"{EFFACBC0-538B-4bc7-AFE1-2E90167424C6}"),
+            ReadString(L"Quellix.CorvaneOleDbProvider_VLD64\\CLSID", nullptr));
   EXPECT_TRUE(KeyExists(L"Quellix.CorvaneOleDbProvider_VLD64.1"));
 
   // The type library describes the creation interface.
@@ -135,4 +148,5 @@ TEST(RegisteredProvider, ConsumerLifecycleUnderTheSystemComRuntime) {
   EXPECT_FALSE(KeyExists(L"CLSID\\{EFFACBC0-538B-4bc7-AFE1-2E90167424C6}"));
   EXPECT_FALSE(KeyExists(L"Quellix.CorvaneOleDbProvider_VLD64"));
   EXPECT_FALSE(KeyExists(L"Quellix.CorvaneOleDbProvider_VLD64.1"));
+  EXPECT_EQ(0u, Regsvr32(L"/u", WindowsPath(CORVANE_PROVIDER_MODULE))) << "unregistering twice is harmless";
 }
