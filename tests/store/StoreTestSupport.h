@@ -92,8 +92,6 @@ class PagedProducer : public CDataProvider {
     }
     return S_OK;
   }
-  ULONGLONG Produced() const { return produced_.load(); }
-  ULONGLONG Steps() const { return steps_.load(); }
   std::atomic<int> fetches{0};
   HRESULT FetchRows(ProducedRecordList& rows, size_t wanted) override {
     ++fetches;
