@@ -151,21 +151,6 @@ TEST_F(Paging, FailureMidStreamGivesEarlierRowsThenTheFailureAndReleasesThePoint
   rowset->Release();
 }
 
-TEST_F(Paging, AbandonedReadReleasesItsContinuationPoint) {
-  AddDoubleTag(OLESTR("T"), 250);
-  ds_->SetMaxRowsToReturn(100);
-  IRowset* rowset = nullptr;
-  ASSERT_EQ(S_OK, Run("SELECT VALUE FROM RAWDATA WHERE TAGNAME = 'T'", &rowset));
-  DBCOUNTITEM obtained = 0;
-  HROW* rows = nullptr;
-  ASSERT_EQ(S_OK, rowset->GetNextRows(DB_NULL_HCHAPTER, 0, 1, &obtained, &rows));
-  rowset->ReleaseRows(obtained, rows, nullptr, nullptr, nullptr);
-  CoTaskMemFree(rows);
-  rowset->Release();
-  EXPECT_EQ(0u, host_->OutstandingContinuationPoints());
-  EXPECT_GE(host_->Calls(Op::ReleaseContinuationPoint), 1u);
-}
-
 // ---- Select-list expressions, aggregates and limits -------------------------------------
 
 class SelectList : public ExecutionTest {};

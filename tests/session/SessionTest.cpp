@@ -144,25 +144,6 @@ TEST_F(SessionObject, OpenSessionsKeepTheDataSourceInitialised) {
   init->Release();
 }
 
-TEST_F(SessionObject, SessionPropertiesReadAndWrite) {
-  ISessionProperties* props = Query<ISessionProperties>(session_, IID_ISessionProperties);
-  ASSERT_NE(nullptr, props);
-  DBPROP prop{};
-  prop.dwPropertyID = DBPROP_SESS_AUTOCOMMITISOLEVELS;
-  prop.vValue.vt = VT_I4;
-  prop.vValue.lVal = DBPROPVAL_TI_READUNCOMMITTED;
-  DBPROPSET set{&prop, 1, DBPROPSET_SESSION};
-  EXPECT_EQ(S_OK, props->SetProperties(1, &set));
-  DBPROPID id = DBPROP_SESS_AUTOCOMMITISOLEVELS;
-  DBPROPIDSET ids{&id, 1, DBPROPSET_SESSION};
-  ULONG n = 0;
-  DBPROPSET* sets = nullptr;
-  ASSERT_EQ(S_OK, props->GetProperties(1, &ids, &n, &sets));
-  EXPECT_EQ(DBPROPVAL_TI_READUNCOMMITTED, sets[0].rgProperties[0].vValue.lVal);
-  corvane::test::FreePropertySets(n, sets);
-  props->Release();
-}
-
 TEST_F(SessionObject, OpenRowsetReadsATableAndNamesWhatItCannotGive) {
   DBID table = TableId(OLESTR("rawdata"));
   IUnknown* rowset = nullptr;
