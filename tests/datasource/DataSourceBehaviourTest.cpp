@@ -288,11 +288,6 @@ TEST_F(QuerySettingsRules, DefaultsAndTheRangeAQueryUses) {
   const ULONGLONG end = U64(Take(&CProviderDataSource::GetEndTime));
   EXPECT_EQ(corvane::kDefaultQueryWindow, end - start);
 
-  // Setters store anything, unchecked.
-  ds_->SetPercentDataBad(250);
-  ds_->GetPercentDataBad(&b);
-  EXPECT_EQ(250, b);
-
   const FILETIME userStart = Utc(2023, 5, 1, 0, 0, 0), userEnd = Utc(2023, 5, 2, 0, 0, 0);
   ds_->SetStartTime(userStart);
   ds_->SetEndTime(userEnd);

@@ -40,15 +40,6 @@ TEST_F(TimeRangeReduction, WithoutWhereTheSettingsRangeStaysAndNothingIsMissing)
   EXPECT_EQ(ReduceTimeRange(query->Condition(), context, nullptr, &end), E_INVALIDARG);
 }
 
-TEST_F(TimeRangeReduction, BoundsComeFromTextsReadAsUtc) {
-  ASSERT_EQ(Reduce("TIMESTAMP >= '2020-01-01' AND TIMESTAMP < '2020-01-02 06:30:00.250'"), S_OK);
-  EXPECT_EQ(start, 132223104000000000ull);  // 2020-01-01 00:00 UTC
-  EXPECT_EQ(end, 132223104000000000ull + kDay + 6 * kHour + 30 * 60 * kSecond + 2500000);
-  ASSERT_EQ(Reduce("TIMESTAMP = '2020-01-01T12:00:00Z'"), S_OK);
-  EXPECT_EQ(start, Utc(2020, 1, 1, 12));
-  EXPECT_EQ(end, start);
-}
-
 TEST_F(TimeRangeReduction, EveryNowOfOneStatementIsTheSameInstant) {
   ASSERT_EQ(Reduce("TIMESTAMP = NOW()"), S_OK);
   EXPECT_EQ(start, context.nowLocal);
