@@ -129,11 +129,6 @@ TEST_F(FunctionArguments, ValuesOfTheOtherFunctions) {
   EXPECT_EQ(EvalUnsigned("BitMask('|', 15, 240)"), 255u);
   EXPECT_EQ(EvalUnsigned("BitMask('^', 255, 4080)"), 3855u);
   EXPECT_EQ(EvalUnsigned("BitMask('&', 3221225472, IsGood(0))"), 0u) << "a nested function is read";
-  ULONG64 a = 0, b = 0;
-  ASSERT_EQ(EvalTime("now()", &a), S_OK);
-  ASSERT_EQ(EvalTime("NOWUTC()", &b), S_OK);
-  EXPECT_EQ(a, context.nowLocal);
-  EXPECT_EQ(b, context.nowUtc);
 }
 
 class Aggregates : public ExprTest {

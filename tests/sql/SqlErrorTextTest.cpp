@@ -34,6 +34,7 @@ TEST_F(SqlErrorTexts, EachClauseNamesItselfAfterThePrefix) {
       {"SELECT a FROM t WHERE (a = 1) AND b = 2", "WHERE clause parse error.", E_FAIL},
       {"SELECT a FROM t WHERE 5 BETWEEN 1 AND 2", "WHERE clause parse error.", E_FAIL},
       {"SELECT a FROM t WHERE x BETWEEN 1 OR 2", "WHERE clause parse error.", E_FAIL},
+      {"SELECT a FROM \"t\" WHERE x = '%s %d' AND", "WHERE clause parse error.", E_FAIL},  // quoted whole
       {"SELECT a FROM t ORDER BY a LIMIT 1", "ORDER BY clause parse error.", E_FAIL},
       {"SELECT a FROM t ORDER BY NOW()", "ORDER BY clause parse error.", E_FAIL},
       {"SELECT a FROM t LIMIT x", "LIMIT clause parse error.", E_FAIL},
@@ -90,12 +91,6 @@ TEST_F(SqlErrorTexts, ReadFailureBeforeAnyClauseLeavesNoMessage) {
   auto q = Parse("\"unterminated");
   EXPECT_EQ(q.hr, E_FAIL);
   EXPECT_EQ(q.error, "");
-}
-
-TEST_F(SqlErrorTexts, QueryTextIsQuotedWhole) {
-  const std::string text = "SELECT a FROM \"t\" WHERE x = '%s %d' AND";
-  auto p = Parse(text);
-  EXPECT_EQ(p.error, "Failed to parse the query: '" + text + "'. WHERE clause parse error.");
 }
 
 TEST_F(SqlErrorTexts, UserFacingResourcesEndWithTheQuotedQuery) {

@@ -123,8 +123,6 @@ inline DBBINDING Binding(DBORDINAL ordinal, DBTYPE type, DBBYTEOFFSET offset, DB
   b.wType = type;
   return b;
 }
-// Room one binding of Binding() takes in the consumer buffer.
-inline DBLENGTH BindingSpan(DBLENGTH maxLen) { return (maxLen + sizeof(DBLENGTH) + sizeof(DBSTATUS) + 7) / 8 * 8; }
 
 template <typename T>
 T ReadAt(const BYTE* buffer, size_t offset) {
