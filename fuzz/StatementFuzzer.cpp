@@ -1,25 +1,15 @@
-// Runs arbitrary statements through the whole consumer path, with OLE DB interfaces
-// only: a data source over a reference historian holding the demo plant, Initialize, a
-// session, a command, SetCommandText, Prepare, the command's columns, parameters bound
-// as text when the statement has `?`, Execute, every row fetched through a VARIANT
-// accessor over every column, then everything released and uninitialised.
+// Runs arbitrary UTF-8 statements through the whole consumer path with OLE DB
+// interfaces only: data source over the demo plant, session, command, Prepare, the
+// columns, text parameters for every `?`, Execute, every row through a VARIANT
+// accessor, then everything released.
 //
-// Input bytes are UTF-8 (invalid sequences become U+FFFD through FromUtf8), so the
-// seed statements read as written.
-//
-// Work per input is bounded the way a consumer would bound it: the demo plant holds one
-// day of history ending 2026-01-01 00:00:00 UTC, and the data source's user time range
-// (provider string) is the last hour of it, so a statement without a time condition
-// reads one hour. A statement that names its own range reads at most the day the plant
-// holds, in pages of 200 values (QUERYSETTINGS, set by the harness before each input).
-// Aggregates over a long range are not bounded by any setting (a start time that does
-// not read as a time means 1900-01-01), so the harness reads at most kRowBudget rows
-// and then releases the rowset, as a consumer that has seen enough would; the release
-// must stop the producer. Anything that still runs for seconds is a finding.
-//
-// A fresh data source is made per input, so a QUERYSETTINGS update does not outlive its
-// input; the historian is rebuilt after a statement that may have written to it, so
-// that every input meets the same data.
+// Work per input is bounded as a consumer would bound it: the plant holds one day
+// ending 2026-01-01 00:00:00 UTC, the user time range is its last hour, pages are 200
+// values, and at most kRowBudget rows are read before the rowset is released, which
+// must stop the producer (aggregates over a long range have no other bound). Anything
+// that still runs for seconds is a finding. Each input gets a fresh data source, and
+// the historian is rebuilt after a statement that may write, so every input meets the
+// same data.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
