@@ -320,26 +320,6 @@ TEST_F(CommandParameters, TypeNamesKeepTheirMapping) {
   EXPECT_EQ(static_cast<DBORDINAL>(kNested + 1), many.back().ordinal);
 }
 
-TEST_F(CommandExecution, ParameterisedSelectEndToEnd) {
-  SetText(OLESTR("SELECT TAGNAME, VALUE, QUALITY FROM RAWDATA WHERE TAGNAME = ?"));
-  ASSERT_EQ(S_OK, Prepare());
-  TextParameters values{OLESTR("Area1.Temp")};
-  const HACCESSOR handle = ParameterAccessor(values);
-  DBPARAMS params{values.slots.data(), 1, handle};
-  const auto rows = Run({1, 2, 3}, &params, nullptr, 8);
-  ASSERT_EQ(static_cast<size_t>(kSamples), rows.size());
-  for (int i = 0; i < kSamples; ++i)
-    EXPECT_EQ((std::vector<std::string>{"Area1.Temp", std::to_string(100 + i), "192"}), rows[i]);
-
-  // The same command and accessor with another value.
-  TextParameters other{OLESTR("Area1.Text")};
-  params.pData = other.slots.data();
-  const auto notes = Run({2}, &params);
-  ASSERT_EQ(static_cast<size_t>(kSamples), notes.size());
-  EXPECT_EQ("note 7", notes[7][0]);
-  EXPECT_EQ(S_OK, accessor_->ReleaseAccessor(handle, nullptr));
-}
-
 TEST_F(CommandExecution, DescribedParameterTypesStand) {
   // A count given as text stays text and counts nothing; described as a number it is 3.
   SetText(OLESTR("SELECT * FROM GET_VALUES(?, '2100-01-01', ?, 'Area1.Temp')"));
