@@ -25,16 +25,19 @@ T* Query(IUnknown* object, REFIID iid) {
   return p;
 }
 
-DBBINDING Bind(DBORDINAL ordinal, DBTYPE type, DBBYTEOFFSET value, DBLENGTH maxLen, size_t slot) {
+// A binding into a buffer of type `Buffer` whose lengths and statuses are arrays at its end.
+template <typename Buffer>
+DBBINDING Bind(DBORDINAL ordinal, DBTYPE type, DBBYTEOFFSET value, DBLENGTH maxLen, size_t slot,
+               DBPARAMIO io = DBPARAMIO_NOTPARAM) {
   DBBINDING b;
   std::memset(&b, 0, sizeof b);
   b.iOrdinal = ordinal;
   b.obValue = value;
-  b.obLength = offsetof(ConsumerRow, lengths) + slot * sizeof(DBLENGTH);
-  b.obStatus = offsetof(ConsumerRow, statuses) + slot * sizeof(DBSTATUS);
+  b.obLength = offsetof(Buffer, lengths) + slot * sizeof(DBLENGTH);
+  b.obStatus = offsetof(Buffer, statuses) + slot * sizeof(DBSTATUS);
   b.dwPart = DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS;
   b.dwMemOwner = DBMEMOWNER_CLIENTOWNED;
-  b.eParamIO = DBPARAMIO_NOTPARAM;
+  b.eParamIO = io;
   b.cbMaxLen = maxLen;
   b.wType = type;
   return b;
@@ -61,18 +64,7 @@ struct RangeParameterData {
 };
 
 DBBINDING BindParameter(DBORDINAL ordinal, DBTYPE type, DBBYTEOFFSET value, DBLENGTH maxLen) {
-  DBBINDING b;
-  std::memset(&b, 0, sizeof b);
-  b.iOrdinal = ordinal;
-  b.obValue = value;
-  b.obLength = offsetof(RangeParameterData, lengths) + (ordinal - 1) * sizeof(DBLENGTH);
-  b.obStatus = offsetof(RangeParameterData, statuses) + (ordinal - 1) * sizeof(DBSTATUS);
-  b.dwPart = DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS;
-  b.dwMemOwner = DBMEMOWNER_CLIENTOWNED;
-  b.eParamIO = DBPARAMIO_INPUT;
-  b.cbMaxLen = maxLen;
-  b.wType = type;
-  return b;
+  return Bind<RangeParameterData>(ordinal, type, value, maxLen, ordinal - 1, DBPARAMIO_INPUT);
 }
 
 // Describes the three parameters to the command and creates the accessor over `data`.
@@ -267,12 +259,12 @@ HRESULT SelectConsumer::Select(
     return E_NOINTERFACE;
   }
   const DBBINDING bindings[] = {
-      Bind(1, DBTYPE_WSTR, offsetof(ConsumerRow, tag), sizeof(ConsumerRow::tag), 0),
-      Bind(2, DBTYPE_DBTIMESTAMP, offsetof(ConsumerRow, timestamp), sizeof(DBTIMESTAMP), 1),
-      Bind(3, DBTYPE_UI4, offsetof(ConsumerRow, quality), sizeof(ULONG), 2),
-      options.value == ValueAs::kDouble ? Bind(4, DBTYPE_R8, offsetof(ConsumerRow, real), sizeof(double), 3)
-      : options.value == ValueAs::kText ? Bind(4, DBTYPE_WSTR, offsetof(ConsumerRow, text), sizeof(ConsumerRow::text), 3)
-                                        : Bind(4, DBTYPE_VARIANT, offsetof(ConsumerRow, value), sizeof(VARIANT), 3)};
+      Bind<ConsumerRow>(1, DBTYPE_WSTR, offsetof(ConsumerRow, tag), sizeof(ConsumerRow::tag), 0),
+      Bind<ConsumerRow>(2, DBTYPE_DBTIMESTAMP, offsetof(ConsumerRow, timestamp), sizeof(DBTIMESTAMP), 1),
+      Bind<ConsumerRow>(3, DBTYPE_UI4, offsetof(ConsumerRow, quality), sizeof(ULONG), 2),
+      options.value == ValueAs::kDouble ? Bind<ConsumerRow>(4, DBTYPE_R8, offsetof(ConsumerRow, real), sizeof(double), 3)
+      : options.value == ValueAs::kText ? Bind<ConsumerRow>(4, DBTYPE_WSTR, offsetof(ConsumerRow, text), sizeof(ConsumerRow::text), 3)
+                                        : Bind<ConsumerRow>(4, DBTYPE_VARIANT, offsetof(ConsumerRow, value), sizeof(VARIANT), 3)};
   HACCESSOR accessorHandle = DB_NULL_HACCESSOR;
   hr = accessor->CreateAccessor(DBACCESSOR_ROWDATA, 4, bindings, sizeof(ConsumerRow), &accessorHandle, nullptr);
   if (SUCCEEDED(hr)) {

@@ -22,14 +22,6 @@ namespace {
 
 constexpr DBTYPE kWStrRef = DBTYPE_WSTR | DBTYPE_BYREF;
 
-StoreValue Variant(VARTYPE vt, LONGLONG bits) {
-  VARIANT v;
-  VariantInit(&v);
-  V_VT(&v) = vt;
-  V_I8(&v) = bits;
-  return StoreValue::TakeVariant(&v);
-}
-
 // Same type and value; the bytes of the union a smaller value leaves alone are not compared.
 bool SameVariant(const VARIANT& a, const VARIANT& b) {
   if (V_VT(&a) != V_VT(&b)) return false;
@@ -160,15 +152,10 @@ class RowHandles : public LeakCheckedTest {
     if (rowset_) rowset_->Release();
     LeakCheckedTest::TearDown();
   }
-  double ValueOf(HROW row, HRESULT* hr = nullptr) {
-    BYTE buffer[64] = {};
-    const HRESULT result = rowset_->GetData(row, h_, buffer);
-    if (hr) *hr = result;
-    return ReadAt<double>(buffer, 0);
-  }
+  double ValueOf(HROW row) { return test::ValueOf(rowset_, row, h_); }
   HRESULT StatusOf(HROW row) {
     HRESULT hr = S_OK;
-    ValueOf(row, &hr);
+    test::ValueOf(rowset_, row, h_, &hr);
     return hr;
   }
   IRowset* rowset_ = nullptr;

@@ -106,11 +106,7 @@ class DataStoreSetValue : public LeakCheckedTest {
 TEST_F(DataStoreSetValue, ScalarsNeedExactlyTheirVariantType) {
   Build({Column(OLESTR("Q"), 1, DBTYPE_UI4, 4), Column(OLESTR("T"), 2, DBTYPE_DBTIMESTAMP, 16),
          Column(OLESTR("V"), 3, DBTYPE_R8, 8)});
-  VARIANT v;
-  VariantInit(&v);
-  V_VT(&v) = VT_I4;
-  V_I4(&v) = 7;
-  EXPECT_FALSE(Set(StoreValue::TakeVariant(&v), 0));
+  EXPECT_FALSE(Set(Variant(VT_I4, 7), 0));
   EXPECT_EQ(0, Status(0));
   EXPECT_FALSE(Set(UI4(1), 1));  // a timestamp cell takes only a timestamp
   EXPECT_FALSE(Set(StoreValue::FromTime(FileTimeOf(kJan2024)), 2));
@@ -213,13 +209,6 @@ TEST_F(DataStoreSetValue, RowsFilledFromRecordsHoldWhatSetValueWrites) {
     v.SetText(text, WLen(text));
     return v;
   };
-  auto typed = [](VARTYPE vt, LONGLONG bits) {
-    VARIANT v;
-    VariantInit(&v);
-    V_VT(&v) = vt;
-    V_I8(&v) = bits;
-    return StoreValue::TakeVariant(&v);
-  };
   const ULONGLONG kHourAndAHalf = 54000000000ull;
   std::vector<ProducedRecord> records(4);
   records[0].push_back(lent(kEight));
@@ -230,15 +219,15 @@ TEST_F(DataStoreSetValue, RowsFilledFromRecordsHoldWhatSetValueWrites) {
   records[0].push_back(lent(kEight));
   records[1].push_back(lent(kNine));  // one character too many: truncated
   records[1].push_back(StoreValue::FromTime(FileTimeOf(kJan2024 + kHourAndAHalf + 9999)));  // same day
-  records[1].push_back(typed(VT_I4, 7));  // not exactly the cell's type
-  records[1].push_back(typed(VT_NULL, 0));
-  records[1].push_back(typed(VT_R4, 0));
+  records[1].push_back(Variant(VT_I4, 7));  // not exactly the cell's type
+  records[1].push_back(Variant(VT_NULL, 0));
+  records[1].push_back(Variant(VT_R4, 0));
   records[1].push_back(Bstr(kNine));
   records[2].push_back(Bstr(OLESTR("")));
   records[2].push_back(StoreValue::FromTime(FileTimeOf(kJan2024 - 1)));  // the day before
   records[2].push_back(StoreValue());
-  records[2].push_back(typed(VT_I8, -5));
-  records[2].push_back(typed(VT_R8, 0x4000000000000000ll));
+  records[2].push_back(Variant(VT_I8, -5));
+  records[2].push_back(Variant(VT_R8, 0x4000000000000000ll));
   records[3] = RawRecord(86400 * 3 + 5);  // three days later
 
   // Text cells are not aligned for their characters.
@@ -395,11 +384,7 @@ class DataStoreGetData : public LeakCheckedTest {
                                                 Column(OLESTR("R"), 4, DBTYPE_BSTR)}));
     ProducedRecord record;
     record.push_back(Bstr(OLESTR("Tag.A")));
-    VARIANT n;
-    VariantInit(&n);
-    V_VT(&n) = VT_I4;
-    V_I4(&n) = 42;
-    record.push_back(StoreValue::TakeVariant(&n));
+    record.push_back(Variant(VT_I4, 42));
     record.push_back(R8(1e20));
     record.push_back(StoreValue());
     ASSERT_EQ(S_OK, store_->AppendRecord(record));

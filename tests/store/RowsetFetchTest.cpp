@@ -2,6 +2,7 @@
 
 #include <set>
 
+#include "provider/PropertyEngine.h"
 #include "provider/ProviderIRowset.h"
 #include "tests/store/StoreTestSupport.h"
 #include "tests/support/LeakCheckedTest.h"
@@ -36,12 +37,7 @@ class RowsetTest : public LeakCheckedTest {
     EXPECT_EQ(S_OK, accessor_->CreateAccessor(DBACCESSOR_ROWDATA, 1, &b, 0, &h, nullptr));
     return h;
   }
-  double ValueOf(HROW row, HACCESSOR h, HRESULT* hr = nullptr) {
-    BYTE buffer[64] = {};
-    const HRESULT result = rowset_->GetData(row, h, buffer);
-    if (hr) *hr = result;
-    return ReadAt<double>(buffer, 0);
-  }
+  double ValueOf(HROW row, HACCESSOR h, HRESULT* hr = nullptr) { return test::ValueOf(rowset_, row, h, hr); }
 
   HRESULT SameRow(HROW a, HROW b) {
     IRowsetIdentity* identity = nullptr;
@@ -193,13 +189,7 @@ class RowsetDescription : public RowsetTest {
       if (set.rgProperties[i].dwPropertyID == id) return &set.rgProperties[i];
     return nullptr;
   }
-  static void Free(ULONG n, DBPROPSET* sets) {
-    for (ULONG s = 0; s < n; ++s) {
-      for (ULONG i = 0; i < sets[s].cProperties; ++i) VariantClear(&sets[s].rgProperties[i].vValue);
-      CoTaskMemFree(sets[s].rgProperties);
-    }
-    CoTaskMemFree(sets);
-  }
+  static void Free(ULONG n, DBPROPSET* sets) { CPropertyEngine::FreePropertySets(n, sets); }
 };
 
 TEST_F(RowsetDescription, ColumnsAreDescribedAndMappedByName) {

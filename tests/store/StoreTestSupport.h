@@ -33,13 +33,15 @@ inline StoreValue Bstr(const OLECHAR* text) {
   V_BSTR(&v) = SysAllocString(text);
   return StoreValue::TakeVariant(&v);
 }
-inline StoreValue UI4(ULONG value) {
+// A VARIANT of type `vt` whose union holds `bits` (little-endian: V_I4 of 42 is 42).
+inline StoreValue Variant(VARTYPE vt, LONGLONG bits) {
   VARIANT v;
   VariantInit(&v);
-  V_VT(&v) = VT_UI4;
-  V_UI4(&v) = value;
+  V_VT(&v) = vt;
+  V_I8(&v) = bits;
   return StoreValue::TakeVariant(&v);
 }
+inline StoreValue UI4(ULONG value) { return Variant(VT_UI4, value); }
 inline StoreValue R8(double value) {
   VARIANT v;
   VariantInit(&v);
@@ -129,6 +131,14 @@ T ReadAt(const BYTE* buffer, size_t offset) {
   T value;
   std::memcpy(&value, buffer + offset, sizeof value);
   return value;
+}
+
+// The double an accessor with one R8 binding at offset 0 reads from `row`.
+inline double ValueOf(IRowset* rowset, HROW row, HACCESSOR h, HRESULT* hr = nullptr) {
+  BYTE buffer[64] = {};
+  const HRESULT result = rowset->GetData(row, h, buffer);
+  if (hr) *hr = result;
+  return ReadAt<double>(buffer, 0);
 }
 
 }  // namespace corvane::test
