@@ -222,27 +222,11 @@ class CBareRowset final : public IRowset {
   DBTIMESTAMP m_Date{};
 };
 
-DBBINDING BareBinding(DBORDINAL ordinal, DBTYPE type, DBBYTEOFFSET value, DBLENGTH maxLen, size_t slot) {
-  DBBINDING b;
-  std::memset(&b, 0, sizeof b);
-  b.iOrdinal = ordinal;
-  b.obValue = value;
-  b.obLength = offsetof(ConsumerRow, lengths) + slot * sizeof(DBLENGTH);
-  b.obStatus = offsetof(ConsumerRow, statuses) + slot * sizeof(DBSTATUS);
-  b.dwPart = DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS;
-  b.cbMaxLen = maxLen;
-  b.wType = type;
-  return b;
-}
-
 // The consumer's loop of SelectConsumer::Select over the bare rowset: batches of
 // kBatch, GetData per row, the same checksum, VariantClear, ReleaseRows.
 void BM_BareRowsetFloor(benchmark::State& state) {
-  const DBBINDING bindings[] = {
-      BareBinding(1, DBTYPE_WSTR, offsetof(ConsumerRow, tag), sizeof(ConsumerRow::tag), 0),
-      BareBinding(2, DBTYPE_DBTIMESTAMP, offsetof(ConsumerRow, timestamp), sizeof(DBTIMESTAMP), 1),
-      BareBinding(3, DBTYPE_UI4, offsetof(ConsumerRow, quality), sizeof(ULONG), 2),
-      BareBinding(4, DBTYPE_VARIANT, offsetof(ConsumerRow, value), sizeof(VARIANT), 3)};
+  DBBINDING bindings[4];
+  corvane::e2e::RowBindings(corvane::e2e::ValueAs::kVariant, bindings);
   constexpr DBROWCOUNT kBatch = SelectConsumer::kBatch;
   std::vector<ConsumerRow> rows(kBatch);
   std::memset(static_cast<void*>(rows.data()), 0, rows.size() * sizeof(ConsumerRow));

@@ -113,6 +113,19 @@ HRESULT BindRange(ICommandText* command, const RangeParameters& values, RangePar
 
 }  // namespace
 
+void RowBindings(ValueAs value, DBBINDING bindings[4]) {
+  bindings[0] = Bind<ConsumerRow>(1, DBTYPE_WSTR, offsetof(ConsumerRow, tag), sizeof(ConsumerRow::tag), 0);
+  bindings[1] = Bind<ConsumerRow>(2, DBTYPE_DBTIMESTAMP, offsetof(ConsumerRow, timestamp), sizeof(DBTIMESTAMP), 1);
+  bindings[2] = Bind<ConsumerRow>(3, DBTYPE_UI4, offsetof(ConsumerRow, quality), sizeof(ULONG), 2);
+  if (value == ValueAs::kDouble) {
+    bindings[3] = Bind<ConsumerRow>(4, DBTYPE_R8, offsetof(ConsumerRow, real), sizeof(double), 3);
+  } else if (value == ValueAs::kText) {
+    bindings[3] = Bind<ConsumerRow>(4, DBTYPE_WSTR, offsetof(ConsumerRow, text), sizeof(ConsumerRow::text), 3);
+  } else {
+    bindings[3] = Bind<ConsumerRow>(4, DBTYPE_VARIANT, offsetof(ConsumerRow, value), sizeof(VARIANT), 3);
+  }
+}
+
 WString RangeQuery(const OLECHAR* table) {
   return WFormat(OLESTR("SELECT TAGNAME, TIMESTAMP, QUALITY, VALUE FROM %s WHERE TAGNAME = ? AND TIMESTAMP >= ? AND "
                         "TIMESTAMP < ?"),
@@ -258,13 +271,8 @@ HRESULT SelectConsumer::Select(
     rowset->Release();
     return E_NOINTERFACE;
   }
-  const DBBINDING bindings[] = {
-      Bind<ConsumerRow>(1, DBTYPE_WSTR, offsetof(ConsumerRow, tag), sizeof(ConsumerRow::tag), 0),
-      Bind<ConsumerRow>(2, DBTYPE_DBTIMESTAMP, offsetof(ConsumerRow, timestamp), sizeof(DBTIMESTAMP), 1),
-      Bind<ConsumerRow>(3, DBTYPE_UI4, offsetof(ConsumerRow, quality), sizeof(ULONG), 2),
-      options.value == ValueAs::kDouble ? Bind<ConsumerRow>(4, DBTYPE_R8, offsetof(ConsumerRow, real), sizeof(double), 3)
-      : options.value == ValueAs::kText ? Bind<ConsumerRow>(4, DBTYPE_WSTR, offsetof(ConsumerRow, text), sizeof(ConsumerRow::text), 3)
-                                        : Bind<ConsumerRow>(4, DBTYPE_VARIANT, offsetof(ConsumerRow, value), sizeof(VARIANT), 3)};
+  DBBINDING bindings[4];
+  RowBindings(options.value, bindings);
   HACCESSOR accessorHandle = DB_NULL_HACCESSOR;
   hr = accessor->CreateAccessor(DBACCESSOR_ROWDATA, 4, bindings, sizeof(ConsumerRow), &accessorHandle, nullptr);
   if (SUCCEEDED(hr)) {

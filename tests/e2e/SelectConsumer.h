@@ -48,6 +48,9 @@ struct alignas(8) ConsumerRow {
 // what RAWDATA_DOUBLE and RAWDATA_STRING expose.
 enum class ValueAs { kVariant, kDouble, kText };
 
+// The row accessor's bindings: TAGNAME, TIMESTAMP, QUALITY and VALUE as `value` says.
+void RowBindings(ValueAs value, DBBINDING bindings[4]);
+
 // The three values of RangeQuery's `?`: TAGNAME bound as WSTR, the start and end of the
 // range as DBTIMESTAMP from FILETIME ticks in whole seconds. The dialect's time bounds
 // take `<` as `<=`: a sample at `end` is read too.
