@@ -84,17 +84,36 @@ void Normalise(NumberText& n) {
 
 // The significant digits (trailing zeros dropped) and decimal exponent of a finite,
 // non-zero double rounded to `digits` digits: |value| ~ d1.d2d3... * 10^exp10.
-void ScientificDigits(double value, int digits, std::string& mantissa, int& exp10) {
+// The significant digits of |value| rounded to `digits` (at most kMaxDigits), trailing
+// zeros dropped, into `mantissa`; returns how many there are and sets the decimal
+// exponent of the first. A buffer rather than a string: every text cell of a read
+// formats one number.
+constexpr int kMaxDigits = 32;
+size_t ScientificDigits(double value, int digits, char (&mantissa)[kMaxDigits], int& exp10) {
+  digits = digits < 1 ? 1 : digits > kMaxDigits ? kMaxDigits : digits;
   char buf[64];
   auto res = std::to_chars(buf, buf + sizeof buf, std::fabs(value), std::chars_format::scientific, digits - 1);
-  mantissa.clear();
-  const char* p = buf;
-  for (; p < res.ptr && *p != 'e'; ++p)
-    if (*p >= '0' && *p <= '9') mantissa += *p;
+  // "d.ddde+XX" (no point for one digit): the digits stand at known places. Every
+  // finite value fits the buffer; the fallback only keeps a broken result in bounds.
+  const size_t n = static_cast<size_t>(digits);
+  const char* e = buf + (n > 1 ? n + 1 : 1);
+  if (res.ec != std::errc() || e >= res.ptr || *e != 'e') {
+    mantissa[0] = '0';
+    exp10 = 0;
+    return 1;
+  }
+  mantissa[0] = buf[0];
+  if (n > 1) std::memcpy(mantissa + 1, buf + 2, n - 1);
   exp10 = 0;
-  if (p < res.ptr) std::from_chars(p + 1 + (p[1] == '+'), res.ptr, exp10);
-  size_t last = mantissa.find_last_not_of('0');
-  mantissa.resize(last == std::string::npos ? 1 : last + 1);
+  std::from_chars(e + 1 + (e[1] == '+'), res.ptr, exp10);
+  size_t kept = n;
+  while (kept > 1 && mantissa[kept - 1] == '0') --kept;
+  return kept;
+}
+
+void ScientificDigits(double value, int digits, std::string& mantissa, int& exp10) {
+  char m[kMaxDigits];
+  mantissa.assign(m, ScientificDigits(value, digits, m, exp10));
 }
 
 }  // namespace
@@ -346,28 +365,45 @@ std::u16string FormatReal(double value, int digits) {
   if (std::isnan(value)) return u"NAN";
   if (std::isinf(value)) return value < 0 ? u"-INF" : u"INF";
   if (value == 0) return u"0";
-  std::string m;
+  char m[kMaxDigits];
   int exp10;
-  ScientificDigits(value, digits, m, exp10);
-  std::string s = value < 0 ? "-" : "";
+  const size_t count = ScientificDigits(value, digits, m, exp10);
+  // Longest forms: sign, 32 digits, point and "E+308"; or "0.0000" and 32 digits.
+  char16_t out[48];
+  size_t n = 0;
+  auto put = [&](const char* from, size_t length) {
+    for (size_t i = 0; i < length; ++i) out[n++] = static_cast<char16_t>(from[i]);
+  };
+  if (value < 0) out[n++] = u'-';
   if (exp10 < -4 || exp10 >= digits) {
-    s += m[0];
-    if (m.size() > 1) s += "." + m.substr(1);
-    s += exp10 < 0 ? "E-" : "E+";
-    int e = exp10 < 0 ? -exp10 : exp10;
-    if (e < 10) s += '0';
-    s += std::to_string(e);
+    out[n++] = static_cast<char16_t>(m[0]);
+    if (count > 1) {
+      out[n++] = u'.';
+      put(m + 1, count - 1);
+    }
+    out[n++] = u'E';
+    out[n++] = exp10 < 0 ? u'-' : u'+';
+    const int e = exp10 < 0 ? -exp10 : exp10;
+    if (e >= 100) out[n++] = static_cast<char16_t>(u'0' + e / 100);
+    out[n++] = static_cast<char16_t>(u'0' + e / 10 % 10);
+    out[n++] = static_cast<char16_t>(u'0' + e % 10);
   } else if (exp10 < 0) {
-    s += "0." + std::string(static_cast<size_t>(-exp10 - 1), '0') + m;
+    out[n++] = u'0';
+    out[n++] = u'.';
+    for (int i = 0; i < -exp10 - 1; ++i) out[n++] = u'0';
+    put(m, count);
   } else {
     const size_t intDigits = static_cast<size_t>(exp10) + 1;
-    if (m.size() <= intDigits) {
-      s += m + std::string(intDigits - m.size(), '0');
+    if (count <= intDigits) {
+      put(m, count);
+      for (size_t i = count; i < intDigits; ++i) out[n++] = u'0';
     } else {
-      s += m.substr(0, intDigits) + "." + m.substr(intDigits);
+      put(m, intDigits);
+      out[n++] = u'.';
+      put(m + intDigits, count - intDigits);
     }
   }
-  return std::u16string(s.begin(), s.end());
+  return std::u16string(out, n);
 }
 
 std::u16string FormatScaled(bool negative, U128 mantissa, int scale) {
