@@ -26,6 +26,11 @@ constexpr int kLastSystemTimeYear = 30827;
 
 }  // namespace
 
+HRESULT CSQLFunctionDateAdd::OutOfRange() const {
+  TraceError(OLESTR("Result out of range (HR = %X)."), static_cast<unsigned>(DISP_E_OVERFLOW));
+  return DISP_E_OVERFLOW;
+}
+
 HRESULT CSQLFunctionDateAdd::Evaluate() {
   HRESULT hr = CheckArgumentCount(3, 3);
   if (FAILED(hr)) return hr;
@@ -54,23 +59,20 @@ HRESULT CSQLFunctionDateAdd::Evaluate() {
   if (unitNumber <= kWk) {
     static const LONG64 kTicks[] = {0, 10000LL, 10000000LL, 600000000LL, 36000000000LL, 864000000000LL,
                                     6048000000000LL};
-    // |n| < 2^31 and a week is < 2^43 ticks: the product fits in 64 bits.
-    const LONG64 delta = n * kTicks[unitNumber];
-    const LONG64 start = static_cast<LONG64>(date);
-    if (static_cast<LONG64>(date) < 0 || (delta > 0 && start > INT64_MAX - delta) || start + delta < 0) {
-      TraceError(OLESTR("Result out of range (HR = %X)."), static_cast<unsigned>(DISP_E_OVERFLOW));
-      return DISP_E_OVERFLOW;
-    }
-    SetResultTime(static_cast<ULONG64>(start + delta));
+    // A count of weeks or days can be 2^31: the product and the sum are checked in
+    // 64 bits before they are made, and the result must stay a FILETIME.
+    LONG64 delta = 0;
+    LONG64 result = 0;
+    if (date > static_cast<ULONG64>(INT64_MAX) || __builtin_mul_overflow(n, kTicks[unitNumber], &delta) ||
+        __builtin_add_overflow(static_cast<LONG64>(date), delta, &result) || result < 0)
+      return OutOfRange();
+    SetResultTime(static_cast<ULONG64>(result));
     return S_OK;
   }
 
   const FILETIME in = corvane::TicksToFileTime(date);
   SYSTEMTIME fields{};
-  if (!FileTimeToSystemTime(&in, &fields)) {
-    TraceError(OLESTR("Result out of range (HR = %X)."), static_cast<unsigned>(DISP_E_OVERFLOW));
-    return DISP_E_OVERFLOW;
-  }
+  if (!FileTimeToSystemTime(&in, &fields)) return OutOfRange();
   LONG64 year = fields.wYear;
   if (unitNumber == kYy) {
     year += n;
@@ -90,10 +92,7 @@ HRESULT CSQLFunctionDateAdd::Evaluate() {
     }
     fields.wMonth = static_cast<WORD>(month);
   }
-  if (year < 1601 || year > kLastSystemTimeYear) {
-    TraceError(OLESTR("Result out of range (HR = %X)."), static_cast<unsigned>(DISP_E_OVERFLOW));
-    return DISP_E_OVERFLOW;
-  }
+  if (year < 1601 || year > kLastSystemTimeYear) return OutOfRange();
   fields.wYear = static_cast<WORD>(year);
   // 31 January plus one month is 31 February: no such date, and no quiet clamping
   // to the month's end either.

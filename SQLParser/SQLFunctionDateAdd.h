@@ -1,6 +1,6 @@
 // DATEADD(unit, count, date): the date moved by count units (ms, ss, mi, hh, dd, wk, mm,
 // yy); months and years step through the calendar fields. An unknown unit gives the
-// zero timestamp.
+// zero timestamp. A result outside the FILETIME range fails with DISP_E_OVERFLOW.
 #pragma once
 #include "SQLParser/SQLFunction.h"
 
@@ -12,4 +12,7 @@ class CSQLFunctionDateAdd : public CSQLFunction {
 
  protected:
   const OLECHAR* MessageName() const override { return OLESTR("DateAdd"); }
+
+ private:
+  HRESULT OutOfRange() const;
 };

@@ -74,7 +74,14 @@ TEST_F(DateAdd, BadArgumentsFailWithTheInitialisationMessage) {
   traces.Clear();
   EXPECT_EQ(EvalTime("DATEADD('dd', 1, 42)", &time), E_FAIL);
   EXPECT_TRUE(traces.Contains("SQL function DateAdd calculation error: Failed to initialize parameters (HR = 80004005)."));
-  EXPECT_EQ(EvalTime("DATEADD('yy', -500, '2020-01-01')", &time), DISP_E_OVERFLOW) << "before 1601";
+  // A result outside the FILETIME range fails, however large the count: the products
+  // of the fixed units are checked before they are made.
+  for (const char* e : {"DATEADD('yy', -500, '2020-01-01')", "DATEADD('dd', -2147483648, '2020-01-01')",
+                        "DATEADD('wk', 2147483647, '2020-01-01')", "DATEADD('ms', -1, '1601-01-01')",
+                        "DATEADD('mm', 2147483647, '2020-01-01')", "DATEADD('hh', 2147483647, '9999-01-01')"})
+    EXPECT_EQ(EvalTime(e, &time), DISP_E_OVERFLOW) << e;
+  EXPECT_TRUE(traces.Contains("SQL function DateAdd calculation error: Result out of range (HR = 8002000A)."));
+  EXPECT_EQ(EvalTime("DATEADD('dd', -100000, '2020-01-01')", &time), S_OK);
 }
 
 class TimeText : public ExprTest {};
