@@ -19,6 +19,8 @@ class CSQLCalcItemFunction : public CSQLCalcItem {
     return index < arguments_.size() ? arguments_[index].get() : nullptr;
   }
   const std::vector<std::unique_ptr<CSQLCalcItem>>& Arguments() const { return arguments_; }
+  // For binding, which puts the values of a row in place of column references.
+  std::vector<std::unique_ptr<CSQLCalcItem>>& MutableArguments() { return arguments_; }
 
   HRESULT AddArgument(std::unique_ptr<CSQLCalcItem> argument);
   // DATEADD names its unit as a bare word (`DATEADD(hh, -1, NOW())`) as often as a

@@ -19,8 +19,13 @@ namespace {
 // this is refused rather than recursed into.
 constexpr int kMaxBindDepth = 1024;
 
+HRESULT UnknownFunction(const WString& name, WString* message) {
+  if (message) *message = corvane::WFormat(OLESTR("Unknown SQL function %s."), name.c_str());
+  return E_FAIL;
+}
+
 HRESULT BindItem(const CSQLCalcItem* expression, const SQLBindContext& context, int depth,
-                 std::unique_ptr<CSQLCalcItem>* bound) {
+                 std::unique_ptr<CSQLCalcItem>* bound, WString* message) {
   if (depth > kMaxBindDepth) return E_FAIL;
   switch (expression->Kind()) {
     case SQL_CALC_CONST: {
@@ -40,17 +45,22 @@ HRESULT BindItem(const CSQLCalcItem* expression, const SQLBindContext& context, 
       const auto& call = static_cast<const CSQLCalcItemFunction&>(*expression);
       std::unique_ptr<CSQLFunction> function;
       HRESULT hr = CreateFunction(call.Name(), &function);
+      if (hr == E_FAIL) return UnknownFunction(call.Name(), message);
       if (FAILED(hr)) return hr;
       function->SetDisplayName(call.DisplayName());
+      function->SetWrittenArgumentCount(call.ArgumentCount());
+      if (FAILED(function->CheckArity())) {
+        if (message) *message = function->FailureMessage();
+        return E_FAIL;
+      }
       for (const auto& argument : call.Arguments()) {
         if (!argument) return E_INVALIDARG;
         std::unique_ptr<CSQLCalcItem> boundArgument;
-        hr = BindItem(argument.get(), context, depth + 1, &boundArgument);
+        hr = BindItem(argument.get(), context, depth + 1, &boundArgument, message);
         if (FAILED(hr)) return hr;  // the new function and what it holds go with it
         hr = function->AddArgument(std::move(boundArgument));
         if (FAILED(hr)) return hr;
       }
-      function->SetWrittenArgumentCount(call.ArgumentCount());
       const bool now = corvane::WIEquals(call.Name(), OLESTR("NOW"));
       if (now || corvane::WIEquals(call.Name(), OLESTR("NOWUTC"))) {
         std::unique_ptr<CSQLCalcItemConst> reference(new (std::nothrow) CSQLCalcItemConst());
@@ -136,25 +146,6 @@ bool IsColumnNamed(const CSQLCalcItem* item, const OLECHAR* name) {
          corvane::WIEquals(static_cast<const CSQLCalcItemTableColumn*>(item)->ColumnName(), name);
 }
 
-// Visits every node after its left and then its right subtree, without recursion;
-// stops early when `visit` answers false.
-template <typename Visit>
-void PostOrder(const CSQLConditionNode* root, Visit visit) {
-  std::vector<std::pair<const CSQLConditionNode*, bool>> pending;
-  pending.emplace_back(root, false);
-  while (!pending.empty()) {
-    auto [node, childrenDone] = pending.back();
-    pending.pop_back();
-    if (childrenDone) {
-      if (!visit(node)) return;
-      continue;
-    }
-    pending.emplace_back(node, true);
-    if (node->Right()) pending.emplace_back(node->Right(), false);
-    if (node->Left()) pending.emplace_back(node->Left(), false);
-  }
-}
-
 }  // namespace
 
 HRESULT SetReferenceTimesToNow(SQLBindContext* context) {
@@ -167,13 +158,39 @@ HRESULT SetReferenceTimesToNow(SQLBindContext* context) {
   return S_OK;
 }
 
-HRESULT Bind(const CSQLCalcItem* expression, const SQLBindContext& context, std::unique_ptr<CSQLCalcItem>* bound) {
+HRESULT Bind(const CSQLCalcItem* expression, const SQLBindContext& context, std::unique_ptr<CSQLCalcItem>* bound,
+             WString* message) {
   if (!expression || !bound) return E_INVALIDARG;
   try {
     std::unique_ptr<CSQLCalcItem> result;
-    HRESULT hr = BindItem(expression, context, 0, &result);
+    HRESULT hr = BindItem(expression, context, 0, &result, message);
     if (FAILED(hr)) return hr;
     *bound = std::move(result);
+    return S_OK;
+  } catch (const std::bad_alloc&) {
+    return E_OUTOFMEMORY;
+  }
+}
+
+HRESULT CheckFunctionCalls(const CSQLCalcItem* expression, WString* message) {
+  try {
+    std::vector<const CSQLCalcItem*> pending{expression};
+    while (!pending.empty()) {
+      const CSQLCalcItem* item = pending.back();
+      pending.pop_back();
+      if (!item || item->Kind() != SQL_CALC_FUNCTION) continue;
+      const auto& call = static_cast<const CSQLCalcItemFunction&>(*item);
+      std::unique_ptr<CSQLFunction> function;
+      HRESULT hr = CreateFunction(call.Name(), &function);
+      if (hr == E_FAIL) return UnknownFunction(call.Name(), message);
+      if (FAILED(hr)) return hr;
+      function->SetWrittenArgumentCount(call.ArgumentCount());
+      if (FAILED(function->CheckArity())) {
+        if (message) *message = function->FailureMessage();
+        return E_FAIL;
+      }
+      for (const auto& argument : call.Arguments()) pending.push_back(argument.get());
+    }
     return S_OK;
   } catch (const std::bad_alloc&) {
     return E_OUTOFMEMORY;
@@ -325,58 +342,4 @@ HRESULT ReduceTimeRange(const CSQLConditionNode* condition, const SQLBindContext
   } catch (const std::bad_alloc&) {
     return E_OUTOFMEMORY;
   }
-}
-
-HRESULT FindTimestamp(const CSQLConditionNode* condition, const SQLBindContext& context, bool* found,
-                      SQLEvaluationResult* value) {
-  if (!found || !value) return E_INVALIDARG;
-  *found = false;
-  value->Reset();
-  if (!condition) return S_OK;
-  HRESULT hr = S_OK;
-  try {
-    PostOrder(condition, [&](const CSQLConditionNode* node) {
-      const CSQLCalcItem* other = nullptr;
-      if (IsColumnNamed(node->FirstOperand(), OLESTR("TIMESTAMP")))
-        other = node->SecondOperand();
-      else if (IsColumnNamed(node->SecondOperand(), OLESTR("TIMESTAMP")))
-        other = node->FirstOperand();
-      if (!other) return true;
-      hr = BindAndEvaluate(other, context, value);
-      *found = SUCCEEDED(hr);
-      return false;
-    });
-  } catch (const std::bad_alloc&) {
-    hr = E_OUTOFMEMORY;
-  }
-  if (FAILED(hr)) {
-    *found = false;
-    value->Reset();
-  }
-  return hr;
-}
-
-HRESULT FindTagName(const CSQLConditionNode* condition, WString* tagName) {
-  if (!tagName) return E_INVALIDARG;
-  tagName->clear();
-  if (!condition) return S_OK;
-  HRESULT hr = S_OK;
-  try {
-    PostOrder(condition, [&](const CSQLConditionNode* node) {
-      const CSQLCalcItem* other = nullptr;
-      if (IsColumnNamed(node->FirstOperand(), OLESTR("TAGNAME")))
-        other = node->SecondOperand();
-      else if (IsColumnNamed(node->SecondOperand(), OLESTR("TAGNAME")))
-        other = node->FirstOperand();
-      if (!other || other->Kind() != SQL_CALC_CONST) return true;
-      WString text;
-      hr = static_cast<const CSQLCalcItemConst*>(other)->ValueAsText(&text);
-      if (FAILED(hr)) return false;
-      if (!text.empty()) *tagName = std::move(text);  // later findings replace earlier ones
-      return true;
-    });
-  } catch (const std::bad_alloc&) {
-    hr = E_OUTOFMEMORY;
-  }
-  return hr;
 }

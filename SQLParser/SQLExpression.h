@@ -1,7 +1,6 @@
-// Binding and evaluation of the expression items of a parsed statement, and the three
-// lookups that read a WHERE tree: the time range to read, and the TIMESTAMP and TAGNAME
-// that identify the row of an UPDATE or DELETE on raw data. This is all the planning
-// the provider does; there is no general predicate evaluation over rows.
+// Binding and evaluation of the expression items of a parsed statement, and the
+// reduction of a WHERE tree to the time range a read covers. Conditions are evaluated
+// on rows by the row evaluator of execution, which binds through here.
 #pragma once
 #include <memory>
 
@@ -46,8 +45,16 @@ struct SQLEvaluationResult {
 // context's values (DB_E_PARAMNOTOPTIONAL when there is none), function calls
 // re-created by the function table with their arguments bound (E_FAIL for an unknown
 // name), NOW and NOWUTC given one hidden timestamp argument, columns copied.
+// A call with another number of arguments than its function takes fails with E_FAIL and
+// the function's "Bad parameter count." message in *message (when given).
 // E_INVALIDARG for a missing expression or output; the input is not changed.
-HRESULT Bind(const CSQLCalcItem* expression, const SQLBindContext& context, std::unique_ptr<CSQLCalcItem>* bound);
+HRESULT Bind(const CSQLCalcItem* expression, const SQLBindContext& context, std::unique_ptr<CSQLCalcItem>* bound,
+             corvane::WString* message = nullptr);
+
+// The checks of Bind that need no values: every function call names a known function
+// with as many arguments as it takes. E_FAIL and the message otherwise. Lets a
+// statement fail when it is prepared rather than at the first row.
+HRESULT CheckFunctionCalls(const CSQLCalcItem* expression, corvane::WString* message);
 
 // Evaluates a bound expression. A column has no value outside a row: E_FAIL.
 HRESULT Evaluate(CSQLCalcItem* bound, SQLEvaluationResult* result);
@@ -76,14 +83,3 @@ HRESULT ResultToTime(const SQLEvaluationResult& result, ULONG64* time);
 // On failure the bounds keep what was set before it.
 HRESULT ReduceTimeRange(const CSQLConditionNode* condition, const SQLBindContext& context, ULONG64* start,
                         ULONG64* end);
-
-// The value compared with TIMESTAMP, whatever the operator, found depth first (left
-// subtree, right subtree, then the node). *found is false when there is none; the
-// value is the other operand evaluated with `context`.
-HRESULT FindTimestamp(const CSQLConditionNode* condition, const SQLBindContext& context, bool* found,
-                      SQLEvaluationResult* value);
-
-// The text of the constant compared with TAGNAME, whatever the operator; the last one
-// found depth first wins (`TAGNAME = 'a' OR TAGNAME = 'b'` gives b). Parameters and
-// functions do not count. Empty when there is none.
-HRESULT FindTagName(const CSQLConditionNode* condition, corvane::WString* tagName);

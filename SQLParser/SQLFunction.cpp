@@ -41,21 +41,27 @@ HRESULT CSQLFunction::CopyResult(SQLEvaluationResult* result) const {
 }
 
 void CSQLFunction::TraceError(const OLECHAR* detailFormat, ...) const {
-  if (TRACE_ERROR < corvane::TraceThreshold()) return;
   try {
     va_list args;
     va_start(args, detailFormat);
     const WString detail = corvane::WFormatV(detailFormat, args);
     va_end(args);
-    CVTRACE(TRACE_ERROR, OLESTR("SQL function %s calculation error: %s"), MessageName(), detail.c_str());
+    failureMessage_ = corvane::WFormat(OLESTR("SQL function %s calculation error: %s"), MessageName(), detail.c_str());
+    CVTRACE(TRACE_ERROR, OLESTR("%s"), failureMessage_.c_str());
   } catch (const std::bad_alloc&) {
-    // The failure code reaches the caller anyway; only its trace is lost.
+    // The failure code reaches the caller anyway; only its text is lost.
   }
 }
 
 HRESULT CSQLFunction::CheckArgumentCount(size_t written, size_t bound) const {
   if (WrittenArgumentCount() == written && ArgumentCount() == bound) return S_OK;
-  TraceError(OLESTR("Bad parameter count."));
+  TraceError(ArityMessage());
+  return E_FAIL;
+}
+
+HRESULT CSQLFunction::CheckArity() const {
+  if (WrittenArgumentCount() == arity_) return S_OK;
+  TraceError(ArityMessage());
   return E_FAIL;
 }
 
@@ -134,26 +140,27 @@ HRESULT CreateFunction(corvane::WStringView name, std::unique_ptr<CSQLFunction>*
   static const struct {
     const OLECHAR* name;
     Factory make;
+    size_t arity;  // arguments the statement writes
   } kTable[] = {
-      {OLESTR("DATEADD"), [](corvane::WStringView n) -> CSQLFunction* { return new (std::nothrow) CSQLFunctionDateAdd(WString(n)); }},
-      {OLESTR("NOW"), [](corvane::WStringView n) -> CSQLFunction* { return new (std::nothrow) CSQLFunctionNow(WString(n), false); }},
-      {OLESTR("NOWUTC"), [](corvane::WStringView n) -> CSQLFunction* { return new (std::nothrow) CSQLFunctionNow(WString(n), true); }},
-      {OLESTR("LocalTimeToUTC"), Make<CSQLFunctionLocalTimeToUTC>},
-      {OLESTR("UTCToLocalTime"), Make<CSQLFunctionUTCToLocalTime>},
-      {OLESTR("GetMsecs"), Make<CSQLFunctionGetMsecs>},
-      {OLESTR("IsGood"), Make<CSQLFunctionIsGood>},
-      {OLESTR("IsBad"), Make<CSQLFunctionIsBad>},
-      {OLESTR("IsUncertain"), Make<CSQLFunctionIsUncertain>},
-      {OLESTR("QualityToStr"), Make<CSQLFunctionQualityToStr>},
-      {OLESTR("QualityToStr2"), Make<CSQLFunctionQualityToStr2>},
-      {OLESTR("BitMask"), Make<CSQLFunctionBitMask>},
-      {OLESTR("DataTypeToStr"), Make<CSQLFunctionDataTypeToStr>},
-      {OLESTR("AccessRightsToStr"), Make<CSQLFunctionAccessRightsToStr>},
-      {OLESTR("SUM"), Make<CSQLFunctionSUM>},
-      {OLESTR("AVG"), Make<CSQLFunctionAVG>},
-      {OLESTR("MIN"), Make<CSQLFunctionMIN>},
-      {OLESTR("MAX"), Make<CSQLFunctionMAX>},
-      {OLESTR("COUNT"), Make<CSQLFunctionCOUNT>},
+      {OLESTR("DATEADD"), [](corvane::WStringView n) -> CSQLFunction* { return new (std::nothrow) CSQLFunctionDateAdd(WString(n)); }, 3},
+      {OLESTR("NOW"), [](corvane::WStringView n) -> CSQLFunction* { return new (std::nothrow) CSQLFunctionNow(WString(n), false); }, 0},
+      {OLESTR("NOWUTC"), [](corvane::WStringView n) -> CSQLFunction* { return new (std::nothrow) CSQLFunctionNow(WString(n), true); }, 0},
+      {OLESTR("LocalTimeToUTC"), Make<CSQLFunctionLocalTimeToUTC>, 1},
+      {OLESTR("UTCToLocalTime"), Make<CSQLFunctionUTCToLocalTime>, 1},
+      {OLESTR("GetMsecs"), Make<CSQLFunctionGetMsecs>, 1},
+      {OLESTR("IsGood"), Make<CSQLFunctionIsGood>, 1},
+      {OLESTR("IsBad"), Make<CSQLFunctionIsBad>, 1},
+      {OLESTR("IsUncertain"), Make<CSQLFunctionIsUncertain>, 1},
+      {OLESTR("QualityToStr"), Make<CSQLFunctionQualityToStr>, 1},
+      {OLESTR("QualityToStr2"), Make<CSQLFunctionQualityToStr2>, 1},
+      {OLESTR("BitMask"), Make<CSQLFunctionBitMask>, 3},
+      {OLESTR("DataTypeToStr"), Make<CSQLFunctionDataTypeToStr>, 1},
+      {OLESTR("AccessRightsToStr"), Make<CSQLFunctionAccessRightsToStr>, 1},
+      {OLESTR("SUM"), Make<CSQLFunctionSUM>, 1},
+      {OLESTR("AVG"), Make<CSQLFunctionAVG>, 1},
+      {OLESTR("MIN"), Make<CSQLFunctionMIN>, 1},
+      {OLESTR("MAX"), Make<CSQLFunctionMAX>, 1},
+      {OLESTR("COUNT"), Make<CSQLFunctionCOUNT>, 1},
   };
   for (const auto& entry : kTable) {
     if (!corvane::WIEquals(name, entry.name)) continue;
@@ -164,6 +171,7 @@ HRESULT CreateFunction(corvane::WStringView name, std::unique_ptr<CSQLFunction>*
       made = nullptr;
     }
     if (!made) return E_OUTOFMEMORY;
+    made->SetArity(entry.arity);
     function->reset(made);
     return S_OK;
   }

@@ -17,6 +17,18 @@ class CSQLFunction : public CSQLCalcItemFunction {
   virtual const OLECHAR* FunctionName() const = 0;
   virtual bool IsAggregate() const { return false; }
 
+  // The message of the last failure, as traced ("SQL function Now calculation error:
+  // Bad parameter count."); empty when the function has not failed. It is what the
+  // consumer's error record says when this function fails a statement.
+  const corvane::WString& FailureMessage() const { return failureMessage_; }
+
+  // The number of arguments the statement must write (from the function table).
+  size_t Arity() const { return arity_; }
+  void SetArity(size_t arity) { arity_ = arity; }
+  // E_FAIL with the function's "Bad parameter count." message when the statement wrote
+  // another number of arguments: found when the statement is bound, before any row.
+  HRESULT CheckArity() const;
+
   int ResultKind() const { return resultKind_; }  // SQLEvaluationResult::kNone/kValue/kTime
   const VARIANT& ResultValue() const { return resultValue_; }
   ULONG64 ResultTime() const { return resultTime_; }
@@ -33,8 +45,11 @@ class CSQLFunction : public CSQLCalcItemFunction {
 
   // The name in the error texts ("Now" for NOW and NOWUTC alike).
   virtual const OLECHAR* MessageName() const { return FunctionName(); }
-  // Traces "SQL function <MessageName> calculation error: <detail>" at error level.
+  // Traces "SQL function <MessageName> calculation error: <detail>" at error level and
+  // keeps it as the failure message.
   void TraceError(const OLECHAR* detailFormat, ...) const;
+  // The detail of the argument-count failure ("Bad parameter count.").
+  virtual const OLECHAR* ArityMessage() const { return OLESTR("Bad parameter count."); }
   // Traces the "Bad parameter count." message and answers E_FAIL unless the written and
   // the bound arguments number `written` and `bound`.
   HRESULT CheckArgumentCount(size_t written, size_t bound) const;
@@ -61,6 +76,8 @@ class CSQLFunction : public CSQLCalcItemFunction {
 
  private:
   size_t writtenArgumentCount_ = 0;
+  size_t arity_ = 0;
+  mutable corvane::WString failureMessage_;
   int resultKind_ = SQLEvaluationResult::kNone;
   VARIANT resultValue_;
   ULONG64 resultTime_ = 0;

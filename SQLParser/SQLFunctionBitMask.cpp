@@ -1,15 +1,13 @@
 #include "SQLParser/SQLFunctionBitMask.h"
 
 HRESULT CSQLFunctionBitMask::Evaluate() {
-  if (WrittenArgumentCount() != 3 || ArgumentCount() != 3) {
-    TraceError(OLESTR("Invalid parameter count."));
-    return E_FAIL;
-  }
+  HRESULT hr = CheckArgumentCount(3, 3);
+  if (FAILED(hr)) return hr;
   VARIANT op, mask, operand;
   VariantInit(&op);
   VariantInit(&mask);
   VariantInit(&operand);
-  HRESULT hr = ReadConverted(0, VT_BSTR, &op);
+  hr = ReadConverted(0, VT_BSTR, &op);
   if (FAILED(hr)) {
     TraceError(OLESTR("Cannot get Operator parameter value (HR = %X)."), static_cast<unsigned>(hr));
     return hr;

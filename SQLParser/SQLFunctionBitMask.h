@@ -7,4 +7,7 @@ class CSQLFunctionBitMask : public CSQLFunction {
   explicit CSQLFunctionBitMask(corvane::WString name) : CSQLFunction(std::move(name)) {}
   HRESULT Evaluate() override;
   const OLECHAR* FunctionName() const override { return OLESTR("BitMask"); }
+
+ protected:
+  const OLECHAR* ArityMessage() const override { return OLESTR("Invalid parameter count."); }
 };

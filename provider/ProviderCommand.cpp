@@ -52,10 +52,13 @@ class CRowsetCreator final : public IUnknown {
   CProviderCommand* command_;
 };
 
-// The highest `?` number among the expression items of a statement.
+// The highest `?` number among the expression items of a statement, and the first
+// function call that cannot be bound (an unknown name, another number of arguments).
 class ParameterCounter {
  public:
   void Item(const CSQLCalcItem* item) {
+    if (item && item->Kind() == SQL_CALC_FUNCTION && SUCCEEDED(badCall))
+      badCall = CheckFunctionCalls(item, &badCallMessage);
     items_.Push(item);
     while (!items_.Empty()) {
       const CSQLCalcItem* next = items_.Pop();
@@ -94,6 +97,8 @@ class ParameterCounter {
     if (q.StatementKind() == SQL_STATEMENT_UPDATE) lists(static_cast<const CSQLQueryInfoUPDATE&>(q));
   }
   int highest = 0;
+  HRESULT badCall = S_OK;
+  WString badCallMessage;
 
  private:
   CWalkStack<const CSQLCalcItem*> items_;
@@ -309,9 +314,13 @@ HRESULT CProviderCommand::PrepareLocked() {
     CVTRACE(TRACE_ERROR, OLESTR("ERROR in CProviderCommand::SetCommandText, No command text was set"));
     return PostMessage(IID_ICommandPrepare, E_FAIL, OLESTR("No command text was set."));
   }
-  query_ = std::move(query);
   ParameterCounter counter;
-  counter.Query(*query_);
+  counter.Query(*query);
+  if (FAILED(counter.badCall)) {
+    CVTRACE(TRACE_ERROR, OLESTR("ERROR in CProviderCommand::Prepare, %s"), counter.badCallMessage.c_str());
+    return PostMessage(IID_ICommandPrepare, counter.badCall, counter.badCallMessage.c_str());
+  }
+  query_ = std::move(query);
   parameterCount_ = counter.highest;
 
   hr = InitializeOutputColumns();
@@ -771,6 +780,8 @@ HRESULT CProviderCommand::Execute(IUnknown* pUnkOuter, REFIID riid, DBPARAMS* pP
   request.binding.parameterCount = values.size();
   request.binding.nowLocal = Ticks(nowLocal_);
   request.binding.nowUtc = Ticks(nowUtc_);
+  WString message;
+  request.message = &message;
 
   auto* creator = new (std::nothrow) CRowsetCreator(this);
   if (!creator) hr = E_OUTOFMEMORY;
@@ -792,7 +803,10 @@ HRESULT CProviderCommand::Execute(IUnknown* pUnkOuter, REFIID riid, DBPARAMS* pP
   if (SUCCEEDED(hr)) return hr;
   CVTRACE(TRACE_ERROR, OLESTR("Failed to create create rowset (%X)."), static_cast<unsigned>(hr));
   TraceUnsupported(hr, riid);
-  corvane::PostFailure(IID_ICommand, hr, kSource);
+  if (message.empty())
+    corvane::PostFailure(IID_ICommand, hr, kSource);
+  else
+    PostMessage(IID_ICommand, hr, message.c_str());
   return hr;
 }
 

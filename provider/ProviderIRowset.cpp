@@ -177,10 +177,16 @@ HRESULT STDMETHODCALLTYPE CProviderIRowset::GetNextRows(HCHAPTER /*hReserved*/, 
   const HRESULT hr = GetNextRowsLocked(lRowsOffset, cRows, pcRowsObtained, prghRows);
   // A historian failure in the middle of a read surfaces here, long after Execute
   // returned: the consumer needs the record to tell it from a bad argument.
-  if (FAILED(hr))
-    corvane::PostFailure(IID_IRowset, hr,
-                         m_Kind == RowsetKind::Command ? OLESTR("CCommandProviderRowset class")
-                                                       : OLESTR("CTableProviderRowset class"));
+  if (FAILED(hr)) {
+    const OLECHAR* source =
+        m_Kind == RowsetKind::Command ? OLESTR("CCommandProviderRowset class") : OLESTR("CTableProviderRowset class");
+    // A function that failed on a row says why in its own words.
+    const corvane::WString message = m_pStore->Producer() ? m_pStore->Producer()->FailureMessage() : corvane::WString();
+    if (message.empty())
+      corvane::PostFailure(IID_IRowset, hr, source);
+    else
+      corvane::PostErrorRecord(IID_IRowset, hr, source, corvane::DescribeFailure(IID_IRowset, message.c_str()).c_str());
+  }
   return hr;
 }
 

@@ -9,6 +9,8 @@
 #include "SQLParser/TimeConversion.h"
 #include "provider/ErrorReporting.h"
 #include "provider/Trace.h"
+#include "provider/execution/RawDataChange.h"
+#include "provider/execution/RowEvaluator.h"
 #include "provider/execution/SelectListProducer.h"
 #include "provider/procedures/BaseStoredProcedure.h"
 #include "provider/procedures/ProcedureCatalog.h"
@@ -33,6 +35,7 @@ struct Execution {
   DBROWCOUNT rowsAffected = -1;
   FILETIME start{};
   FILETIME end{};
+  WString message;  // what the consumer is told about a failure, when there is more to say
 };
 
 WString FormatTime(const FILETIME& time) {
@@ -45,30 +48,6 @@ WString FormatTime(const FILETIME& time) {
 bool IsColumnNamed(const CSQLCalcItem* item, const OLECHAR* name) {
   return item && item->Kind() == SQL_CALC_TABLE_COLUMN &&
          WIEquals(static_cast<const CSQLCalcItemTableColumn*>(item)->ColumnName(), name);
-}
-
-// The text a comparison's other operand gives: a constant text, or a `?` value read as
-// text. False for anything else (functions, numbers, columns).
-bool OperandText(const CSQLCalcItem* item, const SQLBindContext& context, WString* text) {
-  if (!item) return false;
-  if (item->Kind() == SQL_CALC_CONST) {
-    const auto& c = static_cast<const CSQLCalcItemConst&>(*item);
-    if (c.IsTime() || !c.HasValue() || V_VT(&c.Value()) != VT_BSTR) return false;
-    const BSTR b = V_BSTR(&c.Value());
-    text->assign(b ? b : OLESTR(""), b ? SysStringLen(b) : 0);
-    return true;
-  }
-  if (item->Kind() == SQL_CALC_PARAMETER) {
-    const int n = static_cast<const CSQLCalcItemParameter&>(*item).Number();
-    if (n < 1 || static_cast<size_t>(n) > context.parameterCount || !context.parameters) return false;
-    VARIANT v;
-    VariantInit(&v);
-    if (FAILED(VariantChangeType(&v, const_cast<VARIANT*>(&context.parameters[n - 1]), 0, VT_BSTR))) return false;
-    text->assign(V_BSTR(&v) ? V_BSTR(&v) : OLESTR(""), V_BSTR(&v) ? SysStringLen(V_BSTR(&v)) : 0);
-    VariantClear(&v);
-    return true;
-  }
-  return false;
 }
 
 // Texts compared with `column` in the WHERE tree, in the order written. With
@@ -84,9 +63,9 @@ std::vector<WString> ComparedTexts(const CSQLConditionNode* root, const OLECHAR*
     const int op = node->Operator();
     if (op >= SQL_COND_EQUAL && op <= SQL_COND_NOT_EQUAL && (!equalOnly || op == SQL_COND_EQUAL)) {
       WString text;
-      if (IsColumnNamed(node->FirstOperand(), column) && OperandText(node->SecondOperand(), context, &text))
+      if (IsColumnNamed(node->FirstOperand(), column) && ComparedText(node->SecondOperand(), context, &text))
         texts.push_back(text);
-      else if (IsColumnNamed(node->SecondOperand(), column) && OperandText(node->FirstOperand(), context, &text))
+      else if (IsColumnNamed(node->SecondOperand(), column) && ComparedText(node->FirstOperand(), context, &text))
         texts.push_back(text);
     }
     // Right pushed first so that the left side is read first.
@@ -140,8 +119,8 @@ HRESULT NewStore(std::unique_ptr<CDataStore>* store) {
   return *store ? S_OK : E_OUTOFMEMORY;
 }
 
-// The one-row answer of a data change.
-HRESULT AnswerWith(Execution& ex, std::unique_ptr<CBaseTable> table) {
+// The one-row answer of a data change that changed `changed` rows.
+HRESULT AnswerWith(Execution& ex, std::unique_ptr<CBaseTable> table, DBROWCOUNT changed = 1) {
   if (!table) return E_OUTOFMEMORY;
   HRESULT hr = table->EnsurePrepared();
   if (FAILED(hr)) return hr;
@@ -149,11 +128,25 @@ HRESULT AnswerWith(Execution& ex, std::unique_ptr<CBaseTable> table) {
   table->GetColumns(columns);
   hr = NewStore(&ex.store);
   if (SUCCEEDED(hr)) hr = ex.store->Initialize(std::move(table), columns);
-  if (SUCCEEDED(hr)) ex.rowsAffected = 1;
+  if (SUCCEEDED(hr)) ex.rowsAffected = changed;
   return hr;
 }
 
-// Creates and starts the procedure of `item`; its columns go to *columns.
+// The WHERE filter of a SELECT over `columns`, set on `producer` before it reads: none
+// when every row passes.
+HRESULT FilterRows(Execution& ex, CDataProvider& producer, const std::vector<ColumnRecord>& columns,
+                   const WString& source, GivenComparisons given) {
+  std::unique_ptr<CRowCondition> filter;
+  const HRESULT hr =
+      CRowCondition::Create(ex.query.Condition(), columns, source, ex.request.binding, given, &filter, &ex.message);
+  if (FAILED(hr)) return hr;
+  if (filter) producer.SetRecordFilter(std::move(filter));
+  return S_OK;
+}
+
+// Creates and starts the procedure of `item`; its columns go to *columns. A SELECT's
+// WHERE is evaluated on the procedure's rows as they are made: the procedure takes its
+// tags and range from its arguments, so no comparison is taken as read.
 HRESULT StartProcedure(Execution& ex, const CSQLSelectItemSP& item, std::unique_ptr<CBaseStoredProcedure>* procedure,
                        std::vector<ColumnRecord>* columns) {
   StoredProcedureCall call;
@@ -165,6 +158,11 @@ HRESULT StartProcedure(Execution& ex, const CSQLSelectItemSP& item, std::unique_
   call.schema = item.Schema();
   HRESULT hr = CreateStoredProcedure(call, procedure);
   if (FAILED(hr)) return hr;
+  if (ex.query.StatementKind() == SQL_STATEMENT_SELECT && ex.query.Condition()) {
+    hr = (*procedure)->GetColumns(*columns);
+    if (SUCCEEDED(hr)) hr = FilterRows(ex, **procedure, *columns, (*procedure)->Name(), GivenComparisons::kNone);
+    if (FAILED(hr)) return hr;
+  }
   hr = (*procedure)->Execute();
   if (FAILED(hr)) return hr;
   return (*procedure)->GetColumns(*columns);
@@ -196,9 +194,12 @@ HRESULT ServeSelectList(Execution& ex, std::unique_ptr<CDataProvider> source, co
     for (size_t i = 0; i < columns.size(); ++i) columns[i].Ordinal = outputs[i].sourceField + 1;
     return ex.store->Initialize(std::move(source), columns, count > 0 ? static_cast<ULONGLONG>(count) : 0);
   }
-  std::unique_ptr<CDataProvider> producer(new (std::nothrow) CSelectListProducer(
-      std::move(source), info, std::move(outputs), ex.ownedQuery, ex.request.binding, skip, count));
-  return producer ? ex.store->Initialize(std::move(producer), columns) : E_OUTOFMEMORY;
+  std::unique_ptr<CSelectListProducer> producer(
+      new (std::nothrow) CSelectListProducer(std::move(source), info, std::move(outputs), ex.ownedQuery, skip, count));
+  if (!producer) return E_OUTOFMEMORY;
+  hr = producer->Bind(ex.request.binding, &ex.message);
+  if (FAILED(hr)) return hr;
+  return ex.store->Initialize(std::move(producer), columns);
 }
 
 HRESULT ExecuteSqlStoredProcedure(Execution& ex) {
@@ -250,7 +251,8 @@ HRESULT ExecuteSqlSELECT(Execution& ex) {
     hr = StartProcedure(ex, item, &procedure, &columns.Columns);
     std::vector<CSelectListProducer::Output> outputs;
     bool plain = true;
-    if (SUCCEEDED(hr)) hr = CSelectListProducer::BindOutputs(ex.query, columns, ex.request.binding, &outputs, &plain);
+    if (SUCCEEDED(hr))
+      hr = CSelectListProducer::BindOutputs(ex.query, columns, ex.request.binding, &outputs, &plain, &ex.message);
     if (FAILED(hr)) return hr;
     return ServeSelectList(ex, std::move(procedure), columns, std::move(outputs), plain);
   }
@@ -264,7 +266,7 @@ HRESULT ExecuteSqlSELECT(Execution& ex) {
   const TableInfo& info = *found;
   std::vector<CSelectListProducer::Output> outputs;
   bool plain = true;
-  HRESULT hr = CSelectListProducer::BindOutputs(ex.query, info, ex.request.binding, &outputs, &plain);
+  HRESULT hr = CSelectListProducer::BindOutputs(ex.query, info, ex.request.binding, &outputs, &plain, &ex.message);
   if (FAILED(hr)) return hr;
   hr = ComputeTimeRange(ex);
   if (FAILED(hr)) return hr;
@@ -284,8 +286,14 @@ HRESULT ExecuteSqlSELECT(Execution& ex) {
     if (!names.empty()) args.nameFilter = names.front();
     if (!texts.empty()) args.descriptionFilter = texts.front();
   }
+  // The comparisons that shaped the read count as true; every other one is tested on
+  // each row as the table makes it, so a row can be dropped but never added.
+  const GivenComparisons given = CTableFactory::IsRawDataTable(info.Name.c_str()) ? GivenComparisons::kRawDataRead
+                                 : WIEquals(info.Name, OLESTR("TAGS"))             ? GivenComparisons::kTagBrowse
+                                                                                    : GivenComparisons::kNone;
   std::unique_ptr<CBaseTable> table;
   hr = CTableFactory::CreateTable(info.Name.c_str(), args, &table);
+  if (SUCCEEDED(hr)) hr = FilterRows(ex, *table, info.Columns, info.Name, given);
   if (SUCCEEDED(hr)) hr = table->EnsurePrepared();
   if (FAILED(hr)) {
     CVTRACE(TRACE_ERROR, OLESTR("Failed to initialize the SELECT query (HR = %X)"), hr);
@@ -312,16 +320,15 @@ HRESULT CheckRawDataStatement(const Execution& ex, const CSQLSelectItemTable** t
   return WIEquals((*table)->TableName(), OLESTR("RAWDATA")) ? S_OK : E_INVALIDARG;
 }
 
-// Writes one sample through the historian's insert or update.
-HRESULT WriteSample(Execution& ex, const CSQLSelectItemTable& table, const WString& tagName, HistoryValue* sample,
-                    bool update) {
+// Writes one sample through the historian's insert.
+HRESULT InsertSample(Execution& ex, const CSQLSelectItemTable& table, const WString& tagName, HistoryValue* sample) {
   IRawDataProvider* raw = nullptr;
   HRESULT hr = ex.dataSource->GetRawDataProvider(&raw);
   if (FAILED(hr)) return hr;
   if (!raw) return CORVANE_E_MISSING_PARAMETER;
   TagIdent* tag = nullptr;
   hr = MakeTaskTagIdent(table.Catalog().c_str(), table.Schema().c_str(), tagName.c_str(), &tag);
-  if (SUCCEEDED(hr)) hr = update ? raw->UpdateValue(tag, sample) : raw->InsertValue(tag, sample);
+  if (SUCCEEDED(hr)) hr = raw->InsertValue(tag, sample);
   FreeTagIdent(tag);
   raw->Release();
   return hr;
@@ -369,88 +376,28 @@ HRESULT InsertIntoRawDataTable(Execution& ex) {
     }
   }
   if (SUCCEEDED(hr) && (tagName.empty() || !haveValue)) hr = CORVANE_E_MISSING_PARAMETER;
-  if (SUCCEEDED(hr)) hr = WriteSample(ex, *table, tagName, &sample, false);
+  if (SUCCEEDED(hr)) hr = InsertSample(ex, *table, tagName, &sample);
   VariantClear(&sample.value);
   return hr;
 }
 
-HRESULT UpdateRawDataTable(Execution& ex) {
+// UPDATE and DELETE on RAWDATA: exactly the samples the WHERE clause describes.
+HRESULT ChangeRawDataTable(Execution& ex, CRawDataChange::Kind kind, ULONG64* changed) {
+  const CSQLSelectItemTable* table = nullptr;
+  HRESULT hr = CheckRawDataStatement(ex, &table);
+  if (FAILED(hr)) return hr;
+  CRawDataChange change(kind, ex.dataSource, ex.query, ex.request.binding);
+  return change.Run(changed, &ex.message);
+}
+
+HRESULT UpdateRawDataTable(Execution& ex, ULONG64* changed) {
   CVTRACE(TRACE_INFO, OLESTR("Called CCommandProviderRowset::UpdateRawDataTable"));
-  const CSQLSelectItemTable* table = nullptr;
-  HRESULT hr = CheckRawDataStatement(ex, &table);
-  if (FAILED(hr)) return hr;
-  const auto& update = static_cast<const CSQLQueryInfoUPDATE&>(ex.query);
-  if (update.Columns().size() != update.Values().size()) return E_INVALIDARG;
-
-  HistoryValue sample;
-  VariantInit(&sample.value);
-  sample.quality = OPCUA_GOOD;
-  hr = CoFileTimeNow(&sample.timestamp);
-  if (FAILED(hr)) return hr;
-  bool haveValue = false;
-  for (size_t i = 0; i < update.Columns().size() && SUCCEEDED(hr); ++i) {
-    const CSQLCalcItem* column = update.Columns()[i].get();
-    const CSQLCalcItem* item = update.Values()[i].get();
-    if (IsColumnNamed(column, OLESTR("VALUE"))) {
-      VariantClear(&sample.value);
-      hr = ValueOf(ex, item, &sample.value);
-      haveValue = SUCCEEDED(hr);
-    } else if (IsColumnNamed(column, OLESTR("QUALITY"))) {
-      ULONG quality = 0;
-      hr = EvaluateAsUnsigned(item, ex.request.binding, &quality);
-      if (SUCCEEDED(hr)) sample.quality = quality;
-    } else {
-      hr = E_INVALIDARG;
-    }
-  }
-  WString tagName;
-  if (SUCCEEDED(hr)) hr = FindTagName(ex.query.Condition(), &tagName);
-  if (SUCCEEDED(hr) && ex.query.Condition()) {
-    bool found = false;
-    SQLEvaluationResult when;
-    hr = FindTimestamp(ex.query.Condition(), ex.request.binding, &found, &when);
-    ULONG64 ticks = 0;
-    if (SUCCEEDED(hr) && found) {
-      hr = ResultToTime(when, &ticks);
-      if (SUCCEEDED(hr)) sample.timestamp = corvane::TicksToFileTime(ticks);
-    }
-  }
-  if (SUCCEEDED(hr) && (tagName.empty() || !haveValue)) hr = CORVANE_E_MISSING_PARAMETER;
-  if (SUCCEEDED(hr)) hr = WriteSample(ex, *table, tagName, &sample, true);
-  VariantClear(&sample.value);
-  return hr;
+  return ChangeRawDataTable(ex, CRawDataChange::Kind::kUpdate, changed);
 }
 
-HRESULT DeleteFromRawDataTable(Execution& ex) {
+HRESULT DeleteFromRawDataTable(Execution& ex, ULONG64* changed) {
   CVTRACE(TRACE_INFO, OLESTR("Called CCommandProviderRowset::DeleteFromRawDataTable"));
-  const CSQLSelectItemTable* table = nullptr;
-  HRESULT hr = CheckRawDataStatement(ex, &table);
-  if (FAILED(hr)) return hr;
-  // A delete needs both a tag and a range written out: the settings' 72 hours are
-  // never an implicit range for removing history.
-  std::vector<WString> tags = TagNamesOf(ex.query, ex.request.binding);
-  if (tags.empty() || !ex.query.Condition()) return CORVANE_E_MISSING_PARAMETER;
-  ULONG64 start = 0;
-  ULONG64 end = ~0ull >> 1;
-  const ULONG64 openEnd = end;
-  hr = ReduceTimeRange(ex.query.Condition(), ex.request.binding, &start, &end);
-  if (FAILED(hr)) return hr;
-  if (start == 0 && end == openEnd) return CORVANE_E_MISSING_PARAMETER;
-
-  IRawDataProvider* raw = nullptr;
-  hr = ex.dataSource->GetRawDataProvider(&raw);
-  if (FAILED(hr)) return hr;
-  if (!raw) return CORVANE_E_MISSING_PARAMETER;
-  for (const WString& name : tags) {
-    TagIdent* tag = nullptr;
-    hr = MakeTaskTagIdent(table->Catalog().c_str(), table->Schema().c_str(), name.c_str(), &tag);
-    if (SUCCEEDED(hr))
-      hr = raw->DeleteValues(tag, corvane::TicksToFileTime(start), corvane::TicksToFileTime(end));
-    FreeTagIdent(tag);
-    if (FAILED(hr)) break;
-  }
-  raw->Release();
-  return FAILED(hr) ? hr : S_OK;
+  return ChangeRawDataTable(ex, CRawDataChange::Kind::kDelete, changed);
 }
 
 HRESULT UpdateQuerySettingsTable(Execution& ex) {
@@ -549,12 +496,14 @@ HRESULT ExecuteSqlDELETE(Execution& ex) {
                                 OLESTR("You can run DELETE query only against a table"),
                                 OLESTR("Cannot run DELETE query against table '%s'"));
   if (FAILED(hr)) return hr;
-  hr = DeleteFromRawDataTable(ex);
+  ULONG64 changed = 0;
+  hr = DeleteFromRawDataTable(ex, &changed);
   if (FAILED(hr)) {
     CVTRACE(TRACE_ERROR, OLESTR("Failed to delete data from the RAWDATA table (HR = %X)"), hr);
     return hr;
   }
-  return AnswerWith(ex, std::unique_ptr<CBaseTable>(new (std::nothrow) CTableDelete()));
+  return AnswerWith(ex, std::unique_ptr<CBaseTable>(new (std::nothrow) CTableDelete()),
+                    static_cast<DBROWCOUNT>(changed));
 }
 
 HRESULT ExecuteSqlUPDATE(Execution& ex) {
@@ -570,8 +519,9 @@ HRESULT ExecuteSqlUPDATE(Execution& ex) {
   }
   const auto& table = static_cast<const CSQLSelectItemTable&>(*items[0]);
   HRESULT hr;
+  ULONG64 changed = 1;  // a settings update changes the one row of QUERYSETTINGS
   if (WIEquals(table.TableName(), OLESTR("RAWDATA"))) {
-    hr = UpdateRawDataTable(ex);
+    hr = UpdateRawDataTable(ex, &changed);
     if (FAILED(hr)) {
       CVTRACE(TRACE_ERROR, OLESTR("Failed to update the RAWDATA table (HR = %X)"), hr);
       return hr;
@@ -586,7 +536,8 @@ HRESULT ExecuteSqlUPDATE(Execution& ex) {
     CVTRACE(TRACE_ERROR, OLESTR("Cannot run UPDATE query against table '%s'"), table.TableName().c_str());
     return CORVANE_E_UPDATE_NOT_ALLOWED;
   }
-  return AnswerWith(ex, std::unique_ptr<CBaseTable>(new (std::nothrow) CTableUpdate()));
+  return AnswerWith(ex, std::unique_ptr<CBaseTable>(new (std::nothrow) CTableUpdate()),
+                    static_cast<DBROWCOUNT>(changed));
 }
 
 }  // namespace
@@ -618,7 +569,7 @@ HRESULT CCommandProviderRowset::Execute(const CommandExecutionRequest& request, 
   if (!query) return E_INVALIDARG;  // an empty text is no statement
 
   std::shared_ptr<const CSQLQueryInfo> owned(std::move(parsed));
-  Execution ex{request, *query, owned, request.dataSource, nullptr};
+  Execution ex{request, *query, owned, request.dataSource, nullptr, -1, {}, {}, {}};
   HRESULT hr;
   switch (query->StatementKind()) {
     case SQL_STATEMENT_SELECT: hr = ExecuteSqlSELECT(ex); break;
@@ -630,7 +581,10 @@ HRESULT CCommandProviderRowset::Execute(const CommandExecutionRequest& request, 
       CVTRACE(TRACE_ERROR, OLESTR("ERROR in CCommandProviderRowset::Execute, Query is not implemented"));
       return E_NOTIMPL;
   }
-  if (FAILED(hr)) return hr;
+  if (FAILED(hr)) {
+    if (request.message) *request.message = std::move(ex.message);
+    return hr;
+  }
   if (pcRowsAffected) *pcRowsAffected = ex.rowsAffected;
   if (!ppRowset || riid == IID_NULL) return hr;
 

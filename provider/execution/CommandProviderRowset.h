@@ -34,13 +34,18 @@ struct CommandExecutionRequest {
   // The `?` values (numbered from 1) and the execution moment, local and UTC, that
   // every NOW() and NOWUTC() of the statement sees.
   SQLBindContext binding;
+  // Optional: receives what the consumer should be told about a failure when there is
+  // more to say than its HRESULT (a function's message, the condition a data change
+  // cannot honour); left as it is otherwise.
+  corvane::WString* message = nullptr;
 };
 
 class CCommandProviderRowset final : public CProviderIRowset {
  public:
   // Runs the statement. The data source's computed time range is refreshed by the
   // command beforehand (UpdateQueryTimeRange); this reads it as it stands.
-  //   *pcRowsAffected (optional): 1 for a data change that succeeded, -1 for a SELECT.
+  //   *pcRowsAffected (optional): the samples a RAWDATA UPDATE or DELETE changed, 1 for
+  //   any other data change, -1 for a SELECT.
   //   ppRowset (optional): receives interface `riid` of the new rowset; with a null
   //   ppRowset or IID_NULL the statement still runs (data changes take effect) and no
   //   rowset is returned.

@@ -53,90 +53,54 @@ bool ColumnsKnown(const CSQLCalcItem* item, const TableInfo& table) {
   return true;
 }
 
-HRESULT ConstFromCell(const StoreValue* cell, std::unique_ptr<CSQLCalcItem>* out) {
+// A constant holding an evaluation result, as an aggregate is fed one per row.
+HRESULT ConstOf(SQLEvaluationResult& result, std::unique_ptr<CSQLCalcItem>* out) {
   std::unique_ptr<CSQLCalcItemConst> c(new (std::nothrow) CSQLCalcItemConst());
   if (!c) return E_OUTOFMEMORY;
-  if (cell && cell->Kind == StoreValue::kTime) {
-    c->SetTime(corvane::FileTimeToTicks(cell->Time));
-  } else if (cell && cell->Kind == StoreValue::kVariant) {
-    HRESULT hr = c->SetValue(cell->Value);
-    if (FAILED(hr)) return hr;
-  } else if (cell && cell->Kind == StoreValue::kText) {
-    HRESULT hr = c->SetString(cell->Text ? corvane::WStringView(cell->Text, cell->TextLength) : corvane::WStringView());
-    if (FAILED(hr)) return hr;
+  if (result.kind == SQLEvaluationResult::kTime) {
+    c->SetTime(result.time);
   } else {
     VARIANT null;
     VariantInit(&null);
     V_VT(&null) = VT_NULL;
-    HRESULT hr = c->SetValue(null);
+    const HRESULT hr = c->SetValue(result.kind == SQLEvaluationResult::kValue ? result.value : null);
     if (FAILED(hr)) return hr;
   }
   *out = std::move(c);
   return S_OK;
 }
 
-// A copy of `item` as written, with each column replaced by the row's value.
-HRESULT Substitute(const CSQLCalcItem* item, const TableInfo& table, const ProducedRecord& row,
-                   std::unique_ptr<CSQLCalcItem>* out) {
-  switch (item->Kind()) {
-    case SQL_CALC_CONST: {
-      const auto& source = static_cast<const CSQLCalcItemConst&>(*item);
-      std::unique_ptr<CSQLCalcItemConst> c(new (std::nothrow) CSQLCalcItemConst());
-      if (!c) return E_OUTOFMEMORY;
-      if (source.IsTime()) {
-        c->SetTime(source.Time());
-      } else if (source.HasValue()) {
-        HRESULT hr = c->SetValue(source.Value());
-        if (FAILED(hr)) return hr;
-      }
-      *out = std::move(c);
-      return S_OK;
+// The argument's value for `row` fed to the aggregate (1 for an argument-less call).
+HRESULT FeedAggregate(CSQLFunctionAggregate& aggregate, CRowExpression* argument, const ProducedRecord& row,
+                      corvane::WString* message) {
+  SQLEvaluationResult value;
+  if (argument) {
+    const HRESULT hr = argument->Evaluate(row, &value);
+    if (FAILED(hr)) {
+      *message = argument->Message();
+      return hr;
     }
-    case SQL_CALC_PARAMETER: {
-      out->reset(new (std::nothrow)
-                     CSQLCalcItemParameter(static_cast<const CSQLCalcItemParameter&>(*item).Number()));
-      return *out ? S_OK : E_OUTOFMEMORY;
-    }
-    case SQL_CALC_TABLE_COLUMN: {
-      if (IsStar(item)) {
-        StoreValue one;
-        one.Kind = StoreValue::kVariant;
-        V_VT(&one.Value) = VT_I8;
-        V_I8(&one.Value) = 1;
-        return ConstFromCell(&one, out);
-      }
-      const size_t field = FieldOf(table, static_cast<const CSQLCalcItemTableColumn&>(*item).ColumnName());
-      return ConstFromCell(field < row.size() ? &row[field] : nullptr, out);
-    }
-    case SQL_CALC_FUNCTION: {
-      const auto& call = static_cast<const CSQLCalcItemFunction&>(*item);
-      std::unique_ptr<CSQLCalcItemFunction> f(new (std::nothrow) CSQLCalcItemFunction(call.Name()));
-      if (!f) return E_OUTOFMEMORY;
-      f->SetDisplayName(call.DisplayName());
-      for (const auto& a : call.Arguments()) {
-        std::unique_ptr<CSQLCalcItem> sub;
-        HRESULT hr = Substitute(a.get(), table, row, &sub);
-        if (FAILED(hr)) return hr;
-        hr = f->AddArgument(std::move(sub));
-        if (FAILED(hr)) return hr;
-      }
-      *out = std::move(f);
-      return S_OK;
-    }
-    default:
-      return E_FAIL;
+  } else {
+    value.kind = SQLEvaluationResult::kValue;
+    V_VT(&value.value) = VT_I8;
+    V_I8(&value.value) = 1;
   }
+  std::unique_ptr<CSQLCalcItem> fed;
+  HRESULT hr = ConstOf(value, &fed);
+  if (SUCCEEDED(hr)) hr = aggregate.Feed(std::move(fed));
+  return hr;
 }
 
-HRESULT EvaluateForRow(const CSQLCalcItem* expression, const TableInfo& table, const ProducedRecord& row,
-                       const SQLBindContext& context, SQLEvaluationResult* result) {
-  std::unique_ptr<CSQLCalcItem> written;
-  HRESULT hr = Substitute(expression, table, row, &written);
+// Binds an aggregate call: the function itself, and its argument over the table's fields.
+HRESULT BindAggregate(const CSQLCalcItem* call, const TableInfo& table, const SQLBindContext& context,
+                      std::unique_ptr<CSQLCalcItem>* function, std::unique_ptr<CRowExpression>* argument,
+                      corvane::WString* message) {
+  HRESULT hr = Bind(call, context, function, message);
   if (FAILED(hr)) return hr;
-  std::unique_ptr<CSQLCalcItem> bound;
-  hr = Bind(written.get(), context, &bound);
-  if (FAILED(hr)) return hr;
-  return Evaluate(bound.get(), result);
+  const CSQLCalcItem* written = static_cast<const CSQLCalcItemFunction*>(call)->Argument(0);
+  argument->reset();
+  if (!written) return S_OK;
+  return CRowExpression::Create(written, table.Columns, table.Name, context, argument, message);
 }
 
 // A row of typical values, from which an expression's result type is learnt before
@@ -245,6 +209,7 @@ HRESULT CSelectListProducer::DescribeOutputs(const CSQLQueryInfo& query, const T
   // Only expressions are tried on a sample row; a list of plain columns never needs one.
   ProducedRecord sample;
   bool sampled = false;
+  corvane::WString ignored;
   for (const auto& selected : query.SelectColumns()) {
     const CSQLCalcItem* item = selected->Item();
     if (!item) return TraceUnknownColumn();
@@ -274,7 +239,7 @@ HRESULT CSelectListProducer::DescribeOutputs(const CSQLQueryInfo& query, const T
     if (!ColumnsKnown(item, table)) return TraceUnknownColumn();
     *plainColumnsOnly = false;
     std::unique_ptr<CSQLCalcItem> bound;
-    HRESULT hr = Bind(item, context, &bound);
+    HRESULT hr = ::Bind(item, context, &bound);
     if (FAILED(hr)) return hr;
     if (!sampled) {
       sample = SampleRow(table);
@@ -285,20 +250,22 @@ HRESULT CSelectListProducer::DescribeOutputs(const CSQLQueryInfo& query, const T
     s.selected = selected.get();
     s.aggregate = dynamic_cast<CSQLFunctionAggregate*>(bound.get()) != nullptr;
     s.alias = selected->DisplayName().empty() ? selected->ColumnName() : selected->DisplayName();
+    // The type is that of the result over one row of typical values (for an aggregate,
+    // over that one row); what cannot be evaluated on it stays a VARIANT.
     SQLEvaluationResult result;
     if (s.aggregate) {
-      // The type of an aggregate is that of its result over one typical value.
-      auto* aggregate = static_cast<CSQLFunctionAggregate*>(bound.get());
-      const CSQLCalcItem* argument = static_cast<const CSQLCalcItemFunction*>(item)->Argument(0);
-      std::unique_ptr<CSQLCalcItem> fed;
-      if (argument && SUCCEEDED(Substitute(argument, table, sample, &fed))) {
-        std::unique_ptr<CSQLCalcItem> boundFed;
-        if (SUCCEEDED(Bind(fed.get(), context, &boundFed)) && SUCCEEDED(aggregate->Feed(std::move(boundFed))) &&
-            SUCCEEDED(aggregate->Evaluate()))
-          aggregate->CopyResult(&result);
+      std::unique_ptr<CSQLCalcItem> function;
+      std::unique_ptr<CRowExpression> argument;
+      if (SUCCEEDED(BindAggregate(item, table, context, &function, &argument, &ignored))) {
+        auto& aggregate = static_cast<CSQLFunctionAggregate&>(*function);
+        if (SUCCEEDED(FeedAggregate(aggregate, argument.get(), sample, &ignored)) && SUCCEEDED(aggregate.Evaluate()))
+          aggregate.CopyResult(&result);
       }
-    } else if (FAILED(EvaluateForRow(item, table, sample, context, &result))) {
-      result.Reset();
+    } else {
+      std::unique_ptr<CRowExpression> expression;
+      if (FAILED(CRowExpression::Create(item, table.Columns, table.Name, context, &expression, &ignored)) ||
+          FAILED(expression->Evaluate(sample, &result)))
+        result.Reset();
     }
     SetOutputType(result, &s.wType, &s.ColumnSize);
     shapes->push_back(s);
@@ -308,9 +275,18 @@ HRESULT CSelectListProducer::DescribeOutputs(const CSQLQueryInfo& query, const T
 
 HRESULT CSelectListProducer::BindOutputs(const CSQLQueryInfo& query, const TableInfo& table,
                                          const SQLBindContext& context, std::vector<Output>* outputs,
-                                         bool* plainColumnsOnly) {
+                                         bool* plainColumnsOnly, corvane::WString* message) {
   if (!outputs || !plainColumnsOnly || query.FromItems().size() != 1) return E_INVALIDARG;
   outputs->clear();
+  // A call that cannot be bound is named by its own message, not by the generic one.
+  for (const auto& selected : query.SelectColumns()) {
+    corvane::WString text;
+    const HRESULT checked = CheckFunctionCalls(selected->Item(), &text);
+    if (FAILED(checked)) {
+      if (message) *message = text;
+      return checked;
+    }
+  }
   std::vector<Shape> shapes;
   HRESULT hr = DescribeOutputs(query, table, context, &shapes, plainColumnsOnly);
   if (FAILED(hr)) return hr;
@@ -339,29 +315,49 @@ HRESULT CSelectListProducer::BindOutputs(const CSQLQueryInfo& query, const Table
 
 CSelectListProducer::CSelectListProducer(std::unique_ptr<CDataProvider> source, const TableInfo& table,
                                          std::vector<Output> outputs, std::shared_ptr<const CSQLQueryInfo> statement,
-                                         const SQLBindContext& context, LONGLONG skip, LONGLONG count)
+                                         LONGLONG skip, LONGLONG count)
     : m_pSource(std::move(source)),
       m_Table(table),
       m_Outputs(std::move(outputs)),
       m_pStatement(std::move(statement)),
-      m_Context(context),
       m_Skip(skip < 0 ? 0 : skip),
       m_Count(count) {
   for (const Output& o : m_Outputs) m_bAggregate = m_bAggregate || o.aggregate;
-  m_Parameters.resize(context.parameters ? context.parameterCount : 0);
-  for (size_t i = 0; i < m_Parameters.size(); ++i) {
-    VariantInit(&m_Parameters[i]);
-    VariantCopyInd(&m_Parameters[i], const_cast<VARIANT*>(&context.parameters[i]));
-  }
-  m_Context.parameters = m_Parameters.empty() ? nullptr : m_Parameters.data();
-  m_Context.parameterCount = m_Parameters.size();
 }
 
 CSelectListProducer::~CSelectListProducer() {
   // As the store does with its producer: no step may run while the source is torn down.
   if (m_pSource) m_pSource->StopWorker();
   m_pSource.reset();
-  for (VARIANT& v : m_Parameters) VariantClear(&v);
+}
+
+HRESULT CSelectListProducer::Bind(const SQLBindContext& context, corvane::WString* message) {
+  try {
+    m_Expressions.resize(m_Outputs.size());
+    m_Aggregates.resize(m_Outputs.size());
+    for (size_t i = 0; i < m_Outputs.size(); ++i) {
+      const Output& o = m_Outputs[i];
+      if (!o.expression) continue;
+      const HRESULT hr =
+          o.aggregate ? BindAggregate(o.expression, m_Table, context, &m_Aggregates[i], &m_Expressions[i], message)
+                      : CRowExpression::Create(o.expression, m_Table.Columns, m_Table.Name, context,
+                                               &m_Expressions[i], message);
+      if (FAILED(hr)) return hr;
+    }
+    return S_OK;
+  } catch (const std::bad_alloc&) {
+    return E_OUTOFMEMORY;
+  }
+}
+
+corvane::WString CSelectListProducer::FailureMessage() {
+  return FAILED(m_hrFailure) ? m_FailureMessage : m_pSource->FailureMessage();
+}
+
+HRESULT CSelectListProducer::Fail(HRESULT hr, const corvane::WString& message) {
+  m_hrFailure = hr;
+  m_FailureMessage = message;
+  return hr;
 }
 
 HRESULT CSelectListProducer::GetColumns(std::vector<ColumnRecord>& columns) {
@@ -385,13 +381,15 @@ HRESULT CSelectListProducer::MapRecord(const ProducedRecord& in, ProducedRecord*
       continue;
     }
     SQLEvaluationResult result;
-    if (SUCCEEDED(EvaluateForRow(o.expression, m_Table, in, m_Context, &result)))
-      (*out)[i] = ResultToCell(result, o.column.wType);
+    const HRESULT hr = m_Expressions[i]->Evaluate(in, &result);
+    if (FAILED(hr)) return Fail(hr, m_Expressions[i]->Message());
+    (*out)[i] = ResultToCell(result, o.column.wType);
   }
   return S_OK;
 }
 
 HRESULT CSelectListProducer::FetchRows(ProducedRecordList& rows, size_t wanted) {
+  if (FAILED(m_hrFailure)) return m_hrFailure;
   if (m_bDone) return DB_S_ENDOFROWSET;
   if (m_bAggregate) return Aggregate(rows);
   for (;;) {
@@ -412,7 +410,11 @@ HRESULT CSelectListProducer::FetchRows(ProducedRecordList& rows, size_t wanted) 
       if (m_Count >= 0 && m_Emitted >= m_Count) break;
       ProducedRecord out;
       const HRESULT mapped = MapRecord(record, &out);
-      if (FAILED(mapped)) return mapped;
+      if (FAILED(mapped)) {
+        // The rows mapped before it go out first; the failure comes with the next fetch.
+        m_pSource->RecycleRecords(m_Incoming);
+        return rows.empty() ? mapped : S_OK;
+      }
       rows.push_back(std::move(out));
       ++m_Emitted;
     }
@@ -426,12 +428,6 @@ HRESULT CSelectListProducer::FetchRows(ProducedRecordList& rows, size_t wanted) 
 }
 
 HRESULT CSelectListProducer::Aggregate(ProducedRecordList& rows) {
-  std::vector<std::unique_ptr<CSQLCalcItem>> bound(m_Outputs.size());
-  for (size_t i = 0; i < m_Outputs.size(); ++i) {
-    if (!m_Outputs[i].aggregate) continue;
-    const HRESULT hr = Bind(m_Outputs[i].expression, m_Context, &bound[i]);
-    if (FAILED(hr)) return hr;
-  }
   ProducedRecord last;
   bool any = false;
   for (;;) {
@@ -441,31 +437,16 @@ HRESULT CSelectListProducer::Aggregate(ProducedRecordList& rows) {
     for (ProducedRecord& record : m_Incoming) {
       for (size_t i = 0; i < m_Outputs.size(); ++i) {
         if (!m_Outputs[i].aggregate) continue;
-        auto* aggregate = static_cast<CSQLFunctionAggregate*>(bound[i].get());
-        const CSQLCalcItem* argument = static_cast<const CSQLCalcItemFunction*>(m_Outputs[i].expression)->Argument(0);
-        std::unique_ptr<CSQLCalcItem> fed;
-        if (!argument) {
-          StoreValue one;
-          one.Kind = StoreValue::kVariant;
-          V_VT(&one.Value) = VT_I8;
-          V_I8(&one.Value) = 1;
-          HRESULT made = ConstFromCell(&one, &fed);
-          if (FAILED(made)) return made;
-        } else {
-          SQLEvaluationResult value;
-          if (FAILED(EvaluateForRow(argument, m_Table, record, m_Context, &value))) continue;  // a row it cannot read
-          StoreValue cell = value.kind == SQLEvaluationResult::kTime
-                                ? StoreValue::FromTime(corvane::TicksToFileTime(value.time))
-                                : StoreValue::TakeVariant(&value.value);
-          HRESULT made = ConstFromCell(&cell, &fed);
-          if (FAILED(made)) return made;
+        auto& aggregate = static_cast<CSQLFunctionAggregate&>(*m_Aggregates[i]);
+        corvane::WString message;
+        HRESULT folded = FeedAggregate(aggregate, m_Expressions[i].get(), record, &message);
+        // Folded as it goes, so that a long read holds one row's items at a time.
+        if (SUCCEEDED(folded)) {
+          folded = aggregate.Evaluate();
+          if (FAILED(folded)) message = aggregate.FailureMessage();
         }
-        const HRESULT fedHr = aggregate->Feed(std::move(fed));
-        if (FAILED(fedHr)) return fedHr;
+        if (FAILED(folded)) return Fail(folded, message);
       }
-      // Folded as it goes, so that a long read holds one row's items at a time.
-      for (size_t i = 0; i < m_Outputs.size(); ++i)
-        if (m_Outputs[i].aggregate) static_cast<CSQLFunctionAggregate*>(bound[i].get())->Evaluate();
       last = std::move(record);
       any = true;
     }
@@ -477,27 +458,25 @@ HRESULT CSelectListProducer::Aggregate(ProducedRecordList& rows) {
   out.resize(m_Outputs.size());
   for (size_t i = 0; i < m_Outputs.size(); ++i) {
     const Output& o = m_Outputs[i];
+    SQLEvaluationResult result;
     if (o.aggregate) {
-      auto* aggregate = static_cast<CSQLFunctionAggregate*>(bound[i].get());
-      SQLEvaluationResult result;
-      if (any && SUCCEEDED(aggregate->CopyResult(&result))) out[i] = ResultToCell(result, o.column.wType);
-      else if (!any && corvane::WIEquals(aggregate->FunctionName(), OLESTR("COUNT"))) {
-        VARIANT zero;
-        V_VT(&zero) = VT_UI4;
-        V_UI4(&zero) = 0;
-        SQLEvaluationResult r;
-        r.kind = SQLEvaluationResult::kValue;
-        r.value = zero;
-        out[i] = ResultToCell(r, o.column.wType);
+      auto& aggregate = static_cast<CSQLFunctionAggregate&>(*m_Aggregates[i]);
+      if (any && SUCCEEDED(aggregate.CopyResult(&result))) {
+        out[i] = ResultToCell(result, o.column.wType);
+      } else if (!any && corvane::WIEquals(aggregate.FunctionName(), OLESTR("COUNT"))) {
+        result.kind = SQLEvaluationResult::kValue;
+        V_VT(&result.value) = VT_UI4;
+        V_UI4(&result.value) = 0;
+        out[i] = ResultToCell(result, o.column.wType);
       }
     } else if (any) {
       if (!o.expression) {
         if (o.sourceField < last.size()) out[i] = last[o.sourceField];
-      } else {
-        SQLEvaluationResult result;
-        if (SUCCEEDED(EvaluateForRow(o.expression, m_Table, last, m_Context, &result)))
-          out[i] = ResultToCell(result, o.column.wType);
+        continue;
       }
+      const HRESULT hr = m_Expressions[i]->Evaluate(last, &result);
+      if (FAILED(hr)) return Fail(hr, m_Expressions[i]->Message());
+      out[i] = ResultToCell(result, o.column.wType);
     }
   }
   if (m_Skip == 0 && m_Count != 0) rows.push_back(std::move(out));

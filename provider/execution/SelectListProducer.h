@@ -1,14 +1,17 @@
 // Turns the rows of a table into the rows of a SELECT list: plain columns are copied,
-// expressions are evaluated for every row with the row's column values as their
-// operands, aggregates fold every row of the read into one row, and a TOP / LIMIT
-// skips and counts rows. It sits between the table and the data store, so rows still
-// stream: nothing is held beyond what the table hands over in one fetch.
+// expressions (bound once, to the table's fields) are evaluated once for every row,
+// aggregates fold every row of the read into one row, and a TOP / LIMIT skips and
+// counts rows. It sits between the table and the data store, so rows still stream:
+// nothing is held beyond what the table hands over in one fetch. A function that fails
+// on a row ends the fetch that reaches it with its HRESULT and message; the rows before
+// it are delivered first.
 #pragma once
 #include <memory>
 #include <vector>
 
 #include "SQLParser/SQLExpression.h"
 #include "SQLParser/SQLQueryInfo.h"
+#include "provider/execution/RowEvaluator.h"
 #include "provider/store/DataProvider.h"
 #include "provider/tables/TableFactory.h"
 
@@ -46,32 +49,39 @@ class CSelectListProducer final : public CDataProvider {
   // name or alias as qualifier, any case) its catalog column under its display name,
   // anything else an expression column typed by its result. E_FAIL with the trace
   // "Unable to initialize output columns. Please, check the column names." for an
-  // unknown column; a binding failure (unknown function, missing `?` value) as it is.
+  // unknown column; a binding failure (unknown function, bad argument count, missing
+  // `?` value) as it is, with its message in *message when there is one.
   static HRESULT BindOutputs(const CSQLQueryInfo& query, const TableInfo& table, const SQLBindContext& context,
-                             std::vector<Output>* outputs, bool* plainColumnsOnly);
+                             std::vector<Output>* outputs, bool* plainColumnsOnly, corvane::WString* message = nullptr);
 
-  // `statement` is the query the outputs point into; the producer keeps it alive and
-  // copies the binding's parameter values, since rows are evaluated long after the
-  // execution returned.
+  // `statement` is the query the outputs point into; it is kept alive with the producer.
   CSelectListProducer(std::unique_ptr<CDataProvider> source, const TableInfo& table, std::vector<Output> outputs,
-                      std::shared_ptr<const CSQLQueryInfo> statement, const SQLBindContext& context, LONGLONG skip,
-                      LONGLONG count);
+                      std::shared_ptr<const CSQLQueryInfo> statement, LONGLONG skip, LONGLONG count);
   ~CSelectListProducer() override;
+
+  // Binds every expression once, with the `?` values and reference times of `context`
+  // (copied into the bound expressions). Required before the first fetch.
+  HRESULT Bind(const SQLBindContext& context, corvane::WString* message);
 
   HRESULT FetchRows(ProducedRecordList& rows, size_t wanted) override;
   BOOL IsDataPending() override;
   HRESULT GetColumns(std::vector<ColumnRecord>& columns) override;
+  corvane::WString FailureMessage() override;
 
  private:
   HRESULT MapRecord(const ProducedRecord& in, ProducedRecord* out);
   HRESULT Aggregate(ProducedRecordList& rows);
+  HRESULT Fail(HRESULT hr, const corvane::WString& message);
 
   std::unique_ptr<CDataProvider> m_pSource;
   TableInfo m_Table;
   std::vector<Output> m_Outputs;
   std::shared_ptr<const CSQLQueryInfo> m_pStatement;
-  std::vector<VARIANT> m_Parameters;
-  SQLBindContext m_Context;
+  // Per output: its bound expression (for an aggregate, the bound argument), or null.
+  std::vector<std::unique_ptr<CRowExpression>> m_Expressions;
+  std::vector<std::unique_ptr<CSQLCalcItem>> m_Aggregates;  // bound aggregate functions
+  HRESULT m_hrFailure = S_OK;
+  corvane::WString m_FailureMessage;
   LONGLONG m_Skip;
   LONGLONG m_Count;  // < 0: no limit
   LONGLONG m_Skipped = 0;

@@ -236,7 +236,52 @@ bool CDataProvider::MoreData() {
   return m_bMoreData != 0;
 }
 
+void CDataProvider::SetRecordFilter(std::unique_ptr<CRecordFilter> filter) { m_pFilter = std::move(filter); }
+
+corvane::WString CDataProvider::FailureMessage() {
+  CriticalSectionLock lock(m_StateLock);
+  return m_FailureMessage;
+}
+
+void CDataProvider::SetFailure(HRESULT hr, corvane::WString message) {
+  {
+    CriticalSectionLock lock(m_StateLock);
+    m_hrLastResult = hr;
+    m_FailureMessage = std::move(message);
+    m_bMoreData = 0;
+  }
+  RequestStop();
+}
+
+bool CDataProvider::Filter(ProducedRecordList& records) {
+  size_t kept = 0;
+  HRESULT hr = S_OK;
+  for (size_t i = 0; i < records.size(); ++i) {
+    bool keep = false;
+    hr = m_pFilter->Keep(records[i], &keep);
+    if (FAILED(hr)) break;
+    if (!keep) continue;
+    if (kept != i) records[kept].swap(records[i]);
+    ++kept;
+  }
+  if (m_bReuseRecords && kept < records.size()) {
+    for (size_t i = kept; i < records.size(); ++i)
+      for (StoreValue& value : records[i]) value.Reset();
+    CriticalSectionLock lock(m_StateLock);
+    for (size_t i = kept; i < records.size(); ++i) m_Spare.push_back(std::move(records[i]));
+  }
+  records.resize(kept);
+  if (FAILED(hr)) SetFailure(hr, m_pFilter->Message());
+  return SUCCEEDED(hr);
+}
+
 void CDataProvider::AppendRecord(ProducedRecord&& record) {
+  if (m_pFilter) {
+    ProducedRecordList one;
+    one.push_back(std::move(record));
+    AppendRecords(std::move(one));
+    return;
+  }
   {
     CriticalSectionLock lock(m_StateLock);
     m_Produced.push_back(std::move(record));
@@ -255,6 +300,13 @@ void CDataProvider::SignalRows() {
 }
 
 void CDataProvider::AppendRecords(ProducedRecordList&& records) {
+  if (m_pFilter) {
+    if (FAILED(LastResult())) {
+      records.clear();  // the reading already ended with the filter's failure
+      return;
+    }
+    Filter(records);
+  }
   if (records.empty()) return;
   {
     CriticalSectionLock lock(m_StateLock);
@@ -278,7 +330,11 @@ void CDataProvider::RecycleRecords(ProducedRecordList& used) {
     for (StoreValue& value : record) value.Reset();
   {
     CriticalSectionLock lock(m_StateLock);
-    if (m_Spare.empty()) m_Spare.swap(used);
+    if (m_Spare.empty()) {
+      m_Spare.swap(used);
+    } else if (m_Spare.size() < used.size()) {
+      for (ProducedRecord& record : used) m_Spare.push_back(std::move(record));
+    }
   }
   used.clear();
 }

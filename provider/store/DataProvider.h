@@ -14,7 +14,18 @@
 #include <vector>
 
 #include "platform/Platform.h"
+#include "platform/WideString.h"
 #include "provider/store/StoreValue.h"
+
+// A test that every record passes before it is queued for the fetch, made by execution
+// from a WHERE clause. Called on the producing thread only.
+class CRecordFilter {
+ public:
+  virtual ~CRecordFilter() = default;
+  // S_OK and whether the record is kept; a failure ends the read with it and Message().
+  virtual HRESULT Keep(const ProducedRecord& record, bool* keep) = 0;
+  virtual const corvane::WString& Message() const = 0;
+};
 
 class CDataProvider {
  public:
@@ -45,6 +56,13 @@ class CDataProvider {
   // The fields of every produced record, in record order.
   virtual HRESULT GetColumns(std::vector<ColumnRecord>& columns) = 0;
 
+  // Only records that `filter` keeps are queued from now on: set it before the reading
+  // starts. A statement without a condition to test sets none and pays nothing.
+  void SetRecordFilter(std::unique_ptr<CRecordFilter> filter);
+  // What the consumer is told about the failure that ended the reading, when there is
+  // more to say than its HRESULT (a function's message); empty otherwise.
+  virtual corvane::WString FailureMessage();
+
   // The store hands back the records it has written. Their values are dropped here;
   // the emptied records are kept for a producer that reuses them (see
   // EnableRecordReuse), so that a long read does not allocate and free every row on two
@@ -65,9 +83,14 @@ class CDataProvider {
   bool MoreData();
 
   // Queues produced records for the fetch and wakes a waiting fetch; within the
-  // worker's step, once when the step returns.
+  // worker's step, once when the step returns. With a record filter only the records it
+  // keeps are queued; when it fails, the records before the failing one are queued, the
+  // failure becomes the last result with its message, and the worker ends after the
+  // step (nothing produced later is queued).
   void AppendRecord(ProducedRecord&& record);
   void AppendRecords(ProducedRecordList&& records);
+  // Records the failure and its message as the outcome of the reading.
+  void SetFailure(HRESULT hr, corvane::WString message);
   size_t QueuedRecordCount();
 
   // Keep recycled records for TakeSpareRecords (off by default: a producer that never
@@ -97,12 +120,17 @@ class CDataProvider {
   static DWORD WorkerLoop(CDataProvider* self);
   void CloseEvents();
   void SignalRows();
+  // Runs the filter over `records`: the kept ones stay at the front in their order, the
+  // rest are dropped (or kept for reuse). False when the filter failed.
+  bool Filter(ProducedRecordList& records);
 
   corvane::platform::CriticalSection m_StateLock;
   DWORD m_bMoreData = 1;
   size_t m_cbPendingItem;
   std::deque<std::vector<BYTE>> m_PendingItems;
   HRESULT m_hrLastResult = S_OK;
+  corvane::WString m_FailureMessage;
+  std::unique_ptr<CRecordFilter> m_pFilter;
   ProducedRecordList m_Produced;
   ProducedRecordList m_Spare;  // one batch of emptied records, for reuse
   bool m_bReuseRecords = false;

@@ -76,9 +76,12 @@ HRESULT ExecutionTest::Run(const std::string& sql, IRowset** rowset, DBROWCOUNT*
   request.binding.parameters = parameters.empty() ? nullptr : parameters.data();
   request.binding.parameterCount = parameters.size();
   SetReferenceTimesToNow(&request.binding);
+  WString message;
+  request.message = &message;
   IUnknown* unknown = nullptr;
   const HRESULT hr = CCommandProviderRowset::Execute(request, affected, IID_IRowset,
                                                      rowset ? &unknown : nullptr);
+  message_ = ToUtf8(message);
   if (rowset) *rowset = static_cast<IRowset*>(static_cast<void*>(unknown));
   return hr;
 }

@@ -28,6 +28,7 @@ class ExecutionTest : public LeakCheckedTest {
   void AddDoubleTag(const OLECHAR* name, size_t values, DWORD quality = 0);
   void AddTextTag(const OLECHAR* name, const std::vector<std::wstring>& texts);
 
+  // Runs one statement; message_ receives what the failure's error record would say.
   HRESULT Run(const std::string& sql, IRowset** rowset = nullptr, DBROWCOUNT* affected = nullptr,
               const std::vector<VARIANT>& parameters = {}, CProviderDataSource* ds = nullptr);
   // Every row, each column as text ("NULL" for a null cell), fetched `batch` at a time.
@@ -40,6 +41,7 @@ class ExecutionTest : public LeakCheckedTest {
   IRawDataProvider* reference_ = nullptr;
   testing::CFaultInjectingHost* host_ = nullptr;
   CProviderDataSource* ds_ = nullptr;
+  std::string message_;
 };
 
 }  // namespace corvane::test

@@ -109,57 +109,6 @@ TEST_F(TimeRangeReduction, BareOperandIsNotACondition) {
   EXPECT_EQ(ReduceTimeRange(where.get(), context, &start, &end), E_FAIL);
 }
 
-class RowIdentification : public ExprTest {};
-
-TEST_F(RowIdentification, TagNameIsTheLastConstantComparedWithTagname) {
-  struct Case {
-    const char* where;
-    const char* tag;
-  } cases[] = {
-      {"TAGNAME = 'x' AND VALUE > 3", "x"},
-      {"TAGNAME = 'a' OR TAGNAME = 'b'", "b"},
-      {"'left' = tagname", "left"},
-      {"TAGNAME > 'x'", "x"},
-      {"TAGNAME = ? AND TIMESTAMP = NOW()", ""},
-      {"TAGNAME = 'a' AND VALUE = 1 OR TAGNAME = ?", "a"},
-      {"TAGNAME = 5", "5"},
-      {"VALUE = 'x'", ""},
-  };
-  for (const Case& c : cases) {
-    auto query = ParseOk(std::string("DELETE FROM RAWDATA WHERE ") + c.where);
-    ASSERT_TRUE(query && query->Condition()) << c.where;
-    corvane::WString tag = OLESTR("stale");
-    EXPECT_EQ(FindTagName(query->Condition(), &tag), S_OK);
-    EXPECT_EQ(corvane::ToUtf8(tag), c.tag) << c.where;
-  }
-}
-
-TEST_F(RowIdentification, TimestampIsTheFirstValueComparedWithTimestamp) {
-  struct Case {
-    const char* where;
-    bool found;
-    ULONG64 time;
-  } cases[] = {
-      {"TAGNAME = 'a' AND TIMESTAMP = '2020-01-01 10:00:00'", true, Utc(2020, 1, 1, 10)},
-      {"TIMESTAMP > '2020-01-01' AND TIMESTAMP = '2020-02-01'", true, Utc(2020, 1, 1)},
-      {"'2020-03-01' <> TIMESTAMP", true, Utc(2020, 3, 1)},
-      {"TIMESTAMP = NOWUTC()", true, Utc(2021, 6, 1, 10)},
-      {"TAGNAME = 'a'", false, 0},
-  };
-  for (const Case& c : cases) {
-    auto query = ParseOk(std::string("UPDATE RAWDATA SET VALUE = 1 WHERE ") + c.where);
-    ASSERT_TRUE(query && query->Condition()) << c.where;
-    bool found = !c.found;
-    SQLEvaluationResult value;
-    ASSERT_EQ(FindTimestamp(query->Condition(), context, &found, &value), S_OK) << c.where;
-    EXPECT_EQ(found, c.found) << c.where;
-    if (!c.found) continue;
-    ULONG64 time = 0;
-    EXPECT_EQ(ResultToTime(value, &time), S_OK);
-    EXPECT_EQ(time, c.time) << c.where;
-  }
-}
-
 class Binding : public ExprTest {};
 
 TEST_F(Binding, MakesANewTreeAndLeavesTheWrittenOneAlone) {

@@ -360,7 +360,8 @@ INSTANTIATE_TEST_SUITE_P(
         Statement{"Update", "UPDATE RAWDATA SET VALUE = 42 WHERE TAGNAME = 'Flow' AND "
                             "TIMESTAMP = '2020-01-01 00:00:10'",
                   Answer::Fails, {}, false, true},
-        Statement{"Delete", "DELETE FROM RAWDATA WHERE TAGNAME = 'Flow' AND TAGNAME = 'Level' AND "
+        Statement{"Delete", "DELETE FROM RAWDATA WHERE TAGNAME = 'Flow' AND TIMESTAMP >= '2020-01-01 00:00:20' AND "
+                            "TIMESTAMP <= '2020-01-01 00:00:40' OR TAGNAME = 'Level' AND VALUE >= 0 AND "
                             "TIMESTAMP >= '2020-01-01 00:00:20' AND TIMESTAMP <= '2020-01-01 00:00:40'",
                   Answer::Fails, {}, false, true}),
     [](const ::testing::TestParamInfo<Statement>& info) { return std::string(info.param.name); });

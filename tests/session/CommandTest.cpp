@@ -164,7 +164,17 @@ TEST_F(CommandText, PrepareReportsEachFailureInItsOwnWords) {
        "Failed to parse the query", false},
       {OLESTR("SELECT NOSUCHCOLUMN FROM RAWDATA"),
        "ERROR in CProviderCommand::SetCommandText, Failed to initialize output columns",
-       "Unable to initialize output columns. Please, check the column names.", true}};
+       "Unable to initialize output columns. Please, check the column names.", true},
+      // A call that cannot be bound, in the select list or the WHERE, in the function's words.
+      {OLESTR("SELECT MAX_ROWS_TO_RETURN, NOW(1) FROM QUERYSETTINGS"),
+       "SQL function Now calculation error: Bad parameter count.",
+       "SQL function Now calculation error: Bad parameter count.", true},
+      {OLESTR("DELETE FROM RAWDATA WHERE TAGNAME = 'a' AND IsGood(QUALITY, 1) = 1"),
+       "ERROR in CProviderCommand::Prepare, SQL function IsGood calculation error: Bad parameter count.",
+       "SQL function IsGood calculation error: Bad parameter count.", true},
+      {OLESTR("SELECT NoSuchFunction(Value) FROM RAWDATA"),
+       "ERROR in CProviderCommand::Prepare, Unknown SQL function NoSuchFunction.",
+       "Unknown SQL function NoSuchFunction.", true}};
   TraceCapture trace;
   for (const auto& c : cases) {
     if (c.sql) SetText(c.sql);
@@ -233,16 +243,16 @@ TEST_F(CommandText, PreparedCommandDescribesItsColumns) {
 
   // Each Prepare of the same command describes its own statement: names the statement
   // renamed, the result column of a change, a computed item that cannot be typed before
-  // execution (it names no known function; the list then keeps names as written), and
-  // nothing for an unknown table.
+  // execution (it fails on the typical row it is typed on), and nothing for an unknown
+  // table.
   using Described = std::vector<std::pair<std::string, DBTYPE>>;
   const std::pair<const OLECHAR*, Described> sequence[] = {
       {OLESTR("INSERT INTO RAWDATA (TAGNAME, TIMESTAMP, VALUE) VALUES ('Area1.Temp', '2024-01-01', 1.5)"),
        {{"DESCRIPTION", DBTYPE_WSTR}}},
       {OLESTR("SELECT TIMESTAMP AS t, Value FROM RAWDATA_DOUBLE"), {{"t", DBTYPE_DBTIMESTAMP}, {"VALUE", DBTYPE_R8}}},
       {OLESTR("DELETE FROM RAWDATA_INT8 WHERE TAGNAME = 'Area1.Temp'"), {{"DESCRIPTION", DBTYPE_WSTR}}},
-      {OLESTR("SELECT NoSuchFunction(Value) AS q, TagName FROM RAWDATA"),
-       {{"q", DBTYPE_VARIANT}, {"TagName", DBTYPE_WSTR}}},
+      {OLESTR("SELECT BitMask(TagName, 1, 2) AS q, TagName FROM RAWDATA"),
+       {{"q", DBTYPE_VARIANT}, {"TAGNAME", DBTYPE_WSTR}}},
       {OLESTR("SELECT * FROM NO_SUCH_TABLE"), {}},
       {OLESTR("UPDATE RAWDATA SET VALUE = 2 WHERE TAGNAME = 'Area1.Temp'"), {{"DESCRIPTION", DBTYPE_WSTR}}},
   };

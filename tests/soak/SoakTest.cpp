@@ -359,8 +359,7 @@ class Soaker {
       case 1:
         sql = "UPDATE RAWDATA SET VALUE = " + std::string(number) + ", QUALITY = " + std::to_string(quality) +
               " WHERE TAGNAME = '" + own_tag_ + "' AND TIMESTAMP = " + At(t);
-        if (!present) expected = HIST_E_DATA_NOT_FOUND;
-        else own_[t] = {value, quality};
+        if (present) own_[t] = {value, quality};  // no sample there: nothing matches, nothing changes
         break;
       default: {
         const ULONGLONG end = t + Pick(0, 30) * kSecond;

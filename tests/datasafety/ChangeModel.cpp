@@ -1,0 +1,333 @@
+#include "tests/datasafety/ChangeModel.h"
+
+#include <cctype>
+#include <cstdlib>
+#include <sstream>
+
+#include "SQLParser/SQLCalcItemConst.h"
+#include "SQLParser/SQLCalcItemFunction.h"
+#include "SQLParser/SQLCalcItemParameter.h"
+#include "SQLParser/SQLCalcItemTableColumn.h"
+#include "SQLParser/TimeConversion.h"
+#include "platform/WideString.h"
+
+namespace corvane::test {
+namespace {
+
+enum class Truth { kFalse, kTrue, kUnknown };
+
+struct Val {
+  enum Kind { kNull, kNumber, kText, kTime, kOpaque } kind = kNull;
+  double number = 0;
+  std::string text;
+  ULONG64 time = 0;
+  bool constant = false;  // written in the statement: may be read as a number or a time
+};
+
+std::string Upper(std::string s) {
+  for (char& c : s) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  return s;
+}
+
+bool TextAsNumber(const std::string& s, double* n) {
+  if (s.empty() || s.find_first_not_of(" +-0123456789.eE") != std::string::npos) return false;
+  char* end = nullptr;
+  *n = std::strtod(s.c_str(), &end);
+  while (end && *end == ' ') ++end;
+  return end && *end == 0 && s.find_first_not_of(' ') != std::string::npos;
+}
+
+// "YYYY-MM-DD", optionally " HH:MM:SS" and ".fff".
+bool TextAsTime(const std::string& s, ULONG64* t) {
+  int y = 0, mo = 0, d = 0, h = 0, mi = 0, sec = 0, ms = 0, used = 0;
+  if (std::sscanf(s.c_str(), "%4d-%2d-%2d%n", &y, &mo, &d, &used) != 3) return false;
+  if (used < static_cast<int>(s.size())) {
+    int more = 0;
+    if (std::sscanf(s.c_str() + used, " %2d:%2d:%2d%n", &h, &mi, &sec, &more) != 3) return false;
+    used += more;
+    if (used < static_cast<int>(s.size())) {
+      char digits[4] = {};
+      if (std::sscanf(s.c_str() + used, ".%3[0-9]%n", digits, &more) != 1) return false;
+      used += more;
+      ms = std::atoi(digits) * (digits[1] ? (digits[2] ? 1 : 10) : 100);
+    }
+  }
+  if (used != static_cast<int>(s.size())) return false;
+  return CalendarToTicks(y, mo, d, h, mi, sec, static_cast<ULONG64>(ms) * 10000, t);
+}
+
+class Evaluator {
+ public:
+  Evaluator(const std::vector<VARIANT>& parameters, const ModelSample& sample)
+      : parameters_(parameters), sample_(sample) {}
+  bool modelable = true;
+
+  Truth Condition(const CSQLConditionNode* node) {
+    switch (node->Operator()) {
+      case SQL_COND_AND: return And(Condition(node->Left()), Condition(node->Right()));
+      case SQL_COND_OR: return Or(Condition(node->Left()), Condition(node->Right()));
+      case SQL_COND_NOT: {
+        const Truth t = Condition(node->Left());
+        return t == Truth::kUnknown ? t : (t == Truth::kTrue ? Truth::kFalse : Truth::kTrue);
+      }
+      default:
+        if (!node->FirstOperand() || !node->SecondOperand()) {
+          modelable = false;
+          return Truth::kUnknown;
+        }
+        return Compare(node->Operator(), Value(node->FirstOperand()), Value(node->SecondOperand()));
+    }
+  }
+
+  Val Value(const CSQLCalcItem* item) {
+    Val v;
+    switch (item->Kind()) {
+      case SQL_CALC_TABLE_COLUMN: {
+        const std::string name = Upper(ToUtf8(static_cast<const CSQLCalcItemTableColumn*>(item)->ColumnName()));
+        if (name == "TAGNAME") {
+          v.kind = Val::kText;
+          v.text = sample_.tag;
+        } else if (name == "TIMESTAMP") {
+          v.kind = Val::kTime;
+          v.time = sample_.time;
+        } else if (name == "QUALITY") {
+          v.kind = Val::kNumber;
+          v.number = sample_.quality;
+        } else if (name == "VALUE") {
+          const VARTYPE t = sample_.type;
+          if (t == VT_DATE || t == VT_CY || t == VT_EMPTY || t == VT_NULL) modelable = false;
+          v.kind = sample_.isText ? Val::kText : Val::kNumber;
+          v.number = sample_.number;
+          v.text = sample_.text;
+        } else {
+          modelable = false;
+        }
+        return v;
+      }
+      case SQL_CALC_CONST:
+        v = Variant(static_cast<const CSQLCalcItemConst*>(item)->Value());
+        break;
+      case SQL_CALC_PARAMETER: {
+        const int n = static_cast<const CSQLCalcItemParameter*>(item)->Number();
+        if (n < 1 || static_cast<size_t>(n) > parameters_.size()) {
+          modelable = false;
+          return v;
+        }
+        v = Variant(parameters_[n - 1]);
+        break;
+      }
+      default:
+        v = Function(*static_cast<const CSQLCalcItemFunction*>(item));
+        break;
+    }
+    v.constant = true;
+    return v;
+  }
+
+ private:
+  static Truth And(Truth a, Truth b) {
+    if (a == Truth::kFalse || b == Truth::kFalse) return Truth::kFalse;
+    return a == Truth::kTrue && b == Truth::kTrue ? Truth::kTrue : Truth::kUnknown;
+  }
+  static Truth Or(Truth a, Truth b) {
+    if (a == Truth::kTrue || b == Truth::kTrue) return Truth::kTrue;
+    return a == Truth::kFalse && b == Truth::kFalse ? Truth::kFalse : Truth::kUnknown;
+  }
+
+  Val Variant(const VARIANT& value) {
+    Val v;
+    VARIANT r8;
+    VariantInit(&r8);
+    if (V_VT(&value) == VT_BSTR) {
+      v.kind = Val::kText;
+      v.text = ToUtf8(WStringView(value.bstrVal ? value.bstrVal : OLESTR(""), SysStringLen(value.bstrVal)));
+    } else if (V_VT(&value) == VT_I8 || V_VT(&value) == VT_I4 || V_VT(&value) == VT_R8) {
+      VariantChangeType(&r8, const_cast<VARIANT*>(&value), 0, VT_R8);
+      v.kind = Val::kNumber;
+      v.number = V_R8(&r8);
+    } else {
+      modelable = false;
+    }
+    return v;
+  }
+
+  // IsGood, BitMask, and DATEADD by seconds, minutes, hours or days of a written time
+  // (an unknown unit gives the zero time); nothing else.
+  Val Function(const CSQLCalcItemFunction& call) {
+    Val v;
+    const std::string name = Upper(ToUtf8(call.Name()));
+    std::vector<Val> args;
+    for (const auto& a : call.Arguments()) args.push_back(Value(a.get()));
+    if (name == "ISGOOD" && args.size() == 1 && args[0].kind == Val::kNumber) {
+      v.kind = Val::kNumber;
+      v.number = (static_cast<DWORD>(args[0].number) & 0xC0000000u) == 0 ? 1 : 0;
+    } else if (name == "BITMASK" && args.size() == 3 && args[0].kind == Val::kText && args[1].kind == Val::kNumber &&
+               args[2].kind == Val::kNumber) {
+      const DWORD mask = static_cast<DWORD>(args[1].number), x = static_cast<DWORD>(args[2].number);
+      v.kind = Val::kNumber;
+      if (args[0].text == "&") v.number = x & mask;
+      else if (args[0].text == "|") v.number = x | mask;
+      else if (args[0].text == "^") v.number = x ^ mask;
+      else modelable = false;
+    } else if (name == "DATEADD" && args.size() == 3 && args[0].kind == Val::kText && args[1].kind == Val::kNumber &&
+               args[2].kind == Val::kText && TextAsTime(args[2].text, &v.time)) {
+      static const struct {
+        const char* unit;
+        ULONG64 ticks;
+      } kUnits[] = {{"SS", 10000000ull}, {"MI", 600000000ull}, {"HH", 36000000000ull}, {"DD", 864000000000ull}};
+      v.kind = Val::kTime;
+      const std::string unit = Upper(args[0].text);
+      bool known = false;
+      for (const auto& u : kUnits)
+        if (unit == u.unit) {
+          v.time += static_cast<LONG64>(args[1].number) * static_cast<LONG64>(u.ticks);
+          known = true;
+        }
+      if (!known && (unit == "MS" || unit == "WK" || unit == "MM" || unit == "YY")) modelable = false;
+      if (!known) v.time = 0;
+    } else {
+      modelable = false;
+    }
+    return v;
+  }
+
+  // A written text reads as a number or a time where the other side is one.
+  static void Adapt(Val& a, const Val& b) {
+    if (!a.constant || a.kind != Val::kText) return;
+    if (b.kind == Val::kNumber) {
+      double n = 0;
+      a.kind = TextAsNumber(a.text, &n) ? Val::kNumber : Val::kNull;
+      a.number = n;
+    } else if (b.kind == Val::kTime) {
+      ULONG64 t = 0;
+      a.kind = TextAsTime(a.text, &t) ? Val::kTime : Val::kNull;
+      a.time = t;
+    }
+  }
+
+  Truth Compare(int op, Val a, Val b) {
+    if (a.constant && b.constant) modelable = false;  // folded by the provider; not worth a second copy here
+    Adapt(a, b);
+    Adapt(b, a);
+    int order = 0;
+    if (a.kind != b.kind || a.kind == Val::kNull || a.kind == Val::kOpaque) return Truth::kUnknown;
+    if (a.kind == Val::kNumber) order = a.number < b.number ? -1 : (a.number > b.number ? 1 : 0);
+    if (a.kind == Val::kTime) order = a.time < b.time ? -1 : (a.time > b.time ? 1 : 0);
+    if (a.kind == Val::kText) {
+      const std::string x = Upper(a.text), y = Upper(b.text);
+      order = x < y ? -1 : (x > y ? 1 : 0);
+    }
+    bool holds = false;
+    switch (op) {
+      case SQL_COND_EQUAL: holds = order == 0; break;
+      case SQL_COND_GREATER: holds = order > 0; break;
+      case SQL_COND_LESS: holds = order < 0; break;
+      case SQL_COND_GREATER_OR_EQUAL: holds = order >= 0; break;
+      case SQL_COND_LESS_OR_EQUAL: holds = order <= 0; break;
+      default: holds = order != 0; break;
+    }
+    return holds ? Truth::kTrue : Truth::kFalse;
+  }
+
+  const std::vector<VARIANT>& parameters_;
+  const ModelSample& sample_;
+};
+
+}  // namespace
+
+ModelStore ReadStore(IRawDataProvider* raw) {
+  ModelStore store;
+  ULONG count = 0;
+  TagRecord* tags = nullptr;
+  BOOL truncated = FALSE;
+  if (FAILED(raw->BrowseTags(nullptr, nullptr, &count, &tags, &truncated))) return store;
+  for (ULONG i = 0; i < count; ++i) {
+    OLECHAR part[] = OLESTR("x");
+    TagIdent tag{part, part, tags[i].name};
+    void* point = nullptr;
+    HistoryValueList* list = nullptr;
+    if (FAILED(raw->ReadRaw(&tag, U64ToFileTime(0), U64ToFileTime(0x7FFFFFFFFFFFFFFFull), 0, kRawReadIncludeBounds,
+                            &point, &list)))
+      continue;
+    for (ULONG k = 0; list && k < list->count; ++k) {
+      const HistoryValue& h = list->values[k];
+      ModelSample s;
+      s.tag = ToUtf8(tags[i].name);
+      s.time = FileTimeToU64(h.timestamp);
+      s.quality = h.quality;
+      s.type = V_VT(&h.value);
+      s.isText = s.type == VT_BSTR;
+      if (s.type == VT_BOOL) {
+        s.number = h.value.boolVal ? 1 : 0;
+      } else if (s.isText) {
+        s.text = ToUtf8(WStringView(h.value.bstrVal ? h.value.bstrVal : OLESTR(""), SysStringLen(h.value.bstrVal)));
+      } else {
+        VARIANT r8;
+        VariantInit(&r8);
+        if (SUCCEEDED(VariantChangeType(&r8, const_cast<VARIANT*>(&h.value), 0, VT_R8))) s.number = V_R8(&r8);
+      }
+      store.push_back(s);
+    }
+    FreeHistoryValueList(list);
+    if (point) raw->ReleaseContinuationPoint(&point);
+  }
+  FreeTagRecords(tags, count);
+  return store;
+}
+
+std::string Describe(const ModelStore& store) {
+  std::ostringstream out;
+  for (const ModelSample& s : store)
+    out << s.tag << " " << s.time << " " << (s.isText ? s.text : std::to_string(s.number)) << " q" << s.quality
+        << "\n";
+  return out.str();
+}
+
+bool ApplyChange(const CSQLQueryInfo& statement, const std::vector<VARIANT>& parameters, const ModelStore& before,
+                 ModelStore* after) {
+  const bool update = statement.StatementKind() == SQL_STATEMENT_UPDATE;
+  bool setValue = false, setQuality = false;
+  ModelSample written;
+  if (update) {
+    const auto& u = static_cast<const CSQLQueryInfoUPDATE&>(statement);
+    for (size_t i = 0; i < u.Columns().size(); ++i) {
+      Evaluator constant(parameters, written);
+      const Val v = constant.Value(u.Values()[i].get());
+      const std::string column = Upper(ToUtf8(static_cast<const CSQLCalcItemTableColumn&>(*u.Columns()[i]).ColumnName()));
+      if (!constant.modelable || (v.kind != Val::kNumber && v.kind != Val::kText)) return false;
+      if (column == "QUALITY" && v.kind == Val::kNumber) {
+        setQuality = true;
+        written.quality = static_cast<DWORD>(v.number);
+      } else if (column == "VALUE") {
+        setValue = true;
+        written.isText = v.kind == Val::kText;
+        written.number = v.number;
+        written.text = v.text;
+      } else {
+        return false;
+      }
+    }
+  }
+  after->clear();
+  for (const ModelSample& s : before) {
+    Evaluator evaluator(parameters, s);
+    const bool match = statement.Condition() && evaluator.Condition(statement.Condition()) == Truth::kTrue;
+    if (!evaluator.modelable) return false;
+    if (!match) {
+      after->push_back(s);
+    } else if (update) {
+      ModelSample changed = s;
+      if (setValue) {
+        // The historian converts to the tag's type: only what stays as written is modelled.
+        if (written.isText ? !s.isText : (s.type != VT_R8 && s.type != VT_R4)) return false;
+        changed.number = written.number;
+        changed.text = written.text;
+      }
+      if (setQuality) changed.quality = written.quality;
+      after->push_back(changed);
+    }
+  }
+  return true;
+}
+
+}  // namespace corvane::test
