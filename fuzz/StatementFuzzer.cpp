@@ -10,6 +10,10 @@
 // that still runs for seconds is a finding. Each input gets a fresh data source, and
 // the historian is rebuilt after a statement that may write, so every input meets the
 // same data.
+//
+// A DELETE or UPDATE meets the data-safety oracle: when it fails the historian's whole
+// contents are unchanged, and when it succeeds they equal what the independent change
+// model computes by evaluating its condition on every sample (where the model can).
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -28,6 +32,8 @@
 #include "provider/ErrorReporting.h"
 #include "provider/ICreateCorvaneOleDbProvider.h"
 #include "provider/Trace.h"
+#include "SQLParser/SQLParser.h"
+#include "tests/datasafety/ChangeModel.h"
 
 namespace {
 
@@ -149,8 +155,11 @@ std::vector<DBORDINAL> DescribeColumns(IUnknown* object, bool mustWork) {
   return ordinals;
 }
 
-// Gives every `?` of the prepared statement a text value: the values cycle through a
-// tag name, a time and a number, so that tag, time and count positions all see one.
+// The text value of every `?`: they cycle through a tag name, a time and a number, so
+// that tag, time and count positions all see one.
+const OLECHAR* const kParameterValues[] = {OLESTR("Pump1.Flow"), OLESTR("2025-12-31 23:50:00"), OLESTR("5")};
+
+// Gives every `?` of the prepared statement its text value.
 struct Parameters {
   std::vector<DBBINDING> bindings;
   std::vector<unsigned char> data;
@@ -169,13 +178,12 @@ struct Parameters {
     corvane::ClearErrorRecords();
     if (count == 0) return S_OK;
     if (count > 64) count = 64;
-    static const OLECHAR* const kValues[] = {OLESTR("Pump1.Flow"), OLESTR("2025-12-31 23:50:00"), OLESTR("5")};
     constexpr size_t kSlot = 16 + 64 * sizeof(OLECHAR);
     data.assign(count * kSlot, 0);
     std::vector<DB_UPARAMS> ordinals;
     std::vector<DBPARAMBINDINFO> bindInfo;
     for (DB_UPARAMS i = 0; i < count; ++i) {
-      const corvane::WStringView value(kValues[i % 3]);
+      const corvane::WStringView value(kParameterValues[i % 3]);
       DBBINDING b{};
       b.iOrdinal = i + 1;
       b.obStatus = i * kSlot;
@@ -278,7 +286,19 @@ void ReadAll(IUnknown* rowset) {
   if (handle != DB_NULL_HACCESSOR) accessor->ReleaseAccessor(handle, nullptr);
 }
 
-void RunStatement(IUnknown* dataSource, const corvane::WString& text) {
+// The `?` values Parameters::Bind gives, as the change model reads them.
+std::vector<VARIANT> ParameterValues(size_t count) {
+  std::vector<VARIANT> values(count);
+  for (size_t i = 0; i < count; ++i) {
+    V_VT(&values[i]) = VT_BSTR;
+    V_BSTR(&values[i]) = SysAllocString(kParameterValues[i % 3]);
+  }
+  return values;
+}
+
+// The Execute outcome (a failure before Execute counts as one); *parameters receives
+// the number of `?` bound.
+HRESULT RunStatement(IUnknown* dataSource, const corvane::WString& text, size_t* parameters_out) {
   Ref<IDBCreateSession> createSession(Query<IDBCreateSession>(dataSource, IID_IDBCreateSession));
   Ref<IDBCreateCommand> session;
   Check(createSession && SUCCEEDED(createSession->CreateSession(nullptr, IID_IDBCreateCommand,
@@ -292,25 +312,46 @@ void RunStatement(IUnknown* dataSource, const corvane::WString& text) {
   Check(SUCCEEDED(command->SetCommandText(DBGUID_DEFAULT, kPageSetting)) &&
             SUCCEEDED(command->Execute(nullptr, IID_NULL, nullptr, nullptr, nullptr)),
         "page setting");
-  if (FAILED(command->SetCommandText(DBGUID_DEFAULT, text.c_str()))) return;
+  HRESULT hr = command->SetCommandText(DBGUID_DEFAULT, text.c_str());
+  if (FAILED(hr)) return hr;
   Ref<ICommandPrepare> prepare(Query<ICommandPrepare>(command.p, IID_ICommandPrepare));
-  if (FAILED(prepare->Prepare(1))) return;
+  hr = prepare->Prepare(1);
+  if (FAILED(hr)) return hr;
   DescribeColumns(command.p, false);
   Parameters parameters;
-  if (FAILED(parameters.Bind(command.p))) return;
+  hr = parameters.Bind(command.p);
+  if (FAILED(hr)) return hr;
+  *parameters_out = parameters.bindings.size();
   DBPARAMS params{parameters.data.data(), 1, parameters.handle};
   IUnknown* rowset = nullptr;
   DBROWCOUNT affected = 0;
-  const HRESULT hr = command->Execute(nullptr, IID_IRowset, parameters.bindings.empty() ? nullptr : &params,
-                                      &affected, &rowset);
+  hr = command->Execute(nullptr, IID_IRowset, parameters.bindings.empty() ? nullptr : &params, &affected, &rowset);
   if (FAILED(hr)) {
     Check(rowset == nullptr, "a failed Execute hands no rowset out");
-    return;
+    return hr;
   }
   if (rowset) {
     ReadAll(rowset);
     rowset->Release();
   }
+  return hr;
+}
+
+// The parsed statement when it is a DELETE or UPDATE of RAWDATA, else null.
+std::unique_ptr<CSQLQueryInfo> RawDataChange(const corvane::WString& text) {
+  SQLParseRequest request;
+  request.defaultCatalog = OLESTR("Plant");
+  request.defaultSchema = OLESTR("Plant");
+  request.queryText = text;
+  std::unique_ptr<CSQLQueryInfo> query;
+  if (FAILED(CSQLParser::ParseQuery(request, &query)) || !query) return nullptr;
+  const int kind = query->StatementKind();
+  if (kind != SQL_STATEMENT_DELETE && kind != SQL_STATEMENT_UPDATE) return nullptr;
+  const auto& from = query->FromItems();
+  if (from.size() != 1 || from[0]->Kind() != SQL_SELECT_ITEM_TABLE ||
+      !corvane::WIEquals(static_cast<const CSQLSelectItemTable&>(*from[0]).TableName(), OLESTR("RAWDATA")))
+    return nullptr;
+  return query;
 }
 
 }  // namespace
