@@ -19,9 +19,22 @@ namespace {
 // this is refused rather than recursed into.
 constexpr int kMaxBindDepth = 1024;
 
-HRESULT UnknownFunction(const WString& name, WString* message) {
-  if (message) *message = corvane::WFormat(OLESTR("Unknown SQL function %s."), name.c_str());
-  return E_FAIL;
+// The function object for a call, checked against what the statement wrote: E_FAIL
+// with a message for an unknown name or another number of arguments.
+HRESULT CreateCheckedFunction(const CSQLCalcItemFunction& call, std::unique_ptr<CSQLFunction>* function,
+                              WString* message) {
+  HRESULT hr = CreateFunction(call.Name(), function);
+  if (hr == E_FAIL) {
+    if (message) *message = corvane::WFormat(OLESTR("Unknown SQL function %s."), call.Name().c_str());
+    return E_FAIL;
+  }
+  if (FAILED(hr)) return hr;
+  (*function)->SetWrittenArgumentCount(call.ArgumentCount());
+  if (FAILED((*function)->CheckArity())) {
+    if (message) *message = (*function)->FailureMessage();
+    return E_FAIL;
+  }
+  return S_OK;
 }
 
 HRESULT BindItem(const CSQLCalcItem* expression, const SQLBindContext& context, int depth,
@@ -44,15 +57,9 @@ HRESULT BindItem(const CSQLCalcItem* expression, const SQLBindContext& context, 
     case SQL_CALC_FUNCTION: {
       const auto& call = static_cast<const CSQLCalcItemFunction&>(*expression);
       std::unique_ptr<CSQLFunction> function;
-      HRESULT hr = CreateFunction(call.Name(), &function);
-      if (hr == E_FAIL) return UnknownFunction(call.Name(), message);
+      HRESULT hr = CreateCheckedFunction(call, &function, message);
       if (FAILED(hr)) return hr;
       function->SetDisplayName(call.DisplayName());
-      function->SetWrittenArgumentCount(call.ArgumentCount());
-      if (FAILED(function->CheckArity())) {
-        if (message) *message = function->FailureMessage();
-        return E_FAIL;
-      }
       for (const auto& argument : call.Arguments()) {
         if (!argument) return E_INVALIDARG;
         std::unique_ptr<CSQLCalcItem> boundArgument;
@@ -181,14 +188,8 @@ HRESULT CheckFunctionCalls(const CSQLCalcItem* expression, WString* message) {
       if (!item || item->Kind() != SQL_CALC_FUNCTION) continue;
       const auto& call = static_cast<const CSQLCalcItemFunction&>(*item);
       std::unique_ptr<CSQLFunction> function;
-      HRESULT hr = CreateFunction(call.Name(), &function);
-      if (hr == E_FAIL) return UnknownFunction(call.Name(), message);
+      const HRESULT hr = CreateCheckedFunction(call, &function, message);
       if (FAILED(hr)) return hr;
-      function->SetWrittenArgumentCount(call.ArgumentCount());
-      if (FAILED(function->CheckArity())) {
-        if (message) *message = function->FailureMessage();
-        return E_FAIL;
-      }
       for (const auto& argument : call.Arguments()) pending.push_back(argument.get());
     }
     return S_OK;

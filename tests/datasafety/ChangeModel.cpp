@@ -158,11 +158,15 @@ class Evaluator {
     const std::string name = Upper(ToUtf8(call.Name()));
     std::vector<Val> args;
     for (const auto& a : call.Arguments()) args.push_back(Value(a.get()));
-    if (name == "ISGOOD" && args.size() == 1 && args[0].kind == Val::kNumber) {
+    // Numbers become 32-bit words or counts: anything outside that range is not modelled.
+    for (const Val& a : args)
+      if (a.kind == Val::kNumber && !(a.number >= -2147483648.0 && a.number <= 4294967295.0)) modelable = false;
+    if (!modelable) return v;
+    if (name == "ISGOOD" && args.size() == 1 && args[0].kind == Val::kNumber && args[0].number >= 0) {
       v.kind = Val::kNumber;
       v.number = (static_cast<DWORD>(args[0].number) & 0xC0000000u) == 0 ? 1 : 0;
     } else if (name == "BITMASK" && args.size() == 3 && args[0].kind == Val::kText && args[1].kind == Val::kNumber &&
-               args[2].kind == Val::kNumber) {
+               args[2].kind == Val::kNumber && args[1].number >= 0 && args[2].number >= 0) {
       const DWORD mask = static_cast<DWORD>(args[1].number), x = static_cast<DWORD>(args[2].number);
       v.kind = Val::kNumber;
       if (args[0].text == "&") v.number = x & mask;
@@ -170,7 +174,7 @@ class Evaluator {
       else if (args[0].text == "^") v.number = x ^ mask;
       else modelable = false;
     } else if (name == "DATEADD" && args.size() == 3 && args[0].kind == Val::kText && args[1].kind == Val::kNumber &&
-               args[2].kind == Val::kText && TextAsTime(args[2].text, &v.time)) {
+               args[1].number <= 2147483647.0 && args[2].kind == Val::kText && TextAsTime(args[2].text, &v.time)) {
       static const struct {
         const char* unit;
         ULONG64 ticks;
@@ -180,7 +184,9 @@ class Evaluator {
       bool known = false;
       for (const auto& u : kUnits)
         if (unit == u.unit) {
-          v.time += static_cast<LONG64>(args[1].number) * static_cast<LONG64>(u.ticks);
+          const double moved = static_cast<double>(v.time) + args[1].number * static_cast<double>(u.ticks);
+          if (moved < 1.0 || moved > 9.0e18) modelable = false;  // the provider refuses what leaves the range
+          else v.time += static_cast<ULONG64>(static_cast<LONG64>(args[1].number) * static_cast<LONG64>(u.ticks));
           known = true;
         }
       if (!known && (unit == "MS" || unit == "WK" || unit == "MM" || unit == "YY")) modelable = false;
@@ -296,6 +302,8 @@ bool ApplyChange(const CSQLQueryInfo& statement, const std::vector<VARIANT>& par
       const std::string column = Upper(ToUtf8(static_cast<const CSQLCalcItemTableColumn&>(*u.Columns()[i]).ColumnName()));
       if (!constant.modelable || (v.kind != Val::kNumber && v.kind != Val::kText)) return false;
       if (column == "QUALITY" && v.kind == Val::kNumber) {
+        if (!(v.number >= 0 && v.number <= 4294967295.0) || v.number != static_cast<double>(static_cast<LONG64>(v.number)))
+          return false;
         setQuality = true;
         written.quality = static_cast<DWORD>(v.number);
       } else if (column == "VALUE") {
