@@ -330,11 +330,7 @@ void CDataProvider::RecycleRecords(ProducedRecordList& used) {
     for (StoreValue& value : record) value.Reset();
   {
     CriticalSectionLock lock(m_StateLock);
-    if (m_Spare.empty()) {
-      m_Spare.swap(used);
-    } else if (m_Spare.size() < used.size()) {
-      for (ProducedRecord& record : used) m_Spare.push_back(std::move(record));
-    }
+    if (m_Spare.empty()) m_Spare.swap(used);
   }
   used.clear();
 }
