@@ -381,7 +381,27 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Check(SUCCEEDED(SetInitProperties(dataSource.p)), "init properties");
     Ref<IDBInitialize> init(Query<IDBInitialize>(dataSource.p, IID_IDBInitialize));
     Check(init && SUCCEEDED(init->Initialize()), "Initialize");
-    RunStatement(dataSource.p, text);
+    const std::unique_ptr<CSQLQueryInfo> change = RawDataChange(text);
+    IRawDataProvider* raw = nullptr;
+    corvane::test::ModelStore before;
+    if (change) {
+      Check(SUCCEEDED(g_host->QueryInterface(IID_IRawDataProvider, reinterpret_cast<void**>(&raw))), "raw");
+      before = corvane::test::ReadStore(raw);
+    }
+    size_t parameters = 0;
+    const HRESULT executed = RunStatement(dataSource.p, text, &parameters);
+    if (change) {
+      const corvane::test::ModelStore after = corvane::test::ReadStore(raw);
+      raw->Release();
+      std::vector<VARIANT> values = ParameterValues(parameters);
+      corvane::test::ModelStore expected;
+      if (FAILED(executed)) {
+        Check(after == before, "a data change that failed changed nothing");
+      } else if (corvane::test::ApplyChange(*change, values, before, &expected)) {
+        Check(after == expected, "a data change changed exactly the samples its condition describes");
+      }
+      for (VARIANT& v : values) VariantClear(&v);
+    }
     Check(init->Uninitialize() == S_OK, "Uninitialize after every object was released");
     init.Reset();
     Check(dataSource.p->Release() == 0, "the consumer holds the last data source reference");

@@ -127,6 +127,7 @@ struct CRawDataChange::Plan {
 // the samples rewritten.
 struct CRawDataChange::TagChanges {
   WString name;
+  VARTYPE type = VT_EMPTY;  // what the historian stores the tag's values as
   std::vector<std::pair<ULONG64, ULONG64>> runs;
   std::vector<HistoryValue> updates;
   bool changed = false;
@@ -266,12 +267,13 @@ HRESULT CRawDataChange::Analyse(Plan* plan, WString* message) {
   return S_OK;
 }
 
-HRESULT CRawDataChange::CheckTags(IRawDataProvider* raw, const Plan& plan, WString* message) {
-  for (const WString& name : plan.tags.names) {
+HRESULT CRawDataChange::CheckTags(IRawDataProvider* raw, const Plan& plan, std::vector<TagChanges>& tags,
+                                  WString* message) {
+  for (TagChanges& changes : tags) {
+    const WString& name = changes.name;
     TagIdent* tag = nullptr;
     HRESULT hr = MakeTaskTagIdent(plan.catalog.c_str(), plan.schema.c_str(), name.c_str(), &tag);
-    VARTYPE type = VT_EMPTY;
-    if (SUCCEEDED(hr)) hr = raw->GetTagInfo(tag, &type);
+    if (SUCCEEDED(hr)) hr = raw->GetTagInfo(tag, &changes.type);
     FreeTagIdent(tag);
     if (hr == HIST_E_TAG_NOT_FOUND || hr == E_INVALIDARG)
       return Refuse(message, corvane::WFormat(OLESTR("Tag '%s' does not exist: nothing was %s."), name.c_str(), Verb()));
@@ -349,6 +351,13 @@ HRESULT CRawDataChange::Collect(IRawDataProvider* raw, Plan& plan, TagChanges& c
         } else if (SUCCEEDED(hr)) {
           updated.value = result.value;
           VariantInit(&result.value);
+        }
+        // Stored as the tag's type: a value that cannot be is refused before any change.
+        if (SUCCEEDED(hr) && changes.type != VT_EMPTY && V_VT(&updated.value) != changes.type) {
+          hr = VariantChangeType(&updated.value, &updated.value, 0, changes.type);
+          if (FAILED(hr))
+            *message = corvane::WFormat(OLESTR("The VALUE to set cannot be stored in tag '%s' (HR = %X): nothing was %s."),
+                                        changes.name.c_str(), static_cast<unsigned>(hr), Verb());
         }
       } else {
         hr = VariantCopy(&updated.value, &record[kValueField].Value);
@@ -454,7 +463,7 @@ HRESULT CRawDataChange::Run(ULONG64* changed, WString* message) {
     if (!raw) return CORVANE_E_MISSING_PARAMETER;
     std::vector<TagChanges> tags(plan.tags.names.size());
     for (size_t i = 0; i < tags.size(); ++i) tags[i].name = plan.tags.names[i];
-    hr = CheckTags(raw, plan, message);
+    hr = CheckTags(raw, plan, tags, message);
     for (size_t i = 0; i < tags.size() && SUCCEEDED(hr) && !plan.range.empty; ++i)
       hr = Collect(raw, plan, tags[i], message);
     if (SUCCEEDED(hr)) hr = Apply(raw, plan, tags, message);

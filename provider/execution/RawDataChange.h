@@ -15,6 +15,8 @@
 // sample's quality, SET QUALITY alone keeps its value; both may read the sample's own
 // columns). Changes start only after every sample was read and evaluated.
 #pragma once
+#include <vector>
+
 #include "SQLParser/SQLExpression.h"
 #include "SQLParser/SQLQueryInfo.h"
 #include "platform/WideString.h"
@@ -42,7 +44,8 @@ class CRawDataChange {
   struct TagChanges;
 
   HRESULT Analyse(Plan* plan, corvane::WString* message);
-  HRESULT CheckTags(IRawDataProvider* raw, const Plan& plan, corvane::WString* message);
+  // Every tag is known to the historian (its value type noted), or nothing changes.
+  HRESULT CheckTags(IRawDataProvider* raw, const Plan& plan, std::vector<TagChanges>& tags, corvane::WString* message);
   HRESULT Collect(IRawDataProvider* raw, Plan& plan, TagChanges& tag, corvane::WString* message);
   HRESULT Apply(IRawDataProvider* raw, const Plan& plan, std::vector<TagChanges>& tags, corvane::WString* message);
   const OLECHAR* Verb() const { return kind_ == Kind::kDelete ? OLESTR("deleted") : OLESTR("updated"); }

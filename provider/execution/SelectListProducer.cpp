@@ -71,6 +71,7 @@ HRESULT ConstOf(SQLEvaluationResult& result, std::unique_ptr<CSQLCalcItem>* out)
 }
 
 // The argument's value for `row` fed to the aggregate (1 for an argument-less call).
+// A value the aggregate cannot read fails it, and the statement with it.
 HRESULT FeedAggregate(CSQLFunctionAggregate& aggregate, CRowExpression* argument, const ProducedRecord& row,
                       corvane::WString* message) {
   SQLEvaluationResult value;
@@ -85,6 +86,8 @@ HRESULT FeedAggregate(CSQLFunctionAggregate& aggregate, CRowExpression* argument
     V_VT(&value.value) = VT_I8;
     V_I8(&value.value) = 1;
   }
+  // Aggregates leave nulls out, as SQL's do.
+  if (value.kind == SQLEvaluationResult::kNone || V_VT(&value.value) == VT_NULL) return S_OK;
   std::unique_ptr<CSQLCalcItem> fed;
   HRESULT hr = ConstOf(value, &fed);
   if (SUCCEEDED(hr)) hr = aggregate.Feed(std::move(fed));
