@@ -117,8 +117,7 @@ class Evaluator {
         break;
       }
       default:
-        v = Function(*static_cast<const CSQLCalcItemFunction*>(item));
-        break;
+        return Function(*static_cast<const CSQLCalcItemFunction*>(item));
     }
     v.constant = true;
     return v;
@@ -157,7 +156,11 @@ class Evaluator {
     Val v;
     const std::string name = Upper(ToUtf8(call.Name()));
     std::vector<Val> args;
-    for (const auto& a : call.Arguments()) args.push_back(Value(a.get()));
+    v.constant = true;  // a function of written values only
+    for (const auto& a : call.Arguments()) {
+      args.push_back(Value(a.get()));
+      v.constant = v.constant && args.back().constant;
+    }
     // Numbers become 32-bit words or counts: anything outside that range is not modelled.
     for (const Val& a : args)
       if (a.kind == Val::kNumber && !(a.number >= -2147483648.0 && a.number <= 4294967295.0)) modelable = false;

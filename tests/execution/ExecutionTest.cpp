@@ -301,31 +301,6 @@ TEST_F(DataChanges, InsertWithoutTimestampWritesNowAndAnswersOneRow) {
   EXPECT_EQ(HIST_E_TAG_NOT_FOUND, Run("INSERT INTO RAWDATA (TAGNAME, VALUE) VALUES ('nosuch', 1)"));
 }
 
-TEST_F(DataChanges, UpdateAndDeleteTakeTagAndRangeFromWhere) {
-  AddDoubleTag(OLESTR("T"), 10);
-  ASSERT_EQ(S_OK, Run("UPDATE RAWDATA SET VALUE = 42, QUALITY = 8 WHERE TAGNAME = 'T' AND TIMESTAMP = "
-                      "'2024-01-01 00:00:03'"));
-  EXPECT_EQ((std::vector<std::string>{"T", "2024-01-01 00:00:03", "8", "42"}),
-            Select("SELECT * FROM RAWDATA WHERE TAGNAME = 'T'").at(3));
-  // No sample at that moment: nothing matches, nothing changes, and that is no failure.
-  DBROWCOUNT affected = -1;
-  EXPECT_EQ(S_OK, Run("UPDATE RAWDATA SET VALUE = 1 WHERE TAGNAME = 'T' AND TIMESTAMP = '2024-01-01 00:00:03.5'",
-                      nullptr, &affected));
-  EXPECT_EQ(0, affected);
-
-  IRowset* rowset = nullptr;
-  ASSERT_EQ(S_OK, Run("DELETE FROM RAWDATA WHERE TAGNAME = 'T' AND TIMESTAMP >= '2024-01-01 00:00:02' AND "
-                      "TIMESTAMP <= '2024-01-01 00:00:05'",
-                      &rowset));
-  EXPECT_EQ((Rows{{"Delete query succeeded."}}), ReadAll(rowset));
-  rowset->Release();
-  EXPECT_EQ((std::vector<std::string>{"0", "1", "6", "7", "8", "9"}),
-            Column(Select("SELECT VALUE FROM RAWDATA WHERE TAGNAME = 'T'"), 0));
-  // Without a range nothing is removed.
-  EXPECT_EQ((HRESULT)0x8004C004L, Run("DELETE FROM RAWDATA WHERE TAGNAME = 'T'"));
-  EXPECT_EQ(6u, store_->SampleCount());
-}
-
 // ---- Query settings --------------------------------------------------------------------
 
 class QuerySettingsTable : public ExecutionTest {};
