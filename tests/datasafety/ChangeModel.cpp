@@ -1,6 +1,7 @@
 #include "tests/datasafety/ChangeModel.h"
 
 #include <cctype>
+#include <cstdio>
 #include <cstdlib>
 #include <sstream>
 

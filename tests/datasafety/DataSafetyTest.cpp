@@ -2,6 +2,7 @@
 // Every case runs one statement over two tags A and B (samples at 00:00:00 .. 00:00:09
 // of 2024-01-01, value 10 x the second, quality 192) and compares the historian's whole
 // contents afterwards with the expected ones.
+#include <algorithm>
 #include <cstdlib>
 #include <random>
 #include <regex>
