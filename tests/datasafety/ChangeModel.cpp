@@ -3,6 +3,7 @@
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
+#include <map>
 #include <sstream>
 
 #include "SQLParser/SQLCalcItemConst.h"
@@ -28,6 +29,14 @@ struct Val {
 std::string Upper(std::string s) {
   for (char& c : s) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
   return s;
+}
+
+int CompareIgnoringCase(const std::string& a, const std::string& b) {
+  for (size_t i = 0; i < a.size() && i < b.size(); ++i) {
+    const int x = std::toupper(static_cast<unsigned char>(a[i])), y = std::toupper(static_cast<unsigned char>(b[i]));
+    if (x != y) return x < y ? -1 : 1;
+  }
+  return a.size() == b.size() ? 0 : (a.size() < b.size() ? -1 : 1);
 }
 
 bool TextAsNumber(const std::string& s, double* n) {
@@ -57,11 +66,16 @@ bool TextAsTime(const std::string& s, ULONG64* t) {
   return CalendarToTicks(y, mo, d, h, mi, sec, static_cast<ULONG64>(ms) * 10000, t);
 }
 
+// One per statement: written values are read once, the rest per sample.
 class Evaluator {
  public:
-  Evaluator(const std::vector<VARIANT>& parameters, const ModelSample& sample)
-      : parameters_(parameters), sample_(sample) {}
+  explicit Evaluator(const std::vector<VARIANT>& parameters) : parameters_(parameters) {}
   bool modelable = true;
+
+  Truth Matches(const CSQLConditionNode* condition, const ModelSample& sample) {
+    sample_ = &sample;
+    return Condition(condition);
+  }
 
   Truth Condition(const CSQLConditionNode* node) {
     switch (node->Operator()) {
@@ -84,44 +98,50 @@ class Evaluator {
     Val v;
     switch (item->Kind()) {
       case SQL_CALC_TABLE_COLUMN: {
-        const std::string name = Upper(ToUtf8(static_cast<const CSQLCalcItemTableColumn*>(item)->ColumnName()));
-        if (name == "TAGNAME") {
+        if (!sample_) {  // a SET value that reads the row
+          modelable = false;
+          return v;
+        }
+        const WString& name = static_cast<const CSQLCalcItemTableColumn*>(item)->ColumnName();
+        const ModelSample& sample = *sample_;
+        if (WIEquals(name, OLESTR("TAGNAME"))) {
           v.kind = Val::kText;
-          v.text = sample_.tag;
-        } else if (name == "TIMESTAMP") {
+          v.text = sample.tag;
+        } else if (WIEquals(name, OLESTR("TIMESTAMP"))) {
           v.kind = Val::kTime;
-          v.time = sample_.time;
-        } else if (name == "QUALITY") {
+          v.time = sample.time;
+        } else if (WIEquals(name, OLESTR("QUALITY"))) {
           v.kind = Val::kNumber;
-          v.number = sample_.quality;
-        } else if (name == "VALUE") {
-          const VARTYPE t = sample_.type;
+          v.number = sample.quality;
+        } else if (WIEquals(name, OLESTR("VALUE"))) {
+          const VARTYPE t = sample.type;
           if (t == VT_DATE || t == VT_CY || t == VT_EMPTY || t == VT_NULL) modelable = false;
-          v.kind = sample_.isText ? Val::kText : Val::kNumber;
-          v.number = sample_.number;
-          v.text = sample_.text;
+          v.kind = sample.isText ? Val::kText : Val::kNumber;
+          v.number = sample.number;
+          v.text = sample.text;
         } else {
           modelable = false;
         }
         return v;
       }
       case SQL_CALC_CONST:
-        v = Variant(static_cast<const CSQLCalcItemConst*>(item)->Value());
-        break;
       case SQL_CALC_PARAMETER: {
-        const int n = static_cast<const CSQLCalcItemParameter*>(item)->Number();
-        if (n < 1 || static_cast<size_t>(n) > parameters_.size()) {
+        auto cached = written_.find(item);
+        if (cached != written_.end()) return cached->second;
+        const int n = item->Kind() == SQL_CALC_PARAMETER ? static_cast<const CSQLCalcItemParameter*>(item)->Number() : 0;
+        if (item->Kind() == SQL_CALC_CONST)
+          v = Variant(static_cast<const CSQLCalcItemConst*>(item)->Value());
+        else if (n >= 1 && static_cast<size_t>(n) <= parameters_.size())
+          v = Variant(parameters_[n - 1]);
+        else
           modelable = false;
-          return v;
-        }
-        v = Variant(parameters_[n - 1]);
-        break;
+        v.constant = true;
+        written_[item] = v;
+        return v;
       }
       default:
         return Function(*static_cast<const CSQLCalcItemFunction*>(item));
     }
-    v.constant = true;
-    return v;
   }
 
  private:
@@ -155,7 +175,7 @@ class Evaluator {
   // (an unknown unit gives the zero time); nothing else.
   Val Function(const CSQLCalcItemFunction& call) {
     Val v;
-    const std::string name = Upper(ToUtf8(call.Name()));
+    const WString& name = call.Name();
     std::vector<Val> args;
     v.constant = true;  // a function of written values only
     for (const auto& a : call.Arguments()) {
@@ -166,10 +186,10 @@ class Evaluator {
     for (const Val& a : args)
       if (a.kind == Val::kNumber && !(a.number >= -2147483648.0 && a.number <= 4294967295.0)) modelable = false;
     if (!modelable) return v;
-    if (name == "ISGOOD" && args.size() == 1 && args[0].kind == Val::kNumber && args[0].number >= 0) {
+    if (WIEquals(name, OLESTR("IsGood")) && args.size() == 1 && args[0].kind == Val::kNumber && args[0].number >= 0) {
       v.kind = Val::kNumber;
       v.number = (static_cast<DWORD>(args[0].number) & 0xC0000000u) == 0 ? 1 : 0;
-    } else if (name == "BITMASK" && args.size() == 3 && args[0].kind == Val::kText && args[1].kind == Val::kNumber &&
+    } else if (WIEquals(name, OLESTR("BitMask")) && args.size() == 3 && args[0].kind == Val::kText && args[1].kind == Val::kNumber &&
                args[2].kind == Val::kNumber && args[1].number >= 0 && args[2].number >= 0) {
       const DWORD mask = static_cast<DWORD>(args[1].number), x = static_cast<DWORD>(args[2].number);
       v.kind = Val::kNumber;
@@ -177,7 +197,7 @@ class Evaluator {
       else if (args[0].text == "|") v.number = x | mask;
       else if (args[0].text == "^") v.number = x ^ mask;
       else modelable = false;
-    } else if (name == "DATEADD" && args.size() == 3 && args[0].kind == Val::kText && args[1].kind == Val::kNumber &&
+    } else if (WIEquals(name, OLESTR("DATEADD")) && args.size() == 3 && args[0].kind == Val::kText && args[1].kind == Val::kNumber &&
                args[1].number <= 2147483647.0 && args[2].kind == Val::kText && TextAsTime(args[2].text, &v.time)) {
       static const struct {
         const char* unit;
@@ -224,8 +244,7 @@ class Evaluator {
     if (a.kind == Val::kNumber) order = a.number < b.number ? -1 : (a.number > b.number ? 1 : 0);
     if (a.kind == Val::kTime) order = a.time < b.time ? -1 : (a.time > b.time ? 1 : 0);
     if (a.kind == Val::kText) {
-      const std::string x = Upper(a.text), y = Upper(b.text);
-      order = x < y ? -1 : (x > y ? 1 : 0);
+      order = CompareIgnoringCase(a.text, b.text);
     }
     bool holds = false;
     switch (op) {
@@ -240,7 +259,8 @@ class Evaluator {
   }
 
   const std::vector<VARIANT>& parameters_;
-  const ModelSample& sample_;
+  const ModelSample* sample_ = nullptr;
+  std::map<const CSQLCalcItem*, Val> written_;  // constants and `?` values, read once
 };
 
 }  // namespace
@@ -252,6 +272,7 @@ ModelStore ReadStore(IRawDataProvider* raw) {
   BOOL truncated = FALSE;
   if (FAILED(raw->BrowseTags(nullptr, nullptr, &count, &tags, &truncated))) return store;
   for (ULONG i = 0; i < count; ++i) {
+    const std::string name = ToUtf8(tags[i].name);
     OLECHAR part[] = OLESTR("x");
     TagIdent tag{part, part, tags[i].name};
     void* point = nullptr;
@@ -262,7 +283,7 @@ ModelStore ReadStore(IRawDataProvider* raw) {
     for (ULONG k = 0; list && k < list->count; ++k) {
       const HistoryValue& h = list->values[k];
       ModelSample s;
-      s.tag = ToUtf8(tags[i].name);
+      s.tag = name;
       s.time = FileTimeToU64(h.timestamp);
       s.quality = h.quality;
       s.type = V_VT(&h.value);
@@ -301,7 +322,7 @@ bool ApplyChange(const CSQLQueryInfo& statement, const std::vector<VARIANT>& par
   if (update) {
     const auto& u = static_cast<const CSQLQueryInfoUPDATE&>(statement);
     for (size_t i = 0; i < u.Columns().size(); ++i) {
-      Evaluator constant(parameters, written);
+      Evaluator constant(parameters);
       const Val v = constant.Value(u.Values()[i].get());
       const std::string column = Upper(ToUtf8(static_cast<const CSQLCalcItemTableColumn&>(*u.Columns()[i]).ColumnName()));
       if (!constant.modelable || (v.kind != Val::kNumber && v.kind != Val::kText)) return false;
@@ -321,9 +342,9 @@ bool ApplyChange(const CSQLQueryInfo& statement, const std::vector<VARIANT>& par
     }
   }
   after->clear();
+  Evaluator evaluator(parameters);
   for (const ModelSample& s : before) {
-    Evaluator evaluator(parameters, s);
-    const bool match = statement.Condition() && evaluator.Condition(statement.Condition()) == Truth::kTrue;
+    const bool match = statement.Condition() && evaluator.Matches(statement.Condition(), s) == Truth::kTrue;
     if (!evaluator.modelable) return false;
     if (!match) {
       after->push_back(s);
