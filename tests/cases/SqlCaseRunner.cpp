@@ -219,6 +219,7 @@ struct FileRun {
 #endif
   }
   void Finish() {
+    EXPECT_EQ(0u, consumer->Host().OutstandingContinuationPoints()) << "a continuation point was left open";
     consumer.reset();
 #ifndef CORVANE_CONSUMER_OF_DLL
     trace.reset();
