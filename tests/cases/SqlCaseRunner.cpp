@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -47,32 +46,24 @@ std::string Trim(const std::string& s) {
 
 // The text after the first `n` words.
 std::string After(const std::string& text, size_t n) {
-  size_t at = 0;
-  for (size_t i = 0; i < n; ++i) {
-    at = text.find_first_not_of(" \t", at);
-    at = at == std::string::npos ? text.size() : text.find_first_of(" \t", at);
-    if (at == std::string::npos) return {};
+  std::istringstream in(text);
+  for (std::string w; n && in >> w; --n) {
   }
-  return Trim(text.substr(at));
+  std::string rest;
+  std::getline(in, rest);
+  return Trim(rest);
 }
 
+// Cells split at `separator` ("a, b" in quotes is one cell of a sample line).
 std::vector<std::string> Cells(const std::string& line, char separator) {
-  std::vector<std::string> cells;
-  std::string cell;
+  std::vector<std::string> cells(1);
   bool quoted = false;
   for (char c : line) {
-    if (c == '"' && separator == ',') {
-      quoted = !quoted;
-    } else if (c == separator && !quoted) {
-      cells.push_back(Trim(cell));
-      cell.clear();
-    } else {
-      cell += c;
-    }
+    if (c == '"' && separator == ',') quoted = !quoted;
+    else if (c == separator && !quoted) cells.emplace_back();
+    else cells.back() += c;
   }
-  cells.push_back(Trim(cell));
-  for (auto& c : cells)
-    if (c == "<empty>") c.clear();
+  for (auto& c : cells) c = Trim(c) == "<empty>" ? std::string() : Trim(c);
   return cells;
 }
 
@@ -89,8 +80,7 @@ std::string Show(const Rows& rows) {
     for (size_t c = 0; c < rows[i].size(); ++c) text += (c ? " | " : "") + (rows[i][c].empty() ? "<empty>" : rows[i][c]);
     text += "\n";
   }
-  if (rows.size() > 60) text += "    ... " + std::to_string(rows.size() - 60) + " more\n";
-  return text;
+  return rows.size() > 60 ? text + "    ... " + std::to_string(rows.size() - 60) + " more\n" : text;
 }
 
 std::string Hex(HRESULT hr) {
@@ -101,103 +91,76 @@ std::string Hex(HRESULT hr) {
 
 bool ParseHex(const std::string& text, HRESULT* hr) {
   char* end = nullptr;
-  const unsigned long value = std::strtoul(text.c_str(), &end, 16);
-  *hr = static_cast<HRESULT>(value);
-  return !text.empty() && end && *end == '\0';
+  *hr = static_cast<HRESULT>(std::strtoul(text.c_str(), &end, 16));
+  return !text.empty() && *end == '\0';
 }
 
-const std::pair<const char*, DBTYPE> kTypes[] = {
-    {"I2", DBTYPE_I2},     {"I4", DBTYPE_I4},       {"R4", DBTYPE_R4},          {"R8", DBTYPE_R8},
-    {"BSTR", DBTYPE_BSTR}, {"BOOL", DBTYPE_BOOL},   {"VARIANT", DBTYPE_VARIANT}, {"I1", DBTYPE_I1},
-    {"UI1", DBTYPE_UI1},   {"UI2", DBTYPE_UI2},     {"UI4", DBTYPE_UI4},         {"I8", DBTYPE_I8},
-    {"UI8", DBTYPE_UI8},   {"WSTR", DBTYPE_WSTR},   {"STR", DBTYPE_STR},         {"DATE", DBTYPE_DATE},
-    {"DBTIMESTAMP", DBTYPE_DBTIMESTAMP}};
-
 std::string TypeName(DBTYPE type) {
-  for (const auto& t : kTypes)
-    if (t.second == type) return t.first;
+  static const std::pair<DBTYPE, const char*> kNames[] = {
+      {DBTYPE_I2, "I2"},     {DBTYPE_I4, "I4"},      {DBTYPE_R4, "R4"},   {DBTYPE_R8, "R8"},   {DBTYPE_BOOL, "BOOL"},
+      {DBTYPE_VARIANT, "VARIANT"}, {DBTYPE_I1, "I1"}, {DBTYPE_UI1, "UI1"}, {DBTYPE_UI2, "UI2"}, {DBTYPE_UI4, "UI4"},
+      {DBTYPE_I8, "I8"},     {DBTYPE_UI8, "UI8"},    {DBTYPE_WSTR, "WSTR"}, {DBTYPE_DBTIMESTAMP, "DBTIMESTAMP"}};
+  for (const auto& [t, name] : kNames)
+    if (t == type) return name;
   return std::to_string(type);
 }
 
-const std::pair<const char*, VARTYPE> kTagTypes[] = {
-    {"R8", VT_R8}, {"R4", VT_R4},   {"I1", VT_I1},   {"I2", VT_I2},     {"I4", VT_I4},     {"I8", VT_I8},
-    {"UI1", VT_UI1}, {"UI2", VT_UI2}, {"UI4", VT_UI4}, {"UI8", VT_UI8}, {"BOOL", VT_BOOL}, {"BSTR", VT_BSTR}};
-
-// Sample times are seconds after this moment.
-ULONGLONG BaseTicks() {
-  const SYSTEMTIME base{2020, 1, 3, 1, 0, 0, 0, 0};
-  FILETIME ft{};
-  SystemTimeToFileTime(&base, &ft);
-  return FileTimeToU64(ft);
+bool IsCheck(const std::string& word) {
+  return word == "calls" || word == "trace" || word == "notrace" || word == "contents";
 }
 
 // Reads a case file into its cases; a line it cannot place is reported in `error`.
 std::vector<Case> ParseFile(const std::string& path, std::string* error) {
   std::ifstream in(path, std::ios::binary);
+  if (!in) *error = "cannot read " + path;
   std::vector<Line> lines;
   int number = 0;
-  for (std::string text; std::getline(in, text);) {
-    ++number;
-    if (!text.empty() && text.back() == '\r') text.pop_back();
-    if (Trim(text).rfind("#", 0) == 0) continue;
-    lines.push_back({number, text});
-  }
-  if (!in.eof() && lines.empty()) *error = "cannot read " + path;
+  for (std::string text; std::getline(in, text);)
+    if (++number, Trim(text).rfind("#", 0) != 0) lines.push_back({number, Trim(text) == "" ? "" : text});
   std::vector<Case> cases;
   std::vector<Line> setup;
-  // The lines up to the next blank one, or up to the next check after a statement.
   size_t i = 0;
+  // The lines up to the next blank one, or, after a statement, up to its first check.
   auto block = [&lines, &i](bool toCheck) {
     std::vector<Line> out;
-    for (++i; i < lines.size() && !Trim(lines[i].text).empty(); ++i) {
-      const std::vector<std::string> words = Words(lines[i].text);
-      if (toCheck && (words[0] == "calls" || words[0] == "trace" || words[0] == "notrace" || words[0] == "contents"))
-        break;
+    for (++i; i < lines.size() && !lines[i].text.empty() && !(toCheck && IsCheck(Words(lines[i].text)[0])); ++i)
       out.push_back(lines[i]);
-    }
     return out;
   };
   while (i < lines.size() && error->empty()) {
-    const Line& line = lines[i];
+    const Line line = lines[i];
     const std::vector<std::string> words = Words(line.text);
+    const std::string at = path + ":" + std::to_string(line.number) + ": ";
     if (words.empty()) {
       ++i;
     } else if (words[0] == "tag" || words[0] == "provider" || words[0] == "host" || words[0] == "fail") {
       setup.push_back(line);
       ++i;
     } else if (words[0] == "samples") {
-      for (Line& sample : block(false)) setup.push_back({sample.number, "sample " + sample.text});
+      for (const Line& sample : block(false)) setup.push_back({sample.number, "sample " + sample.text});
     } else if (words[0] == "statement" || words[0] == "query") {
       Case c;
-      c.path = path;
-      c.line = line.number;
+      c.path = path, c.line = line.number, c.header = words;
       c.setup.swap(setup);
-      c.header = words;
       bool result = false;
-      for (Line& body : block(true)) {
-        if (result) {
-          c.expected.push_back(body);
-        } else if (Trim(body.text) == "----") {
-          result = true;
-        } else if (Trim(body.text).rfind("? ", 0) == 0) {
-          c.parameters.push_back(body);
-        } else {
-          c.sql += (c.sql.empty() ? "" : "\n") + body.text;
-        }
+      for (const Line& body : block(true)) {
+        if (result) c.expected.push_back(body);
+        else if (Trim(body.text) == "----") result = true;
+        else if (Trim(body.text).rfind("? ", 0) == 0) c.parameters.push_back(body);
+        else c.sql += (c.sql.empty() ? "" : "\n") + body.text;
       }
-      if (c.sql.empty()) *error = path + ":" + std::to_string(line.number) + ": no statement";
+      if (c.sql.empty()) *error = at + "no statement";
       cases.push_back(std::move(c));
-    } else if ((words[0] == "calls" || words[0] == "trace" || words[0] == "notrace" || words[0] == "contents") &&
-               !cases.empty() && setup.empty()) {
-      std::vector<Line> contents = words[0] == "contents" ? block(false) : std::vector<Line>();
-      if (words[0] != "contents") ++i;
+    } else if (IsCheck(words[0]) && !cases.empty() && setup.empty()) {
+      std::vector<Line> contents;
+      if (words[0] == "contents") contents = block(false);
+      else ++i;
       cases.back().checks.emplace_back(line, contents);
     } else {
-      *error = path + ":" + std::to_string(line.number) + ": cannot place '" + line.text + "'";
+      *error = at + "cannot place '" + line.text + "'";
     }
   }
-  if (!setup.empty() && error->empty())
-    *error = path + ":" + std::to_string(setup[0].number) + ": directives after the last statement";
+  if (!setup.empty() && error->empty()) *error = path + ": directives after the last statement";
   return cases;
 }
 
@@ -230,17 +193,13 @@ struct FileRun {
   }
 };
 
-std::map<std::string, FileRun>& Runs() {
-  static std::map<std::string, FileRun> runs;
-  return runs;
-}
-
 class CaseTest : public ::testing::Test {
  public:
   CaseTest(const std::vector<Case>* cases, size_t index) : cases_(cases), index_(index) {}
 
   void TestBody() override {
-    FileRun& run = Runs()[(*cases_)[index_].path];
+    static std::map<std::string, FileRun> runs;
+    FileRun& run = runs[(*cases_)[index_].path];
     if (run.next > index_) run.Finish();
     if (!run.consumer) run.Start();
     // Cases left out by a filter still set the scene for this one.
@@ -252,8 +211,8 @@ class CaseTest : public ::testing::Test {
 
  private:
   void Execute(const Case& c, FileRun& run, bool check) {
-    const std::string at = c.path + ":" + std::to_string(c.line);
-    for (const Line& line : c.setup) Apply(c.path, line, run);
+    const char* file = c.path.c_str();
+    for (const Line& line : c.setup) Apply(file, line, run);
     if (!run.consumer->IsOpen()) run.consumer->Open(run.providerString);
     std::vector<Parameter> parameters;
     for (const Line& p : c.parameters) {
@@ -264,27 +223,22 @@ class CaseTest : public ::testing::Test {
       parameter.null = parameter.value == "<null>";
       parameters.push_back(parameter);
     }
-    // Header options: "query [columns] [count] [batch N] [error HR [description]]".
+    // "query [columns] [count] [batch N] [error HRESULT [description]]"
     bool columns = false, count = false;
     DBROWCOUNT batch = 7;
     HRESULT expectedHr = S_OK;
     std::string description;
-    bool describedError = false;
     for (size_t w = 1; w < c.header.size(); ++w) {
       const std::string& word = c.header[w];
-      if (word == "columns") {
-        columns = true;
-      } else if (word == "count") {
-        count = true;
+      if (word == "columns" || word == "count") {
+        (word == "count" ? count : columns) = true;
       } else if (word == "batch" && w + 1 < c.header.size()) {
         batch = std::atoi(c.header[++w].c_str());
       } else if (word == "error" && w + 1 < c.header.size() && ParseHex(c.header[w + 1], &expectedHr)) {
         description = After(Join(c.header), w + 2);
-        describedError = !description.empty();
         break;
       } else if (word != "ok") {
-        ADD_FAILURE_AT(c.path.c_str(), c.line) << "unknown word '" << word << "' in the case header";
-        return;
+        return ADD_FAILURE_AT(file, c.line) << "unknown word '" << word << "' in the case header";
       }
     }
     ULONG callsBefore[static_cast<int>(HostOp::Count)];
@@ -297,17 +251,15 @@ class CaseTest : public ::testing::Test {
     if (!check) return;
     const std::string statement = "\n  statement: " + c.sql + "\n";
     if (got.hr != expectedHr) {
-      ADD_FAILURE_AT(c.path.c_str(), c.line) << statement << "  expected " << Hex(expectedHr) << ", got "
-                                             << Hex(got.hr) << (got.atExecute ? " from Execute" : " from a fetch")
-                                             << ": " << got.error.description << "\n  rows:\n" << Show(got.rows);
-      return;
+      return ADD_FAILURE_AT(file, c.line) << statement << "  expected " << Hex(expectedHr) << ", got " << Hex(got.hr)
+                                          << (got.atExecute ? " from Execute" : " from a fetch") << ": "
+                                          << got.error.description << "\n  rows:\n" << Show(got.rows);
     }
-    if (describedError && got.error.description != description) {
-      ADD_FAILURE_AT(c.path.c_str(), c.line) << statement << "  expected the description: " << description
-                                             << "\n  got: " << got.error.description;
-    }
+    if (!description.empty() && got.error.description != description)
+      ADD_FAILURE_AT(file, c.line) << statement << "  expected the description: " << description
+                                   << "\n  got: " << got.error.description;
     if (c.header[0] == "query") CompareRows(c, statement, got, columns, count);
-    for (const auto& [line, block] : c.checks) Check(c, line, block, run, got, callsBefore);
+    for (const auto& [line, block] : c.checks) Check(c, line, block, run, callsBefore);
   }
 
   static std::string Join(const std::vector<std::string>& words) {
@@ -316,8 +268,7 @@ class CaseTest : public ::testing::Test {
     return text;
   }
 
-  void CompareRows(const Case& c, const std::string& statement, const Outcome& got, bool columns, bool count) {
-    const char* file = c.path.c_str();
+  static void CompareRows(const Case& c, const std::string& statement, const Outcome& got, bool columns, bool count) {
     size_t first = 0;
     if (columns) {
       const std::vector<std::string> names = c.expected.empty() ? std::vector<std::string>()
@@ -327,81 +278,78 @@ class CaseTest : public ::testing::Test {
         const bool typed = i < names.size() && names[i].find(':') != std::string::npos;
         actual.push_back(got.columns[i].first + (typed ? ":" + TypeName(got.columns[i].second) : ""));
       }
-      if (actual != names) ADD_FAILURE_AT(file, c.line) << statement << "  columns: " << Show({actual});
+      if (actual != names) ADD_FAILURE_AT(c.path.c_str(), c.line) << statement << "  columns: " << Show({actual});
       first = 1;
     }
-    if (count) {
-      const std::string expected = c.expected.size() > first ? Trim(c.expected[first].text) : "";
-      if (std::to_string(got.rows.size()) != expected)
-        ADD_FAILURE_AT(file, c.line) << statement << "  expected " << expected << " rows, got " << got.rows.size();
-      return;
-    }
-    const Rows expected = Table(c.expected, first);
-    if (got.rows != expected)
-      ADD_FAILURE_AT(file, c.line) << statement << "  expected " << expected.size() << " rows:\n"
-                                   << Show(expected) << "  got " << got.rows.size() << ":\n" << Show(got.rows);
+    const Rows expected = count ? Rows() : Table(c.expected, first);
+    const std::string rows = c.expected.size() > first ? Trim(c.expected[first].text) : "";
+    if (count ? std::to_string(got.rows.size()) != rows : got.rows != expected)
+      ADD_FAILURE_AT(c.path.c_str(), c.line) << statement << "  expected " << (count ? rows : std::to_string(expected.size()))
+                                             << " rows:\n" << Show(expected) << "  got " << got.rows.size() << ":\n"
+                                             << Show(got.rows);
   }
 
-  void Check(const Case& c, const Line& line, const std::vector<Line>& block, FileRun& run, const Outcome&,
-             const ULONG* callsBefore) {
+  static void Check(const Case& c, const Line& line, const std::vector<Line>& block, FileRun& run,
+                    const ULONG* callsBefore) {
     const char* file = c.path.c_str();
     const std::vector<std::string> words = Words(line.text);
-    if (words[0] == "calls") {
-      HostOp op;
-      if (words.size() != 3 || !HostOpNamed(words[1], &op)) {
-        ADD_FAILURE_AT(file, line.number) << "calls OPERATION COUNT";
-        return;
-      }
+    const std::string of = "the statement of line " + std::to_string(c.line);
+    HostOp op;
+    if (words[0] == "calls" && words.size() == 3 && HostOpNamed(words[1], &op)) {
       const ULONG made = run.consumer->Host().Calls(op) - callsBefore[static_cast<int>(op)];
       if (std::to_string(made) != words[2])
-        ADD_FAILURE_AT(file, line.number) << "the statement of line " << c.line << " made " << made << " "
-                                          << words[1] << " call(s), not " << words[2];
+        ADD_FAILURE_AT(file, line.number) << of << " made " << made << " " << words[1] << " call(s), not " << words[2];
     } else if (words[0] == "trace" || words[0] == "notrace") {
 #ifndef CORVANE_CONSUMER_OF_DLL  // the DLL traces into its own facility
-      const std::string text = After(line.text, 1);
-      if (run.trace->Contains(text) != (words[0] == "trace"))
-        ADD_FAILURE_AT(file, line.number) << "the statement of line " << c.line << (words[0] == "trace" ? " did not trace: " : " traced: ") << text;
+      if (run.trace->Contains(After(line.text, 1)) != (words[0] == "trace"))
+        ADD_FAILURE_AT(file, line.number) << of << (words[0] == "trace" ? " did not trace: " : " traced: ")
+                                          << After(line.text, 1);
 #endif
-    } else {
-      const Rows expected = Table(block);
-      const Rows actual = run.consumer->Contents();
+    } else if (words[0] == "contents") {
+      const Rows expected = Table(block), actual = run.consumer->Contents();
       if (actual != expected)
-        ADD_FAILURE_AT(file, line.number) << "the historian holds " << actual.size() << " samples:\n"
-                                          << Show(actual) << "  expected " << expected.size() << ":\n"
-                                          << Show(expected);
+        ADD_FAILURE_AT(file, line.number) << "the historian holds " << actual.size() << " samples:\n" << Show(actual)
+                                          << "  expected " << expected.size() << ":\n" << Show(expected);
+    } else {
+      ADD_FAILURE_AT(file, line.number) << "cannot check '" << line.text << "'";
     }
   }
 
-  static void Apply(const std::string& path, const Line& line, FileRun& run) {
-    const char* file = path.c_str();
+  static void Apply(const char* file, const Line& line, FileRun& run) {
     const std::vector<std::string> words = Words(line.text);
     SqlConsumer& consumer = *run.consumer;
+    HostOp op;
+    HRESULT hr = S_OK;
     if (words[0] == "tag" && words.size() >= 2) {
       // tag NAME [TYPE] [stepped] [readonly] [description...]
+      static const std::pair<const char*, VARTYPE> kTypes[] = {
+          {"R8", VT_R8},   {"R4", VT_R4},   {"I1", VT_I1},   {"I2", VT_I2},   {"I4", VT_I4},     {"I8", VT_I8},
+          {"UI1", VT_UI1}, {"UI2", VT_UI2}, {"UI4", VT_UI4}, {"UI8", VT_UI8}, {"BOOL", VT_BOOL}, {"BSTR", VT_BSTR}};
       historian::TagDefinition tag;
       tag.name = FromUtf8(words[1]);
       size_t w = 2;
-      for (const auto& t : kTagTypes)
-        if (w < words.size() && words[w] == t.first) tag.vartype = t.second, ++w;
+      for (const auto& [name, vt] : kTypes)
+        if (w < words.size() && words[w] == name) tag.vartype = vt, ++w;
       for (; w < words.size() && (words[w] == "stepped" || words[w] == "readonly"); ++w) {
         if (words[w] == "stepped") tag.stepped = true;
-        if (words[w] == "readonly") tag.accessRights = kTagAccessRead;
+        else tag.accessRights = kTagAccessRead;
       }
       tag.description = FromUtf8(After(line.text, w));
       if (consumer.Store().AddTag(tag) != S_OK) ADD_FAILURE_AT(file, line.number) << "tag not added";
     } else if (words[0] == "sample") {
-      // NAME, seconds, value [, quality in hex]
+      // NAME, SECONDS, VALUE [, QUALITY in hex]
       const std::vector<std::string> cells = Cells(After(line.text, 1), ',');
       historian::TagDefinition tag;
       historian::SampleInput s;
-      HRESULT quality = 0;
       if (cells.size() < 3 || consumer.Store().GetTag(FromUtf8(cells[0]), &tag) != S_OK ||
-          (cells.size() > 3 && !ParseHex(cells[3], &quality))) {
-        ADD_FAILURE_AT(file, line.number) << "NAME, SECONDS, VALUE [, QUALITY]: " << line.text;
-        return;
+          (cells.size() > 3 && !ParseHex(cells[3], &hr))) {
+        return ADD_FAILURE_AT(file, line.number) << "NAME, SECONDS, VALUE [, QUALITY]: " << line.text;
       }
-      s.time = BaseTicks() + static_cast<ULONGLONG>(std::llround(std::atof(cells[1].c_str()) * 1e7));
-      s.quality = static_cast<DWORD>(quality);
+      const SYSTEMTIME base{2020, 1, 3, 1, 0, 0, 0, 0};  // 2020-01-01 00:00:00 UTC
+      FILETIME ft{};
+      SystemTimeToFileTime(&base, &ft);
+      s.time = FileTimeToU64(ft) + static_cast<ULONGLONG>(std::llround(std::atof(cells[1].c_str()) * 1e7));
+      s.quality = static_cast<DWORD>(hr);
       if (tag.vartype == VT_BSTR) s.text = FromUtf8(cells[2]);
       s.number = std::atof(cells[2].c_str());
       s.integer = std::atoll(cells[2].c_str());
@@ -413,11 +361,9 @@ class CaseTest : public ::testing::Test {
       consumer.Host().Omit(words[2] == "values" ? IID_IValuesProvider : IID_IProcessedDataProvider);
     } else if (words[0] == "host" && words.size() == 3 && words[1] == "page") {
       consumer.Host().ForcePageSize(static_cast<ULONG>(std::atol(words[2].c_str())));
-    } else if (HostOp op; words[0] == "fail" && words.size() == 4 && HostOpNamed(words[1], &op)) {
+    } else if (words[0] == "fail" && words.size() == 4 && HostOpNamed(words[1], &op) && ParseHex(words[3], &hr)) {
       // fail OPERATION N HRESULT: the Nth call from now fails; N = 0: every call from now.
-      HRESULT hr = S_OK;
       const ULONG n = static_cast<ULONG>(std::atol(words[2].c_str()));
-      if (!ParseHex(words[3], &hr)) ADD_FAILURE_AT(file, line.number) << "not a code: " << words[3];
       consumer.Host().FailCall(op, n ? consumer.Host().Calls(op) + n : 0, hr);
     } else {
       ADD_FAILURE_AT(file, line.number) << "cannot apply '" << line.text << "'";
@@ -428,7 +374,8 @@ class CaseTest : public ::testing::Test {
   size_t index_;
 };
 
-// Registers the cases of every file before main runs, as TEST does.
+// Registers the cases of every file before main runs, as TEST does; a file that does not
+// parse is one failing test.
 const bool kRegistered = [] {
   std::string directory = CORVANE_CASE_DIR;
 #ifdef _WIN32
@@ -443,23 +390,14 @@ const bool kRegistered = [] {
     auto* cases = new std::vector<Case>(ParseFile(path, &error));  // lives as long as the tests
     const std::string suite = std::filesystem::path(path).stem().string();
     if (!error.empty()) {
-      ::testing::RegisterTest(suite.c_str(), "parse", nullptr, nullptr, path.c_str(), 1,
-                              [error]() -> ::testing::Test* {
-                                struct Broken : ::testing::Test {
-                                  std::string why;
-                                  void TestBody() override { ADD_FAILURE() << why; }
-                                };
-                                auto* t = new Broken;
-                                t->why = error;
-                                return t;
+      cases->assign(1, Case());
+      cases->back().path = path, cases->back().line = 1, cases->back().header = {"statement", error};
+    }
+    for (size_t i = 0; i < cases->size(); ++i)
+      ::testing::RegisterTest(suite.c_str(), ("line" + std::to_string((*cases)[i].line)).c_str(), nullptr, nullptr,
+                              path.c_str(), (*cases)[i].line, [cases, i]() -> ::testing::Test* {
+                                return new CaseTest(cases, i);
                               });
-      continue;
-    }
-    for (size_t i = 0; i < cases->size(); ++i) {
-      const std::string name = "line" + std::to_string((*cases)[i].line);
-      ::testing::RegisterTest(suite.c_str(), name.c_str(), nullptr, nullptr, path.c_str(), (*cases)[i].line,
-                              [cases, i]() -> ::testing::Test* { return new CaseTest(cases, i); });
-    }
   }
   return true;
 }();
