@@ -23,38 +23,29 @@ T* Query(IUnknown* object, REFIID iid) {
   return object ? ConsumerTest::Query<T>(object, iid) : nullptr;
 }
 
-// Every `?` bound as wide text inline in one buffer, with length and status.
-struct TextParameters {
-  static constexpr size_t kChars = 256;
-  struct Slot {
-    DBSTATUS status;
-    DBLENGTH length;
-    OLECHAR text[kChars];
-  };
-  std::vector<Slot> slots;
-  std::vector<DBBINDING> bindings;
-  explicit TextParameters(const std::vector<Parameter>& values) : slots(values.size()), bindings(values.size()) {
-    for (size_t i = 0; i < values.size(); ++i) {
-      const WString text = FromUtf8(values[i].value).substr(0, kChars - 1);
-      Slot& s = slots[i];
-      std::memset(&s, 0, sizeof s);
-      s.status = values[i].null ? DBSTATUS_S_ISNULL : DBSTATUS_S_OK;
-      s.length = text.size() * sizeof(OLECHAR);
-      std::memcpy(s.text, text.c_str(), s.length + sizeof(OLECHAR));
-      DBBINDING& b = bindings[i];
-      std::memset(&b, 0, sizeof b);
-      b.iOrdinal = i + 1;
-      b.obStatus = i * sizeof(Slot) + offsetof(Slot, status);
-      b.obLength = i * sizeof(Slot) + offsetof(Slot, length);
-      b.obValue = i * sizeof(Slot) + offsetof(Slot, text);
-      b.dwPart = DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS;
-      b.dwMemOwner = DBMEMOWNER_CLIENTOWNED;
-      b.eParamIO = DBPARAMIO_INPUT;
-      b.cbMaxLen = kChars * sizeof(OLECHAR);
-      b.wType = DBTYPE_WSTR;
-    }
-  }
+// A text of `chars` characters at slot `i` of a buffer of Slot<chars>, with length and status.
+template <size_t chars>
+struct Slot {
+  DBSTATUS status;
+  DBLENGTH length;
+  OLECHAR text[chars];
 };
+template <size_t chars>
+DBBINDING TextBinding(size_t i, DBPARAMIO io) {
+  DBBINDING b;
+  std::memset(&b, 0, sizeof b);
+  b.iOrdinal = i + 1;
+  b.obStatus = i * sizeof(Slot<chars>) + offsetof(Slot<chars>, status);
+  b.obLength = i * sizeof(Slot<chars>) + offsetof(Slot<chars>, length);
+  b.obValue = i * sizeof(Slot<chars>) + offsetof(Slot<chars>, text);
+  b.dwPart = DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS;
+  b.dwMemOwner = DBMEMOWNER_CLIENTOWNED;
+  b.eParamIO = io;
+  b.cbMaxLen = chars * sizeof(OLECHAR);
+  b.wType = DBTYPE_WSTR;
+  return b;
+}
+constexpr size_t kChars = 256;
 
 }  // namespace
 
@@ -139,11 +130,21 @@ Outcome SqlConsumer::Run(const std::string& sql, const std::vector<Parameter>& p
   Outcome out;
   if (!command_) return out.hr = E_UNEXPECTED, out;
   IUnknown* rowset = nullptr;
-  out.hr = command_->SetCommandText(DBGUID_DEFAULT, FromUtf8(sql).c_str());
+  // Each statement starts without the parameter descriptions of the one before.
   ICommandWithParameters* described = Query<ICommandWithParameters>(command_, IID_ICommandWithParameters);
+  out.hr = described->SetParameterInfo(0, nullptr, nullptr);
+  if (SUCCEEDED(out.hr)) out.hr = command_->SetCommandText(DBGUID_DEFAULT, FromUtf8(sql).c_str());
   IAccessor* accessor = Query<IAccessor>(command_, IID_IAccessor);
   HACCESSOR handle = DB_NULL_HACCESSOR;
-  TextParameters values(parameters);
+  std::vector<Slot<kChars>> values(parameters.size());
+  std::vector<DBBINDING> valueBindings;
+  for (size_t i = 0; i < parameters.size(); ++i) {
+    const WString text = FromUtf8(parameters[i].value).substr(0, kChars - 1);
+    values[i].status = parameters[i].null ? DBSTATUS_S_ISNULL : DBSTATUS_S_OK;
+    values[i].length = text.size() * sizeof(OLECHAR);
+    std::memcpy(values[i].text, text.c_str(), values[i].length + sizeof(OLECHAR));
+    valueBindings.push_back(TextBinding<kChars>(i, DBPARAMIO_INPUT));
+  }
   std::vector<WString> typeNames;
   for (const Parameter& p : parameters) typeNames.push_back(FromUtf8(p.type));
   for (size_t i = 0; SUCCEEDED(out.hr) && i < parameters.size(); ++i) {
@@ -155,9 +156,9 @@ Outcome SqlConsumer::Run(const std::string& sql, const std::vector<Parameter>& p
     out.hr = described->SetParameterInfo(1, &ordinal, &info);
   }
   if (SUCCEEDED(out.hr) && !parameters.empty())
-    out.hr = accessor->CreateAccessor(DBACCESSOR_PARAMETERDATA, values.bindings.size(), values.bindings.data(),
-                                      values.slots.size() * sizeof(TextParameters::Slot), &handle, nullptr);
-  DBPARAMS params{values.slots.data(), 1, handle};
+    out.hr = accessor->CreateAccessor(DBACCESSOR_PARAMETERDATA, valueBindings.size(), valueBindings.data(),
+                                      values.size() * sizeof(values[0]), &handle, nullptr);
+  DBPARAMS params{values.data(), 1, handle};
   if (SUCCEEDED(out.hr))
     out.hr = command_->Execute(nullptr, IID_IRowset, parameters.empty() ? nullptr : &params, nullptr, &rowset);
   if (FAILED(out.hr)) {
@@ -165,7 +166,6 @@ Outcome SqlConsumer::Run(const std::string& sql, const std::vector<Parameter>& p
     out.error = TakeError();
   }
   if (handle != DB_NULL_HACCESSOR) accessor->ReleaseAccessor(handle, nullptr);
-  if (!parameters.empty()) described->SetParameterInfo(0, nullptr, nullptr);
   if (described) described->Release();
   if (accessor) accessor->Release();
   if (!rowset) return out;
@@ -174,28 +174,10 @@ Outcome SqlConsumer::Run(const std::string& sql, const std::vector<Parameter>& p
   const size_t columns = out.columns.size();
   IAccessor* rowAccessor = Query<IAccessor>(rowset, IID_IAccessor);
   IRowset* fetch = Query<IRowset>(rowset, IID_IRowset);
-  constexpr DBLENGTH kChars = 256;
-  struct Cell {
-    DBSTATUS status;
-    DBLENGTH length;
-    OLECHAR text[kChars];
-  };
-  std::vector<DBBINDING> bindings(columns);
-  for (size_t i = 0; i < columns; ++i) {
-    DBBINDING& b = bindings[i];
-    std::memset(&b, 0, sizeof b);
-    b.iOrdinal = i + 1;
-    b.obStatus = i * sizeof(Cell) + offsetof(Cell, status);
-    b.obLength = i * sizeof(Cell) + offsetof(Cell, length);
-    b.obValue = i * sizeof(Cell) + offsetof(Cell, text);
-    b.dwPart = DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS;
-    b.dwMemOwner = DBMEMOWNER_CLIENTOWNED;
-    b.eParamIO = DBPARAMIO_NOTPARAM;
-    b.cbMaxLen = sizeof(Cell::text);
-    b.wType = DBTYPE_WSTR;
-  }
+  std::vector<DBBINDING> bindings;
+  for (size_t i = 0; i < columns; ++i) bindings.push_back(TextBinding<kChars>(i, DBPARAMIO_NOTPARAM));
   HACCESSOR rowHandle = DB_NULL_HACCESSOR;
-  EXPECT_EQ(S_OK, rowAccessor->CreateAccessor(DBACCESSOR_ROWDATA, columns, bindings.data(), columns * sizeof(Cell),
+  EXPECT_EQ(S_OK, rowAccessor->CreateAccessor(DBACCESSOR_ROWDATA, columns, bindings.data(), columns * sizeof(Slot<kChars>),
                                               &rowHandle, nullptr));
   std::vector<HROW> held;
   for (;;) {
@@ -210,11 +192,11 @@ Outcome SqlConsumer::Run(const std::string& sql, const std::vector<Parameter>& p
     CoTaskMemFree(handles);
     if (hr != S_OK || obtained == 0) break;
   }
-  std::vector<Cell> buffer(columns);
+  std::vector<Slot<kChars>> buffer(columns);
   for (HROW row : held) {
     EXPECT_EQ(S_OK, fetch->GetData(row, rowHandle, buffer.data())) << "a held row stays readable";
     std::vector<std::string> cells;
-    for (const Cell& c : buffer)
+    for (const auto& c : buffer)
       cells.push_back(c.status == DBSTATUS_S_ISNULL ? std::string("<null>") : ToUtf8(c.text));
     out.rows.push_back(std::move(cells));
   }
