@@ -29,8 +29,7 @@ ULONGLONG T(double seconds) { return kT0 + static_cast<LONGLONG>(std::llround(se
 constexpr DWORD kBadQ = 0x80000000u;
 constexpr DWORD kUncertainQ = 0x40000000u;
 // Status words as documented: severity | data-value info | origin (| partial).
-constexpr DWORD kGoodCalc = 0x401, kUncertainCalc = 0x40A40401, kBadCalc = 0x80000401;
-constexpr DWORD kGoodRaw = 0x400, kUncertainRaw = 0x40A40400, kGoodInterp = 0x402, kUncertainInterp = 0x40A40402;
+constexpr DWORD kGoodCalc = 0x401, kUncertainCalc = 0x40A40401, kGoodInterp = 0x402;
 
 // A raw provider holding a few tags in memory, with pages of at most `pageLimit`
 // samples, live continuation points counted, and an optional failing read.
