@@ -97,6 +97,7 @@ TEST_F(SqlStatements, EmptyTextSucceedsWithoutAQueryAndClearEmptiesOne) {
   EXPECT_EQ(CSQLParser::ParseQuery({OLESTR("c"), OLESTR("s"), corvane::WStringView()}, &query, &error), S_OK);
   EXPECT_EQ(query.get(), before);
   EXPECT_TRUE(error.empty());
+  EXPECT_EQ(CSQLParser::ParseQuery({OLESTR(""), OLESTR(""), OLESTR("SELECT a FROM t")}, nullptr), E_INVALIDARG);
 
   auto p = Parse("INSERT INTO t (a) VALUES (1)");
   ASSERT_EQ(p.hr, S_OK);
