@@ -8,6 +8,7 @@
 #include <cmath>
 #include <filesystem>
 #include <fstream>
+#include <list>
 #include <map>
 #include <sstream>
 
@@ -387,7 +388,8 @@ const bool kRegistered = [] {
   std::sort(paths.begin(), paths.end());
   for (const std::string& path : paths) {
     std::string error;
-    auto* cases = new std::vector<Case>(ParseFile(path, &error));  // lives as long as the tests
+    static std::list<std::vector<Case>> files;  // lives as long as the tests
+    auto* cases = &files.emplace_back(ParseFile(path, &error));
     const std::string suite = std::filesystem::path(path).stem().string();
     if (!error.empty()) {
       cases->assign(1, Case());
