@@ -114,10 +114,10 @@ DBTIMESTAMP Timestamp(const std::string& text) {
   return t;
 }
 
-void Parse(const std::string& spec, Value* v) {
-  const size_t space = spec.find(' ');
-  const std::string text = space == std::string::npos ? "" : spec.substr(space + 1);
-  v->type = TypeOf(spec.substr(0, space));
+void Parse(const std::string& written, Value* v) {
+  const size_t space = written.find(' ');
+  const std::string text = space == std::string::npos ? "" : written.substr(space + 1);
+  v->type = TypeOf(written.substr(0, space));
   BYTE* b = v->bytes;
   const double number = std::atof(text.c_str());
   const long long integer = std::atoll(text.c_str());
