@@ -139,8 +139,8 @@ int Parse(int argc, char** argv, CommandLine* cl) {
   return 0;
 }
 
-// Reads a whole file into `text`, or with no `text` only its first byte, to learn that it
-// can be read; false with errno set when it cannot (a directory cannot).
+// Reads a whole file into `text`, or with no `text` only opens it (a pipe must keep its
+// bytes for the loader); false with errno set when it cannot (a directory cannot).
 bool ReadFile(const std::string& name, std::string* text) {
   FILE* f = fopen(name.c_str(), "rb");
   if (!f) return false;
@@ -152,7 +152,7 @@ bool ReadFile(const std::string& name, std::string* text) {
   }
   char buffer[65536];
   size_t n;
-  while ((n = fread(buffer, 1, text ? sizeof buffer : 1, f)) > 0 && text) text->append(buffer, n);
+  while (text && (n = fread(buffer, 1, sizeof buffer, f)) > 0) text->append(buffer, n);
   const bool failed = ferror(f) != 0;
   const int error = errno;
   fclose(f);
