@@ -87,7 +87,7 @@ std::vector<TimeTick> TimeTicks(int64_t t0, int64_t t1, size_t most) {
 }
 
 // Round values (1, 2 or 5 times a power of ten) across [v0, v1], about `count` of them.
-std::vector<std::pair<double, std::string>> ValueTicks(double v0, double v1, int count) {
+std::vector<std::pair<double, std::string>> ValueTicks(double v0, double v1, int count, const char* unit) {
   const double raw = (v1 - v0) / count;
   const double magnitude = std::pow(10.0, std::floor(std::log10(raw)));
   double step = magnitude;
@@ -100,7 +100,7 @@ std::vector<std::pair<double, std::string>> ValueTicks(double v0, double v1, int
   std::vector<std::pair<double, std::string>> ticks;
   for (double v = std::ceil(v0 / step) * step; v <= v1 + step * 1e-9; v += step) {
     const double shown = std::fabs(v) < step * 1e-6 ? 0.0 : v;
-    ticks.emplace_back(v, Format("%.*f", decimals, shown));
+    ticks.emplace_back(v, Format("%.*f%s", decimals, shown, unit));
   }
   return ticks;
 }
@@ -155,10 +155,16 @@ size_t CodePoints(const std::string& text) {
 }
 
 std::string RangeText(double low, double high) {
-  return Format("%.6g", low) + " \xE2\x80\xA6 " + Format("%.6g", high);
+  return Format("%.5g", low) + " \xE2\x80\xA6 " + Format("%.5g", high);
 }
 
 }  // namespace
+
+std::string CTrendChart::RangeNote(const Frame& f) {
+  if (f.empty) return "no samples";
+  return "UTC, " + DateTimeText(f.t0) + " to " + DateTimeText(f.t1) +
+         (f.percent ? "; values in percent of each series' range" : "");
+}
 
 void CTrendChart::Bin::Merge(const Bin& o) {
   if (o.Good()) {
@@ -254,6 +260,15 @@ CTrendChart::Frame CTrendChart::MakeFrame() const {
   if (f.empty) f.t0 = 0, f.t1 = kSecond;
   if (f.t1 == f.t0) f.t0 -= kSecond, f.t1 += kSecond;  // one instant: a two-second window around it
   if (!anyValue) f.v0 = 0, f.v1 = 1;
+  // A series whose range is under a twenty-fifth of the whole would show as a flat line.
+  for (const Series& s : series_)
+    f.percent = f.percent || (s.any && s.high > s.low && (s.high - s.low) * 25 < f.v1 - f.v0);
+  for (const Series& s : series_) {
+    if (!f.percent) f.scale.emplace_back(0.0, 1.0);
+    else if (s.high > s.low) f.scale.emplace_back(s.low, 100.0 / (s.high - s.low));
+    else f.scale.emplace_back(s.low - 50.0, 1.0);  // a constant sits half-way up
+  }
+  if (f.percent) f.v0 = 0, f.v1 = 100;
   const double span = f.v1 > f.v0 ? f.v1 - f.v0 : std::max(std::fabs(f.v0) * 0.1, 1.0);
   if (f.v1 == f.v0) f.v0 -= span / 2, f.v1 += span / 2;
   else f.v0 -= span * 0.04, f.v1 += span * 0.04;  // lines along the extremes stay visible
@@ -302,9 +317,22 @@ std::vector<std::vector<CTrendChart::Point>> CTrendChart::Lines(size_t index) co
 
 std::string CTrendChart::Svg(const std::string& title) const {
   const Frame f = MakeFrame();
-  const double left = 70, top = 44, plotWidth = static_cast<double>(columns_), plotHeight = 400;
+  const auto ticks = ValueTicks(f.v0, f.v1, 6, f.percent ? "%" : "");
+  size_t widest = 0;
+  for (const auto& tick : ticks) widest = std::max(widest, tick.second.size());
+  // Room on the left for the longest value label (about 7 pixels a character at 12 px).
+  const double left = std::max(50.0, 7.5 * static_cast<double>(widest) + 14), top = 44;
+  const double plotWidth = static_cast<double>(columns_), plotHeight = 400;
   const double width = left + plotWidth + 24, bottom = top + plotHeight;
-  const size_t perRow = std::max<size_t>(1, static_cast<size_t>(width / 320));
+  std::vector<std::string> entries;
+  size_t longest = 0;
+  for (const Series& s : series_) {
+    entries.push_back(XmlText(s.name, 40) + (s.any ? " (" + RangeText(s.low, s.high) + ")" : std::string(" (no values)")) +
+                      (s.stepped ? " stepped" : ""));
+    longest = std::max(longest, CodePoints(s.name.substr(0, 40)) + (entries.back().size() - XmlText(s.name, 40).size()));
+  }
+  const double cell = 7.0 * static_cast<double>(longest) + 44;
+  const size_t perRow = std::max<size_t>(1, static_cast<size_t>((width - 10) / cell));
   const double legendTop = bottom + 58;
   const double height = legendTop + 22.0 * static_cast<double>((series_.size() + perRow - 1) / perRow) + 10;
   auto x = [&](int64_t t) { return left + static_cast<double>(t - f.t0) / static_cast<double>(f.t1 - f.t0) * plotWidth; };
@@ -321,7 +349,7 @@ std::string CTrendChart::Svg(const std::string& title) const {
          "</text>\n";
   out += "<g stroke=\"#e2e8f0\" stroke-width=\"1\">\n";
   std::string labels;
-  for (const auto& tick : ValueTicks(f.v0, f.v1, 6)) {
+  for (const auto& tick : ticks) {
     out += Format("<line x1=\"%.1f\" y1=\"%.1f\" x2=\"%.1f\" y2=\"%.1f\"/>\n", left, y(tick.first), left + plotWidth,
                   y(tick.first));
     labels += Format("<text x=\"%.1f\" y=\"%.1f\" text-anchor=\"end\">", left - 6, y(tick.first) + 4) +
@@ -338,14 +366,14 @@ std::string CTrendChart::Svg(const std::string& title) const {
   out += "<g fill=\"#334155\">\n" + labels;
   out += Format("<text x=\"%.1f\" y=\"%.1f\" text-anchor=\"middle\" fill=\"#64748b\">", left + plotWidth / 2,
                 bottom + 38) +
-         (f.empty ? std::string("no samples") : "UTC, " + DateTimeText(f.t0) + " to " + DateTimeText(f.t1)) +
-         "</text>\n</g>\n";
+         RangeNote(f) + "</text>\n</g>\n";
 
   for (size_t i = 0; i < series_.size(); ++i) {
     std::string d;
     for (const auto& line : Lines(i)) {
       for (size_t k = 0; k < line.size(); ++k)
-        d += Format(k == 0 ? "M%.1f,%.1f" : k == 1 ? "L%.1f,%.1f" : " %.1f,%.1f", x(line[k].time), y(line[k].value));
+        d += Format(k == 0 ? "M%.1f,%.1f" : k == 1 ? "L%.1f,%.1f" : " %.1f,%.1f", x(line[k].time),
+                    y(f.Axis(i, line[k].value)));
       if (line.size() == 1) d += "h0";  // a lone sample shows as a dot (round caps)
     }
     out += Format("<path fill=\"none\" stroke=\"%s\" stroke-width=\"1.5\" stroke-linejoin=\"round\" "
@@ -355,16 +383,12 @@ std::string CTrendChart::Svg(const std::string& title) const {
   }
 
   out += "<g>\n";
-  const double cell = width / static_cast<double>(perRow);
   for (size_t i = 0; i < series_.size(); ++i) {
     const double lx = 10 + cell * static_cast<double>(i % perRow);
     const double ly = legendTop + 22.0 * static_cast<double>(i / perRow);
-    const Series& s = series_[i];
     out += Format("<line x1=\"%.1f\" y1=\"%.1f\" x2=\"%.1f\" y2=\"%.1f\" stroke=\"%s\" stroke-width=\"3\"/>", lx, ly - 4,
                   lx + 22, ly - 4, kColors[i % kPalette]);
-    out += Format("<text x=\"%.1f\" y=\"%.1f\">", lx + 28, ly) + XmlText(s.name, 36) +
-           (s.any ? " (" + RangeText(s.low, s.high) + ")" : std::string(" (no values)")) +
-           (s.stepped ? " stepped" : "") + "</text>\n";
+    out += Format("<text x=\"%.1f\" y=\"%.1f\">", lx + 28, ly) + entries[i] + "</text>\n";
   }
   out += "</g>\n</svg>\n";
   return out;
@@ -389,10 +413,10 @@ std::string CTrendChart::Text(size_t rows, bool color) const {
   auto dy = [&](double v) { return std::lround((f.v1 - v) / (f.v1 - f.v0) * static_cast<double>(dotsY - 1)); };
   for (size_t i = 0; i < series_.size(); ++i) {
     for (const auto& line : Lines(i)) {
-      long x0 = dx(line[0].time), y0 = dy(line[0].value);
+      long x0 = dx(line[0].time), y0 = dy(f.Axis(i, line[0].value));
       plot(x0, y0, i);
       for (size_t k = 1; k < line.size(); ++k) {  // Bresenham between neighbours
-        const long x1 = dx(line[k].time), y1 = dy(line[k].value);
+        const long x1 = dx(line[k].time), y1 = dy(f.Axis(i, line[k].value));
         const long sx = x0 < x1 ? 1 : -1, sy = y0 < y1 ? 1 : -1, ex = std::labs(x1 - x0), ey = -std::labs(y1 - y0);
         long error = ex + ey;
         while (x0 != x1 || y0 != y1) {
@@ -407,7 +431,7 @@ std::string CTrendChart::Text(size_t rows, bool color) const {
 
   std::vector<std::string> rowLabel(rows);
   size_t labelWidth = 0;
-  for (const auto& tick : ValueTicks(f.v0, f.v1, static_cast<int>(std::max<size_t>(2, rows / 3)))) {
+  for (const auto& tick : ValueTicks(f.v0, f.v1, static_cast<int>(std::max<size_t>(2, rows / 3)), f.percent ? "%" : "")) {
     const size_t row = static_cast<size_t>(dy(tick.first)) / 4;
     if (row < rows && rowLabel[row].empty()) rowLabel[row] = tick.second;
     labelWidth = std::max(labelWidth, tick.second.size());
@@ -444,8 +468,7 @@ std::string CTrendChart::Text(size_t rows, bool color) const {
   for (size_t c = 0; c < cells; ++c) out += tick[c] ? "\xE2\x94\xAC" : "\xE2\x94\x80";
   labels.erase(labels.find_last_not_of(' ') + 1);
   out += "\n" + labels + "\n";
-  out += std::string(labelWidth + 1, ' ') +
-         (f.empty ? std::string("no samples") : "UTC, " + DateTimeText(f.t0) + " to " + DateTimeText(f.t1)) + "\n";
+  out += std::string(labelWidth + 1, ' ') + RangeNote(f) + "\n";
   // The legend, wrapped to the chart's width.
   std::string line = std::string(labelWidth + 1, ' ');
   size_t lineWidth = labelWidth + 1;

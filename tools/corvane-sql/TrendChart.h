@@ -65,12 +65,19 @@ class CTrendChart {
     double low = 0, high = 0;  // the range of the drawable values
     bool any = false;
   };
-  struct Frame {  // what every drawing of the chart shares
+  // What every drawing of the chart shares. Values are drawn on one axis when their
+  // ranges are alike; when one series would be a flat line beside another, each is
+  // drawn over its own range and the axis reads in percent of it.
+  struct Frame {
     int64_t t0 = 0, t1 = 1;
-    double v0 = 0, v1 = 1;
+    double v0 = 0, v1 = 1;  // the axis, padded
+    bool percent = false;
+    std::vector<std::pair<double, double>> scale;  // per series: axis = (value - first) * second
+    double Axis(size_t series, double value) const { return (value - scale[series].first) * scale[series].second; }
     bool empty = true;
   };
 
+  static std::string RangeNote(const Frame& f);
   Bin& BinFor(Series& s, int64_t time);
   Frame MakeFrame() const;
 
