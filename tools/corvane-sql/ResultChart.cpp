@@ -37,6 +37,7 @@ bool Bad(const Cell* quality) {
 }  // namespace
 
 void CResultChart::Begin(const std::vector<Column>& columns) {
+  problem_.clear();
   for (size_t i = 0; i < columns.size(); ++i) {
     const std::string name = Upper(columns[i].name);
     if (name == "TIMESTAMP" && time_ == SIZE_MAX) time_ = i;

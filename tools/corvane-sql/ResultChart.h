@@ -52,7 +52,7 @@ class CResultChart : public IRowSink {
   std::vector<Source> sources_;                       // Columns mode
   std::unordered_map<std::string, size_t> tagSeries_;  // Tags mode
   std::unordered_set<std::string> leftOut_;
-  std::string problem_;
+  std::string problem_ = "the statement gave no rows to draw";  // until Begin
   size_t rows_ = 0;
 };
 

@@ -345,7 +345,7 @@ std::string CTrendChart::Svg(const std::string& title) const {
   out += "<title>" + XmlText(title) + "</title>\n";
   out += "<rect width=\"100%\" height=\"100%\" fill=\"#ffffff\"/>\n";
   out += Format("<text x=\"%.0f\" y=\"24\" font-size=\"14\" font-weight=\"bold\">", left) +
-         XmlText(title, static_cast<size_t>((width - left) / 8.5)) +
+         XmlText(title, static_cast<size_t>((width - left) / 9.5)) +
          "</text>\n";
   out += "<g stroke=\"#e2e8f0\" stroke-width=\"1\">\n";
   std::string labels;
