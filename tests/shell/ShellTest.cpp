@@ -139,19 +139,6 @@ TEST(ShellOutputFormats, JsonIsOneArrayOfObjectsPerStatement) {
       r.out);
 }
 
-TEST(ShellOutputFormats, TableAlignsColumnsAndCountsRows) {
-  Result r = RunShell(WithData({"--format", "table", "-e",
-                           std::string("SELECT TAGNAME, VALUE FROM RAWDATA WHERE TAGNAME = 'Flow' AND ") + kDay}));
-  ASSERT_EQ(0, r.status) << r.err;
-  EXPECT_EQ(
-      "TAGNAME | VALUE\n"
-      "--------+------\n"
-      "Flow    |   1.5\n"
-      "Flow    |   0.1\n"
-      "(2 rows)\n",
-      r.out);
-}
-
 TEST(ShellOutputFormats, TableStreamsWithWidthsFromTheTypesAndTheFirstBatch) {
   std::string csv = "tag,timestamp,value,quality\n";
   for (int i = 1; i <= 300; ++i)
