@@ -160,10 +160,10 @@ std::string RangeText(double low, double high) {
 
 }  // namespace
 
-std::string CTrendChart::RangeNote(const Frame& f) {
+std::string CTrendChart::RangeNote(const Frame& f, const std::string& separator) {
   if (f.empty) return "no samples";
   return "UTC, " + DateTimeText(f.t0) + " to " + DateTimeText(f.t1) +
-         (f.percent ? "; values in percent of each series' range" : "");
+         (f.percent ? separator + "values in percent of each series' range" : "");
 }
 
 void CTrendChart::Bin::Merge(const Bin& o) {
@@ -366,7 +366,7 @@ std::string CTrendChart::Svg(const std::string& title) const {
   out += "<g fill=\"#334155\">\n" + labels;
   out += Format("<text x=\"%.1f\" y=\"%.1f\" text-anchor=\"middle\" fill=\"#64748b\">", left + plotWidth / 2,
                 bottom + 38) +
-         RangeNote(f) + "</text>\n</g>\n";
+         RangeNote(f, "; ") + "</text>\n</g>\n";
 
   for (size_t i = 0; i < series_.size(); ++i) {
     std::string d;
@@ -468,7 +468,7 @@ std::string CTrendChart::Text(size_t rows, bool color) const {
   for (size_t c = 0; c < cells; ++c) out += tick[c] ? "\xE2\x94\xAC" : "\xE2\x94\x80";
   labels.erase(labels.find_last_not_of(' ') + 1);
   out += "\n" + labels + "\n";
-  out += std::string(labelWidth + 1, ' ') + RangeNote(f) + "\n";
+  out += std::string(labelWidth + 1, ' ') + RangeNote(f, "\n" + std::string(labelWidth + 1, ' ')) + "\n";
   // The legend, wrapped to the chart's width.
   std::string line = std::string(labelWidth + 1, ' ');
   size_t lineWidth = labelWidth + 1;

@@ -77,7 +77,8 @@ class CTrendChart {
     bool empty = true;
   };
 
-  static std::string RangeNote(const Frame& f);
+  // The time range in full, and whether values are in percent, `separator` between.
+  static std::string RangeNote(const Frame& f, const std::string& separator);
   Bin& BinFor(Series& s, int64_t time);
   Frame MakeFrame() const;
 
