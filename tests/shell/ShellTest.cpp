@@ -22,6 +22,20 @@ namespace {
 std::string g_shell;
 std::string g_readme;
 
+// The sanitizers' own bookkeeping (freed blocks held back, shadow memory) swamps what
+// the shell holds.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kMemoryMeasurable = false;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+constexpr bool kMemoryMeasurable = false;
+#else
+constexpr bool kMemoryMeasurable = true;
+#endif
+#else
+constexpr bool kMemoryMeasurable = true;
+#endif
+
 struct Result {
   int status = -1;
   std::string out, err;
@@ -151,6 +165,7 @@ TEST(ShellOutputFormats, TableStreamsWithWidthsFromTheTypesAndTheFirstBatch) {
                            "--------+-------------------------+------\n"
                            "W       | 2024-01-01 00:00:01.000 |     1\n")) << r.out;
   EXPECT_NE(std::string::npos, r.out.find("\nW       | 2024-01-01 00:05:00.000 | 123456789\n(300 rows)\n")) << r.out;
+  if (!kMemoryMeasurable) return;
   // 250 000 rows: a table holds no more than a CSV does.
   const Result table = RunShell({"--format", "table", "-e", "SELECT * FROM RAWDATA"});
   const Result plain = RunShell({"--format", "csv", "-e", "SELECT * FROM RAWDATA"});
@@ -185,10 +200,11 @@ TEST(ShellFailures, ErrorsGoToStderrAndTheShellGoesOn) {
 }
 
 TEST(ShellFailures, AFailedWriteStopsTheStatementReleasesItAndEndsTheShell) {
-  // Over the demo plant, three days of every tag: far more than any buffer.
+  // Over the demo plant, six hours of every tag: 20 000 rows, far more than any buffer.
   for (const char* format : {"csv", "table", "json", "chart"}) {
     for (const std::string& out : {std::string("/dev/full"), std::string(kClosedPipe)}) {
-      const Result r = RunShell({"--leak-check", "--format", format, "-e", "SELECT * FROM RAWDATA", "-e",
+      const Result r = RunShell({"--leak-check", "--format", format, "-e",
+                                 "SELECT * FROM RAWDATA WHERE TIMESTAMP > DATEADD('hh', -6, NOWUTC())", "-e",
                                  "SELECT TAGNAME FROM TAGS"}, "", out);
       EXPECT_EQ(3, r.status) << format << " to " << out;
       // One line, and no leak-check line: the rowset and every provider object are gone.
