@@ -378,6 +378,10 @@ TEST(ShellCharts, TextChartsFitTheTerminalAndWhatCannotBeDrawnFails) {
   r = RunShell({"--chart", TempDir(), "-e", "SELECT * FROM RAWDATA WHERE TAGNAME = 'Pump1.Flow'"});
   EXPECT_EQ(1, r.status);
   EXPECT_EQ("error: cannot write the chart to '" + TempDir() + "': Is a directory\n", r.err);
+  r = RunShell({"--chart", "/dev/full", "-e", "SELECT * FROM RAWDATA WHERE TAGNAME = 'Pump1.Flow'"});
+  EXPECT_EQ(1, r.status);
+  EXPECT_EQ("error: cannot write the chart to '/dev/full': No space left on device\n", r.err);
+  EXPECT_EQ(0, access("/dev/full", W_OK)) << "a failed chart removes only a plain file it wrote";
 }
 
 // A shell on a pseudo-terminal, driven by what a user types.

@@ -6,6 +6,8 @@
 #include <cstring>
 #include <map>
 
+#include <sys/stat.h>
+
 #ifdef _WIN32
 #include <windows.h>
 #else
@@ -308,14 +310,20 @@ bool CShell::RunChart(const std::string& sql) {
             static_cast<unsigned long long>(CResultChart::kMostSeries));
   if (file.empty()) return Print(chart.Chart().Text(size.rows > 16 ? size.rows - 8 : 8, out_.Terminal()));
   const std::string svg = chart.Chart().Svg(sql);
+  errno = 0;
   FILE* f = fopen(file.c_str(), "wb");
-  bool written = f && fwrite(svg.data(), 1, svg.size(), f) == svg.size();
-  const int error = errno;
-  if (f && fclose(f) != 0) written = false;
-  if (!written) {
-    if (f) remove(file.c_str());
+  int error = f ? 0 : errno;
+  if (f) {
+    // A half-written chart is removed, but only a plain file: never a device or a pipe.
+    struct stat info;
+    const bool plain = fstat(fileno(f), &info) == 0 && S_ISREG(info.st_mode);
+    if (fwrite(svg.data(), 1, svg.size(), f) != svg.size()) error = errno ? errno : EIO;
+    if (fclose(f) != 0 && !error) error = errno ? errno : EIO;  // a full disk shows here
+    if (error && plain) remove(file.c_str());
+  }
+  if (error) {
     anyFailed_ = true;
-    fprintf(stderr, "error: cannot write the chart to '%s': %s\n", file.c_str(), strerror(f ? errno : error));
+    fprintf(stderr, "error: cannot write the chart to '%s': %s\n", file.c_str(), strerror(error));
     return false;
   }
   if (showProgress_)
