@@ -98,7 +98,10 @@ std::vector<std::pair<double, std::string>> ValueTicks(double v0, double v1, int
     }
   const int decimals = std::max(0, static_cast<int>(-std::floor(std::log10(step) + 1e-9)));
   std::vector<std::pair<double, std::string>> ticks;
-  for (double v = std::ceil(v0 / step) * step; v <= v1 + step * 1e-9; v += step) {
+  // Counted, not stepped by adding: a step below the values' precision must still end.
+  const double first = std::ceil(v0 / step);
+  for (int k = 0; k <= 4 * count && (first + k) * step <= v1 + step * 1e-9; ++k) {
+    const double v = (first + k) * step;
     const double shown = std::fabs(v) < step * 1e-6 ? 0.0 : v;
     ticks.emplace_back(v, Format("%.*f%s", decimals, shown, unit));
   }
