@@ -3,6 +3,7 @@
 #include <cerrno>
 
 #ifdef _WIN32
+#include <fcntl.h>
 #include <io.h>
 #else
 #include <poll.h>
@@ -21,6 +22,8 @@ constexpr size_t kBufferSize = 64 * 1024;
 
 COutput::COutput(int fd) : fd_(fd) {
 #ifdef _WIN32
+  // The bytes as written: text mode would turn CSV's CRLF into CR CR LF.
+  _setmode(fd, _O_BINARY);
   terminal_ = _isatty(fd) != 0;
 #else
   terminal_ = isatty(fd) != 0;
