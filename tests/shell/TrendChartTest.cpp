@@ -48,19 +48,21 @@ TEST(TrendChartLines, GapsBreakTheLineAndSteppedSeriesMoveOnlyAcrossOrUp) {
   CTrendChart chart(100);
   chart.AddSeries("level");
   chart.AddSeries("state", true);
-  for (int64_t i = 0; i < 1000; ++i) {  // 1000 s; samples 400..499 bad
+  for (int64_t i = 0; i < 1000; ++i) {  // 1000 s; samples 400..499 and 710 bad, a column is 20 s
     const int64_t t = kT0 + i * kSecond;
-    if (i >= 400 && i < 500) chart.AddGap(0, t);
+    if ((i >= 400 && i < 500) || i == 710) chart.AddGap(0, t);
     else chart.Add(0, t, static_cast<double>(i));
     chart.Add(1, t, static_cast<double>(i / 100 % 3));
   }
   chart.AddGap(0, kT0 + 2000 * kSecond);  // a lone bad sample after the end
   chart.Add(0, kT0 + 2001 * kSecond, 5);
   const Lines level = chart.Lines(0);
-  ASSERT_EQ(3u, level.size());
+  ASSERT_EQ(4u, level.size());
   EXPECT_LT(level[0].back().time, kT0 + 400 * kSecond);
   EXPECT_GE(level[1].front().time, kT0 + 500 * kSecond);
-  EXPECT_EQ(1u, level[2].size());
+  EXPECT_LT(level[1].back().time, kT0 + 710 * kSecond);
+  EXPECT_GT(level[2].front().time, kT0 + 710 * kSecond);
+  EXPECT_EQ(1u, level[3].size());
   const Lines state = chart.Lines(1);
   ASSERT_EQ(1u, state.size());
   size_t risers = 0;

@@ -170,6 +170,8 @@ std::string CTrendChart::RangeNote(const Frame& f, const std::string& separator)
 }
 
 void CTrendChart::Bin::Merge(const Bin& o) {
+  const int64_t gaps[] = {firstGap, lastGap, o.firstGap, o.lastGap};
+  innerGap = std::max(innerGap, o.innerGap);
   if (o.Good()) {
     if (!Good()) {
       first = o.first, last = o.last, low = o.low, high = o.high;
@@ -182,6 +184,9 @@ void CTrendChart::Bin::Merge(const Bin& o) {
   }
   firstGap = std::min(firstGap, o.firstGap);
   lastGap = std::max(lastGap, o.lastGap);
+  // Gaps narrower than a pixel column still break the line.
+  for (int64_t gap : gaps)
+    if (innerGap == INT64_MIN && Good() && gap > first.time && gap < last.time) innerGap = gap;
 }
 
 CTrendChart::CTrendChart(size_t columns) : columns_(std::max<size_t>(columns, 2)) {}
@@ -307,8 +312,10 @@ std::vector<std::vector<CTrendChart::Point>> CTrendChart::Lines(size_t index) co
     if (!previous || previous->lastGap > previous->last.time || b.firstGap < b.first.time) lines.emplace_back();
     Point points[4] = {b.first, b.low, b.high, b.last};
     std::stable_sort(points + 1, points + 3, [](const Point& x, const Point& y) { return x.time < y.time; });
-    std::vector<Point>& line = lines.back();
+    bool broken = b.innerGap == INT64_MIN;
     for (const Point& p : points) {
+      if (!broken && p.time > b.innerGap) lines.emplace_back(), broken = true;
+      std::vector<Point>& line = lines.back();
       if (!line.empty() && line.back().time == p.time && line.back().value == p.value) continue;
       if (s.stepped && !line.empty() && line.back().value != p.value) line.push_back(Point{p.time, line.back().value});
       line.push_back(p);

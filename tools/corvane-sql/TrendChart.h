@@ -52,6 +52,7 @@ class CTrendChart {
   struct Bin {
     Point first{INT64_MAX, 0}, last{INT64_MIN, 0}, low{0, 0}, high{0, 0};
     int64_t firstGap = INT64_MAX, lastGap = INT64_MIN;
+    int64_t innerGap = INT64_MIN;  // a gap sample between `first` and `last`, if one is known
     bool Good() const { return first.time != INT64_MAX; }
     bool Empty() const { return !Good() && firstGap == INT64_MAX; }
     void Merge(const Bin& other);
