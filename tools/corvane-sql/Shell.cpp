@@ -372,7 +372,12 @@ bool CShell::RunDotCommand(const std::string& line) {
   HRESULT hr = S_OK;
   if (command == ".help") {
     Print(HelpText());
-  } else if (command == ".chart" && !argument.empty()) {
+  } else if (command == ".chart") {
+    if (argument.empty()) {
+      fprintf(stderr, ".chart needs the file to draw the next result into (.chart FILE.svg)\n");
+      anyFailed_ = true;
+      return false;
+    }
     chartFile_ = argument;
   } else if (command == ".quit" || command == ".exit") {
     quit_ = true;
