@@ -138,32 +138,6 @@ TEST_F(DataSourceProperties, InitialisationPropertiesOnlyUntilInitialised) {
   EXPECT_EQ(S_OK, SetString(DBPROP_AUTH_USERID, OLESTR("again")));
 }
 
-TEST_F(DataSourceProperties, PropertyInfoDescribesEveryProperty) {
-  ASSERT_EQ(S_OK, ds_->Initialize());
-  DBPROPIDSET all[2] = {{nullptr, 0, DBPROPSET_DBINITALL}, {nullptr, 0, DBPROPSET_DATASOURCEINFOALL}};
-  ULONG n = 0;
-  DBPROPINFOSET* infos = nullptr;
-  OLECHAR* buffer = nullptr;
-  ASSERT_EQ(S_OK, ds_->GetPropertyInfo(2, all, &n, &infos, &buffer));
-  ASSERT_EQ(2u, n);
-  ASSERT_EQ(10u, infos[0].cPropertyInfos);
-  ASSERT_EQ(13u, infos[1].cPropertyInfos);
-  std::vector<std::string> texts;
-  for (ULONG s = 0; s < n; ++s)
-    for (ULONG p = 0; p < infos[s].cPropertyInfos; ++p) texts.push_back(ToUtf8(infos[s].rgPropertyInfos[p].pwszDescription));
-  const std::vector<std::string> expected = {
-      "Password", "Persist Security Info", "User ID", "OLE DB Services", "Mode", "Prompt", "Extended Properties",
-      "Initial Catalog", "Data Source", "Location", "Multiple Parameter Sets", "Pass By Ref Accessors",
-      "Read-Only Data Source", "ISupportErrorInfo", "Data Source Object Threading Model",
-      "Output Parameter Availability", "OLE DB Version", "Provider Version", "Isolation Levels", "SQL Support",
-      "Server Data on Insert", "User Name", "Active Sessions"};
-  EXPECT_EQ(expected, texts);
-  EXPECT_EQ(DBPROPFLAGS_DBINIT | DBPROPFLAGS_READ | DBPROPFLAGS_WRITE, infos[0].rgPropertyInfos[5].dwFlags);
-  EXPECT_EQ(VT_I2, infos[0].rgPropertyInfos[5].vtType);  // Prompt
-  EXPECT_EQ(DBPROPFLAGS_DATASOURCEINFO | DBPROPFLAGS_READ, infos[1].rgPropertyInfos[0].dwFlags);
-  CPropertyEngine::FreePropertyInfoSets(n, infos, buffer);
-}
-
 TEST_F(DataSourceProperties, FailuresAreTracedAndPostedAsErrorRecords) {
   TraceCapture trace;
   ASSERT_EQ(S_OK, ds_->Initialize());

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <initializer_list>
 #include <set>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -28,8 +29,7 @@ ULONGLONG T(double seconds) { return kT0 + static_cast<LONGLONG>(std::llround(se
 constexpr DWORD kBadQ = 0x80000000u;
 constexpr DWORD kUncertainQ = 0x40000000u;
 // Status words as documented: severity | data-value info | origin (| partial).
-constexpr DWORD kGoodCalc = 0x401, kUncertainCalc = 0x40A40401, kBadCalc = 0x80000401;
-constexpr DWORD kGoodRaw = 0x400, kUncertainRaw = 0x40A40400, kGoodInterp = 0x402, kUncertainInterp = 0x40A40402;
+constexpr DWORD kGoodCalc = 0x401, kUncertainCalc = 0x40A40401, kGoodInterp = 0x402;
 
 // A raw provider holding a few tags in memory, with pages of at most `pageLimit`
 // samples, live continuation points counted, and an optional failing read.
@@ -246,51 +246,173 @@ void ExpectR8(const HistoryValue& v, double expected, DWORD status, double atSec
   EXPECT_EQ(status, v.quality) << std::hex << v.quality;
   EXPECT_EQ(T(atSec), FileTimeToU64(v.timestamp));
 }
-void ExpectNoData(const HistoryValue& v, double atSec) {
-  EXPECT_EQ(VT_EMPTY, v.value.vt);
-  EXPECT_EQ(OPCUA_BAD_NO_DATA, v.quality) << std::hex << v.quality;
-  EXPECT_EQ(T(atSec), FileTimeToU64(v.timestamp));
+
+// ---- One read per row ----------------------------------------------------------------------
+
+// One interval of one aggregate read alone: "10 400 @0" is the value, the status in hex and
+// the interval's time in seconds ("i4" an I4 value, "u80000000" a UI4, "'B'" a text, "-"
+// none); "n4" is the number of intervals, "hr80070057" a refused read. Expectations may
+// stop early, and "*" skips a part.
+struct Row {
+  const OLECHAR* tag;
+  double from, to, periodMs;
+  std::vector<AggregateId> aggregates;  // each read alone, all with the same answer
+  int interval;                         // -1: the number of intervals
+  const char* expected;
+  BYTE treatUncertainAsGood = 1, percentGood = 0, percentBad = 0;
+};
+
+std::string Describe(const Answer& a, int interval) {
+  char text[96];
+  if (FAILED(a.hr)) return (std::snprintf(text, sizeof text, "hr%08X", unsigned(a.hr)), text) + std::string(a.result ? " and a result" : "");
+  if (interval < 0) return "n" + std::to_string(a.result[0].count);
+  if (static_cast<ULONG>(interval) >= a.result[0].count) return "no interval " + std::to_string(interval);
+  const HistoryValue& v = a.At(0, interval);
+  std::string value = "?";
+  if (v.value.vt == VT_R8) value = (std::snprintf(text, sizeof text, "%.10g", v.value.dblVal), text);
+  if (v.value.vt == VT_I4) value = "i" + std::to_string(v.value.lVal);
+  if (v.value.vt == VT_UI4) value = (std::snprintf(text, sizeof text, "u%X", unsigned(v.value.ulVal)), text);
+  if (v.value.vt == VT_EMPTY) value = "-";
+  if (v.value.vt == VT_BSTR) value = "'" + ToUtf8(v.value.bstrVal) + "'";
+  std::snprintf(text, sizeof text, " %X @%.10g", unsigned(v.quality), (double(FileTimeToU64(v.timestamp)) - kT0) / kSec);
+  return value + text;
 }
 
-// ---- Intervals and arguments ---------------------------------------------------------------
-
-TEST_F(AggregatesTest, IntervalsFollowThePeriodAndMarkTheShortLastOne) {
-  Answer a;  // [0, 100) by 30 s: 0, 30, 60 full, [90, 100) partial
-  Read(a, OLESTR("Flow"), 0, 100, 30000, {AGG_DURATION_GOOD});
-  ASSERT_EQ(S_OK, a.hr);
-  ASSERT_EQ(4u, a.result[0].count);
-  ExpectR8(a.At(0, 0), 30000, kGoodCalc, 0);
-  ExpectR8(a.At(0, 1), 20000, kGoodCalc, 30);  // [50, 60) is governed by the bad sample
-  ExpectR8(a.At(0, 3), 10000, kGoodCalc | 0x4, 90);
-
-  Answer whole;
-  Read(whole, OLESTR("Flow"), 0, 100, 0, {AGG_COUNT, AGG_DURATION_BAD});
-  ASSERT_EQ(S_OK, whole.hr);
-  ASSERT_EQ(1u, whole.result[1].count);
-  EXPECT_EQ(4, whole.At(0, 0).value.lVal);  // good samples at 0, 20, 40, 60
-  ExpectR8(whole.At(1, 0), 10000, kGoodCalc, 0);
-
-  Answer empty;
-  Read(empty, OLESTR("Flow"), 10, 10, 1000, {AGG_MIN, AGG_MAX});
-  ASSERT_EQ(S_OK, empty.hr);
-  EXPECT_EQ(0u, empty.result[0].count);
-  EXPECT_EQ(0u, empty.result[1].count);
+bool Matches(const std::string& expected, const std::string& actual) {
+  std::istringstream want(expected), got(actual);
+  for (std::string w, g; want >> w;)
+    if (!(got >> g) || (w != "*" && w != g)) return false;
+  return true;
 }
 
-TEST_F(AggregatesTest, BadArgumentsAreRefusedWithTheirCodes) {
-  Answer reversed, unknownId, unknownTag, noIds, tinyPeriod;
-  Read(reversed, OLESTR("Flow"), 10, 0, 1000, {AGG_MIN});
-  EXPECT_EQ(E_INVALIDARG, reversed.hr);
-  Read(unknownId, OLESTR("Flow"), 0, 10, 1000, {AGG_MIN, 19});
-  EXPECT_EQ(HIST_E_AGGREGATE_NOT_AVAILABLE, unknownId.hr);
-  Read(unknownTag, OLESTR("Nope"), 0, 10, 1000, {AGG_MIN});
-  EXPECT_EQ(HIST_E_TAG_NOT_FOUND, unknownTag.hr);
-  Read(noIds, OLESTR("Flow"), 0, 10, 1000, {});
-  EXPECT_EQ(E_INVALIDARG, noIds.hr);
-  Read(tinyPeriod, OLESTR("Flow"), 0, 10, 0.00001, {AGG_MIN});
-  EXPECT_EQ(E_INVALIDARG, tinyPeriod.hr);
-  for (const Answer* a : {&reversed, &unknownId, &unknownTag, &noIds, &tinyPeriod}) EXPECT_EQ(nullptr, a->result);
+TEST_F(AggregatesTest, EachAggregateOfEachIntervalAsWorkedOut) {
+  const Row rows[] = {
+      // [0, 100) by 30 s: 0, 30, 60 whole, [90, 100) short and marked partial.
+      {OLESTR("Flow"), 0, 100, 30000, {AGG_DURATION_GOOD}, -1, "n4"},
+      {OLESTR("Flow"), 0, 100, 30000, {AGG_DURATION_GOOD}, 0, "30000 401 @0"},
+      {OLESTR("Flow"), 0, 100, 30000, {AGG_DURATION_GOOD}, 1, "20000 401 @30"},  // [50, 60) follows the bad sample
+      {OLESTR("Flow"), 0, 100, 30000, {AGG_DURATION_GOOD}, 3, "10000 405 @90"},
+      {OLESTR("Flow"), 0, 100, 0, {AGG_DURATION_BAD}, -1, "n1"},
+      {OLESTR("Flow"), 0, 100, 0, {AGG_DURATION_BAD}, 0, "10000 401 @0"},
+      {OLESTR("Flow"), 0, 100, 0, {AGG_COUNT}, 0, "i4"},  // good samples at 0, 20, 40, 60
+      {OLESTR("Flow"), 10, 10, 1000, {AGG_MIN, AGG_MAX}, -1, "n0"},
+      // Refused: a reversed range, an unknown aggregate or tag, a period below the clock's step.
+      {OLESTR("Flow"), 10, 0, 1000, {AGG_MIN}, 0, "hr80070057"},
+      {OLESTR("Flow"), 0, 10, 1000, {19}, 0, "hrC0041009"},
+      {OLESTR("Nope"), 0, 10, 1000, {AGG_MIN}, 0, "hrC0040011"},
+      {OLESTR("Flow"), 0, 10, 0.00001, {AGG_MIN}, 0, "hr80070057"},
+      // Raw values. [0, 30): 10 @0, 30 @20.
+      {OLESTR("Flow"), 0, 120, 30000, {AGG_MIN}, 0, "10 400 @0"},
+      {OLESTR("Flow"), 0, 120, 30000, {AGG_MAX}, 0, "30 400 @20"},
+      {OLESTR("Flow"), 0, 120, 30000, {AGG_AVG, AGG_DELTA, AGG_RANGE}, 0, "20 401 @0"},
+      {OLESTR("Flow"), 0, 120, 30000, {AGG_COUNT}, 0, "i2"},
+      {OLESTR("Flow"), 0, 120, 30000, {AGG_LAST}, 0, "30 * @20"},
+      // [30, 60): 10 @40 good, 20 @50 bad: one of two samples usable, so uncertain; LAST and
+      // WORST_QUALITY keep the bad sample.
+      {OLESTR("Flow"), 0, 120, 30000, {AGG_MAX}, 1, "10 40A40400 @40"},
+      {OLESTR("Flow"), 0, 120, 30000, {AGG_AVG}, 1, "10 40A40401 @30"},
+      {OLESTR("Flow"), 0, 120, 30000, {AGG_COUNT}, 1, "i1 40A40401"},
+      {OLESTR("Flow"), 0, 120, 30000, {AGG_LAST}, 1, "20 80000000"},
+      {OLESTR("Flow"), 0, 120, 30000, {AGG_WORST_QUALITY}, 1, "u80000000 80000000"},
+      // [60, 90): the single sample 40 @60; [90, 120): no raw sample at all.
+      {OLESTR("Flow"), 0, 120, 30000, {AGG_DELTA}, 2, "0 401 @60"},
+      {OLESTR("Flow"), 0, 120, 30000, {AGG_MIN}, 2, "* * @60"},
+      {OLESTR("Flow"), 0, 120, 30000,
+       {AGG_MIN, AGG_MAX, AGG_AVG, AGG_DELTA, AGG_RANGE, AGG_COUNT, AGG_LAST, AGG_WORST_QUALITY}, 3, "- 809B0000 @90"},
+      // Texts count but have no numeric value.
+      {OLESTR("Mode"), 0, 20, 0, {AGG_MIN, AGG_AVG, AGG_TIME_AVG}, 0, "- 809B0000 @0"},
+      {OLESTR("Mode"), 0, 20, 0, {AGG_COUNT}, 0, "i2 401"},
+      {OLESTR("Mode"), 0, 20, 0, {AGG_LAST}, 0, "'B' * @10"},
+      // Time-weighted. Sloped [0, 30): 10->30 over 20 s (400), then 30->20 (halfway to 10 @40)
+      // over 10 s (250); stepped: 10 for 20 s, 30 for 10 s.
+      {OLESTR("Flow"), 0, 120, 30000, {AGG_TIME_AVG}, 0, "21.66666667 401 @0"},
+      {OLESTR("Flow"), 0, 120, 30000, {AGG_TOTAL}, 0, "650 401 @0"},
+      {OLESTR("Flow"), 0, 120, 30000, {AGG_INTERPOLATIVE}, 0, "10 400 @0"},  // a sample sits at the start
+      {OLESTR("FlowStep"), 0, 120, 30000, {AGG_TIME_AVG}, 0, "16.66666667 401 @0"},
+      // [30, 60): 20->10 (150), then 10->40 across the bad sample @50 (500); 20 of 30 s good.
+      // Stepped: 30 for 10 s, 10 for 20 s (the bad sample is bridged).
+      {OLESTR("Flow"), 0, 120, 30000, {AGG_TIME_AVG}, 1, "21.66666667 40A40401 @30"},
+      {OLESTR("Flow"), 0, 120, 30000, {AGG_INTERPOLATIVE}, 1, "20 402 @30"},
+      {OLESTR("FlowStep"), 0, 120, 30000, {AGG_INTERPOLATIVE}, 1, "30 402 @30"},
+      {OLESTR("FlowStep"), 0, 120, 30000, {AGG_TIME_AVG}, 1, "16.66666667 40A40401 @30"},
+      // [90, 120) has no raw sample, yet the line from 40 @60 to 40 @130 crosses it.
+      {OLESTR("Flow"), 0, 120, 30000, {AGG_TIME_AVG}, 3, "40 401 @90"},
+      {OLESTR("Flow"), 0, 120, 30000, {AGG_INTERPOLATIVE}, 3, "40 402 @90"},
+      // Tags the browse does not list: numbers sloped (0 -> 10 averages 5), booleans stepped.
+      {OLESTR("HiddenReal"), 0, 10, 0, {AGG_TIME_AVG}, 0, "5 401 @0"},
+      {OLESTR("HiddenBool"), 0, 10, 0, {AGG_TIME_AVG}, 0, "0 401 @0"},
+      // At 55 the bad sample @50 lies between the bounds 10 @40 and 40 @60: uncertain. Sloped
+      // with nothing after the last sample: its value, uncertain.
+      {OLESTR("Flow"), 55, 60, 0, {AGG_INTERPOLATIVE}, 0, "32.5 40A40402 @55"},  // 10 + 30 * 15 / 20
+      {OLESTR("FlowStep"), 55, 60, 0, {AGG_INTERPOLATIVE}, 0, "10 40A40402 @55"},
+      {OLESTR("Late"), 60, 70, 0, {AGG_INTERPOLATIVE}, 0, "5 40A40402 @60"},
+      // "Late": one sample, 5 @50, none before it: the line covers [50, 100) only, 50 % good.
+      {OLESTR("Late"), 0, 100, 0, {AGG_TIME_AVG}, 0, "5 40A40401 @0"},
+      {OLESTR("Late"), 0, 100, 0, {AGG_TOTAL}, 0, "250 40A40401 @0"},
+      {OLESTR("Late"), 0, 100, 0, {AGG_TOTAL_AVG}, 0, "2.5 40A40401 @0"},
+      {OLESTR("Late"), 0, 100, 0, {AGG_INTERPOLATIVE}, 0, "- 809B0000 @0"},  // nothing at or before the start
+      {OLESTR("Late"), 0, 100, 0, {AGG_PERCENT_GOOD, AGG_PERCENT_BAD}, 0, "50 401 @0"},
+      {OLESTR("Late"), 0, 100, 0, {AGG_MIN}, 0, "i5"},  // MIN keeps the tag's type
+      {OLESTR("Late"), 0, 100, 50000, {AGG_DURATION_GOOD, AGG_TIME_AVG, AGG_COUNT}, 0, "- 809B0000 @0"},
+      {OLESTR("Late"), 0, 100, 50000, {AGG_DURATION_GOOD}, 1, "50000 401 @50"},
+      // "Pump" over [0, 100): true from -20, false @10, true @30 and @60, bad @70, false @80.
+      {OLESTR("Pump"), 0, 100, 0, {AGG_DURATION_IN_STATE_0}, 0, "40000 40A40401 @0"},  // [10, 30), [80, 100)
+      {OLESTR("Pump"), 0, 100, 0, {AGG_DURATION_IN_STATE_1}, 0, "50000 40A40401 @0"},  // [0, 10), [30, 70)
+      {OLESTR("Pump"), 0, 100, 0, {AGG_NUMBER_OF_TRANSITIONS}, 0, "i3 40A40401"},     // 4 of 5 samples usable
+      {OLESTR("Pump"), 0, 100, 0, {AGG_COUNT}, 0, "i4"},
+      {OLESTR("Pump"), 0, 100, 0, {AGG_DURATION_GOOD}, 0, "90000 401 @0"},
+      {OLESTR("Pump"), 0, 100, 0, {AGG_DURATION_BAD}, 0, "10000 401 @0"},
+      {OLESTR("Pump"), 0, 100, 0, {AGG_PERCENT_GOOD}, 0, "90 401 @0"},
+      {OLESTR("Pump"), 0, 100, 0, {AGG_PERCENT_BAD}, 0, "10 401 @0"},
+      {OLESTR("Pump"), 0, 100, 0, {AGG_WORST_QUALITY}, 0, "* 80000000"},
+      // Booleans are stepped: 1 over [0, 10), [30, 80) (bad @70 bridged) = 60 of 100 s.
+      {OLESTR("Pump"), 0, 100, 0, {AGG_TIME_AVG}, 0, "0.6 40A40401 @0"},
+      // "Level": 10 @0, 20 @10 uncertain, 30 @20, 40 @30 uncertain. Uncertain counts as good,
+      // or as bad (then AVG is (10 + 30) / 2 from half the samples).
+      {OLESTR("Level"), 0, 40, 0, {AGG_AVG}, 0, "25 401 @0"},
+      {OLESTR("Level"), 0, 40, 0, {AGG_MAX}, 0, "40 * @30"},
+      {OLESTR("Level"), 0, 40, 0, {AGG_COUNT}, 0, "i4"},
+      {OLESTR("Level"), 0, 40, 0, {AGG_PERCENT_GOOD}, 0, "100 401 @0"},
+      {OLESTR("Level"), 0, 40, 0, {AGG_WORST_QUALITY}, 0, "* 40000000"},
+      {OLESTR("Level"), 0, 40, 0, {AGG_AVG}, 0, "20 40A40401 @0", 0},
+      {OLESTR("Level"), 0, 40, 0, {AGG_MAX}, 0, "30 * @20", 0},
+      {OLESTR("Level"), 0, 40, 0, {AGG_COUNT}, 0, "i2", 0},
+      {OLESTR("Level"), 0, 40, 0, {AGG_PERCENT_GOOD}, 0, "50 401 @0", 0},
+      {OLESTR("Level"), 0, 40, 0, {AGG_WORST_QUALITY}, 0, "* 40000000", 0},
+      // "Flow" [30, 60): AVG from 1 of 2 samples (50 %), TIME_AVG from 20 of 30 s (66.7 %), by
+      // the percentages of good and bad data (0 means 100); a bad status keeps its value.
+      {OLESTR("Flow"), 30, 60, 0, {AGG_AVG}, 0, "10 40A40401", 1, 0, 0},
+      {OLESTR("Flow"), 30, 60, 0, {AGG_TIME_AVG}, 0, "* 40A40401", 1, 0, 0},
+      {OLESTR("Flow"), 30, 60, 0, {AGG_AVG}, 0, "10 401", 1, 50, 100},
+      {OLESTR("Flow"), 30, 60, 0, {AGG_TIME_AVG}, 0, "* 401", 1, 50, 100},
+      {OLESTR("Flow"), 30, 60, 0, {AGG_AVG}, 0, "10 80000401", 1, 70, 30},
+      {OLESTR("Flow"), 30, 60, 0, {AGG_TIME_AVG}, 0, "* 80000401", 1, 70, 30},
+      {OLESTR("Flow"), 30, 60, 0, {AGG_AVG}, 0, "10 80000401", 1, 70, 40},
+      {OLESTR("Flow"), 30, 60, 0, {AGG_TIME_AVG}, 0, "* 40A40401", 1, 70, 40},
+      {OLESTR("Flow"), 30, 60, 0, {AGG_AVG}, 0, "10 40A40401", 1, 60, 60},
+      {OLESTR("Flow"), 30, 60, 0, {AGG_TIME_AVG}, 0, "* 401", 1, 60, 60},
+  };
+  for (const Row& row : rows) {
+    for (AggregateId id : row.aggregates) {
+      request_.treatUncertainAsGood = row.treatUncertainAsGood;
+      request_.percentDataGood = row.percentGood;
+      request_.percentDataBad = row.percentBad;
+      Answer a;
+      Read(a, row.tag, row.from, row.to, row.periodMs, {id});
+      const std::string got = Describe(a, row.interval);
+      EXPECT_TRUE(Matches(row.expected, got))
+          << ToUtf8(row.tag) << " [" << row.from << ", " << row.to << ") by " << row.periodMs << " ms, "
+          << (AggregateName(id) ? ToUtf8(AggregateName(id)) : std::to_string(id)) << " of interval " << row.interval
+          << " (uncertain as good " << int(row.treatUncertainAsGood) << ", percent good/bad " << int(row.percentGood)
+          << "/" << int(row.percentBad) << "): expected " << row.expected << ", got " << got;
+    }
+  }
+  Answer none;  // no aggregate at all
+  Read(none, OLESTR("Flow"), 0, 10, 1000, {});
+  EXPECT_EQ(E_INVALIDARG, none.hr);
+  EXPECT_EQ(nullptr, none.result);
 }
+
 
 TEST_F(AggregatesTest, FailingRawReadsReleaseTheirContinuationPoints) {
   for (int failAt : {1, 2, 3, 5}) {  // backward bound, main read first and later page, forward bound
@@ -302,114 +424,6 @@ TEST_F(AggregatesTest, FailingRawReadsReleaseTheirContinuationPoints) {
     EXPECT_EQ(nullptr, a.result);
     EXPECT_TRUE(raw_.live.empty()) << failAt;
   }
-}
-
-// ---- Values of raw samples -------------------------------------------------------------------
-
-TEST_F(AggregatesTest, RawValueAggregatesPerInterval) {
-  Answer a;
-  Read(a, OLESTR("Flow"), 0, 120, 30000,
-       {AGG_MIN, AGG_MAX, AGG_AVG, AGG_DELTA, AGG_RANGE, AGG_COUNT, AGG_LAST, AGG_WORST_QUALITY});
-  ASSERT_EQ(S_OK, a.hr);
-  // [0, 30): 10 @0, 30 @20.
-  ExpectR8(a.At(0, 0), 10, kGoodRaw, 0);
-  ExpectR8(a.At(1, 0), 30, kGoodRaw, 20);
-  ExpectR8(a.At(2, 0), 20, kGoodCalc, 0);  // (10 + 30) / 2
-  ExpectR8(a.At(3, 0), 20, kGoodCalc, 0);  // 30 - 10
-  ExpectR8(a.At(4, 0), 20, kGoodCalc, 0);
-  EXPECT_EQ(2, a.At(5, 0).value.lVal);
-  EXPECT_EQ(30.0, a.At(6, 0).value.dblVal);
-  EXPECT_EQ(T(20), FileTimeToU64(a.At(6, 0).timestamp));
-  // [30, 60): 10 @40 good, 20 @50 bad: one of two samples usable -> uncertain.
-  ExpectR8(a.At(1, 1), 10, kUncertainRaw, 40);
-  ExpectR8(a.At(2, 1), 10, kUncertainCalc, 30);
-  EXPECT_EQ(1, a.At(5, 1).value.lVal);
-  EXPECT_EQ(kUncertainCalc, a.At(5, 1).quality);
-  EXPECT_EQ(20.0, a.At(6, 1).value.dblVal);  // LAST keeps the bad sample and its quality
-  EXPECT_EQ(kBadQ, a.At(6, 1).quality);
-  EXPECT_EQ(kBadQ, a.At(7, 1).value.ulVal);
-  EXPECT_EQ(kBadQ, a.At(7, 1).quality);
-  // [60, 90): the single sample 40 @60.
-  ExpectR8(a.At(3, 2), 0, kGoodCalc, 60);
-  EXPECT_EQ(T(60), FileTimeToU64(a.At(0, 2).timestamp));
-  // [90, 120): no raw sample at all.
-  for (ULONG agg = 0; agg < a.entries; ++agg) ExpectNoData(a.At(agg, 3), 90);
-}
-
-TEST_F(AggregatesTest, TextsCountButHaveNoNumericValue) {
-  Answer a;
-  Read(a, OLESTR("Mode"), 0, 20, 0, {AGG_MIN, AGG_AVG, AGG_TIME_AVG, AGG_COUNT, AGG_LAST});
-  ASSERT_EQ(S_OK, a.hr);
-  for (ULONG agg = 0; agg < 3; ++agg) ExpectNoData(a.At(agg, 0), 0);
-  EXPECT_EQ(2, a.At(3, 0).value.lVal);
-  EXPECT_EQ(kGoodCalc, a.At(3, 0).quality);
-  ASSERT_EQ(VT_BSTR, a.At(4, 0).value.vt);
-  EXPECT_EQ(WString(OLESTR("B")), WString(a.At(4, 0).value.bstrVal));
-  EXPECT_EQ(T(10), FileTimeToU64(a.At(4, 0).timestamp));
-}
-
-// ---- Time-weighted values ----------------------------------------------------------------------
-
-TEST_F(AggregatesTest, TimeWeightedValuesFollowSlopedOrSteppedLines) {
-  Answer sloped, stepped;
-  const std::vector<AggregateId> ids = {AGG_TIME_AVG, AGG_TOTAL, AGG_INTERPOLATIVE};
-  Read(sloped, OLESTR("Flow"), 0, 120, 30000, ids);
-  Read(stepped, OLESTR("FlowStep"), 0, 120, 30000, ids);
-  ASSERT_EQ(S_OK, sloped.hr);
-  ASSERT_EQ(S_OK, stepped.hr);
-  // Sloped [0, 30): 10->30 over 20 s (400) then 30->20 (halfway to 10 @40) over 10 s (250).
-  ExpectR8(sloped.At(0, 0), 650.0 / 30, kGoodCalc, 0);
-  ExpectR8(sloped.At(1, 0), 650, kGoodCalc, 0);
-  ExpectR8(sloped.At(2, 0), 10, kGoodRaw, 0);  // a sample sits at the start
-  // Stepped [0, 30): 10 for 20 s, 30 for 10 s.
-  ExpectR8(stepped.At(0, 0), 500.0 / 30, kGoodCalc, 0);
-  // [30, 60): 20->10 (150), then 10->40 across the bad sample @50 (500); 20 of 30 s good.
-  ExpectR8(sloped.At(0, 1), 650.0 / 30, kUncertainCalc, 30);
-  ExpectR8(sloped.At(2, 1), 20, kGoodInterp, 30);
-  ExpectR8(stepped.At(2, 1), 30, kGoodInterp, 30);
-  // Stepped [30, 60): 30 for 10 s, 10 for 20 s (the bad sample is bridged).
-  ExpectR8(stepped.At(0, 1), 500.0 / 30, kUncertainCalc, 30);
-  // [90, 120) has no raw sample, yet the line from 40 @60 to 40 @130 crosses it.
-  ExpectR8(sloped.At(0, 3), 40, kGoodCalc, 90);
-  ExpectR8(sloped.At(2, 3), 40, kGoodInterp, 90);
-
-  // Tags the browse does not list: numbers sloped (0 -> 10 averages 5), booleans stepped.
-  Answer real, boolean;
-  Read(real, OLESTR("HiddenReal"), 0, 10, 0, {AGG_TIME_AVG});
-  Read(boolean, OLESTR("HiddenBool"), 0, 10, 0, {AGG_TIME_AVG});
-  ExpectR8(real.At(0, 0), 5, kGoodCalc, 0);
-  ExpectR8(boolean.At(0, 0), 0, kGoodCalc, 0);
-
-  // At 55 the bad sample @50 lies between the bounds 10 @40 and 40 @60: uncertain.
-  Answer skipped, skippedStep, extrapolated;
-  Read(skipped, OLESTR("Flow"), 55, 60, 0, {AGG_INTERPOLATIVE});
-  Read(skippedStep, OLESTR("FlowStep"), 55, 60, 0, {AGG_INTERPOLATIVE});
-  ExpectR8(skipped.At(0, 0), 32.5, kUncertainInterp, 55);  // 10 + 30 * 15 / 20
-  ExpectR8(skippedStep.At(0, 0), 10, kUncertainInterp, 55);
-  // Sloped with nothing after the last sample: its value, uncertain.
-  Read(extrapolated, OLESTR("Late"), 60, 70, 0, {AGG_INTERPOLATIVE});
-  ExpectR8(extrapolated.At(0, 0), 5, kUncertainInterp, 60);
-}
-
-TEST_F(AggregatesTest, IntervalsBeforeTheFirstSampleHaveNoData) {
-  Answer a;  // "Late": one sample, 5 @50, no sample before it
-  Read(a, OLESTR("Late"), 0, 100, 0,
-       {AGG_TIME_AVG, AGG_TOTAL, AGG_TOTAL_AVG, AGG_INTERPOLATIVE, AGG_PERCENT_GOOD, AGG_PERCENT_BAD, AGG_MIN});
-  ASSERT_EQ(S_OK, a.hr);
-  ExpectR8(a.At(0, 0), 5, kUncertainCalc, 0);  // line covers [50, 100) only: 50 % good
-  ExpectR8(a.At(1, 0), 250, kUncertainCalc, 0);
-  ExpectR8(a.At(2, 0), 2.5, kUncertainCalc, 0);
-  ExpectNoData(a.At(3, 0), 0);  // nothing at or before the start
-  ExpectR8(a.At(4, 0), 50, kGoodCalc, 0);
-  ExpectR8(a.At(5, 0), 50, kGoodCalc, 0);
-  ASSERT_EQ(VT_I4, a.At(6, 0).value.vt);  // MIN keeps the tag's type
-  EXPECT_EQ(5, a.At(6, 0).value.lVal);
-
-  Answer early;
-  Read(early, OLESTR("Late"), 0, 100, 50000, {AGG_DURATION_GOOD, AGG_TIME_AVG, AGG_COUNT});
-  ASSERT_EQ(S_OK, early.hr);
-  for (ULONG agg = 0; agg < 3; ++agg) ExpectNoData(early.At(agg, 0), 0);
-  ExpectR8(early.At(0, 1), 50000, kGoodCalc, 50);
 }
 
 TEST_F(AggregatesTest, SamplesSharingATimeCountInTheOrderTheyCame) {
@@ -468,76 +482,6 @@ TEST_F(AggregatesTest, ReadsLeaveNothingBehindForTheNextOne) {
       EXPECT_EQ(y.quality, x.quality) << agg << "/" << k;
       EXPECT_EQ(FileTimeToU64(y.timestamp), FileTimeToU64(x.timestamp)) << agg << "/" << k;
     }
-  }
-}
-
-// ---- States and qualities -------------------------------------------------------------------------
-
-TEST_F(AggregatesTest, BooleanStatesTransitionsAndQualityShares) {
-  Answer a;  // "Pump" over [0, 100): true from -20, false @10, true @30 and @60, bad @70, false @80
-  Read(a, OLESTR("Pump"), 0, 100, 0,
-       {AGG_DURATION_IN_STATE_0, AGG_DURATION_IN_STATE_1, AGG_NUMBER_OF_TRANSITIONS, AGG_COUNT, AGG_DURATION_GOOD,
-        AGG_DURATION_BAD, AGG_PERCENT_GOOD, AGG_PERCENT_BAD, AGG_WORST_QUALITY, AGG_TIME_AVG});
-  ASSERT_EQ(S_OK, a.hr);
-  ExpectR8(a.At(0, 0), 40000, kUncertainCalc, 0);  // false [10, 30) and [80, 100)
-  ExpectR8(a.At(1, 0), 50000, kUncertainCalc, 0);  // true [0, 10), [30, 70)
-  EXPECT_EQ(3, a.At(2, 0).value.lVal);               // true->false @10, ->true @30, ->false @80
-  EXPECT_EQ(kUncertainCalc, a.At(2, 0).quality);     // 4 of 5 samples usable
-  EXPECT_EQ(4, a.At(3, 0).value.lVal);
-  ExpectR8(a.At(4, 0), 90000, kGoodCalc, 0);
-  ExpectR8(a.At(5, 0), 10000, kGoodCalc, 0);
-  ExpectR8(a.At(6, 0), 90, kGoodCalc, 0);
-  ExpectR8(a.At(7, 0), 10, kGoodCalc, 0);
-  EXPECT_EQ(kBadQ, a.At(8, 0).quality);
-  // Booleans are stepped: 1 over [0, 10), [30, 80) (bad @70 bridged) = 60 of 100 s.
-  ExpectR8(a.At(9, 0), 0.6, kUncertainCalc, 0);
-}
-
-TEST_F(AggregatesTest, UncertainSamplesFollowTreatUncertainAsGood) {
-  // "Level": 10 @0, 20 @10 uncertain, 30 @20, 40 @30 uncertain; one interval [0, 40).
-  struct Case {
-    BYTE treatAsGood;
-    double avg;  // (10 + 30) / 2 from half the samples when uncertain counts as bad
-    DWORD avgStatus;
-    double max, maxAt;
-    LONG count;
-    double percentGood;
-  } cases[] = {{1, 25, kGoodCalc, 40, 30, 4, 100}, {0, 20, kUncertainCalc, 30, 20, 2, 50}};
-  for (const Case& c : cases) {
-    request_.treatUncertainAsGood = c.treatAsGood;
-    Answer a;
-    Read(a, OLESTR("Level"), 0, 40, 0, {AGG_AVG, AGG_MAX, AGG_COUNT, AGG_PERCENT_GOOD, AGG_WORST_QUALITY});
-    ASSERT_EQ(S_OK, a.hr);
-    ExpectR8(a.At(0, 0), c.avg, c.avgStatus, 0);
-    EXPECT_EQ(c.max, a.At(1, 0).value.dblVal);
-    EXPECT_EQ(T(c.maxAt), FileTimeToU64(a.At(1, 0).timestamp));
-    EXPECT_EQ(c.count, a.At(2, 0).value.lVal);
-    ExpectR8(a.At(3, 0), c.percentGood, kGoodCalc, 0);
-    EXPECT_EQ(kUncertainQ, a.At(4, 0).quality);
-  }
-}
-
-TEST_F(AggregatesTest, PercentThresholdsDecideGoodUncertainAndBad) {
-  // "Flow" [30, 60): AVG from 1 of 2 samples (50 %), TIME_AVG from 20 of 30 s (66.7 %).
-  struct Case {
-    BYTE good, bad;
-    DWORD avg, timeAvg;
-  } cases[] = {
-      {0, 0, kUncertainCalc, kUncertainCalc},  // 0 means 100
-      {50, 100, kGoodCalc, kGoodCalc},
-      {70, 30, kBadCalc, kBadCalc},
-      {70, 40, kBadCalc, kUncertainCalc},
-      {60, 60, kUncertainCalc, kGoodCalc},
-  };
-  for (const Case& c : cases) {
-    request_.percentDataGood = c.good;
-    request_.percentDataBad = c.bad;
-    Answer a;
-    Read(a, OLESTR("Flow"), 30, 60, 0, {AGG_AVG, AGG_TIME_AVG});
-    ASSERT_EQ(S_OK, a.hr);
-    EXPECT_EQ(c.avg, a.At(0, 0).quality) << int(c.good) << "/" << int(c.bad);
-    EXPECT_EQ(c.timeAvg, a.At(1, 0).quality) << int(c.good) << "/" << int(c.bad);
-    EXPECT_NEAR(10.0, a.At(0, 0).value.dblVal, 1e-9);  // a bad status still carries its value
   }
 }
 

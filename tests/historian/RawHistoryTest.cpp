@@ -1,3 +1,5 @@
+#include <cmath>
+#include <string>
 #include <thread>
 
 #include "tests/historian/HistorianTestUtil.h"
@@ -32,24 +34,50 @@ using RawPaging = RawFixture;
 using RawRanges = RawFixture;
 using RawWrites = RawFixture;
 
-TEST_F(RawPaging, ReadsEverySampleOnceThroughContinuationPoints) {
-  AddSeries(OLESTR("T"), 250);
-  std::vector<size_t> pages;
-  std::vector<Sample> all = ReadAll(OLESTR("T"), kT0, kT0 + 249 * kSecond, 100, &pages);
-  EXPECT_EQ((std::vector<size_t>{100, 100, 50}), pages);
-  ASSERT_EQ(250u, all.size());
-  for (size_t i = 0; i < all.size(); ++i) {
-    EXPECT_EQ(kT0 + i * kSecond, all[i].time);
-    EXPECT_EQ(static_cast<double>(i), all[i].value);
+// Runs of consecutive values shown as "first..last".
+std::string Show(const std::vector<Sample>& samples) {
+  std::string text;
+  for (size_t i = 0; i < samples.size();) {
+    size_t j = i;
+    while (j + 1 < samples.size() && std::abs(samples[j + 1].value - samples[j].value) == 1 &&
+           samples[j + 1].value - samples[j].value == samples[i + 1].value - samples[i].value)
+      ++j;
+    text += (text.empty() ? "" : " ") + std::to_string(int(samples[i].value));
+    if (j > i + 1) text += ".." + std::to_string(int(samples[j].value)), i = j + 1;
+    else ++i;
   }
-  EXPECT_EQ(0u, store_->OutstandingCursors());
+  return text;
+}
 
-  pages.clear();  // a page that ends on the last sample returns no continuation
-  EXPECT_EQ(200u, ReadAll(OLESTR("T"), kT0, kT0 + 199 * kSecond, 100, &pages).size());
-  EXPECT_EQ((std::vector<size_t>{100, 100}), pages);
-  pages.clear();
-  EXPECT_EQ(250u, ReadAll(OLESTR("T"), kT0, kT0 + 999 * kSecond, 0, &pages).size());
-  EXPECT_EQ((std::vector<size_t>{250}), pages);
+TEST_F(RawPaging, EachRangeReadsEverySampleOncePageByPage) {
+  AddSeries(OLESTR("T"), 250);  // value i at i seconds
+  const struct {
+    const OLECHAR* tag;
+    double from, to;
+    ULONG page;
+    DWORD flags;
+    const char *values, *pages;
+  } cases[] = {
+      {OLESTR("T"), 0, 249, 100, kRawReadIncludeBounds, "0..249", "100 100 50"},
+      {OLESTR("T"), 0, 199, 100, kRawReadIncludeBounds, "0..199", "100 100"},  // the last page ends on the last sample
+      {OLESTR("T"), 0, 999, 0, kRawReadIncludeBounds, "0..249", "250"},
+      {OLESTR("T"), 2, 5, 0, kRawReadIncludeBounds, "2..5", "4"},
+      {OLESTR("T"), 2, 5, 0, 0, "3 4", "2"},  // without the bounds flag the ends are left out
+      {OLESTR("T"), 2, 3, 0, 0, "", "0"},
+      {OLESTR("t"), 7, 3, 2, kRawReadIncludeBounds, "7..3", "2 2 1"},  // reversed: newest first, across pages
+      {OLESTR("T"), 300, 310, 5, kRawReadIncludeBounds, "", "0"},  // past the end: an empty list, not a null one
+  };
+  for (const auto& c : cases) {
+    std::vector<size_t> sizes;
+    const auto got = ReadAll(c.tag, kT0 + ULONGLONG(c.from) * kSecond, kT0 + ULONGLONG(c.to) * kSecond, c.page, &sizes,
+                             c.flags);
+    std::string pages;
+    for (size_t n : sizes) pages += (pages.empty() ? "" : " ") + std::to_string(n);
+    EXPECT_EQ(c.values, Show(got)) << c.from << ".." << c.to << " by " << c.page;
+    EXPECT_EQ(c.pages, pages) << c.from << ".." << c.to << " by " << c.page;
+    for (const Sample& sample : got) EXPECT_EQ(kT0 + ULONGLONG(sample.value) * kSecond, sample.time);
+    EXPECT_EQ(0u, store_->OutstandingCursors());
+  }
 }
 
 TEST_F(RawPaging, AbandonedReadIsReleasedAndItsPointerThenRefused) {
@@ -125,23 +153,6 @@ TEST_F(RawPaging, ConcurrentReadersSeeOrderedPagesWhileAWriterWorks) {
   for (auto& t : readers) t.join();
   EXPECT_EQ(0, problems.load());
   EXPECT_EQ(20000u + 10 + 1000, store_->SampleCount());
-}
-
-TEST_F(RawRanges, BoundsAndDirection) {
-  AddSeries(OLESTR("T"), 10);
-  EXPECT_EQ((std::vector<double>{2, 3, 4, 5}), ValuesOf(ReadAll(OLESTR("T"), kT0 + 2 * kSecond, kT0 + 5 * kSecond, 0)));
-  // Without the bounds flag the ends are left out.
-  EXPECT_EQ((std::vector<double>{3, 4}), ValuesOf(ReadAll(OLESTR("T"), kT0 + 2 * kSecond, kT0 + 5 * kSecond, 0, nullptr, 0)));
-  EXPECT_TRUE(ReadAll(OLESTR("T"), kT0 + 2 * kSecond, kT0 + 3 * kSecond, 0, nullptr, 0).empty());
-  // A start later than the end reads newest first, across pages too.
-  std::vector<size_t> pages;
-  EXPECT_EQ((std::vector<double>{7, 6, 5, 4, 3}),
-            ValuesOf(ReadAll(OLESTR("t"), kT0 + 7 * kSecond, kT0 + 3 * kSecond, 2, &pages)));
-  EXPECT_EQ((std::vector<size_t>{2, 2, 1}), pages);
-  // Past the last sample: an empty list, never a null one, and no continuation.
-  pages.clear();
-  EXPECT_TRUE(ReadAll(OLESTR("T"), kT0 + 20 * kSecond, kT0 + 30 * kSecond, 5, &pages).empty());
-  EXPECT_EQ((std::vector<size_t>{0}), pages);
 }
 
 TEST_F(RawRanges, RefusesBadRequests) {

@@ -150,45 +150,40 @@ TEST(ComInitialization, CoFileTimeNowReadsTheSystemClock) {
 
 // ---- GUID text -----------------------------------------------------------------
 
-TEST(GuidText, WritesTheBracedUpperCaseForm) {
+TEST(GuidText, WritesTheBracedUpperCaseFormAndReadsItBackWithTheWindowsCodes) {
   OLECHAR buf[39];
   EXPECT_EQ(StringFromGUID2(IID_IClassFactory, buf, 39), 39);
   EXPECT_EQ(GuidText(IID_IClassFactory), u"{00000001-0000-0000-C000-000000000046}");
   const GUID mixed = {0xEFFACBC0, 0x538B, 0x4BC7, {0xAF, 0xE1, 0x2E, 0x90, 0x16, 0x74, 0x24, 0xC6}};
-  EXPECT_EQ(GuidText(mixed), u"{EFFACBC0-538B-4BC7-AFE1-2E90167424C6}");
   EXPECT_EQ(StringFromGUID2(mixed, buf, 38), 0) << "no room for the terminator";
-}
-
-TEST(GuidText, ReadsTheBracedFormInEitherCaseAndNullAsTheNullGuid) {
-  CLSID clsid = {};
-  ASSERT_EQ(CLSIDFromString(W("{effacbc0-538b-4bc7-afe1-2e90167424c6}"), &clsid), S_OK);
-  EXPECT_EQ(GuidText(clsid), u"{EFFACBC0-538B-4BC7-AFE1-2E90167424C6}");
+  // Text, then what CLSIDFromString answers and the GUID it reads (either case; null text
+  // is the null GUID).
+  const struct {
+    const char16_t* text;
+    HRESULT hr;
+    const char16_t* read;
+  } cases[] = {
+      {u"{effacbc0-538b-4bc7-afe1-2e90167424c6}", S_OK, u"{EFFACBC0-538B-4BC7-AFE1-2E90167424C6}"},
+      {nullptr, S_OK, u"{00000000-0000-0000-0000-000000000000}"},
+      {u"{EFFACBC0-538B-4BC7-AFE1-2E90167424C}", CO_E_CLASSSTRING, nullptr},    // one digit short
+      {u"{EFFACBC0-538B-4BC7-AFE1-2E90167424C6", CO_E_CLASSSTRING, nullptr},    // no closing brace
+      {u"{EFFACBC0-538B-4BC7-AFE1-2E90167424C6}x", CO_E_CLASSSTRING, nullptr},  // trailing text
+      {u"{EFFACBC0-538B-4BC7-AFE1-2E90167424CG}", CO_E_CLASSSTRING, nullptr},   // not hexadecimal
+      {u"{EFFACBC0+538B-4BC7-AFE1-2E90167424C6}", CO_E_CLASSSTRING, nullptr},   // wrong separator
+      {u"{EFFACBC0-538B-4BC7-AFE12E90167424C6-}", CO_E_CLASSSTRING, nullptr},   // separator misplaced
+  };
+  for (const auto& c : cases) {
+    CLSID clsid = IID_IClassFactory;
+    EXPECT_EQ(CLSIDFromString(reinterpret_cast<LPCOLESTR>(c.text), &clsid), c.hr) << (c.text ? Narrow(c.text) : "null");
+    if (c.read) {
+      EXPECT_EQ(GuidText(clsid), c.read);
+    }
+  }
   IID iid = {};
   ASSERT_EQ(IIDFromString(W("{00000001-0000-0000-C000-000000000046}"), &iid), S_OK);
   EXPECT_TRUE(IsEqualIID(iid, IID_IClassFactory));
-  // Null text reads as the null GUID.
-  clsid = IID_IClassFactory;
-  EXPECT_EQ(CLSIDFromString(nullptr, &clsid), S_OK);
-  EXPECT_TRUE(IsEqualCLSID(clsid, CLSID_NULL));
   EXPECT_EQ(IIDFromString(nullptr, &iid), S_OK);
   EXPECT_TRUE(IsEqualIID(iid, IID_NULL));
-}
-
-TEST(GuidText, RefusesMalformedTextWithTheWindowsCodes) {
-  const char16_t* bad[] = {
-      u"{EFFACBC0-538B-4BC7-AFE1-2E90167424C}",    // one digit short
-      u"{EFFACBC0-538B-4BC7-AFE1-2E90167424C6",    // no closing brace
-      u"{EFFACBC0-538B-4BC7-AFE1-2E90167424C6}x",  // trailing text
-      u"{EFFACBC0-538B-4BC7-AFE1-2E90167424CG}",   // not hexadecimal
-      u"{EFFACBC0+538B-4BC7-AFE1-2E90167424C6}",   // wrong separator
-      u"{EFFACBC0-538B-4BC7-AFE12E90167424C6-}",   // separator in the wrong place
-  };
-  for (const char16_t* text : bad) {
-    CLSID clsid;
-    EXPECT_EQ(CLSIDFromString(reinterpret_cast<LPCOLESTR>(text), &clsid), CO_E_CLASSSTRING)
-        << Narrow(text);
-  }
-  IID iid;
   EXPECT_EQ(IIDFromString(W("{EFFACBC0-538B-4BC7-AFE1-2E90167424C}"), &iid), E_INVALIDARG) << "wrong length";
   EXPECT_EQ(IIDFromString(W("{EFFACBC0-538B-4BC7-AFE1-2E90167424CG}"), &iid), CO_E_IIDSTRING);
   EXPECT_EQ(CLSIDFromString(W("{EFFACBC0-538B-4BC7-AFE1-2E90167424C6}"), nullptr), E_INVALIDARG);

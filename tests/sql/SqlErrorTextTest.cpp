@@ -5,6 +5,7 @@
 
 #include "SQLParser/SQLResources.h"
 #include "SqlTestSupport.h"
+#include "tests/support/TraceCapture.h"
 
 namespace {
 
@@ -91,6 +92,13 @@ TEST_F(SqlErrorTexts, ReadFailureBeforeAnyClauseLeavesNoMessage) {
   auto q = Parse("\"unterminated");
   EXPECT_EQ(q.hr, E_FAIL);
   EXPECT_EQ(q.error, "");
+}
+
+TEST_F(SqlErrorTexts, AFailedParseIsTracedAsAnErrorWithItsInfo) {
+  corvane::test::TraceCapture capture(TRACE_ERROR);
+  auto p = Parse("SELECT a FROM t WHERE a = 1e5");
+  ASSERT_EQ(1u, capture.Lines().size());
+  EXPECT_EQ(capture.Lines()[0].text, "Failed to parse the SQL query (HR = 80004005), error info: " + p.error);
 }
 
 TEST_F(SqlErrorTexts, UserFacingResourcesEndWithTheQuotedQuery) {

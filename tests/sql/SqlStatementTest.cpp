@@ -1,201 +1,104 @@
-// Each statement kind's accepted forms and the query model it yields.
+// Each statement kind's accepted forms and the query model it yields, WHERE trees
+// (precedence, NOT, the exclusive BETWEEN, parentheses) and the numbering of `?`: one
+// row per statement, the model compared whole.
 #include <gtest/gtest.h>
 
 #include "SqlTestSupport.h"
 
 namespace {
 
+using sqltest::Describe;
 using sqltest::Parse;
 using sqltest::Render;
-using sqltest::W8;
 
 class SqlStatements : public corvane::test::LeakCheckedTest {};
 
-const CSQLSelectItemTable& Table(const CSQLQueryInfo& q, size_t i) {
-  return static_cast<const CSQLSelectItemTable&>(*q.FromItems().at(i));
-}
-const CSQLSelectItemSP& Procedure(const CSQLQueryInfo& q) {
-  return static_cast<const CSQLSelectItemSP&>(*q.FromItems().at(0));
-}
-std::string Params(const CSQLSelectItemSP& sp) {
-  std::string text;
-  for (const auto& p : sp.Parameters()) text += (text.empty() ? "" : " ") + Render(p.get());
-  return text;
-}
-
-TEST_F(SqlStatements, SelectStarGivesOneColumnAndDefaultCatalogAndSchema) {
-  auto p = Parse("SELECT * FROM RAWDATA");
-  ASSERT_EQ(p.hr, S_OK) << p.error;
-  const CSQLQueryInfo& q = *p.query;
-  EXPECT_EQ(q.StatementKind(), SQL_STATEMENT_SELECT);
-  ASSERT_EQ(q.SelectColumns().size(), 1u);
-  EXPECT_EQ(W8(q.SelectColumns()[0]->ColumnName()), "*");
-  EXPECT_EQ(W8(q.SelectColumns()[0]->DisplayName()), "*");
-  ASSERT_EQ(q.FromItems().size(), 1u);
-  EXPECT_EQ(q.FromItems()[0]->Kind(), SQL_SELECT_ITEM_TABLE);
-  EXPECT_EQ(W8(Table(q, 0).TableName()), "RAWDATA");
-  EXPECT_EQ(W8(Table(q, 0).Alias()), "RAWDATA");
-  EXPECT_EQ(W8(Table(q, 0).Catalog()), "CAT");
-  EXPECT_EQ(W8(Table(q, 0).Schema()), "SCH");
-  EXPECT_EQ(q.Condition(), nullptr);
-  EXPECT_EQ(q.RowLimitEnabled(), 0);
-  EXPECT_EQ(static_cast<const CSQLQueryInfoSELECT&>(q).Aggregate(), 0);
-}
-
-TEST_F(SqlStatements, TopAndLimitShareOneRowLimit) {
-  auto top = Parse("SELECT TOP 10 TAGNAME, VALUE FROM RAWDATA WHERE TAGNAME = 'a' AND TIMESTAMP > NOW()");
-  ASSERT_EQ(top.hr, S_OK) << top.error;
-  EXPECT_EQ(top.query->RowLimitEnabled(), 1);
-  EXPECT_EQ(top.query->RowLimitSkip(), 0);
-  EXPECT_EQ(top.query->RowLimitCount(), 10);
-  ASSERT_EQ(top.query->SelectColumns().size(), 2u);
-  EXPECT_EQ(W8(top.query->SelectColumns()[1]->ColumnName()), "VALUE");
-  EXPECT_EQ(Render(top.query->Condition()), "AND(EQ(TAGNAME,'a'),GT(TIMESTAMP,NOW()))");
-
-  auto paged = Parse("SELECT a FROM t LIMIT 5, 10");
-  ASSERT_EQ(paged.hr, S_OK);
-  EXPECT_EQ(paged.query->RowLimitSkip(), 5);
-  EXPECT_EQ(paged.query->RowLimitCount(), 10);
-
-  auto both = Parse("SELECT TOP 3 a FROM t LIMIT 7");
-  ASSERT_EQ(both.hr, S_OK);
-  EXPECT_EQ(both.query->RowLimitSkip(), 0);
-  EXPECT_EQ(both.query->RowLimitCount(), 7);
+TEST_F(SqlStatements, EachTextYieldsItsModel) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"SELECT * FROM RAWDATA", "SELECT cols=* from=CAT.SCH.RAWDATA"},
+      // TOP and LIMIT share one row limit; the later one wins.
+      {"SELECT TOP 10 TAGNAME, VALUE FROM RAWDATA WHERE TAGNAME = 'a' AND TIMESTAMP > NOW()",
+       "SELECT limit=0,10 cols=TAGNAME, VALUE from=CAT.SCH.RAWDATA where=AND(EQ(TAGNAME,'a'),GT(TIMESTAMP,NOW()))"},
+      {"SELECT a FROM t LIMIT 5, 10", "SELECT limit=5,10 cols=a from=CAT.SCH.t"},
+      {"SELECT TOP 3 a FROM t LIMIT 7", "SELECT limit=0,7 cols=a from=CAT.SCH.t"},
+      // Column names come from the item; an aggregate anywhere marks the statement.
+      {"SELECT 5, 'x', r.VALUE v, TAGNAME AS \"Tag Name\", COUNT(VALUE), NOW() n, q.* FROM RAWDATA r",
+       "SELECT aggregate cols=5, 'x':x, r.VALUE:VALUE@r as v, TAGNAME as Tag Name, COUNT(VALUE):COUNT, NOW():NOW as n, "
+       "q.*:*@q from=CAT.SCH.RAWDATA r"},
+      {"SELECT NOW(), max_value FROM t", "SELECT cols=NOW():NOW, max_value from=CAT.SCH.t"},
+      {"SELECT avg(VALUE) FROM t", "SELECT aggregate cols=avg(VALUE):avg from=CAT.SCH.t"},
+      {"SELECT a FROM c.s.t1, s2.t2 AS x, t3;", "SELECT cols=a from=c.s.t1, CAT.s2.t2 x, CAT.SCH.t3"},
+      // A procedure as a table; a bare DATEADD unit is kept as text, like DATEADD('hh', ...).
+      {"SELECT * FROM s.GET_VALUES('tag', DATEADD(hh, -1, NOW()), ?) WHERE VALUE > ?",
+       "SELECT cols=* from=CAT.s.GET_VALUES('tag' DATEADD('hh',-1,NOW()) ?1) where=GT(VALUE,?2)"},
+      {"SELECT a FROM t ORDER BY TIMESTAMP DESC, r.b ASC, c",
+       "SELECT cols=a from=CAT.SCH.t order=TIMESTAMP DESC, r.b, c"},
+      {"INSERT INTO RAWDATA (TAGNAME, VALUE, TIMESTAMP) VALUES ('a', 1.5, NOW());",
+       "INSERT from=CAT.SCH.RAWDATA set=TAGNAME='a', VALUE=R8:1.500000, TIMESTAMP=NOW()"},
+      {"UPDATE t SET a = 1, b = 'x' WHERE c = 3", "UPDATE from=CAT.SCH.t set=a=1, b='x' where=EQ(c,3)"},
+      {"DELETE FROM RAWDATA WHERE TAGNAME = 'a' AND TIMESTAMP = '2020-01-01' LIMIT 3",
+       "DELETE limit=0,3 from=CAT.SCH.RAWDATA where=AND(EQ(TAGNAME,'a'),EQ(TIMESTAMP,'2020-01-01'))"},
+      // Procedure calls; "? = EXEC" goes the CALL way (the word after "=" is not looked at)
+      // and its return value takes `?` number 1.
+      {"EXEC GET_VALUES 'tag', '2020-01-01', NOW()", "EXEC from=CAT.SCH.GET_VALUES('tag' '2020-01-01' NOW())"},
+      {"CALL GET_VALUES('tag', ?, ?)", "EXEC from=CAT.SCH.GET_VALUES('tag' ?1 ?2)"},
+      {"{CALL GET_VALUES('tag', ?, ?)}", "EXEC from=CAT.SCH.GET_VALUES('tag' ?1 ?2)"},
+      {"call GET_VALUES('tag',?,?);", "EXEC from=CAT.SCH.GET_VALUES('tag' ?1 ?2)"},
+      {"? = CALL p(?)", "EXEC from=CAT.SCH.p(?2)"},
+      {"? = EXEC p(?)", "EXEC from=CAT.SCH.p(?2)"},
+      {"{? = CALL c.s.p(?)}", "EXEC from=c.s.p(?2)"},
+      {"? = CALL p(?, 1, ?)", "EXEC from=CAT.SCH.p(?2 1 ?3)"},
+      {"EXEC c.s.HDA_ANALOG 'x', 1, 2.5, ?", "EXEC from=c.s.HDA_ANALOG('x' 1 R8:2.500000 ?1)"},
+      {"SELECT * FROM p(?, 'x', ?) WHERE v > ?", "SELECT cols=* from=CAT.SCH.p(?1 'x' ?2) where=GT(v,?3)"},
+  };
+  for (const auto& [text, model] : cases) EXPECT_EQ(model, Describe(text)) << "statement: " << text;
 }
 
-TEST_F(SqlStatements, SelectColumnNamesComeFromTheItem) {
-  auto p = Parse("SELECT 5, 'x', r.VALUE v, TAGNAME AS \"Tag Name\", COUNT(VALUE), NOW() n, q.* FROM RAWDATA r");
-  ASSERT_EQ(p.hr, S_OK) << p.error;
-  const auto& cols = p.query->SelectColumns();
-  ASSERT_EQ(cols.size(), 7u);
-  EXPECT_EQ(W8(cols[0]->ColumnName()), "5");
-  EXPECT_EQ(W8(cols[0]->DisplayName()), "5");
-  EXPECT_EQ(W8(cols[1]->ColumnName()), "x");
-  EXPECT_EQ(W8(cols[1]->DisplayName()), "x");
-  EXPECT_EQ(W8(cols[2]->TableName()), "r");
-  EXPECT_EQ(W8(cols[2]->TableAlias()), "r");
-  EXPECT_EQ(W8(cols[2]->ColumnName()), "VALUE");
-  EXPECT_EQ(W8(cols[2]->DisplayName()), "v");
-  EXPECT_EQ(W8(cols[3]->DisplayName()), "Tag Name");
-  EXPECT_EQ(W8(cols[4]->ColumnName()), "COUNT");
-  EXPECT_EQ(W8(cols[4]->DisplayName()), "COUNT");
-  EXPECT_EQ(Render(cols[4]->Item()), "COUNT(VALUE)");
-  EXPECT_EQ(W8(cols[5]->DisplayName()), "n");
-  EXPECT_EQ(W8(static_cast<const CSQLCalcItemFunction*>(cols[5]->Item())->DisplayName()), "n");
-  EXPECT_EQ(Render(cols[6]->Item()), "q.*");
-  EXPECT_EQ(W8(Table(*p.query, 0).TableName()), "RAWDATA");
-  EXPECT_EQ(W8(Table(*p.query, 0).Alias()), "r");
-  EXPECT_EQ(static_cast<const CSQLQueryInfoSELECT&>(*p.query).Aggregate(), 1);
-
-  auto noAggregate = Parse("SELECT NOW(), max_value FROM t");
-  ASSERT_EQ(noAggregate.hr, S_OK);
-  EXPECT_EQ(static_cast<const CSQLQueryInfoSELECT&>(*noAggregate.query).Aggregate(), 0);
-  auto lower = Parse("SELECT avg(VALUE) FROM t");
-  ASSERT_EQ(lower.hr, S_OK);
-  EXPECT_EQ(static_cast<const CSQLQueryInfoSELECT&>(*lower.query).Aggregate(), 1);
-}
-
-TEST_F(SqlStatements, FromListNamesAndProcedureAsTable) {
-  auto p = Parse("SELECT a FROM c.s.t1, s2.t2 AS x, t3;");
-  ASSERT_EQ(p.hr, S_OK) << p.error;
-  ASSERT_EQ(p.query->FromItems().size(), 3u);
-  EXPECT_EQ(W8(Table(*p.query, 0).Catalog()), "c");
-  EXPECT_EQ(W8(Table(*p.query, 0).Schema()), "s");
-  EXPECT_EQ(W8(Table(*p.query, 0).TableName()), "t1");
-  EXPECT_EQ(W8(Table(*p.query, 1).Catalog()), "CAT");
-  EXPECT_EQ(W8(Table(*p.query, 1).Schema()), "s2");
-  EXPECT_EQ(W8(Table(*p.query, 1).Alias()), "x");
-  EXPECT_EQ(W8(Table(*p.query, 2).Schema()), "SCH");
-
-  auto sp = Parse("SELECT * FROM s.GET_VALUES('tag', DATEADD(hh, -1, NOW()), ?) WHERE VALUE > ?");
-  ASSERT_EQ(sp.hr, S_OK) << sp.error;
-  ASSERT_EQ(sp.query->FromItems().size(), 1u);
-  EXPECT_EQ(sp.query->FromItems()[0]->Kind(), SQL_SELECT_ITEM_SP);
-  EXPECT_EQ(W8(Procedure(*sp.query).ProcedureName()), "GET_VALUES");
-  EXPECT_EQ(W8(Procedure(*sp.query).Schema()), "s");
-  EXPECT_EQ(W8(Procedure(*sp.query).Catalog()), "CAT");
-  // A bare DATEADD unit is kept as text, like DATEADD('hh', ...).
-  EXPECT_EQ(Params(Procedure(*sp.query)), "'tag' DATEADD('hh',-1,NOW()) ?1");
-  EXPECT_EQ(Render(sp.query->Condition()), "GT(VALUE,?2)");
-}
-
-TEST_F(SqlStatements, OrderByKeepsColumnCopiesAndDirections) {
-  auto p = Parse("SELECT a FROM t ORDER BY TIMESTAMP DESC, r.b ASC, c");
-  ASSERT_EQ(p.hr, S_OK) << p.error;
-  const auto& order = p.query->Ordering();
-  ASSERT_EQ(order.size(), 3u);
-  EXPECT_EQ(W8(order[0].column.ColumnName()), "TIMESTAMP");
-  EXPECT_EQ(order[0].descending, 1);
-  EXPECT_EQ(W8(order[1].column.TableName()), "r");
-  EXPECT_EQ(order[1].descending, 0);
-  EXPECT_EQ(W8(order[2].column.ColumnName()), "c");
-  EXPECT_EQ(order[2].descending, 0);
-}
-
-TEST_F(SqlStatements, InsertUpdateDelete) {
-  auto ins = Parse("INSERT INTO RAWDATA (TAGNAME, VALUE, TIMESTAMP) VALUES ('a', 1.5, NOW());");
-  ASSERT_EQ(ins.hr, S_OK) << ins.error;
-  auto& insert = static_cast<const CSQLQueryInfoINSERT&>(*ins.query);
-  EXPECT_EQ(insert.StatementKind(), SQL_STATEMENT_INSERT);
-  ASSERT_EQ(insert.Columns().size(), 3u);
-  ASSERT_EQ(insert.Values().size(), 3u);
-  EXPECT_EQ(Render(insert.Columns()[2].get()), "TIMESTAMP");
-  EXPECT_EQ(Render(insert.Values()[0].get()), "'a'");
-  EXPECT_EQ(Render(insert.Values()[1].get()), "R8:1.500000");
-  EXPECT_EQ(Render(insert.Values()[2].get()), "NOW()");
-  EXPECT_EQ(W8(Table(insert, 0).TableName()), "RAWDATA");
-
-  auto upd = Parse("UPDATE t SET a = 1, b = 'x' WHERE c = 3");
-  ASSERT_EQ(upd.hr, S_OK) << upd.error;
-  auto& update = static_cast<const CSQLQueryInfoUPDATE&>(*upd.query);
-  EXPECT_EQ(update.StatementKind(), SQL_STATEMENT_UPDATE);
-  ASSERT_EQ(update.Columns().size(), 2u);
-  EXPECT_EQ(Render(update.Columns()[1].get()), "b");
-  EXPECT_EQ(Render(update.Values()[0].get()), "1");
-  EXPECT_EQ(Render(update.Values()[1].get()), "'x'");
-  EXPECT_EQ(Render(update.Condition()), "EQ(c,3)");
-
-  auto del = Parse("DELETE FROM RAWDATA WHERE TAGNAME = 'a' AND TIMESTAMP = '2020-01-01' LIMIT 3");
-  ASSERT_EQ(del.hr, S_OK) << del.error;
-  EXPECT_EQ(del.query->StatementKind(), SQL_STATEMENT_DELETE);
-  EXPECT_EQ(del.query->RowLimitCount(), 3);
-  EXPECT_EQ(Render(del.query->Condition()), "AND(EQ(TAGNAME,'a'),EQ(TIMESTAMP,'2020-01-01'))");
-}
-
-TEST_F(SqlStatements, ProcedureCallForms) {
-  auto exec = Parse("EXEC GET_VALUES 'tag', '2020-01-01', NOW()");
-  ASSERT_EQ(exec.hr, S_OK) << exec.error;
-  EXPECT_EQ(exec.query->StatementKind(), SQL_STATEMENT_SP);
-  EXPECT_EQ(Params(Procedure(*exec.query)), "'tag' '2020-01-01' NOW()");
-
-  for (const char* text : {"CALL GET_VALUES('tag', ?, ?)", "{CALL GET_VALUES('tag', ?, ?)}", "call GET_VALUES('tag',?,?);"}) {
-    auto call = Parse(text);
-    ASSERT_EQ(call.hr, S_OK) << text << " " << call.error;
-    EXPECT_EQ(W8(Procedure(*call.query).ProcedureName()), "GET_VALUES");
-    EXPECT_EQ(Params(Procedure(*call.query)), "'tag' ?1 ?2") << text;
+TEST_F(SqlStatements, WhereTreesKeepPrecedenceAndNumberParameters) {
+  const std::pair<const char*, const char*> cases[] = {
+      // AND binds tighter than OR; both group to the left.
+      {"a = 1 OR b = 2 AND c = 3", "OR(EQ(a,1),AND(EQ(b,2),EQ(c,3)))"},
+      {"a = 1 AND b = 2 OR c = 3", "OR(AND(EQ(a,1),EQ(b,2)),EQ(c,3))"},
+      {"a = 1 AND b = 2 AND c = 3", "AND(AND(EQ(a,1),EQ(b,2)),EQ(c,3))"},
+      {"a = 1 OR b = 2 OR c = 3 AND d = 4 AND e = 5", "OR(OR(EQ(a,1),EQ(b,2)),AND(AND(EQ(c,3),EQ(d,4)),EQ(e,5)))"},
+      {"a = 1 AND b > 2 AND c < 3 AND d >= 4 AND e <= 5 AND f <> 6",
+       "AND(AND(AND(AND(AND(EQ(a,1),GT(b,2)),LT(c,3)),GE(d,4)),LE(e,5)),NE(f,6))"},
+      {"'2020-01-02' < TIMESTAMP", "LT('2020-01-02',TIMESTAMP)"},
+      {"TIMESTAMP > DATEADD('hh', -1, NOW()) AND r.TAGNAME = b", "AND(GT(TIMESTAMP,DATEADD('hh',-1,NOW())),EQ(r.TAGNAME,b))"},
+      {"x = -2.5", "EQ(x,R8:-2.500000)"},
+      // NOT wraps one comparison.
+      {"NOT a = 1 AND b = 2", "AND(NOT(EQ(a,1)),EQ(b,2))"},
+      {"a = 1 OR NOT b > 2", "OR(EQ(a,1),NOT(GT(b,2)))"},
+      // BETWEEN is exclusive at both ends.
+      {"x BETWEEN 1 AND 5 AND y = 2", "AND(AND(GT(x,1),LT(x,5)),EQ(y,2))"},
+      {"TIMESTAMP BETWEEN '2020-01-01' AND NOW()", "AND(GT(TIMESTAMP,'2020-01-01'),LT(TIMESTAMP,NOW()))"},
+      // Parentheses must be followed by a comparison; a parenthesised right side is kept
+      // whole as the comparison's right child.
+      {"(a = 1) = 2", "EQ(a,2)"},
+      {"a = (b = 1 OR c = 2)", "EQ(a,null,OR(EQ(b,1),EQ(c,2)))"},
+      // `?` are numbered from 1 in order of appearance.
+      {"a = ? AND ? < b OR c BETWEEN ? AND ?", "OR(AND(EQ(a,?1),LT(?2,b)),AND(GT(c,?3),LT(c,?4)))"},
+      {"q.x BETWEEN ? AND ?", "AND(GT(q.x,?1),LT(q.x,?2))"},
+  };
+  for (const auto& [condition, tree] : cases) {
+    const std::string model = Describe(std::string("SELECT a FROM t WHERE ") + condition);
+    EXPECT_EQ(std::string("SELECT cols=a from=CAT.SCH.t where=") + tree, model) << "condition: " << condition;
   }
-  // "? = EXEC" goes the CALL way: the word after "=" is not looked at.
-  for (const char* text : {"? = CALL p(?)", "? = EXEC p(?)", "{? = CALL c.s.p(?)}"}) {
-    auto ret = Parse(text);
-    ASSERT_EQ(ret.hr, S_OK) << text << " " << ret.error;
-    EXPECT_EQ(Params(Procedure(*ret.query)), "?2") << text;
-  }
-  auto qualified = Parse("EXEC c.s.HDA_ANALOG 'x', 1, 2.5, ?");
-  ASSERT_EQ(qualified.hr, S_OK);
-  EXPECT_EQ(W8(Procedure(*qualified.query).Catalog()), "c");
-  EXPECT_EQ(Params(Procedure(*qualified.query)), "'x' 1 R8:2.500000 ?1");
+  // The two comparisons of BETWEEN own separate copies of the column.
+  auto p = Parse("SELECT a FROM t WHERE x BETWEEN 1 AND 5");
+  ASSERT_EQ(p.hr, S_OK) << p.error;
+  EXPECT_NE(p.query->Condition()->Left()->FirstOperand(), p.query->Condition()->Right()->FirstOperand());
 }
 
-TEST_F(SqlStatements, EmptyTextSucceedsWithoutAQuery) {
+TEST_F(SqlStatements, EmptyTextSucceedsWithoutAQueryAndClearEmptiesOne) {
   std::unique_ptr<CSQLQueryInfo> query = std::make_unique<CSQLQueryInfoDELETE>();
   CSQLQueryInfo* before = query.get();
   corvane::WString error = OLESTR("stale");
   EXPECT_EQ(CSQLParser::ParseQuery({OLESTR("c"), OLESTR("s"), corvane::WStringView()}, &query, &error), S_OK);
   EXPECT_EQ(query.get(), before);
   EXPECT_TRUE(error.empty());
-}
+  EXPECT_EQ(CSQLParser::ParseQuery({OLESTR(""), OLESTR(""), OLESTR("SELECT a FROM t")}, nullptr), E_INVALIDARG);
 
-TEST_F(SqlStatements, ClearEmptiesTheQuery) {
   auto p = Parse("INSERT INTO t (a) VALUES (1)");
   ASSERT_EQ(p.hr, S_OK);
   p.query->Clear();

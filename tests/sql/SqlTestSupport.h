@@ -76,4 +76,59 @@ inline std::string Render(const CSQLConditionNode* node) {
 
 inline std::string W8(const corvane::WString& s) { return corvane::ToUtf8(s); }
 
+// The whole query model on one line, for exact comparisons:
+// "SELECT limit=0,10 aggregate cols=r.VALUE:VALUE@r as v from=CAT.SCH.RAWDATA r where=EQ(a,1) order=TIMESTAMP DESC";
+// a select column shows its item, then its column name and display name where they
+// differ; "FAILED: <error info>" when the text does not parse.
+inline std::string Describe(const std::string& text) {
+  const Parsed p = Parse(text);
+  if (FAILED(p.hr)) return "FAILED: " + p.error;
+  const CSQLQueryInfo& q = *p.query;
+  static const char* const kKinds[] = {"?", "SELECT", "INSERT", "UPDATE", "DELETE", "EXEC"};
+  const int kind = q.StatementKind();
+  std::string out = kKinds[kind >= 1 && kind <= 5 ? kind : 0];
+  auto list = [&out](const char* name, size_t n, auto item) {
+    if (!n) return;
+    out += std::string(" ") + name + "=";
+    for (size_t i = 0; i < n; ++i) out += (i ? ", " : "") + item(i);
+  };
+  if (q.RowLimitEnabled()) out += " limit=" + std::to_string(q.RowLimitSkip()) + "," + std::to_string(q.RowLimitCount());
+  if (kind == SQL_STATEMENT_SELECT && static_cast<const CSQLQueryInfoSELECT&>(q).Aggregate()) out += " aggregate";
+  list("cols", q.SelectColumns().size(), [&q](size_t i) {
+    const CSQLSelectColumn& c = *q.SelectColumns()[i];
+    std::string text = Render(c.Item());
+    if (W8(c.ColumnName()) != text) text += ":" + W8(c.ColumnName());
+    if (!c.TableAlias().empty()) text += "@" + W8(c.TableAlias());
+    if (c.DisplayName() != c.ColumnName()) text += " as " + W8(c.DisplayName());
+    return text;
+  });
+  list("from", q.FromItems().size(), [&q](size_t i) {
+    const CSQLSelectItem& item = *q.FromItems()[i];
+    std::string text = W8(item.Catalog()) + "." + W8(item.Schema()) + ".";
+    if (item.Kind() == SQL_SELECT_ITEM_TABLE) {
+      const auto& table = static_cast<const CSQLSelectItemTable&>(item);
+      return text + W8(table.TableName()) + (table.Alias() != table.TableName() ? " " + W8(table.Alias()) : "");
+    }
+    const auto& sp = static_cast<const CSQLSelectItemSP&>(item);
+    text += W8(sp.ProcedureName()) + "(";
+    for (size_t a = 0; a < sp.Parameters().size(); ++a) text += (a ? " " : "") + Render(sp.Parameters()[a].get());
+    return text + ")";
+  });
+  if (kind == SQL_STATEMENT_INSERT || kind == SQL_STATEMENT_UPDATE) {
+    const auto& columns = kind == SQL_STATEMENT_INSERT ? static_cast<const CSQLQueryInfoINSERT&>(q).Columns()
+                                                       : static_cast<const CSQLQueryInfoUPDATE&>(q).Columns();
+    const auto& values = kind == SQL_STATEMENT_INSERT ? static_cast<const CSQLQueryInfoINSERT&>(q).Values()
+                                                      : static_cast<const CSQLQueryInfoUPDATE&>(q).Values();
+    list("set", columns.size(), [&](size_t i) {
+      return Render(columns[i].get()) + "=" + (i < values.size() ? Render(values[i].get()) : "?");
+    });
+  }
+  if (q.Condition()) out += " where=" + Render(q.Condition());
+  list("order", q.Ordering().size(), [&q](size_t i) {
+    const SQLOrderingEntry& o = q.Ordering()[i];
+    return Render(&o.column) + (o.descending ? " DESC" : "");
+  });
+  return out;
+}
+
 }  // namespace sqltest

@@ -109,19 +109,6 @@ TEST(TraceCaptureLines, CarryLevelSourceLineAndText) {
   EXPECT_TRUE(capture.Lines().empty());
 }
 
-TEST(TraceCaptureLines, NestedCapturesRestoreSinkAndThreshold) {
-  TraceCapture outer(TRACE_INFO);
-  {
-    TraceCapture inner(TRACE_ERROR);
-    CVTRACE(TRACE_INFO, OLESTR("dropped"));
-    CVTRACE(TRACE_ERROR, OLESTR("inner"));
-    EXPECT_EQ(inner.Texts(), std::vector<std::string>{"inner"});
-  }
-  EXPECT_EQ(corvane::TraceThreshold(), TRACE_INFO);
-  CVTRACE(TRACE_INFO, OLESTR("outer"));
-  EXPECT_EQ(outer.Texts(), std::vector<std::string>{"outer"});
-}
-
 TEST(TraceEnvironment, ParsesLevelAndDestination) {
   corvane::TraceSetting s;
   ASSERT_TRUE(corvane::ParseTraceSetting("400", &s));

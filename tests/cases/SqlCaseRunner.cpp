@@ -1,0 +1,408 @@
+// Runs the plain-text SQL case files of this directory (*.test, described in README.md
+// here) through OLE DB as a consumer does. Each case is one test, named after its file
+// and line; the cases of a file run in order against one historian and one connection,
+// which are checked for leaks when the file's last case ends.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <filesystem>
+#include <fstream>
+#include <list>
+#include <map>
+#include <sstream>
+
+#include "tests/cases/SqlConsumer.h"
+
+namespace corvane::test {
+namespace {
+
+struct Line {
+  int number = 0;
+  std::string text;
+};
+
+struct Case {
+  std::string path;
+  int line = 0;
+  std::vector<Line> setup;  // directives that come before the statement, in order
+  std::vector<std::string> header;
+  std::vector<Line> parameters;
+  std::string sql;
+  std::vector<Line> expected;
+  std::vector<std::pair<Line, std::vector<Line>>> checks;  // after it, with their block
+};
+
+std::vector<std::string> Words(const std::string& text) {
+  std::istringstream in(text);
+  std::vector<std::string> words;
+  for (std::string w; in >> w;) words.push_back(w);
+  return words;
+}
+
+std::string Trim(const std::string& s) {
+  const size_t a = s.find_first_not_of(" \t\r");
+  return a == std::string::npos ? std::string() : s.substr(a, s.find_last_not_of(" \t\r") - a + 1);
+}
+
+// The text after the first `n` words.
+std::string After(const std::string& text, size_t n) {
+  std::istringstream in(text);
+  for (std::string w; n && in >> w; --n) {
+  }
+  std::string rest;
+  std::getline(in, rest);
+  return Trim(rest);
+}
+
+// Cells split at `separator` ("a, b" in quotes is one cell of a sample line).
+std::vector<std::string> Cells(const std::string& line, char separator) {
+  std::vector<std::string> cells(1);
+  bool quoted = false;
+  for (char c : line) {
+    if (c == '"' && separator == ',') quoted = !quoted;
+    else if (c == separator && !quoted) cells.emplace_back();
+    else cells.back() += c;
+  }
+  for (auto& c : cells) c = Trim(c) == "<empty>" ? std::string() : Trim(c);
+  return cells;
+}
+
+Rows Table(const std::vector<Line>& lines, size_t from = 0) {
+  Rows rows;
+  for (size_t i = from; i < lines.size(); ++i) rows.push_back(Cells(lines[i].text, '|'));
+  return rows;
+}
+
+std::string Show(const Rows& rows) {
+  std::string text;
+  for (size_t i = 0; i < rows.size() && i < 60; ++i) {
+    text += "    ";
+    for (size_t c = 0; c < rows[i].size(); ++c) text += (c ? " | " : "") + (rows[i][c].empty() ? "<empty>" : rows[i][c]);
+    text += "\n";
+  }
+  return rows.size() > 60 ? text + "    ... " + std::to_string(rows.size() - 60) + " more\n" : text;
+}
+
+std::string Hex(HRESULT hr) {
+  char text[16];
+  std::snprintf(text, sizeof text, "%08X", static_cast<unsigned>(hr));
+  return text;
+}
+
+bool ParseHex(const std::string& text, HRESULT* hr) {
+  char* end = nullptr;
+  *hr = static_cast<HRESULT>(std::strtoul(text.c_str(), &end, 16));
+  return !text.empty() && *end == '\0';
+}
+
+std::string TypeName(DBTYPE type) {
+  static const std::pair<DBTYPE, const char*> kNames[] = {
+      {DBTYPE_I2, "I2"},     {DBTYPE_I4, "I4"},      {DBTYPE_R4, "R4"},   {DBTYPE_R8, "R8"},   {DBTYPE_BOOL, "BOOL"},
+      {DBTYPE_VARIANT, "VARIANT"}, {DBTYPE_I1, "I1"}, {DBTYPE_UI1, "UI1"}, {DBTYPE_UI2, "UI2"}, {DBTYPE_UI4, "UI4"},
+      {DBTYPE_I8, "I8"},     {DBTYPE_UI8, "UI8"},    {DBTYPE_WSTR, "WSTR"}, {DBTYPE_DBTIMESTAMP, "DBTIMESTAMP"}};
+  for (const auto& [t, name] : kNames)
+    if (t == type) return name;
+  return std::to_string(type);
+}
+
+bool IsCheck(const std::string& word) {
+  return word == "calls" || word == "trace" || word == "notrace" || word == "contents";
+}
+
+// Reads a case file into its cases; a line it cannot place is reported in `error`.
+std::vector<Case> ParseFile(const std::string& path, std::string* error) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) *error = "cannot read " + path;
+  std::vector<Line> lines;
+  int number = 0;
+  for (std::string text; std::getline(in, text);)
+    if (++number, Trim(text).rfind("#", 0) != 0) lines.push_back({number, Trim(text) == "" ? "" : text});
+  std::vector<Case> cases;
+  std::vector<Line> setup;
+  size_t i = 0;
+  // The lines up to the next blank one, or, after a statement, up to its first check.
+  auto block = [&lines, &i](bool toCheck) {
+    std::vector<Line> out;
+    for (++i; i < lines.size() && !lines[i].text.empty() && !(toCheck && IsCheck(Words(lines[i].text)[0])); ++i)
+      out.push_back(lines[i]);
+    return out;
+  };
+  while (i < lines.size() && error->empty()) {
+    const Line line = lines[i];
+    const std::vector<std::string> words = Words(line.text);
+    const std::string at = path + ":" + std::to_string(line.number) + ": ";
+    if (words.empty()) {
+      ++i;
+    } else if (words[0] == "tag" || words[0] == "provider" || words[0] == "host" || words[0] == "fail") {
+      setup.push_back(line);
+      ++i;
+    } else if (words[0] == "samples") {
+      for (const Line& sample : block(false)) setup.push_back({sample.number, "sample " + sample.text});
+    } else if (words[0] == "statement" || words[0] == "query") {
+      Case c;
+      c.path = path, c.line = line.number, c.header = words;
+      c.setup.swap(setup);
+      bool result = false;
+      for (const Line& body : block(true)) {
+        if (result) c.expected.push_back(body);
+        else if (Trim(body.text) == "----") result = true;
+        else if (Trim(body.text).rfind("? ", 0) == 0) c.parameters.push_back(body);
+        else c.sql += (c.sql.empty() ? "" : "\n") + body.text;
+      }
+      if (c.sql.empty()) *error = at + "no statement";
+      cases.push_back(std::move(c));
+    } else if (IsCheck(words[0]) && !cases.empty() && setup.empty()) {
+      std::vector<Line> contents;
+      if (words[0] == "contents") contents = block(false);
+      else ++i;
+      cases.back().checks.emplace_back(line, contents);
+    } else {
+      *error = at + "cannot place '" + line.text + "'";
+    }
+  }
+  if (!setup.empty() && error->empty()) *error = path + ": directives after the last statement";
+  return cases;
+}
+
+// One file's historian and connection, shared by its cases in order.
+struct FileRun {
+  std::unique_ptr<SqlConsumer> consumer;
+#ifndef CORVANE_CONSUMER_OF_DLL
+  std::unique_ptr<TraceCapture> trace;
+#endif
+  platform::AllocCounts baseline{};
+  std::string providerString;
+  size_t next = 0;  // the case to run next
+
+  void Start() {
+    baseline = platform::CurrentAllocCounts();
+    consumer = std::make_unique<SqlConsumer>();
+#ifndef CORVANE_CONSUMER_OF_DLL
+    trace = std::make_unique<TraceCapture>(TRACE_DETAIL);
+#endif
+  }
+  void Finish() {
+    EXPECT_EQ(0u, consumer->Host().OutstandingContinuationPoints()) << "a continuation point was left open";
+    consumer.reset();
+#ifndef CORVANE_CONSUMER_OF_DLL
+    trace.reset();
+#endif
+    providerString.clear();
+    next = 0;
+    LeakCheckedTest::ExpectNothingOutstandingSince(baseline);
+  }
+};
+
+class CaseTest : public ::testing::Test {
+ public:
+  CaseTest(const std::vector<Case>* cases, size_t index) : cases_(cases), index_(index) {}
+
+  void TestBody() override {
+    static std::map<std::string, FileRun> runs;
+    FileRun& run = runs[(*cases_)[index_].path];
+    if (run.next > index_) run.Finish();
+    if (!run.consumer) run.Start();
+    // Cases left out by a filter still set the scene for this one.
+    for (; run.next < index_; ++run.next) Execute((*cases_)[run.next], run, false);
+    Execute((*cases_)[index_], run, true);
+    ++run.next;
+    if (index_ + 1 == cases_->size()) run.Finish();
+  }
+
+ private:
+  void Execute(const Case& c, FileRun& run, bool check) {
+    const char* file = c.path.c_str();
+    for (const Line& line : c.setup) Apply(file, line, run);
+    if (!run.consumer->IsOpen()) run.consumer->Open(run.providerString);
+    std::vector<Parameter> parameters;
+    for (const Line& p : c.parameters) {
+      const std::vector<std::string> words = Words(p.text);
+      Parameter parameter;
+      if (words.size() >= 3 && words[1].rfind("DBTYPE_", 0) == 0) parameter.type = words[1];
+      parameter.value = After(p.text, parameter.type.empty() ? 1 : 2);
+      parameter.null = parameter.value == "<null>";
+      parameters.push_back(parameter);
+    }
+    // "query [columns] [count] [batch N] [error HRESULT [description]]"
+    bool columns = false, count = false;
+    DBROWCOUNT batch = 7;
+    HRESULT expectedHr = S_OK;
+    std::string description;
+    for (size_t w = 1; w < c.header.size(); ++w) {
+      const std::string& word = c.header[w];
+      if (word == "columns" || word == "count") {
+        (word == "count" ? count : columns) = true;
+      } else if (word == "batch" && w + 1 < c.header.size()) {
+        batch = std::atoi(c.header[++w].c_str());
+      } else if (word == "error" && w + 1 < c.header.size() && ParseHex(c.header[w + 1], &expectedHr)) {
+        description = After(Join(c.header), w + 2);
+        break;
+      } else if (word != "ok") {
+        return ADD_FAILURE_AT(file, c.line) << "unknown word '" << word << "' in the case header";
+      }
+    }
+    ULONG callsBefore[static_cast<int>(HostOp::Count)];
+    for (int op = 0; op < static_cast<int>(HostOp::Count); ++op)
+      callsBefore[op] = run.consumer->Host().Calls(static_cast<HostOp>(op));
+#ifndef CORVANE_CONSUMER_OF_DLL
+    run.trace->Clear();
+#endif
+    const Outcome got = run.consumer->Run(c.sql, parameters, batch);
+    if (!check) return;
+    const std::string statement = "\n  statement: " + c.sql + "\n";
+    if (got.hr != expectedHr) {
+      return ADD_FAILURE_AT(file, c.line) << statement << "  expected " << Hex(expectedHr) << ", got " << Hex(got.hr)
+                                          << (got.atExecute ? " from Execute" : " from a fetch") << ": "
+                                          << got.error.description << "\n  rows:\n" << Show(got.rows);
+    }
+    if (!description.empty() && got.error.description != description)
+      ADD_FAILURE_AT(file, c.line) << statement << "  expected the description: " << description
+                                   << "\n  got: " << got.error.description;
+    if (c.header[0] == "query") CompareRows(c, statement, got, columns, count);
+    for (const auto& [line, block] : c.checks) Check(c, line, block, run, callsBefore);
+  }
+
+  static std::string Join(const std::vector<std::string>& words) {
+    std::string text;
+    for (const auto& w : words) text += (text.empty() ? "" : " ") + w;
+    return text;
+  }
+
+  static void CompareRows(const Case& c, const std::string& statement, const Outcome& got, bool columns, bool count) {
+    size_t first = 0;
+    if (columns) {
+      const std::vector<std::string> names = c.expected.empty() ? std::vector<std::string>()
+                                                                 : Cells(c.expected[0].text, '|');
+      std::vector<std::string> actual;
+      for (size_t i = 0; i < got.columns.size(); ++i) {
+        const bool typed = i < names.size() && names[i].find(':') != std::string::npos;
+        actual.push_back(got.columns[i].first + (typed ? ":" + TypeName(got.columns[i].second) : ""));
+      }
+      if (actual != names) ADD_FAILURE_AT(c.path.c_str(), c.line) << statement << "  columns: " << Show({actual});
+      first = 1;
+    }
+    const Rows expected = count ? Rows() : Table(c.expected, first);
+    const std::string rows = c.expected.size() > first ? Trim(c.expected[first].text) : "";
+    if (count ? std::to_string(got.rows.size()) != rows : got.rows != expected)
+      ADD_FAILURE_AT(c.path.c_str(), c.line) << statement << "  expected " << (count ? rows : std::to_string(expected.size()))
+                                             << " rows:\n" << Show(expected) << "  got " << got.rows.size() << ":\n"
+                                             << Show(got.rows);
+  }
+
+  static void Check(const Case& c, const Line& line, const std::vector<Line>& block, FileRun& run,
+                    const ULONG* callsBefore) {
+    const char* file = c.path.c_str();
+    const std::vector<std::string> words = Words(line.text);
+    const std::string of = "the statement of line " + std::to_string(c.line);
+    HostOp op;
+    if (words[0] == "calls" && words.size() == 3 && HostOpNamed(words[1], &op)) {
+      const ULONG made = run.consumer->Host().Calls(op) - callsBefore[static_cast<int>(op)];
+      if (std::to_string(made) != words[2])
+        ADD_FAILURE_AT(file, line.number) << of << " made " << made << " " << words[1] << " call(s), not " << words[2];
+    } else if (words[0] == "trace" || words[0] == "notrace") {
+#ifndef CORVANE_CONSUMER_OF_DLL  // the DLL traces into its own facility
+      if (run.trace->Contains(After(line.text, 1)) != (words[0] == "trace"))
+        ADD_FAILURE_AT(file, line.number) << of << (words[0] == "trace" ? " did not trace: " : " traced: ")
+                                          << After(line.text, 1);
+#endif
+    } else if (words[0] == "contents") {
+      const Rows expected = Table(block), actual = run.consumer->Contents();
+      if (actual != expected)
+        ADD_FAILURE_AT(file, line.number) << "the historian holds " << actual.size() << " samples:\n" << Show(actual)
+                                          << "  expected " << expected.size() << ":\n" << Show(expected);
+    } else {
+      ADD_FAILURE_AT(file, line.number) << "cannot check '" << line.text << "'";
+    }
+  }
+
+  static void Apply(const char* file, const Line& line, FileRun& run) {
+    const std::vector<std::string> words = Words(line.text);
+    SqlConsumer& consumer = *run.consumer;
+    HostOp op;
+    HRESULT hr = S_OK;
+    if (words[0] == "tag" && words.size() >= 2) {
+      // tag NAME [TYPE] [stepped] [readonly] [description...]
+      static const std::pair<const char*, VARTYPE> kTypes[] = {
+          {"R8", VT_R8},   {"R4", VT_R4},   {"I1", VT_I1},   {"I2", VT_I2},   {"I4", VT_I4},     {"I8", VT_I8},
+          {"UI1", VT_UI1}, {"UI2", VT_UI2}, {"UI4", VT_UI4}, {"UI8", VT_UI8}, {"BOOL", VT_BOOL}, {"BSTR", VT_BSTR}};
+      historian::TagDefinition tag;
+      tag.name = FromUtf8(words[1]);
+      size_t w = 2;
+      for (const auto& [name, vt] : kTypes)
+        if (w < words.size() && words[w] == name) tag.vartype = vt, ++w;
+      for (; w < words.size() && (words[w] == "stepped" || words[w] == "readonly"); ++w) {
+        if (words[w] == "stepped") tag.stepped = true;
+        else tag.accessRights = kTagAccessRead;
+      }
+      tag.description = FromUtf8(After(line.text, w));
+      if (consumer.Store().AddTag(tag) != S_OK) ADD_FAILURE_AT(file, line.number) << "tag not added";
+    } else if (words[0] == "sample") {
+      // NAME, SECONDS, VALUE [, QUALITY in hex]
+      const std::vector<std::string> cells = Cells(After(line.text, 1), ',');
+      historian::TagDefinition tag;
+      historian::SampleInput s;
+      if (cells.size() < 3 || consumer.Store().GetTag(FromUtf8(cells[0]), &tag) != S_OK ||
+          (cells.size() > 3 && !ParseHex(cells[3], &hr))) {
+        return ADD_FAILURE_AT(file, line.number) << "NAME, SECONDS, VALUE [, QUALITY]: " << line.text;
+      }
+      const SYSTEMTIME base{2020, 1, 3, 1, 0, 0, 0, 0};  // 2020-01-01 00:00:00 UTC
+      FILETIME ft{};
+      SystemTimeToFileTime(&base, &ft);
+      s.time = FileTimeToU64(ft) + static_cast<ULONGLONG>(std::llround(std::atof(cells[1].c_str()) * 1e7));
+      s.quality = static_cast<DWORD>(hr);
+      if (tag.vartype == VT_BSTR) s.text = FromUtf8(cells[2]);
+      s.number = std::atof(cells[2].c_str());
+      s.integer = std::atoll(cells[2].c_str());
+      if (consumer.Store().AppendSamples(tag.name, {s}) != S_OK)
+        ADD_FAILURE_AT(file, line.number) << "sample not added: " << line.text;
+    } else if (words[0] == "provider") {
+      run.providerString = After(line.text, 1);
+    } else if (words[0] == "host" && words.size() == 3 && words[1] == "omit") {
+      consumer.Host().Omit(words[2] == "values" ? IID_IValuesProvider : IID_IProcessedDataProvider);
+    } else if (words[0] == "host" && words.size() == 3 && words[1] == "page") {
+      consumer.Host().ForcePageSize(static_cast<ULONG>(std::atol(words[2].c_str())));
+    } else if (words[0] == "fail" && words.size() == 4 && HostOpNamed(words[1], &op) && ParseHex(words[3], &hr)) {
+      // fail OPERATION N HRESULT: the Nth call from now fails; N = 0: every call from now.
+      const ULONG n = static_cast<ULONG>(std::atol(words[2].c_str()));
+      consumer.Host().FailCall(op, n ? consumer.Host().Calls(op) + n : 0, hr);
+    } else {
+      ADD_FAILURE_AT(file, line.number) << "cannot apply '" << line.text << "'";
+    }
+  }
+
+  const std::vector<Case>* cases_;
+  size_t index_;
+};
+
+// Registers the cases of every file before main runs, as TEST does; a file that does not
+// parse is one failing test.
+const bool kRegistered = [] {
+  std::string directory = CORVANE_CASE_DIR;
+#ifdef _WIN32
+  if (!directory.empty() && directory[0] == '/') directory = "Z:" + directory;
+#endif
+  std::vector<std::string> paths;
+  for (const auto& entry : std::filesystem::directory_iterator(directory))
+    if (entry.path().extension() == ".test") paths.push_back(entry.path().generic_string());
+  std::sort(paths.begin(), paths.end());
+  for (const std::string& path : paths) {
+    std::string error;
+    static std::list<std::vector<Case>> files;  // lives as long as the tests
+    auto* cases = &files.emplace_back(ParseFile(path, &error));
+    const std::string suite = std::filesystem::path(path).stem().string();
+    if (!error.empty()) {
+      cases->assign(1, Case());
+      cases->back().path = path, cases->back().line = 1, cases->back().header = {"statement", error};
+    }
+    for (size_t i = 0; i < cases->size(); ++i)
+      ::testing::RegisterTest(suite.c_str(), ("line" + std::to_string((*cases)[i].line)).c_str(), nullptr, nullptr,
+                              path.c_str(), (*cases)[i].line, [cases, i]() -> ::testing::Test* {
+                                return new CaseTest(cases, i);
+                              });
+  }
+  return true;
+}();
+
+}  // namespace
+}  // namespace corvane::test

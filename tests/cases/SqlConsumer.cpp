@@ -1,0 +1,286 @@
+#include "tests/cases/SqlConsumer.h"
+
+#include <cstring>
+
+#include "historian/Aggregates.h"
+#include "historian/ReferenceHistorian.h"
+#ifndef CORVANE_CONSUMER_OF_DLL
+#include "provider/CreateCorvaneOleDbProviderImpl.h"
+#endif
+
+namespace corvane::test {
+
+namespace {
+
+const char* const kOpNames[] = {"GetTagInfo",    "GetTimeBounds",    "BrowseTags",      "GetCapabilities",
+                                "ReadRaw",       "ReleaseContinuationPoint", "InsertValue", "DeleteValues",
+                                "UpdateValue",   "ReadProcessed",    "GetFilteredTagStatistics",
+                                "GetMostRecentValue", "GetGoodValues", "GetBadValues", "GetAllValues"};
+static_assert(sizeof(kOpNames) / sizeof(kOpNames[0]) == static_cast<size_t>(HostOp::Count), "a name per operation");
+
+template <typename T>
+T* Query(IUnknown* object, REFIID iid) {
+  return object ? ConsumerTest::Query<T>(object, iid) : nullptr;
+}
+
+// A text of `chars` characters at slot `i` of a buffer of Slot<chars>, with length and status.
+template <size_t chars>
+struct Slot {
+  DBSTATUS status;
+  DBLENGTH length;
+  OLECHAR text[chars];
+};
+template <size_t chars>
+DBBINDING TextBinding(size_t i, DBPARAMIO io) {
+  DBBINDING b;
+  std::memset(&b, 0, sizeof b);
+  b.iOrdinal = i + 1;
+  b.obStatus = i * sizeof(Slot<chars>) + offsetof(Slot<chars>, status);
+  b.obLength = i * sizeof(Slot<chars>) + offsetof(Slot<chars>, length);
+  b.obValue = i * sizeof(Slot<chars>) + offsetof(Slot<chars>, text);
+  b.dwPart = DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS;
+  b.dwMemOwner = DBMEMOWNER_CLIENTOWNED;
+  b.eParamIO = io;
+  b.cbMaxLen = chars * sizeof(OLECHAR);
+  b.wType = DBTYPE_WSTR;
+  return b;
+}
+constexpr size_t kChars = 256;
+
+}  // namespace
+
+bool HostOpNamed(const std::string& name, HostOp* op) {
+  for (int i = 0; i < static_cast<int>(HostOp::Count); ++i)
+    if (name == kOpNames[i]) return *op = static_cast<HostOp>(i), true;
+  return false;
+}
+
+const char* HostOpName(HostOp op) { return kOpNames[static_cast<int>(op)]; }
+
+SqlConsumer::SqlConsumer() : store_(std::make_shared<historian::CHistorianStore>()) {
+#ifdef _WIN32
+  CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+#endif
+  IAggregates* aggregates = nullptr;
+  EXPECT_EQ(S_OK, historian::CAggregates::CreateInstance(nullptr, IID_IAggregates,
+                                                         reinterpret_cast<void**>(&aggregates)));
+  EXPECT_EQ(S_OK, historian::CReferenceHistorian::Create(store_, IID_IUnknown, reinterpret_cast<void**>(&historian_),
+                                                         aggregates));
+  if (aggregates) aggregates->Release();
+  host_ = testing::CFaultInjectingHost::Create(historian_);
+}
+
+SqlConsumer::~SqlConsumer() {
+  if (command_) {
+    EXPECT_EQ(0u, command_->Release()) << "a rowset kept the command";
+  }
+  CloseProvider(&dataSource_, &session_);
+  if (host_) {
+    EXPECT_EQ(0u, host_->Release()) << "the provider kept a host reference";
+  }
+  if (historian_) historian_->Release();
+#ifdef _WIN32
+  CoUninitialize();
+#endif
+}
+
+void SqlConsumer::Open(const std::string& providerString) {
+  ICreateCorvaneOleDbProvider* creator = nullptr;
+#ifdef CORVANE_CONSUMER_OF_DLL
+  ASSERT_EQ(S_OK, CoCreateInstance(CLSID_CorvaneOleDbProvider, nullptr, CLSCTX_INPROC_SERVER,
+                                   IID_ICreateCorvaneOleDbProvider, reinterpret_cast<void**>(&creator)));
+#else
+  ASSERT_EQ(S_OK, CCreateCorvaneOleDbProviderImpl::CreateInstance(nullptr, IID_ICreateCorvaneOleDbProvider,
+                                                                  reinterpret_cast<void**>(&creator)));
+#endif
+  const HRESULT created = creator->Create(static_cast<IRawDataProvider*>(host_), &dataSource_);
+  creator->Release();
+  ASSERT_EQ(S_OK, created);
+  IDBProperties* props = Query<IDBProperties>(dataSource_, IID_IDBProperties);
+  ASSERT_NE(nullptr, props);
+  DBPROP prop[2] = {};
+  prop[0].dwPropertyID = DBPROP_INIT_CATALOG;
+  prop[0].vValue.vt = VT_BSTR;
+  prop[0].vValue.bstrVal = SysAllocString(OLESTR("Plant"));
+  prop[1].dwPropertyID = DBPROP_INIT_PROVIDERSTRING;
+  prop[1].vValue.vt = VT_BSTR;
+  prop[1].vValue.bstrVal = SysAllocString(FromUtf8(providerString).c_str());
+  DBPROPSET set{prop, providerString.empty() ? 1u : 2u, DBPROPSET_DBINIT};
+  EXPECT_EQ(S_OK, props->SetProperties(1, &set));
+  VariantClear(&prop[0].vValue);
+  VariantClear(&prop[1].vValue);
+  props->Release();
+  IDBInitialize* init = Query<IDBInitialize>(dataSource_, IID_IDBInitialize);
+  ASSERT_NE(nullptr, init);
+  const HRESULT initialized = init->Initialize();
+  init->Release();
+  ASSERT_EQ(S_OK, initialized);
+  IDBCreateSession* sessions = Query<IDBCreateSession>(dataSource_, IID_IDBCreateSession);
+  ASSERT_NE(nullptr, sessions);
+  sessions->CreateSession(nullptr, IID_IOpenRowset, reinterpret_cast<IUnknown**>(&session_));
+  sessions->Release();
+  IDBCreateCommand* commands = Query<IDBCreateCommand>(session_, IID_IDBCreateCommand);
+  ASSERT_NE(nullptr, commands);
+  commands->CreateCommand(nullptr, IID_ICommandText, reinterpret_cast<IUnknown**>(&command_));
+  commands->Release();
+  ASSERT_NE(nullptr, command_);
+}
+
+Outcome SqlConsumer::Run(const std::string& sql, const std::vector<Parameter>& parameters, DBROWCOUNT batch) {
+  Outcome out;
+  if (!command_) return out.hr = E_UNEXPECTED, out;
+  IUnknown* rowset = nullptr;
+  // Each statement starts without the parameter descriptions of the one before.
+  ICommandWithParameters* described = Query<ICommandWithParameters>(command_, IID_ICommandWithParameters);
+  out.hr = described->SetParameterInfo(0, nullptr, nullptr);
+  if (SUCCEEDED(out.hr)) out.hr = command_->SetCommandText(DBGUID_DEFAULT, FromUtf8(sql).c_str());
+  IAccessor* accessor = Query<IAccessor>(command_, IID_IAccessor);
+  HACCESSOR handle = DB_NULL_HACCESSOR;
+  std::vector<Slot<kChars>> values(parameters.size());
+  std::vector<DBBINDING> valueBindings;
+  for (size_t i = 0; i < parameters.size(); ++i) {
+    const WString text = FromUtf8(parameters[i].value).substr(0, kChars - 1);
+    values[i].status = parameters[i].null ? DBSTATUS_S_ISNULL : DBSTATUS_S_OK;
+    values[i].length = text.size() * sizeof(OLECHAR);
+    std::memcpy(values[i].text, text.c_str(), values[i].length + sizeof(OLECHAR));
+    valueBindings.push_back(TextBinding<kChars>(i, DBPARAMIO_INPUT));
+  }
+  std::vector<WString> typeNames;
+  for (const Parameter& p : parameters) typeNames.push_back(FromUtf8(p.type));
+  for (size_t i = 0; SUCCEEDED(out.hr) && i < parameters.size(); ++i) {
+    if (parameters[i].type.empty()) continue;
+    DBPARAMBINDINFO info{};
+    info.pwszDataSourceType = &typeNames[i][0];
+    info.dwFlags = DBPARAMFLAGS_ISINPUT;
+    const DB_UPARAMS ordinal = i + 1;
+    out.hr = described->SetParameterInfo(1, &ordinal, &info);
+  }
+  if (SUCCEEDED(out.hr) && !parameters.empty())
+    out.hr = accessor->CreateAccessor(DBACCESSOR_PARAMETERDATA, valueBindings.size(), valueBindings.data(),
+                                      values.size() * sizeof(values[0]), &handle, nullptr);
+  DBPARAMS params{values.data(), 1, handle};
+  if (SUCCEEDED(out.hr))
+    out.hr = command_->Execute(nullptr, IID_IRowset, parameters.empty() ? nullptr : &params, nullptr, &rowset);
+  if (FAILED(out.hr)) {
+    out.atExecute = true;
+    out.error = TakeError();
+  }
+  if (handle != DB_NULL_HACCESSOR) accessor->ReleaseAccessor(handle, nullptr);
+  if (described) described->Release();
+  if (accessor) accessor->Release();
+  if (!rowset) return out;
+
+  out.columns = Columns(rowset);
+  const size_t columns = out.columns.size();
+  IAccessor* rowAccessor = Query<IAccessor>(rowset, IID_IAccessor);
+  IRowset* fetch = Query<IRowset>(rowset, IID_IRowset);
+  std::vector<DBBINDING> bindings;
+  for (size_t i = 0; i < columns; ++i) bindings.push_back(TextBinding<kChars>(i, DBPARAMIO_NOTPARAM));
+  HACCESSOR rowHandle = DB_NULL_HACCESSOR;
+  EXPECT_EQ(S_OK, rowAccessor->CreateAccessor(DBACCESSOR_ROWDATA, columns, bindings.data(), columns * sizeof(Slot<kChars>),
+                                              &rowHandle, nullptr));
+  std::vector<HROW> held;
+  for (;;) {
+    DBCOUNTITEM obtained = 0;
+    HROW* handles = nullptr;
+    const HRESULT hr = fetch->GetNextRows(DB_NULL_HCHAPTER, 0, batch, &obtained, &handles);
+    if (FAILED(hr)) {
+      out.hr = hr;
+      out.error = TakeError();
+    }
+    held.insert(held.end(), handles, handles + obtained);
+    CoTaskMemFree(handles);
+    if (hr != S_OK || obtained == 0) break;
+  }
+  std::vector<Slot<kChars>> buffer(columns);
+  for (HROW row : held) {
+    EXPECT_EQ(S_OK, fetch->GetData(row, rowHandle, buffer.data())) << "a held row stays readable";
+    std::vector<std::string> cells;
+    for (const auto& c : buffer)
+      cells.push_back(c.status == DBSTATUS_S_ISNULL ? std::string("<null>") : ToUtf8(c.text));
+    out.rows.push_back(std::move(cells));
+  }
+  if (!held.empty()) {
+    EXPECT_EQ(S_OK, fetch->ReleaseRows(held.size(), held.data(), nullptr, nullptr, nullptr));
+  }
+  rowAccessor->ReleaseAccessor(rowHandle, nullptr);
+  rowAccessor->Release();
+  fetch->Release();
+  rowset->Release();
+  return out;
+}
+
+Rows SqlConsumer::Contents() const {
+  Rows rows;
+  for (const historian::TagDefinition& tag : store_->ListTags(nullptr, nullptr)) {
+    historian::ReadCursor all;
+    all.tagKey = WUpper(tag.name);
+    all.high = ~0ull;
+    HistoryValueList* list = nullptr;
+    bool more = false;
+    EXPECT_EQ(S_OK, store_->ReadPage(all, 0, &list, &more));
+    for (ULONG i = 0; list && i < list->count; ++i) {
+      const HistoryValue& v = list->values[i];
+      VARIANT text;
+      VariantInit(&text);
+      VariantChangeType(&text, const_cast<VARIANT*>(&v.value), 0, VT_BSTR);
+      char quality[16];
+      std::snprintf(quality, sizeof quality, "%X", static_cast<unsigned>(v.quality));
+      rows.push_back({ToUtf8(tag.name), TimeText(FileTimeToU64(v.timestamp)),
+                      V_VT(&text) == VT_BSTR ? ToUtf8(V_BSTR(&text)) : std::string("?"), quality});
+      VariantClear(&text);
+    }
+    FreeHistoryValueList(list);
+  }
+  return rows;
+}
+
+LastError TakeError() {
+#ifdef _WIN32
+  LastError last;
+  IErrorInfo* info = nullptr;
+  if (GetErrorInfo(0, &info) != S_OK || !info) return last;
+  IErrorRecords* records = Query<IErrorRecords>(info, IID_IErrorRecords);
+  IErrorInfo* described = nullptr;
+  if (records && SUCCEEDED(records->GetRecordCount(&last.count)) && last.count) {
+    ERRORINFO basic{};
+    if (SUCCEEDED(records->GetBasicErrorInfo(last.count - 1, &basic))) last.hr = basic.hrError;
+    // The provider keeps each record's text in its custom error object.
+    IUnknown* custom = nullptr;
+    if (SUCCEEDED(records->GetCustomErrorObject(last.count - 1, IID_IErrorInfo, &custom)) && custom) {
+      described = Query<IErrorInfo>(custom, IID_IErrorInfo);
+      custom->Release();
+    }
+  } else if (!records) {
+    last.count = 1;
+    described = info;
+    info->AddRef();
+  }
+  BSTR text = nullptr;
+  if (described && SUCCEEDED(described->GetDescription(&text)) && text) last.description = ToUtf8(text);
+  SysFreeString(text);
+  if (described) described->Release();
+  if (records) records->Release();
+  info->Release();
+  return last;
+#else
+  return ConsumerTest::TakeLastError();
+#endif
+}
+
+std::string TimeText(ULONGLONG ticks) {
+  const FILETIME ft = U64ToFileTime(ticks);
+  SYSTEMTIME st{};
+  FileTimeToSystemTime(&ft, &st);
+  char text[40];
+  std::snprintf(text, sizeof text, "%04u-%02u-%02u %02u:%02u:%02u", st.wYear, st.wMonth, st.wDay, st.wHour,
+                st.wMinute, st.wSecond);
+  std::string out = text;
+  if (st.wMilliseconds) {
+    std::snprintf(text, sizeof text, ".%03u", st.wMilliseconds);
+    out += text;
+  }
+  return out;
+}
+
+}  // namespace corvane::test
