@@ -155,26 +155,37 @@ TEST_F(ErrorLookupConsumer, EveryRecordOfEveryFailureHasItsTextsThroughTheRegist
   ASSERT_TRUE(out) << CORVANE_PROBE_OUT;
   IErrorLookup* lookup = RegisteredLookup(CLSID_CorvaneOleDbProvider);
   ASSERT_NE(nullptr, lookup) << "no ExtendedErrors service registered for the provider";
-  for (const std::string& sql : statements) {
-    const std::string phase = RunToFailure(session_, sql);
+  // Writes the records the failure of `what` left on the thread.
+  auto report = [&](const std::string& what, const std::string& phase) {
     const std::vector<ERRORINFO> records = TakeRecords();
-    EXPECT_FALSE(phase.empty()) << "does not fail: " << sql;
-    EXPECT_FALSE(records.empty()) << "no error record: " << sql;
+    EXPECT_FALSE(phase.empty()) << "does not fail: " << what;
+    EXPECT_FALSE(records.empty()) << "no error record: " << what;
     for (size_t i = 0; i < records.size(); ++i) {
       const ERRORINFO& info = records[i];
-      EXPECT_TRUE(IsEqualCLSID(CLSID_CorvaneOleDbProvider, info.clsid)) << sql;
+      EXPECT_TRUE(IsEqualCLSID(CLSID_CorvaneOleDbProvider, info.clsid)) << what;
       BSTR source = nullptr, description = nullptr;
       const HRESULT hr =
           lookup->GetErrorDescription(info.hrError, info.dwMinor, nullptr, LOCALE_USER_DEFAULT, &source, &description);
-      EXPECT_EQ(S_OK, hr) << sql << " #" << i;
-      out << sql << " #" << i << '\t' << phase << ' ' << Hex(info.hrError) << " | "
-          << (SUCCEEDED(hr) ? Escaped(source) + " | " + Escaped(description) : "lookup " + Hex(hr))
-          << '\n';
-      EXPECT_NE(nullptr, description) << sql;
+      EXPECT_EQ(S_OK, hr) << what << " #" << i;
+      out << what << " #" << i << '\t' << phase << ' ' << Hex(info.hrError) << " | "
+          << (SUCCEEDED(hr) ? Escaped(source) + " | " + Escaped(description) : "lookup " + Hex(hr)) << '\n';
       SysFreeString(source);
       SysFreeString(description);
     }
-  }
+  };
+  for (const std::string& sql : statements) report(sql, RunToFailure(session_, sql));
+
+  // The session's and the data source's own records.
+  DBID table{};
+  table.eKind = DBKIND_NAME;
+  table.uName.pwszName = const_cast<LPOLESTR>(OLESTR("NO_SUCH_TABLE"));
+  IUnknown* rowset = nullptr;
+  report("OpenRowset NO_SUCH_TABLE",
+         FAILED(session_->OpenRowset(nullptr, &table, nullptr, IID_IRowset, 0, nullptr, &rowset)) ? "OpenRowset" : "");
+  if (rowset) rowset->Release();
+  IDBInitialize* init = Query<IDBInitialize>(dataSource_, IID_IDBInitialize);
+  report("Initialize again", FAILED(init->Initialize()) ? "Initialize" : "");
+  init->Release();
   lookup->Release();
 }
 
