@@ -67,8 +67,9 @@ IErrorLookup* RegisteredLookup(REFCLSID provider) {
   return lookup;
 }
 
-// The ERRORINFO of every record the failed call left on this thread; the records are
-// dropped.
+// The ERRORINFO of every record the failed call left on this thread, oldest first (the
+// system's error object numbers them from the newest, the POSIX records from the
+// oldest); the records are dropped.
 std::vector<ERRORINFO> TakeRecords() {
   std::vector<ERRORINFO> infos;
 #ifdef _WIN32
@@ -77,7 +78,7 @@ std::vector<ERRORINFO> TakeRecords() {
   IErrorRecords* records = ConsumerTest::Query<IErrorRecords>(object, IID_IErrorRecords);
   ULONG count = 0;
   if (records) records->GetRecordCount(&count);
-  for (ULONG i = 0; i < count; ++i) {
+  for (ULONG i = count; i-- > 0;) {
     infos.emplace_back();
     EXPECT_EQ(S_OK, records->GetBasicErrorInfo(i, &infos.back()));
   }
