@@ -201,7 +201,8 @@ HRESULT CCorvaneOleDbProviderModule::UnregisterServer(bool perUser) {
 namespace {
 HRESULT RegisterFactory(REFCLSID clsid, LPCOLESTR progId) {
   IClassFactory* factory = nullptr;
-  HRESULT hr = CCorvaneOleDbProviderModule::GetClassObject(clsid, IID_IClassFactory, reinterpret_cast<void**>(&factory));
+  HRESULT hr =
+      CCorvaneOleDbProviderModule::GetClassObject(clsid, IID_IClassFactory, reinterpret_cast<void**>(&factory));
   if (FAILED(hr)) return hr;
   hr = corvane::platform::RegisterClass(clsid, progId, factory);
   factory->Release();
