@@ -147,6 +147,52 @@ bool ValidUtf8(std::string_view s) {
   return true;
 }
 
+// A field's text as messages quote it: control characters and the invisible ones
+// (no-break and zero-width spaces, direction marks, the byte-order mark...) are written
+// as escapes, and so are bytes that are not UTF-8, so that "192\r" never reads as "192".
+std::string Visible(std::string_view s) {
+  std::string out;
+  char escape[16];
+  size_t i = 0;
+  while (i < s.size()) {
+    const unsigned char c = static_cast<unsigned char>(s[i]);
+    if (c < 0x80) {
+      if (c == '\t') out += "\\t";
+      else if (c == '\n') out += "\\n";
+      else if (c == '\r') out += "\\r";
+      else if (c < 0x20 || c == 0x7F) snprintf(escape, sizeof escape, "\\x%02X", c), out += escape;
+      else out += static_cast<char>(c);
+      ++i;
+      continue;
+    }
+    const size_t length = (c & 0xE0) == 0xC0 ? 2 : (c & 0xF0) == 0xE0 ? 3 : (c & 0xF8) == 0xF0 ? 4 : 1;
+    if (length == 1 || !ValidUtf8(s.substr(i, length))) {
+      snprintf(escape, sizeof escape, "\\x%02X", c);
+      out += escape;
+      ++i;
+      continue;
+    }
+    uint32_t cp = c & (0xFF >> (length + 1));
+    for (size_t k = 1; k < length; ++k) cp = (cp << 6) | (static_cast<unsigned char>(s[i + k]) & 0x3F);
+    const bool invisible = (cp >= 0x80 && cp <= 0xA0) || cp == 0xAD || cp == 0x34F || cp == 0x61C ||
+                           cp == 0x115F || cp == 0x1160 || cp == 0x17B4 || cp == 0x17B5 ||
+                           (cp >= 0x180B && cp <= 0x180E) || (cp >= 0x2000 && cp <= 0x200F) ||
+                           (cp >= 0x2028 && cp <= 0x202F) || (cp >= 0x205F && cp <= 0x206F) || cp == 0x3000 ||
+                           cp == 0x3164 || (cp >= 0xFE00 && cp <= 0xFE0F) || cp == 0xFEFF || cp == 0xFFA0 ||
+                           (cp >= 0xFFF0 && cp <= 0xFFFB) || (cp >= 0xE0000 && cp <= 0xE0FFF);
+    if (invisible) {
+      snprintf(escape, sizeof escape, cp > 0xFFFF ? "\\U%08X" : "\\u%04X", static_cast<unsigned>(cp));
+      out += escape;
+    } else {
+      out.append(s.substr(i, length));
+    }
+    i += length;
+  }
+  return out;
+}
+
+std::string Quoted(std::string_view s) { return "'" + Visible(s) + "'"; }
+
 struct VartypeName {
   const char* name;
   VARTYPE vt;
@@ -207,7 +253,7 @@ bool ParseValue(VARTYPE vt, const Field& field, SampleInput& sample, std::string
     case VT_R4:
       if (!ParseDouble(s, &sample.number)) break;
       if (vt == VT_R4 && std::isfinite(sample.number) && std::fabs(sample.number) > std::numeric_limits<float>::max()) {
-        why = "value '" + std::string(s) + "' is out of range for VT_R4";
+        why = "value " + Quoted(s) + " is out of range for VT_R4";
         return false;
       }
       return true;
@@ -238,7 +284,7 @@ bool ParseValue(VARTYPE vt, const Field& field, SampleInput& sample, std::string
         uint64_t v = 0;
         auto r = std::from_chars(digits.data(), digits.data() + digits.size(), v);
         if (r.ec == std::errc::result_out_of_range) {
-          why = "value '" + std::string(s) + "' is out of range for VT_UI8";
+          why = "value " + Quoted(s) + " is out of range for VT_UI8";
           return false;
         }
         if (digits.empty() || r.ec != std::errc() || r.ptr != digits.data() + digits.size()) break;
@@ -249,7 +295,7 @@ bool ParseValue(VARTYPE vt, const Field& field, SampleInput& sample, std::string
       auto r = std::from_chars(digits.data(), digits.data() + digits.size(), v);
       const bool whole = !digits.empty() && r.ptr == digits.data() + digits.size();
       if (whole && (r.ec == std::errc::result_out_of_range || v < lo || v > hi)) {
-        why = "value '" + std::string(s) + "' is out of range for " + NameOf(vt);
+        why = "value " + Quoted(s) + " is out of range for " + NameOf(vt);
         return false;
       }
       if (!whole || r.ec != std::errc()) break;
@@ -257,7 +303,7 @@ bool ParseValue(VARTYPE vt, const Field& field, SampleInput& sample, std::string
       return true;
     }
   }
-  why = "value '" + std::string(s) + "' is not a " + NameOf(vt);
+  why = "value " + Quoted(s) + " is not a " + NameOf(vt);
   return false;
 }
 
@@ -344,8 +390,18 @@ HRESULT CCsvLoader::LoadText(CHistorianStore& store, std::string_view text, WStr
     return false;
   };
 
+  // A NUL would cut a name or a text short further on (C strings, BSTR consumers), so a
+  // field holding one is refused rather than loaded as something else.
+  auto nulField = [&]() -> size_t {
+    for (size_t i = 0; i < record.fields.size(); ++i)
+      if (record.fields[i].text.find('\0') != std::string::npos) return i + 1;
+    return 0;
+  };
+  auto nulMessage = [](size_t field) { return "NUL byte in field " + std::to_string(field); };
+
   // Header.
   if (!nextNonBlank()) return error.empty() ? fail(0, "no header line") : fail(record.line, error);
+  if (const size_t field = nulField()) return fail(record.line, nulMessage(field));
   static const char* const kColumns[] = {"tag", "timestamp", "value", "quality", "vartype"};
   const size_t columns = record.fields.size();
   bool headerOk = columns == 4 || columns == 5;
@@ -359,6 +415,7 @@ HRESULT CCsvLoader::LoadText(CHistorianStore& store, std::string_view text, WStr
 
   while (nextNonBlank()) {
     const size_t line = record.line;
+    if (const size_t field = nulField()) return fail(line, nulMessage(field));
     if (record.fields.size() != columns)
       return fail(line, "expected " + std::to_string(columns) + " fields, found " + std::to_string(record.fields.size()));
     const std::string_view tagText = Trim(record.fields[0].text);
@@ -368,15 +425,15 @@ HRESULT CCsvLoader::LoadText(CHistorianStore& store, std::string_view text, WStr
     CHistorianStore::BatchEntry entry;
     entry.tagName = FromUtf8(tagText);
     const std::string_view timeText = Trim(record.fields[1].text);
-    if (!ParseTimestamp(timeText, &entry.sample.time)) return fail(line, "invalid timestamp '" + std::string(timeText) + "'");
+    if (!ParseTimestamp(timeText, &entry.sample.time)) return fail(line, "invalid timestamp " + Quoted(timeText));
     const std::string_view qualityText = Trim(record.fields[3].text);
     if (!ParseQuality(qualityText, &entry.sample.quality))
-      return fail(line, "invalid quality '" + std::string(qualityText) + "'");
+      return fail(line, "invalid quality " + Quoted(qualityText));
     VARTYPE given = VT_EMPTY;
     if (columns == 5) {
       const std::string_view vtText = Trim(record.fields[4].text);
       if (!vtText.empty() && !ParseVartype(vtText, &given))
-        return fail(line, "unknown vartype '" + std::string(vtText) + "'");
+        return fail(line, "unknown vartype " + Quoted(vtText));
     }
 
     // The tag's type: the store's, else the one fixed by its first line in this file.
@@ -402,7 +459,7 @@ HRESULT CCsvLoader::LoadText(CHistorianStore& store, std::string_view text, WStr
       typeOf.emplace(key, vt);
     }
     if (given != VT_EMPTY && given != vt)
-      return fail(line, "tag '" + std::string(tagText) + "' is " + NameOf(vt) + ", not " + NameOf(given));
+      return fail(line, "tag " + Quoted(tagText) + " is " + NameOf(vt) + ", not " + NameOf(given));
     std::string why;
     if (!ParseValue(vt, record.fields[2], entry.sample, why)) return fail(line, why);
     entries.push_back(std::move(entry));
@@ -413,7 +470,7 @@ HRESULT CCsvLoader::LoadText(CHistorianStore& store, std::string_view text, WStr
   size_t failed = 0;
   HRESULT hr = store.AddBatch(newTags, entries, &failed);
   if (hr == HIST_E_DATA_ALREADY_PRESENT)
-    return fail(lineOf[failed], "tag '" + ToUtf8(entries[failed].tagName) + "' already has a sample at that time");
+    return fail(lineOf[failed], "tag " + Quoted(ToUtf8(entries[failed].tagName)) + " already has a sample at that time");
   if (FAILED(hr)) {
     out.error = FromUtf8(file + ": the store refused the data");
     CVTRACE(TRACE_ERROR, OLESTR("[CSV] %s (%X)"), out.error.c_str(), static_cast<unsigned>(hr));
