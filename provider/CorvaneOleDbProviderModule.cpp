@@ -7,7 +7,9 @@
 #include <olectl.h>  // SELFREG_E_CLASS, SELFREG_E_TYPELIB
 #endif
 
+#include "provider/ClassFactory.h"
 #include "provider/CreateCorvaneOleDbProviderImpl.h"
+#include "provider/ErrorLookup.h"
 #include "provider/ICreateCorvaneOleDbProvider.h"
 #include "provider/Module.h"
 #include "provider/Trace.h"
@@ -23,8 +25,11 @@ long CCorvaneOleDbProviderModule::LockCount() { return g_lockCount.load(std::mem
 HRESULT CCorvaneOleDbProviderModule::GetClassObject(REFCLSID rclsid, REFIID riid, void** ppv) {
   if (!ppv) return E_POINTER;
   *ppv = nullptr;
-  if (!IsEqualCLSID(rclsid, CLSID_CorvaneOleDbProvider)) return CLASS_E_CLASSNOTAVAILABLE;
-  return CCreateCorvaneOleDbProviderFactory::Create(riid, ppv);
+  if (IsEqualCLSID(rclsid, CLSID_CorvaneOleDbProvider))
+    return CClassFactory::Create(&CCreateCorvaneOleDbProviderImpl::CreateInstance, riid, ppv);
+  if (IsEqualCLSID(rclsid, CLSID_CorvaneErrorLookup))
+    return CClassFactory::Create(&CErrorLookup::CreateInstance, riid, ppv);
+  return CLASS_E_CLASSNOTAVAILABLE;
 }
 
 #ifdef _WIN32
@@ -37,6 +42,8 @@ constexpr const wchar_t* kLibId = L"{00047AC6-757D-44F9-95FB-0CB5973F029B}";
 constexpr const wchar_t* kProgId = L"Quellix.CorvaneOleDbProvider_VLD64";
 constexpr const wchar_t* kProgIdVersioned = L"Quellix.CorvaneOleDbProvider_VLD64.1";
 constexpr const wchar_t* kDescription = L"Corvane OLE DB Provider";
+constexpr const wchar_t* kLookupClsid = L"{4847E217-9067-4A53-89DC-8281638914AE}";
+constexpr const wchar_t* kLookupDescription = L"Corvane OLE DB Provider Error Lookup";
 
 // Classes go under HKCR for the machine, or under the user's Software\Classes.
 struct ClassesRoot {
@@ -133,6 +140,7 @@ HRESULT CCorvaneOleDbProviderModule::RegisterServer(bool perUser) {
   if (!ModulePath(&path)) return HRESULT_FROM_WIN32(GetLastError());
   const ClassesRoot r = RootFor(perUser);
   const std::wstring clsidKey = std::wstring(L"CLSID\\") + kClsid;
+  const std::wstring lookupKey = std::wstring(L"CLSID\\") + kLookupClsid;
   const struct {
     std::wstring key;
     const wchar_t* name;
@@ -145,6 +153,12 @@ HRESULT CCorvaneOleDbProviderModule::RegisterServer(bool perUser) {
       {clsidKey + L"\\ProgID", nullptr, kProgIdVersioned},
       {clsidKey + L"\\VersionIndependentProgID", nullptr, kProgId},
       {clsidKey + L"\\TypeLib", nullptr, kLibId},
+      // Where an OLE DB error object finds the service that gives the provider's texts.
+      {clsidKey + L"\\ExtendedErrors", nullptr, L"Extended Error Service"},
+      {clsidKey + L"\\ExtendedErrors\\" + kLookupClsid, nullptr, kLookupDescription},
+      {lookupKey, nullptr, kLookupDescription},
+      {lookupKey + L"\\InprocServer32", nullptr, path},
+      {lookupKey + L"\\InprocServer32", L"ThreadingModel", L"Both"},
       {std::wstring(L"AppID\\") + kAppId, nullptr, kDescription},
       {kProgId, nullptr, kDescription},
       {std::wstring(kProgId) + L"\\CLSID", nullptr, kClsid},
@@ -174,8 +188,9 @@ HRESULT CCorvaneOleDbProviderModule::UnregisterServer(bool perUser) {
   const ClassesRoot r = RootFor(perUser);
   HRESULT result = S_OK;
   if (FAILED(UnregisterTypeLibrary(perUser))) result = SELFREG_E_TYPELIB;
-  for (const std::wstring& key : {std::wstring(L"CLSID\\") + kClsid, std::wstring(L"AppID\\") + kAppId,
-                                  std::wstring(kProgId), std::wstring(kProgIdVersioned)}) {
+  for (const std::wstring& key :
+       {std::wstring(L"CLSID\\") + kClsid, std::wstring(L"CLSID\\") + kLookupClsid,
+        std::wstring(L"AppID\\") + kAppId, std::wstring(kProgId), std::wstring(kProgIdVersioned)}) {
     if (FAILED(DeleteTree(r, key))) result = SELFREG_E_CLASS;
   }
   return result;
@@ -183,18 +198,34 @@ HRESULT CCorvaneOleDbProviderModule::UnregisterServer(bool perUser) {
 
 #else  // POSIX: the process's class registry stands in for the system registry.
 
-HRESULT CCorvaneOleDbProviderModule::RegisterServer(bool /*perUser*/) {
+namespace {
+HRESULT RegisterFactory(REFCLSID clsid, LPCOLESTR progId) {
   IClassFactory* factory = nullptr;
-  HRESULT hr = CCreateCorvaneOleDbProviderFactory::Create(IID_IClassFactory, reinterpret_cast<void**>(&factory));
+  HRESULT hr =
+      CCorvaneOleDbProviderModule::GetClassObject(clsid, IID_IClassFactory, reinterpret_cast<void**>(&factory));
   if (FAILED(hr)) return hr;
-  hr = corvane::platform::RegisterClass(CLSID_CorvaneOleDbProvider, CORVANE_PROVIDER_PROGID, factory);
+  hr = corvane::platform::RegisterClass(clsid, progId, factory);
   factory->Release();
   return hr;
 }
+}  // namespace
+
+HRESULT CCorvaneOleDbProviderModule::RegisterServer(bool /*perUser*/) {
+  HRESULT hr = RegisterFactory(CLSID_CorvaneOleDbProvider, CORVANE_PROVIDER_PROGID);
+  if (SUCCEEDED(hr)) hr = RegisterFactory(CLSID_CorvaneErrorLookup, nullptr);
+  if (FAILED(hr)) return UnregisterServer(false), hr;
+  corvane::platform::RegisterErrorLookup(CLSID_CorvaneOleDbProvider, CLSID_CorvaneErrorLookup);
+  return S_OK;
+}
 
 HRESULT CCorvaneOleDbProviderModule::UnregisterServer(bool /*perUser*/) {
-  const HRESULT hr = corvane::platform::UnregisterClass(CLSID_CorvaneOleDbProvider);
-  return hr == REGDB_E_CLASSNOTREG ? S_OK : hr;
+  corvane::platform::UnregisterErrorLookup(CLSID_CorvaneOleDbProvider);
+  HRESULT result = S_OK;
+  for (const CLSID& clsid : {CLSID_CorvaneOleDbProvider, CLSID_CorvaneErrorLookup}) {
+    const HRESULT hr = corvane::platform::UnregisterClass(clsid);
+    if (FAILED(hr) && hr != REGDB_E_CLASSNOTREG) result = hr;
+  }
+  return result;
 }
 
 #endif

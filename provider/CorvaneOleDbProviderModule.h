@@ -12,12 +12,14 @@ class CCorvaneOleDbProviderModule {
   static void Unlock();
   static long LockCount();
 
-  // DllGetClassObject: the class factory of CLSID_CorvaneOleDbProvider.
+  // DllGetClassObject: the class factory of the creation object
+  // (CLSID_CorvaneOleDbProvider) or of the error lookup service (CLSID_CorvaneErrorLookup).
   static HRESULT GetClassObject(REFCLSID rclsid, REFIID riid, void** ppv);
 
-  // Windows: writes or removes the CLSID, ProgIDs, AppID and type library, for the
-  // machine or (perUser) under HKEY_CURRENT_USER. POSIX: adds the class to, or removes
-  // it from, the process's class registry (by CLSID and ProgID).
+  // Windows: writes or removes both classes, the ProgIDs, AppID, type library and the
+  // provider's ExtendedErrors key naming the lookup service, for the machine or
+  // (perUser) under HKEY_CURRENT_USER. POSIX: adds both classes to, or removes them
+  // from, the process's class registry, with the ExtendedErrors stand-in.
   static HRESULT RegisterServer(bool perUser);
   static HRESULT UnregisterServer(bool perUser);
 };

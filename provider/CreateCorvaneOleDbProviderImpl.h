@@ -22,19 +22,3 @@ class CCreateCorvaneOleDbProviderImpl final : public ICreateCorvaneOleDbProvider
   ~CCreateCorvaneOleDbProviderImpl();
   std::atomic<ULONG> refs_{1};
 };
-
-// Its class factory, handed out by DllGetClassObject and the POSIX class registry.
-class CCreateCorvaneOleDbProviderFactory final : public IClassFactory {
- public:
-  static HRESULT Create(REFIID riid, void** ppv);
-
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override;
-  ULONG STDMETHODCALLTYPE AddRef() override;
-  ULONG STDMETHODCALLTYPE Release() override;
-  HRESULT STDMETHODCALLTYPE CreateInstance(IUnknown* pUnkOuter, REFIID riid, void** ppv) override;
-  HRESULT STDMETHODCALLTYPE LockServer(BOOL fLock) override;
-
- private:
-  CCreateCorvaneOleDbProviderFactory() = default;
-  std::atomic<ULONG> refs_{1};
-};

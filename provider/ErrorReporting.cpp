@@ -1,15 +1,18 @@
 // Error descriptions and records. On Windows the records go to the system's OLE DB
-// error object (CLSID_EXTENDEDERRORINFO from oledb32); each record also carries a
-// custom error object that holds the description, source and interface, so a consumer
-// reaches the text through IErrorRecords::GetCustomErrorObject even where the error
-// object does not ask the provider for descriptions. Wine's oledb32 keeps the records
-// (count, HRESULT, interface, class) but neither calls back for descriptions nor keeps
-// the custom object; when no error object can be created at all, the description goes
-// out as a plain OLE Automation error object instead.
+// error object (CLSID_EXTENDEDERRORINFO from oledb32), which gets each description from
+// the provider's error lookup service by the record's lookup id, and tells the service
+// to drop the text (the lookup id is also the record's dynamic error id) when the
+// consumer releases the error object. Each record also carries a custom error object
+// that holds the description, source and interface, for consumers that read it.
+// Wine's oledb32 keeps the records (count, HRESULT, interface, class, lookup id) but
+// neither calls the lookup service nor keeps the custom object; when no error object
+// can be created at all, the description goes out as a plain OLE Automation error
+// object instead.
 #include "provider/ErrorReporting.h"
 
 #include <atomic>
 
+#include "provider/ErrorLookup.h"
 #include "provider/ICreateCorvaneOleDbProvider.h"
 
 namespace corvane {
@@ -101,8 +104,7 @@ HRESULT PostFailure(REFIID iid, HRESULT hr, const OLECHAR* source) {
 
 #ifdef _WIN32
 
-HRESULT PostErrorRecord(REFIID iid, HRESULT hr, const OLECHAR* source, const OLECHAR* description,
-                        DWORD lookupId) {
+HRESULT PostErrorRecord(REFIID iid, HRESULT hr, const OLECHAR* source, const OLECHAR* description) {
   // Records of the same call accumulate in the error object the thread already holds.
   IErrorInfo* object = nullptr;
   if (GetErrorInfo(0, &object) != S_OK) object = nullptr;
@@ -130,13 +132,14 @@ HRESULT PostErrorRecord(REFIID iid, HRESULT hr, const OLECHAR* source, const OLE
   }
   ERRORINFO info = {};
   info.hrError = hr;
-  info.dwMinor = 0;
+  info.dwMinor = CErrorLookup::Hold(hr, source, description);
   info.clsid = CLSID_CorvaneOleDbProvider;
   info.iid = iid;
   info.dispid = 0;
   IErrorInfo* custom = MakeDescriptionObject(iid, source, description);
-  const HRESULT added = records->AddErrorRecord(&info, lookupId, nullptr, custom, 0);
+  const HRESULT added = records->AddErrorRecord(&info, info.dwMinor, nullptr, custom, info.dwMinor);
   if (custom) custom->Release();
+  if (FAILED(added) && info.dwMinor) CErrorLookup::Drop(info.dwMinor);
   records->Release();
   SetErrorInfo(0, object);
   object->Release();
@@ -147,13 +150,14 @@ void ClearErrorRecords() { SetErrorInfo(0, nullptr); }
 
 #else
 
-HRESULT PostErrorRecord(REFIID iid, HRESULT hr, const OLECHAR* source, const OLECHAR* description,
-                        DWORD lookupId) {
+HRESULT PostErrorRecord(REFIID iid, HRESULT hr, const OLECHAR* source, const OLECHAR* description) {
   platform::ErrorRecord record;
   record.info.hrError = hr;
+  record.info.dwMinor = CErrorLookup::Hold(hr, source, description);
   record.info.clsid = CLSID_CorvaneOleDbProvider;
   record.info.iid = iid;
-  record.lookupId = lookupId;
+  record.lookupId = record.info.dwMinor;
+  record.dynamicErrorId = record.info.dwMinor;
   record.source = source ? source : OLESTR("");
   record.description = description ? description : OLESTR("");
   platform::AddErrorRecord(record);

@@ -30,9 +30,11 @@ WString DescribeFailure(REFIID iid, const OLECHAR* message);
 
 // Adds one record (interface, HRESULT, source, description) to this thread's error
 // object, behind any records already posted during the same call. On Windows this is
-// the system's OLE DB error object; on POSIX the platform's per-thread records.
-HRESULT PostErrorRecord(REFIID iid, HRESULT hr, const OLECHAR* source, const OLECHAR* description,
-                        DWORD lookupId = 0);
+// the system's OLE DB error object; on POSIX the platform's per-thread records. Either
+// way the record's lookup id, which is also its ERRORINFO's dwMinor, gives back the
+// same source and description from the provider's error lookup service (CErrorLookup),
+// which is how consumers that read the standard error interfaces see the text.
+HRESULT PostErrorRecord(REFIID iid, HRESULT hr, const OLECHAR* source, const OLECHAR* description);
 // Describes the failure and posts it in one step.
 HRESULT PostFailure(REFIID iid, HRESULT hr, const OLECHAR* source);
 

@@ -1,22 +1,25 @@
 #!/usr/bin/env bash
 # Compares the differential probes' outputs of a native build with those of the Windows
 # build (run under Wine): scripts/differential.sh <linux build dir> <windows build dir>
-# For each probe it prints the number of cases, how many are equal, how many differ in
-# a way listed in tests/differential/expected-differences-<probe>.txt, and every
-# unexpected difference. Exits non-zero when a probe's output is missing on either
-# side or any unexpected difference exists.
+# A probe is a probe_<name>.cpp in tests/differential (the POSIX layer against Wine's
+# system DLLs) or tests/interop (the provider read by a consumer the Windows way), whose
+# run writes <build>/differential/<name>.txt. For each probe it prints the number of
+# cases, how many are equal, how many differ in a way listed in the probe's folder in
+# expected-differences-<name>.txt, and every unexpected difference. Exits non-zero when
+# a probe's output is missing on either side or any unexpected difference exists.
 set -uo pipefail
 if [ $# -ne 2 ]; then
   echo "usage: $0 <linux build dir> <windows build dir>" >&2
   exit 2
 fi
 root=$(cd "$(dirname "$0")/.." && pwd)
-exec python3 - "$root/tests/differential" "$1/differential" "$2/differential" <<'PY'
+exec python3 - "$1/differential" "$2/differential" "$root/tests/differential" "$root/tests/interop" <<'PY'
 import glob
 import os
 import sys
 
-source_dir, native_dir, windows_dir = sys.argv[1:4]
+native_dir, windows_dir = sys.argv[1:3]
+source_dirs = sys.argv[3:]
 
 
 def read_cases(path):
@@ -52,11 +55,11 @@ def read_expected(path):
     return expected, problems
 
 
-probes = sorted(os.path.splitext(os.path.basename(p))[0][len("probe_"):]
-                for p in glob.glob(os.path.join(source_dir, "probe_*.cpp")))
+probes = sorted((os.path.splitext(os.path.basename(p))[0][len("probe_"):], d)
+                for d in source_dirs for p in glob.glob(os.path.join(d, "probe_*.cpp")))
 failed = False
 totals = [0, 0, 0, 0]
-for probe in probes:
+for probe, source_dir in probes:
     native_path = os.path.join(native_dir, f"{probe}.txt")
     windows_path = os.path.join(windows_dir, f"{probe}.txt")
     missing = [p for p in (native_path, windows_path) if not os.path.exists(p)]

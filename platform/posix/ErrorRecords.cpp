@@ -1,11 +1,48 @@
 // The thread's error object lives in thread-local storage: OLE DB error objects are
 // per thread, so records posted by one client thread never show up on another.
+#include <cstring>
+#include <map>
+#include <mutex>
 #include <utility>
 
 #include "platform/Platform.h"
 
 namespace {
-thread_local std::vector<corvane::platform::ErrorRecord> t_records;
+
+using corvane::platform::ErrorRecord;
+
+struct GuidLess {
+  bool operator()(const GUID& a, const GUID& b) const { return std::memcmp(&a, &b, sizeof(GUID)) < 0; }
+};
+
+struct LookupRegistry {
+  std::mutex mutex;
+  std::map<CLSID, CLSID, GuidLess> byProvider;
+};
+
+LookupRegistry& Lookups() {
+  static LookupRegistry registry;
+  return registry;
+}
+
+void ReleaseDynamicErrors(const std::vector<ErrorRecord>& records) {
+  for (const ErrorRecord& record : records) {
+    CLSID lookupClass;
+    IErrorLookup* lookup = nullptr;
+    if (record.dynamicErrorId == 0 || !corvane::platform::FindErrorLookup(record.info.clsid, &lookupClass) ||
+        FAILED(CoCreateInstance(lookupClass, nullptr, CLSCTX_INPROC_SERVER, IID_IErrorLookup,
+                                reinterpret_cast<void**>(&lookup))))
+      continue;
+    lookup->ReleaseErrors(record.dynamicErrorId);
+    lookup->Release();
+  }
+}
+
+struct ThreadRecords {
+  std::vector<ErrorRecord> list;
+  ~ThreadRecords() { ReleaseDynamicErrors(list); }
+};
+thread_local ThreadRecords t_records;
 
 // Releases the held error object when the thread ends.
 struct ErrorObjectSlot {
@@ -19,22 +56,43 @@ thread_local ErrorObjectSlot t_errorObject;
 
 namespace corvane::platform {
 
-void AddErrorRecord(const ErrorRecord& record) { t_records.push_back(record); }
+void AddErrorRecord(const ErrorRecord& record) { t_records.list.push_back(record); }
 
-void ClearErrorRecords() { t_records.clear(); }
+void ClearErrorRecords() { ReleaseDynamicErrors(TakeErrorRecords()); }
 
-size_t ErrorRecordCount() { return t_records.size(); }
+size_t ErrorRecordCount() { return t_records.list.size(); }
 
 bool GetErrorRecord(size_t index, ErrorRecord& out) {
-  if (index >= t_records.size()) return false;
-  out = t_records[index];
+  if (index >= t_records.list.size()) return false;
+  out = t_records.list[index];
   return true;
 }
 
 std::vector<ErrorRecord> TakeErrorRecords() {
   std::vector<ErrorRecord> taken;
-  taken.swap(t_records);
+  taken.swap(t_records.list);
   return taken;
+}
+
+void RegisterErrorLookup(REFCLSID provider, REFCLSID lookup) {
+  LookupRegistry& r = Lookups();
+  std::lock_guard<std::mutex> lock(r.mutex);
+  r.byProvider[provider] = lookup;
+}
+
+void UnregisterErrorLookup(REFCLSID provider) {
+  LookupRegistry& r = Lookups();
+  std::lock_guard<std::mutex> lock(r.mutex);
+  r.byProvider.erase(provider);
+}
+
+bool FindErrorLookup(REFCLSID provider, CLSID* lookup) {
+  LookupRegistry& r = Lookups();
+  std::lock_guard<std::mutex> lock(r.mutex);
+  auto it = r.byProvider.find(provider);
+  if (it == r.byProvider.end()) return false;
+  *lookup = it->second;
+  return true;
 }
 
 }  // namespace corvane::platform

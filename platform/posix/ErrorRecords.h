@@ -2,7 +2,9 @@
 // each record has the shape of an IErrorRecords entry (interface id, HRESULT, source,
 // description, lookup id) and a consumer on the same thread reads them back. The
 // error-object interfaces and ERRORINFO are declared here with their published IIDs,
-// with the per-thread error-object slot of GetErrorInfo/SetErrorInfo.
+// with the per-thread error-object slot of GetErrorInfo/SetErrorInfo, and the stand-in
+// for the ExtendedErrors key through which a consumer finds a provider's error lookup
+// service.
 #pragma once
 #ifndef _WIN32
 #include <string>
@@ -77,19 +79,31 @@ namespace corvane::platform {
 // One entry of the thread's error object.
 struct ErrorRecord {
   ERRORINFO info{};            // HRESULT, minor code, class, interface id, dispid
-  DWORD lookupId = 0;          // how the description would be looked up again
+  DWORD lookupId = 0;          // what the lookup service is asked with
+  DWORD dynamicErrorId = 0;    // released at the lookup service when the record is dropped
   std::u16string source;       // the posting class, e.g. "CProviderSession class"
   std::u16string description;  // complete text
 };
 
 // Appends a record after any already posted on this thread.
 void AddErrorRecord(const ErrorRecord& record);
+// Drops the thread's records and, as a system error object does when it goes away,
+// releases their dynamic errors at the lookup service of each record's class. So does
+// the end of the thread.
 void ClearErrorRecords();
 size_t ErrorRecordCount();
 // Copies record `index` (0 = the first posted); false when there is no such record.
 bool GetErrorRecord(size_t index, ErrorRecord& out);
-// Hands over all of this thread's records and leaves the list empty.
+// Hands over all of this thread's records and leaves the list empty; their dynamic
+// errors stay held (the lookup service bounds what it holds).
 std::vector<ErrorRecord> TakeErrorRecords();
+
+// The ExtendedErrors key of a provider's class: the class of its error lookup service.
+// Registering again replaces it; unregistering what is not there is harmless.
+void RegisterErrorLookup(REFCLSID provider, REFCLSID lookup);
+void UnregisterErrorLookup(REFCLSID provider);
+// False when the provider's class has none.
+bool FindErrorLookup(REFCLSID provider, CLSID* lookup);
 
 }  // namespace corvane::platform
 

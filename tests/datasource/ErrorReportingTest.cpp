@@ -1,7 +1,15 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <thread>
+#include <vector>
+
 #include "platform/WideString.h"
+#include "provider/ErrorLookup.h"
 #include "provider/ErrorReporting.h"
+#include "provider/ICreateCorvaneOleDbProvider.h"
+#include "provider/Module.h"
+#include "tests/support/LeakCheckedTest.h"
 
 using corvane::DescribeFailure;
 using corvane::ToUtf8;
@@ -46,3 +54,172 @@ TEST(ErrorDescriptions, UnknownInterfaceShowsItsIdentifier) {
   EXPECT_EQ(ToUtf8(DescribeFailure(IID_ICommand, static_cast<const OLECHAR*>(nullptr))),
             "Failed to execute a command (IID_ICommand). Details: ");
 }
+
+namespace {
+
+// A lookup as an OLE DB error object makes it: by HRESULT and lookup id only.
+struct LookedUp {
+  HRESULT hr;
+  std::string source, description;
+};
+LookedUp LookUp(IErrorLookup* lookup, HRESULT hr, DWORD id) {
+  BSTR source = nullptr, description = nullptr;
+  LookedUp r{lookup->GetErrorDescription(hr, id, nullptr, LOCALE_USER_DEFAULT, &source, &description), {}, {}};
+  if (SUCCEEDED(r.hr)) r.source = ToUtf8(source), r.description = ToUtf8(description);
+  else EXPECT_TRUE(source == nullptr && description == nullptr) << "nothing handed out on failure";
+  SysFreeString(source);
+  SysFreeString(description);
+  return r;
+}
+
+IErrorLookup* NewLookup() {
+  IErrorLookup* lookup = nullptr;
+  EXPECT_EQ(S_OK, CErrorLookup::CreateInstance(nullptr, IID_IErrorLookup, reinterpret_cast<void**>(&lookup)));
+  return lookup;
+}
+
+}  // namespace
+
+class ErrorLookupService : public corvane::test::LeakCheckedTest {
+#ifdef _WIN32
+  // The system's error object is a COM object.
+  void SetUp() override {
+    LeakCheckedTest::SetUp();
+    CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+  }
+  void TearDown() override {
+    CoUninitialize();
+    LeakCheckedTest::TearDown();
+  }
+#endif
+};
+
+TEST_F(ErrorLookupService, GivesBackHeldTextsUntilReleasedAndBoundsWhatItHolds) {
+  IErrorLookup* lookup = NewLookup();
+  const size_t before = CErrorLookup::HeldCount();
+  const DWORD id = CErrorLookup::Hold(E_FAIL, OLESTR("CProviderCommand class"), OLESTR("it failed"));
+  ASSERT_NE(0u, id);
+  EXPECT_LT(id, static_cast<DWORD>(IDENTIFIER_SDK_ERROR)) << "that range is the error object's own";
+  for (LCID lcid : {LOCALE_USER_DEFAULT, static_cast<LCID>(0x0407), static_cast<LCID>(0)}) {
+    BSTR s = nullptr, d = nullptr;
+    ASSERT_EQ(S_OK, lookup->GetErrorDescription(E_FAIL, id, nullptr, lcid, &s, &d)) << "any locale";
+    EXPECT_EQ("CProviderCommand class", ToUtf8(s));
+    EXPECT_EQ("it failed", ToUtf8(d));
+    SysFreeString(s);
+    SysFreeString(d);
+  }
+  EXPECT_EQ(DB_E_BADHRESULT, LookUp(lookup, E_INVALIDARG, id).hr);
+  EXPECT_EQ(DB_E_BADLOOKUPID, LookUp(lookup, E_FAIL, id + 1).hr);
+  BSTR text = nullptr;
+  EXPECT_EQ(E_INVALIDARG, lookup->GetErrorDescription(E_FAIL, id, nullptr, 0, &text, nullptr));
+  DWORD context = 7;
+  text = reinterpret_cast<BSTR>(&context);
+  EXPECT_EQ(S_OK, lookup->GetHelpInfo(E_FAIL, id, 0, &text, &context));
+  EXPECT_TRUE(text == nullptr && context == 0) << "no help file";
+
+  EXPECT_EQ(before + 1, CErrorLookup::HeldCount());
+  EXPECT_EQ(S_OK, lookup->ReleaseErrors(id));
+  EXPECT_EQ(before, CErrorLookup::HeldCount());
+  EXPECT_EQ(DB_E_BADLOOKUPID, LookUp(lookup, E_FAIL, id).hr);
+  EXPECT_EQ(DB_E_BADDYNAMICERRORID, lookup->ReleaseErrors(id));
+  EXPECT_EQ(E_INVALIDARG, lookup->ReleaseErrors(0));
+
+  // An error object that never releases: the oldest texts make way, the newest stay.
+  std::vector<DWORD> ids;
+  for (size_t i = 0; i < CErrorLookup::kHeldTextLimit + 5; ++i)
+    ids.push_back(CErrorLookup::Hold(E_FAIL, OLESTR("s"), corvane::WFormat(OLESTR("text %u"), unsigned(i)).c_str()));
+  EXPECT_EQ(CErrorLookup::kHeldTextLimit, CErrorLookup::HeldCount());
+  EXPECT_EQ(DB_E_BADLOOKUPID, LookUp(lookup, E_FAIL, ids[4]).hr);
+  EXPECT_EQ("text 5", LookUp(lookup, E_FAIL, ids[5]).description);
+  for (DWORD held : ids) lookup->ReleaseErrors(held);
+  EXPECT_EQ(0u, CErrorLookup::HeldCount());
+  lookup->Release();
+}
+
+TEST_F(ErrorLookupService, ThreadsPostAndLookUpAtOnce) {
+  std::vector<std::thread> threads;
+  std::atomic<int> wrong{0};
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([t, &wrong] {
+      IErrorLookup* lookup = NewLookup();
+      for (int i = 0; i < 2000; ++i) {
+        const std::string text = std::to_string(t) + "/" + std::to_string(i);
+        const DWORD id = CErrorLookup::Hold(E_FAIL, OLESTR("s"), corvane::FromUtf8(text).c_str());
+        if (LookUp(lookup, E_FAIL, id).description != text || lookup->ReleaseErrors(id) != S_OK) ++wrong;
+      }
+      lookup->Release();
+    });
+  for (auto& th : threads) th.join();
+  EXPECT_EQ(0, wrong.load());
+}
+
+// The record a provider object posts: its ERRORINFO and lookup id give back, through the
+// service, the very texts the record carries itself.
+TEST_F(ErrorLookupService, EveryPostedRecordIsFoundByItsLookupId) {
+  corvane::ClearErrorRecords();
+  const corvane::WString message = DescribeFailure(IID_ICommandPrepare, OLESTR("Unable to create column bindings."));
+  corvane::PostFailure(IID_IDBInitialize, E_FAIL, OLESTR("CProviderDataSource class"));
+  corvane::PostErrorRecord(IID_ICommandPrepare, DB_E_ERRORSINCOMMAND, OLESTR("CProviderCommand class"),
+                           message.c_str());
+  std::vector<ERRORINFO> infos;
+#ifdef _WIN32
+  IErrorInfo* object = nullptr;
+  ASSERT_EQ(S_OK, GetErrorInfo(0, &object));
+  IErrorRecords* records = nullptr;
+  ASSERT_EQ(S_OK, object->QueryInterface(IID_IErrorRecords, reinterpret_cast<void**>(&records)));
+  ULONG count = 0;
+  records->GetRecordCount(&count);
+  for (ULONG i = 0; i < count; ++i) {
+    infos.emplace_back();
+    EXPECT_EQ(S_OK, records->GetBasicErrorInfo(i, &infos.back()));
+  }
+  records->Release();
+  object->Release();
+#else
+  for (const auto& record : corvane::platform::TakeErrorRecords()) {
+    infos.push_back(record.info);
+    EXPECT_EQ(record.lookupId, record.info.dwMinor);
+    EXPECT_EQ(record.dynamicErrorId, record.info.dwMinor) << "released with the record";
+  }
+#endif
+  // (The system's records count from the newest, the POSIX ones from the oldest.)
+  ASSERT_EQ(2u, infos.size());
+  IErrorLookup* lookup = NewLookup();
+  for (const ERRORINFO& info : infos) {
+    const LookedUp found = LookUp(lookup, info.hrError, info.dwMinor);
+    EXPECT_EQ(S_OK, found.hr);
+    if (info.hrError == E_FAIL) {
+      EXPECT_EQ("CProviderDataSource class", found.source);
+      EXPECT_EQ(Describe(IID_IDBInitialize, E_FAIL), found.description);
+    } else {
+      EXPECT_EQ(DB_E_ERRORSINCOMMAND, info.hrError);
+      EXPECT_EQ("CProviderCommand class", found.source);
+      EXPECT_EQ(ToUtf8(message), found.description);
+    }
+    lookup->ReleaseErrors(info.dwMinor);
+  }
+  lookup->Release();
+}
+
+#ifndef _WIN32
+// The thread's records are its error object: dropping them releases their texts at the
+// service registered for the provider, as the system's error object does on Windows.
+TEST_F(ErrorLookupService, DroppedRecordsReleaseTheirTextsWhereTheServiceIsRegistered) {
+  ASSERT_EQ(S_OK, DllRegisterServer());
+  const size_t before = CErrorLookup::HeldCount();
+  corvane::PostFailure(IID_ICommand, E_FAIL, OLESTR("CProviderCommand class"));
+  std::thread([] { corvane::PostFailure(IID_ICommand, E_FAIL, OLESTR("CProviderCommand class")); }).join();
+  EXPECT_EQ(before + 1, CErrorLookup::HeldCount()) << "the ended thread's record is released";
+  corvane::ClearErrorRecords();
+  EXPECT_EQ(before, CErrorLookup::HeldCount());
+  EXPECT_EQ(S_OK, DllUnregisterServer());
+  CLSID found;
+  EXPECT_FALSE(corvane::platform::FindErrorLookup(CLSID_CorvaneOleDbProvider, &found));
+  corvane::PostFailure(IID_ICommand, E_FAIL, OLESTR("CProviderCommand class"));
+  corvane::platform::ErrorRecord record;
+  ASSERT_TRUE(corvane::platform::GetErrorRecord(0, record));
+  corvane::ClearErrorRecords();
+  EXPECT_EQ(before + 1, CErrorLookup::HeldCount()) << "unregistered, nobody is told; the bound still holds";
+  EXPECT_EQ(S_OK, CErrorLookup::Drop(record.dynamicErrorId));
+}
+#endif

@@ -15,6 +15,7 @@
 namespace {
 
 constexpr CLSID kClsid = {0xEFFACBC0, 0x538B, 0x4bc7, {0xAF, 0xE1, 0x2E, 0x90, 0x16, 0x74, 0x24, 0xC6}};
+constexpr CLSID kLookupClsid = {0x4847E217, 0x9067, 0x4A53, {0x89, 0xDC, 0x82, 0x81, 0x63, 0x89, 0x14, 0xAE}};
 
 using GetClassObjectFn = HRESULT(STDAPICALLTYPE*)(REFCLSID, REFIID, LPVOID*);
 using CanUnloadNowFn = HRESULT(STDAPICALLTYPE*)();
@@ -81,7 +82,7 @@ TEST(ModuleEntryPoints, ExportsTheFiveEntryPointsAndNothingElse) {
   EXPECT_EQ(module.Symbol("_ZN9ORelTrace8RegisterEPKw"), nullptr);
 }
 
-TEST(ModuleEntryPoints, ServeOnlyTheCreationObject) {
+TEST(ModuleEntryPoints, ServeTheCreationObjectAndTheErrorLookupService) {
   LoadedModule module;
   ASSERT_TRUE(module.Loaded());
   auto getClassObject = module.Get<GetClassObjectFn>("DllGetClassObject");
@@ -100,6 +101,14 @@ TEST(ModuleEntryPoints, ServeOnlyTheCreationObject) {
   factory->Release();
   EXPECT_EQ(canUnloadNow(), S_FALSE);  // the creation object holds the module
   creator->Release();
+  EXPECT_EQ(canUnloadNow(), S_OK);
+  ASSERT_EQ(getClassObject(kLookupClsid, IID_IClassFactory, &pv), S_OK);
+  factory = static_cast<IClassFactory*>(pv);
+  IUnknown* lookup = nullptr;
+  ASSERT_EQ(factory->CreateInstance(nullptr, IID_IErrorLookup, reinterpret_cast<void**>(&lookup)), S_OK);
+  factory->Release();
+  EXPECT_EQ(canUnloadNow(), S_FALSE);  // so does the lookup service
+  lookup->Release();
   EXPECT_EQ(canUnloadNow(), S_OK);
   pv = reinterpret_cast<void*>(static_cast<uintptr_t>(0xBAD));
   EXPECT_EQ(getClassObject(GUID_NULL, IID_IUnknown, &pv), CLASS_E_CLASSNOTAVAILABLE);
@@ -168,10 +177,14 @@ TEST(ModuleRegistration, InstallForTheUserOnly) {
 
   ASSERT_EQ(install(TRUE, L"user"), S_OK);
   EXPECT_EQ(Narrow(ReadString(HKEY_CURRENT_USER, userClsid + L"\\InprocServer32", L"ThreadingModel")), "Both");
+  EXPECT_EQ(Narrow(ReadString(HKEY_CURRENT_USER,
+                              userClsid + L"\\ExtendedErrors\\{4847E217-9067-4A53-89DC-8281638914AE}", nullptr)),
+            "Corvane OLE DB Provider Error Lookup");
   EXPECT_EQ(Narrow(ReadString(HKEY_CURRENT_USER, L"Software\\Classes\\" + kProgId + L"\\CLSID", nullptr)),
             "{EFFACBC0-538B-4bc7-AFE1-2E90167424C6}");
   ASSERT_EQ(install(FALSE, L"user"), S_OK);
   EXPECT_FALSE(KeyExists(HKEY_CURRENT_USER, userClsid));
+  EXPECT_FALSE(KeyExists(HKEY_CURRENT_USER, L"Software\\Classes\\CLSID\\{4847E217-9067-4A53-89DC-8281638914AE}"));
 }
 
 #else

@@ -51,6 +51,15 @@ TEST(RegisteredProvider, ConsumerLifecycleUnderTheSystemComRuntime) {
   EXPECT_EQ(std::wstring(L"{EFFACBC0-538B-4bc7-AFE1-2E90167424C6}"),
             ReadString(L"Quellix.CorvaneOleDbProvider_VLD64\\CLSID", nullptr));
   EXPECT_TRUE(KeyExists(L"Quellix.CorvaneOleDbProvider_VLD64.1"));
+  // The error lookup service, where an OLE DB error object looks for it.
+  const wchar_t* lookup = L"CLSID\\{4847E217-9067-4A53-89DC-8281638914AE}";
+  EXPECT_EQ(std::wstring(L"Corvane OLE DB Provider Error Lookup"),
+            ReadString(L"CLSID\\{EFFACBC0-538B-4bc7-AFE1-2E90167424C6}\\ExtendedErrors\\"
+                       L"{4847E217-9067-4A53-89DC-8281638914AE}",
+                       nullptr));
+  const std::wstring lookupServer = std::wstring(lookup) + L"\\InprocServer32";
+  EXPECT_EQ(WindowsPath(CORVANE_PROVIDER_MODULE), ReadString(lookupServer.c_str(), nullptr));
+  EXPECT_EQ(std::wstring(L"Both"), ReadString(lookupServer.c_str(), L"ThreadingModel"));
 
   // The type library describes the creation interface.
   ITypeLib* library = nullptr;
@@ -145,7 +154,9 @@ TEST(RegisteredProvider, ConsumerLifecycleUnderTheSystemComRuntime) {
   CoUninitialize();
 
   EXPECT_EQ(0u, Regsvr32(L"/u", WindowsPath(CORVANE_PROVIDER_MODULE)));
+  EXPECT_FALSE(KeyExists(L"CLSID\\{EFFACBC0-538B-4bc7-AFE1-2E90167424C6}\\ExtendedErrors"));
   EXPECT_FALSE(KeyExists(L"CLSID\\{EFFACBC0-538B-4bc7-AFE1-2E90167424C6}"));
+  EXPECT_FALSE(KeyExists(lookup));
   EXPECT_FALSE(KeyExists(L"Quellix.CorvaneOleDbProvider_VLD64"));
   EXPECT_FALSE(KeyExists(L"Quellix.CorvaneOleDbProvider_VLD64.1"));
   EXPECT_EQ(0u, Regsvr32(L"/u", WindowsPath(CORVANE_PROVIDER_MODULE))) << "unregistering twice is harmless";

@@ -15,6 +15,7 @@
 #include "historian/ReferenceHistorian.h"
 #include "platform/WideString.h"
 #include "provider/CreateCorvaneOleDbProviderImpl.h"
+#include "provider/ErrorLookup.h"
 #include "provider/ICreateCorvaneOleDbProvider.h"
 
 namespace corvane::shell {
@@ -342,18 +343,40 @@ bool Parameter::Parse(const std::string& text, Parameter* parameter, std::string
   return false;
 }
 
+// Each record's text comes from the provider's error lookup service, asked with the
+// record's HRESULT and lookup id the way an OLE DB error object asks it, so the shell
+// prints what every consumer of the standard error interfaces reads. The service is the
+// one linked in here, which holds the texts of the provider linked in here. A record
+// whose text the service no longer holds falls back to what the record carries.
 Failure TakeFailure(HRESULT hr) {
   Failure failure;
   failure.hr = hr;
+  Ref<IErrorLookup> lookup;
+  if (FAILED(CErrorLookup::CreateInstance(nullptr, IID_IErrorLookup, reinterpret_cast<void**>(&lookup.p))))
+    lookup.p = nullptr;
+  auto lookUp = [&lookup](const ERRORINFO& info, std::string* text) {
+    BSTR source = nullptr, description = nullptr;
+    const bool found = lookup && SUCCEEDED(lookup->GetErrorDescription(info.hrError, info.dwMinor, nullptr,
+                                                                       LOCALE_USER_DEFAULT, &source, &description));
+    if (found) *text = corvane::ToUtf8(description);
+    SysFreeString(source);
+    SysFreeString(description);
+    return found;
+  };
 #ifdef _WIN32
   IErrorInfo* info = nullptr;
   if (GetErrorInfo(0, &info) == S_OK && info) {
     IErrorRecords* records = Query<IErrorRecords>(info, IID_IErrorRecords);
     ULONG count = 0;
     if (records && SUCCEEDED(records->GetRecordCount(&count))) {
-      for (ULONG i = 0; i < count; ++i) {
-        // The provider puts each record's text in its custom error object; the error
-        // lookup route only works where the provider's module is registered.
+      // Record 0 is the newest; the report lists them oldest first, as on POSIX.
+      for (ULONG i = count; i-- > 0;) {
+        ERRORINFO basic{};
+        std::string text;
+        if (SUCCEEDED(records->GetBasicErrorInfo(i, &basic)) && lookUp(basic, &text)) {
+          failure.descriptions.push_back(text);
+          continue;
+        }
         IErrorInfo* record = nullptr;
         IUnknown* custom = nullptr;
         if (SUCCEEDED(records->GetCustomErrorObject(i, IID_IErrorInfo, &custom)) && custom) {
@@ -361,10 +384,10 @@ Failure TakeFailure(HRESULT hr) {
           custom->Release();
         }
         if (!record && FAILED(records->GetErrorInfo(i, GetUserDefaultLCID(), &record))) record = nullptr;
-        BSTR text = nullptr;
-        if (record && SUCCEEDED(record->GetDescription(&text)) && text)
-          failure.descriptions.push_back(corvane::ToUtf8(text));
-        SysFreeString(text);
+        BSTR description = nullptr;
+        if (record && SUCCEEDED(record->GetDescription(&description)) && description)
+          failure.descriptions.push_back(corvane::ToUtf8(description));
+        SysFreeString(description);
         if (record) record->Release();
       }
     } else {
@@ -376,8 +399,11 @@ Failure TakeFailure(HRESULT hr) {
     info->Release();
   }
 #else
-  for (const auto& record : corvane::platform::TakeErrorRecords())
-    failure.descriptions.push_back(corvane::ToUtf8(corvane::WStringView(record.description)));
+  for (const auto& record : corvane::platform::TakeErrorRecords()) {
+    std::string text;
+    if (!lookUp(record.info, &text)) text = corvane::ToUtf8(corvane::WStringView(record.description));
+    failure.descriptions.push_back(text);
+  }
 #endif
   // Some descriptions end in a line break of their own; the report adds its own.
   for (auto& text : failure.descriptions)

@@ -1,0 +1,204 @@
+// Reads the errors of failing statements the way an OLE DB error object on Windows
+// does: from each record's ERRORINFO, the class registered as ExtendedErrors under the
+// record's class, and that service's GetErrorDescription, asked only after the failing
+// command and rowset are gone. One line per record,
+// "<statement> #<record><TAB><phase> <HRESULT> | <source> | <description>", goes to the
+// file that scripts/differential.sh compares between the POSIX build and the Windows
+// build under Wine (where the provider is the registered DLL).
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "tests/session/ConsumerFixture.h"
+
+#ifndef CORVANE_CONSUMER_OF_DLL
+#include "provider/ErrorLookup.h"
+#include "provider/Module.h"
+#endif
+
+namespace {
+
+using corvane::test::ConsumerTest;
+
+#ifndef CORVANE_CONSUMER_OF_DLL
+// What regsvr32 is to the DLL: the POSIX class registry learns both classes.
+class RegisteredModule : public ::testing::Environment {
+ public:
+  void SetUp() override { ASSERT_EQ(S_OK, DllRegisterServer()); }
+  void TearDown() override { EXPECT_EQ(S_OK, DllUnregisterServer()); }
+};
+::testing::Environment* const kRegisteredModule = ::testing::AddGlobalTestEnvironment(new RegisteredModule);
+#endif
+
+std::vector<std::string> FailingStatements() {
+  std::vector<std::string> statements;
+  std::ifstream in(CORVANE_FAILING_STATEMENTS);
+  for (std::string line; std::getline(in, line);) {
+    while (!line.empty() && line.back() == '\r') line.pop_back();
+    if (!line.empty() && line[0] != '#') statements.push_back(line);
+  }
+  return statements;
+}
+
+// The error lookup service registered for `provider`, or null.
+IErrorLookup* RegisteredLookup(REFCLSID provider) {
+  CLSID lookupClass{};
+#ifdef _WIN32
+  wchar_t key[96] = L"CLSID\\";
+  StringFromGUID2(provider, key + 6, 40);
+  wcscat(key, L"\\ExtendedErrors");
+  HKEY extended = nullptr;
+  if (RegOpenKeyExW(HKEY_CLASSES_ROOT, key, 0, KEY_READ, &extended) != ERROR_SUCCESS) return nullptr;
+  wchar_t name[64];
+  DWORD length = 64;
+  const LONG found = RegEnumKeyExW(extended, 0, name, &length, nullptr, nullptr, nullptr, nullptr);
+  RegCloseKey(extended);
+  if (found != ERROR_SUCCESS || FAILED(CLSIDFromString(name, &lookupClass))) return nullptr;
+#else
+  if (!corvane::platform::FindErrorLookup(provider, &lookupClass)) return nullptr;
+#endif
+  IErrorLookup* lookup = nullptr;
+  if (FAILED(CoCreateInstance(lookupClass, nullptr, CLSCTX_INPROC_SERVER, IID_IErrorLookup,
+                              reinterpret_cast<void**>(&lookup))))
+    return nullptr;
+  return lookup;
+}
+
+// The ERRORINFO of every record the failed call left on this thread, oldest first (the
+// system's error object numbers them from the newest, the POSIX records from the
+// oldest); the records are dropped.
+std::vector<ERRORINFO> TakeRecords() {
+  std::vector<ERRORINFO> infos;
+#ifdef _WIN32
+  IErrorInfo* object = nullptr;
+  if (GetErrorInfo(0, &object) != S_OK) return infos;
+  IErrorRecords* records = ConsumerTest::Query<IErrorRecords>(object, IID_IErrorRecords);
+  ULONG count = 0;
+  if (records) records->GetRecordCount(&count);
+  for (ULONG i = count; i-- > 0;) {
+    infos.emplace_back();
+    EXPECT_EQ(S_OK, records->GetBasicErrorInfo(i, &infos.back()));
+  }
+  if (records) records->Release();
+  object->Release();
+#else
+  for (const auto& record : corvane::platform::TakeErrorRecords()) infos.push_back(record.info);
+#endif
+  return infos;
+}
+
+// Runs `sql` up to its first failure; answers the phase that failed, or "" when none
+// did. The command and rowset are released before returning.
+std::string RunToFailure(IOpenRowset* session, const std::string& sql) {
+  IDBCreateCommand* create = ConsumerTest::Query<IDBCreateCommand>(session, IID_IDBCreateCommand);
+  ICommandText* command = nullptr;
+  HRESULT hr = create->CreateCommand(nullptr, IID_ICommandText, reinterpret_cast<IUnknown**>(&command));
+  create->Release();
+  if (FAILED(hr)) return "CreateCommand";
+  std::string phase;
+  IRowset* rowset = nullptr;
+  ICommandPrepare* prepare = ConsumerTest::Query<ICommandPrepare>(command, IID_ICommandPrepare);
+  const corvane::WString text = corvane::FromUtf8(sql);
+  if (FAILED(command->SetCommandText(DBGUID_DEFAULT, text.c_str()))) {
+    phase = "SetCommandText";
+  } else if (FAILED(prepare->Prepare(0))) {
+    phase = "Prepare";
+  } else if (FAILED(command->Execute(nullptr, IID_IRowset, nullptr, nullptr, reinterpret_cast<IUnknown**>(&rowset)))) {
+    phase = "Execute";
+  } else if (rowset) {
+    for (;;) {
+      DBCOUNTITEM obtained = 0;
+      HROW* rows = nullptr;
+      hr = rowset->GetNextRows(DB_NULL_HCHAPTER, 0, 64, &obtained, &rows);
+      if (obtained) rowset->ReleaseRows(obtained, rows, nullptr, nullptr, nullptr);
+      CoTaskMemFree(rows);
+      if (FAILED(hr)) phase = "Fetch";
+      if (hr != S_OK) break;
+    }
+  }
+  // Releasing is no OLE DB call that starts afresh: the failure's records stay.
+  if (rowset) rowset->Release();
+  prepare->Release();
+  command->Release();
+  return phase;
+}
+
+// Texts may hold line breaks (a parse error's message ends in one); the compared file
+// keeps one record per line.
+std::string Escaped(BSTR text) {
+  std::string escaped;
+  for (char c : corvane::ToUtf8(text)) {
+    if (c == '\n' || c == '\r' || c == '\t')
+      escaped += c == '\n' ? "\\n" : c == '\r' ? "\\r" : "\\t";
+    else
+      escaped += c;
+  }
+  return escaped;
+}
+
+std::string Hex(HRESULT hr) {
+  char text[16];
+  snprintf(text, sizeof text, "%08X", static_cast<unsigned>(hr));
+  return text;
+}
+
+}  // namespace
+
+class ErrorLookupConsumer : public ConsumerTest {};
+
+TEST_F(ErrorLookupConsumer, EveryRecordOfEveryFailureHasItsTextsThroughTheRegisteredService) {
+  const std::vector<std::string> statements = FailingStatements();
+  ASSERT_GE(statements.size(), 10u) << CORVANE_FAILING_STATEMENTS;
+  std::ofstream out(CORVANE_PROBE_OUT, std::ios::binary | std::ios::trunc);
+  ASSERT_TRUE(out) << CORVANE_PROBE_OUT;
+  IErrorLookup* lookup = RegisteredLookup(CLSID_CorvaneOleDbProvider);
+  ASSERT_NE(nullptr, lookup) << "no ExtendedErrors service registered for the provider";
+  // Writes the records the failure of `what` left on the thread.
+  auto report = [&](const std::string& what, const std::string& phase) {
+    const std::vector<ERRORINFO> records = TakeRecords();
+    EXPECT_FALSE(phase.empty()) << "does not fail: " << what;
+    EXPECT_FALSE(records.empty()) << "no error record: " << what;
+    for (size_t i = 0; i < records.size(); ++i) {
+      const ERRORINFO& info = records[i];
+      EXPECT_TRUE(IsEqualCLSID(CLSID_CorvaneOleDbProvider, info.clsid)) << what;
+      BSTR source = nullptr, description = nullptr;
+      const HRESULT hr =
+          lookup->GetErrorDescription(info.hrError, info.dwMinor, nullptr, LOCALE_USER_DEFAULT, &source, &description);
+      EXPECT_EQ(S_OK, hr) << what << " #" << i;
+      out << what << " #" << i << '\t' << phase << ' ' << Hex(info.hrError) << " | "
+          << (SUCCEEDED(hr) ? Escaped(source) + " | " + Escaped(description) : "lookup " + Hex(hr)) << '\n';
+      SysFreeString(source);
+      SysFreeString(description);
+    }
+  };
+  for (const std::string& sql : statements) report(sql, RunToFailure(session_, sql));
+
+  // The session's and the data source's own records.
+  DBID table{};
+  table.eKind = DBKIND_NAME;
+  table.uName.pwszName = const_cast<LPOLESTR>(OLESTR("NO_SUCH_TABLE"));
+  IUnknown* rowset = nullptr;
+  report("OpenRowset NO_SUCH_TABLE",
+         FAILED(session_->OpenRowset(nullptr, &table, nullptr, IID_IRowset, 0, nullptr, &rowset)) ? "OpenRowset" : "");
+  if (rowset) rowset->Release();
+  IDBInitialize* init = Query<IDBInitialize>(dataSource_, IID_IDBInitialize);
+  report("Initialize again", FAILED(init->Initialize()) ? "Initialize" : "");
+  init->Release();
+  lookup->Release();
+}
+
+// Nobody asks: the records go with the next call, and whatever the service held for
+// them goes with them where the error object says so (the leak check covers the rest).
+TEST_F(ErrorLookupConsumer, RecordsNobodyReadsLeaveNothingBehind) {
+#ifndef CORVANE_CONSUMER_OF_DLL
+  const size_t held = CErrorLookup::HeldCount();
+#endif
+  for (const std::string& sql : FailingStatements()) EXPECT_FALSE(RunToFailure(session_, sql).empty()) << sql;
+  corvane::test::CloseProvider(&dataSource_, &session_);
+#ifndef CORVANE_CONSUMER_OF_DLL
+  EXPECT_EQ(held, CErrorLookup::HeldCount());
+#endif
+}
