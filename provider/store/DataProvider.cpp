@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "provider/Trace.h"
+#include "provider/store/RefCountedDataStoreRow.h"
 
 using corvane::platform::CriticalSectionLock;
 using corvane::platform::Event;
@@ -273,9 +274,18 @@ void CDataProvider::RecycleRecords(ProducedRecordList& used) {
     used.clear();
     return;
   }
-  // Values are dropped on the caller's thread, outside the lock the worker needs.
-  for (ProducedRecord& record : used)
-    for (StoreValue& value : record) value.Reset();
+  // Values are dropped on the caller's thread, outside the lock the worker needs. Most
+  // hold a number, a time or lent text: nothing to free, so no call to VariantClear.
+  for (ProducedRecord& record : used) {
+    for (StoreValue& value : record) {
+      if (CRefCountedDataStoreRow::OwnsNothing(V_VT(&value.Value))) {
+        V_VT(&value.Value) = VT_EMPTY;
+        value.Kind = StoreValue::kNone;
+      } else {
+        value.Reset();
+      }
+    }
+  }
   {
     CriticalSectionLock lock(m_StateLock);
     if (m_Spare.empty()) m_Spare.swap(used);
