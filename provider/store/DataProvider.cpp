@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <new>
 
 #include "provider/Trace.h"
 #include "provider/store/RefCountedDataStoreRow.h"
@@ -287,8 +288,20 @@ void CDataProvider::RecycleRecords(ProducedRecordList& used) {
     }
   }
   {
+    // Every emptied record is kept, not only one batch: a worker that has not yet taken
+    // the last batch would otherwise make new records while these are freed. The spare
+    // records are never more than the worker's read-ahead, which is bounded.
     CriticalSectionLock lock(m_StateLock);
-    if (m_Spare.empty()) m_Spare.swap(used);
+    if (m_Spare.empty()) {
+      m_Spare.swap(used);
+    } else {
+      try {
+        m_Spare.reserve(m_Spare.size() + used.size());
+        for (ProducedRecord& record : used) m_Spare.push_back(std::move(record));
+      } catch (const std::bad_alloc&) {
+        // Not kept: they are freed below.
+      }
+    }
   }
   used.clear();
 }
