@@ -22,6 +22,7 @@
 // Defaults: 10000000 samples, 3 timed reads of each side of cases 1 and 2 (the median is
 // kept), 200 runs of each small statement, 15 first-row runs, 0.5 s per parse round,
 // 5000000 CSV lines.
+#include <malloc.h>
 #include <sqlite3.h>
 #include <stdlib.h>
 
@@ -349,10 +350,13 @@ double SqliteInsertSeconds(size_t lines, std::string* error) {
 
 // ---- peak memory --------------------------------------------------------------------
 
-// Resident bytes at the peak of `work` above the resident size when it starts: the
-// kernel's high-water mark reset first, or where that is refused, VmRSS sampled every
-// millisecond from another thread.
+// Resident bytes at the peak of `work` above the resident size when it starts, after the
+// heap gave back what it held free: the kernel's high-water mark reset first, or where
+// that is refused, VmRSS sampled every millisecond from another thread.
 size_t PeakAbove(const std::function<void()>& work, size_t* baseline, const char** method) {
+  // Memory that earlier cases freed goes back to the system first: kept by the heap, it
+  // would count in the baseline and hide the growth of `work`.
+  malloc_trim(0);
   if (corvane::bench::ResetPeakResident()) {
     *method = "VmHWM after clear_refs";
     *baseline = ProcStatusBytes("VmRSS");

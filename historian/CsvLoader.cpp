@@ -564,7 +564,9 @@ class Load {
       return Fail(line, "expected " + std::to_string(columns_) + " fields, found " + std::to_string(record.size()));
     const std::string_view tagText = Trim(record[0].text);
     if (tagText.empty()) return Fail(line, "empty tag name");
-    if (!ValidUtf8(tagText) || !ValidUtf8(record[2].text)) return Fail(line, "invalid UTF-8");
+    // The tag of the line before was checked then.
+    const bool sameTag = last_ != kNone && tagText == lastText_;
+    if ((!sameTag && !ValidUtf8(tagText)) || !ValidUtf8(record[2].text)) return Fail(line, "invalid UTF-8");
 
     SampleInput sample;
     const std::string_view timeText = Trim(record[1].text);
