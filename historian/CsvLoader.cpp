@@ -241,6 +241,52 @@ bool ValidUtf8(std::string_view s) {
   return true;
 }
 
+// A field's text as messages quote it: control characters and the invisible ones
+// (no-break and zero-width spaces, direction marks, the byte-order mark...) are written
+// as escapes, and so are bytes that are not UTF-8, so that "192\r" never reads as "192".
+std::string Visible(std::string_view s) {
+  std::string out;
+  char escape[16];
+  size_t i = 0;
+  while (i < s.size()) {
+    const unsigned char c = static_cast<unsigned char>(s[i]);
+    if (c < 0x80) {
+      if (c == '\t') out += "\\t";
+      else if (c == '\n') out += "\\n";
+      else if (c == '\r') out += "\\r";
+      else if (c < 0x20 || c == 0x7F) snprintf(escape, sizeof escape, "\\x%02X", c), out += escape;
+      else out += static_cast<char>(c);
+      ++i;
+      continue;
+    }
+    const size_t length = (c & 0xE0) == 0xC0 ? 2 : (c & 0xF0) == 0xE0 ? 3 : (c & 0xF8) == 0xF0 ? 4 : 1;
+    if (length == 1 || !ValidUtf8(s.substr(i, length))) {
+      snprintf(escape, sizeof escape, "\\x%02X", c);
+      out += escape;
+      ++i;
+      continue;
+    }
+    uint32_t cp = c & (0xFF >> (length + 1));
+    for (size_t k = 1; k < length; ++k) cp = (cp << 6) | (static_cast<unsigned char>(s[i + k]) & 0x3F);
+    const bool invisible = (cp >= 0x80 && cp <= 0xA0) || cp == 0xAD || cp == 0x34F || cp == 0x61C ||
+                           cp == 0x115F || cp == 0x1160 || cp == 0x17B4 || cp == 0x17B5 ||
+                           (cp >= 0x180B && cp <= 0x180E) || (cp >= 0x2000 && cp <= 0x200F) ||
+                           (cp >= 0x2028 && cp <= 0x202F) || (cp >= 0x205F && cp <= 0x206F) || cp == 0x3000 ||
+                           cp == 0x3164 || (cp >= 0xFE00 && cp <= 0xFE0F) || cp == 0xFEFF || cp == 0xFFA0 ||
+                           (cp >= 0xFFF0 && cp <= 0xFFFB) || (cp >= 0xE0000 && cp <= 0xE0FFF);
+    if (invisible) {
+      snprintf(escape, sizeof escape, cp > 0xFFFF ? "\\U%08X" : "\\u%04X", static_cast<unsigned>(cp));
+      out += escape;
+    } else {
+      out.append(s.substr(i, length));
+    }
+    i += length;
+  }
+  return out;
+}
+
+std::string Quoted(std::string_view s) { return "'" + Visible(s) + "'"; }
+
 struct VartypeName {
   const char* name;
   VARTYPE vt;
@@ -301,7 +347,7 @@ bool ParseValue(VARTYPE vt, std::string_view text, SampleInput& sample, std::str
     case VT_R4:
       if (!ParseDouble(s, &sample.number)) break;
       if (vt == VT_R4 && std::isfinite(sample.number) && std::fabs(sample.number) > std::numeric_limits<float>::max()) {
-        why = "value '" + std::string(s) + "' is out of range for VT_R4";
+        why = "value " + Quoted(s) + " is out of range for VT_R4";
         return false;
       }
       return true;
@@ -332,7 +378,7 @@ bool ParseValue(VARTYPE vt, std::string_view text, SampleInput& sample, std::str
         uint64_t v = 0;
         auto r = std::from_chars(digits.data(), digits.data() + digits.size(), v);
         if (r.ec == std::errc::result_out_of_range) {
-          why = "value '" + std::string(s) + "' is out of range for VT_UI8";
+          why = "value " + Quoted(s) + " is out of range for VT_UI8";
           return false;
         }
         if (digits.empty() || r.ec != std::errc() || r.ptr != digits.data() + digits.size()) break;
@@ -343,7 +389,7 @@ bool ParseValue(VARTYPE vt, std::string_view text, SampleInput& sample, std::str
       auto r = std::from_chars(digits.data(), digits.data() + digits.size(), v);
       const bool whole = !digits.empty() && r.ptr == digits.data() + digits.size();
       if (whole && (r.ec == std::errc::result_out_of_range || v < lo || v > hi)) {
-        why = "value '" + std::string(s) + "' is out of range for " + NameOf(vt);
+        why = "value " + Quoted(s) + " is out of range for " + NameOf(vt);
         return false;
       }
       if (!whole || r.ec != std::errc()) break;
@@ -351,7 +397,7 @@ bool ParseValue(VARTYPE vt, std::string_view text, SampleInput& sample, std::str
       return true;
     }
   }
-  why = "value '" + std::string(s) + "' is not a " + NameOf(vt);
+  why = "value " + Quoted(s) + " is not a " + NameOf(vt);
   return false;
 }
 
@@ -504,10 +550,22 @@ class Load {
     return false;
   }
 
+  // A NUL would cut a name or a text short further on (C strings, BSTR consumers), so a
+  // field holding one is refused rather than loaded as something else.
+  HRESULT RefuseNul(const Record& record) {
+    for (size_t i = 0; i < record.size(); ++i) {
+      if (record[i].text.find('\0') != std::string_view::npos)
+        return Fail(record.line, "NUL byte in field " + std::to_string(i + 1));
+    }
+    return S_OK;
+  }
+
   HRESULT ReadAll(RecordReader& reader) {
     Record record;
     std::string error;
     if (!NextNonBlank(reader, record, error)) return error.empty() ? Fail(0, "no header line") : Fail(record.line, error);
+    HRESULT hr = RefuseNul(record);
+    if (FAILED(hr)) return hr;
     static const char* const kColumns[] = {"tag", "timestamp", "value", "quality", "vartype"};
     columns_ = record.size();
     bool headerOk = columns_ == 4 || columns_ == 5;
@@ -515,7 +573,8 @@ class Load {
     if (!headerOk) return Fail(record.line, "the header must be tag,timestamp,value,quality[,vartype]");
 
     while (NextNonBlank(reader, record, error)) {
-      const HRESULT hr = Stage(record);
+      hr = RefuseNul(record);
+      if (SUCCEEDED(hr)) hr = Stage(record);
       if (FAILED(hr)) return hr;
     }
     if (!error.empty()) return Fail(record.line, error);
@@ -571,20 +630,20 @@ class Load {
     SampleInput sample;
     const std::string_view timeText = Trim(record[1].text);
     if (!CCsvLoader::ParseTimestamp(timeText, &sample.time))
-      return Fail(line, "invalid timestamp '" + std::string(timeText) + "'");
+      return Fail(line, "invalid timestamp " + Quoted(timeText));
     const std::string_view qualityText = Trim(record[3].text);
     if (!ParseQuality(qualityText, &sample.quality))
-      return Fail(line, "invalid quality '" + std::string(qualityText) + "'");
+      return Fail(line, "invalid quality " + Quoted(qualityText));
     VARTYPE given = VT_EMPTY;
     if (columns_ == 5) {
       const std::string_view vtText = Trim(record[4].text);
       if (!vtText.empty() && !ParseVartype(vtText, &given))
-        return Fail(line, "unknown vartype '" + std::string(vtText) + "'");
+        return Fail(line, "unknown vartype " + Quoted(vtText));
     }
     // The tag's type: the store's, else the one fixed by its first line in this file.
     Staged& staged = staged_[TagIndex(tagText, record, given)];
     if (given != VT_EMPTY && given != staged.vt)
-      return Fail(line, "tag '" + std::string(tagText) + "' is " + NameOf(staged.vt) + ", not " + NameOf(given));
+      return Fail(line, "tag " + Quoted(tagText) + " is " + NameOf(staged.vt) + ", not " + NameOf(given));
     std::string why;
     if (!ParseValue(staged.vt, record[2].text, sample, why)) return Fail(line, why);
     CHistorianStore::Columns& c = staged.columns;
@@ -624,7 +683,7 @@ class Load {
       }
     }
     if (file) std::fclose(file);
-    return Fail(line, "tag '" + tag + "' already has a sample at that time");
+    return Fail(line, "tag " + Quoted(tag) + " already has a sample at that time");
   }
 
   static constexpr size_t kNone = static_cast<size_t>(-1);

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The main job: installs what is missing, builds the SQL shell (linux preset, that target
 # only) and runs it over the embedded demo plant with a first set of queries: the tags,
-# the last hour of one tag, and the 15-minute aggregates of that tag over the last day.
+# the last hour of one tag, the 15-minute aggregates of that tag over the last day, and
+# a week of two tags drawn as an SVG trend chart next to the build.
 # Arguments are passed on to the shell, e.g. scripts/demo.sh --format json.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -33,6 +34,13 @@ run "SELECT TIMESTAMP, VALUE, QUALITY FROM RAWDATA WHERE TAGNAME = 'Ambient.Temp
     -e "SELECT TIMESTAMP, VALUE, QUALITY FROM RAWDATA WHERE TAGNAME = 'Ambient.Temperature' AND TIMESTAMP > DATEADD('hh', -1, NOWUTC())"
 run "EXEC HDA_ANALOG DATEADD('dd', -1, NOWUTC()), NOWUTC(), 900000, 'Ambient.Temperature'" "${format[@]}" "$@" \
     -e "EXEC HDA_ANALOG DATEADD('dd', -1, NOWUTC()), NOWUTC(), 900000, 'Ambient.Temperature'"
+chart="$build/demo-chart.svg"
+echo
+echo "corvane> .chart $chart"
+echo "corvane> SELECT * FROM RAWDATA WHERE TAGNAME = 'Ambient.Temperature' OR TAGNAME = 'Boiler.Stage' AND TIMESTAMP > DATEADD('dd', -7, NOWUTC());"
+"$shell" --chart "$chart" \
+    -e "SELECT * FROM RAWDATA WHERE TAGNAME = 'Ambient.Temperature' OR TAGNAME = 'Boiler.Stage' AND TIMESTAMP > DATEADD('dd', -7, NOWUTC())"
+echo "A week of two tags as a trend chart: $chart (open it in a web browser)"
 echo
 echo "Interactive: $shell            (.help lists the dot commands)"
 echo "Your data:   $shell --data samples.csv -e \"SELECT * FROM TAGS\""

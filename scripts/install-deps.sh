@@ -4,7 +4,8 @@
 set -euo pipefail
 packages=(cmake ninja-build g++ gcc clang libclang-rt-14-dev llvm python3
           libgtest-dev googletest libgmock-dev libbenchmark-dev libsqlite3-dev libedit-dev
-          g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix mingw-w64-tools wine wine64 util-linux coreutils tzdata valgrind)
+          g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix mingw-w64-tools wine wine64 util-linux coreutils tzdata valgrind
+          libxml2-utils)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

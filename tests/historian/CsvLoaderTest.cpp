@@ -7,6 +7,8 @@
 namespace corvane::historian::test {
 namespace {
 
+using namespace std::string_literals;
+
 const HRESULT kInvalidData = static_cast<HRESULT>(0x8007000DL);
 
 using CsvAccepted = HistorianFixture;
@@ -122,6 +124,15 @@ TEST_F(CsvRejected, EachProblemWithItsLineAndNothingLoaded) {
       {head + "A,2024-01-01 00:00:01,ab\"c,0\n", 3, "quote inside an unquoted field"},
       {head + "A,2024-01-01 00:00:01,\"x\"y,0\n", 3, "after a closing quote"},
       {head + "B,2024-01-01 00:00:01,\xC3\x28,0\n", 3, "invalid UTF-8"},
+      // A NUL would cut the field short; invisible characters are named in messages.
+      {"tag,time\0stamp,value,quality\n"s, 1, "NUL byte in field 2"},
+      {head + "A\0B,2024-01-01 00:00:01,1,0\n"s, 3, "NUL byte in field 1"},
+      {head + "\"multi\nline\",2024-01-01 00:00:01,\"a\0b\",0\n"s, 3, "NUL byte in field 3"},
+      {head + "A,2024-01-01 00:00:01,1,192\r", 3, "invalid quality '192\\r'"},
+      {head + "A,\xEF\xBB\xBF" "2024-01-01\t00:00:01,1,0\n", 3, "invalid timestamp '\\uFEFF2024-01-01\\t00:00:01'"},
+      {head5 + "A,2024-01-01 00:00:01,1,0,VT_R8\xC2\xA0\x01\n", 3, "unknown vartype 'VT_R8\\u00A0\\x01'"},
+      {head + "A,2024-01-01 00:00:01,1\xE2\x80\x8B\xF0\x9F\x98\x80,0\n", 3, "value '1\\u200B\xF0\x9F\x98\x80' is not"},
+      {head + "A,2024-01-01 00:00:01,1,1\xFF\n", 3, "invalid quality '1\\xFF'"},
   };
   const size_t samples = store_->SampleCount(), tags = store_->TagCount();
   for (const Case& c : cases) {

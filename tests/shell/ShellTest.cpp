@@ -5,9 +5,11 @@
 #include <poll.h>
 #include <pty.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
@@ -20,9 +22,24 @@ namespace {
 std::string g_shell;
 std::string g_readme;
 
+// The sanitizers' own bookkeeping (freed blocks held back, shadow memory) swamps what
+// the shell holds.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kMemoryMeasurable = false;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+constexpr bool kMemoryMeasurable = false;
+#else
+constexpr bool kMemoryMeasurable = true;
+#endif
+#else
+constexpr bool kMemoryMeasurable = true;
+#endif
+
 struct Result {
   int status = -1;
   std::string out, err;
+  long maxRssKb = 0;
 };
 
 std::string TempDir() {
@@ -46,25 +63,42 @@ std::string ReadFile(const std::string& path) {
   return s.str();
 }
 
-// Runs the shell with `args`, `input` on stdin, and collects its outputs.
-Result RunShell(const std::vector<std::string>& args, const std::string& input = "") {
-  const std::string in = WriteFile("stdin", input), out = TempDir() + "/stdout", err = TempDir() + "/stderr";
+// Where the shell's stdout goes besides a file: a pipe whose reader has gone, with
+// SIGPIPE ignored as supervisors and Python's subprocess leave it.
+const char kClosedPipe[] = "closed pipe";
+
+// Runs the shell with `args`, `input` on stdin, and collects its outputs; killed
+// after two minutes.
+Result RunShell(const std::vector<std::string>& args, const std::string& input = "", std::string out = "") {
+  const std::string in = WriteFile("stdin", input), err = TempDir() + "/stderr";
+  const bool pipeOut = out == kClosedPipe, ownOut = out.empty();
+  if (ownOut) out = TempDir() + "/stdout";
+  int fds[2] = {-1, -1};
+  if (pipeOut && pipe(fds) == 0) close(fds[0]);
   const pid_t pid = fork();
   if (pid == 0) {
     dup2(open(in.c_str(), O_RDONLY), 0);
-    dup2(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
+    dup2(pipeOut ? fds[1] : open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
     dup2(open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
+    if (pipeOut) signal(SIGPIPE, SIG_IGN);
     std::vector<char*> argv{const_cast<char*>(g_shell.c_str())};
     for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
     execv(g_shell.c_str(), argv.data());
     _exit(127);
   }
+  if (pipeOut) close(fds[1]);
   Result r;
   int status = 0;
-  waitpid(pid, &status, 0);
+  rusage usage{};
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(2);
+  while (wait4(pid, &status, WNOHANG, &usage) == 0) {
+    if (std::chrono::steady_clock::now() > deadline) kill(pid, SIGKILL);
+    usleep(10000);
+  }
   r.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  r.out = ReadFile(out);
+  r.maxRssKb = usage.ru_maxrss;
+  if (ownOut) r.out = ReadFile(out);
   r.err = ReadFile(err);
   return r;
 }
@@ -119,17 +153,24 @@ TEST(ShellOutputFormats, JsonIsOneArrayOfObjectsPerStatement) {
       r.out);
 }
 
-TEST(ShellOutputFormats, TableAlignsColumnsAndCountsRows) {
-  Result r = RunShell(WithData({"--format", "table", "-e",
-                           std::string("SELECT TAGNAME, VALUE FROM RAWDATA WHERE TAGNAME = 'Flow' AND ") + kDay}));
+TEST(ShellOutputFormats, TableStreamsWithWidthsFromTheTypesAndTheFirstBatch) {
+  std::string csv = "tag,timestamp,value,quality\n";
+  for (int i = 1; i <= 300; ++i)
+    csv += "W,2024-01-01 00:" + std::to_string(100 + i / 60).substr(1) + ":" + std::to_string(100 + i % 60).substr(1) +
+           "," + (i == 300 ? "123456789" : std::to_string(i)) + ",0\n";
+  const Result r = RunShell({"--data", WriteFile("wide.csv", csv), "--format", "table", "-e",
+                             std::string("SELECT TAGNAME, TIMESTAMP, VALUE FROM RAWDATA WHERE TAGNAME = 'W' AND ") + kDay});
   ASSERT_EQ(0, r.status) << r.err;
-  EXPECT_EQ(
-      "TAGNAME | VALUE\n"
-      "--------+------\n"
-      "Flow    |   1.5\n"
-      "Flow    |   0.1\n"
-      "(2 rows)\n",
-      r.out);
+  EXPECT_EQ(0u, r.out.find("TAGNAME | TIMESTAMP               | VALUE\n"
+                           "--------+-------------------------+------\n"
+                           "W       | 2024-01-01 00:00:01.000 |     1\n")) << r.out;
+  EXPECT_NE(std::string::npos, r.out.find("\nW       | 2024-01-01 00:05:00.000 | 123456789\n(300 rows)\n")) << r.out;
+  if (!kMemoryMeasurable) return;
+  // 250 000 rows: a table holds no more than a CSV does.
+  const Result table = RunShell({"--format", "table", "-e", "SELECT * FROM RAWDATA"});
+  const Result plain = RunShell({"--format", "csv", "-e", "SELECT * FROM RAWDATA"});
+  ASSERT_EQ(0, table.status);
+  EXPECT_LT(table.maxRssKb, plain.maxRssKb + 16 * 1024);
 }
 
 TEST(ShellFailures, ErrorsGoToStderrAndTheShellGoesOn) {
@@ -145,7 +186,7 @@ TEST(ShellFailures, ErrorsGoToStderrAndTheShellGoesOn) {
   // Bad command lines and unreadable files: status 2 and a message, nothing run.
   for (const std::vector<std::string>& bad : std::vector<std::vector<std::string>>{
            {"--format", "xml"}, {"--bogus"}, {"-e"}, {"--param", "DBTYPE_NOPE:1"},
-           {"/nonexistent/statements.sql"}, {"--data", "/nonexistent/data.csv"},
+           {"/nonexistent/statements.sql"}, {"--data", "/nonexistent/data.csv"}, {TempDir()}, {"/proc/self/mem"},
            {"--data", WriteFile("bad.csv", "tag,timestamp,value,quality\nFlow,yesterday,1,0\n")}}) {
     r = RunShell(bad);
     EXPECT_EQ(2, r.status) << bad[0];
@@ -153,6 +194,26 @@ TEST(ShellFailures, ErrorsGoToStderrAndTheShellGoesOn) {
     EXPECT_EQ("", r.out);
   }
   EXPECT_NE(std::string::npos, r.err.find("bad.csv:2")) << "a bad data file names its line: " << r.err;
+  r = RunShell({"--data", TempDir()});
+  EXPECT_EQ(2, r.status);
+  EXPECT_EQ("corvane-sql: cannot read '" + TempDir() + "': Is a directory\n", r.err);
+}
+
+TEST(ShellFailures, AFailedWriteStopsTheStatementReleasesItAndEndsTheShell) {
+  // Over the demo plant, six hours of every tag: 20 000 rows, far more than any buffer.
+  for (const char* format : {"csv", "table", "json", "chart"}) {
+    for (const std::string& out : {std::string("/dev/full"), std::string(kClosedPipe)}) {
+      const Result r = RunShell({"--leak-check", "--format", format, "-e",
+                                 "SELECT * FROM RAWDATA WHERE TIMESTAMP > DATEADD('hh', -6, NOWUTC())", "-e",
+                                 "SELECT TAGNAME FROM TAGS"}, "", out);
+      EXPECT_EQ(3, r.status) << format << " to " << out;
+      // One line, and no leak-check line: the rowset and every provider object are gone.
+      EXPECT_EQ(std::string("corvane-sql: cannot write the output: ") +
+                    (out == kClosedPipe ? "Broken pipe\n" : "No space left on device\n"),
+                r.err) << format;
+    }
+  }
+  EXPECT_EQ(3, RunShell({"--help"}, "", "/dev/full").status);
 }
 
 TEST(ShellInputs, ParametersAreTypedAndCounted) {
@@ -203,6 +264,21 @@ TEST(ShellInputs, FilesAndStdinSplitAtSemicolonsThatEndALine) {
   EXPECT_EQ(0u, r.out.find("TAGNAME\r\nOn\r\n[\n{\"TABLE_NAME\":")) << r.out;
 }
 
+TEST(ShellInputs, AStatementHoldingANulIsRefusedWhole) {
+  // Cut at the NUL, the DELETE would lose its upper bound and remove both samples.
+  using namespace std::string_literals;
+  const std::string script =
+      "DELETE FROM RAWDATA WHERE TAGNAME = 'Flow' AND TIMESTAMP >= '2024-01-01 00:00:00'\0 AND TIMESTAMP < "
+      "'2023-01-01';\n.format\0 json\nSELECT VALUE FROM RAWDATA WHERE TAGNAME = 'Flow' AND "s + kDay + ";\n";
+  const std::string refused = "error: the statement holds a NUL byte (at byte 82); nothing was run\n"
+                              "error: the statement holds a NUL byte (at byte 8); nothing was run\n";
+  for (const Result& r : {RunShell(WithData({WriteFile("nul.sql", script)})), RunShell(WithData({}), script)}) {
+    EXPECT_EQ(1, r.status);
+    EXPECT_EQ(refused, r.err);
+    EXPECT_EQ("VALUE\r\n1.5\r\n0.1\r\n", r.out);
+  }
+}
+
 TEST(ShellInputs, TheReadmeExamplesRunOnTheDemoPlant) {
   ASSERT_FALSE(g_readme.empty()) << "pass --readme PATH";
   std::istringstream readme(ReadFile(g_readme));
@@ -222,6 +298,90 @@ TEST(ShellInputs, TheReadmeExamplesRunOnTheDemoPlant) {
   long statements = 0;
   for (size_t at = examples.find(";\n"); at != std::string::npos; at = examples.find(";\n", at + 1)) ++statements;
   EXPECT_EQ(statements, results) << "one result per example";
+}
+
+// The path data of an SVG chart, one per series in legend order.
+std::vector<std::string> PathData(const std::string& svg) {
+  std::vector<std::string> paths;
+  for (size_t at = svg.find("<path "); at != std::string::npos; at = svg.find("<path ", at + 1)) {
+    const size_t d = svg.find(" d=\"", at) + 4;
+    paths.push_back(svg.substr(d, svg.find('"', d) - d));
+  }
+  return paths;
+}
+
+TEST(ShellCharts, ADayOfTwoTagsIsOnePathEachWithTheBadStretchAGapAndTheSteppedTagStepped) {
+  // When this week's sensor failure of Ambient.Temperature began (0x808C0000).
+  Result r = RunShell({"-e", "SELECT TIMESTAMP, QUALITY FROM RAWDATA WHERE TAGNAME = 'Ambient.Temperature' "
+                             "AND TIMESTAMP > DATEADD('dd', -7, NOWUTC())"});
+  const size_t bad = r.out.find(",2156658688\r\n");
+  ASSERT_NE(std::string::npos, bad) << r.err;
+  const std::string failure = r.out.substr(r.out.rfind('\n', bad) + 1, 23), svg = TempDir() + "/day.svg";
+  r = RunShell({"--chart", svg, "-e",
+                "SELECT * FROM RAWDATA WHERE TAGNAME = 'Ambient.Temperature' OR TAGNAME = 'Boiler.Stage' AND TIMESTAMP "
+                ">= DATEADD('hh', -12, '" + failure + "') AND TIMESTAMP <= DATEADD('hh', 12, '" + failure + "')"});
+  ASSERT_EQ(0, r.status) << r.err;
+  EXPECT_EQ("", r.out + r.err);
+  EXPECT_EQ(0, system(("xmllint --noout " + svg).c_str())) << "a well-formed document";
+  const std::string text = ReadFile(svg);
+  const std::vector<std::string> paths = PathData(text);
+  ASSERT_EQ(2u, paths.size());
+  EXPECT_EQ(2, std::count(paths[0].begin(), paths[0].end(), 'M')) << "one line before the failure, one after";
+  EXPECT_EQ(std::string::npos, text.find("-273")) << "what the failed sensor sent is not drawn";
+  EXPECT_NE(std::string::npos, text.find(") stepped<")) << "the TAGS table says Boiler.Stage is stepped";
+  std::istringstream points(paths[1]);
+  std::string point, previous;
+  while (std::getline(points, point, ' ')) {  // "M12.0,34.5L56.7,34.5 56.7,80.0 ..."
+    point = point.substr(point.find_last_of("ML") + 1);
+    const bool across = !previous.empty() && point.substr(0, point.find(',')) != previous.substr(0, previous.find(','));
+    EXPECT_TRUE(!across || point.substr(point.find(',')) == previous.substr(previous.find(','))) << point;
+    previous = point;
+  }
+}
+
+TEST(ShellCharts, PointsAreBoundedByTheWidthWhateverTheRows) {
+  size_t points[2] = {};
+  const char* const ranges[] = {"'hh', -1", "'dd', -7"};  // 360 and 60 480 samples
+  for (int i = 0; i < 2; ++i) {
+    const std::string svg = TempDir() + "/range.svg";
+    const Result r = RunShell({"--chart", svg, "-e", std::string("SELECT * FROM RAWDATA WHERE TAGNAME = 'Pump1.Flow' ") +
+                                                         "AND TIMESTAMP > DATEADD(" + ranges[i] + ", NOWUTC())"});
+    ASSERT_EQ(0, r.status) << r.err;
+    const std::vector<std::string> paths = PathData(ReadFile(svg));
+    ASSERT_EQ(1u, paths.size());
+    points[i] = static_cast<size_t>(std::count(paths[0].begin(), paths[0].end(), ','));
+  }
+  EXPECT_GE(points[0], 350u) << "a short range shows every sample";
+  EXPECT_LE(points[1], 4 * 900u) << "at most four points per pixel column";
+}
+
+TEST(ShellCharts, TextChartsFitTheTerminalAndWhatCannotBeDrawnFails) {
+  setenv("COLUMNS", "60", 1);
+  setenv("LINES", "20", 1);
+  Result r = RunShell({"--format", "chart", "-e", "EXEC HDA_ANALOG DATEADD('dd', -1, NOWUTC()), NOWUTC(), 3600000, "
+                                                  "'Tank1.Level'"});
+  unsetenv("COLUMNS");
+  unsetenv("LINES");
+  ASSERT_EQ(0, r.status) << r.err;
+  std::istringstream lines(r.out);
+  std::string line;
+  for (int row = 0; std::getline(lines, line); ++row) {
+    EXPECT_LE(std::count_if(line.begin(), line.end(), [](char c) { return (c & 0xC0) != 0x80; }), 60) << line;
+    EXPECT_TRUE(row >= 12 || line.find_first_of("\x82\xA4") != std::string::npos) << "12 rows of plot: " << line;
+  }
+  EXPECT_NE(std::string::npos, r.out.find(" AVG_Value ")) << r.out;
+  EXPECT_EQ(std::string::npos, r.out.find('\033')) << "no colours off a terminal";
+
+  r = RunShell({"--no-demo"}, ".chart " + TempDir() + "/x.svg\nSELECT TAGNAME FROM TAGS;\n");
+  EXPECT_EQ(1, r.status);
+  EXPECT_EQ("error: cannot draw a chart: the result has no TIMESTAMP column to draw against\n", r.err);
+  r = RunShell({"--chart", TempDir(), "-e", "SELECT * FROM RAWDATA WHERE TAGNAME = 'Pump1.Flow'"});
+  EXPECT_EQ(1, r.status);
+  EXPECT_EQ("error: cannot write the chart to '" + TempDir() + "': Is a directory\n", r.err);
+  r = RunShell({"--chart", "/dev/full", "-e", "SELECT * FROM RAWDATA WHERE TAGNAME = 'Pump1.Flow'"});
+  EXPECT_EQ(1, r.status);
+  EXPECT_EQ("error: cannot write the chart to '/dev/full': No space left on device\n", r.err);
+  EXPECT_EQ(0, access("/dev/full", W_OK)) << "a failed chart removes only a plain file it wrote";
 }
 
 // A shell on a pseudo-terminal, driven by what a user types.
@@ -301,11 +461,12 @@ TEST(ShellInteractive, PromptMultiLineDotCommandsAndHistory) {
 
 TEST(ShellInteractive, CtrlCStopsALongFetchAndTheShellGoesOn) {
   setenv("CORVANE_SQL_HISTORY", "/dev/null", 1);
-  Terminal t({"--leak-check", "--format", "csv"});
+  Terminal t({"--leak-check", "--format", "table"});
   ASSERT_TRUE(t.WaitFor("corvane> ")) << t.Seen();
-  // Every sample of every demo tag over three days: far more than a second's work.
-  t.Type("SELECT * FROM RAWDATA;\r");
-  ASSERT_TRUE(t.WaitFor("TAGNAME,TIMESTAMP")) << t.Seen();
+  // Every sample of every demo tag over a week: far more than a second's work. The
+  // table shows its first rows long before the end.
+  t.Type("SELECT * FROM RAWDATA WHERE TIMESTAMP > DATEADD('dd', -7, NOWUTC());\r");
+  ASSERT_TRUE(t.WaitFor("-+-")) << t.Seen();
   t.Type("\x03");
   ASSERT_TRUE(t.WaitFor("cancelled after ")) << t.Seen().substr(t.Seen().size() - 300);
   t.Type("SELECT TAGNAME FROM TAGS WHERE TAGNAME = 'Pump1.Flow';\r");

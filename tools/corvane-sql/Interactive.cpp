@@ -23,7 +23,7 @@ std::string HistoryFile() {
 }
 
 // False at the end of input.
-bool ReadLine(const char* prompt, std::string* line) {
+bool ReadLine(CShell&, const char* prompt, std::string* line) {
   char* text = readline(prompt);
   if (!text) return false;
   *line = text;
@@ -31,17 +31,15 @@ bool ReadLine(const char* prompt, std::string* line) {
   return true;
 }
 #else
-bool ReadLine(const char* prompt, std::string* line) {
-  fputs(prompt, stdout);
-  fflush(stdout);
-  return static_cast<bool>(std::getline(std::cin, *line));
+bool ReadLine(CShell& shell, const char* prompt, std::string* line) {
+  return shell.Print(prompt) && std::getline(std::cin, *line);
 }
 #endif
 
 }  // namespace
 
 void RunInteractive(CShell& shell) {
-  fputs("corvane-sql: type .help for help, end statements with ';'\n", stdout);
+  shell.Print("corvane-sql: type .help for help, end statements with ';'\n");
 #ifdef CORVANE_HAVE_LIBEDIT
   const std::string history = HistoryFile();
   if (!history.empty()) read_history(history.c_str());
@@ -50,7 +48,7 @@ void RunInteractive(CShell& shell) {
   std::string line;
   while (!shell.QuitRequested()) {
     g_cancel.store(false);
-    if (!ReadLine(shell.Pending() ? kContinuation : kPrompt, &line)) break;
+    if (!ReadLine(shell, shell.Pending() ? kContinuation : kPrompt, &line)) break;
     if (g_cancel.exchange(false)) {  // Ctrl-C while typing drops the statement
       shell.DiscardPending();
       statement.clear();
@@ -66,7 +64,7 @@ void RunInteractive(CShell& shell) {
       statement.clear();
     }
   }
-  if (!shell.QuitRequested()) fputs("\n", stdout);
+  if (!shell.QuitRequested()) shell.Print("\n");
 #ifdef CORVANE_HAVE_LIBEDIT
   if (!history.empty()) write_history(history.c_str());
 #endif

@@ -1,8 +1,9 @@
 // corvane-sql: an SQL shell over the provider and the reference historian.
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <iostream>
 #include <sstream>
 #include <string>
@@ -18,6 +19,7 @@
 
 #include "platform/AllocCounters.h"
 #include "platform/Platform.h"
+#include "provider/Module.h"
 #include "tools/corvane-sql/Interactive.h"
 #include "tools/corvane-sql/Shell.h"
 
@@ -35,7 +37,9 @@ const char kUsage[] =
     "  --no-demo                  start with an empty historian instead of the demo plant\n"
     "                             (the demo plant is loaded unless --data or --no-demo is given)\n"
     "  --demo                     load the demo plant as well as the --data files\n"
-    "  --format table|csv|json    output format (default: table on a terminal, csv otherwise)\n"
+    "  --format table|csv|json|chart  output format (default: table on a terminal, csv\n"
+    "                             otherwise); chart draws each result as a text trend\n"
+    "  --chart FILE.svg           draw the first statement's result as an SVG trend chart\n"
     "  --param [DBTYPE_X:]VALUE   value of the next '?' (repeatable; DBTYPE_WSTR by default)\n"
     "  --provider-string TEXT     the provider string, e.g. \"Use Timestamps=true\"\n"
     "  --catalog NAME             the initial catalog\n"
@@ -45,7 +49,10 @@ const char kUsage[] =
     "  -h, --help                 this text\n"
     "\n"
     "Exit status: 0 all statements succeeded, 1 one or more failed, 2 bad command line or\n"
-    "unreadable file.\n";
+    "unreadable file, 3 the output could not be written (closed pipe, full disk...).\n";
+
+// Distinct from a failed statement: the results did not reach their reader.
+constexpr int kOutputFailed = 3;
 
 struct Input {
   bool isFile;
@@ -60,6 +67,7 @@ struct CommandLine {
   std::vector<Parameter> parameters;
   std::vector<Input> inputs;
   std::string trace;
+  std::string chartFile;
   bool leakCheck = false;
   bool help = false;
 };
@@ -86,7 +94,7 @@ int Parse(int argc, char** argv, CommandLine* cl) {
       return true;
     };
     static const char* const kWithValue[] = {"-e", "--execute", "--data", "--format", "--param",
-                                             "--provider-string", "--catalog", "--trace"};
+                                             "--provider-string", "--catalog", "--trace", "--chart"};
     bool takesValue = false;
     for (const char* name : kWithValue) takesValue |= arg == name;
     if (takesValue && !needValue(&value)) return Usage("option " + arg + " needs a value");
@@ -116,6 +124,8 @@ int Parse(int argc, char** argv, CommandLine* cl) {
       cl->connection.catalog = value;
     } else if (arg == "--trace") {
       cl->trace = value;
+    } else if (arg == "--chart") {
+      cl->chartFile = value;
     } else if (arg == "--leak-check") {
       cl->leakCheck = true;
     } else if (arg.size() > 1 && arg[0] == '-') {
@@ -129,17 +139,28 @@ int Parse(int argc, char** argv, CommandLine* cl) {
   return 0;
 }
 
+// Reads a whole file into `text`, or with no `text` only opens it (a pipe must keep its
+// bytes for the loader); false with errno set when it cannot (a directory cannot).
 bool ReadFile(const std::string& name, std::string* text) {
-  std::ifstream in(name, std::ios::binary);
-  if (!in) return false;
-  std::ostringstream content;
-  content << in.rdbuf();
-  if (in.bad()) return false;
-  *text = content.str();
-  return true;
+  FILE* f = fopen(name.c_str(), "rb");
+  if (!f) return false;
+  struct stat info;
+  if (fstat(fileno(f), &info) == 0 && S_ISDIR(info.st_mode)) {
+    fclose(f);
+    errno = EISDIR;
+    return false;
+  }
+  char buffer[65536];
+  size_t n;
+  while (text && (n = fread(buffer, 1, sizeof buffer, f)) > 0) text->append(buffer, n);
+  const bool failed = ferror(f) != 0;
+  const int error = errno;
+  fclose(f);
+  errno = error;
+  return !failed;
 }
 
-int Run(const CommandLine& cl, std::vector<Input> inputs) {
+int Run(const CommandLine& cl, std::vector<Input> inputs, COutput& out) {
   CShellConnection connection;
   Failure failure;
   std::string message;
@@ -157,8 +178,9 @@ int Run(const CommandLine& cl, std::vector<Input> inputs) {
   }
   const bool stdinTerminal = CORVANE_ISATTY(0);
   const OutputFormat format = cl.formatGiven ? cl.format : (CORVANE_ISATTY(1) ? OutputFormat::Table : OutputFormat::Csv);
-  CShell shell(connection, format, cl.parameters);
+  CShell shell(connection, out, format, cl.parameters);
   shell.SetShowProgress(CORVANE_ISATTY(2));
+  if (!cl.chartFile.empty()) shell.SetChartFile(cl.chartFile);
   const bool interactive = inputs.empty() && stdinTerminal;
   InstallInterruptHandler(interactive);
   if (interactive) {
@@ -180,6 +202,7 @@ int Run(const CommandLine& cl, std::vector<Input> inputs) {
       if (!shell.QuitRequested()) shell.FinishInput();
     }
   }
+  if (shell.OutputFailed()) return kOutputFailed;
   return shell.AnyFailed() ? 1 : 0;
 }
 
@@ -188,18 +211,23 @@ int Run(const CommandLine& cl, std::vector<Input> inputs) {
 int main(int argc, char** argv) {
   CommandLine cl;
   if (const int status = Parse(argc, argv, &cl)) return status;
-  if (cl.help) return fputs(kUsage, stdout), 0;
+  COutput out(1);
+  if (cl.help) {
+    if (out.Write(kUsage) && out.Flush()) return 0;
+    fprintf(stderr, "corvane-sql: cannot write the output: %s\n", strerror(out.Error()));
+    return kOutputFailed;
+  }
   // Every file is read before anything runs, so a typo in a name costs nothing.
   std::vector<Input> inputs = cl.inputs;
   for (Input& input : inputs) {
     if (!input.isFile) continue;
     const std::string name = input.text;
+    input.text.clear();
     if (!ReadFile(name, &input.text))
       return fprintf(stderr, "corvane-sql: cannot read '%s': %s\n", name.c_str(), strerror(errno)), 2;
   }
   for (const auto& file : cl.connection.csvFiles) {
-    std::ifstream probe(file, std::ios::binary);
-    if (!probe) return fprintf(stderr, "corvane-sql: cannot read '%s': %s\n", file.c_str(), strerror(errno)), 2;
+    if (!ReadFile(file, nullptr)) return fprintf(stderr, "corvane-sql: cannot read '%s': %s\n", file.c_str(), strerror(errno)), 2;
   }
   if (!cl.trace.empty()) {
     std::string error;
@@ -209,12 +237,14 @@ int main(int argc, char** argv) {
   CoInitializeEx(nullptr, COINIT_MULTITHREADED);
 #endif
   if (cl.leakCheck) corvane::platform::StartAllocCounting();
-  int status = Run(cl, std::move(inputs));
+  int status = Run(cl, std::move(inputs), out);
   if (cl.leakCheck) {
+    // Every live provider object (a rowset not released...) holds a module lock.
     const auto counts = corvane::platform::CurrentAllocCounts();
-    if (counts.comBlocks || counts.bstrs) {
-      fprintf(stderr, "leak check: %lld COM blocks and %lld BSTRs outstanding\n",
-              static_cast<long long>(counts.comBlocks), static_cast<long long>(counts.bstrs));
+    const long objects = corvane::module::LockCount();
+    if (counts.comBlocks || counts.bstrs || objects) {
+      fprintf(stderr, "leak check: %lld COM blocks, %lld BSTRs and %ld provider objects outstanding\n",
+              static_cast<long long>(counts.comBlocks), static_cast<long long>(counts.bstrs), objects);
       status = status ? status : 1;
     }
   }

@@ -91,50 +91,92 @@ std::string ShortestFloat(float value) {
 }
 
 bool CResultFormatter::ParseFormat(const std::string& text, OutputFormat* format) {
-  if (text == "table") *format = OutputFormat::Table;
-  else if (text == "csv") *format = OutputFormat::Csv;
-  else if (text == "json") *format = OutputFormat::Json;
-  else return false;
-  return true;
+  for (OutputFormat f : {OutputFormat::Table, OutputFormat::Csv, OutputFormat::Json, OutputFormat::Chart}) {
+    if (text == FormatName(f)) {
+      *format = f;
+      return true;
+    }
+  }
+  return false;
 }
 
-void CResultFormatter::Begin(const std::vector<std::string>& columns) {
+const char* CResultFormatter::FormatName(OutputFormat format) {
+  switch (format) {
+    case OutputFormat::Table: return "table";
+    case OutputFormat::Csv: return "csv";
+    case OutputFormat::Json: return "json";
+    case OutputFormat::Chart: return "chart";
+  }
+  return "?";
+}
+
+void CResultFormatter::Begin(const std::vector<Column>& columns) {
   columns_ = columns;
-  pending_.clear();
+  widths_.clear();
+  for (const Column& c : columns_) {
+    // Kinds of one width give it before any row is seen; others wait for the first batch.
+    const size_t typed = c.kind == Cell::Time ? 23 : c.kind == Cell::Bool ? 5 : 0;
+    widths_.push_back(std::max(typed, DisplayWidth(c.name)));
+  }
+  firstBatch_.clear();
+  tableStarted_ = stopped_ = false;
   rows_ = 0;
   if (format_ == OutputFormat::Csv) {
-    if (results_) fputs("\r\n", out_);
+    if (results_) out_.Write("\r\n");
     std::vector<Cell> header;
-    for (const auto& name : columns_) header.push_back(Cell{Cell::Text, name});
+    for (const auto& c : columns_) header.push_back(Cell{Cell::Text, c.name});
     WriteCsvLine(header);
   } else if (format_ == OutputFormat::Json) {
-    fputs("[", out_);
+    out_.Write("[");
   }
   ++results_;
 }
 
-void CResultFormatter::Row(const std::vector<Cell>& cells) {
+bool CResultFormatter::Row(const std::vector<Cell>& cells) {
+  if (cancel_ && cancel_->load()) {
+    out_.DropPending();
+    stopped_ = true;
+    return false;
+  }
   switch (format_) {
-    case OutputFormat::Table: pending_.push_back(cells); break;
+    case OutputFormat::Table:
+      if (tableStarted_) WriteTableRow(cells);
+      else firstBatch_.push_back(cells);
+      break;
     case OutputFormat::Csv: WriteCsvLine(cells); break;
+    case OutputFormat::Chart: break;  // the shell draws charts itself
     case OutputFormat::Json: {
       std::string line = rows_ ? ",\n{" : "\n{";
       for (size_t i = 0; i < cells.size() && i < columns_.size(); ++i) {
         if (i) line += ",";
-        line += JsonString(columns_[i]) + ":" + JsonValue(cells[i]);
+        line += JsonString(columns_[i].name) + ":" + JsonValue(cells[i]);
       }
       line += "}";
-      fputs(line.c_str(), out_);
+      out_.Write(line);
       break;
     }
   }
   ++rows_;
+  stopped_ = out_.Failed();
+  return !stopped_;
 }
 
-void CResultFormatter::End(bool complete) {
-  if (format_ == OutputFormat::Table) WriteTable();
-  else if (format_ == OutputFormat::Json) fputs(rows_ ? "\n]\n" : "]\n", out_);
-  fflush(out_);
+bool CResultFormatter::EndBatch() {
+  if (stopped_) return false;
+  if (format_ == OutputFormat::Table && !tableStarted_) StartTable();
+  stopped_ = !out_.Flush();
+  return !stopped_;
+}
+
+void CResultFormatter::End(bool) {
+  if (stopped_) return;
+  if (format_ == OutputFormat::Table) {
+    if (!tableStarted_) StartTable();
+    out_.Write("(" + std::to_string(rows_) + (rows_ == 1 ? " row)\n" : " rows)\n"));
+  } else if (format_ == OutputFormat::Json) {
+    out_.Write(rows_ ? "\n]\n" : "]\n");
+  }
+  out_.Flush();
 }
 
 void CResultFormatter::WriteCsvLine(const std::vector<Cell>& cells) {
@@ -145,43 +187,39 @@ void CResultFormatter::WriteCsvLine(const std::vector<Cell>& cells) {
     if (cells[i].kind != Cell::Null) line += CsvField(cells[i].text, cells[i].kind == Cell::Text);
   }
   line += "\r\n";
-  fputs(line.c_str(), out_);
+  out_.Write(line);
 }
 
-void CResultFormatter::WriteTable() {
-  std::vector<size_t> widths;
-  for (const auto& name : columns_) widths.push_back(DisplayWidth(name));
-  std::vector<std::vector<std::string>> texts;
-  texts.reserve(pending_.size());
-  for (const auto& row : pending_) {
-    std::vector<std::string> line;
-    for (size_t i = 0; i < row.size() && i < widths.size(); ++i) {
-      line.push_back(TableText(row[i]));
-      widths[i] = std::max(widths[i], DisplayWidth(line.back()));
-    }
-    texts.push_back(std::move(line));
+void CResultFormatter::StartTable() {
+  for (const auto& row : firstBatch_)
+    for (size_t i = 0; i < row.size() && i < widths_.size(); ++i)
+      widths_[i] = std::max(widths_[i], DisplayWidth(TableText(row[i])));
+  std::string head, rule;
+  for (size_t i = 0; i < columns_.size(); ++i) {
+    head += (i ? " | " : "") + columns_[i].name + std::string(widths_[i] - DisplayWidth(columns_[i].name), ' ');
+    rule += (i ? "-+-" : "") + std::string(widths_[i], '-');
   }
-  auto pad = [](const std::string& text, size_t width, bool right) {
-    const std::string fill(width - std::min(width, DisplayWidth(text)), ' ');
-    return right ? fill + text : text + fill;
-  };
-  std::string out;
-  for (size_t i = 0; i < columns_.size(); ++i) out += (i ? " | " : "") + pad(columns_[i], widths[i], false);
-  out.erase(out.find_last_not_of(' ') + 1);
-  out += "\n";
-  for (size_t i = 0; i < columns_.size(); ++i) out += (i ? "-+-" : "") + std::string(widths[i], '-');
-  out += "\n";
-  for (size_t r = 0; r < texts.size(); ++r) {
-    std::string line;
-    for (size_t i = 0; i < texts[r].size(); ++i)
-      line += (i ? " | " : "") + pad(texts[r][i], widths[i], pending_[r][i].kind == Cell::Number);
-    // No trailing blanks after the last column.
-    line.erase(line.find_last_not_of(' ') + 1);
-    out += line + "\n";
+  head.erase(head.find_last_not_of(' ') + 1);
+  out_.Write(head + "\n" + rule + "\n");
+  tableStarted_ = true;
+  for (const auto& row : firstBatch_) WriteTableRow(row);
+  firstBatch_.clear();
+  firstBatch_.shrink_to_fit();
+}
+
+void CResultFormatter::WriteTableRow(const std::vector<Cell>& cells) {
+  std::string line;
+  for (size_t i = 0; i < cells.size() && i < widths_.size(); ++i) {
+    const std::string text = TableText(cells[i]);
+    const size_t width = DisplayWidth(text);
+    widths_[i] = std::max(widths_[i], width);
+    const std::string fill(widths_[i] - width, ' ');
+    if (i) line += " | ";
+    line += cells[i].kind == Cell::Number ? fill + text : text + fill;
   }
-  fputs(out.c_str(), out_);
-  fputs(("(" + std::to_string(rows_) + (rows_ == 1 ? " row)\n" : " rows)\n")).c_str(), out_);
-  pending_.clear();
+  // No trailing blanks after the last column.
+  line.erase(line.find_last_not_of(' ') + 1);
+  out_.Write(line + "\n");
 }
 
 }  // namespace corvane::shell

@@ -1,17 +1,21 @@
-// Writes the rows of one statement's result in the shell's output formats: an aligned
-// table with a row count, RFC 4180 CSV, or one JSON array of objects. Cells arrive
-// already rendered as text together with their kind, so every format agrees on what a
-// value looks like and only quotes and punctuation differ.
+// Writes the rows of one statement's result in the shell's output formats: a table
+// with a row count, RFC 4180 CSV, or one JSON array of objects. Cells arrive already
+// rendered as text together with their kind, so every format agrees on what a value
+// looks like and only quotes and punctuation differ. Every format streams: a table takes
+// its column widths from the column types and the first batch of rows, and a later,
+// wider value widens its column from that row on.
 #pragma once
+#include <atomic>
 #include <cstdint>
-#include <cstdio>
-#include <memory>
 #include <string>
 #include <vector>
 
+#include "tools/corvane-sql/Output.h"
+
 namespace corvane::shell {
 
-enum class OutputFormat { Table, Csv, Json };
+// Chart is drawn by the shell from CResultChart, never by CResultFormatter.
+enum class OutputFormat { Table, Csv, Json, Chart };
 
 struct Cell {
   enum Kind : uint8_t { Null, Text, Number, Bool, Time };
@@ -19,38 +23,55 @@ struct Cell {
   std::string text;  // Time: "YYYY-MM-DD HH:MM:SS.fff" (UTC); Number: shortest round-trip form
 };
 
-// Receives one result: its column names, then its rows, then the end.
+struct Column {
+  std::string name;
+  Cell::Kind kind = Cell::Null;  // the kind of every cell, or Null when it varies (a VARIANT)
+};
+
+// Receives one result: its columns, then its rows batch by batch, then the end.
 class IRowSink {
  public:
   virtual ~IRowSink() = default;
-  virtual void Begin(const std::vector<std::string>& columns) = 0;
-  virtual void Row(const std::vector<Cell>& cells) = 0;
+  virtual void Begin(const std::vector<Column>& columns) = 0;
+  // False stops the fetch; the statement then ends as stopped (E_ABORT).
+  virtual bool Row(const std::vector<Cell>& cells) = 0;
+  // After each batch of rows fetched; false stops the fetch.
+  virtual bool EndBatch() { return true; }
   virtual void End(bool complete) = 0;  // false when the fetch stopped early
 };
 
 class CResultFormatter : public IRowSink {
  public:
   // `resultsBefore` counts the results already written to `out`, which CSV separates
-  // by an empty line.
-  CResultFormatter(OutputFormat format, FILE* out, size_t resultsBefore = 0)
-      : format_(format), out_(out), results_(resultsBefore) {}
-  void Begin(const std::vector<std::string>& columns) override;
-  void Row(const std::vector<Cell>& cells) override;
+  // by an empty line. When `cancel` turns true, the next row stops the fetch and what
+  // is buffered beyond the current line is dropped.
+  CResultFormatter(OutputFormat format, COutput& out, size_t resultsBefore = 0,
+                   const std::atomic<bool>* cancel = nullptr)
+      : format_(format), out_(out), cancel_(cancel), results_(resultsBefore) {}
+  void Begin(const std::vector<Column>& columns) override;
+  bool Row(const std::vector<Cell>& cells) override;
+  bool EndBatch() override;
   void End(bool complete) override;
   size_t Rows() const { return rows_; }
   size_t Results() const { return results_; }
 
-  // Parses "table", "csv" or "json"; false for anything else.
+  // Parses "table", "csv", "json" or "chart"; false for anything else.
   static bool ParseFormat(const std::string& text, OutputFormat* format);
+  static const char* FormatName(OutputFormat format);
 
  private:
   void WriteCsvLine(const std::vector<Cell>& cells);
-  void WriteTable();
+  void WriteTableRow(const std::vector<Cell>& cells);
+  void StartTable();
 
   OutputFormat format_;
-  FILE* out_;
-  std::vector<std::string> columns_;
-  std::vector<std::vector<Cell>> pending_;  // table only: widths need every row
+  COutput& out_;
+  const std::atomic<bool>* cancel_;
+  std::vector<Column> columns_;
+  std::vector<size_t> widths_;              // table: display columns of each column
+  std::vector<std::vector<Cell>> firstBatch_;  // table: held until the widths are known
+  bool tableStarted_ = false;
+  bool stopped_ = false;
   size_t rows_ = 0;
   size_t results_ = 0;  // results written so far, to separate CSV blocks
 };

@@ -3,7 +3,17 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <map>
+
+#include <sys/stat.h>
+
+#ifdef _WIN32
+#include <windows.h>
+#else
+#include <sys/ioctl.h>
+#include <unistd.h>
+#endif
 
 #include "provider/Trace.h"
 
@@ -32,23 +42,25 @@ class CProjectingSink : public IRowSink {
  public:
   CProjectingSink(IRowSink& target, std::vector<std::string> wanted, std::string typeColumn = {})
       : target_(target), wanted_(std::move(wanted)), typeColumn_(std::move(typeColumn)) {}
-  void Begin(const std::vector<std::string>& columns) override {
+  void Begin(const std::vector<Column>& columns) override {
     for (const auto& name : wanted_)
       for (size_t i = 0; i < columns.size(); ++i)
-        if (columns[i] == name) picked_.push_back(i);
-    std::vector<std::string> names;
-    for (size_t i : picked_) names.push_back(columns[i] == typeColumn_ ? "TYPE" : columns[i]);
+        if (columns[i].name == name) picked_.push_back(i);
+    std::vector<Column> shown;
+    for (size_t i : picked_)
+      shown.push_back(columns[i].name == typeColumn_ ? Column{"TYPE", Cell::Text} : columns[i]);
     typeIndex_ = SIZE_MAX;
     for (size_t k = 0; k < picked_.size(); ++k)
-      if (columns[picked_[k]] == typeColumn_) typeIndex_ = k;
-    target_.Begin(names);
+      if (columns[picked_[k]].name == typeColumn_) typeIndex_ = k;
+    target_.Begin(shown);
   }
-  void Row(const std::vector<Cell>& cells) override {
+  bool Row(const std::vector<Cell>& cells) override {
     std::vector<Cell> out;
     for (size_t i : picked_) out.push_back(i < cells.size() ? cells[i] : Cell{});
     if (typeIndex_ < out.size() && out[typeIndex_].kind == Cell::Number) out[typeIndex_] = Cell{Cell::Text, TypeName(out[typeIndex_].text)};
-    target_.Row(out);
+    return target_.Row(out);
   }
+  bool EndBatch() override { return target_.EndBatch(); }
   void End(bool complete) override { target_.End(complete); }
 
  private:
@@ -93,6 +105,31 @@ class CProgress {
   bool shown_ = false;
   Clock::time_point start_, last_;
 };
+
+struct TerminalSize {
+  int columns = 80, rows = 24;
+};
+
+// The size of the terminal that stdout shows on; $COLUMNS and $LINES, or 80 x 24, elsewhere.
+TerminalSize OutputSize() {
+  TerminalSize size;
+  if (const char* columns = getenv("COLUMNS")) size.columns = atoi(columns) > 0 ? atoi(columns) : size.columns;
+  if (const char* rows = getenv("LINES")) size.rows = atoi(rows) > 0 ? atoi(rows) : size.rows;
+#ifdef _WIN32
+  CONSOLE_SCREEN_BUFFER_INFO info;
+  if (GetConsoleScreenBufferInfo(GetStdHandle(STD_OUTPUT_HANDLE), &info)) {
+    size.columns = info.srWindow.Right - info.srWindow.Left + 1;
+    size.rows = info.srWindow.Bottom - info.srWindow.Top + 1;
+  }
+#else
+  winsize window{};
+  if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &window) == 0 && window.ws_col > 0 && window.ws_row > 0) {
+    size.columns = window.ws_col;
+    size.rows = window.ws_row;
+  }
+#endif
+  return size;
+}
 
 }  // namespace
 
@@ -142,10 +179,45 @@ const char* CShell::HelpText() {
          ".tables               the virtual tables\n"
          ".columns TABLE        the columns of a table\n"
          ".procedures           the stored procedures\n"
-         ".format [table|csv|json]  show or set the output format\n"
+         ".format [table|csv|json|chart]  show or set the output format (chart: a text\n"
+         "                      trend of each result, sized to the terminal)\n"
+         ".chart FILE.svg       draw the next statement's result as an SVG trend chart\n"
          ".trace LEVEL[:FILE]|off   trace at or above LEVEL to stderr or FILE\n"
          ".quit                 leave (also .exit or Ctrl-D)\n"
          "SQL statements end with ';' at the end of a line; Ctrl-C stops a running statement.\n";
+}
+
+bool CShell::Print(const std::string& text) {
+  if (out_.Write(text) && out_.Flush()) return true;
+  Stopped(0);
+  return false;
+}
+
+// A NUL would end the statement early wherever it is read as a C string, and the cut
+// statement could do something else entirely (a DELETE losing half its condition).
+bool CShell::RefuseNul(const std::string& text) {
+  const size_t at = text.find('\0');
+  if (at == std::string::npos) return false;
+  anyFailed_ = true;
+  fprintf(stderr, "error: the statement holds a NUL byte (at byte %llu); nothing was run\n",
+          static_cast<unsigned long long>(at + 1));
+  fflush(stderr);
+  return true;
+}
+
+// After a statement stopped before its end: a failed output ends the shell (said once on
+// stderr), anything else was Ctrl-C.
+bool CShell::Stopped(size_t rows) {
+  anyFailed_ = true;
+  if (out_.Failed()) {
+    if (!outputReported_) fprintf(stderr, "corvane-sql: cannot write the output: %s\n", strerror(out_.Error()));
+    outputReported_ = true;
+  } else {
+    fprintf(stderr, "cancelled after %llu rows\n", static_cast<unsigned long long>(rows));
+    g_cancel.store(false);
+  }
+  fflush(stderr);
+  return false;
 }
 
 bool CShell::Run(const std::string& statement) {
@@ -185,8 +257,9 @@ void CShell::Report(const Failure& failure) {
 bool CShell::RunSql(const std::string& sql) {
   std::string text = Trim(sql);
   while (!text.empty() && text.back() == ';') text = Trim(text.substr(0, text.size() - 1));
-  if (text.empty()) return true;
-  CResultFormatter out(format_, stdout, results_);
+  if (text.empty() || RefuseNul(text)) return text.empty();
+  if (!chartFile_.empty() || format_ == OutputFormat::Chart) return RunChart(text);
+  CResultFormatter out(format_, out_, results_, &g_cancel);
   Failure failure;
   g_cancel.store(false);
   g_statementRunning.store(true);
@@ -197,17 +270,91 @@ bool CShell::RunSql(const std::string& sql) {
   }
   g_statementRunning.store(false);
   results_ = out.Results();
-  if (hr == E_ABORT) {
-    anyFailed_ = true;
-    fprintf(stderr, "cancelled after %llu rows\n", static_cast<unsigned long long>(out.Rows()));
-    g_cancel.store(false);
-    return false;
-  }
+  if (hr == E_ABORT || out_.Failed()) return Stopped(out.Rows());
   if (FAILED(hr)) {
     Report(failure);
     return false;
   }
   return true;
+}
+
+bool CShell::RunChart(const std::string& sql) {
+  const std::string file = chartFile_;
+  chartFile_.clear();
+  TerminalSize size = file.empty() ? OutputSize() : TerminalSize{};
+  // SVG: a plot 900 pixels wide. Text: two braille dots per character, leaving room
+  // for the value labels.
+  CResultChart chart(file.empty() ? 2 * (size.columns > 24 ? size.columns - 12 : 12) : 900, &g_cancel);
+  Failure failure;
+  g_cancel.store(false);
+  g_statementRunning.store(true);
+  HRESULT hr;
+  {
+    CProgress progress(showProgress_);
+    hr = connection_.Execute(sql, parameters_, chart, g_cancel, std::ref(progress), &failure);
+  }
+  g_statementRunning.store(false);
+  if (hr == E_ABORT) return Stopped(chart.Rows());
+  if (FAILED(hr)) {
+    Report(failure);
+    return false;
+  }
+  if (!chart.Problem().empty()) {
+    anyFailed_ = true;
+    fprintf(stderr, "error: cannot draw a chart: %s\n", chart.Problem().c_str());
+    return false;
+  }
+  LookUpStepped(chart);
+  if (chart.LeftOut())
+    fprintf(stderr, "chart: %llu series more than %llu left out\n", static_cast<unsigned long long>(chart.LeftOut()),
+            static_cast<unsigned long long>(CResultChart::kMostSeries));
+  if (file.empty()) return Print(chart.Chart().Text(size.rows > 16 ? size.rows - 8 : 8, out_.Terminal()));
+  const std::string svg = chart.Chart().Svg(sql);
+  errno = 0;
+  FILE* f = fopen(file.c_str(), "wb");
+  int error = f ? 0 : errno;
+  if (f) {
+    // A half-written chart is removed, but only a plain file: never a device or a pipe.
+    struct stat info;
+    const bool plain = fstat(fileno(f), &info) == 0 && S_ISREG(info.st_mode);
+    if (fwrite(svg.data(), 1, svg.size(), f) != svg.size()) error = errno ? errno : EIO;
+    if (fclose(f) != 0 && !error) error = errno ? errno : EIO;  // a full disk shows here
+    if (error && plain) remove(file.c_str());
+  }
+  if (error) {
+    anyFailed_ = true;
+    fprintf(stderr, "error: cannot write the chart to '%s': %s\n", file.c_str(), strerror(error));
+    return false;
+  }
+  if (showProgress_)
+    fprintf(stderr, "chart: %s (%llu series, %llu rows)\n", file.c_str(),
+            static_cast<unsigned long long>(chart.Chart().SeriesCount()), static_cast<unsigned long long>(chart.Rows()));
+  return true;
+}
+
+// Stepped tags hold their value until the next sample; the TAGS table says which.
+void CShell::LookUpStepped(CResultChart& chart) {
+  class CSteppedSink : public IRowSink {
+   public:
+    explicit CSteppedSink(CResultChart& chart) : chart_(chart) {}
+    void Begin(const std::vector<Column>&) override {}
+    bool Row(const std::vector<Cell>& cells) override {
+      if (cells.size() == 2) chart_.SetStepped(cells[0].text, cells[1].text == "true");
+      return true;
+    }
+    void End(bool) override {}
+
+   private:
+    CResultChart& chart_;
+  } sink(chart);
+  const std::atomic<bool> never{false};
+  for (const std::string& tag : chart.Tags()) {
+    std::string quoted;
+    for (char c : tag) quoted += c == '\'' ? std::string("''") : std::string(1, c);
+    Failure ignored;  // a tag that cannot be looked up is drawn sloped
+    connection_.Execute("SELECT TAGNAME, STEPPEDINTERPOLATION FROM TAGS WHERE TAGNAME = '" + quoted + "'", {}, sink,
+                        never, nullptr, &ignored);
+  }
 }
 
 bool CShell::RunDotCommand(const std::string& line) {
@@ -218,11 +365,20 @@ bool CShell::RunDotCommand(const std::string& line) {
     argument = Trim(line.substr(space));
   }
   while (!argument.empty() && argument.back() == ';') argument.pop_back();
-  CResultFormatter out(format_, stdout, results_);
+  if (RefuseNul(line)) return false;
+  // Schema lists are no trends: a chart format shows them as a table.
+  CResultFormatter out(format_ == OutputFormat::Chart ? OutputFormat::Table : format_, out_, results_);
   Failure failure;
   HRESULT hr = S_OK;
   if (command == ".help") {
-    fputs(HelpText(), stdout);
+    Print(HelpText());
+  } else if (command == ".chart") {
+    if (argument.empty()) {
+      fprintf(stderr, ".chart needs the file to draw the next result into (.chart FILE.svg)\n");
+      anyFailed_ = true;
+      return false;
+    }
+    chartFile_ = argument;
   } else if (command == ".quit" || command == ".exit") {
     quit_ = true;
   } else if (command == ".tables") {
@@ -235,11 +391,10 @@ bool CShell::RunDotCommand(const std::string& line) {
     CProjectingSink sink(out, {"PROCEDURE_NAME", "DESCRIPTION"});
     hr = connection_.Schema(DBSCHEMA_PROCEDURES, {}, sink, &failure);
   } else if (command == ".format") {
-    static const char* const kNames[] = {"table", "csv", "json"};
     if (argument.empty()) {
-      printf("%s\n", kNames[static_cast<int>(format_)]);
+      Print(std::string(CResultFormatter::FormatName(format_)) + "\n");
     } else if (!CResultFormatter::ParseFormat(argument, &format_)) {
-      fprintf(stderr, "unknown format '%s' (table, csv or json)\n", argument.c_str());
+      fprintf(stderr, "unknown format '%s' (table, csv, json or chart)\n", argument.c_str());
       anyFailed_ = true;
       return false;
     }
@@ -255,8 +410,8 @@ bool CShell::RunDotCommand(const std::string& line) {
     anyFailed_ = true;
     return false;
   }
-  fflush(stdout);
   results_ = out.Results();
+  if (hr == E_ABORT || out_.Failed()) return Stopped(out.Rows());
   if (FAILED(hr)) {
     Report(failure);
     return false;

@@ -1,12 +1,14 @@
 // The shell itself: runs statements and dot commands against one connection, writes
-// results in the chosen format and failures to stderr, shows fetch progress on a
-// terminal, and remembers whether anything failed (the exit status).
+// results in the chosen format (or draws them as a chart) and failures to stderr, shows
+// fetch progress on a terminal, and remembers whether anything failed (the exit status).
+// When the output cannot be written, it stops the statement and asks to quit.
 #pragma once
 #include <atomic>
 #include <cstdio>
 #include <string>
 #include <vector>
 
+#include "tools/corvane-sql/ResultChart.h"
 #include "tools/corvane-sql/ResultFormatter.h"
 #include "tools/corvane-sql/ShellConnection.h"
 #include "tools/corvane-sql/StatementSplitter.h"
@@ -25,8 +27,8 @@ bool ApplyTraceSetting(const std::string& text, std::string* error);
 
 class CShell {
  public:
-  CShell(CShellConnection& connection, OutputFormat format, std::vector<Parameter> parameters)
-      : connection_(connection), format_(format), parameters_(std::move(parameters)) {}
+  CShell(CShellConnection& connection, COutput& out, OutputFormat format, std::vector<Parameter> parameters)
+      : connection_(connection), out_(out), format_(format), parameters_(std::move(parameters)) {}
 
   // Runs one statement (or a dot command); false when it failed.
   bool Run(const std::string& statement);
@@ -39,23 +41,36 @@ class CShell {
   void DiscardPending() { splitter_.Reset(); }
 
   bool AnyFailed() const { return anyFailed_; }
-  bool QuitRequested() const { return quit_; }
+  // True once a write to the output failed (after saying so on stderr).
+  bool OutputFailed() const { return out_.Failed(); }
+  bool QuitRequested() const { return quit_ || out_.Failed(); }
   void SetShowProgress(bool show) { showProgress_ = show; }
+  // The next statement's result is drawn as an SVG chart into `path`.
+  void SetChartFile(const std::string& path) { chartFile_ = path; }
+  // Writes `text` to the output; false (and the failure reported) when it cannot.
+  bool Print(const std::string& text);
 
   static const char* HelpText();
 
  private:
   bool RunDotCommand(const std::string& line);
   bool RunSql(const std::string& sql);
+  bool RunChart(const std::string& sql);
+  void LookUpStepped(CResultChart& chart);
+  bool RefuseNul(const std::string& text);
+  bool Stopped(size_t rows);
   void Report(const Failure& failure);
 
   CShellConnection& connection_;
+  COutput& out_;
   OutputFormat format_;
   std::vector<Parameter> parameters_;
   CStatementSplitter splitter_;
   bool anyFailed_ = false;
   bool quit_ = false;
   bool showProgress_ = false;
+  bool outputReported_ = false;
+  std::string chartFile_;
   size_t results_ = 0;  // results written to stdout so far
 };
 

@@ -591,7 +591,7 @@ HRESULT CShellConnection::ReadRowset(IUnknown* rowset, IRowSink& sink, const std
   OLECHAR* names = nullptr;
   HRESULT described = info->GetColumnInfo(&columnCount, &columns, &names);
   if (FAILED(described)) return described;
-  std::vector<std::string> header;
+  std::vector<Column> header;
   std::vector<DBBINDING> bindings, textBindings;
   std::vector<Cell::Kind> textKinds;
   for (DBORDINAL i = 0; i < columnCount; ++i) {
@@ -610,7 +610,10 @@ HRESULT CShellConnection::ReadRowset(IUnknown* rowset, IRowSink& sink, const std
     b.wType = IsTimeType(columns[i].wType) ? DBTYPE_DBTIMESTAMP : DBTYPE_VARIANT;
     b.cbMaxLen = b.wType == DBTYPE_VARIANT ? sizeof(VARIANT) : sizeof(DBTIMESTAMP);
     bindings.push_back(b);
-    header.push_back(columns[i].pwszName ? corvane::ToUtf8(columns[i].pwszName) : "");
+    const Cell::Kind kind = IsTimeType(columns[i].wType)           ? Cell::Time
+                            : (columns[i].wType & ~DBTYPE_BYREF) == DBTYPE_VARIANT ? Cell::Null
+                                                                                : TextKind(columns[i].wType);
+    header.push_back(Column{columns[i].pwszName ? corvane::ToUtf8(columns[i].pwszName) : "", kind});
     // The same column as text, for values that a data conversion library cannot hand
     // over as a VARIANT.
     b.obStatus = textBindings.size() * sizeof(TextSlot) + offsetof(TextSlot, status);
@@ -637,7 +640,7 @@ HRESULT CShellConnection::ReadRowset(IUnknown* rowset, IRowSink& sink, const std
   std::vector<Slot> row(bindings.size());
   std::vector<Cell> cells(bindings.size());
   size_t fetched = 0;
-  bool complete = true;
+  bool complete = true, stopped = false;
   for (;;) {
     for (DBCOUNTITEM r = 0; r < obtained; ++r) {
       memset(static_cast<void*>(row.data()), 0, row.size() * sizeof(Slot));
@@ -667,14 +670,18 @@ HRESULT CShellConnection::ReadRowset(IUnknown* rowset, IRowSink& sink, const std
         }
       }
       textRow.clear();
-      sink.Row(cells);
+      if (!sink.Row(cells)) {
+        stopped = true;
+        break;
+      }
     }
     const bool more = hr == S_OK && obtained > 0;
     fetched += obtained;
     held.Release();
     if (progress) progress(fetched);
-    if (!more) break;
-    if (cancel.load()) {
+    stopped = stopped || !sink.EndBatch();
+    if (!more && !stopped) break;
+    if (stopped || cancel.load()) {
       complete = false;
       hr = E_ABORT;
       break;

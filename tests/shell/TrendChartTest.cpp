@@ -1,0 +1,118 @@
+// The trend chart alone: samples in, lines, SVG and text out.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+
+#include "tools/corvane-sql/TrendChart.h"
+
+namespace corvane::shell {
+namespace {
+
+constexpr int64_t kSecond = 10000000;
+constexpr int64_t kT0 = 133485408000000000;  // 2024-01-01 00:00:00 UTC
+
+using Lines = std::vector<std::vector<CTrendChart::Point>>;
+
+size_t PointCount(const Lines& lines) {
+  size_t n = 0;
+  for (const auto& line : lines) n += line.size();
+  return n;
+}
+
+TEST(TrendChartLines, BoundedByTheWidthWhateverTheOrderAndKeepTheExtremes) {
+  const size_t columns = 200;
+  CTrendChart forward(columns), backward(columns);
+  forward.AddSeries("wave");
+  backward.AddSeries("wave");
+  const int64_t count = 200000;  // one sample every 0.432 s over a day
+  auto sample = [](int64_t i) { return i == 123457 ? 1000.0 : std::sin(static_cast<double>(i) / 5000.0); };
+  for (int64_t i = 0; i < count; ++i) forward.Add(0, kT0 + i * 4320000, sample(i));
+  for (int64_t i = count - 1; i >= 0; --i) backward.Add(0, kT0 + i * 4320000, sample(i));
+  const Lines lines = forward.Lines(0);
+  ASSERT_EQ(1u, lines.size());
+  EXPECT_LE(PointCount(lines), 4 * columns);
+  EXPECT_GE(PointCount(lines), columns) << "every column drawn";
+  EXPECT_EQ(kT0, lines[0].front().time);
+  EXPECT_EQ(kT0 + (count - 1) * 4320000, lines[0].back().time);
+  double highest = -1;
+  for (const auto& p : lines[0]) highest = std::max(highest, p.value);
+  EXPECT_EQ(1000.0, highest) << "a one-sample spike survives the reduction";
+  for (size_t k = 1; k < lines[0].size(); ++k) ASSERT_LE(lines[0][k - 1].time, lines[0][k].time);
+  const Lines reversed = backward.Lines(0);
+  ASSERT_EQ(lines[0].size(), reversed[0].size());
+  for (size_t k = 0; k < lines[0].size(); ++k) EXPECT_EQ(lines[0][k].value, reversed[0][k].value) << k;
+}
+
+TEST(TrendChartLines, GapsBreakTheLineAndSteppedSeriesMoveOnlyAcrossOrUp) {
+  CTrendChart chart(100);
+  chart.AddSeries("level");
+  chart.AddSeries("state", true);
+  for (int64_t i = 0; i < 1000; ++i) {  // 1000 s; samples 400..499 and 710 bad, a column is 20 s
+    const int64_t t = kT0 + i * kSecond;
+    if ((i >= 400 && i < 500) || i == 710) chart.AddGap(0, t);
+    else chart.Add(0, t, static_cast<double>(i));
+    chart.Add(1, t, static_cast<double>(i / 100 % 3));
+  }
+  chart.AddGap(0, kT0 + 2000 * kSecond);  // a lone bad sample after the end
+  chart.Add(0, kT0 + 2001 * kSecond, 5);
+  const Lines level = chart.Lines(0);
+  ASSERT_EQ(4u, level.size());
+  EXPECT_LT(level[0].back().time, kT0 + 400 * kSecond);
+  EXPECT_GE(level[1].front().time, kT0 + 500 * kSecond);
+  EXPECT_LT(level[1].back().time, kT0 + 710 * kSecond);
+  EXPECT_GT(level[2].front().time, kT0 + 710 * kSecond);
+  EXPECT_EQ(1u, level[3].size());
+  const Lines state = chart.Lines(1);
+  ASSERT_EQ(1u, state.size());
+  size_t risers = 0;
+  for (size_t k = 1; k < state[0].size(); ++k) {
+    const auto &a = state[0][k - 1], &b = state[0][k];
+    EXPECT_TRUE(a.time == b.time || a.value == b.value) << k;
+    risers += a.value != b.value;
+  }
+  EXPECT_EQ(9u, risers) << "one step at every change of state";
+}
+
+TEST(TrendChartDrawings, SvgEscapesNamesAndLabelsTimeInUnitsThatFit) {
+  struct Case {
+    int64_t span;
+    const char* label;
+  } cases[] = {{10 * kSecond, ">00:00:04<"}, {2 * 3600 * kSecond, ">01:30<"}, {7 * 86400 * kSecond, ">01-0"}};
+  for (const Case& c : cases) {
+    CTrendChart chart(600);
+    chart.AddSeries("a<b & \"c\"\x01\xFF");
+    chart.Add(0, kT0, 1);
+    chart.Add(0, kT0 + c.span, 2);
+    const std::string svg = chart.Svg("SELECT 'x' < 1");
+    EXPECT_NE(std::string::npos, svg.find(c.label)) << c.label;
+    EXPECT_NE(std::string::npos, svg.find(">a&lt;b &amp; &quot;c&quot;\xEF\xBF\xBD\xEF\xBF\xBD")) << svg;
+    EXPECT_NE(std::string::npos, svg.find("SELECT 'x' &lt; 1"));
+    EXPECT_EQ(std::string::npos, svg.find_first_of("\x01\xFF")) << "bytes that XML refuses";
+  }
+}
+
+TEST(TrendChartDrawings, TextIsBrailleSizedToItsRowsAndColumns) {
+  CTrendChart chart(80);  // 40 characters of plot
+  chart.AddSeries("ramp");
+  chart.AddSeries("flat", true);
+  for (int i = 0; i < 100; ++i) chart.Add(0, kT0 + i * kSecond, i), chart.Add(1, kT0 + i * kSecond, 50);
+  for (bool color : {false, true}) {
+    const std::string text = chart.Text(10, color);
+    std::vector<std::string> lines;
+    for (size_t at = 0, end; (end = text.find('\n', at)) != std::string::npos; at = end + 1)
+      lines.push_back(text.substr(at, end - at));
+    ASSERT_EQ(14u, lines.size()) << text;  // plot, axis, labels, range, legend
+    EXPECT_EQ(0u, lines[0].find("100\xE2\x94\xA4")) << "value labels on the left: " << lines[0];
+    EXPECT_NE(std::string::npos, lines[13].find("ramp 0 \xE2\x80\xA6 99")) << lines[13];
+    EXPECT_EQ(color, text.find('\033') != std::string::npos);
+    for (size_t r = 0; r < 10 && !color; ++r) {
+      size_t width = 0;
+      for (unsigned char ch : lines[r]) width += (ch & 0xC0) != 0x80;
+      EXPECT_LE(width, 3 + 1 + 40u) << "labels, axis and 40 characters: " << lines[r];
+    }
+  }
+}
+
+}  // namespace
+}  // namespace corvane::shell
