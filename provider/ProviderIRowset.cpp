@@ -416,11 +416,13 @@ HRESULT STDMETHODCALLTYPE CProviderIRowset::CreateAccessor(DBACCESSORFLAGS dwAcc
   }
   if (bad) return DB_E_BADBINDINFO;
 
+  std::unique_ptr<Accessor> accessor;
+  bool reused = false;
   try {
-    std::unique_ptr<Accessor> accessor;
     if (!m_FreeAccessors.empty()) {
       accessor = std::move(m_FreeAccessors.back());
       m_FreeAccessors.pop_back();
+      reused = true;
     } else {
       accessor = std::make_unique<Accessor>();
     }
@@ -445,6 +447,9 @@ HRESULT STDMETHODCALLTYPE CProviderIRowset::CreateAccessor(DBACCESSORFLAGS dwAcc
     made->handle.store(handle, std::memory_order_release);
     *phAccessor = handle;
   } catch (const std::bad_alloc&) {
+    // A reused accessor goes back where it came from (its place is still there): GetData
+    // may still hold it as the last one used.
+    if (accessor && reused) m_FreeAccessors.push_back(std::move(accessor));
     return E_OUTOFMEMORY;
   }
   return S_OK;
@@ -459,7 +464,11 @@ HRESULT CProviderIRowset::InheritAccessor(HACCESSOR hAccessor, DBACCESSORFLAGS d
   CriticalSectionLock lock(m_Lock);
   if (made != hAccessor) {
     if (m_Accessors.count(hAccessor)) {
-      m_Accessors.erase(made);
+      // Kept like a released accessor: it may be a reused object GetData still knows.
+      auto it = m_Accessors.find(made);
+      it->second->handle.store(DB_NULL_HACCESSOR, std::memory_order_release);
+      m_FreeAccessors.push_back(std::move(it->second));
+      m_Accessors.erase(it);
       return DB_E_BADACCESSORHANDLE;
     }
     // Rehomed under the command's handle; the node, and so the accessor, stays put.
