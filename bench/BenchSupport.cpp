@@ -1,5 +1,6 @@
 #include "bench/BenchSupport.h"
 
+#include <sys/resource.h>
 #include <time.h>
 
 #include <algorithm>
@@ -167,28 +168,49 @@ Summary Summarise(std::vector<double> values) {
   return s;
 }
 
-const LatencyCase kLatencyCases[3] = {
+const LatencyCase kLatencyCases[6] = {
     {"SELECT one tag, one hour",
      OLESTR("SELECT * FROM RAWDATA WHERE TAGNAME = 'Plant.Flow' AND TIMESTAMP >= '2024-01-01 00:00:00' AND TIMESTAMP "
             "<= '2024-01-01 00:59:59'"),
-     3600},
+     3600, 5, 0},
     {"EXEC GET_VALUES, 100 samples",
-     OLESTR("EXEC GET_VALUES '2024-01-01 00:00:00', '2024-01-01 01:00:00', 100, 'Plant.Flow'"), 100},
+     OLESTR("EXEC GET_VALUES '2024-01-01 00:00:00', '2024-01-01 01:00:00', 100, 'Plant.Flow'"), 100, 5, 0},
     {"EXEC HDA_ANALOG, one day at 15 min",
-     OLESTR("EXEC HDA_ANALOG '2024-01-01 00:00:00', '2024-01-02 00:00:00', 900000, 'Plant.Flow'"), 96},
+     OLESTR("EXEC HDA_ANALOG '2024-01-01 00:00:00', '2024-01-02 00:00:00', 900000, 'Plant.Flow'"), 96, 1, 100},
+    {"EXEC HDA_ANALOG, one week at 15 min",
+     OLESTR("EXEC HDA_ANALOG '2024-01-01 00:00:00', '2024-01-08 00:00:00', 900000, 'Plant.Flow'"), 672, 0, 0},
+    {"EXEC HDA_ANALOG_5, one day at 15 min",
+     OLESTR("EXEC HDA_ANALOG_5 '2024-01-01 00:00:00', '2024-01-02 00:00:00', 900000, 'Plant.Flow', 'Plant.Flow', "
+            "'Plant.Flow', 'Plant.Flow', 'Plant.Flow'"),
+     96, 0, 0},
+    {"EXEC HDA_ANALOG_5, one week at 15 min",
+     OLESTR("EXEC HDA_ANALOG_5 '2024-01-01 00:00:00', '2024-01-08 00:00:00', 900000, 'Plant.Flow', 'Plant.Flow', "
+            "'Plant.Flow', 'Plant.Flow', 'Plant.Flow'"),
+     672, 0, 0},
 };
 
-HRESULT TimeStatement(ICommandText* command, const LatencyCase& c, int runs, Summary* ms, size_t* rows) {
+long MinorFaults() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_minflt;
+}
+
+HRESULT TimeStatement(ICommandText* command, const LatencyCase& c, int runs, Summary* ms, size_t* rows,
+                      double* faultsPerRun) {
   std::vector<double> times;
+  long faults = 0;
   for (int i = -5; i < runs; ++i) {
+    const long faultsBefore = MinorFaults();
     const auto start = std::chrono::steady_clock::now();
     const HRESULT hr = RunStatement(command, c.text, rows);
     const auto stop = std::chrono::steady_clock::now();
+    if (i >= 0) faults += MinorFaults() - faultsBefore;
     if (FAILED(hr)) return hr;
     if (*rows != c.rows) return E_FAIL;
     if (i >= 0) times.push_back(std::chrono::duration<double, std::milli>(stop - start).count());
   }
   *ms = Summarise(std::move(times));
+  if (faultsPerRun) *faultsPerRun = runs > 0 ? static_cast<double>(faults) / runs : 0;
   return S_OK;
 }
 

@@ -39,18 +39,24 @@ struct Summary {
 };
 Summary Summarise(std::vector<double> values);
 
-// The small statements whose latency is measured, over the one-second series of
-// tests/e2e/SelectConsumer.h (at least two days of it), and the rows each must read.
+// The statements whose latency is measured, over the one-second series of
+// tests/e2e/SelectConsumer.h (at least eight days of it), the rows each must read and
+// its targets: a mean under `meanMs` and at most `faults` page faults per run (0: none).
 struct LatencyCase {
   const char* label;
   const OLECHAR* text;
   size_t rows;
+  double meanMs;
+  double faults;
 };
-extern const LatencyCase kLatencyCases[3];
+extern const LatencyCase kLatencyCases[6];
 
-// Milliseconds per RunStatement of `c` over `runs` runs after five untimed ones. Fails
-// with the statement's HRESULT, or E_FAIL when a run reads another number of rows
-// (*rows then says how many).
-HRESULT TimeStatement(ICommandText* command, const LatencyCase& c, int runs, Summary* ms, size_t* rows);
+// Milliseconds per RunStatement of `c` over `runs` runs after five untimed ones, and
+// the minor page faults of a timed run on average. Fails with the statement's HRESULT,
+// or E_FAIL when a run reads another number of rows (*rows then says how many).
+HRESULT TimeStatement(ICommandText* command, const LatencyCase& c, int runs, Summary* ms, size_t* rows,
+                      double* faultsPerRun = nullptr);
+// Minor page faults of the process so far.
+long MinorFaults();
 
 }  // namespace corvane::bench

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdio>
 #include <limits>
+#include <memory>
 #include <unordered_map>
 
 #include "provider/Trace.h"
@@ -15,65 +16,149 @@ namespace {
 const HRESULT kInvalidData = static_cast<HRESULT>(0x8007000DL);  // HRESULT_FROM_WIN32(ERROR_INVALID_DATA)
 const HRESULT kFileNotFound = static_cast<HRESULT>(0x80070002L);  // HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND)
 
+// One field of a record: a view of the text, into the reader's buffer for a plain field
+// and into `unquoted` for a quoted one. Valid until the reader reads the next record.
 struct Field {
-  std::string text;
+  std::string_view text;
   bool quoted = false;
+  std::string unquoted;
 };
 
 struct Record {
   size_t line = 0;  // where the record starts
+  size_t count = 0;  // fields in use; the vector keeps its strings for the next record
   std::vector<Field> fields;
+  const Field& operator[](size_t i) const { return fields[i]; }
+  size_t size() const { return count; }
 };
 
 // Splits CSV text into records by RFC 4180, counting lines so that every record knows
-// where it starts (a quoted field may span lines).
+// where it starts (a quoted field may span lines). The text is either all in memory or
+// read from a file a block at a time: only the record being read and the rest of the
+// block are held, whatever the size of the file.
 class RecordReader {
  public:
-  explicit RecordReader(std::string_view text) : text_(text) {
-    if (text_.size() >= 3 && text_.substr(0, 3) == "\xEF\xBB\xBF") pos_ = 3;
+  explicit RecordReader(std::string_view text) : text_(text) { SkipMark(); }
+  explicit RecordReader(FILE* file) : file_(file) {
+    Fill();
+    SkipMark();
   }
+
+  bool ReadFailed() const { return readFailed_; }
 
   // False at the end of the text or on an error (then `error` is set).
   bool Next(Record& record, std::string& error) {
-    record.fields.clear();
-    if (pos_ >= text_.size()) return false;
+    for (;;) {
+      const size_t start = pos_, line = line_;
+      switch (Parse(record, error)) {
+        case Result::Record:
+          return true;
+        case Result::End:
+          return false;
+        case Result::More:
+          // The record goes on past the block: read it again with more text behind it.
+          pos_ = start;
+          line_ = line;
+          if (!Fill()) {
+            // No more text: what there is ends the record.
+            atEnd_ = true;
+          }
+          break;
+      }
+    }
+  }
+
+ private:
+  enum class Result { Record, End, More };
+
+  void SkipMark() {
+    if (text_.size() >= 3 && text_.substr(0, 3) == "\xEF\xBB\xBF") pos_ = 3;
+  }
+
+  // Keeps the unread text and appends the next block; false at the end of the file.
+  bool Fill() {
+    if (!file_ || atEnd_) return false;
+    buffer_.erase(0, pos_);
+    pos_ = 0;
+    const size_t kept = buffer_.size();
+    buffer_.resize(kept + kBlock);
+    const size_t n = std::fread(&buffer_[kept], 1, kBlock, file_);
+    buffer_.resize(kept + n);
+    text_ = buffer_;
+    if (n == 0) {
+      readFailed_ = std::ferror(file_) != 0;
+      atEnd_ = true;
+      return false;
+    }
+    return true;
+  }
+
+  // True when the text ends at `at` and more may come.
+  bool Short(size_t at) const { return at >= text_.size() && file_ && !atEnd_; }
+
+  Result Parse(Record& record, std::string& error) {
+    record.count = 0;
+    if (Short(pos_)) return Result::More;
+    if (pos_ >= text_.size()) return Result::End;
     record.line = line_;
     for (;;) {
-      Field field;
+      if (record.fields.size() == record.count) record.fields.emplace_back();
+      Field& field = record.fields[record.count++];
+      field.quoted = false;
       if (pos_ < text_.size() && text_[pos_] == '"') {
         field.quoted = true;
+        field.unquoted.clear();
         ++pos_;
         for (;;) {
+          if (Short(pos_)) return Result::More;
           if (pos_ >= text_.size()) {
             error = "unterminated quoted field";
-            return false;
+            return Result::End;
           }
-          char c = text_[pos_++];
+          // Runs without quotes or line breaks go over in one piece.
+          const size_t run = text_.find_first_of("\"\n", pos_);
+          const size_t stop = run == std::string_view::npos ? text_.size() : run;
+          field.unquoted.append(text_.data() + pos_, stop - pos_);
+          pos_ = stop;
+          if (pos_ >= text_.size()) continue;
+          const char c = text_[pos_++];
           if (c == '"') {
+            if (Short(pos_)) return Result::More;
             if (pos_ < text_.size() && text_[pos_] == '"') {
-              field.text.push_back('"');
+              field.unquoted.push_back('"');
               ++pos_;
               continue;
             }
             break;
           }
-          if (c == '\n') ++line_;
-          field.text.push_back(c);
+          ++line_;
+          field.unquoted.push_back(c);
         }
+        field.text = field.unquoted;
+        if (Short(pos_ + 1)) return Result::More;
         if (pos_ < text_.size() && text_[pos_] != ',' && !AtLineEnd()) {
           error = "unexpected character after a closing quote";
-          return false;
+          return Result::End;
         }
       } else {
-        while (pos_ < text_.size() && text_[pos_] != ',' && !AtLineEnd()) {
-          if (text_[pos_] == '"') {
-            error = "quote inside an unquoted field";
-            return false;
+        const size_t begin = pos_;
+        for (;; ++pos_) {
+          if (pos_ >= text_.size()) {
+            if (Short(pos_)) return Result::More;
+            break;
           }
-          field.text.push_back(text_[pos_++]);
+          const char c = text_[pos_];
+          if (c == ',' || c == '\n') break;
+          if (c == '\r') {
+            if (Short(pos_ + 1)) return Result::More;
+            if (AtLineEnd()) break;
+          } else if (c == '"') {
+            error = "quote inside an unquoted field";
+            return Result::End;
+          }
         }
+        field.text = text_.substr(begin, pos_ - begin);
       }
-      record.fields.push_back(std::move(field));
       if (pos_ < text_.size() && text_[pos_] == ',') {
         ++pos_;
         continue;
@@ -83,17 +168,26 @@ class RecordReader {
         pos_ += text_[pos_] == '\r' ? 2 : 1;
         ++line_;
       }
-      return true;
+      // A field added later may have moved the strings of the quoted ones.
+      for (size_t i = 0; i < record.count; ++i) {
+        if (record.fields[i].quoted) record.fields[i].text = record.fields[i].unquoted;
+      }
+      return Result::Record;
     }
   }
 
- private:
   bool AtLineEnd() const {
     return text_[pos_] == '\n' || (text_[pos_] == '\r' && pos_ + 1 < text_.size() && text_[pos_ + 1] == '\n');
   }
+
+  static constexpr size_t kBlock = 1 << 20;
+  FILE* file_ = nullptr;
+  std::string buffer_;
   std::string_view text_;
   size_t pos_ = 0;
   size_t line_ = 1;
+  bool atEnd_ = false;
+  bool readFailed_ = false;
 };
 
 std::string_view Trim(std::string_view s) {
@@ -242,12 +336,12 @@ bool ParseQuality(std::string_view s, DWORD* out) {
   return true;
 }
 
-// Reads `s` as a value of type `vt` into `sample`; false with `why` set when it is not.
-bool ParseValue(VARTYPE vt, const Field& field, SampleInput& sample, std::string& why) {
-  const std::string_view s = Trim(field.text);
+// Reads `text` as a value of type `vt` into `sample`; false with `why` set when it is not.
+bool ParseValue(VARTYPE vt, std::string_view text, SampleInput& sample, std::string& why) {
+  const std::string_view s = Trim(text);
   switch (vt) {
     case VT_BSTR:
-      sample.text = FromUtf8(field.text);
+      sample.text = FromUtf8(text);
       return true;
     case VT_R8:
     case VT_R4:
@@ -366,151 +460,264 @@ bool CCsvLoader::ParseTimestamp(std::string_view s, ULONGLONG* filetime) {
   return true;
 }
 
+namespace {
+
+// Where the text of a load comes from; it can be read again from the start, which only
+// a refused load needs, to find the line of a sample the store refused.
+struct Source {
+  std::string_view text;
+  std::string path;  // read from the file when not empty
+  std::unique_ptr<RecordReader> Open(FILE** file) const {
+    if (path.empty()) return std::make_unique<RecordReader>(text);
+#ifdef _WIN32
+    const WString widePath = FromUtf8(path);
+    *file = _wfopen(reinterpret_cast<const wchar_t*>(widePath.c_str()), L"rb");
+#else
+    *file = std::fopen(path.c_str(), "rb");
+#endif
+    return *file ? std::make_unique<RecordReader>(*file) : nullptr;
+  }
+};
+
+// One load: the file's records become, tag by tag, columns in the store's own form, and
+// the store takes them over in one step at the end. Nothing else of the file is held.
+class Load {
+ public:
+  Load(CHistorianStore& store, const Source& source, WStringView fileName, CsvLoadReport& out)
+      : store_(store), source_(source), fileName_(fileName), file_(ToUtf8(fileName)), out_(out) {}
+
+  HRESULT Run() {
+    FILE* file = nullptr;
+    std::unique_ptr<RecordReader> reader = source_.Open(&file);
+    if (!reader) return NotOpened();
+    HRESULT hr = ReadAll(*reader);
+    const bool readFailed = reader->ReadFailed();
+    if (file) std::fclose(file);
+    if (readFailed) return NotRead();
+    if (FAILED(hr)) return hr;
+
+    std::vector<size_t> taken;
+    std::vector<CHistorianStore::Columns> columns;
+    columns.reserve(staged_.size());
+    size_t samples = 0;
+    for (Staged& s : staged_) {
+      samples += s.columns.times.size();
+      columns.push_back(std::move(s.columns));
+    }
+    staged_.clear();
+    hr = store_.AddColumns(newTags_, columns, &taken);
+    if (hr == HIST_E_DATA_ALREADY_PRESENT) return Refused(taken);
+    if (FAILED(hr)) {
+      out_.error = FromUtf8(file_ + ": the store refused the data");
+      CVTRACE(TRACE_ERROR, OLESTR("[CSV] %s (%X)"), out_.error.c_str(), static_cast<unsigned>(hr));
+      return hr;
+    }
+    out_.samples = samples;
+    out_.newTags = newTags_.size();
+    const WString name(fileName_);
+    CVTRACE(TRACE_INFO, OLESTR("[CSV] %s: %u samples loaded, %u tags created"), name.c_str(),
+            static_cast<unsigned>(out_.samples), static_cast<unsigned>(out_.newTags));
+    return S_OK;
+  }
+
+ private:
+  struct Staged {
+    VARTYPE vt;
+    CHistorianStore::Columns columns;
+  };
+
+  HRESULT Fail(size_t line, const std::string& reason) {
+    out_.errorLine = line;
+    out_.error = FromUtf8(line ? file_ + ":" + std::to_string(line) + ": " + reason : file_ + ": " + reason);
+    CVTRACE(TRACE_ERROR, OLESTR("[CSV] %s"), out_.error.c_str());
+    return kInvalidData;
+  }
+  HRESULT NotOpened() {
+    out_.error = FromUtf8(source_.path + ": cannot open the file");
+    CVTRACE(TRACE_ERROR, OLESTR("[CSV] %s"), out_.error.c_str());
+    return kFileNotFound;
+  }
+  HRESULT NotRead() {
+    out_.error = FromUtf8(source_.path + ": cannot read the file");
+    CVTRACE(TRACE_ERROR, OLESTR("[CSV] %s"), out_.error.c_str());
+    return E_FAIL;
+  }
+
+  // The next record that is not a blank line.
+  bool NextNonBlank(RecordReader& reader, Record& record, std::string& error) {
+    while (reader.Next(record, error))
+      if (!(record.size() == 1 && !record[0].quoted && Trim(record[0].text).empty())) return true;
+    return false;
+  }
+
+  // A NUL would cut a name or a text short further on (C strings, BSTR consumers), so a
+  // field holding one is refused rather than loaded as something else.
+  HRESULT RefuseNul(const Record& record) {
+    for (size_t i = 0; i < record.size(); ++i) {
+      if (record[i].text.find('\0') != std::string_view::npos)
+        return Fail(record.line, "NUL byte in field " + std::to_string(i + 1));
+    }
+    return S_OK;
+  }
+
+  HRESULT ReadAll(RecordReader& reader) {
+    Record record;
+    std::string error;
+    if (!NextNonBlank(reader, record, error)) return error.empty() ? Fail(0, "no header line") : Fail(record.line, error);
+    HRESULT hr = RefuseNul(record);
+    if (FAILED(hr)) return hr;
+    static const char* const kColumns[] = {"tag", "timestamp", "value", "quality", "vartype"};
+    columns_ = record.size();
+    bool headerOk = columns_ == 4 || columns_ == 5;
+    for (size_t i = 0; headerOk && i < columns_; ++i) headerOk = IEquals(Trim(record[i].text), kColumns[i]);
+    if (!headerOk) return Fail(record.line, "the header must be tag,timestamp,value,quality[,vartype]");
+
+    while (NextNonBlank(reader, record, error)) {
+      hr = RefuseNul(record);
+      if (SUCCEEDED(hr)) hr = Stage(record);
+      if (FAILED(hr)) return hr;
+    }
+    if (!error.empty()) return Fail(record.line, error);
+    return S_OK;
+  }
+
+  // The staged tag that `tagText` names, made on its first line from the store's tag or
+  // the line's type; npos when another tag's line is needed to say (never).
+  size_t TagIndex(std::string_view tagText, const Record& record, VARTYPE given) {
+    // Lines of one tag mostly follow each other: the last one is compared first.
+    if (last_ != kNone && tagText == lastText_) return last_;
+    WString name = FromUtf8(tagText);
+    WString key = WUpper(name);
+    auto known = indexOf_.find(key);
+    size_t index;
+    if (known != indexOf_.end()) {
+      index = known->second;
+    } else {
+      VARTYPE vt;
+      TagDefinition existing;
+      if (SUCCEEDED(store_.GetTag(name, &existing))) {
+        vt = existing.vartype;
+      } else {
+        double probe;
+        vt = given != VT_EMPTY ? given
+                               : static_cast<VARTYPE>(ParseDouble(Trim(record[2].text), &probe) ? VT_R8 : VT_BSTR);
+        TagDefinition def;
+        def.name = name;
+        def.vartype = vt;
+        def.stepped = vt != VT_R8 && vt != VT_R4;
+        newTags_.push_back(std::move(def));
+      }
+      index = staged_.size();
+      staged_.push_back(Staged{vt, {}});
+      staged_.back().columns.name = std::move(name);
+      indexOf_.emplace(std::move(key), index);
+    }
+    last_ = index;
+    lastText_.assign(tagText.data(), tagText.size());
+    return index;
+  }
+
+  HRESULT Stage(const Record& record) {
+    const size_t line = record.line;
+    if (record.size() != columns_)
+      return Fail(line, "expected " + std::to_string(columns_) + " fields, found " + std::to_string(record.size()));
+    const std::string_view tagText = Trim(record[0].text);
+    if (tagText.empty()) return Fail(line, "empty tag name");
+    // The tag of the line before was checked then.
+    const bool sameTag = last_ != kNone && tagText == lastText_;
+    if ((!sameTag && !ValidUtf8(tagText)) || !ValidUtf8(record[2].text)) return Fail(line, "invalid UTF-8");
+
+    SampleInput sample;
+    const std::string_view timeText = Trim(record[1].text);
+    if (!CCsvLoader::ParseTimestamp(timeText, &sample.time))
+      return Fail(line, "invalid timestamp " + Quoted(timeText));
+    const std::string_view qualityText = Trim(record[3].text);
+    if (!ParseQuality(qualityText, &sample.quality))
+      return Fail(line, "invalid quality " + Quoted(qualityText));
+    VARTYPE given = VT_EMPTY;
+    if (columns_ == 5) {
+      const std::string_view vtText = Trim(record[4].text);
+      if (!vtText.empty() && !ParseVartype(vtText, &given))
+        return Fail(line, "unknown vartype " + Quoted(vtText));
+    }
+    // The tag's type: the store's, else the one fixed by its first line in this file.
+    Staged& staged = staged_[TagIndex(tagText, record, given)];
+    if (given != VT_EMPTY && given != staged.vt)
+      return Fail(line, "tag " + Quoted(tagText) + " is " + NameOf(staged.vt) + ", not " + NameOf(given));
+    std::string why;
+    if (!ParseValue(staged.vt, record[2].text, sample, why)) return Fail(line, why);
+    CHistorianStore::Columns& c = staged.columns;
+    c.times.push_back(sample.time);
+    c.qualities.push_back(sample.quality);
+    if (staged.vt == VT_BSTR)
+      c.texts.push_back(std::move(sample.text));
+    else
+      c.bits.push_back(CHistorianStore::ToBits(staged.vt, sample));
+    return S_OK;
+  }
+
+  // The store refused a sample of some tags: the first such line in the file, found by
+  // reading it again and counting each tag's samples.
+  HRESULT Refused(const std::vector<size_t>& taken) {
+    std::vector<size_t> seen(taken.size(), 0);
+    FILE* file = nullptr;
+    std::unique_ptr<RecordReader> reader = source_.Open(&file);
+    size_t line = 0;
+    std::string tag;
+    if (reader) {
+      Record record;
+      std::string error;
+      last_ = kNone;
+      bool header = true;
+      while (line == 0 && NextNonBlank(*reader, record, error)) {
+        if (header) {
+          header = false;
+          continue;
+        }
+        const std::string_view tagText = Trim(record[0].text);
+        const size_t index = TagIndex(tagText, record, VT_EMPTY);
+        if (index < taken.size() && seen[index]++ == taken[index]) {
+          line = record.line;
+          tag = std::string(tagText);
+        }
+      }
+    }
+    if (file) std::fclose(file);
+    return Fail(line, "tag " + Quoted(tag) + " already has a sample at that time");
+  }
+
+  static constexpr size_t kNone = static_cast<size_t>(-1);
+  CHistorianStore& store_;
+  const Source& source_;
+  WStringView fileName_;
+  std::string file_;
+  CsvLoadReport& out_;
+  size_t columns_ = 0;
+  std::vector<TagDefinition> newTags_;
+  std::vector<Staged> staged_;
+  std::unordered_map<WString, size_t> indexOf_;  // by upper-cased name
+  size_t last_ = kNone;
+  std::string lastText_;
+};
+
+}  // namespace
+
 HRESULT CCsvLoader::LoadText(CHistorianStore& store, std::string_view text, WStringView fileName,
                              CsvLoadReport* report) {
   CsvLoadReport local;
   CsvLoadReport& out = report ? *report : local;
   out = CsvLoadReport();
-  const std::string file = ToUtf8(fileName);
-
-  auto fail = [&](size_t line, const std::string& reason) {
-    out.errorLine = line;
-    out.error = FromUtf8(line ? file + ":" + std::to_string(line) + ": " + reason : file + ": " + reason);
-    CVTRACE(TRACE_ERROR, OLESTR("[CSV] %s"), out.error.c_str());
-    return kInvalidData;
-  };
-
-  RecordReader reader(text);
-  Record record;
-  std::string error;
-  auto nextNonBlank = [&]() {
-    while (reader.Next(record, error))
-      if (!(record.fields.size() == 1 && !record.fields[0].quoted && Trim(record.fields[0].text).empty()))
-        return true;
-    return false;
-  };
-
-  // A NUL would cut a name or a text short further on (C strings, BSTR consumers), so a
-  // field holding one is refused rather than loaded as something else.
-  auto nulField = [&]() -> size_t {
-    for (size_t i = 0; i < record.fields.size(); ++i)
-      if (record.fields[i].text.find('\0') != std::string::npos) return i + 1;
-    return 0;
-  };
-  auto nulMessage = [](size_t field) { return "NUL byte in field " + std::to_string(field); };
-
-  // Header.
-  if (!nextNonBlank()) return error.empty() ? fail(0, "no header line") : fail(record.line, error);
-  if (const size_t field = nulField()) return fail(record.line, nulMessage(field));
-  static const char* const kColumns[] = {"tag", "timestamp", "value", "quality", "vartype"};
-  const size_t columns = record.fields.size();
-  bool headerOk = columns == 4 || columns == 5;
-  for (size_t i = 0; headerOk && i < columns; ++i) headerOk = IEquals(Trim(record.fields[i].text), kColumns[i]);
-  if (!headerOk) return fail(record.line, "the header must be tag,timestamp,value,quality[,vartype]");
-
-  std::vector<TagDefinition> newTags;
-  std::unordered_map<WString, VARTYPE> typeOf;  // by upper-cased name, for tags met in this file
-  std::vector<CHistorianStore::BatchEntry> entries;
-  std::vector<size_t> lineOf;
-
-  while (nextNonBlank()) {
-    const size_t line = record.line;
-    if (const size_t field = nulField()) return fail(line, nulMessage(field));
-    if (record.fields.size() != columns)
-      return fail(line, "expected " + std::to_string(columns) + " fields, found " + std::to_string(record.fields.size()));
-    const std::string_view tagText = Trim(record.fields[0].text);
-    if (tagText.empty()) return fail(line, "empty tag name");
-    if (!ValidUtf8(tagText) || !ValidUtf8(record.fields[2].text)) return fail(line, "invalid UTF-8");
-
-    CHistorianStore::BatchEntry entry;
-    entry.tagName = FromUtf8(tagText);
-    const std::string_view timeText = Trim(record.fields[1].text);
-    if (!ParseTimestamp(timeText, &entry.sample.time)) return fail(line, "invalid timestamp " + Quoted(timeText));
-    const std::string_view qualityText = Trim(record.fields[3].text);
-    if (!ParseQuality(qualityText, &entry.sample.quality))
-      return fail(line, "invalid quality " + Quoted(qualityText));
-    VARTYPE given = VT_EMPTY;
-    if (columns == 5) {
-      const std::string_view vtText = Trim(record.fields[4].text);
-      if (!vtText.empty() && !ParseVartype(vtText, &given))
-        return fail(line, "unknown vartype " + Quoted(vtText));
-    }
-
-    // The tag's type: the store's, else the one fixed by its first line in this file.
-    const WString key = WUpper(entry.tagName);
-    VARTYPE vt = VT_EMPTY;
-    auto known = typeOf.find(key);
-    if (known != typeOf.end()) {
-      vt = known->second;
-    } else {
-      TagDefinition existing;
-      if (SUCCEEDED(store.GetTag(entry.tagName, &existing))) {
-        vt = existing.vartype;
-      } else {
-        double probe;
-        vt = given != VT_EMPTY ? given
-                                : static_cast<VARTYPE>(ParseDouble(Trim(record.fields[2].text), &probe) ? VT_R8 : VT_BSTR);
-        TagDefinition def;
-        def.name = entry.tagName;
-        def.vartype = vt;
-        def.stepped = vt != VT_R8 && vt != VT_R4;
-        newTags.push_back(std::move(def));
-      }
-      typeOf.emplace(key, vt);
-    }
-    if (given != VT_EMPTY && given != vt)
-      return fail(line, "tag " + Quoted(tagText) + " is " + NameOf(vt) + ", not " + NameOf(given));
-    std::string why;
-    if (!ParseValue(vt, record.fields[2], entry.sample, why)) return fail(line, why);
-    entries.push_back(std::move(entry));
-    lineOf.push_back(line);
-  }
-  if (!error.empty()) return fail(record.line, error);
-
-  size_t failed = 0;
-  HRESULT hr = store.AddBatch(newTags, entries, &failed);
-  if (hr == HIST_E_DATA_ALREADY_PRESENT)
-    return fail(lineOf[failed], "tag " + Quoted(ToUtf8(entries[failed].tagName)) + " already has a sample at that time");
-  if (FAILED(hr)) {
-    out.error = FromUtf8(file + ": the store refused the data");
-    CVTRACE(TRACE_ERROR, OLESTR("[CSV] %s (%X)"), out.error.c_str(), static_cast<unsigned>(hr));
-    return hr;
-  }
-  out.samples = entries.size();
-  out.newTags = newTags.size();
-  const WString name(fileName);
-  CVTRACE(TRACE_INFO, OLESTR("[CSV] %s: %u samples loaded, %u tags created"), name.c_str(),
-          static_cast<unsigned>(out.samples), static_cast<unsigned>(out.newTags));
-  return S_OK;
+  Source source{text, {}};
+  return Load(store, source, fileName, out).Run();
 }
 
 HRESULT CCsvLoader::LoadFile(CHistorianStore& store, const std::string& pathUtf8, CsvLoadReport* report) {
   CsvLoadReport local;
   CsvLoadReport& out = report ? *report : local;
   out = CsvLoadReport();
-#ifdef _WIN32
-  const WString widePath = FromUtf8(pathUtf8);
-  FILE* f = _wfopen(reinterpret_cast<const wchar_t*>(widePath.c_str()), L"rb");
-#else
-  FILE* f = std::fopen(pathUtf8.c_str(), "rb");
-#endif
-  if (!f) {
-    out.error = FromUtf8(pathUtf8 + ": cannot open the file");
-    CVTRACE(TRACE_ERROR, OLESTR("[CSV] %s"), out.error.c_str());
-    return kFileNotFound;
-  }
-  std::string text;
-  char buffer[65536];
-  size_t n;
-  while ((n = std::fread(buffer, 1, sizeof buffer, f)) > 0) text.append(buffer, n);
-  const bool readError = std::ferror(f) != 0;
-  std::fclose(f);
-  if (readError) {
-    out.error = FromUtf8(pathUtf8 + ": cannot read the file");
-    CVTRACE(TRACE_ERROR, OLESTR("[CSV] %s"), out.error.c_str());
-    return E_FAIL;
-  }
-  return LoadText(store, text, FromUtf8(pathUtf8), report ? report : &out);
+  Source source{{}, pathUtf8};
+  const WString name = FromUtf8(pathUtf8);
+  return Load(store, source, name, out).Run();
 }
 
 }  // namespace corvane::historian

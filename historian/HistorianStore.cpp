@@ -114,7 +114,7 @@ size_t CHistorianStore::MemoryBytes() const {
   return bytes;
 }
 
-uint64_t CHistorianStore::BitsFromInput(VARTYPE vt, const SampleInput& in) {
+uint64_t CHistorianStore::ToBits(VARTYPE vt, const SampleInput& in) {
   switch (vt) {
     case VT_R8:
       return DoubleBits(in.number);
@@ -164,7 +164,7 @@ HRESULT CHistorianStore::AppendGenerated(WStringView name, size_t count,
       if (series->IsText())
         series->texts.push_back(sample.text);
       else
-        series->bits.push_back(BitsFromInput(series->def.vartype, sample));
+        series->bits.push_back(ToBits(series->def.vartype, sample));
     }
   } catch (const std::bad_alloc&) {
     rollback();
@@ -186,55 +186,58 @@ void CHistorianStore::ReserveSamples(WStringView name, size_t count) {
   }
 }
 
-HRESULT CHistorianStore::AddBatch(const std::vector<TagDefinition>& newTags, const std::vector<BatchEntry>& entries,
-                                  size_t* failedIndex) {
-  if (failedIndex) *failedIndex = 0;
+HRESULT CHistorianStore::AddColumns(const std::vector<TagDefinition>& newTags, std::vector<Columns>& columns,
+                                    std::vector<size_t>* taken) {
+  constexpr size_t kNone = std::numeric_limits<size_t>::max();
+  if (taken) taken->assign(columns.size(), kNone);
   for (const auto& tag : newTags)
     if (tag.name.empty() || !IsSupportedVartype(tag.vartype)) return E_INVALIDARG;
 
   std::unique_lock<std::shared_mutex> guard(lock_);
-  // Everything is checked before anything changes, so a refused batch leaves no trace.
+  // Everything is checked before anything changes, so a refused load leaves no trace.
   std::unordered_set<WString> created;
   for (const auto& tag : newTags) {
     WString key = WUpper(tag.name);
     if (byKey_.count(key) || created.count(key)) return kTagExists;
     created.insert(std::move(key));
   }
-  // Per tag: the entry indices, sorted by time (then by position, so that of two equal
-  // times the later entry is the one reported).
-  std::unordered_map<WString, std::vector<size_t>> perTag;
-  for (size_t i = 0; i < entries.size(); ++i) {
-    WString key = WUpper(entries[i].tagName);
-    if (!byKey_.count(key) && !created.count(key)) {
-      if (failedIndex) *failedIndex = i;
-      return HIST_E_TAG_NOT_FOUND;
-    }
-    perTag[std::move(key)].push_back(i);
+  std::vector<WString> keys;
+  std::unordered_set<WString> seen;
+  for (const Columns& c : columns) {
+    WString key = WUpper(c.name);
+    if ((!byKey_.count(key) && !created.count(key)) || !seen.insert(key).second) return HIST_E_TAG_NOT_FOUND;
+    keys.push_back(std::move(key));
   }
-  size_t firstBad = std::numeric_limits<size_t>::max();
-  for (auto& [key, indices] : perTag) {
-    std::stable_sort(indices.begin(), indices.end(),
-                     [&](size_t a, size_t b) { return entries[a].sample.time < entries[b].sample.time; });
-    for (size_t k = 1; k < indices.size(); ++k)
-      if (entries[indices[k]].sample.time == entries[indices[k - 1]].sample.time)
-        firstBad = std::min(firstBad, std::max(indices[k], indices[k - 1]));
-    auto existing = byKey_.find(key);
-    if (existing != byKey_.end()) {
-      const Series& s = *existing->second;
-      for (size_t idx : indices) {
-        size_t pos = s.LowerBound(entries[idx].sample.time);
-        if (pos < s.Size() && s.times[pos] == entries[idx].sample.time) firstBad = std::min(firstBad, idx);
+  // Per tag: whether its times rise, and the first sample that repeats a time.
+  std::vector<bool> rising(columns.size(), true);
+  bool refused = false;
+  for (size_t i = 0; i < columns.size(); ++i) {
+    const std::vector<ULONGLONG>& times = columns[i].times;
+    for (size_t k = 1; k < times.size() && rising[i]; ++k) rising[i] = times[k - 1] < times[k];
+    auto existing = byKey_.find(keys[i]);
+    const Series* s = existing == byKey_.end() ? nullptr : existing->second;
+    size_t bad = kNone;
+    if (!rising[i]) {
+      // Sorted by time, then by position: of two equal times the later one is reported.
+      std::vector<size_t> order(times.size());
+      for (size_t k = 0; k < order.size(); ++k) order[k] = k;
+      std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) { return times[a] < times[b]; });
+      for (size_t k = 1; k < order.size(); ++k)
+        if (times[order[k]] == times[order[k - 1]]) bad = std::min(bad, std::max(order[k], order[k - 1]));
+    }
+    if (s && s->Size() && !times.empty() && !(rising[i] && times.front() > s->times.back())) {
+      for (size_t k = 0; k < times.size() && k < bad; ++k) {
+        const size_t pos = s->LowerBound(times[k]);
+        if (pos < s->Size() && s->times[pos] == times[k]) bad = k;
       }
     }
+    if (taken) (*taken)[i] = bad;
+    refused = refused || bad != kNone;
   }
-  if (firstBad != std::numeric_limits<size_t>::max()) {
-    if (failedIndex) *failedIndex = firstBad;
-    return HIST_E_DATA_ALREADY_PRESENT;
-  }
+  if (refused) return HIST_E_DATA_ALREADY_PRESENT;
 
+  size_t added = 0;
   try {
-    // Build the merged columns aside and swap them in at the end: an allocation failure
-    // half-way leaves the store as it was.
     std::vector<std::unique_ptr<Series>> fresh;
     for (const auto& tag : newTags) {  // in the caller's order: the browse lists tags as added
       auto series = std::make_unique<Series>();
@@ -249,11 +252,24 @@ HRESULT CHistorianStore::AddBatch(const std::vector<TagDefinition>& newTags, con
         if (f->key == key) return f.get();
       return nullptr;
     };
+    // The new contents of every tag that has samples already or whose samples come out
+    // of order, built aside: an allocation failure half-way leaves the store as it was.
     std::vector<std::pair<Series*, Series>> merged;
-    for (auto& [key, indices] : perTag) {
-      Series* target = seriesFor(key);
+    std::vector<std::pair<Series*, Columns*>> movedIn;
+    for (size_t i = 0; i < columns.size(); ++i) {
+      Columns& c = columns[i];
+      Series* target = seriesFor(keys[i]);
+      added += c.times.size();
+      if (target->Size() == 0 && rising[i]) {
+        movedIn.emplace_back(target, &c);
+        continue;
+      }
+      std::vector<size_t> order(c.times.size());
+      for (size_t k = 0; k < order.size(); ++k) order[k] = k;
+      if (!rising[i])
+        std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) { return c.times[a] < c.times[b]; });
       Series out;
-      const size_t total = target->Size() + indices.size();
+      const size_t total = target->Size() + order.size();
       out.times.reserve(total);
       out.qualities.reserve(total);
       if (target->IsText())
@@ -261,9 +277,8 @@ HRESULT CHistorianStore::AddBatch(const std::vector<TagDefinition>& newTags, con
       else
         out.bits.reserve(total);
       size_t a = 0, b = 0;
-      while (a < target->Size() || b < indices.size()) {
-        bool takeOld = b == indices.size() ||
-                       (a < target->Size() && target->times[a] < entries[indices[b]].sample.time);
+      while (a < target->Size() || b < order.size()) {
+        const bool takeOld = b == order.size() || (a < target->Size() && target->times[a] < c.times[order[b]]);
         if (takeOld) {
           out.times.push_back(target->times[a]);
           out.qualities.push_back(target->qualities[a]);
@@ -273,14 +288,13 @@ HRESULT CHistorianStore::AddBatch(const std::vector<TagDefinition>& newTags, con
             out.bits.push_back(target->bits[a]);
           ++a;
         } else {
-          const SampleInput& in = entries[indices[b]].sample;
-          out.times.push_back(in.time);
-          out.qualities.push_back(in.quality);
+          const size_t k = order[b++];
+          out.times.push_back(c.times[k]);
+          out.qualities.push_back(c.qualities[k]);
           if (target->IsText())
-            out.texts.push_back(in.text);
+            out.texts.push_back(std::move(c.texts[k]));
           else
-            out.bits.push_back(BitsFromInput(target->def.vartype, in));
-          ++b;
+            out.bits.push_back(c.bits[k]);
         }
       }
       merged.emplace_back(target, std::move(out));
@@ -294,6 +308,12 @@ HRESULT CHistorianStore::AddBatch(const std::vector<TagDefinition>& newTags, con
       target->texts.swap(out.texts);
       target->bits.swap(out.bits);
     }
+    for (auto& [target, c] : movedIn) {
+      target->times.swap(c->times);
+      target->qualities.swap(c->qualities);
+      target->texts.swap(c->texts);
+      target->bits.swap(c->bits);
+    }
     for (auto& f : fresh) {
       byKey_.emplace(f->key, f.get());
       series_.push_back(std::move(f));
@@ -301,7 +321,7 @@ HRESULT CHistorianStore::AddBatch(const std::vector<TagDefinition>& newTags, con
   } catch (const std::bad_alloc&) {
     return E_OUTOFMEMORY;
   }
-  sampleCount_ += entries.size();
+  sampleCount_ += added;
   return S_OK;
 }
 
@@ -532,7 +552,7 @@ HRESULT CHistorianStore::ToStored(const Series& series, const VARIANT& in, uint6
     default: sample.integer = static_cast<int64_t>(converted.ullVal); break;
   }
   VariantClear(&converted);
-  *bits = BitsFromInput(vt, sample);
+  *bits = ToBits(vt, sample);
   return S_OK;
 }
 

@@ -87,15 +87,25 @@ class CHistorianStore {
   // i of `count`. Samples filled before a failure are not kept.
   HRESULT AppendGenerated(WStringView name, size_t count,
                           const std::function<void(size_t, SampleInput&)>& fill);
-  // Adds samples of several tags in one step under one lock: every sample's time must
-  // be free in its tag (and unique within the batch), else nothing is added and
-  // `failedIndex` names the first offending entry. Creates the tags of `newTags` first.
-  struct BatchEntry {
-    WString tagName;
-    SampleInput sample;
+  // The samples of one tag in the order a loader read them, already in the store's
+  // form: `bits` for numeric and boolean tags (see ToBits), `texts` for VT_BSTR ones.
+  struct Columns {
+    WString name;
+    std::vector<ULONGLONG> times;
+    std::vector<DWORD> qualities;
+    std::vector<uint64_t> bits;
+    std::vector<WString> texts;
   };
-  HRESULT AddBatch(const std::vector<TagDefinition>& newTags, const std::vector<BatchEntry>& entries,
-                   size_t* failedIndex);
+  // Adds the columns of several tags in one step under one lock, creating the tags of
+  // `newTags` first: every time must be free in its tag and unique within its columns,
+  // else nothing is added, HIST_E_DATA_ALREADY_PRESENT is returned and (*taken)[i] is the
+  // index of the first sample of columns[i] that repeats an earlier one or one of the
+  // tag's (npos where none does). The columns are taken over, not copied, where they
+  // can be: a new tag's columns in time order become its series as they are.
+  HRESULT AddColumns(const std::vector<TagDefinition>& newTags, std::vector<Columns>& columns,
+                     std::vector<size_t>* taken);
+  // The stored form of a sample of a numeric or boolean tag of type `vt`.
+  static uint64_t ToBits(VARTYPE vt, const SampleInput& in);
   void ReserveSamples(WStringView name, size_t count);
 
   HRESULT GetTag(WStringView name, TagDefinition* tag) const;
@@ -126,7 +136,6 @@ class CHistorianStore {
   struct Series;
   Series* Find(WStringView name) const;
   static HRESULT ToStored(const Series& series, const VARIANT& in, uint64_t* bits, WString* text);
-  static uint64_t BitsFromInput(VARTYPE vt, const SampleInput& in);
   static HRESULT MakeVariant(const Series& series, size_t index, VARIANT* out);
   void InsertAt(Series& series, size_t index, ULONGLONG time, DWORD quality, uint64_t bits, WString&& text);
 

@@ -104,7 +104,7 @@ CProviderIRowset::~CProviderIRowset() {
             static_cast<int>(outMs));
   }
   // Rows before the store: they were laid out by its column description.
-  m_Rows.ForEach([](HeldRow& held) { held.row->Release(); });
+  m_Rows.ForEach([](RowHandleTable::Slot& held) { held.row.load(std::memory_order_relaxed)->Release(); });
   m_Rows.Clear();
   m_Accessors.clear();
   for (PropertyValue& p : m_Properties) VariantClear(&p.value);
@@ -256,8 +256,9 @@ HRESULT STDMETHODCALLTYPE CProviderIRowset::ReleaseRows(DBCOUNTITEM cRows, const
   if (cRows && !rghRows) return E_INVALIDARG;
   CriticalSectionLock lock(m_Lock);
   DBCOUNTITEM ok = 0, failed = 0;
+  m_Released.clear();
   for (DBCOUNTITEM i = 0; i < cRows; ++i) {
-    HeldRow* held = m_Rows.Find(rghRows[i]);
+    RowHandleTable::Slot* held = m_Rows.Find(rghRows[i]);
     DBREFCOUNT left = 0;
     DBROWSTATUS status = DBROWSTATUS_S_OK;
     if (!held) {
@@ -266,14 +267,22 @@ HRESULT STDMETHODCALLTYPE CProviderIRowset::ReleaseRows(DBCOUNTITEM cRows, const
     } else {
       left = --held->refs;
       if (left == 0) {
-        held->row->Release();
+        CRefCountedDataStoreRow* row = held->row.load(std::memory_order_relaxed);
         m_Rows.Erase(held);
+        try {
+          m_Released.push_back(row);
+        } catch (const std::bad_alloc&) {
+          row->Release();
+        }
       }
       ++ok;
     }
     if (rgRefCounts) rgRefCounts[i] = left;
     if (rgRowStatus) rgRowStatus[i] = status;
   }
+  // The batch's rows go back to the store's pool in one step.
+  CRefCountedDataStoreRow::ReleaseMany(m_Released.data(), m_Released.size());
+  m_Released.clear();
   return Outcome(ok, failed);
 }
 
@@ -284,7 +293,7 @@ HRESULT STDMETHODCALLTYPE CProviderIRowset::AddRefRows(DBCOUNTITEM cRows, const 
   CriticalSectionLock lock(m_Lock);
   DBCOUNTITEM ok = 0, failed = 0;
   for (DBCOUNTITEM i = 0; i < cRows; ++i) {
-    HeldRow* held = m_Rows.Find(rghRows[i]);
+    RowHandleTable::Slot* held = m_Rows.Find(rghRows[i]);
     DBREFCOUNT count = 0;
     DBROWSTATUS status = DBROWSTATUS_S_OK;
     if (!held) {
@@ -308,27 +317,46 @@ HRESULT STDMETHODCALLTYPE CProviderIRowset::RestartPosition(HCHAPTER /*hReserved
 
 HRESULT STDMETHODCALLTYPE CProviderIRowset::GetData(HROW hRow, HACCESSOR hAccessor, void* pData) {
   CVTRACE(TRACE_DETAIL, OLESTR("Called CProviderIRowset::GetData"));
-  CriticalSectionLock lock(m_Lock);
-  const HeldRow* row = m_Rows.Find(hRow);
-  if (!row) return DB_E_BADROWHANDLE;
-  if (hAccessor != m_hLastAccessor || !m_pLastAccessor) {
-    auto accessor = m_Accessors.find(hAccessor);
-    if (accessor == m_Accessors.end()) return DB_E_BADACCESSORHANDLE;
-    m_hLastAccessor = hAccessor;
-    m_pLastAccessor = &accessor->second;
-  }
-  const Accessor& accessor = *m_pLastAccessor;
-  if (!pData && !accessor.bindings.empty()) return E_INVALIDARG;
-  if (accessor.planGeneration != m_pStore->LayoutGeneration()) {
-    try {
-      accessor.plan = m_pStore->PlanBindings(accessor.bindings.data(), accessor.bindings.size());
-      accessor.planGeneration = m_pStore->LayoutGeneration();
-    } catch (const std::bad_alloc&) {
-      accessor.plan.clear();  // the general path needs no plan
+  // The common call, the same accessor as the last one over a row in its slot, copies
+  // without the lock: RowHandleTable says why the row is safe to read, and an accessor
+  // object is never freed while the rowset lives, so the one read here is either this
+  // handle's (its handle is set last) or found to be another's.
+  const Accessor* accessor = m_pLastAccessor.load(std::memory_order_acquire);
+  if (accessor && hAccessor != DB_NULL_HACCESSOR && accessor->handle.load(std::memory_order_acquire) == hAccessor &&
+      pData && accessor->planGeneration == m_pStore->LayoutGeneration()) {
+    if (const CRefCountedDataStoreRow* row = m_Rows.Peek(hRow)) {
+      if (m_pStore->CopyPlanned(accessor->bindings.data(), accessor->bindings.size(), accessor->plan.data(), row,
+                                static_cast<BYTE*>(pData)))
+        return S_OK;
     }
   }
-  return m_pStore->GetData(accessor.bindings.data(), accessor.bindings.size(), row->row, static_cast<BYTE*>(pData),
+  CriticalSectionLock lock(m_Lock);
+  return GetDataLocked(hRow, hAccessor, pData);
+}
+
+HRESULT CProviderIRowset::GetDataLocked(HROW hRow, HACCESSOR hAccessor, void* pData) {
+  const RowHandleTable::Slot* row = m_Rows.Find(hRow);
+  if (!row) return DB_E_BADROWHANDLE;
+  auto found = m_Accessors.find(hAccessor);
+  if (found == m_Accessors.end()) return DB_E_BADACCESSORHANDLE;
+  Accessor& accessor = *found->second;
+  if (!pData && !accessor.bindings.empty()) return E_INVALIDARG;
+  if (accessor.planGeneration != m_pStore->LayoutGeneration()) PlanAccessor(accessor);
+  m_pLastAccessor.store(&accessor, std::memory_order_release);
+  return m_pStore->GetData(accessor.bindings.data(), accessor.bindings.size(),
+                           row->row.load(std::memory_order_relaxed), static_cast<BYTE*>(pData),
                            accessor.plan.empty() ? nullptr : accessor.plan.data());
+}
+
+void CProviderIRowset::PlanAccessor(Accessor& accessor) {
+  try {
+    accessor.plan = m_pStore->PlanBindings(accessor.bindings.data(), accessor.bindings.size());
+    accessor.planGeneration = m_pStore->LayoutGeneration();
+  } catch (const std::bad_alloc&) {
+    // The general path needs no plan; without one the lock-free path is never taken.
+    accessor.plan.clear();
+    accessor.planGeneration = ~0ull;
+  }
 }
 
 // ---- IAccessor
@@ -394,20 +422,40 @@ HRESULT STDMETHODCALLTYPE CProviderIRowset::CreateAccessor(DBACCESSORFLAGS dwAcc
   }
   if (bad) return DB_E_BADBINDINFO;
 
-  Accessor accessor;
-  accessor.flags = dwAccessorFlags;
+  std::unique_ptr<Accessor> accessor;
+  bool reused = false;
   try {
-    accessor.bindings.assign(rgBindings, rgBindings + cBindings);
-    for (DBBINDING& b : accessor.bindings) {
+    if (!m_FreeAccessors.empty()) {
+      accessor = std::move(m_FreeAccessors.back());
+      m_FreeAccessors.pop_back();
+      reused = true;
+    } else {
+      accessor = std::make_unique<Accessor>();
+    }
+    accessor->flags = dwAccessorFlags;
+    accessor->refs = 1;
+    accessor->objects.clear();
+    accessor->bindings.assign(rgBindings, rgBindings + cBindings);
+    for (DBBINDING& b : accessor->bindings) {
       if (b.pObject) {
-        accessor.objects.push_back(std::make_unique<DBOBJECT>(*b.pObject));
-        b.pObject = accessor.objects.back().get();
+        accessor->objects.push_back(std::make_unique<DBOBJECT>(*b.pObject));
+        b.pObject = accessor->objects.back().get();
       }
     }
-    const HACCESSOR handle = ++m_AccessorGenerator;
+    PlanAccessor(*accessor);
+    // Every accessor has room among the free ones: ReleaseAccessor cannot fail.
+    m_FreeAccessors.reserve(m_Accessors.size() + m_FreeAccessors.size() + 1);
+    const HACCESSOR handle = m_AccessorGenerator + 1;
+    Accessor* made = accessor.get();
     m_Accessors.emplace(handle, std::move(accessor));
+    m_AccessorGenerator = handle;
+    // Last, so that a GetData that finds this handle finds the bindings and plan too.
+    made->handle.store(handle, std::memory_order_release);
     *phAccessor = handle;
   } catch (const std::bad_alloc&) {
+    // A reused accessor goes back where it came from (its place is still there): GetData
+    // may still hold it as the last one used.
+    if (accessor && reused) m_FreeAccessors.push_back(std::move(accessor));
     return E_OUTOFMEMORY;
   }
   return S_OK;
@@ -422,12 +470,17 @@ HRESULT CProviderIRowset::InheritAccessor(HACCESSOR hAccessor, DBACCESSORFLAGS d
   CriticalSectionLock lock(m_Lock);
   if (made != hAccessor) {
     if (m_Accessors.count(hAccessor)) {
-      m_Accessors.erase(made);
+      // Kept like a released accessor: it may be a reused object GetData still knows.
+      auto it = m_Accessors.find(made);
+      it->second->handle.store(DB_NULL_HACCESSOR, std::memory_order_release);
+      m_FreeAccessors.push_back(std::move(it->second));
+      m_Accessors.erase(it);
       return DB_E_BADACCESSORHANDLE;
     }
     // Rehomed under the command's handle; the node, and so the accessor, stays put.
     auto node = m_Accessors.extract(made);
     node.key() = hAccessor;
+    node.mapped()->handle.store(hAccessor, std::memory_order_release);
     m_Accessors.insert(std::move(node));
   }
   if (hAccessor > m_AccessorGenerator) m_AccessorGenerator = hAccessor;
@@ -439,7 +492,7 @@ HRESULT STDMETHODCALLTYPE CProviderIRowset::AddRefAccessor(HACCESSOR hAccessor, 
   CriticalSectionLock lock(m_Lock);
   auto it = m_Accessors.find(hAccessor);
   if (it == m_Accessors.end()) return DB_E_BADACCESSORHANDLE;
-  const DBREFCOUNT refs = ++it->second.refs;
+  const DBREFCOUNT refs = ++it->second->refs;
   if (pcRefCount) *pcRefCount = refs;
   return S_OK;
 }
@@ -449,12 +502,10 @@ HRESULT STDMETHODCALLTYPE CProviderIRowset::ReleaseAccessor(HACCESSOR hAccessor,
   CriticalSectionLock lock(m_Lock);
   auto it = m_Accessors.find(hAccessor);
   if (it == m_Accessors.end()) return DB_E_BADACCESSORHANDLE;
-  const DBREFCOUNT refs = --it->second.refs;
+  const DBREFCOUNT refs = --it->second->refs;
   if (refs == 0) {
-    if (m_pLastAccessor == &it->second) {
-      m_hLastAccessor = DB_NULL_HACCESSOR;
-      m_pLastAccessor = nullptr;
-    }
+    it->second->handle.store(DB_NULL_HACCESSOR, std::memory_order_release);
+    m_FreeAccessors.push_back(std::move(it->second));  // room was reserved when it was made
     m_Accessors.erase(it);
   }
   if (pcRefCount) *pcRefCount = refs;
@@ -471,7 +522,7 @@ HRESULT STDMETHODCALLTYPE CProviderIRowset::GetBindings(HACCESSOR hAccessor, DBA
   CriticalSectionLock lock(m_Lock);
   auto it = m_Accessors.find(hAccessor);
   if (it == m_Accessors.end()) return DB_E_BADACCESSORHANDLE;
-  const std::vector<DBBINDING>& bindings = it->second.bindings;
+  const std::vector<DBBINDING>& bindings = it->second->bindings;
   auto* out = static_cast<DBBINDING*>(CoTaskMemAlloc(bindings.size() * sizeof(DBBINDING)));
   if (!out) return E_OUTOFMEMORY;
   for (size_t i = 0; i < bindings.size(); ++i) {
@@ -487,7 +538,7 @@ HRESULT STDMETHODCALLTYPE CProviderIRowset::GetBindings(HACCESSOR hAccessor, DBA
       *out[i].pObject = *bindings[i].pObject;
     }
   }
-  *pdwAccessorFlags = it->second.flags;
+  *pdwAccessorFlags = it->second->flags;
   *pcBindings = bindings.size();
   *prgBindings = out;
   return S_OK;
@@ -696,68 +747,106 @@ HRESULT STDMETHODCALLTYPE CProviderIRowset::CanConvert(DBTYPE wFromType, DBTYPE 
 HRESULT STDMETHODCALLTYPE CProviderIRowset::IsSameRow(HROW hThisRow, HROW hThatRow) {
   CVTRACE(TRACE_DETAIL, OLESTR("Called CProviderIRowset::IsSameRow"));
   CriticalSectionLock lock(m_Lock);
-  const HeldRow* a = m_Rows.Find(hThisRow);
-  const HeldRow* b = m_Rows.Find(hThatRow);
+  const RowHandleTable::Slot* a = m_Rows.Find(hThisRow);
+  const RowHandleTable::Slot* b = m_Rows.Find(hThatRow);
   if (!a || !b) return DB_E_BADROWHANDLE;
-  return a->row == b->row ? S_OK : S_FALSE;
+  return a->row.load(std::memory_order_relaxed) == b->row.load(std::memory_order_relaxed) ? S_OK : S_FALSE;
 }
 
 // ---- Row handles
 
-CProviderIRowset::HeldRow* CProviderIRowset::RowHandleTable::Find(HROW handle) {
-  if (handle == 0 || m_Slots.empty()) return nullptr;
-  HeldRow& slot = m_Slots[static_cast<size_t>(handle) & (m_Slots.size() - 1)];
-  if (slot.handle == handle) return &slot;
+void CProviderIRowset::RowHandleTable::Slot::Set(HROW h, CRefCountedDataStoreRow* r, DBREFCOUNT n) {
+  if (handle.load(std::memory_order_relaxed) != 0) {
+    handle.store(0, std::memory_order_relaxed);
+    std::atomic_thread_fence(std::memory_order_release);
+  }
+  row.store(r, std::memory_order_relaxed);
+  refs = n;
+  handle.store(h, std::memory_order_release);
+}
+
+CRefCountedDataStoreRow* CProviderIRowset::RowHandleTable::Peek(HROW handle) const {
+  if (handle == 0) return nullptr;
+  const Array* a = m_pCurrent.load(std::memory_order_acquire);
+  if (!a) return nullptr;
+  const Slot& slot = a->slots[static_cast<size_t>(handle) & a->mask];
+  if (slot.handle.load(std::memory_order_acquire) != handle) return nullptr;
+  CRefCountedDataStoreRow* row = slot.row.load(std::memory_order_relaxed);
+  // The handle again: unchanged means the row read is the one it held.
+  std::atomic_thread_fence(std::memory_order_acquire);
+  if (slot.handle.load(std::memory_order_relaxed) != handle) return nullptr;
+  return row;
+}
+
+CProviderIRowset::RowHandleTable::Slot* CProviderIRowset::RowHandleTable::Find(HROW handle) {
+  const Array* a = m_pCurrent.load(std::memory_order_relaxed);
+  if (handle == 0 || !a) return nullptr;
+  Slot& slot = a->slots[static_cast<size_t>(handle) & a->mask];
+  if (slot.handle.load(std::memory_order_relaxed) == handle) return &slot;
   if (m_Aside.empty()) return nullptr;
   auto it = m_Aside.find(handle);
   return it == m_Aside.end() ? nullptr : &it->second;
 }
 
 void CProviderIRowset::RowHandleTable::Reserve(size_t more) {
-  size_t size = m_Slots.empty() ? 16 : m_Slots.size();
+  Array* current = m_pCurrent.load(std::memory_order_relaxed);
+  size_t size = current ? current->mask + 1 : 16;
   while (size / 2 < m_Count + more) size *= 2;
-  if (size == m_Slots.size()) return;
-  std::vector<HeldRow> slots(size, HeldRow{0, nullptr, 0});
-  std::unordered_map<HROW, HeldRow> aside;
-  const size_t mask = size - 1;
-  auto place = [&](const HeldRow& held) {
-    HeldRow& slot = slots[static_cast<size_t>(held.handle) & mask];
-    if (!slot.handle) {
-      slot = held;
-    } else if (slot.handle < held.handle) {
-      aside.emplace(slot.handle, slot);
-      slot = held;
+  if (current && size == current->mask + 1) return;
+  auto grown = std::make_unique<Array>();
+  grown->mask = size - 1;
+  grown->slots = std::make_unique<Slot[]>(size);
+  std::unordered_map<HROW, Slot> aside;
+  m_Arrays.reserve(m_Arrays.size() + 1);
+  auto place = [&](const Slot& held) {
+    const HROW h = held.handle.load(std::memory_order_relaxed);
+    CRefCountedDataStoreRow* r = held.row.load(std::memory_order_relaxed);
+    Slot& slot = grown->slots[static_cast<size_t>(h) & grown->mask];
+    const HROW there = slot.handle.load(std::memory_order_relaxed);
+    if (!there) {
+      slot.Set(h, r, held.refs);
+    } else if (there < h) {
+      aside[there].Set(there, slot.row.load(std::memory_order_relaxed), slot.refs);
+      slot.Set(h, r, held.refs);
     } else {
-      aside.emplace(held.handle, held);
+      aside[h].Set(h, r, held.refs);
     }
   };
-  for (const HeldRow& held : m_Slots) {
-    if (held.handle) place(held);
-  }
-  for (const auto& held : m_Aside) place(held.second);
-  m_Slots.swap(slots);
+  ForEach(place);
   m_Aside.swap(aside);
+  m_pCurrent.store(grown.get(), std::memory_order_release);
+  m_Arrays.push_back(std::move(grown));
+  // A reader still looking at the old array finds no handle there and asks under the lock.
+  if (current) {
+    for (size_t i = 0; i <= current->mask; ++i) current->slots[i].handle.store(0, std::memory_order_release);
+  }
 }
 
 void CProviderIRowset::RowHandleTable::Insert(HROW handle, CRefCountedDataStoreRow* row) {
-  if (m_Slots.empty()) Reserve(1);
-  HeldRow& slot = m_Slots[static_cast<size_t>(handle) & (m_Slots.size() - 1)];
-  if (slot.handle) m_Aside.emplace(slot.handle, slot);  // the older row steps aside
-  slot = HeldRow{handle, row, 1};
+  if (!m_pCurrent.load(std::memory_order_relaxed)) Reserve(1);
+  Array* a = m_pCurrent.load(std::memory_order_relaxed);
+  Slot& slot = a->slots[static_cast<size_t>(handle) & a->mask];
+  if (const HROW older = slot.handle.load(std::memory_order_relaxed)) {
+    // The older row steps aside.
+    m_Aside[older].Set(older, slot.row.load(std::memory_order_relaxed), slot.refs);
+  }
+  slot.Set(handle, row, 1);
   ++m_Count;
 }
 
-void CProviderIRowset::RowHandleTable::Erase(HeldRow* held) {
-  if (held >= m_Slots.data() && held < m_Slots.data() + m_Slots.size()) {
-    *held = HeldRow{0, nullptr, 0};
+void CProviderIRowset::RowHandleTable::Erase(Slot* held) {
+  const Array* a = m_pCurrent.load(std::memory_order_relaxed);
+  if (a && held >= a->slots.get() && held <= a->slots.get() + a->mask) {
+    held->handle.store(0, std::memory_order_release);
   } else {
-    m_Aside.erase(held->handle);
+    m_Aside.erase(held->handle.load(std::memory_order_relaxed));
   }
   --m_Count;
 }
 
 void CProviderIRowset::RowHandleTable::Clear() {
-  m_Slots.clear();
+  m_pCurrent.store(nullptr, std::memory_order_release);
+  m_Arrays.clear();
   m_Aside.clear();
   m_Count = 0;
 }

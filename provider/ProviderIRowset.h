@@ -102,48 +102,75 @@ class CProviderIRowset : public IRowset,
   virtual HRESULT QueryOtherInterface(REFIID riid, void** ppv);
 
  private:
-  struct HeldRow {
-    HROW handle;  // 0: a free slot
-    CRefCountedDataStoreRow* row;
-    DBREFCOUNT refs;
-  };
   // Row handle -> held row. Handles come from a counter and are mostly released in the
   // order they were given, so a handle's low bits pick its slot directly. A row held
   // for long loses its slot to the newer handle that lands there and moves aside, so
   // the table grows with the rows held at once, never with the rows fetched.
+  //
+  // GetData looks a handle up without the rowset's lock (Peek). That is safe because
+  // (1) a handle is never given twice, so a slot read as holding `handle` before and
+  // after its row pointer was read held that row in between (every change of a slot
+  // first clears its handle); (2) the slot arrays a reader may still look at are kept
+  // until the rowset goes, their slots cleared when a larger array takes over; and (3)
+  // the row behind a handle lives until that handle is released, which a consumer
+  // cannot do while it still reads through it. Everything else happens under the lock.
   class RowHandleTable {
    public:
-    HeldRow* Find(HROW handle);
+    struct Slot {
+      std::atomic<HROW> handle{0};  // 0: a free slot
+      std::atomic<CRefCountedDataStoreRow*> row{nullptr};
+      DBREFCOUNT refs = 0;
+      // Changes the slot so that a reader never pairs the old handle with the new row.
+      void Set(HROW h, CRefCountedDataStoreRow* r, DBREFCOUNT n);
+    };
+    RowHandleTable() = default;
+    RowHandleTable(const RowHandleTable&) = delete;
+    RowHandleTable& operator=(const RowHandleTable&) = delete;
+
+    // Without the lock: the row held under `handle`, or null when the handle is not in
+    // its slot (unknown, released, or moved aside: Find answers under the lock).
+    CRefCountedDataStoreRow* Peek(HROW handle) const;
+    Slot* Find(HROW handle);
     // Makes the table at least twice as large as the rows held plus `more`. Throws
     // std::bad_alloc and then leaves the table as it was.
     void Reserve(size_t more);
     // Throws std::bad_alloc and then leaves the table as it was.
     void Insert(HROW handle, CRefCountedDataStoreRow* row);
-    void Erase(HeldRow* held);
+    void Erase(Slot* held);
     // Every held row, in no particular order.
     template <typename F>
     void ForEach(F f) {
-      for (HeldRow& s : m_Slots) {
-        if (s.handle) f(s);
+      if (Array* a = m_pCurrent.load(std::memory_order_relaxed)) {
+        for (size_t i = 0; i <= a->mask; ++i) {
+          if (a->slots[i].handle.load(std::memory_order_relaxed)) f(a->slots[i]);
+        }
       }
       for (auto& aside : m_Aside) f(aside.second);
     }
     void Clear();
 
    private:
-    std::vector<HeldRow> m_Slots;  // size 0 or a power of two
-    std::unordered_map<HROW, HeldRow> m_Aside;
+    struct Array {
+      size_t mask;  // slots - 1, the slots a power of two
+      std::unique_ptr<Slot[]> slots;
+    };
+    std::atomic<Array*> m_pCurrent{nullptr};
+    std::vector<std::unique_ptr<Array>> m_Arrays;  // the current one and those it replaced
+    std::unordered_map<HROW, Slot> m_Aside;
     size_t m_Count = 0;
   };
   struct Accessor {
+    // 0 once released: the object is kept for the next accessor, never freed while a
+    // GetData without the lock might still look at it.
+    std::atomic<HACCESSOR> handle{0};
     DBACCESSORFLAGS flags = 0;
     std::vector<DBBINDING> bindings;
     std::vector<std::unique_ptr<DBOBJECT>> objects;  // copies behind bindings' pObject
     DBREFCOUNT refs = 1;
-    // How the store copies each binding, made at the first GetData for the store's
-    // layout of that moment.
-    mutable std::vector<CDataStore::BindingStep> plan;
-    mutable uint64_t planGeneration = ~0ull;
+    // How the store copies each binding, for the store's layout of generation
+    // planGeneration; planned under the lock, read by GetData without it.
+    std::vector<CDataStore::BindingStep> plan;
+    uint64_t planGeneration = ~0ull;
   };
   struct PropertyValue {
     DBPROPID id;
@@ -152,6 +179,9 @@ class CProviderIRowset : public IRowset,
   };
 
   DBBINDSTATUS ValidateBinding(const DBBINDING& binding);
+  // Under the lock: the accessor's plan for the store's layout of now.
+  void PlanAccessor(Accessor& accessor);
+  HRESULT GetDataLocked(HROW hRow, HACCESSOR hAccessor, void* pData);
   HRESULT ConversionService(IDataConvert** convert);
   HRESULT FillPropertySet(const DBPROPIDSET* request, DBPROPSET* out, ULONG* okCount, ULONG* errorCount);
   HRESULT GetNextRowsLocked(DBROWOFFSET lRowsOffset, DBROWCOUNT cRows, DBCOUNTITEM* pcRowsObtained,
@@ -169,11 +199,12 @@ class CProviderIRowset : public IRowset,
   bool m_bFetched = false;
   std::vector<CRefCountedDataStoreRow*> m_Batch;
 
-  std::unordered_map<HACCESSOR, Accessor> m_Accessors;
+  std::unordered_map<HACCESSOR, std::unique_ptr<Accessor>> m_Accessors;
+  std::vector<std::unique_ptr<Accessor>> m_FreeAccessors;  // released, for reuse
   HACCESSOR m_AccessorGenerator = 0;
   // The accessor GetData used last, since a consumer reads every row with the same one.
-  HACCESSOR m_hLastAccessor = DB_NULL_HACCESSOR;
-  const Accessor* m_pLastAccessor = nullptr;
+  std::atomic<Accessor*> m_pLastAccessor{nullptr};
+  std::vector<CRefCountedDataStoreRow*> m_Released;  // ReleaseRows' rows to give back
 
   std::vector<PropertyValue> m_Properties;
 

@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # Builds the bench preset (g++, Release) and runs the benchmark suite: fetch throughput
-# of the parameterised range SELECT against the historian's raw read and SQLite, the
-# typed tables, time to first row, small-query latency, parse and prepare, and peak
-# memory, each with its anchor measured in the same run and a summary of the targets.
+# and CPU per row of the parameterised range SELECT against the bare rowset (the floor),
+# the historian's raw read and SQLite, the typed tables, time to first row, small-query
+# and HDA latency with page faults, parse and prepare, peak memory while streaming, and
+# CSV loading against SQLite's insert, each with its anchor measured in the same run and
+# a summary of the targets.
 # Arguments go to the suite, for example
 #   scripts/bench.sh --runs 5 --samples 2000000
 # `scripts/bench.sh --programs [Google Benchmark arguments]` runs the four separate

@@ -114,21 +114,29 @@ HRESULT CSPHdaBase::AddTagColumns(const ProcessedResult* result, ULONG i, const 
       }
       case HdaField::Status: row->push_back(UnsignedCell(v.quality)); break;
       case HdaField::StatusStr:
-      case HdaField::ValueStr: row->push_back(TextCell(StatusText(v.quality).c_str())); break;
+      case HdaField::ValueStr: row->push_back(StatusTextCell(v.quality)); break;
       case HdaField::Timestamp: row->push_back(TimeCell(v.timestamp)); break;
     }
   }
   return S_OK;
 }
 
-const WString& CSPHdaBase::StatusText(ULONG quality) {
+StoreValue CSPHdaBase::StatusTextCell(ULONG quality) {
+  const WString* text = nullptr;
   for (const auto& known : m_StatusTexts) {
-    if (known.first == quality) return known.second;
+    if (known.first == quality) {
+      text = &known.second;
+      break;
+    }
   }
-  constexpr size_t kRemembered = 32;  // a handful per aggregate family; more is unusual
-  if (m_StatusTexts.size() >= kRemembered) m_StatusTexts.clear();
-  m_StatusTexts.emplace_back(quality, corvane::QualityToStr2(quality));
-  return m_StatusTexts.back().second;
+  if (!text) {
+    if (m_StatusTexts.size() >= kRemembered) return TextCell(corvane::QualityToStr2(quality).c_str());
+    m_StatusTexts.emplace_back(quality, corvane::QualityToStr2(quality));
+    text = &m_StatusTexts.back().second;
+  }
+  StoreValue cell;
+  cell.SetText(text->data(), text->size());
+  return cell;
 }
 
 HRESULT CSPHdaBase::StepOneTag() {

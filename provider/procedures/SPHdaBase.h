@@ -2,6 +2,7 @@
 // (one-tag forms) or per tag and chunk (five-tag forms), one row per interval with the
 // family's columns. The eight procedure classes only choose the family and the form.
 #pragma once
+#include <deque>
 #include <utility>
 #include <vector>
 
@@ -33,12 +34,17 @@ class CSPHdaBase : public CBaseStoredProcedure {
   // Appends the columns of `layout` for interval i of `result` to `row`.
   HRESULT AddTagColumns(const ProcessedResult* result, ULONG i, const std::vector<HdaColumn>& layout,
                         ProducedRecord* row);
-  // QualityToStr2 of `quality`, remembered: a read's rows repeat a few status words.
-  const corvane::WString& StatusText(ULONG quality);
+  // The cell of QualityToStr2 of `quality`. A read's rows repeat a few status words, so
+  // each text is made once and lent to the store, which keeps one copy for all its
+  // rows; past kRemembered words each cell carries its own text.
+  StoreValue StatusTextCell(ULONG quality);
+  static constexpr size_t kRemembered = 256;
 
   const HdaFamily& m_Family;
   bool m_bFiveTags;
   const Messages& m_Messages;
   TagIdent* m_pTag = nullptr;
-  std::vector<std::pair<ULONG, corvane::WString>> m_StatusTexts;
+  // Never shrinks: lent texts must outlive the records that carry them, which live no
+  // longer than this procedure.
+  std::deque<std::pair<ULONG, corvane::WString>> m_StatusTexts;
 };

@@ -2,8 +2,10 @@
 
 #include <cerrno>
 #include <cstring>
+#include <new>
 
 #include "provider/Trace.h"
+#include "provider/store/RefCountedDataStoreRow.h"
 
 using corvane::platform::CriticalSectionLock;
 using corvane::platform::Event;
@@ -325,12 +327,33 @@ void CDataProvider::RecycleRecords(ProducedRecordList& used) {
     used.clear();
     return;
   }
-  // Values are dropped on the caller's thread, outside the lock the worker needs.
-  for (ProducedRecord& record : used)
-    for (StoreValue& value : record) value.Reset();
+  // Values are dropped on the caller's thread, outside the lock the worker needs. Most
+  // hold a number, a time or lent text: nothing to free, so no call to VariantClear.
+  for (ProducedRecord& record : used) {
+    for (StoreValue& value : record) {
+      if (CRefCountedDataStoreRow::OwnsNothing(V_VT(&value.Value))) {
+        V_VT(&value.Value) = VT_EMPTY;
+        value.Kind = StoreValue::kNone;
+      } else {
+        value.Reset();
+      }
+    }
+  }
   {
+    // Every emptied record is kept, not only one batch: a worker that has not yet taken
+    // the last batch would otherwise make new records while these are freed. The spare
+    // records are never more than the worker's read-ahead, which is bounded.
     CriticalSectionLock lock(m_StateLock);
-    if (m_Spare.empty()) m_Spare.swap(used);
+    if (m_Spare.empty()) {
+      m_Spare.swap(used);
+    } else {
+      try {
+        m_Spare.reserve(m_Spare.size() + used.size());
+        for (ProducedRecord& record : used) m_Spare.push_back(std::move(record));
+      } catch (const std::bad_alloc&) {
+        // Not kept: they are freed below.
+      }
+    }
   }
   used.clear();
 }

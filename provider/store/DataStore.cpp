@@ -51,18 +51,15 @@ CellShape ShapeOf(DBTYPE type, ULONGLONG columnSize) {
       s.reportedSize = s.valueBytes = s.alignment = 1;
       break;
     case DBTYPE_WSTR:
-      s.reportedSize = columnSize;
-      s.valueBytes = 2 * columnSize + 2;
-      s.alignment = 2;
-      break;
     case DBTYPE_STR:
+      // The text itself is kept beside the cells, as long as it is.
       s.reportedSize = columnSize;
-      s.valueBytes = columnSize + 1;
-      s.alignment = 1;
+      s.valueBytes = sizeof(StoredText);
+      s.alignment = alignof(StoredText);
       break;
     case DBTYPE_DBTIMESTAMP:
       s.reportedSize = s.valueBytes = sizeof(DBTIMESTAMP);
-      s.alignment = 4;
+      s.alignment = alignof(DBTIMESTAMP);
       break;
     case DBTYPE_BSTR:
       s.reportedType = kWStrRef;
@@ -81,7 +78,22 @@ CellShape ShapeOf(DBTYPE type, ULONGLONG columnSize) {
 }
 
 bool CellFits(const DataStoreColumnInfo& col, ULONGLONG valueBytes, DBLENGTH size) {
-  return col.cbOffset < size && size - col.cbOffset - 1 >= valueBytes;
+  return col.cbOffset <= size && size - col.cbOffset >= valueBytes;
+}
+
+// A text cell reads up to its first zero character, as it always has: a BSTR may hold
+// zeros, and what follows one is not part of the cell.
+size_t UpToZero(const OLECHAR* text, size_t n) {
+  for (size_t i = 0; i < n; ++i) {
+    if (text[i] == 0) return i;
+  }
+  return n;
+}
+
+StoredText TextOf(const BYTE* cell) {
+  StoredText text;
+  std::memcpy(&text, cell, sizeof text);
+  return text;
 }
 
 // The thread's ANSI code page on Windows; Windows-1252 elsewhere, as the conversion
@@ -118,23 +130,6 @@ std::string ToAnsi(const OLECHAR* text, size_t n) {
   }
 #endif
   return out;
-}
-
-size_t UnalignedWideLength(const BYTE* p, size_t maxChars) {
-  // Four characters at a time while they are inside the cell: a zero character is a
-  // zero 16-bit lane, which the borrow trick finds without a branch per character.
-  // Lanes are whole characters on either byte order, since the text starts a lane.
-  size_t n = 0;
-  constexpr uint64_t kOnes = 0x0001000100010001ull;
-  constexpr uint64_t kHighs = 0x8000800080008000ull;
-  while (n + 4 <= maxChars) {
-    uint64_t word;
-    std::memcpy(&word, p + 2 * n, sizeof word);
-    if (((word - kOnes) & ~word & kHighs) != 0) break;
-    n += 4;
-  }
-  while (n < maxChars && (p[2 * n] | p[2 * n + 1]) != 0) ++n;
-  return n;
 }
 
 void WriteStatus(BYTE* buffer, const DBBINDING& b, DBSTATUS status) {
@@ -259,7 +254,9 @@ HRESULT CDataStore::BuildColumnInfo(const std::vector<ColumnRecord>& columns) {
   if (!info) return E_OUTOFMEMORY;
   std::memset(static_cast<void*>(info), 0, kept * sizeof(DataStoreColumnInfo));
 
-  ULONGLONG offset = 0;
+  // The status bytes first, then each value at its own alignment: the cells of a
+  // history row fit in a cache line or two.
+  ULONGLONG offset = kept;
   size_t j = 0;
   HRESULT hr = S_OK;
   std::vector<size_t> source;
@@ -268,7 +265,7 @@ HRESULT CDataStore::BuildColumnInfo(const std::vector<ColumnRecord>& columns) {
     if (!s.kept) continue;
     // Rows are one allocation; a layout past 2 GB could never be allocated.
     constexpr ULONGLONG kMaxRow = 0x7FFFFFFFull;
-    if (s.valueBytes > kMaxRow || offset + 1 + s.valueBytes + s.alignment > kMaxRow) {
+    if (offset + s.valueBytes + s.alignment > kMaxRow) {
       hr = E_OUTOFMEMORY;
       break;
     }
@@ -290,8 +287,9 @@ HRESULT CDataStore::BuildColumnInfo(const std::vector<ColumnRecord>& columns) {
     d.bScale = 255;
     d.columnid.eKind = DBKIND_NAME;
     d.columnid.uName.pwszName = name;
-    d.cbOffset = offset;
-    offset = (offset + 1 + s.valueBytes + s.alignment - 1) / s.alignment * s.alignment;
+    d.cbOffset = (offset + s.alignment - 1) / s.alignment * s.alignment;
+    d.cbStatus = j - 1;
+    offset = d.cbOffset + s.valueBytes;
     source.push_back(i);
   }
   m_pColumnInfo = info;
@@ -300,8 +298,11 @@ HRESULT CDataStore::BuildColumnInfo(const std::vector<ColumnRecord>& columns) {
     FreeColumnInfo();
     return hr;
   }
-  m_cbRowSize = offset;
+  m_cbRowSize = (offset + 7) / 8 * 8;
   m_ColumnSource = std::move(source);
+  m_LastShared.assign(m_cColumns, SharedTextHit{});
+  m_FieldOfColumn.clear();
+  PlanFill();
   return S_OK;
 }
 
@@ -324,7 +325,27 @@ HRESULT CDataStore::Initialize(std::unique_ptr<CDataProvider> producer, const st
     for (DBORDINAL j = 0; j < m_cColumns; ++j) m_FieldOfColumn[j] = m_ColumnSource[j];
   }
   m_pProducer = std::move(producer);
+  PlanFill();
   return S_OK;
+}
+
+void CDataStore::PlanFill() {
+  m_FillSteps.clear();
+  for (DBORDINAL j = 0; j < m_cColumns; ++j) {
+    const DataStoreColumnInfo& col = m_pColumnInfo[j];
+    FillStep step{j < m_FieldOfColumn.size() ? m_FieldOfColumn[j] : static_cast<size_t>(j), j, FillStep::kOther, 0};
+    if (col.wType == DBTYPE_WSTR) {
+      step.kind = FillStep::kWide;
+    } else if (col.wType == DBTYPE_DBTIMESTAMP) {
+      step.kind = FillStep::kTime;
+    } else if (col.wType == DBTYPE_VARIANT) {
+      step.kind = FillStep::kVariant;
+    } else if (VerbatimSize(col.wType) != 0) {
+      step.kind = FillStep::kFixed;
+      step.size = static_cast<uint8_t>(VerbatimSize(col.wType));
+    }
+    m_FillSteps.push_back(step);
+  }
 }
 
 HRESULT CDataStore::FindColumn(const std::vector<ColumnRecord>& columns, const OLECHAR* name, ULONGLONG ordinal,
@@ -438,9 +459,9 @@ CDataStore::CellWrite CDataStore::WriteCell(const StoreValue& value, const DataS
                                             CRefCountedDataStoreRow* row) {
   BYTE* buffer = row ? row->Buffer() : nullptr;
   const DBLENGTH size = row ? row->Size() : 0;
-  const bool statusInside = buffer && rColInfo.cbOffset < size;
+  const bool statusInside = buffer && rColInfo.cbStatus < size;
   auto setStatus = [&](BYTE s) {
-    if (statusInside) buffer[rColInfo.cbOffset] = s;
+    if (statusInside) buffer[rColInfo.cbStatus] = s;
   };
 
   if (value.Kind == StoreValue::kNone) {
@@ -448,7 +469,7 @@ CDataStore::CellWrite CDataStore::WriteCell(const StoreValue& value, const DataS
     return CellWrite::Written;
   }
 
-  BYTE* cell = statusInside ? buffer + rColInfo.cbOffset + 1 : nullptr;
+  BYTE* cell = statusInside ? buffer + rColInfo.cbOffset : nullptr;
   const VARTYPE vt = V_VT(&value.Value);
   const bool isVariant = value.Kind == StoreValue::kVariant;
 
@@ -523,29 +544,31 @@ CDataStore::CellWrite CDataStore::WriteCell(const StoreValue& value, const DataS
     case DBTYPE_WSTR:
     case DBTYPE_BSTR: {
       if (!isText) return CellWrite::Refused;
-      const ULONGLONG n = rColInfo.ulColumnSize;
-      if (n > (size / 2) || !CellFits(rColInfo, 2 * n + 2, size)) {
+      if (!CellFits(rColInfo, sizeof(StoredText), size)) {
         setStatus(kStatusNull);
         return CellWrite::Written;
       }
-      const size_t copied = len <= n ? len : static_cast<size_t>(n);
-      if (copied) std::memcpy(cell, text, copied * sizeof(OLECHAR));
-      std::memset(cell + copied * sizeof(OLECHAR), 0, sizeof(OLECHAR));
+      const ULONGLONG n = rColInfo.ulColumnSize;
+      const StoredText stored = PlaceWideText(value, text, len <= n ? len : static_cast<size_t>(n), rColInfo, row);
+      if (!stored.text) return CellWrite::Failed;
+      std::memcpy(cell, &stored, sizeof stored);
       setStatus(len <= n ? kStatusValue : kStatusTruncated);
       return CellWrite::Written;
     }
 
     case DBTYPE_STR: {
       if (!isText) return CellWrite::Refused;
-      const ULONGLONG n = rColInfo.ulColumnSize;
-      if (n >= size || !CellFits(rColInfo, n + 1, size)) {
+      if (!CellFits(rColInfo, sizeof(StoredText), size)) {
         setStatus(kStatusNull);
         return CellWrite::Written;
       }
+      const ULONGLONG n = rColInfo.ulColumnSize;
       const std::string ansi = ToAnsi(text, len);
-      const size_t copied = ansi.size() <= n ? ansi.size() : static_cast<size_t>(n);
-      if (copied) std::memcpy(cell, ansi.data(), copied);
-      cell[copied] = 0;
+      const size_t kept = strnlen(ansi.c_str(), ansi.size() <= n ? ansi.size() : static_cast<size_t>(n));
+      const void* where = row->StoreText(ansi.data(), kept, 1);
+      if (!where) return CellWrite::Failed;
+      const StoredText stored{where, kept};
+      std::memcpy(cell, &stored, sizeof stored);
       setStatus(ansi.size() <= n ? kStatusValue : kStatusTruncated);
       return CellWrite::Written;
     }
@@ -582,20 +605,7 @@ CDataStore::CellWrite CDataStore::WriteCell(const StoreValue& value, const DataS
       DBTIMESTAMP ts;
       const ULONGLONG ticks =
           (static_cast<ULONGLONG>(value.Time.dwHighDateTime) << 32) | value.Time.dwLowDateTime;
-      const ULONGLONG day = ticks / kTicksPerDay;
-      if (day == m_TimestampDay) {
-        // Samples come in time order, mostly many to a day: the calendar date of the
-        // last one is still right, and the time of day is plain arithmetic, truncated
-        // as FileTimeToSystemTime truncates.
-        ts.year = m_TimestampDate.year;
-        ts.month = m_TimestampDate.month;
-        ts.day = m_TimestampDate.day;
-        const ULONGLONG rest = ticks % kTicksPerDay;
-        ts.hour = static_cast<USHORT>(rest / (3600 * kTicksPerSecond));
-        ts.minute = static_cast<USHORT>(rest / (60 * kTicksPerSecond) % 60);
-        ts.second = static_cast<USHORT>(rest / kTicksPerSecond % 60);
-        ts.fraction = static_cast<ULONG>(rest % kTicksPerSecond / 10000) * 1000000u;
-      } else {
+      if (!SameDay(ticks, &ts)) {
         SYSTEMTIME st;
         if (!FileTimeToSystemTime(&value.Time, &st)) return CellWrite::Refused;
         ts.year = static_cast<SHORT>(st.wYear);
@@ -605,8 +615,11 @@ CDataStore::CellWrite CDataStore::WriteCell(const StoreValue& value, const DataS
         ts.minute = st.wMinute;
         ts.second = st.wSecond;
         ts.fraction = static_cast<ULONG>(st.wMilliseconds) * 1000000u;
-        m_TimestampDay = day;
-        m_TimestampDate = ts;
+        // Samples come in time order, mostly many to a day: the next ones of this day
+        // need only the time of day.
+        m_DayStart = ticks / kTicksPerDay * kTicksPerDay;
+        m_DayEnd = m_DayStart + kTicksPerDay;
+        m_DayDate = ts;
       }
       if (CellFits(rColInfo, sizeof ts, size)) {
         std::memcpy(cell, &ts, sizeof ts);
@@ -622,62 +635,100 @@ CDataStore::CellWrite CDataStore::WriteCell(const StoreValue& value, const DataS
   }
 }
 
+bool CDataStore::SameDay(ULONGLONG ticks, DBTIMESTAMP* ts) const {
+  if (ticks < m_DayStart || ticks >= m_DayEnd) return false;
+  // Truncated as FileTimeToSystemTime truncates.
+  const ULONGLONG rest = ticks - m_DayStart;
+  const uint32_t seconds = static_cast<uint32_t>(rest / kTicksPerSecond);
+  const uint32_t minutes = seconds / 60;
+  *ts = m_DayDate;
+  ts->hour = static_cast<USHORT>(minutes / 60);
+  ts->minute = static_cast<USHORT>(minutes % 60);
+  ts->second = static_cast<USHORT>(seconds % 60);
+  ts->fraction = static_cast<ULONG>(rest - ULONGLONG{seconds} * kTicksPerSecond) / 10000u * 1000000u;
+  return true;
+}
+
 bool CDataStore::WriteCommonCell(const StoreValue& value, const DataStoreColumnInfo& col,
                                  CRefCountedDataStoreRow* row) {
-  // The cells of nearly every row of history: lent or BSTR text into a text cell that
-  // holds it, a time of the same day as the last one, a number of exactly the cell's
-  // type, a plain VARIANT over a plain VARIANT. The same bytes WriteCell writes, without
-  // its general checks; anything else is left to it.
+  // The cells of nearly every row of history: text that fits its column, a time of the
+  // same day as the last one, a number of exactly the cell's type, a plain VARIANT over
+  // a plain VARIANT. The same bytes WriteCell writes, without its general checks (the
+  // row has this store's layout); anything else is left to it.
   BYTE* buffer = row->Buffer();
-  const DBLENGTH size = row->Size();
-  if (!buffer || col.cbOffset >= size) return false;
-  BYTE* cell = buffer + col.cbOffset + 1;
-  const DBLENGTH room = size - col.cbOffset - 1;
+  BYTE* cell = buffer + col.cbOffset;
   switch (value.Kind) {
     case StoreValue::kText: {
-      if (col.wType != DBTYPE_WSTR && col.wType != DBTYPE_BSTR) return false;
       const size_t len = value.Text ? value.TextLength : 0;
-      if (len > col.ulColumnSize || 2 * col.ulColumnSize + 2 > room) return false;
-      if (len) std::memcpy(cell, value.Text, len * sizeof(OLECHAR));
-      std::memset(cell + len * sizeof(OLECHAR), 0, sizeof(OLECHAR));
-      buffer[col.cbOffset] = kStatusValue;
+      if (col.wType != DBTYPE_WSTR || len > col.ulColumnSize) return false;
+      const StoredText stored = PlaceWideText(value, value.Text, len, col, row);
+      if (!stored.text) return false;
+      std::memcpy(cell, &stored, sizeof stored);
+      buffer[col.cbStatus] = kStatusValue;
       return true;
     }
     case StoreValue::kTime: {
-      if (col.wType != DBTYPE_DBTIMESTAMP || room < sizeof(DBTIMESTAMP)) return false;
-      const ULONGLONG ticks = (static_cast<ULONGLONG>(value.Time.dwHighDateTime) << 32) | value.Time.dwLowDateTime;
-      if (ticks / kTicksPerDay != m_TimestampDay) return false;
-      DBTIMESTAMP ts = m_TimestampDate;
-      const ULONGLONG rest = ticks % kTicksPerDay;
-      ts.hour = static_cast<USHORT>(rest / (3600 * kTicksPerSecond));
-      ts.minute = static_cast<USHORT>(rest / (60 * kTicksPerSecond) % 60);
-      ts.second = static_cast<USHORT>(rest / kTicksPerSecond % 60);
-      ts.fraction = static_cast<ULONG>(rest % kTicksPerSecond / 10000) * 1000000u;
+      DBTIMESTAMP ts;
+      if (col.wType != DBTYPE_DBTIMESTAMP ||
+          !SameDay((static_cast<ULONGLONG>(value.Time.dwHighDateTime) << 32) | value.Time.dwLowDateTime, &ts))
+        return false;
       std::memcpy(cell, &ts, sizeof ts);
-      buffer[col.cbOffset] = kStatusValue;
+      buffer[col.cbStatus] = kStatusValue;
       return true;
     }
     case StoreValue::kVariant: {
       const VARTYPE vt = V_VT(&value.Value);
       if (col.wType == DBTYPE_VARIANT) {
-        if (!CRefCountedDataStoreRow::OwnsNothing(vt) || room < sizeof(VARIANT)) return false;
+        if (!CRefCountedDataStoreRow::OwnsNothing(vt)) return false;
         VARTYPE oldType;
         std::memcpy(&oldType, cell, sizeof oldType);
         if (!CRefCountedDataStoreRow::OwnsNothing(oldType)) return false;
         std::memcpy(cell, &value.Value, sizeof(VARIANT));
-        buffer[col.cbOffset] = kStatusValue;
+        buffer[col.cbStatus] = kStatusValue;
+        return true;
+      }
+      if (col.wType == DBTYPE_WSTR && vt == VT_BSTR) {
+        const BSTR text = V_BSTR(&value.Value);
+        size_t len = text ? SysStringLen(text) : 0;
+        if (len > col.ulColumnSize) return false;
+        len = UpToZero(text, len);
+        const void* where = row->StoreText(text, len * sizeof(OLECHAR), sizeof(OLECHAR));
+        if (!where) return false;
+        const StoredText stored{where, len};
+        std::memcpy(cell, &stored, sizeof stored);
+        buffer[col.cbStatus] = kStatusValue;
         return true;
       }
       // The fixed-size cell types are numbered as their VARIANT types.
       const size_t n = VerbatimSize(col.wType);
-      if (n == 0 || vt != static_cast<VARTYPE>(col.wType) || room < n) return false;
+      if (n == 0 || vt != static_cast<VARTYPE>(col.wType)) return false;
       std::memcpy(cell, &V_I8(&value.Value), n);
-      buffer[col.cbOffset] = kStatusValue;
+      buffer[col.cbStatus] = kStatusValue;
       return true;
     }
     default:
       return false;
   }
+}
+
+StoredText CDataStore::PlaceWideText(const StoreValue& value, const OLECHAR* text, size_t length,
+                                     const DataStoreColumnInfo& col, CRefCountedDataStoreRow* row) {
+  // Lent text is mostly the same for many rows (a tag's name, a status text): one copy
+  // in the pool serves every row. Another store's row keeps its text in its own pool,
+  // never in this store's.
+  SharedTextHit* hit = nullptr;
+  if (value.Kind == StoreValue::kText && text && row->m_pPool == m_pPool) {
+    const size_t index = static_cast<size_t>(&col - m_pColumnInfo);
+    if (index < m_LastShared.size()) hit = &m_LastShared[index];
+  }
+  const size_t kept = UpToZero(text, length);
+  if (hit) {
+    if (const OLECHAR* shared = m_pPool->ShareText(text, kept)) {
+      *hit = SharedTextHit{text, length, StoredText{shared, kept}};
+      return hit->cell;
+    }
+  }
+  return StoredText{row->StoreText(text, kept * sizeof(OLECHAR), sizeof(OLECHAR)), kept};
 }
 
 CRefCountedDataStoreRow* CDataStore::NewRow() {
@@ -689,20 +740,77 @@ CRefCountedDataStoreRow* CDataStore::NewRow() {
 }
 
 HRESULT CDataStore::FillRow(const ProducedRecord& record, CRefCountedDataStoreRow* row, CellRunTimer& timer) {
-  for (DBORDINAL j = 0; j < m_cColumns; ++j) {
-    const size_t field = j < m_FieldOfColumn.size() ? m_FieldOfColumn[j] : static_cast<size_t>(j);
-    if (field >= record.size()) continue;  // the row starts with every cell null
-    const DataStoreColumnInfo& col = m_pColumnInfo[j];
+  const bool traced = corvane::TraceWanted(TRACE_DETAIL);
+  const size_t fields = record.size();
+  BYTE* buffer = row->Buffer();
+  for (const FillStep& step : m_FillSteps) {
+    if (step.field >= fields) continue;  // the row starts with every cell null
+    const StoreValue& value = record[step.field];
+    const DataStoreColumnInfo& col = m_pColumnInfo[step.column];
     timer.BeforeCell();
-    CVTRACE(TRACE_DETAIL, OLESTR("CDataStore::SetValue -> rColInfo.wType = %d, rColInfo.cbOffset = %d"),
-            static_cast<int>(col.wType), static_cast<int>(col.cbOffset));
-    if (WriteCommonCell(record[field], col, row)) continue;
-    const CellWrite result = WriteCell(record[field], col, row);
-    timer.AfterCell(result);
-    if (result != CellWrite::Written) {
-      BYTE* buffer = row->Buffer();
-      if (buffer && col.cbOffset < row->Size()) buffer[col.cbOffset] = kStatusNull;
+    if (traced) {
+      CVTRACE(TRACE_DETAIL, OLESTR("CDataStore::SetValue -> rColInfo.wType = %d, rColInfo.cbOffset = %d"),
+              static_cast<int>(col.wType), static_cast<int>(col.cbOffset));
     }
+    // The usual value for the column's type, written in place; the rows are this
+    // store's, so every cell fits.
+    BYTE* cell = buffer + col.cbOffset;
+    switch (step.kind) {
+      case FillStep::kWide:
+        if (value.Kind == StoreValue::kText) {
+          const SharedTextHit& hit = m_LastShared[step.column];
+          // The same text as this column's last, by address and then by content: the
+          // producer may lend other text from the same place.
+          if (hit.source == value.Text && hit.length == value.TextLength && value.Text &&
+              std::memcmp(value.Text, hit.cell.text, hit.cell.length * sizeof(OLECHAR)) == 0 &&
+              (hit.cell.length == hit.length || value.Text[hit.cell.length] == 0)) {
+            std::memcpy(cell, &hit.cell, sizeof hit.cell);
+            buffer[col.cbStatus] = kStatusValue;
+            continue;
+          }
+        }
+        break;
+      case FillStep::kTime:
+        if (value.Kind == StoreValue::kTime) {
+          DBTIMESTAMP ts;
+          if (SameDay((static_cast<ULONGLONG>(value.Time.dwHighDateTime) << 32) | value.Time.dwLowDateTime, &ts)) {
+            std::memcpy(cell, &ts, sizeof ts);
+            buffer[col.cbStatus] = kStatusValue;
+            continue;
+          }
+        }
+        break;
+      case FillStep::kVariant:
+        if (value.Kind == StoreValue::kVariant && CRefCountedDataStoreRow::OwnsNothing(V_VT(&value.Value))) {
+          VARTYPE old;
+          std::memcpy(&old, cell, sizeof old);
+          if (CRefCountedDataStoreRow::OwnsNothing(old)) {
+            std::memcpy(cell, &value.Value, sizeof(VARIANT));
+            buffer[col.cbStatus] = kStatusValue;
+            continue;
+          }
+        }
+        break;
+      case FillStep::kFixed:
+        // The fixed-size cell types are numbered as their VARIANT types.
+        if (value.Kind == StoreValue::kVariant && V_VT(&value.Value) == static_cast<VARTYPE>(col.wType)) {
+          switch (step.size) {
+            case 1: std::memcpy(cell, &V_I8(&value.Value), 1); break;
+            case 2: std::memcpy(cell, &V_I8(&value.Value), 2); break;
+            case 4: std::memcpy(cell, &V_I8(&value.Value), 4); break;
+            default: std::memcpy(cell, &V_I8(&value.Value), 8); break;
+          }
+          buffer[col.cbStatus] = kStatusValue;
+          continue;
+        }
+        break;
+      case FillStep::kOther:
+        break;
+    }
+    if (WriteCommonCell(value, col, row)) continue;
+    const CellWrite result = WriteCell(value, col, row);
+    timer.AfterCell(result);
+    if (result != CellWrite::Written) buffer[col.cbStatus] = kStatusNull;
   }
   return S_OK;
 }
@@ -810,7 +918,14 @@ std::vector<CDataStore::BindingStep> CDataStore::PlanBindings(const DBBINDING* b
     BindingStep& step = plan[static_cast<size_t>(i)];
     if (b.iOrdinal < 1 || b.iOrdinal > m_cColumns || !(b.dwPart & DBPART_VALUE) || (b.wType & DBTYPE_BYREF)) continue;
     const DataStoreColumnInfo& col = m_pColumnInfo[b.iOrdinal - 1];
-    step.cell = col.cbOffset;
+    step.status = col.cbStatus;
+    step.value = col.cbOffset;
+    step.obValue = b.obValue;
+    step.obLength = b.obLength;
+    step.obStatus = b.obStatus;
+    step.maxLen = b.cbMaxLen;
+    step.length = (b.dwPart & DBPART_LENGTH) != 0;
+    step.state = (b.dwPart & DBPART_STATUS) != 0;
     if (col.wType == DBTYPE_VARIANT) {
       if (b.wType == DBTYPE_VARIANT) {
         step.kind = BindingStep::kVariant;
@@ -819,7 +934,7 @@ std::vector<CDataStore::BindingStep> CDataStore::PlanBindings(const DBBINDING* b
         step.vt = static_cast<VARTYPE>(b.wType);
         step.size = static_cast<uint8_t>(VerbatimSize(b.wType));
       }
-    } else if (b.wType == DBTYPE_WSTR && (col.wType == DBTYPE_WSTR || col.wType == DBTYPE_BSTR)) {
+    } else if (b.wType == DBTYPE_WSTR && col.wType == DBTYPE_WSTR) {
       if (b.cbMaxLen >= sizeof(OLECHAR)) step.kind = BindingStep::kWideText;
     } else if (col.wType == b.wType && col.wType == DBTYPE_DBTIMESTAMP) {
       step.kind = BindingStep::kTimestamp;
@@ -829,6 +944,100 @@ std::vector<CDataStore::BindingStep> CDataStore::PlanBindings(const DBBINDING* b
     }
   }
   return plan;
+}
+
+namespace {
+
+// One planned binding of a row that holds a value: false when the general path has to
+// decide (the value needs the conversion service). *length receives the value's length.
+inline bool CopyStep(const CDataStore::BindingStep& step, const BYTE* row, BYTE* dst, DBLENGTH* length) {
+  const BYTE* source = row + step.value;
+  switch (step.kind) {
+    case CDataStore::BindingStep::kFixed:
+      // Constant sizes: a move each, not a call.
+      switch (step.size) {
+        case 1: std::memcpy(dst, source, 1); break;
+        case 2: std::memcpy(dst, source, 2); break;
+        case 4: std::memcpy(dst, source, 4); break;
+        default: std::memcpy(dst, source, 8); break;
+      }
+      *length = step.size;
+      return true;
+    case CDataStore::BindingStep::kTimestamp: {
+      DBTIMESTAMP ts;
+      std::memcpy(&ts, source, sizeof ts);
+      // Years outside 1..9999 are for the conversion service to judge.
+      if (ts.year < 1 || ts.year > 9999) return false;
+      std::memcpy(dst, &ts, sizeof ts);
+      *length = sizeof ts;
+      return true;
+    }
+    case CDataStore::BindingStep::kWideText: {
+      const StoredText text = TextOf(source);
+      const DBLENGTH bytes = text.length * sizeof(OLECHAR);
+      // Text that fits with its terminator is copied whole by every conversion library.
+      if (bytes > step.maxLen - sizeof(OLECHAR)) return false;
+      std::memcpy(dst, text.text, static_cast<size_t>(bytes) + sizeof(OLECHAR));
+      *length = bytes;
+      return true;
+    }
+    case CDataStore::BindingStep::kVariant: {
+      VARTYPE vt;
+      std::memcpy(&vt, source, sizeof vt);
+      // A null or an error code is a status to the service, not a value.
+      if (!CRefCountedDataStoreRow::OwnsNothing(vt) || vt == VT_NULL || vt == VT_ERROR) return false;
+      std::memcpy(dst, source, sizeof(VARIANT));
+      *length = sizeof(VARIANT);
+      return true;
+    }
+    case CDataStore::BindingStep::kVariantScalar: {
+      VARTYPE vt;
+      std::memcpy(&vt, source, sizeof vt);
+      if (vt != step.vt) return false;
+      switch (step.size) {
+        case 1: std::memcpy(dst, source + kVariantValueOffset, 1); break;
+        case 2: std::memcpy(dst, source + kVariantValueOffset, 2); break;
+        case 4: std::memcpy(dst, source + kVariantValueOffset, 4); break;
+        default: std::memcpy(dst, source + kVariantValueOffset, 8); break;
+      }
+      *length = step.size;
+      return true;
+    }
+    case CDataStore::BindingStep::kGeneral:
+      break;
+  }
+  return false;
+}
+
+}  // namespace
+
+bool CDataStore::CopyPlanned(const DBBINDING* bindings, DBCOUNTITEM count, const BindingStep* plan,
+                             const CRefCountedDataStoreRow* row, BYTE* buffer) {
+  // The traces of each copy are written by the general path.
+  if (!plan || !row || !buffer || corvane::TraceWanted(TRACE_DETAIL)) return false;
+  // Reading the clock costs about as much as the copy itself, so one call in
+  // kPlannedSample is timed and counts for all of them. Racing callers may lose a count;
+  // the stopwatch's total stays an estimate of the same quality.
+  const uint32_t call = m_PlannedCalls.load(std::memory_order_relaxed);
+  m_PlannedCalls.store(call + 1, std::memory_order_relaxed);
+  const bool timed = call % kPlannedSample == 0;
+  const uint64_t start = timed ? CStopwatch::Ticks() : 0;
+  (void)bindings;  // the plan holds what is needed of them
+  const BYTE* rowBuffer = row->Buffer();
+  for (DBCOUNTITEM i = 0; i < count; ++i) {
+    const BindingStep& step = plan[i];
+    if (step.kind == BindingStep::kGeneral) return false;
+    DBLENGTH length = 0;
+    DBSTATUS status = DBSTATUS_S_ISNULL;
+    if (rowBuffer[step.status] != kStatusNull) {
+      if (!CopyStep(step, rowBuffer, buffer + step.obValue, &length)) return false;
+      status = DBSTATUS_S_OK;
+    }
+    if (step.length) std::memcpy(buffer + step.obLength, &length, sizeof length);
+    if (step.state) std::memcpy(buffer + step.obStatus, &status, sizeof status);
+  }
+  if (timed) m_Stopwatch.Add((CStopwatch::Ticks() - start) * kPlannedSample);
+  return true;
 }
 
 HRESULT CDataStore::GetData(const DBBINDING* bindings, DBCOUNTITEM count, CRefCountedDataStoreRow* row,
@@ -847,61 +1056,14 @@ HRESULT CDataStore::GetData(const DBBINDING* bindings, DBCOUNTITEM count, CRefCo
 
   for (DBCOUNTITEM i = 0; i < count; ++i) {
     const DBBINDING& b = bindings[i];
-    if (plan && plan[i].kind != BindingStep::kGeneral && rowBuffer && plan[i].cell < rowSize &&
-        rowBuffer[plan[i].cell] != kStatusNull) {
+    if (plan && plan[i].kind != BindingStep::kGeneral && rowBuffer && plan[i].status < rowSize &&
+        plan[i].value < rowSize && rowBuffer[plan[i].status] != kStatusNull) {
       // The copies the conversion service would make unchanged, without asking it.
-      const BindingStep& step = plan[i];
-      const BYTE* source = rowBuffer + step.cell + 1;
-      BYTE* dst = buffer + b.obValue;
       DBLENGTH length = 0;
-      bool done = true;
-      switch (step.kind) {
-        case BindingStep::kFixed:
-          std::memcpy(dst, source, step.size);
-          length = step.size;
-          break;
-        case BindingStep::kTimestamp: {
-          SHORT year;
-          std::memcpy(&year, source + offsetof(DBTIMESTAMP, year), sizeof year);
-          done = year >= 1 && year <= 9999;
-          if (done) std::memcpy(dst, source, sizeof(DBTIMESTAMP));
-          length = sizeof(DBTIMESTAMP);
-          break;
-        }
-        case BindingStep::kWideText: {
-          const size_t maxChars = static_cast<size_t>((rowSize - step.cell - 1) / 2);
-          length = UnalignedWideLength(source, maxChars) * sizeof(OLECHAR);
-          // Text that fits with its terminator is copied whole by every conversion library.
-          done = length <= b.cbMaxLen - sizeof(OLECHAR);
-          if (done) {
-            std::memcpy(dst, source, static_cast<size_t>(length));
-            std::memset(dst + length, 0, sizeof(OLECHAR));
-          }
-          break;
-        }
-        case BindingStep::kVariant:
-        case BindingStep::kVariantScalar: {
-          VARTYPE vt;
-          std::memcpy(&vt, source, sizeof vt);
-          if (step.kind == BindingStep::kVariant) {
-            // A null or an error code is a status to the service, not a value.
-            done = CRefCountedDataStoreRow::OwnsNothing(vt) && vt != VT_NULL && vt != VT_ERROR;
-            if (done) std::memcpy(dst, source, sizeof(VARIANT));
-            length = sizeof(VARIANT);
-          } else {
-            done = vt == step.vt;
-            if (done) std::memcpy(dst, source + kVariantValueOffset, step.size);
-            length = step.size;
-          }
-          break;
-        }
-        case BindingStep::kGeneral:
-          done = false;
-          break;
-      }
-      if (done) {
+      if (CopyStep(plan[i], rowBuffer, buffer + b.obValue, &length)) {
         if (corvane::TraceWanted(TRACE_DETAIL)) {
-          TracePlannedCopy(b, step.kind == BindingStep::kWideText ? length : m_pColumnInfo[b.iOrdinal - 1].ulColumnSize);
+          TracePlannedCopy(b, plan[i].kind == BindingStep::kWideText ? length
+                                                                     : m_pColumnInfo[b.iOrdinal - 1].ulColumnSize);
         }
         WriteLength(buffer, b, length);
         WriteStatus(buffer, b, DBSTATUS_S_OK);
@@ -937,7 +1099,7 @@ HRESULT CDataStore::GetBinding(const DBBINDING& b, const BYTE* rowBuffer, DBLENG
   const DataStoreColumnInfo& col = m_pColumnInfo[b.iOrdinal - 1];
   const bool valueBound = (b.dwPart & DBPART_VALUE) != 0;
 
-  if (!rowBuffer || col.cbOffset >= rowSize || rowBuffer[col.cbOffset] == kStatusNull) {
+  if (!rowBuffer || col.cbStatus >= rowSize || col.cbOffset >= rowSize || rowBuffer[col.cbStatus] == kStatusNull) {
     WriteStatus(buffer, b, DBSTATUS_S_ISNULL);
     WriteLength(buffer, b, 0);
     if (valueBound && (b.wType & DBTYPE_BYREF)) {
@@ -947,14 +1109,15 @@ HRESULT CDataStore::GetBinding(const DBBINDING& b, const BYTE* rowBuffer, DBLENG
     return S_OK;
   }
 
-  const BYTE* source = rowBuffer + col.cbOffset + 1;
+  const BYTE* source = rowBuffer + col.cbOffset;
   const DBTYPE colBase = col.wType & ~DBTYPE_BYREF;
-  const size_t maxChars = static_cast<size_t>((rowSize - col.cbOffset - 1) / 2);
+  const bool textCell = col.wType == DBTYPE_WSTR || col.wType == DBTYPE_STR;
+  const StoredText text = textCell ? TextOf(source) : StoredText{nullptr, 0};
   DBLENGTH cbCol = col.ulColumnSize;
-  if (col.wType == DBTYPE_WSTR || col.wType == DBTYPE_BSTR) {
-    cbCol = UnalignedWideLength(source, maxChars) * sizeof(OLECHAR);
+  if (col.wType == DBTYPE_WSTR) {
+    cbCol = text.length * sizeof(OLECHAR);
   } else if (col.wType == DBTYPE_STR) {
-    cbCol = strnlen(reinterpret_cast<const char*>(source), static_cast<size_t>(rowSize - col.cbOffset - 1));
+    cbCol = text.length;
   }
   DBLENGTH cbDst = std::min(cbCol, b.cbMaxLen);
 
@@ -965,13 +1128,14 @@ HRESULT CDataStore::GetBinding(const DBBINDING& b, const BYTE* rowBuffer, DBLENG
       WriteLength(buffer, b, 0);
       return S_FALSE;
     }
-    const void* pointer = source;
+    const void* pointer = textCell ? text.text : source;
     if (col.wType & DBTYPE_BYREF) std::memcpy(&pointer, source, sizeof pointer);
     std::memcpy(buffer + b.obValue, &pointer, sizeof pointer);
     DBLENGTH length = col.ulColumnSize;
-    if (colBase == DBTYPE_WSTR || colBase == DBTYPE_BSTR) {
-      length = (col.wType & DBTYPE_BYREF) ? corvane::WLen(static_cast<const OLECHAR*>(pointer)) * sizeof(OLECHAR)
-                                          : cbCol;
+    if (textCell) {
+      length = cbCol;
+    } else if (colBase == DBTYPE_WSTR || colBase == DBTYPE_BSTR) {
+      length = corvane::WLen(static_cast<const OLECHAR*>(pointer)) * sizeof(OLECHAR);
     } else if (colBase == DBTYPE_STR) {
       length = std::strlen(static_cast<const char*>(pointer));
     }
@@ -987,11 +1151,10 @@ HRESULT CDataStore::GetBinding(const DBBINDING& b, const BYTE* rowBuffer, DBLENG
 
   if (valueBound) {
     DBLENGTH copied = 0;
-    if (b.wType == DBTYPE_WSTR && (col.wType == DBTYPE_WSTR || col.wType == DBTYPE_BSTR) &&
-        b.cbMaxLen >= sizeof(OLECHAR) && cbCol <= b.cbMaxLen - sizeof(OLECHAR)) {
+    if (b.wType == DBTYPE_WSTR && col.wType == DBTYPE_WSTR && b.cbMaxLen >= sizeof(OLECHAR) &&
+        cbCol <= b.cbMaxLen - sizeof(OLECHAR)) {
       // Text that fits with its terminator is copied whole by every conversion library.
-      std::memcpy(buffer + b.obValue, source, static_cast<size_t>(cbCol));
-      std::memset(buffer + b.obValue + cbCol, 0, sizeof(OLECHAR));
+      std::memcpy(buffer + b.obValue, text.text, static_cast<size_t>(cbCol) + sizeof(OLECHAR));
       CVTRACE(TRACE_DETAIL, OLESTR("CDataStore::GetData -> hr = %X"), static_cast<unsigned>(S_OK));
       WriteLength(buffer, b, cbCol);
       WriteStatus(buffer, b, DBSTATUS_S_OK);
@@ -1009,21 +1172,9 @@ HRESULT CDataStore::GetBinding(const DBBINDING& b, const BYTE* rowBuffer, DBLENG
   const HRESULT hrConvert = Converter(&convert);
   if (FAILED(hrConvert)) return hrConvert;
 
-  // The conversion service reads aligned values; the cells are not aligned.
-  alignas(8) BYTE fixed[sizeof(VARIANT)];
-  void* src;
-  if (col.wType == DBTYPE_WSTR || col.wType == DBTYPE_BSTR) {
-    m_WideScratch.resize(cbCol / sizeof(OLECHAR) + 1);
-    std::memcpy(m_WideScratch.data(), source, static_cast<size_t>(cbCol));
-    m_WideScratch[cbCol / sizeof(OLECHAR)] = 0;
-    src = m_WideScratch.data();
-  } else if (col.wType == DBTYPE_STR) {
-    src = const_cast<BYTE*>(source);
-  } else {
-    const size_t n = (col.wType & DBTYPE_BYREF) ? sizeof(void*) : static_cast<size_t>(col.ulColumnSize);
-    std::memcpy(fixed, source, std::min(n, sizeof fixed));
-    src = fixed;
-  }
+  // Cells are aligned for their type and text is terminated: the service reads them
+  // where they are.
+  void* src = const_cast<void*>(textCell ? text.text : static_cast<const void*>(source));
 
   void* dst;
   DBLENGTH dstMax = b.cbMaxLen;

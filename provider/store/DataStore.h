@@ -4,6 +4,7 @@
 // through the data conversion service. Rows leave the queue when handed out; the
 // store never rewinds.
 #pragma once
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -56,13 +57,21 @@ class CDataStore {
   // What GetData does for one binding, decided once for an accessor from the binding
   // and the column it reads: a plain copy of the cell when the conversion service
   // would only copy it, else the general path. A plain copy still falls back to the
-  // general path for a cell that is null or whose value needs the service.
+  // general path for a value that needs the service.
   struct BindingStep {
     enum Kind : uint8_t { kGeneral, kFixed, kTimestamp, kWideText, kVariant, kVariantScalar };
     Kind kind = kGeneral;
-    uint8_t size = 0;      // bytes copied by kFixed and kVariantScalar
+    uint8_t size = 0;       // bytes copied by kFixed and kVariantScalar
     VARTYPE vt = VT_EMPTY;  // the VARIANT type kVariantScalar copies from
-    DBBYTEOFFSET cell = 0;  // the column's status byte in the row
+    bool length = false;      // the binding's parts: length
+    bool state = false;       // and status
+    DBBYTEOFFSET status = 0;  // the column's status byte in the row
+    DBBYTEOFFSET value = 0;   // the column's value in the row
+    // The binding's offsets and room, so that a copy reads the plan alone.
+    DBBYTEOFFSET obValue = 0;
+    DBBYTEOFFSET obLength = 0;
+    DBBYTEOFFSET obStatus = 0;
+    DBLENGTH maxLen = 0;
   };
   // The plan for `bindings` against the current layout, one step per binding.
   // LayoutGeneration() changes with the layout, and a plan made before no longer fits.
@@ -73,6 +82,15 @@ class CDataStore {
   // PlanBindings for these bindings and this layout generation.
   HRESULT GetData(const DBBINDING* bindings, DBCOUNTITEM count, CRefCountedDataStoreRow* row, BYTE* buffer,
                   const BindingStep* plan = nullptr);
+  // GetData of a row whose bindings the plan copies without the conversion service,
+  // as it is for nearly every row: true and S_OK's result when every binding was
+  // copied. It reads only the row, the plan and the bindings, which do not change
+  // while the consumer holds the row and the accessor, so several threads may call it
+  // at once and at the same time as the store is filled. False when a binding needs
+  // the general path (a text longer than the consumer's buffer, a VARIANT that owns
+  // memory, detail tracing): GetData then does the whole call.
+  bool CopyPlanned(const DBBINDING* bindings, DBCOUNTITEM count, const BindingStep* plan,
+                   const CRefCountedDataStoreRow* row, BYTE* buffer);
 
   // Drops every queued row and stops the stopwatch.
   void Clear();
@@ -125,6 +143,13 @@ class CDataStore {
   CellWrite WriteCell(const StoreValue& value, const DataStoreColumnInfo& rColInfo, CRefCountedDataStoreRow* row);
   // WriteCell for the common cells of history rows; false (nothing written) otherwise.
   bool WriteCommonCell(const StoreValue& value, const DataStoreColumnInfo& col, CRefCountedDataStoreRow* row);
+  // The cell of `length` characters of `text` (already cut to the column's size): up to
+  // its first zero, shared for lent text when the row's pool has room, else in the
+  // row's own buffer. A null text pointer when memory runs out.
+  StoredText PlaceWideText(const StoreValue& value, const OLECHAR* text, size_t length,
+                           const DataStoreColumnInfo& col, CRefCountedDataStoreRow* row);
+  // The timestamp of `ticks` when it falls on the day of the last one converted.
+  bool SameDay(ULONGLONG ticks, DBTIMESTAMP* ts) const;
   void FreeColumnInfo();
   CRefCountedDataStoreRow* NewRow();
   HRESULT FillRow(const ProducedRecord& record, CRefCountedDataStoreRow* row, CellRunTimer& timer);
@@ -143,6 +168,17 @@ class CDataStore {
   std::unique_ptr<CDataProvider> m_pProducer;
   std::vector<size_t> m_ColumnSource;  // column record behind each description entry
   std::vector<size_t> m_FieldOfColumn;  // producer field feeding each store column
+  // How FillRow writes each column when its value is of the usual kind for the
+  // column's type; anything else goes through WriteCommonCell and WriteCell.
+  struct FillStep {
+    enum Kind : uint8_t { kOther, kWide, kTime, kVariant, kFixed };
+    size_t field;  // in the producer's records
+    DBORDINAL column;
+    Kind kind;
+    uint8_t size;  // kFixed: the value's bytes; its VARIANT type is the column's type
+  };
+  std::vector<FillStep> m_FillSteps;
+  void PlanFill();
   ULONGLONG m_MaxRows = 0;
   ULONGLONG m_RowsQueued = 0;
   bool m_bEndOfData = false;
@@ -152,12 +188,25 @@ class CDataStore {
   size_t m_IncomingNext = 0;
 
   IDataConvert* m_pConvert = nullptr;
-  std::vector<OLECHAR> m_WideScratch;
   std::vector<uint64_t> m_DstScratch;
+  // GetData without the lock reads the clock for one call in kPlannedSample.
+  static constexpr uint32_t kPlannedSample = 16;
+  std::atomic<uint32_t> m_PlannedCalls{0};
+
+  // The last lent text each column shared: producers lend the same text row after row.
+  struct SharedTextHit {
+    const OLECHAR* source = nullptr;
+    size_t length = 0;
+    StoredText cell{nullptr, 0};
+  };
+  std::vector<SharedTextHit> m_LastShared;
 
   CStopwatch m_Stopwatch;
 
   // The calendar date of the last timestamp cell written, by FILETIME day number.
-  ULONGLONG m_TimestampDay = ~0ull;
-  DBTIMESTAMP m_TimestampDate{};
+  // The calendar day of the last timestamp converted: [m_DayStart, m_DayEnd) in FILETIME
+  // ticks, and its date.
+  ULONGLONG m_DayStart = 1;
+  ULONGLONG m_DayEnd = 0;
+  DBTIMESTAMP m_DayDate{};
 };

@@ -9,100 +9,115 @@ namespace {
 constexpr DBTYPE kStrRef = DBTYPE_STR | DBTYPE_BYREF;
 constexpr DBTYPE kWStrRef = DBTYPE_WSTR | DBTYPE_BYREF;
 
-// Values sit one byte after their status byte, so they are never aligned: every access
-// goes through memcpy.
-bool CellFits(DBBYTEOFFSET offset, size_t valueBytes, DBLENGTH size) {
-  return offset < size && size - offset - 1 >= valueBytes;
-}
-
-bool PlainVarType(VARTYPE vt) { return CRefCountedDataStoreRow::OwnsNothing(vt); }
+bool IsTextCell(DBTYPE type) { return type == DBTYPE_WSTR || type == DBTYPE_STR; }
 
 }  // namespace
 
-CRefCountedDataStoreRow::CRefCountedDataStoreRow(BYTE* buffer, const DataStoreColumnInfo* columns,
-                                                 DBORDINAL columnCount, DBLENGTH size)
-    : m_pBuffer(buffer), m_pColumns(columns), m_cColumns(columnCount), m_cbSize(size) {}
+CRefCountedDataStoreRow::CRefCountedDataStoreRow(Pool* pool, BYTE* buffer, const DataStoreColumnInfo* columns,
+                                                 DBORDINAL count, DBLENGTH size)
+    : m_pBuffer(buffer), m_pColumns(columns), m_cColumns(count), m_cbSize(size), m_pPool(pool) {}
 
-CRefCountedDataStoreRow::~CRefCountedDataStoreRow() {
-  ReleaseBuffer(m_pBuffer, m_cbSize, m_pColumns, m_cColumns);
-}
+CRefCountedDataStoreRow::~CRefCountedDataStoreRow() { CoTaskMemFree(m_pText); }
 
 ULONG CRefCountedDataStoreRow::Release() {
-  const ULONG left = --m_cRef;
-  if (left == 0) {
-    if (m_pPool) {
-      m_pPool->GiveBack(this);
-    } else {
-      delete this;
-    }
-  }
+  const ULONG left = m_cRef.fetch_sub(1, std::memory_order_acq_rel) - 1;
+  if (left == 0) m_pPool->GiveBack(this);
   return left;
 }
 
-void CRefCountedDataStoreRow::InitializeBuffer(BYTE* buffer, DBLENGTH size, const DataStoreColumnInfo* columns,
-                                               DBORDINAL count) {
-  if (!buffer) return;
-  for (DBORDINAL i = 0; i < count; ++i) {
-    const DataStoreColumnInfo& col = columns[i];
-    if (col.cbOffset >= size) continue;
-    buffer[col.cbOffset] = 0;
-    if (col.wType == DBTYPE_VARIANT && CellFits(col.cbOffset, sizeof(VARIANT), size)) {
-      VARIANT empty;
-      VariantInit(&empty);
-      std::memcpy(buffer + col.cbOffset + 1, &empty, sizeof empty);
-    } else if ((col.wType == kStrRef || col.wType == kWStrRef) && CellFits(col.cbOffset, sizeof(void*), size)) {
-      void* null = nullptr;
-      std::memcpy(buffer + col.cbOffset + 1, &null, sizeof null);
-    }
+void CRefCountedDataStoreRow::ReleaseMany(CRefCountedDataStoreRow* const* rows, size_t count) {
+  // Consecutive rows of one pool go back together: one lock for a whole batch.
+  CRefCountedDataStoreRow* done[256];
+  size_t n = 0;
+  auto flush = [&] {
+    if (n) done[0]->m_pPool->GiveBackMany(done, n);
+    n = 0;
+  };
+  for (size_t i = 0; i < count; ++i) {
+    CRefCountedDataStoreRow* row = rows[i];
+    if (row->m_cRef.fetch_sub(1, std::memory_order_acq_rel) != 1) continue;
+    if (n == std::size(done) || (n && done[0]->m_pPool != row->m_pPool)) flush();
+    done[n++] = row;
   }
+  flush();
 }
 
-namespace {
+const void* CRefCountedDataStoreRow::StoreText(const void* bytes, size_t n, size_t terminator) {
+  const size_t start = (m_cbTextUsed + 1) & ~size_t{1};
+  const size_t end = start + n + terminator;
+  if (end < start) return nullptr;
+  if (end > m_cbTextCapacity) {
+    size_t capacity = std::max<size_t>(64, m_cbTextCapacity);
+    while (capacity < end) capacity *= 2;
+    auto* grown = static_cast<BYTE*>(CoTaskMemAlloc(capacity));
+    if (!grown) return nullptr;
+    if (m_cbTextUsed) std::memcpy(grown, m_pText, m_cbTextUsed);
+    // The cells written so far point into the old buffer.
+    for (DBORDINAL i = 0; i < m_cColumns; ++i) {
+      const DataStoreColumnInfo& col = m_pColumns[i];
+      if (!IsTextCell(col.wType) || m_pBuffer[col.cbStatus] == 0) continue;
+      StoredText cell;
+      std::memcpy(&cell, m_pBuffer + col.cbOffset, sizeof cell);
+      const BYTE* at = static_cast<const BYTE*>(cell.text);
+      if (m_pText && at >= m_pText && at < m_pText + m_cbTextUsed) {
+        cell.text = grown + (at - m_pText);
+        std::memcpy(m_pBuffer + col.cbOffset, &cell, sizeof cell);
+      }
+    }
+    CoTaskMemFree(m_pText);
+    m_pText = grown;
+    m_cbTextCapacity = capacity;
+  }
+  BYTE* copy = m_pText + start;
+  if (n) std::memcpy(copy, bytes, n);
+  std::memset(copy + n, 0, terminator);
+  m_cbTextUsed = end;
+  return copy;
+}
 
-// Clears VARIANT cells and frees by-reference strings, leaving the buffer itself.
-void ReleaseContents(BYTE* buffer, DBLENGTH size, const DataStoreColumnInfo* columns, DBORDINAL count) {
-  for (DBORDINAL i = 0; columns && i < count; ++i) {
-    const DataStoreColumnInfo& col = columns[i];
-    BYTE* value = buffer + col.cbOffset + 1;
-    if (col.wType == DBTYPE_VARIANT && CellFits(col.cbOffset, sizeof(VARIANT), size)) {
+void CRefCountedDataStoreRow::ReleaseContents(const std::vector<DBORDINAL>& owning) {
+  for (DBORDINAL i : owning) {
+    const DataStoreColumnInfo& col = m_pColumns[i];
+    BYTE* value = m_pBuffer + col.cbOffset;
+    if (col.wType == DBTYPE_VARIANT) {
       VARTYPE vt;
       std::memcpy(&vt, value, sizeof vt);
-      if (PlainVarType(vt)) {
-        // All VariantClear would do.
-        const VARTYPE empty = VT_EMPTY;
-        std::memcpy(value, &empty, sizeof empty);
-        continue;
-      }
-      VARIANT v;
-      std::memcpy(&v, value, sizeof v);
-      VariantClear(&v);
-      std::memcpy(value, &v, sizeof v);
-    } else if ((col.wType == kStrRef || col.wType == kWStrRef) && CellFits(col.cbOffset, sizeof(void*), size)) {
+      // A plain value is simply overwritten by the next row.
+      if (OwnsNothing(vt)) continue;
+      VariantClear(reinterpret_cast<VARIANT*>(value));
+    } else {
       void* text = nullptr;
       std::memcpy(&text, value, sizeof text);
+      if (!text) continue;
       CoTaskMemFree(text);
       text = nullptr;
       std::memcpy(value, &text, sizeof text);
     }
   }
-}
-
-}  // namespace
-
-void CRefCountedDataStoreRow::ReleaseBuffer(BYTE* buffer, DBLENGTH size, const DataStoreColumnInfo* columns,
-                                            DBORDINAL count) {
-  if (!buffer) return;
-  ReleaseContents(buffer, size, columns, count);
-  CoTaskMemFree(buffer);
+  m_cbTextUsed = 0;
+  if (m_cbTextCapacity > Pool::kMaxKeptText) {
+    CoTaskMemFree(m_pText);
+    m_pText = nullptr;
+    m_cbTextCapacity = 0;
+  }
 }
 
 // ---- Pool
 
 CRefCountedDataStoreRow::Pool::Pool(const DataStoreColumnInfo* columns, DBORDINAL count, DBLENGTH rowSize)
-    : m_pColumns(columns),
-      m_cColumns(count),
-      m_cbRowSize(rowSize),
-      m_MaxFree(std::min<size_t>(kMaxFreeRows, kMaxFreeBytes / static_cast<size_t>(std::max<DBLENGTH>(rowSize, 1)))) {}
+    : m_pColumns(columns), m_cColumns(count), m_cbRowSize(rowSize), m_cbStatus(0) {
+  for (DBORDINAL i = 0; i < count; ++i) {
+    m_cbStatus = std::max<DBLENGTH>(m_cbStatus, columns[i].cbStatus + 1);
+    if (columns[i].wType == DBTYPE_VARIANT || columns[i].wType == kStrRef || columns[i].wType == kWStrRef)
+      m_Owning.push_back(i);
+  }
+  const size_t perRow = sizeof(CRefCountedDataStoreRow) + static_cast<size_t>(rowSize);
+  m_MaxFree = std::min<size_t>(kMaxFreeRows, kMaxFreeBytes / perRow);
+}
+
+CRefCountedDataStoreRow::Pool::~Pool() {
+  for (OLECHAR* block : m_SharedBlocks) delete[] block;
+}
 
 CRefCountedDataStoreRow* CRefCountedDataStoreRow::Pool::Take() {
   Lock();
@@ -119,49 +134,57 @@ CRefCountedDataStoreRow* CRefCountedDataStoreRow::Pool::Take() {
     row->m_cRef.store(1, std::memory_order_relaxed);
     // Released contents are already empty cells; only the status bytes still say
     // what the previous row held.
-    BYTE* buffer = row->m_pBuffer;
-    for (DBORDINAL i = 0; i < m_cColumns; ++i) {
-      if (m_pColumns[i].cbOffset < m_cbRowSize) buffer[m_pColumns[i].cbOffset] = 0;
-    }
+    std::memset(row->m_pBuffer, 0, static_cast<size_t>(m_cbStatus));
     return row;
   }
 
-  auto* buffer = static_cast<BYTE*>(CoTaskMemAlloc(m_cbRowSize ? m_cbRowSize : 1));
-  if (buffer) {
-    InitializeBuffer(buffer, m_cbRowSize, m_pColumns, m_cColumns);
-    row = new (std::nothrow) CRefCountedDataStoreRow(buffer, m_pColumns, m_cColumns, m_cbRowSize);
-    if (!row) CoTaskMemFree(buffer);
+  // The row and its buffer in one block: a row's cells start in its own cache lines.
+  void* block = CoTaskMemAlloc(sizeof(CRefCountedDataStoreRow) + static_cast<size_t>(m_cbRowSize));
+  if (block) {
+    BYTE* buffer = static_cast<BYTE*>(block) + sizeof(CRefCountedDataStoreRow);
+    std::memset(buffer, 0, static_cast<size_t>(m_cbRowSize));
+    for (DBORDINAL i : m_Owning) {
+      if (m_pColumns[i].wType == DBTYPE_VARIANT) VariantInit(reinterpret_cast<VARIANT*>(buffer + m_pColumns[i].cbOffset));
+    }
+    row = new (block) CRefCountedDataStoreRow(this, buffer, m_pColumns, m_cColumns, m_cbRowSize);
+    return row;
   }
-  if (!row) {
-    Lock();
-    --m_cOut;
-    const bool last = m_bDetached && m_cOut == 0;
-    Unlock();
-    if (last) delete this;
-    return nullptr;
-  }
-  row->m_pPool = this;
-  return row;
+  Lock();
+  --m_cOut;
+  const bool last = m_bDetached && m_cOut == 0;
+  Unlock();
+  if (last) delete this;
+  return nullptr;
 }
 
 void CRefCountedDataStoreRow::Pool::Destroy(CRefCountedDataStoreRow* row) {
-  row->m_pPool = nullptr;
-  delete row;
+  row->~CRefCountedDataStoreRow();
+  CoTaskMemFree(row);
 }
 
-void CRefCountedDataStoreRow::Pool::GiveBack(CRefCountedDataStoreRow* row) {
-  ReleaseContents(row->m_pBuffer, row->m_cbSize, row->m_pColumns, row->m_cColumns);
+void CRefCountedDataStoreRow::Pool::GiveBackMany(CRefCountedDataStoreRow* const* rows, size_t count) {
+  for (size_t i = 0; i < count; ++i) rows[i]->ReleaseContents(m_Owning);
+  CRefCountedDataStoreRow* spare = nullptr;  // rows the free list has no room for
   Lock();
-  --m_cOut;
-  const bool keep = !m_bDetached && m_cFree < m_MaxFree;
-  if (keep) {
-    row->m_pNext = m_pFree;
-    m_pFree = row;
-    ++m_cFree;
+  m_cOut -= count;
+  for (size_t i = 0; i < count; ++i) {
+    CRefCountedDataStoreRow* row = rows[i];
+    if (!m_bDetached && m_cFree < m_MaxFree) {
+      row->m_pNext = m_pFree;
+      m_pFree = row;
+      ++m_cFree;
+    } else {
+      row->m_pNext = spare;
+      spare = row;
+    }
   }
   const bool last = m_bDetached && m_cOut == 0;
   Unlock();
-  if (!keep) Destroy(row);
+  while (spare) {
+    CRefCountedDataStoreRow* next = spare->m_pNext;
+    Destroy(spare);
+    spare = next;
+  }
   if (last) delete this;
 }
 
@@ -186,4 +209,33 @@ void CRefCountedDataStoreRow::Pool::Detach() {
   const bool last = m_cOut == 0;
   Unlock();
   if (last) delete this;
+}
+
+const OLECHAR* CRefCountedDataStoreRow::Pool::ShareText(const OLECHAR* text, size_t length) {
+  const corvane::WStringView key(text, length);
+  auto found = m_Shared.find(key);
+  if (found != m_Shared.end()) return found->second;
+  if (length >= kSharedBlock || m_SharedTotal + length + 1 > kMaxSharedChars) return nullptr;
+  if (m_SharedBlocks.empty() || m_SharedUsed + length + 1 > kSharedBlock) {
+    auto* block = new (std::nothrow) OLECHAR[kSharedBlock];
+    if (!block) return nullptr;
+    try {
+      m_SharedBlocks.push_back(block);
+    } catch (const std::bad_alloc&) {
+      delete[] block;
+      return nullptr;
+    }
+    m_SharedUsed = 0;
+  }
+  OLECHAR* copy = m_SharedBlocks.back() + m_SharedUsed;
+  if (length) std::memcpy(copy, text, length * sizeof(OLECHAR));
+  copy[length] = 0;
+  try {
+    m_Shared.emplace(corvane::WStringView(copy, length), copy);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+  m_SharedUsed += length + 1;
+  m_SharedTotal += length + 1;
+  return copy;
 }

@@ -1,46 +1,60 @@
-// One row of a data store: a task-allocated byte buffer laid out by the store's column
-// description. Counted, so that a row handed to the consumer outlives its place in the
-// store's queue for as long as the rowset holds a handle to it.
+// One row of a data store: the status bytes and cells laid out by the store's column
+// description, and the text of its text cells. Counted, so that a row handed to the
+// consumer outlives its place in the store's queue for as long as the rowset holds a
+// handle to it. Rows are made only by their store's pool.
 #pragma once
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <unordered_map>
+#include <vector>
 
 #include "platform/Platform.h"
+#include "platform/WideString.h"
 
 // A rowset column as the store describes it: the OLE DB column information followed
-// by the offset of the column's cell in the row buffer.
+// by where the column's value and status byte are in the row buffer.
 struct DataStoreColumnInfo : DBCOLUMNINFO {
-  DBBYTEOFFSET cbOffset;
+  DBBYTEOFFSET cbOffset;  // the value, aligned for its type
+  DBBYTEOFFSET cbStatus;  // the status byte; every status byte comes before the values
+};
+
+// The cell of a DBTYPE_WSTR or DBTYPE_STR column: its text (characters or bytes) with a
+// terminator after `length` of them. A column's size bounds the length, not the row:
+// the text lives in the row's own text buffer, or, for text the producer lends and
+// repeats (a tag's name, a status text), once in the store's shared texts.
+struct StoredText {
+  const void* text;
+  size_t length;
 };
 
 class CRefCountedDataStoreRow {
  public:
-  // Takes ownership of `buffer` (CoTaskMemAlloc). The column description must outlive
-  // the row; the store's owner keeps it until every row is released.
-  CRefCountedDataStoreRow(BYTE* buffer, const DataStoreColumnInfo* columns, DBORDINAL columnCount,
-                          DBLENGTH size);
+  class Pool;
+
   CRefCountedDataStoreRow(const CRefCountedDataStoreRow&) = delete;
   CRefCountedDataStoreRow& operator=(const CRefCountedDataStoreRow&) = delete;
 
   // A new row is created with one reference, held by whoever created it.
-  ULONG AddRef() { return ++m_cRef; }
-  // Frees the contents and the row on the last release.
+  ULONG AddRef() { return m_cRef.fetch_add(1, std::memory_order_relaxed) + 1; }
+  // Frees the contents and gives the row back to its pool on the last release.
   ULONG Release();
+  // Release of each of `rows`, with the rows whose last reference went given back to
+  // their pool in one step.
+  static void ReleaseMany(CRefCountedDataStoreRow* const* rows, size_t count);
 
   BYTE* Buffer() const { return m_pBuffer; }
   DBLENGTH Size() const { return m_cbSize; }
   const DataStoreColumnInfo* Columns() const { return m_pColumns; }
   DBORDINAL ColumnCount() const { return m_cColumns; }
+  // Bytes the row takes with its text, for memory accounting.
+  size_t Footprint() const { return sizeof(*this) + static_cast<size_t>(m_cbSize) + m_cbTextCapacity; }
 
-  // Prepares a fresh buffer: every status byte 0, VARIANT cells empty, by-reference
-  // pointers null, so that releasing a partly filled row is always safe.
-  static void InitializeBuffer(BYTE* buffer, DBLENGTH size, const DataStoreColumnInfo* columns,
-                               DBORDINAL count);
-  // Clears VARIANT cells, frees by-reference strings, then frees the buffer itself.
-  static void ReleaseBuffer(BYTE* buffer, DBLENGTH size, const DataStoreColumnInfo* columns, DBORDINAL count);
+  // Copies `bytes` and `terminator` zero bytes into the row's text buffer and returns
+  // the copy, 2-byte aligned; null when memory runs out. Text cells already written
+  // keep pointing at their text when the buffer has to grow.
+  const void* StoreText(const void* bytes, size_t n, size_t terminator);
 
-  // A VARIANT type whose value holds no resource: copying and clearing it only move bytes.
   static bool OwnsNothing(VARTYPE vt) {
     // EMPTY..DATE, ERROR, BOOL and I1..UINT: the types whose VARIANT is its bytes. The
     // row's cells and every fetch ask this, so it is a bit test rather than a call.
@@ -50,28 +64,33 @@ class CRefCountedDataStoreRow {
 
  private:
   friend class CDataStore;
-  class Pool;
 
-
+  CRefCountedDataStoreRow(Pool* pool, BYTE* buffer, const DataStoreColumnInfo* columns, DBORDINAL count,
+                          DBLENGTH size);
   ~CRefCountedDataStoreRow();
+  // Clears owning VARIANT cells, frees by-reference strings and forgets the text.
+  void ReleaseContents(const std::vector<DBORDINAL>& owning);
 
   std::atomic<ULONG> m_cRef{1};
   BYTE* m_pBuffer;
   const DataStoreColumnInfo* m_pColumns;
   DBORDINAL m_cColumns;
   DBLENGTH m_cbSize;
-  // The store's pool the row goes back to on its last release; null for a row made by
-  // the public constructor, which is deleted instead.
-  Pool* m_pPool = nullptr;
+  Pool* m_pPool;
+  // The text of text cells that is not shared: one buffer, kept for the next row.
+  BYTE* m_pText = nullptr;
+  size_t m_cbTextUsed = 0;
+  size_t m_cbTextCapacity = 0;
   // Links in the store's queue of rows not yet handed out, or in the pool's free list.
   CRefCountedDataStoreRow* m_pPrev = nullptr;
   CRefCountedDataStoreRow* m_pNext = nullptr;
 };
 
-// Every row of a store has the store's layout, so a released row's buffer serves the
-// next row as it is: only its status bytes and the cells that own memory need to be
-// made empty again. The pool keeps at most a fixed number of bytes of free rows, and
-// it outlives its store for as long as rows made from it are still held.
+// Every row of a store has the store's layout, so a released row serves the next row as
+// it is: only its status bytes and the cells that own memory need to be made empty
+// again. The pool keeps at most a fixed number of bytes of free rows, holds the texts
+// the store shares between rows, and outlives its store for as long as rows made from
+// it are still held.
 class CRefCountedDataStoreRow::Pool {
  public:
   Pool(const DataStoreColumnInfo* columns, DBORDINAL count, DBLENGTH rowSize);
@@ -81,19 +100,30 @@ class CRefCountedDataStoreRow::Pool {
   // A row with one reference and every cell null; null when memory runs out.
   CRefCountedDataStoreRow* Take();
   // The last reference went: the row's contents are freed and the row kept or freed.
-  void GiveBack(CRefCountedDataStoreRow* row);
+  void GiveBack(CRefCountedDataStoreRow* row) { GiveBackMany(&row, 1); }
+  void GiveBackMany(CRefCountedDataStoreRow* const* rows, size_t count);
   // Frees the free rows and stops keeping any (no more rows will be taken).
   void Trim();
   // The store goes: frees the free rows; the pool deletes itself now or with the last
   // row still held.
   void Detach();
 
+  // The shared copy of `text` (with a terminator), made on first use; null when the
+  // shared texts are full, and the caller then stores the text in the row. Only the
+  // store's filling thread calls this; rows read the copies until the pool goes.
+  const OLECHAR* ShareText(const OLECHAR* text, size_t length);
+
   // Free rows kept at most, whatever the row size.
   static constexpr size_t kMaxFreeBytes = 32u << 20;
   static constexpr size_t kMaxFreeRows = 4096;
+  // A row's text buffer larger than this is not kept for the next row.
+  static constexpr size_t kMaxKeptText = 4096;
+  // Shared texts: at most this many characters in all, in blocks of kSharedBlock.
+  static constexpr size_t kMaxSharedChars = 1u << 20;
+  static constexpr size_t kSharedBlock = 16384;
 
  private:
-  ~Pool() = default;
+  ~Pool();
   void Lock() {
     while (m_Lock.exchange(true, std::memory_order_acquire)) {
     }
@@ -105,9 +135,16 @@ class CRefCountedDataStoreRow::Pool {
   const DataStoreColumnInfo* m_pColumns;
   DBORDINAL m_cColumns;
   DBLENGTH m_cbRowSize;
+  DBLENGTH m_cbStatus;              // the status bytes at the start of every row
+  std::vector<DBORDINAL> m_Owning;  // VARIANT and by-reference columns
   size_t m_MaxFree;
   CRefCountedDataStoreRow* m_pFree = nullptr;
   size_t m_cFree = 0;
   size_t m_cOut = 0;  // rows taken and not yet given back
   bool m_bDetached = false;
+
+  std::vector<OLECHAR*> m_SharedBlocks;
+  size_t m_SharedUsed = 0;   // characters used in the last block
+  size_t m_SharedTotal = 0;  // characters in all blocks
+  std::unordered_map<corvane::WStringView, const OLECHAR*> m_Shared;
 };

@@ -43,6 +43,12 @@ class CStopwatch {
     m_bRunning = false;
     Unlock();
   }
+  // Adds `ticks` to the total, leaving the watch's state as it is.
+  void Add(uint64_t ticks) {
+    Lock();
+    m_Total += ticks;
+    Unlock();
+  }
   bool Running() {
     Lock();
     const bool running = m_bRunning;

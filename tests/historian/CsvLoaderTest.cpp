@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cstdio>
 
 #include "historian/CsvLoader.h"
@@ -145,6 +146,48 @@ TEST_F(CsvRejected, EachProblemWithItsLineAndNothingLoaded) {
     EXPECT_EQ(samples, store_->SampleCount()) << c.reason;
     EXPECT_EQ(tags, store_->TagCount()) << c.reason;
   }
+}
+
+
+// A file is read a block at a time: records that straddle blocks (a quoted text with
+// line breaks, a CRLF split in two, a long tag name) load as from memory, and a refused
+// sample is named by its line when the file has to be read again to find it.
+TEST_F(CsvAccepted, AFileLoadsInBlocksAsTextLoadsWhole) {
+  std::string text = "tag,timestamp,value,quality\r\n";
+  const std::string longName(300, 'L');
+  for (int i = 0; i < 60000; ++i) {
+    char time[32];
+    std::snprintf(time, sizeof time, "2024-01-01 %02d:%02d:%02d", i / 3600, i / 60 % 60, i % 60);
+    text += std::string("Flow,") + time + "," + std::to_string(i) + ".5,192\r\n";
+    if (i % 7 == 0) text += std::string("\"Note\",") + time + ",\"line " + std::to_string(i) + "\r\nnext, \"\"quoted\"\"\",0\n";
+    if (i % 1000 == 0) text += longName + "," + time + ",1,0\n";
+  }
+  ASSERT_GT(text.size(), 2u << 20);  // three blocks and more
+  const std::string path = ::testing::TempDir() + "corvane_csv_blocks_test.csv";
+  auto write = [&](const std::string& contents) {
+    FILE* f = std::fopen(path.c_str(), "wb");
+    ASSERT_NE(nullptr, f);
+    std::fwrite(contents.data(), 1, contents.size(), f);
+    std::fclose(f);
+  };
+  write(text);
+  CHistorianStore fromText;
+  CsvLoadReport report;
+  ASSERT_EQ(S_OK, CCsvLoader::LoadText(fromText, text, OLESTR("blocks.csv"), &report)) << ToUtf8(report.error);
+  ASSERT_EQ(S_OK, CCsvLoader::LoadFile(*store_, path, &report)) << ToUtf8(report.error);
+  EXPECT_EQ(60000u + 60000 / 7 + 1 + 60000 / 1000, report.samples);
+  for (const WString& tag : {WString(OLESTR("Flow")), WString(OLESTR("Note")), FromUtf8(longName)})
+    EXPECT_TRUE(Dump(fromText, tag) == Dump(*store_, tag)) << ToUtf8(tag);
+  EXPECT_EQ(WString(OLESTR("line 7\r\nnext, \"quoted\"")), Dump(*store_, OLESTR("Note"))[1].text);
+
+  write(text + "Flow,2024-01-01 10:00:00,1,0\n");
+  const size_t lines = static_cast<size_t>(std::count(text.begin(), text.end(), '\n')) + 1;
+  CHistorianStore fresh;
+  EXPECT_EQ(kInvalidData, CCsvLoader::LoadFile(fresh, path, &report));
+  EXPECT_EQ(lines, report.errorLine);
+  EXPECT_NE(std::string::npos, ToUtf8(report.error).find("tag 'Flow' already has a sample at that time"));
+  EXPECT_EQ(0u, fresh.SampleCount());
+  std::remove(path.c_str());
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 
@@ -14,43 +15,56 @@ constexpr DBTYPE kWStrRef = DBTYPE_WSTR | DBTYPE_BYREF;
 
 // ---- Row layout
 
-struct LayoutCase {
-  DBTYPE type;
-  ULONGLONG size;
-  DBTYPE reported;
-  DBLENGTH reportedSize;
-  DBBYTEOFFSET nextOffset;  // of the column after it, when it starts at offset 2
-};
-
-class DataStoreLayout : public LeakCheckedTest, public ::testing::WithParamInterface<LayoutCase> {};
-
-TEST_P(DataStoreLayout, CellFollowsStatusByteAndRoundsToTheValueAlignment) {
-  const LayoutCase& c = GetParam();
+// Every kept type in one row, between one-byte cells: each value aligned for its type,
+// no two cells overlapping, the status bytes before them all.
+TEST(DataStoreLayout, CellsAreAlignedAndDisjointAfterTheStatusBytes) {
+  struct Case {
+    DBTYPE type;
+    ULONGLONG size;
+    DBTYPE reported;
+    DBLENGTH reportedSize;
+    size_t bytes;  // the value in the row
+    size_t alignment;
+  };
+  const Case cases[] = {
+      {DBTYPE_I2, 2, DBTYPE_I2, 2, 2, 2}, {DBTYPE_BOOL, 2, DBTYPE_BOOL, 2, 2, 2}, {DBTYPE_UI2, 2, DBTYPE_UI2, 2, 2, 2},
+      {DBTYPE_I4, 4, DBTYPE_I4, 4, 4, 4}, {DBTYPE_R4, 4, DBTYPE_R4, 4, 4, 4}, {DBTYPE_UI4, 4, DBTYPE_UI4, 4, 4, 4},
+      {DBTYPE_R8, 8, DBTYPE_R8, 8, 8, 8}, {DBTYPE_DATE, 8, DBTYPE_DATE, 8, 8, 8}, {DBTYPE_I8, 8, DBTYPE_I8, 8, 8, 8},
+      {DBTYPE_UI8, 8, DBTYPE_UI8, 8, 8, 8}, {DBTYPE_VARIANT, 24, DBTYPE_VARIANT, 24, sizeof(VARIANT), 8},
+      {DBTYPE_I1, 1, DBTYPE_I1, 1, 1, 1}, {DBTYPE_UI1, 1, DBTYPE_UI1, 1, 1, 1},
+      {DBTYPE_WSTR, 4096, DBTYPE_WSTR, 4096, sizeof(StoredText), alignof(StoredText)},
+      {DBTYPE_STR, 10, DBTYPE_STR, 10, sizeof(StoredText), alignof(StoredText)},
+      {DBTYPE_DBTIMESTAMP, 16, DBTYPE_DBTIMESTAMP, 16, sizeof(DBTIMESTAMP), alignof(DBTIMESTAMP)},
+      {DBTYPE_BSTR, 0, kWStrRef, ~0ull, sizeof(void*), alignof(void*)},
+      {kWStrRef, 0, kWStrRef, ~0ull, sizeof(void*), alignof(void*)},
+      {DBTYPE_STR | DBTYPE_BYREF, 0, DBTYPE_STR | DBTYPE_BYREF, ~0ull, sizeof(void*), alignof(void*)}};
+  std::vector<ColumnRecord> columns;
+  for (const Case& c : cases) {
+    columns.push_back(Column(OLESTR("B"), columns.size() + 1, DBTYPE_I1, 1));
+    columns.push_back(Column(OLESTR("C"), columns.size() + 1, c.type, c.size));
+  }
   CDataStore store;
-  ASSERT_EQ(S_OK, store.BuildColumnInfo({Column(OLESTR("A"), 1, DBTYPE_I1, 1), Column(OLESTR("B"), 2, c.type, c.size),
-                                         Column(OLESTR("C"), 3, DBTYPE_I1, 1)}));
-  ASSERT_EQ(3u, store.ColumnCount());
+  ASSERT_EQ(S_OK, store.BuildColumnInfo(columns));
+  ASSERT_EQ(2 * std::size(cases), store.ColumnCount());
   const DataStoreColumnInfo* info = store.ColumnInfo();
-  EXPECT_EQ(2u, info[1].cbOffset);
-  EXPECT_EQ(c.reported, info[1].wType);
-  EXPECT_EQ(c.reportedSize, info[1].ulColumnSize);
-  EXPECT_EQ(c.nextOffset, info[2].cbOffset);
-  EXPECT_EQ(c.nextOffset + 2, store.RowSize());
+  std::vector<std::pair<size_t, size_t>> used;  // [start, end) of every status and value
+  for (DBORDINAL i = 0; i < store.ColumnCount(); ++i) {
+    const Case& c = cases[i / 2];
+    const size_t bytes = i % 2 ? c.bytes : 1;
+    SCOPED_TRACE(testing::Message() << "column " << i << " type " << info[i].wType);
+    if (i % 2) {
+      EXPECT_EQ(c.reported, info[i].wType);
+      EXPECT_EQ(c.reportedSize, info[i].ulColumnSize);
+      EXPECT_EQ(0u, info[i].cbOffset % c.alignment);
+    }
+    EXPECT_LT(info[i].cbStatus, info[0].cbOffset);
+    EXPECT_LE(info[i].cbOffset + bytes, store.RowSize());
+    used.emplace_back(info[i].cbStatus, info[i].cbStatus + 1);
+    used.emplace_back(info[i].cbOffset, info[i].cbOffset + bytes);
+  }
+  std::sort(used.begin(), used.end());
+  for (size_t k = 1; k < used.size(); ++k) EXPECT_LE(used[k - 1].second, used[k].first) << k;
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    EveryType, DataStoreLayout,
-    ::testing::Values(LayoutCase{DBTYPE_I2, 2, DBTYPE_I2, 2, 6}, LayoutCase{DBTYPE_BOOL, 2, DBTYPE_BOOL, 2, 6},
-                      LayoutCase{DBTYPE_UI2, 2, DBTYPE_UI2, 2, 6}, LayoutCase{DBTYPE_I4, 4, DBTYPE_I4, 4, 8},
-                      LayoutCase{DBTYPE_R4, 4, DBTYPE_R4, 4, 8}, LayoutCase{DBTYPE_UI4, 4, DBTYPE_UI4, 4, 8},
-                      LayoutCase{DBTYPE_R8, 8, DBTYPE_R8, 8, 16}, LayoutCase{DBTYPE_DATE, 8, DBTYPE_DATE, 8, 16},
-                      LayoutCase{DBTYPE_I8, 8, DBTYPE_I8, 8, 16}, LayoutCase{DBTYPE_UI8, 8, DBTYPE_UI8, 8, 16},
-                      LayoutCase{DBTYPE_VARIANT, 24, DBTYPE_VARIANT, 24, 32},
-                      LayoutCase{DBTYPE_I1, 1, DBTYPE_I1, 1, 4}, LayoutCase{DBTYPE_UI1, 1, DBTYPE_UI1, 1, 4},
-                      LayoutCase{DBTYPE_WSTR, 10, DBTYPE_WSTR, 10, 26}, LayoutCase{DBTYPE_STR, 10, DBTYPE_STR, 10, 14},
-                      LayoutCase{DBTYPE_DBTIMESTAMP, 16, DBTYPE_DBTIMESTAMP, 16, 20},
-                      LayoutCase{DBTYPE_BSTR, 0, kWStrRef, ~0ull, 16}, LayoutCase{kWStrRef, 0, kWStrRef, ~0ull, 16},
-                      LayoutCase{DBTYPE_STR | DBTYPE_BYREF, 0, DBTYPE_STR | DBTYPE_BYREF, ~0ull, 16}));
 
 class DataStoreDescription : public LeakCheckedTest {};
 
@@ -61,10 +75,8 @@ TEST_F(DataStoreDescription, RawDataRowAndDroppedTypesKeepTheirOrdinal) {
   ASSERT_EQ(S_OK, store.BuildColumnInfo(columns));
   ASSERT_EQ(4u, store.ColumnCount());
   const DataStoreColumnInfo* info = store.ColumnInfo();
-  const DBBYTEOFFSET offsets[] = {0, 8196, 8216, 8224};
   const DBORDINAL ordinals[] = {1, 3, 4, 5};
   for (int i = 0; i < 4; ++i) {
-    EXPECT_EQ(offsets[i], info[i].cbOffset) << i;
     EXPECT_EQ(ordinals[i], info[i].iOrdinal) << i;
     EXPECT_EQ(255, info[i].bPrecision);
     EXPECT_EQ(255, info[i].bScale);
@@ -73,7 +85,9 @@ TEST_F(DataStoreDescription, RawDataRowAndDroppedTypesKeepTheirOrdinal) {
     EXPECT_EQ(info[i].pwszName, info[i].columnid.uName.pwszName);
   }
   EXPECT_EQ(WString(OLESTR("TIMESTAMP")), info[1].pwszName);
-  EXPECT_EQ(8256u, store.RowSize());
+  EXPECT_EQ(4096u, info[0].ulColumnSize);
+  // A history row, 4096-character tag name and all, fits in a few cache lines.
+  EXPECT_LE(store.RowSize(), 80u);
   EXPECT_EQ(S_OK, store.BuildColumnInfo({}));  // rebuilding frees the first description
   EXPECT_EQ(0u, store.ColumnCount());
   EXPECT_EQ(0u, store.RowSize());
@@ -95,8 +109,13 @@ class DataStoreSetValue : public LeakCheckedTest {
     store_.reset();
     LeakCheckedTest::TearDown();
   }
-  BYTE Status(int column) { return row_->Buffer()[store_->ColumnInfo()[column].cbOffset]; }
-  const BYTE* Value(int column) { return row_->Buffer() + store_->ColumnInfo()[column].cbOffset + 1; }
+  BYTE Status(int column) { return CellStatus(row_, store_->ColumnInfo()[column]); }
+  const BYTE* Value(int column) { return CellValue(row_, store_->ColumnInfo()[column]); }
+  WString Text(int column) { return CellWideText(row_, store_->ColumnInfo()[column]); }
+  std::string Ansi(int column) {
+    const StoredText t = CellText(row_, store_->ColumnInfo()[column]);
+    return std::string(static_cast<const char*>(t.text), t.length);
+  }
   bool Set(const StoreValue& v, int column) { return store_->SetValue(v, store_->ColumnInfo()[column], row_); }
 
   std::unique_ptr<CDataStore> store_ = std::make_unique<CDataStore>();
@@ -135,20 +154,18 @@ TEST_F(DataStoreSetValue, WideTextIsTruncatedToTheColumnSizeWithStatus254) {
   tooLong += OLESTR('z');
   EXPECT_TRUE(Set(Bstr(tooLong.c_str()), 0));
   EXPECT_EQ(254, Status(0));
-  WString stored(4097, 0);
-  std::memcpy(&stored[0], Value(0), 4097 * sizeof(OLECHAR));
-  EXPECT_EQ(WString(4096, OLESTR('y')), stored.substr(0, 4096));
-  EXPECT_EQ(0, stored[4096]);
+  EXPECT_EQ(WString(4096, OLESTR('y')), Text(0));
+  EXPECT_EQ(0, static_cast<const OLECHAR*>(CellText(row_, store_->ColumnInfo()[0]).text)[4096]);
 }
 
 TEST_F(DataStoreSetValue, AnsiCellsUseTheAnsiCodePageAndTruncate) {
   Build({Column(OLESTR("S"), 1, DBTYPE_STR, 3)});
   EXPECT_TRUE(Set(Bstr(OLESTR("\u00e9t\u00e9")), 0));
   EXPECT_EQ(255, Status(0));
-  EXPECT_EQ(std::string("\xe9t\xe9"), std::string(reinterpret_cast<const char*>(Value(0))));
+  EXPECT_EQ(std::string("\xe9t\xe9"), Ansi(0));
   EXPECT_TRUE(Set(Bstr(OLESTR("abcd")), 0));
   EXPECT_EQ(254, Status(0));
-  EXPECT_EQ(std::string("abc"), std::string(reinterpret_cast<const char*>(Value(0))));
+  EXPECT_EQ(std::string("abc"), Ansi(0));
 }
 
 TEST_F(DataStoreSetValue, ByReferenceCellsHoldTheirOwnCopy) {
@@ -173,8 +190,8 @@ TEST_F(DataStoreSetValue, LentTextFillsEveryTextCellLikeABstrAndOnlyItsLength) {
   lent.SetText(source.data(), 6);
   for (int column = 0; column < 4; ++column) EXPECT_TRUE(Set(lent, column)) << column;
   EXPECT_EQ(254, Status(0));  // six characters into four
-  EXPECT_EQ(WString(OLESTR("Tag.")), WString(reinterpret_cast<const OLECHAR*>(Value(0)), 4));
-  EXPECT_STREQ("Tag.AB", reinterpret_cast<const char*>(Value(1)));
+  EXPECT_EQ(WString(OLESTR("Tag.")), Text(0));
+  EXPECT_EQ("Tag.AB", Ansi(1));
   const OLECHAR* copy = ReadAt<const OLECHAR*>(Value(2), 0);
   EXPECT_NE(source.data(), copy);
   EXPECT_EQ(WString(OLESTR("Tag.AB")), copy);
@@ -182,6 +199,28 @@ TEST_F(DataStoreSetValue, LentTextFillsEveryTextCellLikeABstrAndOnlyItsLength) {
   ASSERT_EQ(VT_BSTR, V_VT(&stored));
   EXPECT_EQ(WString(OLESTR("Tag.AB")), WString(V_BSTR(&stored), SysStringLen(V_BSTR(&stored))));
   EXPECT_FALSE(Set(lent, 4));  // text is not a number
+}
+
+// Lent text repeated row after row (a tag's name, a status text) is kept once for all
+// rows; text lent again from the same place with other contents is not taken for it.
+TEST_F(DataStoreSetValue, LentTextIsSharedByRowsUntilItChanges) {
+  Build({Column(OLESTR("W"), 1, DBTYPE_WSTR, 16)});
+  OLECHAR lent[] = OLESTR("Tank.Level");
+  ProducedRecord record(1);
+  record[0].SetText(lent, 10);
+  for (int i = 0; i < 3; ++i) {
+    if (i == 2) lent[0] = OLESTR('B');
+    ASSERT_EQ(S_OK, store_->AppendRecord(record));
+  }
+  std::vector<CRefCountedDataStoreRow*> rows;
+  ASSERT_EQ(DB_S_ENDOFROWSET, store_->GetNextRows(0, 4, rows));
+  ASSERT_EQ(3u, rows.size());
+  const DataStoreColumnInfo& col = store_->ColumnInfo()[0];
+  EXPECT_EQ(CellText(rows[0], col).text, CellText(rows[1], col).text);
+  EXPECT_NE(static_cast<const void*>(lent), CellText(rows[0], col).text);
+  EXPECT_EQ(WString(OLESTR("Tank.Level")), CellWideText(rows[1], col));
+  EXPECT_EQ(WString(OLESTR("Bank.Level")), CellWideText(rows[2], col));
+  for (CRefCountedDataStoreRow* r : rows) r->Release();
 }
 
 // Timestamp cells are pinned by RowsFilledFromRecordsHoldWhatSetValueWrites together
@@ -230,12 +269,6 @@ TEST_F(DataStoreSetValue, RowsFilledFromRecordsHoldWhatSetValueWrites) {
   records[2].push_back(Variant(VT_R8, 0x4000000000000000ll));
   records[3] = RawRecord(86400 * 3 + 5);  // three days later
 
-  // Text cells are not aligned for their characters.
-  auto UnalignedText = [](const BYTE* p) {
-    WString text;
-    for (OLECHAR c; std::memcpy(&c, p + 2 * text.size(), sizeof c), c != 0;) text.push_back(c);
-    return text;
-  };
   const DataStoreColumnInfo* columns = store_->ColumnInfo();
   for (size_t r = 0; r < records.size(); ++r) {
     SCOPED_TRACE(r);
@@ -243,35 +276,34 @@ TEST_F(DataStoreSetValue, RowsFilledFromRecordsHoldWhatSetValueWrites) {
     std::vector<CRefCountedDataStoreRow*> filled;
     ASSERT_EQ(S_OK, store_->GetNextRows(0, 1, filled));
     for (size_t c = 0; c < records[r].size(); ++c) {
-      if (!Set(records[r][c], static_cast<int>(c))) row_->Buffer()[columns[c].cbOffset] = 0;
+      if (!Set(records[r][c], static_cast<int>(c))) row_->Buffer()[columns[c].cbStatus] = 0;
     }
     for (size_t c = 0; c < records[r].size(); ++c) {
       SCOPED_TRACE(c);
-      const BYTE* expected = row_->Buffer() + columns[c].cbOffset;
-      const BYTE* actual = filled[0]->Buffer() + columns[c].cbOffset;
-      ASSERT_EQ(expected[0], actual[0]);
-      if (expected[0] == 0) continue;
+      ASSERT_EQ(CellStatus(row_, columns[c]), CellStatus(filled[0], columns[c]));
+      if (CellStatus(row_, columns[c]) == 0) continue;
+      const BYTE* expected = CellValue(row_, columns[c]);
+      const BYTE* actual = CellValue(filled[0], columns[c]);
       if (columns[c].wType == DBTYPE_WSTR) {
-        EXPECT_EQ(UnalignedText(expected + 1), UnalignedText(actual + 1));
+        EXPECT_EQ(CellWideText(row_, columns[c]), CellWideText(filled[0], columns[c]));
       } else if (columns[c].wType == (DBTYPE_WSTR | DBTYPE_BYREF)) {  // each row owns its copy
-        EXPECT_EQ(WString(ReadAt<const OLECHAR*>(expected + 1, 0)), WString(ReadAt<const OLECHAR*>(actual + 1, 0)));
+        EXPECT_EQ(WString(ReadAt<const OLECHAR*>(expected, 0)), WString(ReadAt<const OLECHAR*>(actual, 0)));
       } else {
-        EXPECT_EQ(0, std::memcmp(expected + 1, actual + 1, static_cast<size_t>(columns[c].ulColumnSize)));
+        EXPECT_EQ(0, std::memcmp(expected, actual, static_cast<size_t>(columns[c].ulColumnSize)));
       }
     }
     filled[0]->Release();
   }
 }
 
-TEST_F(DataStoreSetValue, ValuesOutsideTheBufferMarkTheCellNull) {
-  Build({Column(OLESTR("Q"), 1, DBTYPE_I1, 1), Column(OLESTR("V"), 2, DBTYPE_R8, 8)});
-  auto* small = static_cast<BYTE*>(CoTaskMemAlloc(6));
-  CRefCountedDataStoreRow::InitializeBuffer(small, 6, store_->ColumnInfo(), store_->ColumnCount());
-  small[2] = 255;
-  auto* shortRow = new CRefCountedDataStoreRow(small, store_->ColumnInfo(), store_->ColumnCount(), 6);
-  EXPECT_TRUE(store_->SetValue(R8(1.5), store_->ColumnInfo()[1], shortRow));  // cell at 2, value needs 3..10
-  EXPECT_EQ(0, small[2]);
-  shortRow->Release();
+TEST_F(DataStoreSetValue, ValuesOutsideTheRowMarkTheCellNull) {
+  Build({Column(OLESTR("Q"), 1, DBTYPE_I1, 1), Column(OLESTR("S"), 2, DBTYPE_I1, 1)});
+  CDataStore wider;
+  ASSERT_EQ(S_OK, wider.BuildColumnInfo({Column(OLESTR("Q"), 1, DBTYPE_I1, 1), Column(OLESTR("V"), 2, DBTYPE_R8, 8)}));
+  ASSERT_LT(row_->Size(), wider.ColumnInfo()[1].cbOffset + 8);
+  ASSERT_TRUE(Set(Variant(VT_I1, 5), 1));
+  EXPECT_TRUE(wider.SetValue(R8(1.5), wider.ColumnInfo()[1], row_));  // the value would end past the row
+  EXPECT_EQ(0, Status(1));
 }
 
 TEST(DataStoreTimeText, DatesDropMillisecondsAndTextIsZeroPadded) {
@@ -310,7 +342,7 @@ class DataStoreHandOut : public LeakCheckedTest {
   static std::vector<ULONGLONG> Values(std::vector<CRefCountedDataStoreRow*>& rows, const CDataStore& store) {
     std::vector<ULONGLONG> out;
     for (CRefCountedDataStoreRow* r : rows) {
-      VARIANT v = ReadAt<VARIANT>(r->Buffer(), store.ColumnInfo()[3].cbOffset + 1);
+      VARIANT v = ReadAt<VARIANT>(CellValue(r, store.ColumnInfo()[3]), 0);
       out.push_back(static_cast<ULONGLONG>(V_R8(&v)));
       r->Release();
     }
@@ -365,10 +397,9 @@ TEST_F(DataStoreHandOut, StoreColumnsAreMatchedToProducerFieldsByName) {
                                                          Column(OLESTR("quality"), 3, DBTYPE_UI4, 4)}));
   std::vector<CRefCountedDataStoreRow*> rows;
   ASSERT_EQ(S_OK, store.GetNextRows(0, 1, rows));
-  const BYTE* buffer = rows[0]->Buffer();
-  VARIANT v = ReadAt<VARIANT>(buffer, 1);
+  VARIANT v = ReadAt<VARIANT>(CellValue(rows[0], store.ColumnInfo()[0]), 0);
   EXPECT_EQ(VT_R8, V_VT(&v));
-  EXPECT_EQ(192u, ReadAt<ULONG>(buffer, store.ColumnInfo()[1].cbOffset + 1));
+  EXPECT_EQ(192u, ReadAt<ULONG>(CellValue(rows[0], store.ColumnInfo()[1]), 0));
   rows[0]->Release();
 }
 
@@ -414,12 +445,13 @@ TEST_F(DataStoreGetData, NullCellsGiveIsNullAndZeroLength) {
   EXPECT_EQ(nullptr, ReadAt<void*>(buffer_, 64));
 }
 
-TEST_F(DataStoreGetData, ProviderOwnedReferencesPointIntoTheRow) {
+TEST_F(DataStoreGetData, ProviderOwnedReferencesPointAtTheStoredText) {
   const DBBINDING b = Binding(1, kWStrRef, 0, 8, DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS,
                               DBMEMOWNER_PROVIDEROWNED);
   EXPECT_EQ(S_OK, store_->GetData(&b, 1, row_, buffer_));
-  const BYTE* pointer = ReadAt<const BYTE*>(buffer_, 0);
-  EXPECT_EQ(row_->Buffer() + 1, pointer);
+  const OLECHAR* pointer = ReadAt<const OLECHAR*>(buffer_, 0);
+  EXPECT_EQ(CellText(row_, store_->ColumnInfo()[0]).text, pointer);
+  EXPECT_EQ(WString(OLESTR("Tag.A")), pointer);
   EXPECT_EQ(10u, LengthOf(b));
   EXPECT_EQ(static_cast<DBSTATUS>(DBSTATUS_S_OK), StatusOf(b));
 }

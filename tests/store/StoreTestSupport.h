@@ -133,6 +133,22 @@ T ReadAt(const BYTE* buffer, size_t offset) {
   return value;
 }
 
+// A cell of `row` as the store laid it out: its status byte, its value, and for a text
+// column the text it points at.
+inline BYTE CellStatus(const CRefCountedDataStoreRow* row, const DataStoreColumnInfo& col) {
+  return row->Buffer()[col.cbStatus];
+}
+inline const BYTE* CellValue(const CRefCountedDataStoreRow* row, const DataStoreColumnInfo& col) {
+  return row->Buffer() + col.cbOffset;
+}
+inline StoredText CellText(const CRefCountedDataStoreRow* row, const DataStoreColumnInfo& col) {
+  return ReadAt<StoredText>(CellValue(row, col), 0);
+}
+inline WString CellWideText(const CRefCountedDataStoreRow* row, const DataStoreColumnInfo& col) {
+  const StoredText t = CellText(row, col);
+  return WString(static_cast<const OLECHAR*>(t.text), t.length);
+}
+
 // The double an accessor with one R8 binding at offset 0 reads from `row`.
 inline double ValueOf(IRowset* rowset, HROW row, HACCESSOR h, HRESULT* hr = nullptr) {
   BYTE buffer[64] = {};
