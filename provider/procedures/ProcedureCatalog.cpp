@@ -3,6 +3,23 @@
 #include <mutex>
 
 #include "provider/procedures/HdaFamilies.h"
+#include "provider/procedures/ProcedureFactory.h"
+#include "provider/procedures/SPGetBadValues.h"
+#include "provider/procedures/SPGetFilteredTagStatistics.h"
+#include "provider/procedures/SPGetGoodValues.h"
+#include "provider/procedures/SPGetMostRecentValue.h"
+#include "provider/procedures/SPGetValues.h"
+#include "provider/procedures/SPHdaAnalog.h"
+#include "provider/procedures/SPHdaAnalog5.h"
+#include "provider/procedures/SPHdaBool.h"
+#include "provider/procedures/SPHdaBool5.h"
+#include "provider/procedures/SPHdaQuality.h"
+#include "provider/procedures/SPHdaQuality5.h"
+#include "provider/procedures/SPHdaReducedAnalog.h"
+#include "provider/procedures/SPHdaReducedAnalog5.h"
+#include "provider/procedures/SPRawData.h"
+#include "provider/procedures/SPRawDataInsert.h"
+#include "provider/procedures/SPRawDataUpdate.h"
 
 using corvane::WString;
 
@@ -129,61 +146,73 @@ constexpr DBTYPE R8 = DBTYPE_R8;
 constexpr DBTYPE WSTR = DBTYPE_WSTR;
 constexpr DBTYPE VAR = DBTYPE_VARIANT;
 
-// In the order the lookup tests the names.
+template <typename T>
+std::unique_ptr<CBaseStoredProcedure> Make(const StoredProcedureCall& c, const WString& catalog,
+                                           const WString& schema) {
+  return std::make_unique<T>(c.query, c.item, c.bindContext, c.dataSource, catalog, schema);
+}
+
+ProcedureInfo Entry(ProcedureInfo info, ProcedureMaker make, bool listed = true) {
+  info.Make = make;
+  info.Listed = listed;
+  return info;
+}
+
+ProcedureInfo Hda(const OLECHAR* name, HdaKind kind, bool five, ProcedureMaker make) {
+  ProcedureInfo info = five ? Procedure(name, {{OLESTR("TimestampStart"), TS},
+                                               {OLESTR("TimestampEnd"), TS},
+                                               {OLESTR("ResamplingPeriod"), R8},
+                                               {OLESTR("TagName_1"), WSTR},
+                                               {OLESTR("TagName_2"), WSTR},
+                                               {OLESTR("TagName_3"), WSTR},
+                                               {OLESTR("TagName_4"), WSTR},
+                                               {OLESTR("TagName_5"), WSTR}})
+                            : Procedure(name, {{OLESTR("TimestampStart"), TS},
+                                               {OLESTR("TimestampEnd"), TS},
+                                               {OLESTR("ResamplingPeriod"), R8},
+                                               {OLESTR("TagName"), WSTR}});
+  AddHdaColumns(info, GetHdaFamily(kind), five);
+  return Entry(std::move(info), make);
+}
+
+ProcedureInfo Values(const OLECHAR* name, ProcedureMaker make, bool listed = true) {
+  ProcedureInfo info = Procedure(name, {{OLESTR("TimestampStart"), TS},
+                                        {OLESTR("TimestampEnd"), TS},
+                                        {OLESTR("Count"), UI4},
+                                        {OLESTR("TagName"), WSTR}});
+  AddColumns(info, {{OLESTR("Timestamp"), TS}, {OLESTR("Quality"), UI4}, {OLESTR("Value"), VAR}});
+  return Entry(std::move(info), make, listed);
+}
+
+ProcedureInfo Write(const OLECHAR* name, ProcedureMaker make) {
+  ProcedureInfo info = Procedure(name, {{OLESTR("TagName"), WSTR},
+                                        {OLESTR("Timestamp"), TS},
+                                        {OLESTR("Value"), VAR},
+                                        {OLESTR("Quality"), UI4}});
+  AddColumns(info, {{OLESTR("Result"), WSTR}});
+  return Entry(std::move(info), make);
+}
+
+// Every procedure, listed ones in the order the schema rowsets show them.
 std::vector<ProcedureInfo> BuildCatalog() {
   std::vector<ProcedureInfo> all;
-  auto hda = [&](const OLECHAR* name, HdaKind kind, bool five) {
-    ProcedureInfo info =
-        five ? Procedure(name, {{OLESTR("TimestampStart"), TS},
-                                {OLESTR("TimestampEnd"), TS},
-                                {OLESTR("ResamplingPeriod"), R8},
-                                {OLESTR("TagName_1"), WSTR},
-                                {OLESTR("TagName_2"), WSTR},
-                                {OLESTR("TagName_3"), WSTR},
-                                {OLESTR("TagName_4"), WSTR},
-                                {OLESTR("TagName_5"), WSTR}})
-             : Procedure(name, {{OLESTR("TimestampStart"), TS},
-                                {OLESTR("TimestampEnd"), TS},
-                                {OLESTR("ResamplingPeriod"), R8},
-                                {OLESTR("TagName"), WSTR}});
-    AddHdaColumns(info, GetHdaFamily(kind), five);
-    all.push_back(std::move(info));
-  };
-  auto values = [&](const OLECHAR* name) {
-    ProcedureInfo info = Procedure(name, {{OLESTR("TimestampStart"), TS},
-                                          {OLESTR("TimestampEnd"), TS},
-                                          {OLESTR("Count"), UI4},
-                                          {OLESTR("TagName"), WSTR}});
-    AddColumns(info, {{OLESTR("Timestamp"), TS}, {OLESTR("Quality"), UI4}, {OLESTR("Value"), VAR}});
-    all.push_back(std::move(info));
-  };
-  auto write = [&](const OLECHAR* name) {
-    ProcedureInfo info = Procedure(name, {{OLESTR("TagName"), WSTR},
-                                          {OLESTR("Timestamp"), TS},
-                                          {OLESTR("Value"), VAR},
-                                          {OLESTR("Quality"), UI4}});
-    AddColumns(info, {{OLESTR("Result"), WSTR}});
-    all.push_back(std::move(info));
-  };
-
-  hda(OLESTR("HDA_ANALOG"), HdaKind::Analog, false);
-  hda(OLESTR("HDA_ANALOG_5"), HdaKind::Analog, true);
-  hda(OLESTR("HDA_REDUCED_ANALOG"), HdaKind::ReducedAnalog, false);
-  hda(OLESTR("HDA_REDUCED_ANALOG_5"), HdaKind::ReducedAnalog, true);
-  hda(OLESTR("HDA_BOOL"), HdaKind::Bool, false);
-  hda(OLESTR("HDA_BOOL_5"), HdaKind::Bool, true);
+  all.push_back(Hda(OLESTR("HDA_ANALOG"), HdaKind::Analog, false, &Make<CSPHdaAnalog>));
+  all.push_back(Hda(OLESTR("HDA_ANALOG_5"), HdaKind::Analog, true, &Make<CSPHdaAnalog5>));
+  all.push_back(Hda(OLESTR("HDA_REDUCED_ANALOG"), HdaKind::ReducedAnalog, false, &Make<CSPHdaReducedAnalog>));
+  all.push_back(Hda(OLESTR("HDA_REDUCED_ANALOG_5"), HdaKind::ReducedAnalog, true, &Make<CSPHdaReducedAnalog5>));
+  all.push_back(Hda(OLESTR("HDA_BOOL"), HdaKind::Bool, false, &Make<CSPHdaBool>));
+  all.push_back(Hda(OLESTR("HDA_BOOL_5"), HdaKind::Bool, true, &Make<CSPHdaBool5>));
   {
     ProcedureInfo info = Procedure(OLESTR("GET_MOST_RECENT_VALUE"), {{OLESTR("TagName"), WSTR}});
     AddColumns(info, {{OLESTR("Timestamp"), TS}, {OLESTR("Quality"), UI4}, {OLESTR("Value"), VAR}});
-    all.push_back(std::move(info));
+    all.push_back(Entry(std::move(info), &Make<CSPGetMostRecentValue>));
   }
-  values(OLESTR("GET_GOOD_VALUES"));
-  values(OLESTR("GET_BAD_VALUES"));
-  values(OLESTR("GET_VALUES"));
-  hda(OLESTR("HDA_QUALITY"), HdaKind::Quality, false);
-  hda(OLESTR("HDA_QUALITY_5"), HdaKind::Quality, true);
-  write(OLESTR("RAWDATA_INSERT"));
-  write(OLESTR("RAWDATA_UPDATE"));
+  all.push_back(Values(OLESTR("GET_BAD_VALUES"), &Make<CSPGetBadValues>));
+  all.push_back(Values(OLESTR("GET_GOOD_VALUES"), &Make<CSPGetGoodValues>));
+  all.push_back(Hda(OLESTR("HDA_QUALITY"), HdaKind::Quality, false, &Make<CSPHdaQuality>));
+  all.push_back(Hda(OLESTR("HDA_QUALITY_5"), HdaKind::Quality, true, &Make<CSPHdaQuality5>));
+  all.push_back(Write(OLESTR("RAWDATA_INSERT"), &Make<CSPRawDataInsert>));
+  all.push_back(Write(OLESTR("RAWDATA_UPDATE"), &Make<CSPRawDataUpdate>));
   {
     ProcedureInfo info = Procedure(OLESTR("GET_FILTERED_TAG_STATISTICS"), {{OLESTR("Filter1"), WSTR},
                                                                           {OLESTR("Filter2"), WSTR},
@@ -200,7 +229,7 @@ std::vector<ProcedureInfo> BuildCatalog() {
                       {OLESTR("AVG_Status"), UI4},
                       {OLESTR("COUNT_Value"), VAR},
                       {OLESTR("COUNT_Status"), UI4}});
-    all.push_back(std::move(info));
+    all.push_back(Entry(std::move(info), &Make<CSPGetFilteredTagStatistics>));
   }
   {
     ProcedureInfo info = Procedure(OLESTR("SP_RAWDATA"), {{OLESTR("TimestampStart"), TS},
@@ -210,8 +239,10 @@ std::vector<ProcedureInfo> BuildCatalog() {
                       {OLESTR("TagName"), WSTR},
                       {OLESTR("Quality"), UI4},
                       {OLESTR("Value"), VAR}});
-    all.push_back(std::move(info));
+    all.push_back(Entry(std::move(info), &Make<CSPRawData>));
   }
+  // Callable, but the schema rowsets have never shown it.
+  all.push_back(Values(OLESTR("GET_VALUES"), &Make<CSPGetValues>, false));
   return all;
 }
 
@@ -276,15 +307,6 @@ bool FindProcedureColumn(const OLECHAR* procedure, const OLECHAR* column, Proced
 void EnumerateProcedures(std::vector<ProcedureInfo>* procedures) {
   if (!procedures) return;
   procedures->clear();
-  static const OLECHAR* const kListed[15] = {
-      OLESTR("HDA_ANALOG"),          OLESTR("HDA_ANALOG_5"),     OLESTR("HDA_REDUCED_ANALOG"),
-      OLESTR("HDA_REDUCED_ANALOG_5"), OLESTR("HDA_BOOL"),         OLESTR("HDA_BOOL_5"),
-      OLESTR("GET_MOST_RECENT_VALUE"), OLESTR("GET_BAD_VALUES"),  OLESTR("GET_GOOD_VALUES"),
-      OLESTR("HDA_QUALITY"),         OLESTR("HDA_QUALITY_5"),    OLESTR("RAWDATA_INSERT"),
-      OLESTR("RAWDATA_UPDATE"),      OLESTR("GET_FILTERED_TAG_STATISTICS"), OLESTR("SP_RAWDATA")};
-  for (const OLECHAR* name : kListed) {
-    const ProcedureInfo* found = Lookup(name);
-    if (!found) break;
-    procedures->push_back(*found);
-  }
+  for (const ProcedureInfo& info : Catalog())
+    if (info.Listed) procedures->push_back(info);
 }

@@ -1,7 +1,10 @@
-// The fixed catalog of stored procedures: every procedure's input parameters and
-// output columns with their types and sizes. Execution looks procedures up here before
-// creating them; the procedure schema rowsets list what EnumerateProcedures returns.
+// The fixed catalog of stored procedures, one entry per procedure: its input parameters
+// and output columns with their types and sizes, whether the schema rowsets list it, and
+// how to make it. Execution looks procedures up here and makes them from their entry;
+// the procedure schema rowsets list what EnumerateProcedures returns. A new procedure is
+// its class plus one entry in ProcedureCatalog.cpp.
 #pragma once
+#include <memory>
 #include <vector>
 
 #include "platform/Platform.h"
@@ -26,6 +29,15 @@ struct ProcedureColumnInfo {
   BYTE Scale = 255;
 };
 
+class CBaseStoredProcedure;
+struct StoredProcedureCall;
+
+// Makes the procedure object of a call (see ProcedureFactory.h); `catalog` and `schema`
+// qualify its tag names.
+using ProcedureMaker = std::unique_ptr<CBaseStoredProcedure> (*)(const StoredProcedureCall& call,
+                                                                 const corvane::WString& catalog,
+                                                                 const corvane::WString& schema);
+
 struct ProcedureInfo {
   corvane::WString Name;  // as the catalog spells it (upper case)
   corvane::WString Description;
@@ -33,6 +45,8 @@ struct ProcedureInfo {
   SHORT ProcedureType = DB_PT_PROCEDURE;
   std::vector<ProcedureParameterInfo> Parameters;
   std::vector<ProcedureColumnInfo> Columns;
+  bool Listed = true;  // shown by the schema rowsets (GET_VALUES is callable but not listed)
+  ProcedureMaker Make = nullptr;
 };
 
 // Looks a procedure up ignoring case; false (info untouched) when there is none. A null
@@ -44,5 +58,5 @@ const ProcedureInfo* FindProcedure(const OLECHAR* name);
 // One output column of a procedure, both names ignoring case; false when either is
 // unknown.
 bool FindProcedureColumn(const OLECHAR* procedure, const OLECHAR* column, ProcedureColumnInfo* info);
-// The procedures the schema rowsets list (GET_VALUES is callable but not listed).
+// The procedures the schema rowsets list, in the order they list them.
 void EnumerateProcedures(std::vector<ProcedureInfo>* procedures);
