@@ -277,9 +277,9 @@ HRESULT ExecuteSqlSELECT(Execution& ex) {
   args.schema = item.Schema();
   args.start = ex.start;
   args.end = ex.end;
-  if (CTableFactory::IsRawDataTable(info.Name.c_str())) {
+  if (info.Given == GivenComparisons::kRawDataRead) {
     args.tagNames = TagNamesOf(ex.query, ex.request.binding);
-  } else if (WIEquals(info.Name, OLESTR("TAGS"))) {
+  } else if (info.Given == GivenComparisons::kTagBrowse) {
     std::vector<WString> names = ComparedTexts(ex.query.Condition(), OLESTR("TAGNAME"), false, ex.request.binding);
     std::vector<WString> texts =
         ComparedTexts(ex.query.Condition(), OLESTR("DESCRIPTION"), false, ex.request.binding);
@@ -288,12 +288,9 @@ HRESULT ExecuteSqlSELECT(Execution& ex) {
   }
   // The comparisons that shaped the read count as true; every other one is tested on
   // each row as the table makes it, so a row can be dropped but never added.
-  const GivenComparisons given = CTableFactory::IsRawDataTable(info.Name.c_str()) ? GivenComparisons::kRawDataRead
-                                 : WIEquals(info.Name, OLESTR("TAGS"))             ? GivenComparisons::kTagBrowse
-                                                                                    : GivenComparisons::kNone;
   std::unique_ptr<CBaseTable> table;
-  hr = CTableFactory::CreateTable(info.Name.c_str(), args, &table);
-  if (SUCCEEDED(hr)) hr = FilterRows(ex, *table, info.Columns, info.Name, given);
+  hr = info.Make(args, &table);
+  if (SUCCEEDED(hr)) hr = FilterRows(ex, *table, info.Columns, info.Name, info.Given);
   if (SUCCEEDED(hr)) hr = table->EnsurePrepared();
   if (FAILED(hr)) {
     CVTRACE(TRACE_ERROR, OLESTR("Failed to initialize the SELECT query (HR = %X)"), hr);
@@ -313,11 +310,17 @@ HRESULT ValueOf(const Execution& ex, const CSQLCalcItem* item, VARIANT* value) {
   return EvaluateAsValue(item, ex.request.binding, value);
 }
 
+// What the statements other than SELECT may do to the table `name`.
+TableChanges ChangesOf(const WString& name) {
+  const TableInfo* info = CTableFactory::LookupTable(name.c_str());
+  return info ? info->Changes : TableChanges::kNone;
+}
+
 HRESULT CheckRawDataStatement(const Execution& ex, const CSQLSelectItemTable** table) {
   if (ex.query.FromItems().size() != 1 || ex.query.FromItems()[0]->Kind() != SQL_SELECT_ITEM_TABLE)
     return E_INVALIDARG;
   *table = static_cast<const CSQLSelectItemTable*>(ex.query.FromItems()[0].get());
-  return WIEquals((*table)->TableName(), OLESTR("RAWDATA")) ? S_OK : E_INVALIDARG;
+  return ChangesOf((*table)->TableName()) == TableChanges::kSamples ? S_OK : E_INVALIDARG;
 }
 
 // Writes one sample through the historian's insert.
@@ -381,7 +384,7 @@ HRESULT InsertIntoRawDataTable(Execution& ex) {
   return hr;
 }
 
-// UPDATE and DELETE on RAWDATA: exactly the samples the WHERE clause describes.
+// UPDATE and DELETE of samples (RAWDATA): exactly the samples the WHERE clause describes.
 HRESULT ChangeRawDataTable(Execution& ex, CRawDataChange::Kind kind, ULONG64* changed) {
   const CSQLSelectItemTable* table = nullptr;
   HRESULT hr = CheckRawDataStatement(ex, &table);
@@ -403,8 +406,8 @@ HRESULT DeleteFromRawDataTable(Execution& ex, ULONG64* changed) {
 HRESULT UpdateQuerySettingsTable(Execution& ex) {
   CVTRACE(TRACE_INFO, OLESTR("Called CCommandProviderRowset::UpdateQuerySettingsTable"));
   if (ex.query.FromItems().size() != 1 || ex.query.FromItems()[0]->Kind() != SQL_SELECT_ITEM_TABLE ||
-      !WIEquals(static_cast<const CSQLSelectItemTable&>(*ex.query.FromItems()[0]).TableName(),
-                OLESTR("QUERYSETTINGS")))
+      ChangesOf(static_cast<const CSQLSelectItemTable&>(*ex.query.FromItems()[0]).TableName()) !=
+          TableChanges::kSettings)
     return E_INVALIDARG;
   const auto& update = static_cast<const CSQLQueryInfoUPDATE&>(ex.query);
   if (update.Columns().size() != update.Values().size()) return E_INVALIDARG;
@@ -456,7 +459,7 @@ HRESULT UpdateQuerySettingsTable(Execution& ex) {
   return S_OK;
 }
 
-// The shared rules of INSERT and DELETE: one table item, and it is RAWDATA.
+// The shared rules of INSERT and DELETE: one table item, and one whose samples they write.
 HRESULT CheckOneRawTable(const Execution& ex, const OLECHAR* oneTable, const OLECHAR* onlyTable,
                          const OLECHAR* cannot) {
   const auto& items = ex.query.FromItems();
@@ -469,7 +472,7 @@ HRESULT CheckOneRawTable(const Execution& ex, const OLECHAR* oneTable, const OLE
     return E_FAIL;
   }
   const auto& table = static_cast<const CSQLSelectItemTable&>(*items[0]);
-  if (!WIEquals(table.TableName(), OLESTR("RAWDATA"))) {
+  if (ChangesOf(table.TableName()) != TableChanges::kSamples) {
     CVTRACE(TRACE_ERROR, cannot, table.TableName().c_str());
     return CORVANE_E_INSERT_DELETE_NOT_ALLOWED;
   }
@@ -520,13 +523,14 @@ HRESULT ExecuteSqlUPDATE(Execution& ex) {
   const auto& table = static_cast<const CSQLSelectItemTable&>(*items[0]);
   HRESULT hr;
   ULONG64 changed = 1;  // a settings update changes the one row of QUERYSETTINGS
-  if (WIEquals(table.TableName(), OLESTR("RAWDATA"))) {
+  const TableChanges changes = ChangesOf(table.TableName());
+  if (changes == TableChanges::kSamples) {
     hr = UpdateRawDataTable(ex, &changed);
     if (FAILED(hr)) {
       CVTRACE(TRACE_ERROR, OLESTR("Failed to update the RAWDATA table (HR = %X)"), hr);
       return hr;
     }
-  } else if (WIEquals(table.TableName(), OLESTR("QUERYSETTINGS"))) {
+  } else if (changes == TableChanges::kSettings) {
     hr = UpdateQuerySettingsTable(ex);
     if (FAILED(hr)) {
       CVTRACE(TRACE_ERROR, OLESTR("Failed to update the QUERYSETTINGS table (HR = %X)"), hr);

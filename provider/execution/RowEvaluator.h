@@ -19,19 +19,12 @@
 #include "SQLParser/SQLExpression.h"
 #include "platform/WideString.h"
 #include "provider/store/DataProvider.h"
+#include "provider/tables/TableFactory.h"
 
 class CSQLCalcItemConst;
 class CSQLFunction;
 
 enum class SQLTruth : unsigned char { kFalse, kTrue, kUnknown };
-
-// The comparisons a read already honours by what it asks the historian for; a filter
-// over that read counts them as true.
-enum class GivenComparisons {
-  kNone,         // every comparison is evaluated (data changes, procedures)
-  kRawDataRead,  // any comparison with TAGNAME or TIMESTAMP: the tags and range read
-  kTagBrowse,    // TAGNAME or DESCRIPTION compared with a text or `?`: the browse filters
-};
 
 // The text a comparison's other operand gives the historian: a text constant, or a `?`
 // value read as text. False for anything else.

@@ -44,7 +44,7 @@ HRESULT CTableProviderRowset::Open(IProviderDataSource* dataSource, IUnknown* cr
   SysFreeString(schema);
 
   std::unique_ptr<CBaseTable> table;
-  hr = CTableFactory::CreateTable(info.Name.c_str(), args, &table);
+  hr = info.Make(args, &table);
   if (SUCCEEDED(hr)) hr = table->EnsurePrepared();
   if (FAILED(hr)) return hr;
   std::unique_ptr<CDataStore> store(new (std::nothrow) CDataStore());

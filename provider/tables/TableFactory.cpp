@@ -47,23 +47,38 @@ ColumnRecord MakeColumn(const OLECHAR* table, const ColumnShape& shape, ULONGLON
   return c;
 }
 
+template <class T>
+HRESULT Make(const TableCreateArgs& args, std::unique_ptr<CBaseTable>* table) {
+  table->reset(new (std::nothrow) T(args));
+  return *table ? S_OK : E_OUTOFMEMORY;
+}
+
 TableInfo MakeTable(const OLECHAR* name, const OLECHAR* description, const OLECHAR* columnTable,
-                    std::initializer_list<ColumnShape> columns) {
+                    std::initializer_list<ColumnShape> columns, TableMaker make,
+                    GivenComparisons given = GivenComparisons::kNone, TableChanges changes = TableChanges::kNone) {
   TableInfo info;
   info.Name = name;
   info.Description = description;
+  info.Make = make;
+  info.Given = given;
+  info.Changes = changes;
   ULONGLONG ordinal = 1;
   for (const ColumnShape& c : columns) info.Columns.push_back(MakeColumn(columnTable, c, ordinal++));
   return info;
 }
 
-TableInfo RawTable(const OLECHAR* name, const OLECHAR* description, DBTYPE valueType) {
+template <class T>
+TableInfo RawTable(const OLECHAR* name, DBTYPE valueType, const OLECHAR* valueTypeName,
+                   TableChanges changes = TableChanges::kNone) {
   // Typed maps name RAWDATA as their table: column binding treats them as RAWDATA.
-  return MakeTable(name, description, OLESTR("RAWDATA"),
+  const corvane::WString description = corvane::WFormat(
+      OLESTR("Contains raw data (VALUE column is exposed as %s)."), valueTypeName);
+  return MakeTable(name, description.c_str(), OLESTR("RAWDATA"),
                    {{OLESTR("TAGNAME"), DBTYPE_WSTR},
                     {OLESTR("TIMESTAMP"), DBTYPE_DBTIMESTAMP},
                     {OLESTR("QUALITY"), DBTYPE_UI4},
-                    {OLESTR("VALUE"), valueType}});
+                    {OLESTR("VALUE"), valueType}},
+                   &Make<T>, GivenComparisons::kRawDataRead, changes);
 }
 
 const std::vector<TableInfo>& Catalog() {
@@ -78,48 +93,32 @@ const std::vector<TableInfo>& Catalog() {
                            {OLESTR("TREAT_UNCERTAIN_AS_GOOD"), DBTYPE_BOOL},
                            {OLESTR("PERCENT_DATA_BAD"), DBTYPE_UI1},
                            {OLESTR("PERCENT_DATA_GOOD"), DBTYPE_UI1},
-                           {OLESTR("ALLOW_EMPTY_TAG"), DBTYPE_BOOL}}));
+                           {OLESTR("ALLOW_EMPTY_TAG"), DBTYPE_BOOL}},
+                          &Make<CTableQuerySettings>, GivenComparisons::kNone, TableChanges::kSettings));
     t.push_back(MakeTable(OLESTR("TAGS"), OLESTR("Contains list of the tags."), OLESTR("TAGS"),
                           {{OLESTR("TAGNAME"), DBTYPE_WSTR},
                            {OLESTR("DESCRIPTION"), DBTYPE_WSTR},
                            {OLESTR("DATATYPE"), DBTYPE_UI2},
                            {OLESTR("STEPPEDINTERPOLATION"), DBTYPE_BOOL},
-                           {OLESTR("ACCESSRIGHTS"), DBTYPE_UI2}}));
-    t.push_back(RawTable(OLESTR("RAWDATA"), OLESTR("Contains raw data (VALUE column is exposed as DBTYPE_VARIANT)."),
-                         DBTYPE_VARIANT));
-    t.push_back(RawTable(OLESTR("RAWDATA_STRING"),
-                         OLESTR("Contains raw data (VALUE column is exposed as DBTYPE_WSTR)."), DBTYPE_WSTR));
-    t.push_back(RawTable(OLESTR("RAWDATA_INT8"), OLESTR("Contains raw data (VALUE column is exposed as DBTYPE_I1)."),
-                         DBTYPE_I1));
-    t.push_back(RawTable(OLESTR("RAWDATA_INT16"), OLESTR("Contains raw data (VALUE column is exposed as DBTYPE_I2)."),
-                         DBTYPE_I2));
-    t.push_back(RawTable(OLESTR("RAWDATA_INT32"), OLESTR("Contains raw data (VALUE column is exposed as DBTYPE_I4)."),
-                         DBTYPE_I4));
-    t.push_back(RawTable(OLESTR("RAWDATA_INT64"), OLESTR("Contains raw data (VALUE column is exposed as DBTYPE_I8)."),
-                         DBTYPE_I8));
-    t.push_back(RawTable(OLESTR("RAWDATA_UINT8"),
-                         OLESTR("Contains raw data (VALUE column is exposed as DBTYPE_UI1)."), DBTYPE_UI1));
-    t.push_back(RawTable(OLESTR("RAWDATA_UINT16"),
-                         OLESTR("Contains raw data (VALUE column is exposed as DBTYPE_UI2)."), DBTYPE_UI2));
-    t.push_back(RawTable(OLESTR("RAWDATA_UINT32"),
-                         OLESTR("Contains raw data (VALUE column is exposed as DBTYPE_UI4)."), DBTYPE_UI4));
-    t.push_back(RawTable(OLESTR("RAWDATA_UINT64"),
-                         OLESTR("Contains raw data (VALUE column is exposed as DBTYPE_UI8)."), DBTYPE_UI8));
-    t.push_back(RawTable(OLESTR("RAWDATA_SINGLE"),
-                         OLESTR("Contains raw data (VALUE column is exposed as DBTYPE_R4)."), DBTYPE_R4));
-    t.push_back(RawTable(OLESTR("RAWDATA_DOUBLE"),
-                         OLESTR("Contains raw data (VALUE column is exposed as DBTYPE_R8)."), DBTYPE_R8));
-    t.push_back(RawTable(OLESTR("RAWDATA_BOOLEAN"),
-                         OLESTR("Contains raw data (VALUE column is exposed as DBTYPE_BOOL)."), DBTYPE_BOOL));
+                           {OLESTR("ACCESSRIGHTS"), DBTYPE_UI2}},
+                          &Make<CTableTags>, GivenComparisons::kTagBrowse));
+    t.push_back(RawTable<CTableRawData>(OLESTR("RAWDATA"), DBTYPE_VARIANT, OLESTR("DBTYPE_VARIANT"),
+                                        TableChanges::kSamples));
+    t.push_back(RawTable<CTableRawDataString>(OLESTR("RAWDATA_STRING"), DBTYPE_WSTR, OLESTR("DBTYPE_WSTR")));
+    t.push_back(RawTable<CTableRawDataInt8>(OLESTR("RAWDATA_INT8"), DBTYPE_I1, OLESTR("DBTYPE_I1")));
+    t.push_back(RawTable<CTableRawDataInt16>(OLESTR("RAWDATA_INT16"), DBTYPE_I2, OLESTR("DBTYPE_I2")));
+    t.push_back(RawTable<CTableRawDataInt32>(OLESTR("RAWDATA_INT32"), DBTYPE_I4, OLESTR("DBTYPE_I4")));
+    t.push_back(RawTable<CTableRawDataInt64>(OLESTR("RAWDATA_INT64"), DBTYPE_I8, OLESTR("DBTYPE_I8")));
+    t.push_back(RawTable<CTableRawDataUInt8>(OLESTR("RAWDATA_UINT8"), DBTYPE_UI1, OLESTR("DBTYPE_UI1")));
+    t.push_back(RawTable<CTableRawDataUInt16>(OLESTR("RAWDATA_UINT16"), DBTYPE_UI2, OLESTR("DBTYPE_UI2")));
+    t.push_back(RawTable<CTableRawDataUInt32>(OLESTR("RAWDATA_UINT32"), DBTYPE_UI4, OLESTR("DBTYPE_UI4")));
+    t.push_back(RawTable<CTableRawDataUInt64>(OLESTR("RAWDATA_UINT64"), DBTYPE_UI8, OLESTR("DBTYPE_UI8")));
+    t.push_back(RawTable<CTableRawDataSingle>(OLESTR("RAWDATA_SINGLE"), DBTYPE_R4, OLESTR("DBTYPE_R4")));
+    t.push_back(RawTable<CTableRawDataDouble>(OLESTR("RAWDATA_DOUBLE"), DBTYPE_R8, OLESTR("DBTYPE_R8")));
+    t.push_back(RawTable<CTableRawDataBoolean>(OLESTR("RAWDATA_BOOLEAN"), DBTYPE_BOOL, OLESTR("DBTYPE_BOOL")));
     return t;
   }();
   return catalog;
-}
-
-template <class T>
-HRESULT Make(const TableCreateArgs& args, std::unique_ptr<CBaseTable>* table) {
-  table->reset(new (std::nothrow) T(args));
-  return *table ? S_OK : E_OUTOFMEMORY;
 }
 
 }  // namespace
@@ -132,52 +131,20 @@ HRESULT CTableFactory::GetTableInfo(const OLECHAR* name, TableInfo* info) {
   return S_OK;
 }
 
-const TableInfo* CTableFactory::FindTableInfo(const OLECHAR* name) {
+const TableInfo* CTableFactory::LookupTable(const OLECHAR* name) {
   if (!name) return nullptr;
   for (const TableInfo& t : Catalog())
     if (corvane::WICmp(name, t.Name.c_str()) == 0) return &t;
-  CVTRACE(TRACE_ERROR, OLESTR("Failed to get info for table '%s'."), name);
   return nullptr;
 }
 
+const TableInfo* CTableFactory::FindTableInfo(const OLECHAR* name) {
+  const TableInfo* found = LookupTable(name);
+  if (!found && name) CVTRACE(TRACE_ERROR, OLESTR("Failed to get info for table '%s'."), name);
+  return found;
+}
+
 std::vector<TableInfo> CTableFactory::EnumerateTables() { return Catalog(); }
-
-bool CTableFactory::IsRawDataTable(const OLECHAR* name) {
-  if (!name) return false;
-  const std::vector<TableInfo>& c = Catalog();
-  for (size_t i = 2; i < c.size(); ++i)
-    if (corvane::WICmp(name, c[i].Name.c_str()) == 0) return true;
-  return false;
-}
-
-HRESULT CTableFactory::CreateTable(const OLECHAR* name, const TableCreateArgs& args,
-                                   std::unique_ptr<CBaseTable>* table) {
-  if (!name || !table) return E_INVALIDARG;
-  using Maker = HRESULT (*)(const TableCreateArgs&, std::unique_ptr<CBaseTable>*);
-  static const struct {
-    const OLECHAR* name;
-    Maker make;
-  } kMakers[] = {
-      {OLESTR("TAGS"), &Make<CTableTags>},
-      {OLESTR("QUERYSETTINGS"), &Make<CTableQuerySettings>},
-      {OLESTR("RAWDATA"), &Make<CTableRawData>},
-      {OLESTR("RAWDATA_STRING"), &Make<CTableRawDataString>},
-      {OLESTR("RAWDATA_INT8"), &Make<CTableRawDataInt8>},
-      {OLESTR("RAWDATA_INT16"), &Make<CTableRawDataInt16>},
-      {OLESTR("RAWDATA_INT32"), &Make<CTableRawDataInt32>},
-      {OLESTR("RAWDATA_INT64"), &Make<CTableRawDataInt64>},
-      {OLESTR("RAWDATA_UINT8"), &Make<CTableRawDataUInt8>},
-      {OLESTR("RAWDATA_UINT16"), &Make<CTableRawDataUInt16>},
-      {OLESTR("RAWDATA_UINT32"), &Make<CTableRawDataUInt32>},
-      {OLESTR("RAWDATA_UINT64"), &Make<CTableRawDataUInt64>},
-      {OLESTR("RAWDATA_SINGLE"), &Make<CTableRawDataSingle>},
-      {OLESTR("RAWDATA_DOUBLE"), &Make<CTableRawDataDouble>},
-      {OLESTR("RAWDATA_BOOLEAN"), &Make<CTableRawDataBoolean>},
-  };
-  for (const auto& m : kMakers)
-    if (corvane::WICmp(name, m.name) == 0) return m.make(args, table);
-  return DB_E_NOTABLE;
-}
 
 std::vector<ColumnRecord> CTableFactory::ResultColumns(const OLECHAR* tableName) {
   return {MakeColumn(tableName, {OLESTR("DESCRIPTION"), DBTYPE_WSTR}, 1)};
