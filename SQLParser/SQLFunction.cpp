@@ -1,6 +1,7 @@
 #include "SQLParser/SQLFunction.h"
 
 #include <new>
+#include <type_traits>
 
 #include "SQLParser/SQLFunctionAVG.h"
 #include "SQLParser/SQLFunctionAccessRightsToStr.h"
@@ -60,7 +61,7 @@ HRESULT CSQLFunction::CheckArgumentCount(size_t written, size_t bound) const {
 }
 
 HRESULT CSQLFunction::CheckArity() const {
-  if (WrittenArgumentCount() == arity_) return S_OK;
+  if (WrittenArgumentCount() == info_->arity) return S_OK;
   TraceError(ArityMessage());
   return E_FAIL;
 }
@@ -131,49 +132,63 @@ CSQLFunction* Make(corvane::WStringView name) {
   return new (std::nothrow) T(WString(name));
 }
 
+template <bool kUtc>
+CSQLFunction* MakeNow(corvane::WStringView name) {
+  return new (std::nothrow) CSQLFunctionNow(WString(name), kUtc);
+}
+
+// Whether a function aggregates follows from its class, so the two cannot disagree.
+template <typename T>
+constexpr SQLFunctionInfo Fn(const OLECHAR* name, size_t arity, DBTYPE resultType,
+                             CSQLFunction* (*make)(corvane::WStringView) = &Make<T>) {
+  return {name, arity, std::is_base_of<CSQLFunctionAggregate, T>::value, resultType, false, make};
+}
+
+constexpr DBTYPE kTime = DBTYPE_DBTIMESTAMP;
+
+const SQLFunctionInfo kFunctions[] = {
+    Fn<CSQLFunctionDateAdd>(OLESTR("DATEADD"), 3, kTime),
+    Fn<CSQLFunctionNow>(OLESTR("NOW"), 0, kTime, &MakeNow<false>),
+    Fn<CSQLFunctionNow>(OLESTR("NOWUTC"), 0, kTime, &MakeNow<true>),
+    Fn<CSQLFunctionLocalTimeToUTC>(OLESTR("LocalTimeToUTC"), 1, kTime),
+    Fn<CSQLFunctionUTCToLocalTime>(OLESTR("UTCToLocalTime"), 1, kTime),
+    Fn<CSQLFunctionGetMsecs>(OLESTR("GetMsecs"), 1, DBTYPE_UI4),
+    Fn<CSQLFunctionIsGood>(OLESTR("IsGood"), 1, DBTYPE_UI4),
+    Fn<CSQLFunctionIsBad>(OLESTR("IsBad"), 1, DBTYPE_UI4),
+    Fn<CSQLFunctionIsUncertain>(OLESTR("IsUncertain"), 1, DBTYPE_UI4),
+    Fn<CSQLFunctionQualityToStr>(OLESTR("QualityToStr"), 1, DBTYPE_WSTR),
+    Fn<CSQLFunctionQualityToStr2>(OLESTR("QualityToStr2"), 1, DBTYPE_WSTR),
+    Fn<CSQLFunctionBitMask>(OLESTR("BitMask"), 3, DBTYPE_UI4),
+    Fn<CSQLFunctionDataTypeToStr>(OLESTR("DataTypeToStr"), 1, DBTYPE_WSTR),
+    Fn<CSQLFunctionAccessRightsToStr>(OLESTR("AccessRightsToStr"), 1, DBTYPE_WSTR),
+    Fn<CSQLFunctionSUM>(OLESTR("SUM"), 1, DBTYPE_R8),
+    Fn<CSQLFunctionAVG>(OLESTR("AVG"), 1, DBTYPE_R8),
+    Fn<CSQLFunctionMIN>(OLESTR("MIN"), 1, DBTYPE_R8),
+    Fn<CSQLFunctionMAX>(OLESTR("MAX"), 1, DBTYPE_R8),
+    {OLESTR("COUNT"), 1, true, DBTYPE_UI4, true, &Make<CSQLFunctionCOUNT>},
+};
+static_assert(std::is_base_of<CSQLFunctionAggregate, CSQLFunctionCOUNT>::value, "COUNT aggregates");
+
 }  // namespace
+
+const SQLFunctionInfo* FindSQLFunction(corvane::WStringView name) {
+  for (const SQLFunctionInfo& entry : kFunctions)
+    if (corvane::WIEquals(name, entry.name)) return &entry;
+  return nullptr;
+}
 
 HRESULT CreateFunction(corvane::WStringView name, std::unique_ptr<CSQLFunction>* function) {
   if (!function) return E_INVALIDARG;
-  using Factory = CSQLFunction* (*)(corvane::WStringView);
-  // In this order; the first match wins.
-  static const struct {
-    const OLECHAR* name;
-    Factory make;
-    size_t arity;  // arguments the statement writes
-  } kTable[] = {
-      {OLESTR("DATEADD"), [](corvane::WStringView n) -> CSQLFunction* { return new (std::nothrow) CSQLFunctionDateAdd(WString(n)); }, 3},
-      {OLESTR("NOW"), [](corvane::WStringView n) -> CSQLFunction* { return new (std::nothrow) CSQLFunctionNow(WString(n), false); }, 0},
-      {OLESTR("NOWUTC"), [](corvane::WStringView n) -> CSQLFunction* { return new (std::nothrow) CSQLFunctionNow(WString(n), true); }, 0},
-      {OLESTR("LocalTimeToUTC"), Make<CSQLFunctionLocalTimeToUTC>, 1},
-      {OLESTR("UTCToLocalTime"), Make<CSQLFunctionUTCToLocalTime>, 1},
-      {OLESTR("GetMsecs"), Make<CSQLFunctionGetMsecs>, 1},
-      {OLESTR("IsGood"), Make<CSQLFunctionIsGood>, 1},
-      {OLESTR("IsBad"), Make<CSQLFunctionIsBad>, 1},
-      {OLESTR("IsUncertain"), Make<CSQLFunctionIsUncertain>, 1},
-      {OLESTR("QualityToStr"), Make<CSQLFunctionQualityToStr>, 1},
-      {OLESTR("QualityToStr2"), Make<CSQLFunctionQualityToStr2>, 1},
-      {OLESTR("BitMask"), Make<CSQLFunctionBitMask>, 3},
-      {OLESTR("DataTypeToStr"), Make<CSQLFunctionDataTypeToStr>, 1},
-      {OLESTR("AccessRightsToStr"), Make<CSQLFunctionAccessRightsToStr>, 1},
-      {OLESTR("SUM"), Make<CSQLFunctionSUM>, 1},
-      {OLESTR("AVG"), Make<CSQLFunctionAVG>, 1},
-      {OLESTR("MIN"), Make<CSQLFunctionMIN>, 1},
-      {OLESTR("MAX"), Make<CSQLFunctionMAX>, 1},
-      {OLESTR("COUNT"), Make<CSQLFunctionCOUNT>, 1},
-  };
-  for (const auto& entry : kTable) {
-    if (!corvane::WIEquals(name, entry.name)) continue;
-    CSQLFunction* made = nullptr;
-    try {
-      made = entry.make(name);
-    } catch (const std::bad_alloc&) {
-      made = nullptr;
-    }
-    if (!made) return E_OUTOFMEMORY;
-    made->SetArity(entry.arity);
-    function->reset(made);
-    return S_OK;
+  const SQLFunctionInfo* entry = FindSQLFunction(name);
+  if (!entry) return E_FAIL;
+  CSQLFunction* made = nullptr;
+  try {
+    made = entry->make(name);
+  } catch (const std::bad_alloc&) {
+    made = nullptr;
   }
-  return E_FAIL;
+  if (!made) return E_OUTOFMEMORY;
+  made->info_ = entry;
+  function->reset(made);
+  return S_OK;
 }

@@ -1,12 +1,29 @@
 // Base of the SQL functions: a bound function call that computes its result from its
 // bound arguments. Made by name through the function table (CreateFunction) when an
 // expression is bound; evaluation fills the result, which a failed evaluation leaves as
-// it was.
+// it was. The table (SQLFunction.cpp) is the one place a function is described: a new
+// function is its class plus one entry there.
 #pragma once
 #include <memory>
 
 #include "SQLParser/SQLCalcItemFunction.h"
 #include "SQLParser/SQLExpression.h"
+
+class CSQLFunction;
+
+// One SQL function as the dialect defines it.
+struct SQLFunctionInfo {
+  const OLECHAR* name;  // as documented; statements may write it in any case
+  size_t arity;         // arguments the statement writes
+  bool aggregate;       // folds one argument per row into one result (its class is a CSQLFunctionAggregate)
+  DBTYPE resultType;    // of a successful result
+  // An aggregate over no rows gives the zero of its result type (COUNT) rather than NULL.
+  bool zeroOverNoRows;
+  CSQLFunction* (*make)(corvane::WStringView name);  // a new object, or null when out of memory
+};
+
+// The function table's entry for a SQL name (compared ignoring case), or null.
+const SQLFunctionInfo* FindSQLFunction(corvane::WStringView name);
 
 class CSQLFunction : public CSQLCalcItemFunction {
  public:
@@ -15,16 +32,15 @@ class CSQLFunction : public CSQLCalcItemFunction {
   virtual HRESULT Evaluate() = 0;
   // The function's SQL name ("QualityToStr", "GetMsecs", "COUNT").
   virtual const OLECHAR* FunctionName() const = 0;
-  virtual bool IsAggregate() const { return false; }
+  // Its entry in the function table (set by CreateFunction).
+  const SQLFunctionInfo& Info() const { return *info_; }
+  bool IsAggregate() const { return info_->aggregate; }
 
   // The message of the last failure, as traced ("SQL function Now calculation error:
   // Bad parameter count."); empty when the function has not failed. It is what the
   // consumer's error record says when this function fails a statement.
   const corvane::WString& FailureMessage() const { return failureMessage_; }
 
-  // The number of arguments the statement must write (from the function table).
-  size_t Arity() const { return arity_; }
-  void SetArity(size_t arity) { arity_ = arity; }
   // E_FAIL with the function's "Bad parameter count." message when the statement wrote
   // another number of arguments: found when the statement is bound, before any row.
   HRESULT CheckArity() const;
@@ -76,7 +92,8 @@ class CSQLFunction : public CSQLCalcItemFunction {
 
  private:
   size_t writtenArgumentCount_ = 0;
-  size_t arity_ = 0;
+  const SQLFunctionInfo* info_ = nullptr;
+  friend HRESULT CreateFunction(corvane::WStringView name, std::unique_ptr<CSQLFunction>* function);
   mutable corvane::WString failureMessage_;
   int resultKind_ = SQLEvaluationResult::kNone;
   VARIANT resultValue_;

@@ -11,7 +11,6 @@
 class CSQLFunctionAggregate : public CSQLFunction {
  public:
   ~CSQLFunctionAggregate() override;
-  bool IsAggregate() const override { return true; }
   HRESULT Evaluate() override;
 
   // Queues one row's argument item (a constant holding the row's value, typically).

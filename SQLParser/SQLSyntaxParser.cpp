@@ -13,6 +13,7 @@
 #include "SQLParser/SQLCalcItemFunction.h"
 #include "SQLParser/SQLCalcItemParameter.h"
 #include "SQLParser/SQLCalcItemTableColumn.h"
+#include "SQLParser/SQLFunction.h"
 #include "provider/Trace.h"
 
 using corvane::WString;
@@ -380,11 +381,8 @@ void AppendQuoted(corvane::WString& message, WStringView statement) {
 }
 
 bool IsAggregateName(const WString& name) {
-  static const OLECHAR* const kAggregates[] = {OLESTR("SUM"), OLESTR("AVG"), OLESTR("MIN"), OLESTR("MAX"),
-                                               OLESTR("COUNT")};
-  for (const OLECHAR* aggregate : kAggregates)
-    if (corvane::WIEquals(name, aggregate)) return true;
-  return false;
+  const SQLFunctionInfo* function = FindSQLFunction(name);
+  return function && function->aggregate;
 }
 
 int ComparisonOperator(int tokenKind) {

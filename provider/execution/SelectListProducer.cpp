@@ -466,11 +466,16 @@ HRESULT CSelectListProducer::Aggregate(ProducedRecordList& rows) {
       auto& aggregate = static_cast<CSQLFunctionAggregate&>(*m_Aggregates[i]);
       if (any && SUCCEEDED(aggregate.CopyResult(&result))) {
         out[i] = ResultToCell(result, o.column.wType);
-      } else if (!any && corvane::WIEquals(aggregate.FunctionName(), OLESTR("COUNT"))) {
-        result.kind = SQLEvaluationResult::kValue;
-        V_VT(&result.value) = VT_UI4;
-        V_UI4(&result.value) = 0;
-        out[i] = ResultToCell(result, o.column.wType);
+      } else if (!any && aggregate.Info().zeroOverNoRows) {
+        VARIANT zero;
+        VariantInit(&zero);
+        V_VT(&zero) = VT_I4;
+        V_I4(&zero) = 0;
+        if (SUCCEEDED(VariantChangeType(&result.value, &zero, 0,
+                                        static_cast<VARTYPE>(aggregate.Info().resultType)))) {
+          result.kind = SQLEvaluationResult::kValue;
+          out[i] = ResultToCell(result, o.column.wType);
+        }
       }
     } else if (any) {
       if (!o.expression) {
