@@ -147,11 +147,12 @@ HRESULT FilterRows(Execution& ex, CDataProvider& producer, const std::vector<Col
 // Creates and starts the procedure of `item`; its columns go to *columns. A SELECT's
 // WHERE is evaluated on the procedure's rows as they are made: the procedure takes its
 // tags and range from its arguments, so no comparison is taken as read.
-HRESULT StartProcedure(Execution& ex, const CSQLSelectItemSP& item, std::unique_ptr<CBaseStoredProcedure>* procedure,
-                       std::vector<ColumnRecord>* columns) {
+HRESULT StartProcedure(Execution& ex, const CSQLSelectItemSP& item, const ProcedureInfo& info,
+                       std::unique_ptr<CBaseStoredProcedure>* procedure, std::vector<ColumnRecord>* columns) {
   StoredProcedureCall call;
   call.query = &ex.query;
   call.item = &item;
+  call.info = &info;
   call.bindContext = ex.request.binding;
   call.dataSource = ex.dataSource;
   call.catalog = item.Catalog();
@@ -168,10 +169,10 @@ HRESULT StartProcedure(Execution& ex, const CSQLSelectItemSP& item, std::unique_
   return (*procedure)->GetColumns(*columns);
 }
 
-HRESULT RunProcedure(Execution& ex, const CSQLSelectItemSP& item) {
+HRESULT RunProcedure(Execution& ex, const CSQLSelectItemSP& item, const ProcedureInfo& info) {
   std::unique_ptr<CBaseStoredProcedure> procedure;
   std::vector<ColumnRecord> columns;
-  HRESULT hr = StartProcedure(ex, item, &procedure, &columns);
+  HRESULT hr = StartProcedure(ex, item, info, &procedure, &columns);
   if (FAILED(hr)) return hr;
   hr = NewStore(&ex.store);
   if (FAILED(hr)) return hr;
@@ -219,7 +220,7 @@ HRESULT ExecuteSqlStoredProcedure(Execution& ex) {
     CVTRACE(TRACE_ERROR, OLESTR("Stored procedure '%s' doesn't exist"), item.ProcedureName().c_str());
     return CORVANE_E_PROCEDURE_NOT_FOUND;
   }
-  const HRESULT hr = RunProcedure(ex, item);
+  const HRESULT hr = RunProcedure(ex, item, *info);
   CVTRACE(TRACE_INFO, OLESTR("CCommandProviderRowset::ExecuteSqlStoredProcedure -> hr = %X"), hr);
   return hr;
 }
@@ -248,7 +249,7 @@ HRESULT ExecuteSqlSELECT(Execution& ex) {
     // The select list applies to the procedure's columns as to a table's.
     std::unique_ptr<CBaseStoredProcedure> procedure;
     TableInfo columns{info->Name, info->Description, {}};
-    hr = StartProcedure(ex, item, &procedure, &columns.Columns);
+    hr = StartProcedure(ex, item, *info, &procedure, &columns.Columns);
     std::vector<CSelectListProducer::Output> outputs;
     bool plain = true;
     if (SUCCEEDED(hr))

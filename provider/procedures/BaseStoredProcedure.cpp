@@ -51,8 +51,7 @@ CBaseStoredProcedure::CBaseStoredProcedure(const char* traceSource, const CSQLQu
                        query->FromItems()[0]->Kind() == SQL_SELECT_ITEM_SP;
   m_bItemMissing = item == nullptr;
   if (item) {
-    m_bKnown = FindProcedure(item->ProcedureName().c_str(), &m_Info);
-    if (!m_bKnown) m_Info.Name = item->ProcedureName();
+    m_Name = item->ProcedureName();
     for (const std::unique_ptr<CSQLCalcItem>& argument : item->Parameters()) {
       std::unique_ptr<CSQLCalcItem> bound;
       const HRESULT hr = argument ? Bind(argument.get(), context, &bound) : E_INVALIDARG;
@@ -120,8 +119,18 @@ bool CBaseStoredProcedure::IsRunning() {
   return TimeRangeCount() != 0;
 }
 
+void CBaseStoredProcedure::SetCatalogEntry(const ProcedureInfo* info) {
+  m_pInfo = info;
+  if (info) m_Name = info->Name;
+}
+
+const ProcedureInfo& CBaseStoredProcedure::Info() const {
+  static const ProcedureInfo kNoEntry;
+  return m_pInfo ? *m_pInfo : kNoEntry;
+}
+
 HRESULT CBaseStoredProcedure::GetOutputColumns(std::vector<ProcedureColumnInfo>& columns) {
-  columns = m_Info.Columns;
+  columns = Info().Columns;
   return S_OK;
 }
 
@@ -135,7 +144,7 @@ HRESULT CBaseStoredProcedure::GetColumns(std::vector<ColumnRecord>& columns) {
     ColumnRecord record;
     record.ColumnName = c.Name;
     record.ColumnAlias = c.Name;
-    record.TableName = m_Info.Name;
+    record.TableName = m_Name;
     record.Ordinal = static_cast<ULONGLONG>(c.Ordinal);
     record.wType = c.wType;
     record.ColumnSize = c.ColumnSize;
@@ -222,8 +231,8 @@ HRESULT CBaseStoredProcedure::ProcessParameters(size_t expectedCount, const std:
     SPTRACE(kBaseSource, TRACE_ERROR, OLESTR("[SP] -> Failed to initialize stored procedure."));
     return E_INVALIDARG;
   }
-  if (!m_bKnown) {
-    SPTRACE(kBaseSource, TRACE_ERROR, OLESTR("[SP] -> Unsupported stored procedure '%s'."), m_Info.Name.c_str());
+  if (!m_pInfo) {
+    SPTRACE(kBaseSource, TRACE_ERROR, OLESTR("[SP] -> Unsupported stored procedure '%s'."), m_Name.c_str());
     return E_INVALIDARG;
   }
   if (m_BoundArguments.size() != expectedCount || table.size() < expectedCount) {

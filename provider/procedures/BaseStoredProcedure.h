@@ -85,9 +85,10 @@ class CBaseStoredProcedure : public CDataProvider {
   size_t ParameterCount() const { return m_Parameters.size(); }
   const ParamValue* Parameter(long position) const;
   size_t TimeRangeCount();
-  // The procedure's catalog entry (looked up at construction by the item's name).
-  const ProcedureInfo& Info() const { return m_Info; }
-  const corvane::WString& Name() const { return m_Info.Name; }
+  // The procedure's catalog entry, given by the factory that made it from that entry.
+  void SetCatalogEntry(const ProcedureInfo* info);
+  const ProcedureInfo& Info() const;
+  const corvane::WString& Name() const { return m_Name; }
 
  protected:
   // The text of a parameter of a text kind, else empty.
@@ -128,8 +129,8 @@ class CBaseStoredProcedure : public CDataProvider {
  private:
   HRESULT ConvertParameter(SQLEvaluationResult& result, DBTYPE type, ParamValue* value);
 
-  ProcedureInfo m_Info;
-  bool m_bKnown = false;
+  const ProcedureInfo* m_pInfo = nullptr;  // the catalog's own entry: it lives as long as the process
+  corvane::WString m_Name;                  // the entry's name, or the item's while there is none
   bool m_bSingleProcedure = false;
   bool m_bItemMissing = false;
   // The arguments bound at construction, with the outcome of binding each.

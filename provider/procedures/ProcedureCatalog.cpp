@@ -283,26 +283,7 @@ const HdaFamily& GetHdaFamily(HdaKind kind) {
   return quality;
 }
 
-bool FindProcedure(const OLECHAR* name, ProcedureInfo* info) {
-  const ProcedureInfo* found = Lookup(name);
-  if (!found) return false;
-  if (info) *info = *found;
-  return true;
-}
-
 const ProcedureInfo* FindProcedure(const OLECHAR* name) { return Lookup(name); }
-
-bool FindProcedureColumn(const OLECHAR* procedure, const OLECHAR* column, ProcedureColumnInfo* info) {
-  const ProcedureInfo* found = Lookup(procedure);
-  if (!found || !column) return false;
-  for (const ProcedureColumnInfo& c : found->Columns) {
-    if (corvane::WIEquals(c.Name, column)) {
-      if (info) *info = c;
-      return true;
-    }
-  }
-  return false;
-}
 
 void EnumerateProcedures(std::vector<ProcedureInfo>* procedures) {
   if (!procedures) return;

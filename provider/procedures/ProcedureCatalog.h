@@ -49,14 +49,8 @@ struct ProcedureInfo {
   ProcedureMaker Make = nullptr;
 };
 
-// Looks a procedure up ignoring case; false (info untouched) when there is none. A null
-// name is unknown.
-bool FindProcedure(const OLECHAR* name, ProcedureInfo* info);
-// The same without a copy: the catalog's own entry (it lives as long as the process),
-// or null.
+// The catalog's own entry of a procedure, looked up ignoring case (it lives as long as
+// the process), or null. A null name is unknown.
 const ProcedureInfo* FindProcedure(const OLECHAR* name);
-// One output column of a procedure, both names ignoring case; false when either is
-// unknown.
-bool FindProcedureColumn(const OLECHAR* procedure, const OLECHAR* column, ProcedureColumnInfo* info);
 // The procedures the schema rowsets list, in the order they list them.
 void EnumerateProcedures(std::vector<ProcedureInfo>* procedures);

@@ -15,6 +15,7 @@
 #include "provider/IProviderDataSource.h"
 
 class CBaseStoredProcedure;
+struct ProcedureInfo;
 
 struct StoredProcedureCall {
   // The parsed statement and its procedure item (one of query->FromItems()). Both are
@@ -22,6 +23,8 @@ struct StoredProcedureCall {
   // the arguments, so the command may re-prepare while the rowset lives.
   const CSQLQueryInfo* query = nullptr;
   const CSQLSelectItemSP* item = nullptr;
+  // The item's catalog entry when the caller has looked it up already; null looks it up.
+  const ProcedureInfo* info = nullptr;
   // The execution's `?` values and reference times. The values are copied.
   SQLBindContext bindContext;
   // Referenced by the procedure for its whole life (settings and historian interfaces).
