@@ -369,8 +369,7 @@ HRESULT CProviderCommand::InitializeOutputColumns() {
   const CSQLSelectItem& from = *q.FromItems().front();
   const int kind = q.StatementKind();
 
-  // Tables are read from the catalog in place; a procedure's columns are read from its
-  // catalog entry, and made into a table only when a select list must narrow them.
+  // Tables and procedures are read from their catalog entries in place.
   const TableInfo* source = nullptr;
   if (from.Kind() == SQL_SELECT_ITEM_SP) {
     const ProcedureInfo* info = FindProcedure(static_cast<const CSQLSelectItemSP&>(from).ProcedureName().c_str());
@@ -380,20 +379,7 @@ HRESULT CProviderCommand::InitializeOutputColumns() {
       for (const auto& c : info->Columns) outputColumns_.push_back({c.Name, c.wType, c.ColumnSize, c.dwFlags});
       return S_OK;
     }
-    procedureTable_.Name = info->Name;
-    procedureTable_.Description = info->Description;
-    procedureTable_.Columns.clear();
-    for (const auto& c : info->Columns) {
-      ColumnRecord r;
-      r.ColumnName = r.ColumnAlias = c.Name;
-      r.TableName = info->Name;
-      r.Ordinal = static_cast<ULONGLONG>(c.Ordinal);
-      r.wType = c.wType;
-      r.ColumnSize = c.ColumnSize;
-      r.dwFlags = c.dwFlags;
-      procedureTable_.Columns.push_back(std::move(r));
-    }
-    source = &procedureTable_;
+    source = &info->Table;
   } else {
     const WString& tableName = static_cast<const CSQLSelectItemTable&>(from).TableName();
     if (kind == SQL_STATEMENT_INSERT || kind == SQL_STATEMENT_UPDATE || kind == SQL_STATEMENT_DELETE) {

@@ -116,8 +116,8 @@ class CProviderCommand final : public ICommandText,
   std::unique_ptr<CSQLQueryInfo> query_;
   long parameterCount_ = 0;
   // A prepared output column. Its name is not copied: it lies in the table or procedure
-  // catalog (which lives as long as the process), in query_, or in procedureTable_ or
-  // resultColumns_ below, all of which stay until the statement is unprepared.
+  // catalog (which lives as long as the process), in query_, or in resultColumns_
+  // below, all of which stay until the statement is unprepared.
   struct OutputColumn {
     corvane::WStringView name;
     DBTYPE wType = DBTYPE_EMPTY;
@@ -126,7 +126,6 @@ class CProviderCommand final : public ICommandText,
   };
   std::vector<OutputColumn> outputColumns_;
   std::vector<CSelectListProducer::Shape> shapes_;  // kept for its capacity
-  TableInfo procedureTable_;                         // a procedure used as a table, for SELECT
   std::vector<ColumnRecord> resultColumns_;          // what INSERT, UPDATE and DELETE return...
   corvane::WString resultColumnsTable_;              // ...for this table
   bool hasResultColumns_ = false;

@@ -248,14 +248,14 @@ HRESULT ExecuteSqlSELECT(Execution& ex) {
     if (FAILED(hr)) return hr;
     // The select list applies to the procedure's columns as to a table's.
     std::unique_ptr<CBaseStoredProcedure> procedure;
-    TableInfo columns{info->Name, info->Description, {}};
-    hr = StartProcedure(ex, item, *info, &procedure, &columns.Columns);
+    std::vector<ColumnRecord> columns;
+    hr = StartProcedure(ex, item, *info, &procedure, &columns);
     std::vector<CSelectListProducer::Output> outputs;
     bool plain = true;
     if (SUCCEEDED(hr))
-      hr = CSelectListProducer::BindOutputs(ex.query, columns, ex.request.binding, &outputs, &plain, &ex.message);
+      hr = CSelectListProducer::BindOutputs(ex.query, info->Table, ex.request.binding, &outputs, &plain, &ex.message);
     if (FAILED(hr)) return hr;
-    return ServeSelectList(ex, std::move(procedure), columns, std::move(outputs), plain);
+    return ServeSelectList(ex, std::move(procedure), info->Table, std::move(outputs), plain);
   }
 
   const auto& item = static_cast<const CSQLSelectItemTable&>(*items[0]);

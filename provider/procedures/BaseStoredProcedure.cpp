@@ -129,28 +129,8 @@ const ProcedureInfo& CBaseStoredProcedure::Info() const {
   return m_pInfo ? *m_pInfo : kNoEntry;
 }
 
-HRESULT CBaseStoredProcedure::GetOutputColumns(std::vector<ProcedureColumnInfo>& columns) {
-  columns = Info().Columns;
-  return S_OK;
-}
-
 HRESULT CBaseStoredProcedure::GetColumns(std::vector<ColumnRecord>& columns) {
-  std::vector<ProcedureColumnInfo> output;
-  const HRESULT hr = GetOutputColumns(output);
-  if (FAILED(hr)) return hr;
-  columns.clear();
-  columns.reserve(output.size());
-  for (const ProcedureColumnInfo& c : output) {
-    ColumnRecord record;
-    record.ColumnName = c.Name;
-    record.ColumnAlias = c.Name;
-    record.TableName = m_Name;
-    record.Ordinal = static_cast<ULONGLONG>(c.Ordinal);
-    record.wType = c.wType;
-    record.ColumnSize = c.ColumnSize;
-    record.dwFlags = c.dwFlags;
-    columns.push_back(std::move(record));
-  }
+  columns = Info().Table.Columns;
   return S_OK;
 }
 

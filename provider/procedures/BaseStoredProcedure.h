@@ -73,7 +73,6 @@ class CBaseStoredProcedure : public CDataProvider {
   // Checks the arguments and either starts the worker or does all the work.
   virtual HRESULT Initialize() = 0;
   HRESULT ExecuteStep() override { return E_NOTIMPL; }
-  virtual HRESULT GetOutputColumns(std::vector<ProcedureColumnInfo>& columns);
 
   HRESULT ProcessParameters(size_t expectedCount, const std::vector<ProcedureParameterInfo>& table);
   HRESULT BuildTimeRanges(long startPosition, long endPosition, long periodPosition);

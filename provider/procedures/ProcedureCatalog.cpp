@@ -243,6 +243,20 @@ std::vector<ProcedureInfo> BuildCatalog() {
   }
   // Callable, but the schema rowsets have never shown it.
   all.push_back(Values(OLESTR("GET_VALUES"), &Make<CSPGetValues>, false));
+  for (ProcedureInfo& info : all) {
+    info.Table.Name = info.Name;
+    info.Table.Description = info.Description;
+    for (const ProcedureColumnInfo& c : info.Columns) {
+      ColumnRecord record;
+      record.ColumnName = record.ColumnAlias = c.Name;
+      record.TableName = info.Name;
+      record.Ordinal = static_cast<ULONGLONG>(c.Ordinal);
+      record.wType = c.wType;
+      record.ColumnSize = c.ColumnSize;
+      record.dwFlags = c.dwFlags;
+      info.Table.Columns.push_back(std::move(record));
+    }
+  }
   return all;
 }
 

@@ -9,6 +9,7 @@
 
 #include "platform/Platform.h"
 #include "platform/WideString.h"
+#include "provider/tables/TableFactory.h"
 
 struct ProcedureParameterInfo {
   LONGLONG ParamType = DBPARAMTYPE_INPUT;
@@ -45,6 +46,9 @@ struct ProcedureInfo {
   SHORT ProcedureType = DB_PT_PROCEDURE;
   std::vector<ProcedureParameterInfo> Parameters;
   std::vector<ProcedureColumnInfo> Columns;
+  // The procedure seen as a table (by a SELECT, by Prepare and by its own rows): its
+  // output columns as column records, made once with the catalog.
+  TableInfo Table;
   bool Listed = true;  // shown by the schema rowsets (GET_VALUES is callable but not listed)
   ProcedureMaker Make = nullptr;
 };
