@@ -4,9 +4,6 @@
 
 #include "historian/Aggregates.h"
 #include "historian/ReferenceHistorian.h"
-#ifndef CORVANE_CONSUMER_OF_DLL
-#include "provider/CreateCorvaneOleDbProviderImpl.h"
-#endif
 
 namespace corvane::test {
 
@@ -85,40 +82,8 @@ SqlConsumer::~SqlConsumer() {
 }
 
 void SqlConsumer::Open(const std::string& providerString) {
-  ICreateCorvaneOleDbProvider* creator = nullptr;
-#ifdef CORVANE_CONSUMER_OF_DLL
-  ASSERT_EQ(S_OK, CoCreateInstance(CLSID_CorvaneOleDbProvider, nullptr, CLSCTX_INPROC_SERVER,
-                                   IID_ICreateCorvaneOleDbProvider, reinterpret_cast<void**>(&creator)));
-#else
-  ASSERT_EQ(S_OK, CCreateCorvaneOleDbProviderImpl::CreateInstance(nullptr, IID_ICreateCorvaneOleDbProvider,
-                                                                  reinterpret_cast<void**>(&creator)));
-#endif
-  const HRESULT created = creator->Create(static_cast<IRawDataProvider*>(host_), &dataSource_);
-  creator->Release();
-  ASSERT_EQ(S_OK, created);
-  IDBProperties* props = Query<IDBProperties>(dataSource_, IID_IDBProperties);
-  ASSERT_NE(nullptr, props);
-  DBPROP prop[2] = {};
-  prop[0].dwPropertyID = DBPROP_INIT_CATALOG;
-  prop[0].vValue.vt = VT_BSTR;
-  prop[0].vValue.bstrVal = SysAllocString(OLESTR("Plant"));
-  prop[1].dwPropertyID = DBPROP_INIT_PROVIDERSTRING;
-  prop[1].vValue.vt = VT_BSTR;
-  prop[1].vValue.bstrVal = SysAllocString(FromUtf8(providerString).c_str());
-  DBPROPSET set{prop, providerString.empty() ? 1u : 2u, DBPROPSET_DBINIT};
-  EXPECT_EQ(S_OK, props->SetProperties(1, &set));
-  VariantClear(&prop[0].vValue);
-  VariantClear(&prop[1].vValue);
-  props->Release();
-  IDBInitialize* init = Query<IDBInitialize>(dataSource_, IID_IDBInitialize);
-  ASSERT_NE(nullptr, init);
-  const HRESULT initialized = init->Initialize();
-  init->Release();
-  ASSERT_EQ(S_OK, initialized);
-  IDBCreateSession* sessions = Query<IDBCreateSession>(dataSource_, IID_IDBCreateSession);
-  ASSERT_NE(nullptr, sessions);
-  sessions->CreateSession(nullptr, IID_IOpenRowset, reinterpret_cast<IUnknown**>(&session_));
-  sessions->Release();
+  OpenProvider(static_cast<IRawDataProvider*>(host_), &dataSource_, &session_, providerString);
+  if (!session_) return;
   IDBCreateCommand* commands = Query<IDBCreateCommand>(session_, IID_IDBCreateCommand);
   ASSERT_NE(nullptr, commands);
   commands->CreateCommand(nullptr, IID_ICommandText, reinterpret_cast<IUnknown**>(&command_));

@@ -97,7 +97,7 @@ void ConsumerTest::TearDown() {
   LeakCheckedTest::TearDown();
 }
 
-void OpenProvider(IUnknown* host, IUnknown** dataSource, IOpenRowset** session) {
+void OpenProvider(IUnknown* host, IUnknown** dataSource, IOpenRowset** session, const std::string& providerString) {
   ICreateCorvaneOleDbProvider* creator = nullptr;
 #ifdef CORVANE_CONSUMER_OF_DLL
   ASSERT_EQ(S_OK, CoCreateInstance(CLSID_CorvaneOleDbProvider, nullptr, CLSCTX_INPROC_SERVER,
@@ -111,13 +111,17 @@ void OpenProvider(IUnknown* host, IUnknown** dataSource, IOpenRowset** session) 
 
   IDBProperties* props = ConsumerTest::Query<IDBProperties>(*dataSource, IID_IDBProperties);
   ASSERT_NE(nullptr, props);
-  DBPROP prop{};
-  prop.dwPropertyID = DBPROP_INIT_CATALOG;
-  prop.vValue.vt = VT_BSTR;
-  prop.vValue.bstrVal = SysAllocString(OLESTR("Plant"));
-  DBPROPSET set{&prop, 1, DBPROPSET_DBINIT};
+  DBPROP prop[2] = {};
+  prop[0].dwPropertyID = DBPROP_INIT_CATALOG;
+  prop[0].vValue.vt = VT_BSTR;
+  prop[0].vValue.bstrVal = SysAllocString(OLESTR("Plant"));
+  prop[1].dwPropertyID = DBPROP_INIT_PROVIDERSTRING;
+  prop[1].vValue.vt = VT_BSTR;
+  prop[1].vValue.bstrVal = SysAllocString(FromUtf8(providerString).c_str());
+  DBPROPSET set{prop, providerString.empty() ? 1u : 2u, DBPROPSET_DBINIT};
   EXPECT_EQ(S_OK, props->SetProperties(1, &set));
-  VariantClear(&prop.vValue);
+  VariantClear(&prop[0].vValue);
+  VariantClear(&prop[1].vValue);
   props->Release();
   IDBInitialize* init = ConsumerTest::Query<IDBInitialize>(*dataSource, IID_IDBInitialize);
   ASSERT_NE(nullptr, init);
