@@ -13,43 +13,12 @@
 using corvane::test::Columns;
 using corvane::test::ConsumerTest;
 using corvane::test::ReadAll;
+using corvane::test::TextParameters;
 using corvane::test::TraceCapture;
 
 namespace {
 
 using Rows = std::vector<std::vector<std::string>>;
-
-// One wide-text input parameter per `?`, inline in the buffer with length and status.
-struct TextParameters {
-  static constexpr size_t kChars = 64;
-  struct Slot {
-    DBSTATUS status;
-    DBLENGTH length;
-    OLECHAR text[kChars];
-  };
-  std::vector<Slot> slots;
-  std::vector<DBBINDING> bindings;
-  explicit TextParameters(std::initializer_list<const OLECHAR*> values) : slots(values.size()) {
-    for (size_t i = 0; i < slots.size(); ++i) {
-      const OLECHAR* v = values.begin()[i];
-      Slot& s = slots[i];
-      std::memset(&s, 0, sizeof s);
-      s.status = v ? DBSTATUS_S_OK : DBSTATUS_S_ISNULL;
-      s.length = v ? corvane::WLen(v) * sizeof(OLECHAR) : 0;
-      if (v) std::memcpy(s.text, v, s.length + sizeof(OLECHAR));
-      DBBINDING b{};
-      b.iOrdinal = i + 1;
-      b.obStatus = i * sizeof(Slot) + offsetof(Slot, status);
-      b.obLength = i * sizeof(Slot) + offsetof(Slot, length);
-      b.obValue = i * sizeof(Slot) + offsetof(Slot, text);
-      b.dwPart = DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS;
-      b.eParamIO = DBPARAMIO_INPUT;
-      b.cbMaxLen = kChars * sizeof(OLECHAR);
-      b.wType = DBTYPE_WSTR;
-      bindings.push_back(b);
-    }
-  }
-};
 
 struct ParamInfo { DBORDINAL ordinal; DBTYPE type; std::string name; };
 
@@ -311,7 +280,7 @@ TEST_F(CommandExecution, DescribedParameterTypesStand) {
   // A count given as text stays text and counts nothing; described as a number it is 3.
   SetText(OLESTR("SELECT * FROM GET_VALUES(?, '2100-01-01', ?, 'Area1.Temp')"));
   ASSERT_EQ(S_OK, Prepare());
-  TextParameters values{OLESTR("2000-01-01"), OLESTR("3")};
+  TextParameters values({OLESTR("2000-01-01"), OLESTR("3")});
   DBPARAMS p{values.slots.data(), 1, ParameterAccessor(values)};
   EXPECT_EQ(static_cast<size_t>(kSamples), Run({1}, &p).size());
 
@@ -328,7 +297,7 @@ TEST_F(CommandExecution, DescribedParameterTypesStand) {
   EXPECT_EQ(3u, Run({1}, &p).size());
 
   // A value that is not of the described type fails the execution.
-  TextParameters bad{OLESTR("2000-01-01"), OLESTR("three")};
+  TextParameters bad({OLESTR("2000-01-01"), OLESTR("three")});
   p.pData = bad.slots.data();
   IUnknown* rowset = nullptr;
   EXPECT_TRUE(FAILED(text_->Execute(nullptr, IID_IRowset, &p, nullptr, &rowset)));
@@ -339,7 +308,7 @@ TEST_F(CommandExecution, DescribedParameterTypesStand) {
 
 TEST_F(CommandExecution, ParameterSetsAndAccessorsAreChecked) {
   SetText(OLESTR("SELECT * FROM RAWDATA WHERE TAGNAME = ?"));
-  TextParameters values{OLESTR("Area1.Temp")};
+  TextParameters values({OLESTR("Area1.Temp")});
   HACCESSOR handle = DB_NULL_HACCESSOR;
   // One accessor is not both kinds; output parameters do not exist.
   EXPECT_EQ(DB_E_BADACCESSORFLAGS, accessor_->CreateAccessor(DBACCESSOR_ROWDATA | DBACCESSOR_PARAMETERDATA, 1,
@@ -373,19 +342,8 @@ TEST_F(CommandExecution, ParameterSetsAndAccessorsAreChecked) {
 
 TEST_F(CommandExecution, RowAccessorsOfTheCommandReadItsRowsets) {
   SetText(OLESTR("SELECT TAGNAME FROM TAGS"));
-  struct Cell {
-    DBSTATUS status;
-    OLECHAR text[64];
-  };
-  DBBINDING name{};
-  name.iOrdinal = 1;
-  name.obStatus = offsetof(Cell, status);
-  name.obValue = offsetof(Cell, text);
-  name.dwPart = DBPART_VALUE | DBPART_STATUS;
-  name.dwMemOwner = DBMEMOWNER_CLIENTOWNED;
-  name.eParamIO = DBPARAMIO_NOTPARAM;
-  name.cbMaxLen = sizeof Cell::text;
-  name.wType = DBTYPE_WSTR;
+  using Cell = corvane::test::TextSlot;
+  const DBBINDING name = corvane::test::TextBinding(0, DBPARAMIO_NOTPARAM);
   HACCESSOR stale = DB_NULL_HACCESSOR, handle = DB_NULL_HACCESSOR;
   ASSERT_EQ(S_OK, accessor_->CreateAccessor(DBACCESSOR_ROWDATA, 1, &name, sizeof(Cell), &stale, nullptr));
   ASSERT_EQ(S_OK, accessor_->CreateAccessor(DBACCESSOR_ROWDATA, 1, &name, sizeof(Cell), &handle, nullptr));

@@ -97,6 +97,31 @@ void ConsumerTest::TearDown() {
   LeakCheckedTest::TearDown();
 }
 
+DBBINDING TextBinding(size_t i, DBPARAMIO io) {
+  DBBINDING b;
+  std::memset(&b, 0, sizeof b);
+  b.iOrdinal = i + 1;
+  b.obStatus = i * sizeof(TextSlot) + offsetof(TextSlot, status);
+  b.obLength = i * sizeof(TextSlot) + offsetof(TextSlot, length);
+  b.obValue = i * sizeof(TextSlot) + offsetof(TextSlot, text);
+  b.dwPart = DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS;
+  b.dwMemOwner = DBMEMOWNER_CLIENTOWNED;
+  b.eParamIO = io;
+  b.cbMaxLen = sizeof TextSlot::text;
+  b.wType = DBTYPE_WSTR;
+  return b;
+}
+
+TextParameters::TextParameters(const std::vector<const OLECHAR*>& values) : slots(values.size()) {
+  for (size_t i = 0; i < values.size(); ++i) {
+    const WString text = values[i] ? WString(values[i]).substr(0, TextSlot::kChars - 1) : WString();
+    slots[i].status = values[i] ? DBSTATUS_S_OK : DBSTATUS_S_ISNULL;
+    slots[i].length = text.size() * sizeof(OLECHAR);
+    std::memcpy(slots[i].text, text.c_str(), slots[i].length + sizeof(OLECHAR));
+    bindings.push_back(TextBinding(i, DBPARAMIO_INPUT));
+  }
+}
+
 void OpenProvider(IUnknown* host, IUnknown** dataSource, IOpenRowset** session, const std::string& providerString) {
   ICreateCorvaneOleDbProvider* creator = nullptr;
 #ifdef CORVANE_CONSUMER_OF_DLL
