@@ -277,7 +277,7 @@ TEST_F(CommandParameters, TypeNamesKeepTheirMapping) {
 }
 
 TEST_F(CommandParameters, AnUndescribedParameterIsListedBesideADescribedOne) {
-  // What the descriptions do to the values is in tests/cases/procedures.test.
+  // What a described count does to the rows is in tests/cases/procedures.test.
   SetText(OLESTR("SELECT * FROM GET_VALUES(?, '2100-01-01', ?, 'Area1.Temp')"));
   ASSERT_EQ(S_OK, Prepare());
   DBPARAMBINDINFO info{};
@@ -289,6 +289,15 @@ TEST_F(CommandParameters, AnUndescribedParameterIsListedBesideADescribedOne) {
   ASSERT_EQ(2u, described.size());
   EXPECT_EQ(DBTYPE_VARIANT, described[0].type);
   EXPECT_EQ(DBTYPE_UI4, described[1].type);
+  // A value that does not read as its described type fails the execution (with
+  // DISP_E_TYPEMISMATCH under Windows, DB_E_ERRORSOCCURRED on POSIX).
+  TextParameters bad({OLESTR("2000-01-01"), OLESTR("three")});
+  DBPARAMS p{bad.slots.data(), 1, ParameterAccessor(bad)};
+  IUnknown* rowset = nullptr;
+  EXPECT_TRUE(FAILED(text_->Execute(nullptr, IID_IRowset, &p, nullptr, &rowset)));
+  EXPECT_EQ(nullptr, rowset);
+  TakeLastError();
+  accessor_->ReleaseAccessor(p.hAccessor, nullptr);
 }
 
 TEST_F(CommandExecution, ParameterSetsAndAccessorsAreChecked) {
