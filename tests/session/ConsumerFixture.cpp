@@ -213,12 +213,7 @@ LastError ConsumerTest::TakeLastError() {
 
 std::vector<std::vector<std::string>> ReadAll(IUnknown* rowset, const std::vector<DBORDINAL>& columns,
                                               DBROWCOUNT batch, HRESULT* failure) {
-  constexpr DBLENGTH kChars = 512;
-  struct Cell {
-    DBSTATUS status;
-    DBLENGTH length;
-    OLECHAR text[kChars];
-  };
+  using Cell = TextSlot;
   std::vector<std::vector<std::string>> rows;
   IAccessor* accessor = nullptr;
   IRowset* fetch = nullptr;
@@ -231,19 +226,10 @@ std::vector<std::vector<std::string>> ReadAll(IUnknown* rowset, const std::vecto
     if (fetch) fetch->Release();
     return rows;
   }
-  std::vector<DBBINDING> bindings(columns.size());
+  std::vector<DBBINDING> bindings;
   for (size_t i = 0; i < columns.size(); ++i) {
-    DBBINDING& b = bindings[i];
-    std::memset(&b, 0, sizeof b);
-    b.iOrdinal = columns[i];
-    b.obStatus = i * sizeof(Cell) + offsetof(Cell, status);
-    b.obLength = i * sizeof(Cell) + offsetof(Cell, length);
-    b.obValue = i * sizeof(Cell) + offsetof(Cell, text);
-    b.dwPart = DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS;
-    b.dwMemOwner = DBMEMOWNER_CLIENTOWNED;
-    b.eParamIO = DBPARAMIO_NOTPARAM;
-    b.cbMaxLen = kChars * sizeof(OLECHAR);
-    b.wType = DBTYPE_WSTR;
+    bindings.push_back(TextBinding(i, DBPARAMIO_NOTPARAM));
+    bindings.back().iOrdinal = columns[i];
   }
   HACCESSOR handle = DB_NULL_HACCESSOR;
   EXPECT_EQ(S_OK, accessor->CreateAccessor(DBACCESSOR_ROWDATA, bindings.size(), bindings.data(),

@@ -69,7 +69,7 @@ class ConsumerTest : public LeakCheckedTest {
 
 // One wide text with its length and status, the cell of every text binding here.
 struct TextSlot {
-  static constexpr size_t kChars = 256;
+  static constexpr size_t kChars = 512;
   DBSTATUS status;
   DBLENGTH length;
   OLECHAR text[kChars];
