@@ -106,6 +106,14 @@ std::string TypeName(DBTYPE type) {
   return std::to_string(type);
 }
 
+// FILETIME ticks of `seconds` after 2020-01-01 00:00:00 UTC, the time of a case file's samples.
+ULONGLONG SampleTime(double seconds) {
+  const SYSTEMTIME base{2020, 1, 3, 1, 0, 0, 0, 0};
+  FILETIME ft{};
+  SystemTimeToFileTime(&base, &ft);
+  return FileTimeToU64(ft) + static_cast<ULONGLONG>(std::llround(seconds * 1e7));
+}
+
 bool IsCheck(const std::string& word) {
   return word == "calls" || word == "trace" || word == "notrace" || word == "contents";
 }
@@ -134,7 +142,8 @@ std::vector<Case> ParseFile(const std::string& path, std::string* error) {
     const std::string at = path + ":" + std::to_string(line.number) + ": ";
     if (words.empty()) {
       ++i;
-    } else if (words[0] == "tag" || words[0] == "provider" || words[0] == "host" || words[0] == "fail") {
+    } else if (words[0] == "tag" || words[0] == "provider" || words[0] == "host" || words[0] == "fail" ||
+               words[0] == "series") {
       setup.push_back(line);
       ++i;
     } else if (words[0] == "samples") {
@@ -346,16 +355,23 @@ class CaseTest : public ::testing::Test {
           (cells.size() > 3 && !ParseHex(cells[3], &hr))) {
         return ADD_FAILURE_AT(file, line.number) << "NAME, SECONDS, VALUE [, QUALITY]: " << line.text;
       }
-      const SYSTEMTIME base{2020, 1, 3, 1, 0, 0, 0, 0};  // 2020-01-01 00:00:00 UTC
-      FILETIME ft{};
-      SystemTimeToFileTime(&base, &ft);
-      s.time = FileTimeToU64(ft) + static_cast<ULONGLONG>(std::llround(std::atof(cells[1].c_str()) * 1e7));
+      s.time = SampleTime(std::atof(cells[1].c_str()));
       s.quality = static_cast<DWORD>(hr);
       if (tag.vartype == VT_BSTR) s.text = FromUtf8(cells[2]);
       s.number = std::atof(cells[2].c_str());
       s.integer = std::atoll(cells[2].c_str());
       if (consumer.Store().AppendSamples(tag.name, {s}) != S_OK)
         ADD_FAILURE_AT(file, line.number) << "sample not added: " << line.text;
+    } else if (words[0] == "series" && (words.size() == 3 || (words.size() == 4 && ParseHex(words[3], &hr)))) {
+      // series NAME N [QUALITY hex]: value i at second i, for i below N.
+      const size_t n = static_cast<size_t>(std::atol(words[2].c_str()));
+      const ULONGLONG start = SampleTime(0);
+      if (consumer.Store().AppendGenerated(FromUtf8(words[1]), n, [&](size_t i, historian::SampleInput& s) {
+            s.time = start + i * 10000000ull;
+            s.number = static_cast<double>(i);
+            s.quality = static_cast<DWORD>(hr);
+          }) != S_OK)
+        ADD_FAILURE_AT(file, line.number) << "series not added: " << line.text;
     } else if (words[0] == "provider") {
       run.providerString = After(line.text, 1);
     } else if (words[0] == "host" && words.size() == 3 && words[1] == "omit") {

@@ -4,9 +4,6 @@
 
 #include "historian/Aggregates.h"
 #include "historian/ReferenceHistorian.h"
-#ifndef CORVANE_CONSUMER_OF_DLL
-#include "provider/CreateCorvaneOleDbProviderImpl.h"
-#endif
 
 namespace corvane::test {
 
@@ -23,29 +20,6 @@ T* Query(IUnknown* object, REFIID iid) {
   return object ? ConsumerTest::Query<T>(object, iid) : nullptr;
 }
 
-// A text of `chars` characters at slot `i` of a buffer of Slot<chars>, with length and status.
-template <size_t chars>
-struct Slot {
-  DBSTATUS status;
-  DBLENGTH length;
-  OLECHAR text[chars];
-};
-template <size_t chars>
-DBBINDING TextBinding(size_t i, DBPARAMIO io) {
-  DBBINDING b;
-  std::memset(&b, 0, sizeof b);
-  b.iOrdinal = i + 1;
-  b.obStatus = i * sizeof(Slot<chars>) + offsetof(Slot<chars>, status);
-  b.obLength = i * sizeof(Slot<chars>) + offsetof(Slot<chars>, length);
-  b.obValue = i * sizeof(Slot<chars>) + offsetof(Slot<chars>, text);
-  b.dwPart = DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS;
-  b.dwMemOwner = DBMEMOWNER_CLIENTOWNED;
-  b.eParamIO = io;
-  b.cbMaxLen = chars * sizeof(OLECHAR);
-  b.wType = DBTYPE_WSTR;
-  return b;
-}
-constexpr size_t kChars = 256;
 
 }  // namespace
 
@@ -85,40 +59,8 @@ SqlConsumer::~SqlConsumer() {
 }
 
 void SqlConsumer::Open(const std::string& providerString) {
-  ICreateCorvaneOleDbProvider* creator = nullptr;
-#ifdef CORVANE_CONSUMER_OF_DLL
-  ASSERT_EQ(S_OK, CoCreateInstance(CLSID_CorvaneOleDbProvider, nullptr, CLSCTX_INPROC_SERVER,
-                                   IID_ICreateCorvaneOleDbProvider, reinterpret_cast<void**>(&creator)));
-#else
-  ASSERT_EQ(S_OK, CCreateCorvaneOleDbProviderImpl::CreateInstance(nullptr, IID_ICreateCorvaneOleDbProvider,
-                                                                  reinterpret_cast<void**>(&creator)));
-#endif
-  const HRESULT created = creator->Create(static_cast<IRawDataProvider*>(host_), &dataSource_);
-  creator->Release();
-  ASSERT_EQ(S_OK, created);
-  IDBProperties* props = Query<IDBProperties>(dataSource_, IID_IDBProperties);
-  ASSERT_NE(nullptr, props);
-  DBPROP prop[2] = {};
-  prop[0].dwPropertyID = DBPROP_INIT_CATALOG;
-  prop[0].vValue.vt = VT_BSTR;
-  prop[0].vValue.bstrVal = SysAllocString(OLESTR("Plant"));
-  prop[1].dwPropertyID = DBPROP_INIT_PROVIDERSTRING;
-  prop[1].vValue.vt = VT_BSTR;
-  prop[1].vValue.bstrVal = SysAllocString(FromUtf8(providerString).c_str());
-  DBPROPSET set{prop, providerString.empty() ? 1u : 2u, DBPROPSET_DBINIT};
-  EXPECT_EQ(S_OK, props->SetProperties(1, &set));
-  VariantClear(&prop[0].vValue);
-  VariantClear(&prop[1].vValue);
-  props->Release();
-  IDBInitialize* init = Query<IDBInitialize>(dataSource_, IID_IDBInitialize);
-  ASSERT_NE(nullptr, init);
-  const HRESULT initialized = init->Initialize();
-  init->Release();
-  ASSERT_EQ(S_OK, initialized);
-  IDBCreateSession* sessions = Query<IDBCreateSession>(dataSource_, IID_IDBCreateSession);
-  ASSERT_NE(nullptr, sessions);
-  sessions->CreateSession(nullptr, IID_IOpenRowset, reinterpret_cast<IUnknown**>(&session_));
-  sessions->Release();
+  OpenProvider(static_cast<IRawDataProvider*>(host_), &dataSource_, &session_, providerString);
+  if (!session_) return;
   IDBCreateCommand* commands = Query<IDBCreateCommand>(session_, IID_IDBCreateCommand);
   ASSERT_NE(nullptr, commands);
   commands->CreateCommand(nullptr, IID_ICommandText, reinterpret_cast<IUnknown**>(&command_));
@@ -136,15 +78,11 @@ Outcome SqlConsumer::Run(const std::string& sql, const std::vector<Parameter>& p
   if (SUCCEEDED(out.hr)) out.hr = command_->SetCommandText(DBGUID_DEFAULT, FromUtf8(sql).c_str());
   IAccessor* accessor = Query<IAccessor>(command_, IID_IAccessor);
   HACCESSOR handle = DB_NULL_HACCESSOR;
-  std::vector<Slot<kChars>> values(parameters.size());
-  std::vector<DBBINDING> valueBindings;
-  for (size_t i = 0; i < parameters.size(); ++i) {
-    const WString text = FromUtf8(parameters[i].value).substr(0, kChars - 1);
-    values[i].status = parameters[i].null ? DBSTATUS_S_ISNULL : DBSTATUS_S_OK;
-    values[i].length = text.size() * sizeof(OLECHAR);
-    std::memcpy(values[i].text, text.c_str(), values[i].length + sizeof(OLECHAR));
-    valueBindings.push_back(TextBinding<kChars>(i, DBPARAMIO_INPUT));
-  }
+  std::vector<WString> texts;
+  for (const Parameter& p : parameters) texts.push_back(FromUtf8(p.value));
+  std::vector<const OLECHAR*> given;
+  for (size_t i = 0; i < parameters.size(); ++i) given.push_back(parameters[i].null ? nullptr : texts[i].c_str());
+  TextParameters values(given);
   std::vector<WString> typeNames;
   for (const Parameter& p : parameters) typeNames.push_back(FromUtf8(p.type));
   for (size_t i = 0; SUCCEEDED(out.hr) && i < parameters.size(); ++i) {
@@ -156,9 +94,9 @@ Outcome SqlConsumer::Run(const std::string& sql, const std::vector<Parameter>& p
     out.hr = described->SetParameterInfo(1, &ordinal, &info);
   }
   if (SUCCEEDED(out.hr) && !parameters.empty())
-    out.hr = accessor->CreateAccessor(DBACCESSOR_PARAMETERDATA, valueBindings.size(), valueBindings.data(),
-                                      values.size() * sizeof(values[0]), &handle, nullptr);
-  DBPARAMS params{values.data(), 1, handle};
+    out.hr = accessor->CreateAccessor(DBACCESSOR_PARAMETERDATA, values.bindings.size(), values.bindings.data(),
+                                      values.slots.size() * sizeof(TextSlot), &handle, nullptr);
+  DBPARAMS params{values.slots.data(), 1, handle};
   if (SUCCEEDED(out.hr))
     out.hr = command_->Execute(nullptr, IID_IRowset, parameters.empty() ? nullptr : &params, nullptr, &rowset);
   if (FAILED(out.hr)) {
@@ -175,9 +113,9 @@ Outcome SqlConsumer::Run(const std::string& sql, const std::vector<Parameter>& p
   IAccessor* rowAccessor = Query<IAccessor>(rowset, IID_IAccessor);
   IRowset* fetch = Query<IRowset>(rowset, IID_IRowset);
   std::vector<DBBINDING> bindings;
-  for (size_t i = 0; i < columns; ++i) bindings.push_back(TextBinding<kChars>(i, DBPARAMIO_NOTPARAM));
+  for (size_t i = 0; i < columns; ++i) bindings.push_back(TextBinding(i, DBPARAMIO_NOTPARAM));
   HACCESSOR rowHandle = DB_NULL_HACCESSOR;
-  EXPECT_EQ(S_OK, rowAccessor->CreateAccessor(DBACCESSOR_ROWDATA, columns, bindings.data(), columns * sizeof(Slot<kChars>),
+  EXPECT_EQ(S_OK, rowAccessor->CreateAccessor(DBACCESSOR_ROWDATA, columns, bindings.data(), columns * sizeof(TextSlot),
                                               &rowHandle, nullptr));
   std::vector<HROW> held;
   for (;;) {
@@ -192,7 +130,7 @@ Outcome SqlConsumer::Run(const std::string& sql, const std::vector<Parameter>& p
     CoTaskMemFree(handles);
     if (hr != S_OK || obtained == 0) break;
   }
-  std::vector<Slot<kChars>> buffer(columns);
+  std::vector<TextSlot> buffer(columns);
   for (HROW row : held) {
     EXPECT_EQ(S_OK, fetch->GetData(row, rowHandle, buffer.data())) << "a held row stays readable";
     std::vector<std::string> cells;

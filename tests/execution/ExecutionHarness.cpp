@@ -37,34 +37,6 @@ void ExecutionTest::TearDown() {
   LeakCheckedTest::TearDown();
 }
 
-void ExecutionTest::AddDoubleTag(const OLECHAR* name, size_t values, DWORD quality) {
-  historian::TagDefinition tag;
-  tag.name = name;
-  tag.description = WString(OLESTR("Double ")) + name;
-  ASSERT_EQ(S_OK, store_->AddTag(tag));
-  const ULONGLONG start = Utc(2024, 1, 1);
-  ASSERT_EQ(S_OK, store_->AppendGenerated(name, values, [&](size_t i, historian::SampleInput& s) {
-    s.time = start + i * kTicksPerSecond;
-    s.number = static_cast<double>(i);
-    s.quality = quality;
-  }));
-}
-
-void ExecutionTest::AddTextTag(const OLECHAR* name, const std::vector<std::wstring>& texts) {
-  historian::TagDefinition tag;
-  tag.name = name;
-  tag.vartype = VT_BSTR;
-  ASSERT_EQ(S_OK, store_->AddTag(tag));
-  std::vector<historian::SampleInput> samples;
-  for (size_t i = 0; i < texts.size(); ++i) {
-    historian::SampleInput s;
-    s.time = Utc(2024, 1, 1) + i * kTicksPerSecond;
-    for (wchar_t c : texts[i]) s.text.push_back(static_cast<OLECHAR>(c));
-    samples.push_back(s);
-  }
-  ASSERT_EQ(S_OK, store_->AppendSamples(name, samples));
-}
-
 HRESULT ExecutionTest::Run(const std::string& sql, IRowset** rowset, DBROWCOUNT* affected,
                            const std::vector<VARIANT>& parameters, CProviderDataSource* ds) {
   const WString text = FromUtf8(sql);
@@ -161,18 +133,6 @@ std::vector<std::vector<std::string>> ExecutionTest::ReadAll(IRowset* rowset, HR
   if (end) *end = hr;
   accessor->ReleaseAccessor(handle, nullptr);
   accessor->Release();
-  return rows;
-}
-
-std::vector<std::vector<std::string>> ExecutionTest::Select(const std::string& sql) {
-  IRowset* rowset = nullptr;
-  const HRESULT hr = Run(sql, &rowset);
-  EXPECT_EQ(S_OK, hr) << sql;
-  if (FAILED(hr) || !rowset) return {};
-  HRESULT end = S_OK;
-  auto rows = ReadAll(rowset, &end);
-  EXPECT_EQ(DB_S_ENDOFROWSET, end) << sql;
-  rowset->Release();
   return rows;
 }
 

@@ -24,18 +24,12 @@ class ExecutionTest : public LeakCheckedTest {
   void SetUp() override;
   void TearDown() override;
 
-  // A tag with `values` samples, one per second from 2024-01-01 00:00:00 UTC, value i.
-  void AddDoubleTag(const OLECHAR* name, size_t values, DWORD quality = 0);
-  void AddTextTag(const OLECHAR* name, const std::vector<std::wstring>& texts);
-
   // Runs one statement; message_ receives what the failure's error record would say.
   HRESULT Run(const std::string& sql, IRowset** rowset = nullptr, DBROWCOUNT* affected = nullptr,
               const std::vector<VARIANT>& parameters = {}, CProviderDataSource* ds = nullptr);
   // Every row, each column as text ("NULL" for a null cell), fetched `batch` at a time.
   static std::vector<std::vector<std::string>> ReadAll(IRowset* rowset, HRESULT* end = nullptr, DBROWCOUNT batch = 7);
   static std::vector<std::string> ColumnNames(IRowset* rowset, std::vector<DBTYPE>* types = nullptr);
-  // Runs a SELECT and returns its rows (failing the test when it does not run).
-  std::vector<std::vector<std::string>> Select(const std::string& sql);
 
   std::shared_ptr<historian::CHistorianStore> store_;
   IRawDataProvider* reference_ = nullptr;

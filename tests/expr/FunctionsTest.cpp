@@ -33,28 +33,26 @@ TEST_F(QualityFunctions, SeverityTestsReadTheTwoTopBits) {
   }
 }
 
-TEST_F(QualityFunctions, FullTextNamesTheCodeAndItsInfoBits) {
-  EXPECT_EQ(EvalText("QualityToStr2(0)"), "Good");
-  EXPECT_EQ(EvalText("QualityToStr2(1083311105)"), "UncertainInitialValue [Calculated]");
-  EXPECT_EQ(EvalText("QualityToStr2(2150892544)"), "BadNodeIdUnknown [Raw]");
-  EXPECT_EQ(EvalText("QualityToStr2(2150892574)"),
-            "BadNodeIdUnknown [Interpolated | Partial | Extra Data | Multi Value]");
-  EXPECT_EQ(EvalText("QualityToStr2(2150891549)"), "BadNodeIdUnknown") << "flags without the info type";
-  EXPECT_EQ(EvalText("QualityToStr2(1888617476)"), "UncertainInitialValue [Raw | Partial]")
-      << "the two reserved bits are masked away";
-  EXPECT_EQ(EvalText("QualityToStr2(2164458500)"), "Bad (2164458500) [Raw | Partial]") << "unpublished sub-code";
-  EXPECT_EQ(EvalText("QualityToStr2(3221225472)"), "Unknown (3221225472)");
-}
-
-TEST_F(QualityFunctions, AccessRightsAndDataTypes) {
-  EXPECT_EQ(EvalText("AccessRightsToStr(0)"), "TAG_ACCESS_RIGHTS_NONE");
-  EXPECT_EQ(EvalText("AccessRightsToStr(3)"), "TAG_ACCESS_RIGHTS_READ_WRITE");
-  EXPECT_EQ(EvalText("AccessRightsToStr(4)"), "Unknown");
-  EXPECT_EQ(EvalText("AccessRightsToStr(-1)"), "Unknown");
-  EXPECT_EQ(EvalText("DataTypeToStr(5)"), "VT_R8");
-  EXPECT_EQ(EvalText("DataTypeToStr(11)"), "VT_BOOL");
-  EXPECT_EQ(EvalText("DataTypeToStr(21)"), "VT_UI8");
-  EXPECT_EQ(EvalText("DataTypeToStr(8)"), "Unknown") << "strings are not in the table";
+TEST_F(QualityFunctions, TextsOfQualitiesAccessRightsAndDataTypes) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"QualityToStr2(0)", "Good"},
+      {"QualityToStr2(1083311105)", "UncertainInitialValue [Calculated]"},
+      {"QualityToStr2(2150892544)", "BadNodeIdUnknown [Raw]"},
+      {"QualityToStr2(2150892574)", "BadNodeIdUnknown [Interpolated | Partial | Extra Data | Multi Value]"},
+      {"QualityToStr2(2150891549)", "BadNodeIdUnknown"},  // flags without the info type
+      {"QualityToStr2(1888617476)", "UncertainInitialValue [Raw | Partial]"},  // reserved bits masked away
+      {"QualityToStr2(2164458500)", "Bad (2164458500) [Raw | Partial]"},       // unpublished sub-code
+      {"QualityToStr2(3221225472)", "Unknown (3221225472)"},
+      {"AccessRightsToStr(0)", "TAG_ACCESS_RIGHTS_NONE"},
+      {"AccessRightsToStr(3)", "TAG_ACCESS_RIGHTS_READ_WRITE"},
+      {"AccessRightsToStr(4)", "Unknown"},
+      {"AccessRightsToStr(-1)", "Unknown"},
+      {"DataTypeToStr(5)", "VT_R8"},
+      {"DataTypeToStr(11)", "VT_BOOL"},
+      {"DataTypeToStr(21)", "VT_UI8"},
+      {"DataTypeToStr(8)", "Unknown"},  // strings are not in the table
+  };
+  for (const auto& [expr, text] : cases) EXPECT_EQ(EvalText(expr), text) << expr;
 }
 
 TEST_F(QualityFunctions, StatusTableHoldsEveryPublishedCodeInOrder) {

@@ -97,7 +97,32 @@ void ConsumerTest::TearDown() {
   LeakCheckedTest::TearDown();
 }
 
-void OpenProvider(IUnknown* host, IUnknown** dataSource, IOpenRowset** session) {
+DBBINDING TextBinding(size_t i, DBPARAMIO io) {
+  DBBINDING b;
+  std::memset(&b, 0, sizeof b);
+  b.iOrdinal = i + 1;
+  b.obStatus = i * sizeof(TextSlot) + offsetof(TextSlot, status);
+  b.obLength = i * sizeof(TextSlot) + offsetof(TextSlot, length);
+  b.obValue = i * sizeof(TextSlot) + offsetof(TextSlot, text);
+  b.dwPart = DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS;
+  b.dwMemOwner = DBMEMOWNER_CLIENTOWNED;
+  b.eParamIO = io;
+  b.cbMaxLen = sizeof TextSlot::text;
+  b.wType = DBTYPE_WSTR;
+  return b;
+}
+
+TextParameters::TextParameters(const std::vector<const OLECHAR*>& values) : slots(values.size()) {
+  for (size_t i = 0; i < values.size(); ++i) {
+    const WString text = values[i] ? WString(values[i]).substr(0, TextSlot::kChars - 1) : WString();
+    slots[i].status = values[i] ? DBSTATUS_S_OK : DBSTATUS_S_ISNULL;
+    slots[i].length = text.size() * sizeof(OLECHAR);
+    std::memcpy(slots[i].text, text.c_str(), slots[i].length + sizeof(OLECHAR));
+    bindings.push_back(TextBinding(i, DBPARAMIO_INPUT));
+  }
+}
+
+void OpenProvider(IUnknown* host, IUnknown** dataSource, IOpenRowset** session, const std::string& providerString) {
   ICreateCorvaneOleDbProvider* creator = nullptr;
 #ifdef CORVANE_CONSUMER_OF_DLL
   ASSERT_EQ(S_OK, CoCreateInstance(CLSID_CorvaneOleDbProvider, nullptr, CLSCTX_INPROC_SERVER,
@@ -111,13 +136,17 @@ void OpenProvider(IUnknown* host, IUnknown** dataSource, IOpenRowset** session) 
 
   IDBProperties* props = ConsumerTest::Query<IDBProperties>(*dataSource, IID_IDBProperties);
   ASSERT_NE(nullptr, props);
-  DBPROP prop{};
-  prop.dwPropertyID = DBPROP_INIT_CATALOG;
-  prop.vValue.vt = VT_BSTR;
-  prop.vValue.bstrVal = SysAllocString(OLESTR("Plant"));
-  DBPROPSET set{&prop, 1, DBPROPSET_DBINIT};
+  DBPROP prop[2] = {};
+  prop[0].dwPropertyID = DBPROP_INIT_CATALOG;
+  prop[0].vValue.vt = VT_BSTR;
+  prop[0].vValue.bstrVal = SysAllocString(OLESTR("Plant"));
+  prop[1].dwPropertyID = DBPROP_INIT_PROVIDERSTRING;
+  prop[1].vValue.vt = VT_BSTR;
+  prop[1].vValue.bstrVal = SysAllocString(FromUtf8(providerString).c_str());
+  DBPROPSET set{prop, providerString.empty() ? 1u : 2u, DBPROPSET_DBINIT};
   EXPECT_EQ(S_OK, props->SetProperties(1, &set));
-  VariantClear(&prop.vValue);
+  VariantClear(&prop[0].vValue);
+  VariantClear(&prop[1].vValue);
   props->Release();
   IDBInitialize* init = ConsumerTest::Query<IDBInitialize>(*dataSource, IID_IDBInitialize);
   ASSERT_NE(nullptr, init);
@@ -184,12 +213,7 @@ LastError ConsumerTest::TakeLastError() {
 
 std::vector<std::vector<std::string>> ReadAll(IUnknown* rowset, const std::vector<DBORDINAL>& columns,
                                               DBROWCOUNT batch, HRESULT* failure) {
-  constexpr DBLENGTH kChars = 512;
-  struct Cell {
-    DBSTATUS status;
-    DBLENGTH length;
-    OLECHAR text[kChars];
-  };
+  using Cell = TextSlot;
   std::vector<std::vector<std::string>> rows;
   IAccessor* accessor = nullptr;
   IRowset* fetch = nullptr;
@@ -202,19 +226,10 @@ std::vector<std::vector<std::string>> ReadAll(IUnknown* rowset, const std::vecto
     if (fetch) fetch->Release();
     return rows;
   }
-  std::vector<DBBINDING> bindings(columns.size());
+  std::vector<DBBINDING> bindings;
   for (size_t i = 0; i < columns.size(); ++i) {
-    DBBINDING& b = bindings[i];
-    std::memset(&b, 0, sizeof b);
-    b.iOrdinal = columns[i];
-    b.obStatus = i * sizeof(Cell) + offsetof(Cell, status);
-    b.obLength = i * sizeof(Cell) + offsetof(Cell, length);
-    b.obValue = i * sizeof(Cell) + offsetof(Cell, text);
-    b.dwPart = DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS;
-    b.dwMemOwner = DBMEMOWNER_CLIENTOWNED;
-    b.eParamIO = DBPARAMIO_NOTPARAM;
-    b.cbMaxLen = kChars * sizeof(OLECHAR);
-    b.wType = DBTYPE_WSTR;
+    bindings.push_back(TextBinding(i, DBPARAMIO_NOTPARAM));
+    bindings.back().iOrdinal = columns[i];
   }
   HACCESSOR handle = DB_NULL_HACCESSOR;
   EXPECT_EQ(S_OK, accessor->CreateAccessor(DBACCESSOR_ROWDATA, bindings.size(), bindings.data(),

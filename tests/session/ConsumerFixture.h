@@ -67,9 +67,26 @@ class ConsumerTest : public LeakCheckedTest {
   ULONG hostRefs_ = 0;
 };
 
+// One wide text with its length and status, the cell of every text binding here.
+struct TextSlot {
+  static constexpr size_t kChars = 512;
+  DBSTATUS status;
+  DBLENGTH length;
+  OLECHAR text[kChars];
+};
+// A WSTR binding of ordinal i + 1 to slot i of an array of TextSlot.
+DBBINDING TextBinding(size_t i, DBPARAMIO io);
+// Input values of the `?` of a statement, one TextSlot each; null gives DBSTATUS_S_ISNULL.
+struct TextParameters {
+  std::vector<TextSlot> slots;
+  std::vector<DBBINDING> bindings;
+  explicit TextParameters(const std::vector<const OLECHAR*>& values);
+};
+
 // Creates the provider over `host` (linked in, or the registered DLL), sets its catalog
 // to "Plant", initialises it and opens a session.
-void OpenProvider(IUnknown* host, IUnknown** dataSource, IOpenRowset** session);
+void OpenProvider(IUnknown* host, IUnknown** dataSource, IOpenRowset** session,
+                  const std::string& providerString = {});
 // Releases the session, uninitialises the data source and checks that its last
 // reference goes with the consumer's; clears the thread's error records.
 void CloseProvider(IUnknown** dataSource, IOpenRowset** session);
