@@ -28,75 +28,44 @@ struct AdoField : AdoObject {
   virtual HRESULT STDMETHODCALLTYPE get_Name(BSTR* name) = 0;
   virtual HRESULT STDMETHODCALLTYPE get_Type(LONG* type) = 0;  // DataTypeEnum: DBTYPE values
   virtual HRESULT STDMETHODCALLTYPE get_Value(VARIANT* value) = 0;
-  ADO_UNUSED(0);  // put_Value
-  ADO_UNUSED(1);  // get_Precision
-  ADO_UNUSED(2);  // get_NumericScale
-  ADO_UNUSED(3);  // AppendChunk
-  ADO_UNUSED(4);  // GetChunk
+  ADO_UNUSED(0); ADO_UNUSED(1); ADO_UNUSED(2);  // put_Value, get_Precision, get_NumericScale
+  ADO_UNUSED(3); ADO_UNUSED(4);  // AppendChunk, GetChunk
   virtual HRESULT STDMETHODCALLTYPE get_OriginalValue(VARIANT* value) = 0;
   virtual HRESULT STDMETHODCALLTYPE get_UnderlyingValue(VARIANT* value) = 0;
 };
 struct AdoFields : IDispatch {
   virtual HRESULT STDMETHODCALLTYPE get_Count(LONG* count) = 0;
-  ADO_UNUSED(0);  // _NewEnum
-  ADO_UNUSED(1);  // Refresh
+  ADO_UNUSED(0); ADO_UNUSED(1);  // _NewEnum, Refresh
   virtual HRESULT STDMETHODCALLTYPE get_Item(VARIANT index, AdoField** field) = 0;
 };
 struct AdoRecordset : AdoObject {
-  ADO_UNUSED(0);  // get_AbsolutePosition
-  ADO_UNUSED(1);  // put_AbsolutePosition
-  ADO_UNUSED(2);  // putref_ActiveConnection
-  ADO_UNUSED(3);  // put_ActiveConnection
-  ADO_UNUSED(4);  // get_ActiveConnection
+  ADO_UNUSED(0); ADO_UNUSED(1); ADO_UNUSED(2);  // get_AbsolutePosition, put_AbsolutePosition, putref_ActiveConnection
+  ADO_UNUSED(3); ADO_UNUSED(4);  // put_ActiveConnection, get_ActiveConnection
   virtual HRESULT STDMETHODCALLTYPE get_BOF(VARIANT_BOOL* bof) = 0;
   virtual HRESULT STDMETHODCALLTYPE get_Bookmark(VARIANT* bookmark) = 0;
-  ADO_UNUSED(7);   // put_Bookmark
-  ADO_UNUSED(8);   // get_CacheSize
-  ADO_UNUSED(9);   // put_CacheSize
-  ADO_UNUSED(10);  // get_CursorType
-  ADO_UNUSED(11);  // put_CursorType
+  ADO_UNUSED(7); ADO_UNUSED(8); ADO_UNUSED(9);  // put_Bookmark, get_CacheSize, put_CacheSize
+  ADO_UNUSED(10); ADO_UNUSED(11);  // get_CursorType, put_CursorType
   virtual HRESULT STDMETHODCALLTYPE get_EOF(VARIANT_BOOL* eof) = 0;
   virtual HRESULT STDMETHODCALLTYPE get_Fields(AdoFields** fields) = 0;
-  ADO_UNUSED(14);  // get_LockType
-  ADO_UNUSED(15);  // put_LockType
-  ADO_UNUSED(16);  // get_MaxRecords
+  ADO_UNUSED(14); ADO_UNUSED(15); ADO_UNUSED(16);  // get_LockType, put_LockType, get_MaxRecords
   ADO_UNUSED(17);  // put_MaxRecords
   virtual HRESULT STDMETHODCALLTYPE get_RecordCount(LONG_PTR* count) = 0;
-  ADO_UNUSED(19);  // putref_Source
-  ADO_UNUSED(20);  // put_Source
+  ADO_UNUSED(19); ADO_UNUSED(20);  // putref_Source, put_Source
   virtual HRESULT STDMETHODCALLTYPE get_Source(VARIANT* source) = 0;
-  ADO_UNUSED(22);  // AddNew
-  ADO_UNUSED(23);  // CancelUpdate
+  ADO_UNUSED(22); ADO_UNUSED(23);  // AddNew, CancelUpdate
   virtual HRESULT STDMETHODCALLTYPE Close() = 0;
-  ADO_UNUSED(25);  // Delete
-  ADO_UNUSED(26);  // GetRows
-  ADO_UNUSED(27);  // Move
+  ADO_UNUSED(25); ADO_UNUSED(26); ADO_UNUSED(27);  // Delete, GetRows, Move
   virtual HRESULT STDMETHODCALLTYPE MoveNext() = 0;
   ADO_UNUSED(29);  // MovePrevious
   virtual HRESULT STDMETHODCALLTYPE MoveFirst() = 0;
-  ADO_UNUSED(31);  // MoveLast
-  ADO_UNUSED(32);  // Open
-  ADO_UNUSED(33);  // Requery
-  ADO_UNUSED(34);  // _xResync
-  ADO_UNUSED(35);  // Update
-  ADO_UNUSED(36);  // get_AbsolutePage
-  ADO_UNUSED(37);  // put_AbsolutePage
-  ADO_UNUSED(38);  // get_EditMode
-  ADO_UNUSED(39);  // get_Filter
-  ADO_UNUSED(40);  // put_Filter
-  ADO_UNUSED(41);  // get_PageCount
-  ADO_UNUSED(42);  // get_PageSize
-  ADO_UNUSED(43);  // put_PageSize
-  ADO_UNUSED(44);  // get_Sort
-  ADO_UNUSED(45);  // put_Sort
-  ADO_UNUSED(46);  // get_Status
+  ADO_UNUSED(31); ADO_UNUSED(32); ADO_UNUSED(33); ADO_UNUSED(34);  // MoveLast, Open, Requery, _xResync
+  ADO_UNUSED(35); ADO_UNUSED(36); ADO_UNUSED(37);  // Update, get_AbsolutePage, put_AbsolutePage
+  ADO_UNUSED(38); ADO_UNUSED(39); ADO_UNUSED(40);  // get_EditMode, get_Filter, put_Filter
+  ADO_UNUSED(41); ADO_UNUSED(42); ADO_UNUSED(43);  // get_PageCount, get_PageSize, put_PageSize
+  ADO_UNUSED(44); ADO_UNUSED(45); ADO_UNUSED(46);  // get_Sort, put_Sort, get_Status
   virtual HRESULT STDMETHODCALLTYPE get_State(LONG* state) = 0;
-  ADO_UNUSED(48);  // _xClone
-  ADO_UNUSED(49);  // UpdateBatch
-  ADO_UNUSED(50);  // CancelBatch
-  ADO_UNUSED(51);  // get_CursorLocation
-  ADO_UNUSED(52);  // put_CursorLocation
-  ADO_UNUSED(53);  // NextRecordset
+  ADO_UNUSED(48); ADO_UNUSED(49); ADO_UNUSED(50);  // _xClone, UpdateBatch, CancelBatch
+  ADO_UNUSED(51); ADO_UNUSED(52); ADO_UNUSED(53);  // get_CursorLocation, put_CursorLocation, NextRecordset
   virtual HRESULT STDMETHODCALLTYPE Supports(LONG options, VARIANT_BOOL* supported) = 0;
   virtual HRESULT STDMETHODCALLTYPE get_Collect(VARIANT index, VARIANT* value) = 0;
 };
@@ -179,33 +148,28 @@ void ExpectAdoSeesTheColumns(IUnknown* rowset, const std::string& what) {
   ASSERT_EQ(static_cast<LONG>(columns.size()), count) << what;
   for (size_t i = 0; i < columns.size(); ++i) {
     const Column& c = columns[i];
-    VARIANT index;
-    index.vt = VT_I4;
-    index.lVal = static_cast<LONG>(i);
-    Ref<AdoField> field;
-    ASSERT_EQ(S_OK, fields->get_Item(index, &field.p)) << what << " field " << i;
-    BSTR name = nullptr;
-    EXPECT_EQ(S_OK, field->get_Name(&name));
-    EXPECT_EQ(c.name, ToUtf8(name)) << what;
-    LONG type = -1, attributes = -1;
-    LONG_PTR size = -1;
-    EXPECT_EQ(S_OK, field->get_Type(&type));
-    EXPECT_EQ(S_OK, field->get_DefinedSize(&size));
-    EXPECT_EQ(S_OK, field->get_Attributes(&attributes));
-    EXPECT_EQ(c.type, type) << what << "." << c.name;
-    EXPECT_EQ(static_cast<LONG_PTR>(c.size), size) << what << "." << c.name;
-    EXPECT_EQ(static_cast<LONG>(c.flags), attributes) << what << "." << c.name;
-
-    VARIANT byName;
-    byName.vt = VT_BSTR;
-    byName.bstrVal = name;
-    Ref<AdoField> same;
-    BSTR sameName = nullptr;
-    EXPECT_EQ(S_OK, fields->get_Item(byName, &same.p)) << what << "." << c.name;
-    if (same.p) same->get_Name(&sameName);
-    EXPECT_EQ(c.name, ToUtf8(sameName)) << "found by name";
-    SysFreeString(sameName);
-    SysFreeString(name);
+    BSTR byName = SysAllocString(corvane::FromUtf8(c.name).c_str());
+    for (int way = 0; way < 2; ++way) {  // by position, then by name
+      VARIANT key;
+      key.vt = way ? VT_BSTR : VT_I4;
+      if (way) key.bstrVal = byName; else key.lVal = static_cast<LONG>(i);
+      Ref<AdoField> field;
+      EXPECT_EQ(S_OK, fields->get_Item(key, &field.p)) << what << "." << c.name << (way ? " by name" : " by position");
+      if (!field.p) continue;
+      BSTR name = nullptr;
+      LONG type = -1, attributes = -1;
+      LONG_PTR size = -1;
+      EXPECT_EQ(S_OK, field->get_Name(&name));
+      EXPECT_EQ(S_OK, field->get_Type(&type));
+      EXPECT_EQ(S_OK, field->get_DefinedSize(&size));
+      EXPECT_EQ(S_OK, field->get_Attributes(&attributes));
+      EXPECT_EQ(c.name, ToUtf8(name)) << what << (way ? " by name" : " by position");
+      EXPECT_EQ(c.type, type) << what << "." << c.name;
+      EXPECT_EQ(static_cast<LONG_PTR>(c.size), size) << what << "." << c.name;
+      EXPECT_EQ(static_cast<LONG>(c.flags), attributes) << what << "." << c.name;
+      SysFreeString(name);
+    }
+    SysFreeString(byName);
   }
 }
 

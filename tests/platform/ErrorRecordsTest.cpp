@@ -22,26 +22,12 @@ class FakeErrorInfo final : public IErrorInfo {
   }
   ULONG STDMETHODCALLTYPE AddRef() override { return ++refs; }
   ULONG STDMETHODCALLTYPE Release() override { return --refs; }
-  HRESULT STDMETHODCALLTYPE GetGUID(GUID* g) override {
-    *g = GUID_NULL;
-    return S_OK;
-  }
-  HRESULT STDMETHODCALLTYPE GetSource(BSTR* s) override {
-    *s = nullptr;
-    return S_OK;
-  }
-  HRESULT STDMETHODCALLTYPE GetDescription(BSTR* s) override {
-    *s = nullptr;
-    return S_OK;
-  }
-  HRESULT STDMETHODCALLTYPE GetHelpFile(BSTR* s) override {
-    *s = nullptr;
-    return S_OK;
-  }
-  HRESULT STDMETHODCALLTYPE GetHelpContext(DWORD* c) override {
-    *c = 0;
-    return S_OK;
-  }
+  // Nothing to describe: every part reads as empty.
+  HRESULT STDMETHODCALLTYPE GetGUID(GUID* g) override { return *g = GUID_NULL, S_OK; }
+  HRESULT STDMETHODCALLTYPE GetSource(BSTR* s) override { return *s = nullptr, S_OK; }
+  HRESULT STDMETHODCALLTYPE GetDescription(BSTR* s) override { return *s = nullptr, S_OK; }
+  HRESULT STDMETHODCALLTYPE GetHelpFile(BSTR* s) override { return *s = nullptr, S_OK; }
+  HRESULT STDMETHODCALLTYPE GetHelpContext(DWORD* c) override { return *c = 0, S_OK; }
   std::atomic<ULONG> refs{1};
 };
 

@@ -154,6 +154,18 @@ class RowHandles : public LeakCheckedTest {
     if (rowset_) rowset_->Release();
     LeakCheckedTest::TearDown();
   }
+  // A command rowset over `rows` rows produced `page` at a time, read through VALUE (R8).
+  void Open(ULONGLONG rows, ULONGLONG page) {
+    auto producer = std::make_unique<PagedProducer>(rows, page);
+    ASSERT_EQ(S_OK, producer->Execute());
+    auto store = std::make_unique<CDataStore>();
+    ASSERT_EQ(S_OK, store->Initialize(std::move(producer), RawDataColumns()));
+    ASSERT_EQ(S_OK, CProviderIRowset::Create(std::move(store), CProviderIRowset::RowsetKind::Command, nullptr,
+                                             IID_IRowset, reinterpret_cast<void**>(&rowset_)));
+    ASSERT_EQ(S_OK, rowset_->QueryInterface(IID_IAccessor, reinterpret_cast<void**>(&accessor_)));
+    const DBBINDING b = Binding(4, DBTYPE_R8, 0, 8);
+    ASSERT_EQ(S_OK, accessor_->CreateAccessor(DBACCESSOR_ROWDATA, 1, &b, 0, &h_, nullptr));
+  }
   double ValueOf(HROW row) { return test::ValueOf(rowset_, row, h_); }
   HRESULT StatusOf(HROW row) {
     HRESULT hr = S_OK;
@@ -167,15 +179,7 @@ class RowHandles : public LeakCheckedTest {
 
 TEST_F(RowHandles, OldHandlesStayValidAndDistinctInAnyReleaseOrder) {
   constexpr ULONGLONG kRows = 6000;
-  auto producer = std::make_unique<PagedProducer>(kRows, 500);
-  ASSERT_EQ(S_OK, producer->Execute());
-  auto store = std::make_unique<CDataStore>();
-  ASSERT_EQ(S_OK, store->Initialize(std::move(producer), RawDataColumns()));
-  ASSERT_EQ(S_OK, CProviderIRowset::Create(std::move(store), CProviderIRowset::RowsetKind::Command, nullptr,
-                                           IID_IRowset, reinterpret_cast<void**>(&rowset_)));
-  ASSERT_EQ(S_OK, rowset_->QueryInterface(IID_IAccessor, reinterpret_cast<void**>(&accessor_)));
-  const DBBINDING b = Binding(4, DBTYPE_R8, 0, 8);
-  ASSERT_EQ(S_OK, accessor_->CreateAccessor(DBACCESSOR_ROWDATA, 1, &b, 0, &h_, nullptr));
+  ASSERT_NO_FATAL_FAILURE(Open(kRows, 500));
 
   std::set<HROW> seen;
   std::vector<std::pair<HROW, double>> kept;  // one row of every tenth batch, held to the end
@@ -220,15 +224,7 @@ TEST_F(RowHandles, OldHandlesStayValidAndDistinctInAnyReleaseOrder) {
 // grows and moves old rows aside) and release: every reader sees its own row's value.
 TEST_F(RowHandles, ReadersOnOtherThreadsSeeTheirRowsWhileTheTableChanges) {
   constexpr ULONGLONG kRows = 20000;
-  auto producer = std::make_unique<PagedProducer>(kRows, 700);
-  ASSERT_EQ(S_OK, producer->Execute());
-  auto store = std::make_unique<CDataStore>();
-  ASSERT_EQ(S_OK, store->Initialize(std::move(producer), RawDataColumns()));
-  ASSERT_EQ(S_OK, CProviderIRowset::Create(std::move(store), CProviderIRowset::RowsetKind::Command, nullptr,
-                                           IID_IRowset, reinterpret_cast<void**>(&rowset_)));
-  ASSERT_EQ(S_OK, rowset_->QueryInterface(IID_IAccessor, reinterpret_cast<void**>(&accessor_)));
-  const DBBINDING b = Binding(4, DBTYPE_R8, 0, 8);
-  ASSERT_EQ(S_OK, accessor_->CreateAccessor(DBACCESSOR_ROWDATA, 1, &b, 0, &h_, nullptr));
+  ASSERT_NO_FATAL_FAILURE(Open(kRows, 700));
 
   std::mutex lock;
   std::vector<std::pair<HROW, double>> handedOver;

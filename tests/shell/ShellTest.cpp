@@ -63,6 +63,15 @@ std::string ReadFile(const std::string& path) {
   return s.str();
 }
 
+// In a forked child: becomes the shell with `args`.
+[[noreturn]] void Exec(const std::vector<std::string>& args) {
+  std::vector<char*> argv{const_cast<char*>(g_shell.c_str())};
+  for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+  argv.push_back(nullptr);
+  execv(g_shell.c_str(), argv.data());
+  _exit(127);
+}
+
 // Where the shell's stdout goes besides a file: a pipe whose reader has gone, with
 // SIGPIPE ignored as supervisors and Python's subprocess leave it.
 const char kClosedPipe[] = "closed pipe";
@@ -81,11 +90,7 @@ Result RunShell(const std::vector<std::string>& args, const std::string& input =
     dup2(pipeOut ? fds[1] : open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
     dup2(open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
     if (pipeOut) signal(SIGPIPE, SIG_IGN);
-    std::vector<char*> argv{const_cast<char*>(g_shell.c_str())};
-    for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    execv(g_shell.c_str(), argv.data());
-    _exit(127);
+    Exec(args);
   }
   if (pipeOut) close(fds[1]);
   Result r;
@@ -390,11 +395,7 @@ class Terminal {
   explicit Terminal(const std::vector<std::string>& args) {
     pid_ = forkpty(&fd_, nullptr, nullptr, nullptr);
     if (pid_ == 0) {
-      std::vector<char*> argv{const_cast<char*>(g_shell.c_str())};
-      for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-      argv.push_back(nullptr);
-      execv(g_shell.c_str(), argv.data());
-      _exit(127);
+      Exec(args);
     }
   }
   ~Terminal() {

@@ -78,20 +78,19 @@ TEST_F(SqlErrorTexts, EachClauseNamesItselfAfterThePrefix) {
   }
 }
 
-TEST_F(SqlErrorTexts, ReturnValueWithoutEqualHasTheBareText) {
-  auto p = Parse("? CALL p(1)");
-  EXPECT_EQ(p.hr, E_FAIL);
-  EXPECT_EQ(p.error, "Failed to parse the query: '? CALL p(1)'.\n");
-}
-
-TEST_F(SqlErrorTexts, ReadFailureBeforeAnyClauseLeavesNoMessage) {
-  // The statement's first token after SELECT cannot be read: no clause was entered.
-  auto p = Parse("SELECT 1e5 FROM t");
-  EXPECT_EQ(p.hr, E_FAIL);
-  EXPECT_EQ(p.error, "");
-  auto q = Parse("\"unterminated");
-  EXPECT_EQ(q.hr, E_FAIL);
-  EXPECT_EQ(q.error, "");
+TEST_F(SqlErrorTexts, BareTextWithoutAClauseAndNoneWhenNoClauseWasEntered) {
+  // A return value without "=" has the bare text; a token that cannot be read before any
+  // clause was entered (the first after SELECT, an unterminated name) leaves no message.
+  const std::pair<const char*, const char*> cases[] = {
+      {"? CALL p(1)", "Failed to parse the query: '? CALL p(1)'.\n"},
+      {"SELECT 1e5 FROM t", ""},
+      {"\"unterminated", ""},
+  };
+  for (const auto& [query, error] : cases) {
+    auto p = Parse(query);
+    EXPECT_EQ(p.hr, E_FAIL) << query;
+    EXPECT_EQ(p.error, error) << query;
+  }
 }
 
 TEST_F(SqlErrorTexts, AFailedParseIsTracedAsAnErrorWithItsInfo) {

@@ -169,10 +169,14 @@ TEST_F(DataStoreSetValue, AnsiCellsUseTheAnsiCodePageAndTruncate) {
 }
 
 TEST_F(DataStoreSetValue, ByReferenceCellsHoldTheirOwnCopy) {
-  Build({Column(OLESTR("B"), 1, DBTYPE_BSTR), Column(OLESTR("A"), 2, DBTYPE_STR | DBTYPE_BYREF)});
+  Build({Column(OLESTR("B"), 1, DBTYPE_BSTR), Column(OLESTR("A"), 2, DBTYPE_STR | DBTYPE_BYREF),
+         Column(OLESTR("V"), 3, DBTYPE_VARIANT, 24)});
   StoreValue text = Bstr(OLESTR("Plant.Tag1"));
-  EXPECT_TRUE(Set(text, 0));
-  EXPECT_TRUE(Set(text, 1));
+  for (int column = 0; column < 3; ++column) EXPECT_TRUE(Set(text, column)) << column;
+  const VARIANT stored = ReadAt<VARIANT>(Value(2), 0);
+  ASSERT_EQ(VT_BSTR, V_VT(&stored));
+  EXPECT_NE(V_BSTR(&text.Value), V_BSTR(&stored));
+  EXPECT_EQ(WString(OLESTR("Plant.Tag1")), V_BSTR(&stored));
   const OLECHAR* wide = ReadAt<const OLECHAR*>(Value(0), 0);
   ASSERT_NE(nullptr, wide);
   EXPECT_NE(static_cast<const OLECHAR*>(V_BSTR(&text.Value)), wide);
@@ -225,15 +229,6 @@ TEST_F(DataStoreSetValue, LentTextIsSharedByRowsUntilItChanges) {
 
 // Timestamp cells are pinned by RowsFilledFromRecordsHoldWhatSetValueWrites together
 // with CellCopies.TimestampsFollowTheCalendarInAnyOrder.
-TEST_F(DataStoreSetValue, VariantCellsHoldACopyOfTheText) {
-  Build({Column(OLESTR("V"), 1, DBTYPE_VARIANT, 24)});
-  StoreValue text = Bstr(OLESTR("text value"));
-  EXPECT_TRUE(Set(text, 0));
-  VARIANT stored = ReadAt<VARIANT>(Value(0), 0);
-  ASSERT_EQ(VT_BSTR, V_VT(&stored));
-  EXPECT_NE(V_BSTR(&text.Value), V_BSTR(&stored));
-  EXPECT_EQ(WString(OLESTR("text value")), V_BSTR(&stored));
-}
 
 // Rows made from producer records take shortcuts for the usual cells; they must hold
 // exactly what cell-by-cell SetValue would have written.
@@ -351,11 +346,13 @@ class DataStoreHandOut : public LeakCheckedTest {
   }
 };
 
-TEST_F(DataStoreHandOut, SkipCountAndEndOfRows) {
-  CDataStore store;
-  auto producer = std::make_unique<PagedProducer>(10, 10);
-  ASSERT_EQ(S_OK, producer->Execute());
-  ASSERT_EQ(S_OK, store.Initialize(std::move(producer), RawDataColumns()));
+TEST_F(DataStoreHandOut, SkipCountEndOfRowsAndAFailingProducer) {
+  auto open = [](CDataStore& store, std::unique_ptr<PagedProducer> producer) {
+    ASSERT_EQ(S_OK, producer->Execute());
+    ASSERT_EQ(S_OK, store.Initialize(std::move(producer), RawDataColumns()));
+  };
+  CDataStore store, shortStore, failing;
+  ASSERT_NO_FATAL_FAILURE(open(store, std::make_unique<PagedProducer>(10, 10)));
   std::vector<CRefCountedDataStoreRow*> rows;
   EXPECT_EQ(S_OK, store.GetNextRows(2, 3, rows));
   EXPECT_EQ((std::vector<ULONGLONG>{2, 3, 4}), Values(rows, store));
@@ -365,26 +362,14 @@ TEST_F(DataStoreHandOut, SkipCountAndEndOfRows) {
   EXPECT_EQ((std::vector<ULONGLONG>{5, 6, 7, 8, 9}), Values(rows, store));
   EXPECT_EQ(DB_S_ENDOFROWSET, store.GetNextRows(0, 1, rows));
   EXPECT_TRUE(rows.empty());
-}
-
-TEST_F(DataStoreHandOut, SkippingPastTheEndEmptiesTheStore) {
-  CDataStore store;
-  auto producer = std::make_unique<PagedProducer>(4, 4);
-  ASSERT_EQ(S_OK, producer->Execute());
-  ASSERT_EQ(S_OK, store.Initialize(std::move(producer), RawDataColumns()));
-  std::vector<CRefCountedDataStoreRow*> rows;
-  EXPECT_EQ(DB_S_ENDOFROWSET, store.GetNextRows(6, 1, rows));
+  // Skipping past the end empties the store.
+  ASSERT_NO_FATAL_FAILURE(open(shortStore, std::make_unique<PagedProducer>(4, 4)));
+  EXPECT_EQ(DB_S_ENDOFROWSET, shortStore.GetNextRows(6, 1, rows));
   EXPECT_TRUE(rows.empty());
-  EXPECT_EQ(0u, store.QueuedRowCount());
-}
-
-TEST_F(DataStoreHandOut, AFailingProducerFailsTheFetchUnchanged) {
-  CDataStore store;
-  auto producer = std::make_unique<PagedProducer>(100, 10, E_ACCESSDENIED, 1);
-  ASSERT_EQ(S_OK, producer->Execute());
-  ASSERT_EQ(S_OK, store.Initialize(std::move(producer), RawDataColumns()));
-  std::vector<CRefCountedDataStoreRow*> rows;
-  EXPECT_EQ(E_ACCESSDENIED, store.GetNextRows(0, 5, rows));
+  EXPECT_EQ(0u, shortStore.QueuedRowCount());
+  // A failing producer fails the fetch and hands out nothing.
+  ASSERT_NO_FATAL_FAILURE(open(failing, std::make_unique<PagedProducer>(100, 10, E_ACCESSDENIED, 1)));
+  EXPECT_EQ(E_ACCESSDENIED, failing.GetNextRows(0, 5, rows));
   EXPECT_TRUE(rows.empty());
 }
 

@@ -1,7 +1,5 @@
 #include "tests/support/FaultInjectingHost.h"
 
-#include <chrono>
-#include <thread>
 
 namespace corvane::testing {
 
@@ -43,7 +41,6 @@ size_t CFaultInjectingHost::OutstandingContinuationPoints() const {
 
 bool CFaultInjectingHost::Enter(Op op, HRESULT* hr) {
   const ULONG call = ++calls_[static_cast<int>(op)];
-  if (unsigned ms = latencyMs_.load()) std::this_thread::sleep_for(std::chrono::milliseconds(ms));
   std::lock_guard<std::mutex> guard(lock_);
   for (const Rule& rule : rules_) {
     if (rule.op == op && (rule.fromThereOn ? call >= rule.first : call == rule.first)) {

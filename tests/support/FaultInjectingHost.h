@@ -1,7 +1,7 @@
 // A test host that wraps any historian host object and misbehaves on request: it fails
 // a chosen call of a chosen operation with a chosen HRESULT, forces the page size of raw
-// reads, adds latency to every call, hides the processed or values interface, and counts
-// the continuation points that callers have not finished or released.
+// reads, hides the processed or values interface, and counts the continuation points
+// that callers have not finished or released.
 #pragma once
 #include <atomic>
 #include <mutex>
@@ -43,7 +43,6 @@ class CFaultInjectingHost final : public IRawDataProvider, public IProcessedData
   // Raw reads ask the wrapped host for at most this many samples (0: as the caller asks).
   void ForcePageSize(ULONG maxValues) { pageSize_ = maxValues; }
   // Every call waits this long before it does anything.
-  void SetLatencyMs(unsigned ms) { latencyMs_ = ms; }
   // QueryInterface refuses this interface (IID_IProcessedDataProvider or IID_IValuesProvider).
   void Omit(REFIID iid);
 
@@ -92,7 +91,7 @@ class CFaultInjectingHost final : public IRawDataProvider, public IProcessedData
  private:
   explicit CFaultInjectingHost(IUnknown* inner);
   ~CFaultInjectingHost();
-  // Counts the call, waits the latency, and tells whether it must fail (and with what).
+  // Counts the call and tells whether it must fail (and with what).
   bool Enter(Op op, HRESULT* hr);
   void Track(void* before, void* after);
 
@@ -111,7 +110,6 @@ class CFaultInjectingHost final : public IRawDataProvider, public IProcessedData
   bool omitProcessed_ = false;
   bool omitValues_ = false;
   std::atomic<ULONG> pageSize_{0};
-  std::atomic<unsigned> latencyMs_{0};
   std::atomic<ULONG> calls_[static_cast<int>(Op::Count)] = {};
   mutable std::mutex lock_;
   std::vector<Rule> rules_;
