@@ -13,7 +13,7 @@
 #include "SQLParser/SQLCalcItemFunction.h"
 #include "SQLParser/SQLCalcItemParameter.h"
 #include "SQLParser/SQLCalcItemTableColumn.h"
-#include "provider/Trace.h"
+#include "base/Trace.h"
 
 using corvane::WString;
 using corvane::WStringView;

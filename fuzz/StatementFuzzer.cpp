@@ -31,7 +31,7 @@
 #include "provider/CreateCorvaneOleDbProviderImpl.h"
 #include "provider/ErrorReporting.h"
 #include "provider/ICreateCorvaneOleDbProvider.h"
-#include "provider/Trace.h"
+#include "base/Trace.h"
 #include "SQLParser/SQLParser.h"
 #include "tests/datasafety/ChangeModel.h"
 

@@ -7,7 +7,7 @@
 #include <memory>
 #include <unordered_map>
 
-#include "provider/Trace.h"
+#include "base/Trace.h"
 
 namespace corvane::historian {
 

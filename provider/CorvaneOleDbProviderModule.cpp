@@ -12,7 +12,7 @@
 #include "provider/ErrorLookup.h"
 #include "provider/ICreateCorvaneOleDbProvider.h"
 #include "provider/Module.h"
-#include "provider/Trace.h"
+#include "base/Trace.h"
 
 namespace {
 std::atomic<long> g_lockCount{0};

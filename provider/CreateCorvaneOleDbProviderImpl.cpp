@@ -2,10 +2,10 @@
 
 #include <new>
 
-#include "provider/HistorianInterfaces.h"
+#include "base/HistorianInterfaces.h"
 #include "provider/Module.h"
 #include "provider/ProviderDataSource.h"
-#include "provider/Trace.h"
+#include "base/Trace.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include "provider/ICreateCorvaneOleDbProvider.h"
 #include "provider/Module.h"
 #include "provider/ProviderSession.h"
-#include "provider/Trace.h"
+#include "base/Trace.h"
 
 using corvane::CPropertyEngine;
 using corvane::PropertyDefault;

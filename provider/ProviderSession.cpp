@@ -3,12 +3,12 @@
 #include <new>
 
 #include "provider/ErrorReporting.h"
-#include "provider/InterfaceName.h"
+#include "base/InterfaceName.h"
 #include "provider/Module.h"
 #include "provider/ProviderCommand.h"
 #include "provider/RowsetPropertySets.h"
 #include "provider/SchemaRowsets.h"
-#include "provider/Trace.h"
+#include "base/Trace.h"
 #include "provider/execution/TableProviderRowset.h"
 
 using corvane::WString;

@@ -3,7 +3,7 @@
 #include <cstring>
 #include <new>
 
-#include "provider/Trace.h"
+#include "base/Trace.h"
 
 namespace corvane {
 

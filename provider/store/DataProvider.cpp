@@ -4,7 +4,7 @@
 #include <cstring>
 #include <new>
 
-#include "provider/Trace.h"
+#include "base/Trace.h"
 #include "provider/store/RefCountedDataStoreRow.h"
 
 using corvane::platform::CriticalSectionLock;

@@ -6,7 +6,7 @@
 #include <new>
 #include <string>
 
-#include "provider/Trace.h"
+#include "base/Trace.h"
 #include "provider/store/DataConvert.h"
 
 using corvane::WString;

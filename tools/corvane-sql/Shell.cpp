@@ -15,7 +15,7 @@
 #include <unistd.h>
 #endif
 
-#include "provider/Trace.h"
+#include "base/Trace.h"
 
 namespace corvane::shell {
 

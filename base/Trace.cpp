@@ -2,7 +2,7 @@
 // the hot path, a per-thread pending line between BeginTrace and TraceMsg, and a
 // replaceable sink. Sinks write each line whole, so lines from many threads never
 // interleave.
-#include "provider/Trace.h"
+#include "base/Trace.h"
 
 #include <atomic>
 #include <climits>
