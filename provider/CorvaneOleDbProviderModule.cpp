@@ -7,6 +7,7 @@
 #include <olectl.h>  // SELFREG_E_CLASS, SELFREG_E_TYPELIB
 #endif
 
+#include "base/ComPtr.h"
 #include "provider/ClassFactory.h"
 #include "provider/CreateCorvaneOleDbProviderImpl.h"
 #include "provider/ErrorLookup.h"
@@ -200,13 +201,9 @@ HRESULT CCorvaneOleDbProviderModule::UnregisterServer(bool perUser) {
 
 namespace {
 HRESULT RegisterFactory(REFCLSID clsid, LPCOLESTR progId) {
-  IClassFactory* factory = nullptr;
-  HRESULT hr =
-      CCorvaneOleDbProviderModule::GetClassObject(clsid, IID_IClassFactory, reinterpret_cast<void**>(&factory));
-  if (FAILED(hr)) return hr;
-  hr = corvane::platform::RegisterClass(clsid, progId, factory);
-  factory->Release();
-  return hr;
+  corvane::ComPtr<IClassFactory> factory;
+  const HRESULT hr = CCorvaneOleDbProviderModule::GetClassObject(clsid, IID_IClassFactory, factory.PutVoid());
+  return FAILED(hr) ? hr : corvane::platform::RegisterClass(clsid, progId, factory.Get());
 }
 }  // namespace
 
