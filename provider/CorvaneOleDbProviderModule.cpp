@@ -97,18 +97,13 @@ Fn OleAutFunction(const char* name) {
 
 // The type library is a resource of the module itself.
 HRESULT RegisterTypeLibrary(const std::wstring& path, bool perUser) {
-  ITypeLib* library = nullptr;
-  HRESULT hr = LoadTypeLibEx(path.c_str(), REGKIND_NONE, &library);
+  corvane::ComPtr<ITypeLib> library;
+  const HRESULT hr = LoadTypeLibEx(path.c_str(), REGKIND_NONE, library.Put());
   if (FAILED(hr)) return hr;
   std::wstring mutablePath = path;
-  if (perUser) {
-    auto registerForUser = OleAutFunction<RegisterForUserFn>("RegisterTypeLibForUser");
-    hr = registerForUser ? registerForUser(library, &mutablePath[0], nullptr) : E_NOTIMPL;
-  } else {
-    hr = RegisterTypeLib(library, &mutablePath[0], nullptr);
-  }
-  library->Release();
-  return hr;
+  if (!perUser) return RegisterTypeLib(library.Get(), &mutablePath[0], nullptr);
+  auto registerForUser = OleAutFunction<RegisterForUserFn>("RegisterTypeLibForUser");
+  return registerForUser ? registerForUser(library.Get(), &mutablePath[0], nullptr) : E_NOTIMPL;
 }
 
 HRESULT UnregisterTypeLibrary(bool perUser) {
