@@ -21,7 +21,7 @@
 #include "SQLParser/SQLFunctionQualityToStr2.h"
 #include "SQLParser/SQLFunctionSUM.h"
 #include "SQLParser/SQLFunctionUTCToLocalTime.h"
-#include "provider/Trace.h"
+#include "base/Trace.h"
 
 using corvane::WString;
 

@@ -4,7 +4,7 @@
 #include <new>
 
 #include "SQLParser/SQLSyntaxParser.h"
-#include "provider/Trace.h"
+#include "base/Trace.h"
 
 HRESULT CSQLParser::ParseQuery(const SQLParseRequest& request, std::unique_ptr<CSQLQueryInfo>* query,
                                corvane::WString* errorInfo) {

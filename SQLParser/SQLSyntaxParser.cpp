@@ -14,7 +14,7 @@
 #include "SQLParser/SQLCalcItemParameter.h"
 #include "SQLParser/SQLCalcItemTableColumn.h"
 #include "SQLParser/SQLFunction.h"
-#include "provider/Trace.h"
+#include "base/Trace.h"
 
 using corvane::WString;
 using corvane::WStringView;

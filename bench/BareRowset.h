@@ -7,7 +7,7 @@
 #pragma once
 #include <cstddef>
 
-#include "provider/HistorianInterfaces.h"
+#include "base/HistorianInterfaces.h"
 
 namespace corvane::bench {
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "provider/HistorianInterfaces.h"
+#include "base/HistorianInterfaces.h"
 
 namespace corvane::bench {
 

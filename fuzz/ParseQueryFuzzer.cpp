@@ -15,7 +15,7 @@
 #include "SQLParser/SQLCalcItemTableColumn.h"
 #include "SQLParser/SQLParser.h"
 #include "SQLParser/SQLSyntaxParser.h"
-#include "provider/Trace.h"
+#include "base/Trace.h"
 
 namespace {
 

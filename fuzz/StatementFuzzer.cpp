@@ -22,6 +22,8 @@
 #include <string_view>
 #include <vector>
 
+#include "base/ComPtr.h"
+#include "base/TaskMem.h"
 #include "historian/Aggregates.h"
 #include "historian/DemoPlant.h"
 #include "historian/ReferenceHistorian.h"
@@ -31,7 +33,7 @@
 #include "provider/CreateCorvaneOleDbProviderImpl.h"
 #include "provider/ErrorReporting.h"
 #include "provider/ICreateCorvaneOleDbProvider.h"
-#include "provider/Trace.h"
+#include "base/Trace.h"
 #include "SQLParser/SQLParser.h"
 #include "tests/datasafety/ChangeModel.h"
 
@@ -52,28 +54,9 @@ void Check(bool condition, const char* what) {
   }
 }
 
-template <typename T>
-T* Query(IUnknown* object, REFIID iid) {
-  T* p = nullptr;
-  if (!object || FAILED(object->QueryInterface(iid, reinterpret_cast<void**>(&p)))) return nullptr;
-  return p;
-}
-
-template <typename T>
-struct Ref {
-  T* p = nullptr;
-  Ref() = default;
-  explicit Ref(T* q) : p(q) {}
-  ~Ref() { Reset(); }
-  Ref(const Ref&) = delete;
-  Ref& operator=(const Ref&) = delete;
-  void Reset() {
-    if (p) p->Release();
-    p = nullptr;
-  }
-  T* operator->() const { return p; }
-  explicit operator bool() const { return p != nullptr; }
-};
+using corvane::ComPtr;
+using corvane::QueryAs;
+using corvane::TaskMem;
 
 // 2026-01-01 00:00:00 UTC as FILETIME ticks.
 constexpr ULONGLONG kPlantNow = 134116992000000000ull;
@@ -96,14 +79,12 @@ void BuildHost() {
   options.now = kPlantNow;
   options.days = 1;
   Check(SUCCEEDED(corvane::historian::CDemoPlant::Populate(*store, options)), "demo plant");
-  IAggregates* aggregates = nullptr;
-  Check(SUCCEEDED(corvane::historian::CAggregates::CreateInstance(nullptr, IID_IAggregates,
-                                                                   reinterpret_cast<void**>(&aggregates))),
+  ComPtr<IAggregates> aggregates;
+  Check(SUCCEEDED(corvane::historian::CAggregates::CreateInstance(nullptr, IID_IAggregates, aggregates.PutVoid())),
         "aggregates");
   Check(SUCCEEDED(corvane::historian::CReferenceHistorian::Create(store, IID_IUnknown,
-                                                                   reinterpret_cast<void**>(&g_host), aggregates)),
+                                                                   reinterpret_cast<void**>(&g_host), aggregates.Get())),
         "historian");
-  aggregates->Release();
 }
 
 bool MayWrite(const corvane::WString& text) {
@@ -128,7 +109,7 @@ HRESULT SetInitProperties(IUnknown* dataSource) {
   props[1].vValue.vt = VT_BSTR;
   props[1].vValue.bstrVal = SysAllocString(kProviderString);
   DBPROPSET set{props, 2, DBPROPSET_DBINIT};
-  Ref<IDBProperties> properties(Query<IDBProperties>(dataSource, IID_IDBProperties));
+  ComPtr<IDBProperties> properties = QueryAs<IDBProperties>(dataSource, IID_IDBProperties);
   const HRESULT hr = properties ? properties->SetProperties(1, &set) : E_NOINTERFACE;
   VariantClear(&props[0].vValue);
   VariantClear(&props[1].vValue);
@@ -138,23 +119,21 @@ HRESULT SetInitProperties(IUnknown* dataSource) {
 // Column descriptions of a rowset or prepared command; checks what IColumnsInfo promises.
 std::vector<DBORDINAL> DescribeColumns(IUnknown* object, bool mustWork) {
   std::vector<DBORDINAL> ordinals;
-  Ref<IColumnsInfo> info(Query<IColumnsInfo>(object, IID_IColumnsInfo));
-  Check(info.p != nullptr, "IColumnsInfo");
+  ComPtr<IColumnsInfo> info = QueryAs<IColumnsInfo>(object, IID_IColumnsInfo);
+  Check(bool(info), "IColumnsInfo");
   DBORDINAL count = 0;
-  DBCOLUMNINFO* columns = nullptr;
-  OLECHAR* names = nullptr;
-  const HRESULT hr = info->GetColumnInfo(&count, &columns, &names);
+  TaskMem<DBCOLUMNINFO> columns;
+  TaskMem<OLECHAR> names;
+  const HRESULT hr = info->GetColumnInfo(&count, columns.Put(), names.Put());
   if (FAILED(hr)) {
     Check(!mustWork, "a rowset describes its columns");
-    Check(count == 0 && columns == nullptr && names == nullptr, "a failed GetColumnInfo hands nothing out");
+    Check(count == 0 && !columns && !names, "a failed GetColumnInfo hands nothing out");
     return ordinals;
   }
   for (DBORDINAL i = 0; i < count; ++i) {
     if (columns[i].pwszName) Check(corvane::WStringView(columns[i].pwszName).size() < 1u << 20, "column name");
     if (columns[i].iOrdinal != 0) ordinals.push_back(columns[i].iOrdinal);
   }
-  CoTaskMemFree(columns);
-  CoTaskMemFree(names);
   return ordinals;
 }
 
@@ -167,17 +146,17 @@ struct Parameters {
   std::vector<DBBINDING> bindings;
   std::vector<unsigned char> data;
   HACCESSOR handle = DB_NULL_HACCESSOR;
-  Ref<IAccessor> accessor;
+  ComPtr<IAccessor> accessor;
 
   HRESULT Bind(IUnknown* command) {
-    Ref<ICommandWithParameters> with(Query<ICommandWithParameters>(command, IID_ICommandWithParameters));
+    ComPtr<ICommandWithParameters> with = QueryAs<ICommandWithParameters>(command, IID_ICommandWithParameters);
     if (!with) return S_OK;
     DB_UPARAMS count = 0;
-    DBPARAMINFO* infos = nullptr;
-    OLECHAR* names = nullptr;
-    if (FAILED(with->GetParameterInfo(&count, &infos, &names))) count = 0;
-    CoTaskMemFree(infos);
-    CoTaskMemFree(names);
+    {
+      TaskMem<DBPARAMINFO> infos;
+      TaskMem<OLECHAR> names;
+      if (FAILED(with->GetParameterInfo(&count, infos.Put(), names.Put()))) count = 0;
+    }
     corvane::ClearErrorRecords();
     if (count == 0) return S_OK;
     if (count > 64) count = 64;
@@ -212,8 +191,8 @@ struct Parameters {
     }
     HRESULT hr = with->SetParameterInfo(count, ordinals.data(), bindInfo.data());
     if (FAILED(hr)) return hr;
-    accessor.p = Query<IAccessor>(command, IID_IAccessor);
-    Check(accessor.p != nullptr, "command IAccessor");
+    accessor = QueryAs<IAccessor>(command, IID_IAccessor);
+    Check(bool(accessor), "command IAccessor");
     return accessor->CreateAccessor(DBACCESSOR_PARAMETERDATA, bindings.size(), bindings.data(), kSlot, &handle,
                                     nullptr);
   }
@@ -223,9 +202,9 @@ struct Parameters {
 };
 
 void ReadAll(IUnknown* rowset) {
-  Ref<IRowset> fetch(Query<IRowset>(rowset, IID_IRowset));
-  Ref<IAccessor> accessor(Query<IAccessor>(rowset, IID_IAccessor));
-  Check(fetch.p && accessor.p, "rowset interfaces");
+  ComPtr<IRowset> fetch = QueryAs<IRowset>(rowset, IID_IRowset);
+  ComPtr<IAccessor> accessor = QueryAs<IAccessor>(rowset, IID_IAccessor);
+  Check(fetch && accessor, "rowset interfaces");
   // Described once before any row, as most consumers do, and again after the first
   // batch, when a procedure's worker has started.
   DescribeColumns(rowset, true);
@@ -302,13 +281,13 @@ std::vector<VARIANT> ParameterValues(size_t count) {
 // The Execute outcome (a failure before Execute counts as one); *parameters receives
 // the number of `?` bound.
 HRESULT RunStatement(IUnknown* dataSource, const corvane::WString& text, size_t* parameters_out) {
-  Ref<IDBCreateSession> createSession(Query<IDBCreateSession>(dataSource, IID_IDBCreateSession));
-  Ref<IDBCreateCommand> session;
+  ComPtr<IDBCreateSession> createSession = QueryAs<IDBCreateSession>(dataSource, IID_IDBCreateSession);
+  ComPtr<IDBCreateCommand> session;
   Check(createSession && SUCCEEDED(createSession->CreateSession(nullptr, IID_IDBCreateCommand,
-                                                                reinterpret_cast<IUnknown**>(&session.p))),
+                                                                reinterpret_cast<IUnknown**>(session.Put()))),
         "session");
-  Ref<ICommandText> command;
-  Check(SUCCEEDED(session->CreateCommand(nullptr, IID_ICommandText, reinterpret_cast<IUnknown**>(&command.p))),
+  ComPtr<ICommandText> command;
+  Check(SUCCEEDED(session->CreateCommand(nullptr, IID_ICommandText, reinterpret_cast<IUnknown**>(command.Put()))),
         "command");
   // Smaller historian pages and aggregate chunks than the default 2000, so that the
   // unit of work a worker does before the consumer sees rows stays small.
@@ -317,26 +296,24 @@ HRESULT RunStatement(IUnknown* dataSource, const corvane::WString& text, size_t*
         "page setting");
   HRESULT hr = command->SetCommandText(DBGUID_DEFAULT, text.c_str());
   if (FAILED(hr)) return hr;
-  Ref<ICommandPrepare> prepare(Query<ICommandPrepare>(command.p, IID_ICommandPrepare));
+  ComPtr<ICommandPrepare> prepare = QueryAs<ICommandPrepare>(command.Get(), IID_ICommandPrepare);
   hr = prepare->Prepare(1);
   if (FAILED(hr)) return hr;
-  DescribeColumns(command.p, false);
+  DescribeColumns(command.Get(), false);
   Parameters parameters;
-  hr = parameters.Bind(command.p);
+  hr = parameters.Bind(command.Get());
   if (FAILED(hr)) return hr;
   *parameters_out = parameters.bindings.size();
   DBPARAMS params{parameters.data.data(), 1, parameters.handle};
-  IUnknown* rowset = nullptr;
+  ComPtr<IUnknown> rowset;
   DBROWCOUNT affected = 0;
-  hr = command->Execute(nullptr, IID_IRowset, parameters.bindings.empty() ? nullptr : &params, &affected, &rowset);
+  hr = command->Execute(nullptr, IID_IRowset, parameters.bindings.empty() ? nullptr : &params, &affected,
+                        rowset.Put());
   if (FAILED(hr)) {
-    Check(rowset == nullptr, "a failed Execute hands no rowset out");
+    Check(!rowset, "a failed Execute hands no rowset out");
     return hr;
   }
-  if (rowset) {
-    ReadAll(rowset);
-    rowset->Release();
-  }
+  if (rowset) ReadAll(rowset.Get());
   return hr;
 }
 
@@ -366,10 +343,9 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   corvane::SetTraceThreshold(TRACE_INFO);
   corvane::platform::StartAllocCounting();
   BuildHost();
-  IRawDataProvider* raw = nullptr;
-  Check(SUCCEEDED(g_host->QueryInterface(IID_IRawDataProvider, reinterpret_cast<void**>(&raw))), "raw");
-  g_plant = corvane::test::ReadStore(raw);
-  raw->Release();
+  ComPtr<IRawDataProvider> raw;
+  Check(SUCCEEDED(g_host->QueryInterface(IID_IRawDataProvider, raw.PutVoid())), "raw");
+  g_plant = corvane::test::ReadStore(raw.Get());
   return 0;
 }
 
@@ -377,26 +353,26 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const corvane::WString text = corvane::FromUtf8(std::string_view(reinterpret_cast<const char*>(data), size));
   const corvane::platform::AllocCounts before = corvane::platform::CurrentAllocCounts();
   {
-    ICreateCorvaneOleDbProvider* creator = nullptr;
+    ComPtr<ICreateCorvaneOleDbProvider> creator;
     Check(SUCCEEDED(CCreateCorvaneOleDbProviderImpl::CreateInstance(nullptr, IID_ICreateCorvaneOleDbProvider,
-                                                                    reinterpret_cast<void**>(&creator))),
+                                                                    creator.PutVoid())),
           "creator");
-    Ref<IUnknown> dataSource;
-    const HRESULT created = creator->Create(g_host, &dataSource.p);
-    creator->Release();
+    ComPtr<IUnknown> dataSource;
+    const HRESULT created = creator->Create(g_host, dataSource.Put());
+    creator.Reset();
     Check(SUCCEEDED(created), "data source");
-    Check(SUCCEEDED(SetInitProperties(dataSource.p)), "init properties");
-    Ref<IDBInitialize> init(Query<IDBInitialize>(dataSource.p, IID_IDBInitialize));
+    Check(SUCCEEDED(SetInitProperties(dataSource.Get())), "init properties");
+    ComPtr<IDBInitialize> init = QueryAs<IDBInitialize>(dataSource.Get(), IID_IDBInitialize);
     Check(init && SUCCEEDED(init->Initialize()), "Initialize");
     const std::unique_ptr<CSQLQueryInfo> change = RawDataChange(text);
-    IRawDataProvider* raw = nullptr;
+    ComPtr<IRawDataProvider> raw;
     const corvane::test::ModelStore& before = g_plant;
-    if (change) Check(SUCCEEDED(g_host->QueryInterface(IID_IRawDataProvider, reinterpret_cast<void**>(&raw))), "raw");
+    if (change) Check(SUCCEEDED(g_host->QueryInterface(IID_IRawDataProvider, raw.PutVoid())), "raw");
     size_t parameters = 0;
-    const HRESULT executed = RunStatement(dataSource.p, text, &parameters);
+    const HRESULT executed = RunStatement(dataSource.Get(), text, &parameters);
     if (change) {
-      const corvane::test::ModelStore after = corvane::test::ReadStore(raw);
-      raw->Release();
+      const corvane::test::ModelStore after = corvane::test::ReadStore(raw.Get());
+      raw.Reset();
       std::vector<VARIANT> values = ParameterValues(parameters);
       corvane::test::ModelStore expected;
       if (FAILED(executed)) {
@@ -408,8 +384,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     Check(init->Uninitialize() == S_OK, "Uninitialize after every object was released");
     init.Reset();
-    Check(dataSource.p->Release() == 0, "the consumer holds the last data source reference");
-    dataSource.p = nullptr;
+    Check(dataSource.Detach()->Release() == 0, "the consumer holds the last data source reference");
   }
   corvane::ClearErrorRecords();
   const corvane::platform::AllocCounts after = corvane::platform::CurrentAllocCounts();

@@ -3,7 +3,9 @@
 #include <mutex>
 #include <new>
 
+#include "base/ComPtr.h"
 #include "historian/ProcessedDataProvider.h"
+#include "platform/ClassObject.h"
 
 namespace corvane::historian {
 
@@ -13,9 +15,7 @@ std::atomic<long> g_objects{0};
 
 std::mutex g_registrationLock;
 bool g_registered = false;
-#ifdef _WIN32
 DWORD g_registrationCookie = 0;
-#endif
 
 }  // namespace
 
@@ -115,16 +115,11 @@ HRESULT STDMETHODCALLTYPE CAggregatesClassFactory::LockServer(BOOL lock) {
 HRESULT RegisterAggregatesComponent() {
   std::lock_guard<std::mutex> lock(g_registrationLock);
   if (g_registered) return S_OK;
-  IClassFactory* factory = nullptr;
-  HRESULT hr = CAggregatesClassFactory::Create(IID_IClassFactory, reinterpret_cast<void**>(&factory));
+  ComPtr<IClassFactory> factory;
+  HRESULT hr = CAggregatesClassFactory::Create(IID_IClassFactory, factory.PutVoid());
   if (FAILED(hr)) return hr;
-#ifdef _WIN32
-  hr = CoRegisterClassObject(CLSID_CorvaneHistoryAggregates, factory, CLSCTX_INPROC_SERVER, REGCLS_MULTIPLEUSE,
-                             &g_registrationCookie);
-#else
-  hr = corvane::platform::RegisterClass(CLSID_CorvaneHistoryAggregates, CORVANE_AGGREGATES_PROGID, factory);
-#endif
-  factory->Release();  // the registration keeps its own reference
+  hr = platform::RegisterProcessClass(CLSID_CorvaneHistoryAggregates, CORVANE_AGGREGATES_PROGID, factory.Get(),
+                                      &g_registrationCookie);
   if (SUCCEEDED(hr)) g_registered = true;
   return hr;
 }
@@ -132,11 +127,7 @@ HRESULT RegisterAggregatesComponent() {
 HRESULT UnregisterAggregatesComponent() {
   std::lock_guard<std::mutex> lock(g_registrationLock);
   if (!g_registered) return S_FALSE;
-#ifdef _WIN32
-  const HRESULT hr = CoRevokeClassObject(g_registrationCookie);
-#else
-  const HRESULT hr = corvane::platform::UnregisterClass(CLSID_CorvaneHistoryAggregates);
-#endif
+  const HRESULT hr = platform::RevokeProcessClass(CLSID_CorvaneHistoryAggregates, g_registrationCookie);
   if (SUCCEEDED(hr)) g_registered = false;
   return hr;
 }

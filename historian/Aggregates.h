@@ -8,7 +8,7 @@
 #pragma once
 #include <atomic>
 
-#include "provider/HistorianInterfaces.h"
+#include "base/HistorianInterfaces.h"
 
 namespace corvane::historian {
 

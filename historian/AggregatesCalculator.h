@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "provider/HistorianInterfaces.h"
+#include "base/HistorianInterfaces.h"
 
 namespace corvane::historian {
 

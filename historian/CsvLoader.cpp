@@ -7,7 +7,8 @@
 #include <memory>
 #include <unordered_map>
 
-#include "provider/Trace.h"
+#include "base/Trace.h"
+#include "platform/System.h"
 
 namespace corvane::historian {
 
@@ -469,12 +470,7 @@ struct Source {
   std::string path;  // read from the file when not empty
   std::unique_ptr<RecordReader> Open(FILE** file) const {
     if (path.empty()) return std::make_unique<RecordReader>(text);
-#ifdef _WIN32
-    const WString widePath = FromUtf8(path);
-    *file = _wfopen(reinterpret_cast<const wchar_t*>(widePath.c_str()), L"rb");
-#else
-    *file = std::fopen(path.c_str(), "rb");
-#endif
+    *file = corvane::platform::OpenFile(path, "rb");
     return *file ? std::make_unique<RecordReader>(*file) : nullptr;
   }
 };

@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "platform/WideString.h"
-#include "provider/HistorianInterfaces.h"
+#include "base/HistorianInterfaces.h"
 
 namespace corvane::historian {
 

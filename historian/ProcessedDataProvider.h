@@ -111,7 +111,7 @@
 
 #include "historian/AggregatesCalculator.h"
 #include "platform/WideString.h"
-#include "provider/HistorianInterfaces.h"
+#include "base/HistorianInterfaces.h"
 
 namespace corvane::historian {
 

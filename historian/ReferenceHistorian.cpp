@@ -39,10 +39,7 @@ CReferenceHistorian::CReferenceHistorian(std::shared_ptr<CHistorianStore> store)
   ++g_liveObjects;
 }
 
-CReferenceHistorian::~CReferenceHistorian() {
-  if (processed_) processed_->Release();
-  --g_liveObjects;
-}
+CReferenceHistorian::~CReferenceHistorian() { --g_liveObjects; }
 
 long CReferenceHistorian::LiveObjects() { return g_liveObjects.load(); }
 
@@ -51,24 +48,19 @@ HRESULT CReferenceHistorian::Create(std::shared_ptr<CHistorianStore> store, REFI
   if (!object) return E_INVALIDARG;
   *object = nullptr;
   if (!store) return E_INVALIDARG;
-  auto* self = new (std::nothrow) CReferenceHistorian(store);
+  const ComPtr<CReferenceHistorian> self(new (std::nothrow) CReferenceHistorian(store));
   if (!self) return E_OUTOFMEMORY;
-  HRESULT hr = S_OK;
   if (processedFactory) {
     // The processed provider keeps a reference to the raw object it was built on. Giving
     // it a second object over the same store (not this one) avoids a reference cycle.
-    auto* inner = new (std::nothrow) CReferenceHistorian(store);
-    if (!inner) {
-      self->Release();
-      return E_OUTOFMEMORY;
-    }
-    hr = processedFactory->CreateProcessedDataProvider(static_cast<IRawDataProvider*>(inner), &self->processed_);
-    inner->Release();
+    const ComPtr<CReferenceHistorian> inner(new (std::nothrow) CReferenceHistorian(store));
+    if (!inner) return E_OUTOFMEMORY;
+    HRESULT hr = processedFactory->CreateProcessedDataProvider(static_cast<IRawDataProvider*>(inner.Get()),
+                                                               self->processed_.Put());
     if (SUCCEEDED(hr) && !self->processed_) hr = E_UNEXPECTED;
+    if (FAILED(hr)) return hr;
   }
-  if (SUCCEEDED(hr)) hr = self->QueryInterface(riid, object);
-  self->Release();
-  return hr;
+  return self->QueryInterface(riid, object);
 }
 
 HRESULT CReferenceHistorian::QueryInterface(REFIID riid, void** object) {

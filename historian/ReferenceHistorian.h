@@ -23,6 +23,7 @@
 #include <atomic>
 #include <memory>
 
+#include "base/ComPtr.h"
 #include "historian/HistorianStore.h"
 
 namespace corvane::historian {
@@ -95,7 +96,7 @@ class CReferenceHistorian final : public IRawDataProvider, public IValuesProvide
 
   std::atomic<ULONG> refs_{1};
   std::shared_ptr<CHistorianStore> store_;
-  IProcessedDataProvider* processed_ = nullptr;
+  ComPtr<IProcessedDataProvider> processed_;
 };
 
 }  // namespace corvane::historian

@@ -7,12 +7,13 @@
 #include <olectl.h>  // SELFREG_E_CLASS, SELFREG_E_TYPELIB
 #endif
 
+#include "base/ComPtr.h"
 #include "provider/ClassFactory.h"
 #include "provider/CreateCorvaneOleDbProviderImpl.h"
 #include "provider/ErrorLookup.h"
 #include "provider/ICreateCorvaneOleDbProvider.h"
 #include "provider/Module.h"
-#include "provider/Trace.h"
+#include "base/Trace.h"
 
 namespace {
 std::atomic<long> g_lockCount{0};
@@ -96,18 +97,13 @@ Fn OleAutFunction(const char* name) {
 
 // The type library is a resource of the module itself.
 HRESULT RegisterTypeLibrary(const std::wstring& path, bool perUser) {
-  ITypeLib* library = nullptr;
-  HRESULT hr = LoadTypeLibEx(path.c_str(), REGKIND_NONE, &library);
+  corvane::ComPtr<ITypeLib> library;
+  const HRESULT hr = LoadTypeLibEx(path.c_str(), REGKIND_NONE, library.Put());
   if (FAILED(hr)) return hr;
   std::wstring mutablePath = path;
-  if (perUser) {
-    auto registerForUser = OleAutFunction<RegisterForUserFn>("RegisterTypeLibForUser");
-    hr = registerForUser ? registerForUser(library, &mutablePath[0], nullptr) : E_NOTIMPL;
-  } else {
-    hr = RegisterTypeLib(library, &mutablePath[0], nullptr);
-  }
-  library->Release();
-  return hr;
+  if (!perUser) return RegisterTypeLib(library.Get(), &mutablePath[0], nullptr);
+  auto registerForUser = OleAutFunction<RegisterForUserFn>("RegisterTypeLibForUser");
+  return registerForUser ? registerForUser(library.Get(), &mutablePath[0], nullptr) : E_NOTIMPL;
 }
 
 HRESULT UnregisterTypeLibrary(bool perUser) {
@@ -200,13 +196,9 @@ HRESULT CCorvaneOleDbProviderModule::UnregisterServer(bool perUser) {
 
 namespace {
 HRESULT RegisterFactory(REFCLSID clsid, LPCOLESTR progId) {
-  IClassFactory* factory = nullptr;
-  HRESULT hr =
-      CCorvaneOleDbProviderModule::GetClassObject(clsid, IID_IClassFactory, reinterpret_cast<void**>(&factory));
-  if (FAILED(hr)) return hr;
-  hr = corvane::platform::RegisterClass(clsid, progId, factory);
-  factory->Release();
-  return hr;
+  corvane::ComPtr<IClassFactory> factory;
+  const HRESULT hr = CCorvaneOleDbProviderModule::GetClassObject(clsid, IID_IClassFactory, factory.PutVoid());
+  return FAILED(hr) ? hr : corvane::platform::RegisterClass(clsid, progId, factory.Get());
 }
 }  // namespace
 

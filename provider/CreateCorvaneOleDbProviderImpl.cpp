@@ -2,24 +2,13 @@
 
 #include <new>
 
-#include "provider/HistorianInterfaces.h"
+#include "base/ComPtr.h"
+#include "base/HistorianInterfaces.h"
 #include "provider/Module.h"
 #include "provider/ProviderDataSource.h"
-#include "provider/Trace.h"
+#include "base/Trace.h"
 
-namespace {
-
-// Releases a local reference on every path out of Create.
-template <typename T>
-struct LocalRef {
-  T* p = nullptr;
-  ~LocalRef() {
-    if (p) p->Release();
-  }
-  void** out() { return reinterpret_cast<void**>(&p); }
-};
-
-}  // namespace
+using corvane::ComPtr;
 
 HRESULT CCreateCorvaneOleDbProviderImpl::CreateInstance(IUnknown* pUnkOuter, REFIID riid, void** ppv) {
   if (!ppv) return E_POINTER;
@@ -57,52 +46,50 @@ ULONG CCreateCorvaneOleDbProviderImpl::Release() {
 HRESULT CCreateCorvaneOleDbProviderImpl::Create(IUnknown* pProvider, IUnknown** ppUnk) {
   if (!pProvider || !ppUnk) return E_INVALIDARG;
 
-  LocalRef<IRawDataProvider> raw;
-  HRESULT hr = pProvider->QueryInterface(IID_IRawDataProvider, raw.out());
+  ComPtr<IRawDataProvider> raw;
+  HRESULT hr = pProvider->QueryInterface(IID_IRawDataProvider, raw.PutVoid());
   if (FAILED(hr)) {
-    raw.p = nullptr;
+    raw.Detach();  // a failing QueryInterface hands out nothing to release
     CVTRACE(TRACE_ERROR, OLESTR("Unable to initialize IRawDataProvider interface"));
     return hr;
   }
 
-  LocalRef<IProcessedDataProvider> processed;
-  if (FAILED(pProvider->QueryInterface(IID_IProcessedDataProvider, processed.out()))) {
-    processed.p = nullptr;
+  ComPtr<IProcessedDataProvider> processed;
+  if (FAILED(pProvider->QueryInterface(IID_IProcessedDataProvider, processed.PutVoid()))) {
+    processed.Detach();
     // The host has no aggregates of its own: the aggregates component builds them on
     // top of the raw history.
-    LocalRef<IAggregates> aggregates;
+    ComPtr<IAggregates> aggregates;
     CLSID clsid;
     hr = CLSIDFromProgID(CORVANE_AGGREGATES_PROGID, &clsid);
     if (SUCCEEDED(hr))
-      hr = CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_IAggregates, aggregates.out());
+      hr = CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_IAggregates, aggregates.PutVoid());
     if (FAILED(hr)) {
-      aggregates.p = nullptr;
+      aggregates.Detach();
       CVTRACE(TRACE_ERROR, OLESTR("Unable to initialize IAggregates interface"));
       return hr;
     }
-    hr = aggregates.p->CreateProcessedDataProvider(raw.p, &processed.p);
+    hr = aggregates->CreateProcessedDataProvider(raw.Get(), processed.Put());
     if (FAILED(hr)) {
-      processed.p = nullptr;
+      processed.Detach();
       CVTRACE(TRACE_ERROR, OLESTR("Unable to initialize IProcessedDataProvider interface"));
       return hr;
     }
   }
 
-  LocalRef<IValuesProvider> values;
-  if (FAILED(pProvider->QueryInterface(IID_IValuesProvider, values.out()))) {
-    values.p = nullptr;
+  ComPtr<IValuesProvider> values;
+  if (FAILED(pProvider->QueryInterface(IID_IValuesProvider, values.PutVoid()))) {
+    values.Detach();
     CVTRACE(TRACE_WARNING, OLESTR("Unable to initialize IValuesProvider interface"));
   }
 
-  CProviderDataSource* dataSource = nullptr;
-  hr = CProviderDataSource::CreateInstance(&dataSource);
+  CProviderDataSource* created = nullptr;
+  hr = CProviderDataSource::CreateInstance(&created);
   if (FAILED(hr)) {
     CVTRACE(TRACE_ERROR, OLESTR("Unable to create data source object"));
     return hr;
   }
-  dataSource->AddRef();
-  dataSource->InitializeDataSource(raw.p, processed.p, values.p);
-  hr = dataSource->QueryInterface(IID_IUnknown, reinterpret_cast<void**>(ppUnk));
-  dataSource->Release();
-  return hr;
+  const ComPtr<CProviderDataSource> dataSource = ComPtr<CProviderDataSource>::Share(created);
+  dataSource->InitializeDataSource(raw.Get(), processed.Get(), values.Get());
+  return dataSource->QueryInterface(IID_IUnknown, reinterpret_cast<void**>(ppUnk));
 }

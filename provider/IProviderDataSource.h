@@ -5,7 +5,7 @@
 // reference; FILETIME getters allocate the result with CoTaskMemAlloc for the caller.
 #pragma once
 #include "platform/Platform.h"
-#include "provider/HistorianInterfaces.h"
+#include "base/HistorianInterfaces.h"
 
 class CDataStore;
 

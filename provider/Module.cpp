@@ -2,7 +2,7 @@
 // the life of the loaded module; the work is CCorvaneOleDbProviderModule's.
 #include "provider/Module.h"
 
-#include "provider/Trace.h"
+#include "base/Trace.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "provider/Trace.h"
+#include "base/Trace.h"
 
 using corvane::WString;
 

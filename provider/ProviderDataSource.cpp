@@ -3,11 +3,13 @@
 #include <cstring>
 #include <new>
 
+#include "base/ComPtr.h"
+#include "base/TaskMem.h"
 #include "provider/ErrorReporting.h"
 #include "provider/ICreateCorvaneOleDbProvider.h"
 #include "provider/Module.h"
 #include "provider/ProviderSession.h"
-#include "provider/Trace.h"
+#include "base/Trace.h"
 
 using corvane::CPropertyEngine;
 using corvane::PropertyDefault;
@@ -140,18 +142,9 @@ HRESULT CopyBstr(const WString& text, BSTR* out) {
 }
 
 template <typename T>
-void ReplaceRef(T*& held, T* next) {
-  if (next) next->AddRef();
-  T* old = held;
-  held = next;
-  if (old) old->Release();
-}
-
-template <typename T>
-HRESULT HandOut(T* held, T** out) {
+HRESULT HandOut(const corvane::ComPtr<T>& held, T** out) {
   if (!out) return E_INVALIDARG;
-  *out = held;
-  if (held) held->AddRef();
+  *out = corvane::ComPtr<T>(held).Detach();
   return S_OK;
 }
 
@@ -174,9 +167,6 @@ CProviderDataSource::CProviderDataSource()
 }
 
 CProviderDataSource::~CProviderDataSource() {
-  if (raw_) raw_->Release();
-  if (processed_) processed_->Release();
-  if (values_) values_->Release();
   corvane::module::Unlock();
 }
 
@@ -483,14 +473,10 @@ HRESULT CProviderDataSource::GetLiteralInfo(ULONG cLiterals, const DBLITERAL rgL
     if (lit)
       for (const OLECHAR* s : {lit->value, lit->invalidChars, lit->invalidStartingChars})
         if (s) chars += corvane::WLen(s) + 1;
-  OLECHAR* buffer = chars ? static_cast<OLECHAR*>(CoTaskMemAlloc(chars * sizeof(OLECHAR))) : nullptr;
-  auto* infos = static_cast<DBLITERALINFO*>(CoTaskMemAlloc(plan.size() * sizeof(DBLITERALINFO)));
-  if ((chars && !buffer) || !infos) {
-    CoTaskMemFree(buffer);
-    CoTaskMemFree(infos);
-    return Fail(IID_IDBInfo, OLESTR("GetLiteralInfo, HR = %X"), E_OUTOFMEMORY);
-  }
-  OLECHAR* next = buffer;
+  auto buffer = chars ? corvane::TaskMem<OLECHAR>::Allocate(chars) : corvane::TaskMem<OLECHAR>();
+  auto infos = corvane::TaskMem<DBLITERALINFO>::Allocate(plan.size());
+  if ((chars && !buffer) || !infos) return Fail(IID_IDBInfo, OLESTR("GetLiteralInfo, HR = %X"), E_OUTOFMEMORY);
+  OLECHAR* next = buffer.Get();
   auto place = [&next](const OLECHAR* s) -> LPOLESTR {
     if (!s) return nullptr;
     const size_t n = corvane::WLen(s);
@@ -516,8 +502,8 @@ HRESULT CProviderDataSource::GetLiteralInfo(ULONG cLiterals, const DBLITERAL rgL
     info.cchMaxLen = plan[i]->maxLength;
   }
   *pcLiteralInfo = static_cast<ULONG>(plan.size());
-  *prgLiteralInfo = infos;
-  *ppCharBuffer = buffer;
+  *prgLiteralInfo = infos.Detach();
+  *ppCharBuffer = buffer.Detach();
   if (unsupported == 0) return S_OK;
   if (unsupported < plan.size()) return DB_S_ERRORSOCCURRED;
   return Fail(IID_IDBInfo, OLESTR("GetLiteralInfo, HR = %X"), DB_E_ERRORSOCCURRED);
@@ -546,9 +532,9 @@ HRESULT CProviderDataSource::InitializeDataSource(IRawDataProvider* raw, IProces
   if (!raw) CVTRACE(TRACE_WARNING, OLESTR("RawDataProvider is not initialized (is NULL)"));
   if (!processed) CVTRACE(TRACE_WARNING, OLESTR("ProcessedDataProvider is not initialized (is NULL)"));
   if (!values) CVTRACE(TRACE_WARNING, OLESTR("ValuesProvider is not initialized (is NULL)"));
-  ReplaceRef(raw_, raw);
-  ReplaceRef(processed_, processed);
-  ReplaceRef(values_, values);
+  raw_ = corvane::ComPtr<IRawDataProvider>::Share(raw);
+  processed_ = corvane::ComPtr<IProcessedDataProvider>::Share(processed);
+  values_ = corvane::ComPtr<IValuesProvider>::Share(values);
   return S_OK;
 }
 

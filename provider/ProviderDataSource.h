@@ -7,6 +7,7 @@
 #include <map>
 #include <utility>
 
+#include "base/ComPtr.h"
 #include "platform/Platform.h"
 #include "platform/WideString.h"
 #include "provider/IProviderDataSource.h"
@@ -118,9 +119,9 @@ class CProviderDataSource final : public IDBInitialize,
   corvane::platform::CriticalSection lock_;
   corvane::CPropertyEngine properties_;
 
-  IRawDataProvider* raw_ = nullptr;
-  IProcessedDataProvider* processed_ = nullptr;
-  IValuesProvider* values_ = nullptr;
+  corvane::ComPtr<IRawDataProvider> raw_;
+  corvane::ComPtr<IProcessedDataProvider> processed_;
+  corvane::ComPtr<IValuesProvider> values_;
   CDataStore* dataStore_ = nullptr;
 
   corvane::WString dataSourceName_;

@@ -7,7 +7,7 @@
 
 #include "provider/ErrorReporting.h"
 #include "provider/Module.h"
-#include "provider/Trace.h"
+#include "base/Trace.h"
 #include "provider/store/DataConvert.h"
 
 namespace {

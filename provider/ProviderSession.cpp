@@ -2,13 +2,15 @@
 
 #include <new>
 
+#include "base/Bstr.h"
+#include "base/TaskMem.h"
 #include "provider/ErrorReporting.h"
-#include "provider/InterfaceName.h"
+#include "base/InterfaceName.h"
 #include "provider/Module.h"
 #include "provider/ProviderCommand.h"
 #include "provider/RowsetPropertySets.h"
 #include "provider/SchemaRowsets.h"
-#include "provider/Trace.h"
+#include "base/Trace.h"
 #include "provider/execution/TableProviderRowset.h"
 
 using corvane::WString;
@@ -183,16 +185,13 @@ HRESULT CProviderSession::CreateCommand(IUnknown* pUnkOuter, REFIID riid, IUnkno
 // ---- IDBSchemaRowset
 
 HRESULT CProviderSession::DescribeCatalog(SchemaCatalog* catalog) {
-  BSTR name = nullptr;
-  HRESULT hr = dataSource_->GetDefaultCatalog(&name);
+  corvane::Bstr name;
+  HRESULT hr = dataSource_->GetDefaultCatalog(name.Put());
   if (FAILED(hr)) return hr;
-  catalog->catalog = name ? name : OLESTR("");
-  SysFreeString(name);
-  name = nullptr;
-  hr = dataSource_->GetDefaultSchema(&name);
+  catalog->catalog = name ? name.Get() : OLESTR("");
+  hr = dataSource_->GetDefaultSchema(name.Put());
   if (FAILED(hr)) return hr;
-  catalog->schema = name ? name : OLESTR("");
-  SysFreeString(name);
+  catalog->schema = name ? name.Get() : OLESTR("");
   catalog->tables = CTableFactory::EnumerateTables();
   EnumerateProcedures(&catalog->procedures);
   return S_OK;
@@ -242,21 +241,19 @@ HRESULT CProviderSession::GetSchemas(ULONG* pcSchemas, GUID** prgSchemas, ULONG*
     hr = E_INVALIDARG;
   } else {
     const size_t n = CSchemaRowsets::SchemaCount();
-    auto* guids = static_cast<GUID*>(CoTaskMemAlloc(n * sizeof(GUID)));
-    auto* masks = static_cast<ULONG*>(CoTaskMemAlloc(n * sizeof(ULONG)));
+    auto guids = corvane::TaskMem<GUID>::Allocate(n);
+    auto masks = corvane::TaskMem<ULONG>::Allocate(n);
     if (!guids || !masks) {
-      CoTaskMemFree(guids);
-      CoTaskMemFree(masks);
       hr = E_OUTOFMEMORY;
     } else {
       for (size_t i = 0; i < n; ++i) {
         guids[i] = CSchemaRowsets::SchemaAt(i);
         masks[i] = 0;
       }
-      SetRestrictions(static_cast<ULONG>(n), guids, masks);
+      SetRestrictions(static_cast<ULONG>(n), guids.Get(), masks.Get());
       *pcSchemas = static_cast<ULONG>(n);
-      *prgSchemas = guids;
-      *prgRestrictionSupport = masks;
+      *prgSchemas = guids.Detach();
+      *prgRestrictionSupport = masks.Detach();
     }
   }
   if (SUCCEEDED(hr)) return hr;

@@ -2,7 +2,7 @@
 
 #include <set>
 
-#include "provider/Trace.h"
+#include "base/Trace.h"
 
 using corvane::WString;
 

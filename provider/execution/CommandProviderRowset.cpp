@@ -8,7 +8,7 @@
 #include "SQLParser/SQLParser.h"
 #include "SQLParser/TimeConversion.h"
 #include "provider/ErrorReporting.h"
-#include "provider/Trace.h"
+#include "base/Trace.h"
 #include "provider/execution/RawDataChange.h"
 #include "provider/execution/RowEvaluator.h"
 #include "provider/execution/SelectListProducer.h"

@@ -9,8 +9,8 @@
 #include "SQLParser/SQLCalcItemTableColumn.h"
 #include "SQLParser/TimeConversion.h"
 #include "provider/ErrorReporting.h"
-#include "provider/HistorianInterfaces.h"
-#include "provider/Trace.h"
+#include "base/HistorianInterfaces.h"
+#include "base/Trace.h"
 #include "provider/execution/RowEvaluator.h"
 #include "provider/tables/TableFactory.h"
 

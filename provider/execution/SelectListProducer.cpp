@@ -8,7 +8,7 @@
 #include "SQLParser/SQLCalcItemTableColumn.h"
 #include "SQLParser/SQLFunctionAggregate.h"
 #include "SQLParser/TimeConversion.h"
-#include "provider/Trace.h"
+#include "base/Trace.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include <new>
 
 #include "SQLParser/TimeConversion.h"
-#include "provider/Trace.h"
+#include "base/Trace.h"
 #include "provider/tables/BaseTable.h"
 #include "provider/tables/TableFactory.h"
 

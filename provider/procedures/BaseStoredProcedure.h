@@ -13,9 +13,9 @@
 #include "platform/Platform.h"
 #include "platform/Sync.h"
 #include "platform/WideString.h"
-#include "provider/HistorianInterfaces.h"
+#include "base/HistorianInterfaces.h"
 #include "provider/IProviderDataSource.h"
-#include "provider/Trace.h"
+#include "base/Trace.h"
 #include "provider/procedures/ProcedureCatalog.h"
 #include "provider/store/DataProvider.h"
 

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "platform/Platform.h"
-#include "provider/HistorianInterfaces.h"
+#include "base/HistorianInterfaces.h"
 
 enum class HdaKind { Analog, ReducedAnalog, Bool, Quality };
 

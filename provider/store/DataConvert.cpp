@@ -3,17 +3,10 @@
 #include <cstring>
 #include <new>
 
-#include "provider/Trace.h"
+#include "base/Trace.h"
+#include "platform/SystemDataConvert.h"
 
 namespace corvane {
-
-namespace {
-
-// The system library's class id, spelled out here because the Windows import
-// libraries do not carry it.
-const CLSID kConversionLibrary = {0xC8B522D1, 0x5CF3, 0x11CE, {0xAD, 0xE5, 0x00, 0xAA, 0x00, 0x44, 0x77, 0x3D}};
-
-}  // namespace
 
 HRESULT CreateOwnDataConvert(IDataConvert** convert) {
   if (convert == nullptr) return E_INVALIDARG;
@@ -24,17 +17,12 @@ HRESULT CreateOwnDataConvert(IDataConvert** convert) {
 HRESULT CreateDataConvert(IDataConvert** convert) {
   if (convert == nullptr) return E_INVALIDARG;
   *convert = nullptr;
-#ifdef _WIN32
-  HRESULT hr = CoCreateInstance(kConversionLibrary, nullptr, CLSCTX_INPROC_SERVER, IID_IDataConvert,
-                                reinterpret_cast<void**>(convert));
-  if (SUCCEEDED(hr) && *convert != nullptr) return S_OK;
-  *convert = nullptr;
-  CVTRACE(TRACE_WARNING,
-          OLESTR("CreateDataConvert -> system conversion library unavailable (hr = %X), using the provider's own"),
-          static_cast<unsigned>(hr));
-#else
-  (void)kConversionLibrary;
-#endif
+  const HRESULT hr = platform::CreateSystemDataConvert(convert);
+  if (hr == S_OK) return S_OK;
+  if (FAILED(hr))
+    CVTRACE(TRACE_WARNING,
+            OLESTR("CreateDataConvert -> system conversion library unavailable (hr = %X), using the provider's own"),
+            static_cast<unsigned>(hr));
   return CreateOwnDataConvert(convert);
 }
 

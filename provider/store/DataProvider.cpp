@@ -1,10 +1,10 @@
 #include "provider/store/DataProvider.h"
 
-#include <cerrno>
 #include <cstring>
 #include <new>
 
-#include "provider/Trace.h"
+#include "base/Trace.h"
+#include "platform/System.h"
 #include "provider/store/RefCountedDataStoreRow.h"
 
 using corvane::platform::CriticalSectionLock;
@@ -14,14 +14,6 @@ namespace {
 
 // The provider whose step the current thread is running, if any.
 thread_local CDataProvider* t_pStepping = nullptr;
-
-int LastSystemError() {
-#ifdef _WIN32
-  return static_cast<int>(GetLastError());
-#else
-  return errno;
-#endif
-}
 
 uint64_t NowNanoseconds() {
   const int64_t ticks = corvane::platform::PerformanceCounter();
@@ -67,7 +59,7 @@ HRESULT CDataProvider::StartWorker() {
     m_bRunning = 1;
   }
   if (!m_Thread.Start([this] { WorkerLoop(this); }, true)) {
-    const int error = LastSystemError();
+    const int error = corvane::platform::LastSystemError();
     {
       CriticalSectionLock lock(m_StateLock);
       m_bRunning = 0;

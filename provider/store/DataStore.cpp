@@ -6,7 +6,8 @@
 #include <new>
 #include <string>
 
-#include "provider/Trace.h"
+#include "base/Trace.h"
+#include "platform/CodePage.h"
 #include "provider/store/DataConvert.h"
 
 using corvane::WString;
@@ -96,39 +97,9 @@ StoredText TextOf(const BYTE* cell) {
   return text;
 }
 
-// The thread's ANSI code page on Windows; Windows-1252 elsewhere, as the conversion
-// service reads it.
 std::string ToAnsi(const OLECHAR* text, size_t n) {
   std::string out;
-  if (n == 0) return out;
-#ifdef _WIN32
-  const int len = WideCharToMultiByte(CP_THREAD_ACP, 0, text, static_cast<int>(n), nullptr, 0, nullptr, nullptr);
-  if (len > 0) {
-    out.resize(static_cast<size_t>(len));
-    WideCharToMultiByte(CP_THREAD_ACP, 0, text, static_cast<int>(n), &out[0], len, nullptr, nullptr);
-  }
-#else
-  static const char16_t kHigh[32] = {0x20AC, 0x0081, 0x201A, 0x0192, 0x201E, 0x2026, 0x2020, 0x2021,
-                                     0x02C6, 0x2030, 0x0160, 0x2039, 0x0152, 0x008D, 0x017D, 0x008F,
-                                     0x0090, 0x2018, 0x2019, 0x201C, 0x201D, 0x2022, 0x2013, 0x2014,
-                                     0x02DC, 0x2122, 0x0161, 0x203A, 0x0153, 0x009D, 0x017E, 0x0178};
-  out.reserve(n);
-  for (size_t i = 0; i < n; ++i) {
-    const char16_t c = text[i];
-    if (c < 0x80 || (c >= 0xA0 && c <= 0xFF)) {
-      out.push_back(static_cast<char>(c));
-      continue;
-    }
-    char mapped = '?';
-    for (int k = 0; k < 32; ++k) {
-      if (kHigh[k] == c) {
-        mapped = static_cast<char>(0x80 + k);
-        break;
-      }
-    }
-    out.push_back(mapped);
-  }
-#endif
+  corvane::platform::WideToAnsi(text, n, out);
   return out;
 }
 

@@ -1,31 +1,18 @@
-// An elapsed-time accumulator over the processor's high-resolution counter, guarded by
-// its own small lock so that any thread may start or stop it. The store starts and
-// stops one around every cell it writes, so both must cost next to nothing: on x86-64
-// the watch reads the time-stamp counter and converts ticks to nanoseconds only when
-// the total is read.
+// An elapsed-time accumulator over the platform's time-stamp counter, guarded by its
+// own small lock so that any thread may start or stop it. The store starts and stops
+// one around every cell it writes, so both must cost next to nothing: ticks become
+// nanoseconds only when the total is read.
 #pragma once
 #include <atomic>
 #include <cstdint>
 
-#if defined(__x86_64__) || defined(_M_X64)
-#include <x86intrin.h>
-#define CORVANE_STOPWATCH_TSC 1
-#endif
-
-#include "platform/Sync.h"
+#include "platform/TimeStampCounter.h"
 
 class CStopwatch {
  public:
   // The counter, in ticks.
-  static uint64_t Ticks() {
-#ifdef CORVANE_STOPWATCH_TSC
-    return __rdtsc();
-#else
-    return static_cast<uint64_t>(corvane::platform::PerformanceCounter());
-#endif
-  }
-  // Nanoseconds from ticks, at the rate seen between the first use in the process and now.
-  static uint64_t TicksToNanoseconds(uint64_t ticks);
+  static uint64_t Ticks() { return corvane::platform::TimeStampTicks(); }
+  static uint64_t TicksToNanoseconds(uint64_t ticks) { return corvane::platform::TimeStampTicksToNanoseconds(ticks); }
 
   // A watch that already runs restarts: its open interval is dropped.
   void Start() {

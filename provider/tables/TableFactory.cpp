@@ -2,7 +2,7 @@
 
 #include <new>
 
-#include "provider/Trace.h"
+#include "base/Trace.h"
 #include "provider/tables/TableQuerySettings.h"
 #include "provider/tables/TableRawData.h"
 #include "provider/tables/TableRawDataBoolean.h"

@@ -1,6 +1,6 @@
 #include "provider/tables/TableQuerySettings.h"
 
-#include "provider/Trace.h"
+#include "base/Trace.h"
 
 namespace {
 

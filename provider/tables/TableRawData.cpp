@@ -1,7 +1,7 @@
 #include "provider/tables/TableRawData.h"
 
 #include "provider/ErrorReporting.h"
-#include "provider/Trace.h"
+#include "base/Trace.h"
 
 using corvane::platform::CriticalSectionLock;
 

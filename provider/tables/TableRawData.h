@@ -5,7 +5,7 @@
 #pragma once
 #include <vector>
 
-#include "provider/HistorianInterfaces.h"
+#include "base/HistorianInterfaces.h"
 #include "provider/tables/BaseTable.h"
 #include "provider/tables/TableFactory.h"
 

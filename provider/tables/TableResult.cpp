@@ -1,6 +1,6 @@
 #include "provider/tables/TableResult.h"
 
-#include "provider/Trace.h"
+#include "base/Trace.h"
 #include "provider/tables/TableFactory.h"
 
 CTableResult::CTableResult(const OLECHAR* name, const OLECHAR* message)

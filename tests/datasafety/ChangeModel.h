@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "SQLParser/SQLQueryInfo.h"
-#include "provider/HistorianInterfaces.h"
+#include "base/HistorianInterfaces.h"
 
 namespace corvane::test {
 

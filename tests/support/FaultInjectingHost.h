@@ -8,7 +8,7 @@
 #include <set>
 #include <vector>
 
-#include "provider/HistorianInterfaces.h"
+#include "base/HistorianInterfaces.h"
 
 namespace corvane::testing {
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "provider/Trace.h"
+#include "base/Trace.h"
 
 namespace corvane::test {
 

@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "provider/Trace.h"
+#include "base/Trace.h"
 #include "tests/support/TraceCapture.h"
 
 using corvane::test::CapturedLine;

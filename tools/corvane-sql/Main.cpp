@@ -9,15 +9,9 @@
 #include <string>
 #include <vector>
 
-#ifdef _WIN32
-#include <io.h>
-#define CORVANE_ISATTY(fd) _isatty(fd)
-#else
-#include <unistd.h>
-#define CORVANE_ISATTY(fd) isatty(fd)
-#endif
 
 #include "platform/AllocCounters.h"
+#include "platform/Console.h"
 #include "platform/Platform.h"
 #include "provider/Module.h"
 #include "tools/corvane-sql/Interactive.h"
@@ -176,10 +170,10 @@ int Run(const CommandLine& cl, std::vector<Input> inputs, COutput& out) {
     fputs("\n", stderr);
     return 1;
   }
-  const bool stdinTerminal = CORVANE_ISATTY(0);
-  const OutputFormat format = cl.formatGiven ? cl.format : (CORVANE_ISATTY(1) ? OutputFormat::Table : OutputFormat::Csv);
+  const bool stdinTerminal = corvane::platform::IsTerminal(0);
+  const OutputFormat format = cl.formatGiven ? cl.format : (corvane::platform::IsTerminal(1) ? OutputFormat::Table : OutputFormat::Csv);
   CShell shell(connection, out, format, cl.parameters);
-  shell.SetShowProgress(CORVANE_ISATTY(2));
+  shell.SetShowProgress(corvane::platform::IsTerminal(2));
   if (!cl.chartFile.empty()) shell.SetChartFile(cl.chartFile);
   const bool interactive = inputs.empty() && stdinTerminal;
   InstallInterruptHandler(interactive);
@@ -233,9 +227,7 @@ int main(int argc, char** argv) {
     std::string error;
     if (!ApplyTraceSetting(cl.trace, &error)) return Usage(error);
   }
-#ifdef _WIN32
   CoInitializeEx(nullptr, COINIT_MULTITHREADED);
-#endif
   if (cl.leakCheck) corvane::platform::StartAllocCounting();
   int status = Run(cl, std::move(inputs), out);
   if (cl.leakCheck) {
@@ -248,8 +240,6 @@ int main(int argc, char** argv) {
       status = status ? status : 1;
     }
   }
-#ifdef _WIN32
   CoUninitialize();
-#endif
   return status;
 }

@@ -2,13 +2,7 @@
 
 #include <cerrno>
 
-#ifdef _WIN32
-#include <fcntl.h>
-#include <io.h>
-#else
-#include <poll.h>
-#include <unistd.h>
-#endif
+#include "platform/Console.h"
 
 namespace corvane::shell {
 
@@ -21,13 +15,8 @@ constexpr size_t kBufferSize = 64 * 1024;
 }  // namespace
 
 COutput::COutput(int fd) : fd_(fd) {
-#ifdef _WIN32
-  // The bytes as written: text mode would turn CSV's CRLF into CR CR LF.
-  _setmode(fd, _O_BINARY);
-  terminal_ = _isatty(fd) != 0;
-#else
-  terminal_ = isatty(fd) != 0;
-#endif
+  platform::SetBinaryMode(fd);
+  terminal_ = platform::IsTerminal(fd);
   buffer_.reserve(kBufferSize);
 }
 
@@ -60,20 +49,8 @@ void COutput::DropPending() {
 
 bool COutput::WriteOut(const char* data, size_t size) {
   while (size > 0) {
-#ifdef _WIN32
-    const int n = _write(fd_, data, static_cast<unsigned>(size > (1u << 30) ? (1u << 30) : size));
-#else
-    const ssize_t n = write(fd_, data, size);
-#endif
+    const long n = platform::WriteSome(fd_, data, size);
     if (n < 0) {
-      if (errno == EINTR) continue;
-#ifndef _WIN32
-      if (errno == EAGAIN || errno == EWOULDBLOCK) {  // a descriptor left non-blocking by the parent
-        pollfd p{fd_, POLLOUT, 0};
-        poll(&p, 1, -1);
-        continue;
-      }
-#endif
       error_ = errno;
       return false;
     }

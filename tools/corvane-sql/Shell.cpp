@@ -1,21 +1,15 @@
 #include "tools/corvane-sql/Shell.h"
 
 #include <chrono>
-#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <map>
 
 #include <sys/stat.h>
 
-#ifdef _WIN32
-#include <windows.h>
-#else
-#include <sys/ioctl.h>
-#include <unistd.h>
-#endif
 
-#include "provider/Trace.h"
+#include "base/Trace.h"
+#include "platform/Console.h"
 
 namespace corvane::shell {
 
@@ -32,9 +26,6 @@ extern "C" void OnInterrupt(int) {
   } else {
     _Exit(130);  // nothing to stop: Ctrl-C ends a script as usual
   }
-#ifdef _WIN32
-  std::signal(SIGINT, OnInterrupt);  // the handler is reset on every delivery there
-#endif
 }
 
 // Shows only some columns of a schema rowset, with type numbers as names.
@@ -115,19 +106,7 @@ TerminalSize OutputSize() {
   TerminalSize size;
   if (const char* columns = getenv("COLUMNS")) size.columns = atoi(columns) > 0 ? atoi(columns) : size.columns;
   if (const char* rows = getenv("LINES")) size.rows = atoi(rows) > 0 ? atoi(rows) : size.rows;
-#ifdef _WIN32
-  CONSOLE_SCREEN_BUFFER_INFO info;
-  if (GetConsoleScreenBufferInfo(GetStdHandle(STD_OUTPUT_HANDLE), &info)) {
-    size.columns = info.srWindow.Right - info.srWindow.Left + 1;
-    size.rows = info.srWindow.Bottom - info.srWindow.Top + 1;
-  }
-#else
-  winsize window{};
-  if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &window) == 0 && window.ws_col > 0 && window.ws_row > 0) {
-    size.columns = window.ws_col;
-    size.rows = window.ws_row;
-  }
-#endif
+  platform::OutputTerminalSize(&size.columns, &size.rows);
   return size;
 }
 
@@ -135,15 +114,7 @@ TerminalSize OutputSize() {
 
 void InstallInterruptHandler(bool interactive) {
   g_interactive = interactive;
-#ifdef _WIN32
-  std::signal(SIGINT, OnInterrupt);
-#else
-  struct sigaction action {};
-  action.sa_handler = OnInterrupt;
-  sigemptyset(&action.sa_mask);
-  action.sa_flags = SA_RESTART;
-  sigaction(SIGINT, &action, nullptr);
-#endif
+  platform::InstallInterruptHandler(OnInterrupt);
 }
 
 bool ApplyTraceSetting(const std::string& text, std::string* error) {

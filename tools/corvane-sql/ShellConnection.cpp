@@ -9,6 +9,10 @@
 #include <cstring>
 #include <memory>
 
+#include "base/Bstr.h"
+#include "base/ComPtr.h"
+#include "base/TaskMem.h"
+#include "base/Variant.h"
 #include "historian/Aggregates.h"
 #include "historian/CsvLoader.h"
 #include "historian/DemoPlant.h"
@@ -22,27 +26,10 @@ namespace corvane::shell {
 
 namespace {
 
-template <typename T>
-T* Query(IUnknown* object, REFIID iid) {
-  T* p = nullptr;
-  if (!object || FAILED(object->QueryInterface(iid, reinterpret_cast<void**>(&p)))) return nullptr;
-  return p;
-}
-
-// Releases an interface pointer at the end of a scope.
-template <typename T>
-struct Ref {
-  T* p = nullptr;
-  Ref() = default;
-  explicit Ref(T* q) : p(q) {}
-  ~Ref() {
-    if (p) p->Release();
-  }
-  Ref(const Ref&) = delete;
-  Ref& operator=(const Ref&) = delete;
-  T* operator->() const { return p; }
-  explicit operator bool() const { return p != nullptr; }
-};
+using corvane::Bstr;
+using corvane::ComPtr;
+using corvane::QueryAs;
+using corvane::TaskMem;
 
 std::string Timestamp(int year, int month, int day, int hour, int minute, int second, int millis) {
   char buffer[96];
@@ -107,13 +94,12 @@ Cell CellFromVariant(const VARIANT& v) {
     default: break;
   }
   // Anything else (currency, decimal...) reads as a number if it can, else as text.
-  VARIANT converted;
-  VariantInit(&converted);
-  Cell cell{Cell::Text, "?"};
-  if (SUCCEEDED(VariantChangeType(&converted, const_cast<VARIANT*>(&v), 0, VT_R8))) cell = Cell{Cell::Number, ShortestDouble(converted.dblVal)};
-  else if (SUCCEEDED(VariantChangeType(&converted, const_cast<VARIANT*>(&v), 0, VT_BSTR))) cell = Cell{Cell::Text, corvane::ToUtf8(converted.bstrVal)};
-  VariantClear(&converted);
-  return cell;
+  corvane::Variant converted;
+  if (SUCCEEDED(VariantChangeType(converted.Get(), const_cast<VARIANT*>(&v), 0, VT_R8)))
+    return Cell{Cell::Number, ShortestDouble(converted->dblVal)};
+  if (SUCCEEDED(VariantChangeType(converted.Get(), const_cast<VARIANT*>(&v), 0, VT_BSTR)))
+    return Cell{Cell::Text, corvane::ToUtf8(converted->bstrVal)};
+  return Cell{Cell::Text, "?"};
 }
 
 bool IsTimeType(DBTYPE type) {
@@ -175,7 +161,7 @@ HRESULT SetInitProperties(IUnknown* dataSource, const ConnectionOptions& options
   if (!options.catalog.empty()) add(DBPROP_INIT_CATALOG, options.catalog);
   if (!options.providerString.empty()) add(DBPROP_INIT_PROVIDERSTRING, options.providerString);
   if (props.empty()) return S_OK;
-  Ref<IDBProperties> properties(Query<IDBProperties>(dataSource, IID_IDBProperties));
+  ComPtr<IDBProperties> properties = QueryAs<IDBProperties>(dataSource, IID_IDBProperties);
   if (!properties) return E_NOINTERFACE;
   DBPROPSET set{props.data(), static_cast<ULONG>(props.size()), DBPROPSET_DBINIT};
   const HRESULT hr = properties->SetProperties(1, &set);
@@ -351,22 +337,20 @@ bool Parameter::Parse(const std::string& text, Parameter* parameter, std::string
 Failure TakeFailure(HRESULT hr) {
   Failure failure;
   failure.hr = hr;
-  Ref<IErrorLookup> lookup;
-  if (FAILED(CErrorLookup::CreateInstance(nullptr, IID_IErrorLookup, reinterpret_cast<void**>(&lookup.p))))
-    lookup.p = nullptr;
+  ComPtr<IErrorLookup> lookup;
+  if (FAILED(CErrorLookup::CreateInstance(nullptr, IID_IErrorLookup, lookup.PutVoid()))) lookup.Reset();
   auto lookUp = [&lookup](const ERRORINFO& info, std::string* text) {
-    BSTR source = nullptr, description = nullptr;
-    const bool found = lookup && SUCCEEDED(lookup->GetErrorDescription(info.hrError, info.dwMinor, nullptr,
-                                                                       LOCALE_USER_DEFAULT, &source, &description));
-    if (found) *text = corvane::ToUtf8(description);
-    SysFreeString(source);
-    SysFreeString(description);
+    Bstr source, description;
+    const bool found =
+        lookup && SUCCEEDED(lookup->GetErrorDescription(info.hrError, info.dwMinor, nullptr, LOCALE_USER_DEFAULT,
+                                                        source.Put(), description.Put()));
+    if (found) *text = corvane::ToUtf8(description.Get());
     return found;
   };
 #ifdef _WIN32
-  IErrorInfo* info = nullptr;
-  if (GetErrorInfo(0, &info) == S_OK && info) {
-    IErrorRecords* records = Query<IErrorRecords>(info, IID_IErrorRecords);
+  ComPtr<IErrorInfo> info;
+  if (GetErrorInfo(0, info.Put()) == S_OK && info) {
+    ComPtr<IErrorRecords> records = QueryAs<IErrorRecords>(info.Get(), IID_IErrorRecords);
     ULONG count = 0;
     if (records && SUCCEEDED(records->GetRecordCount(&count))) {
       // Record 0 is the newest; the report lists them oldest first, as on POSIX.
@@ -377,26 +361,19 @@ Failure TakeFailure(HRESULT hr) {
           failure.descriptions.push_back(text);
           continue;
         }
-        IErrorInfo* record = nullptr;
-        IUnknown* custom = nullptr;
-        if (SUCCEEDED(records->GetCustomErrorObject(i, IID_IErrorInfo, &custom)) && custom) {
-          record = Query<IErrorInfo>(custom, IID_IErrorInfo);
-          custom->Release();
-        }
-        if (!record && FAILED(records->GetErrorInfo(i, GetUserDefaultLCID(), &record))) record = nullptr;
-        BSTR description = nullptr;
-        if (record && SUCCEEDED(record->GetDescription(&description)) && description)
-          failure.descriptions.push_back(corvane::ToUtf8(description));
-        SysFreeString(description);
-        if (record) record->Release();
+        ComPtr<IErrorInfo> record;
+        ComPtr<IUnknown> custom;
+        if (SUCCEEDED(records->GetCustomErrorObject(i, IID_IErrorInfo, custom.Put())) && custom)
+          record = QueryAs<IErrorInfo>(custom.Get(), IID_IErrorInfo);
+        if (!record && FAILED(records->GetErrorInfo(i, GetUserDefaultLCID(), record.Put()))) record.Reset();
+        Bstr description;
+        if (record && SUCCEEDED(record->GetDescription(description.Put())) && description)
+          failure.descriptions.push_back(corvane::ToUtf8(description.Get()));
       }
     } else {
-      BSTR text = nullptr;
-      if (SUCCEEDED(info->GetDescription(&text)) && text) failure.descriptions.push_back(corvane::ToUtf8(text));
-      SysFreeString(text);
+      Bstr text;
+      if (SUCCEEDED(info->GetDescription(text.Put())) && text) failure.descriptions.push_back(corvane::ToUtf8(text.Get()));
     }
-    if (records) records->Release();
-    info->Release();
   }
 #else
   for (const auto& record : corvane::platform::TakeErrorRecords()) {
@@ -435,34 +412,26 @@ HRESULT CShellConnection::Open(const ConnectionOptions& options, Failure* failur
   }
   // The host carries its own processed-history provider, so no component has to be
   // found by its registered name.
-  IAggregates* aggregates = nullptr;
-  HRESULT hr = corvane::historian::CAggregates::CreateInstance(nullptr, IID_IAggregates,
-                                                               reinterpret_cast<void**>(&aggregates));
-  if (SUCCEEDED(hr)) {
-    hr = corvane::historian::CReferenceHistorian::Create(store, IID_IUnknown, reinterpret_cast<void**>(&host_),
-                                                         aggregates);
-    aggregates->Release();
-  }
+  ComPtr<IAggregates> aggregates;
+  HRESULT hr = corvane::historian::CAggregates::CreateInstance(nullptr, IID_IAggregates, aggregates.PutVoid());
+  if (SUCCEEDED(hr))
+    hr = corvane::historian::CReferenceHistorian::Create(store, IID_IUnknown, host_.PutVoid(), aggregates.Get());
   if (FAILED(hr)) {
     *message = "cannot create the historian";
     return hr;
   }
-  ICreateCorvaneOleDbProvider* creator = nullptr;
-  hr = CCreateCorvaneOleDbProviderImpl::CreateInstance(nullptr, IID_ICreateCorvaneOleDbProvider,
-                                                      reinterpret_cast<void**>(&creator));
+  ComPtr<ICreateCorvaneOleDbProvider> creator;
+  hr = CCreateCorvaneOleDbProviderImpl::CreateInstance(nullptr, IID_ICreateCorvaneOleDbProvider, creator.PutVoid());
+  if (SUCCEEDED(hr)) hr = creator->Create(host_.Get(), dataSource_.Put());
+  if (SUCCEEDED(hr)) hr = SetInitProperties(dataSource_.Get(), options);
   if (SUCCEEDED(hr)) {
-    hr = creator->Create(host_, &dataSource_);
-    creator->Release();
-  }
-  if (SUCCEEDED(hr)) hr = SetInitProperties(dataSource_, options);
-  if (SUCCEEDED(hr)) {
-    Ref<IDBInitialize> init(Query<IDBInitialize>(dataSource_, IID_IDBInitialize));
+    ComPtr<IDBInitialize> init = QueryAs<IDBInitialize>(dataSource_.Get(), IID_IDBInitialize);
     hr = init ? init->Initialize() : E_NOINTERFACE;
     initialized_ = SUCCEEDED(hr);
   }
   if (SUCCEEDED(hr)) {
-    Ref<IDBCreateSession> create(Query<IDBCreateSession>(dataSource_, IID_IDBCreateSession));
-    hr = create ? create->CreateSession(nullptr, IID_IDBCreateCommand, &session_) : E_NOINTERFACE;
+    ComPtr<IDBCreateSession> create = QueryAs<IDBCreateSession>(dataSource_.Get(), IID_IDBCreateSession);
+    hr = create ? create->CreateSession(nullptr, IID_IDBCreateCommand, session_.Put()) : E_NOINTERFACE;
   }
   if (FAILED(hr)) {
     *failure = TakeFailure(hr);
@@ -473,45 +442,39 @@ HRESULT CShellConnection::Open(const ConnectionOptions& options, Failure* failur
 }
 
 void CShellConnection::Close() {
-  if (session_) session_->Release();
-  session_ = nullptr;
+  session_.Reset();
   if (dataSource_) {
     if (initialized_) {
-      Ref<IDBInitialize> init(Query<IDBInitialize>(dataSource_, IID_IDBInitialize));
+      ComPtr<IDBInitialize> init = QueryAs<IDBInitialize>(dataSource_.Get(), IID_IDBInitialize);
       if (init) init->Uninitialize();
     }
-    dataSource_->Release();
+    dataSource_.Reset();
   }
-  dataSource_ = nullptr;
   initialized_ = false;
-  if (host_) host_->Release();
-  host_ = nullptr;
+  host_.Reset();
 }
 
 HRESULT CShellConnection::Execute(const std::string& sql, const std::vector<Parameter>& parameters, IRowSink& sink,
                                   const std::atomic<bool>& cancel, const ProgressCallback& progress,
                                   Failure* failure) {
-  Ref<IDBCreateCommand> create(Query<IDBCreateCommand>(session_, IID_IDBCreateCommand));
+  ComPtr<IDBCreateCommand> create = QueryAs<IDBCreateCommand>(session_.Get(), IID_IDBCreateCommand);
   if (!create) return *failure = Failure{E_NOINTERFACE, {"no open session"}}, E_NOINTERFACE;
-  Ref<ICommandText> command;
-  HRESULT hr = create->CreateCommand(nullptr, IID_ICommandText, reinterpret_cast<IUnknown**>(&command.p));
+  ComPtr<ICommandText> command;
+  HRESULT hr = create->CreateCommand(nullptr, IID_ICommandText, reinterpret_cast<IUnknown**>(command.Put()));
   if (SUCCEEDED(hr)) hr = command->SetCommandText(DBGUID_DEFAULT, corvane::FromUtf8(sql).c_str());
   if (SUCCEEDED(hr)) {
-    Ref<ICommandPrepare> prepare(Query<ICommandPrepare>(command.p, IID_ICommandPrepare));
+    ComPtr<ICommandPrepare> prepare = QueryAs<ICommandPrepare>(command.Get(), IID_ICommandPrepare);
     hr = prepare ? prepare->Prepare(0) : E_NOINTERFACE;
   }
   if (FAILED(hr)) return *failure = TakeFailure(hr), hr;
 
   // How many `?` the prepared statement has decides how many values it takes.
-  Ref<ICommandWithParameters> withParameters(Query<ICommandWithParameters>(command.p, IID_ICommandWithParameters));
+  ComPtr<ICommandWithParameters> withParameters = QueryAs<ICommandWithParameters>(command.Get(), IID_ICommandWithParameters);
   DB_UPARAMS count = 0;
   if (withParameters) {
-    DBPARAMINFO* infos = nullptr;
-    OLECHAR* names = nullptr;
-    if (SUCCEEDED(withParameters->GetParameterInfo(&count, &infos, &names))) {
-      CoTaskMemFree(infos);
-      CoTaskMemFree(names);
-    } else {
+    TaskMem<DBPARAMINFO> infos;
+    TaskMem<OLECHAR> names;
+    if (FAILED(withParameters->GetParameterInfo(&count, infos.Put(), names.Put()))) {
       count = 0;
       TakeFailure(S_OK);  // nothing described is no failure of the statement
     }
@@ -522,7 +485,7 @@ HRESULT CShellConnection::Execute(const std::string& sql, const std::vector<Para
     return DB_E_PARAMNOTOPTIONAL;
   }
   ParameterBuffer buffer;
-  Ref<IAccessor> parameterAccessor;
+  ComPtr<IAccessor> parameterAccessor;
   HACCESSOR handle = DB_NULL_HACCESSOR;
   if (count) {
     std::string error;
@@ -542,7 +505,7 @@ HRESULT CShellConnection::Execute(const std::string& sql, const std::vector<Para
     }
     hr = withParameters->SetParameterInfo(count, ordinals.data(), infos.data());
     if (SUCCEEDED(hr)) {
-      parameterAccessor.p = Query<IAccessor>(command.p, IID_IAccessor);
+      parameterAccessor = QueryAs<IAccessor>(command.Get(), IID_IAccessor);
       hr = parameterAccessor ? parameterAccessor->CreateAccessor(DBACCESSOR_PARAMETERDATA, count,
                                                                  buffer.bindings.data(), buffer.data.size(), &handle,
                                                                  nullptr)
@@ -551,22 +514,21 @@ HRESULT CShellConnection::Execute(const std::string& sql, const std::vector<Para
     if (FAILED(hr)) return *failure = TakeFailure(hr), hr;
   }
   DBPARAMS params{buffer.data.data(), 1, handle};
-  IUnknown* rowset = nullptr;
+  ComPtr<IUnknown> rowset;
   DBROWCOUNT affected = 0;
-  hr = command->Execute(nullptr, IID_IRowset, count ? &params : nullptr, &affected, &rowset);
+  hr = command->Execute(nullptr, IID_IRowset, count ? &params : nullptr, &affected, rowset.Put());
   if (FAILED(hr)) *failure = TakeFailure(hr);
   if (parameterAccessor) parameterAccessor->ReleaseAccessor(handle, nullptr);
   if (FAILED(hr)) return hr;
   if (!rowset) return S_OK;  // a statement without rows
-  hr = ReadRowset(rowset, sink, cancel, progress);
+  hr = ReadRowset(rowset.Get(), sink, cancel, progress);
   if (FAILED(hr) && hr != E_ABORT) *failure = TakeFailure(hr);
-  rowset->Release();
   return hr;
 }
 
 HRESULT CShellConnection::Schema(REFGUID schema, const std::vector<std::string>& restrictions, IRowSink& sink,
                                  Failure* failure) {
-  Ref<IDBSchemaRowset> schemas(Query<IDBSchemaRowset>(session_, IID_IDBSchemaRowset));
+  ComPtr<IDBSchemaRowset> schemas = QueryAs<IDBSchemaRowset>(session_.Get(), IID_IDBSchemaRowset);
   if (!schemas) return *failure = Failure{E_NOINTERFACE, {"the session has no schema rowsets"}}, E_NOINTERFACE;
   std::vector<VARIANT> values(restrictions.size());
   for (size_t i = 0; i < restrictions.size(); ++i) {
@@ -575,23 +537,22 @@ HRESULT CShellConnection::Schema(REFGUID schema, const std::vector<std::string>&
     values[i].vt = VT_BSTR;
     values[i].bstrVal = SysAllocString(corvane::FromUtf8(restrictions[i]).c_str());
   }
-  IUnknown* rowset = nullptr;
+  ComPtr<IUnknown> rowset;
   HRESULT hr = schemas->GetRowset(nullptr, schema, static_cast<ULONG>(values.size()), values.data(), IID_IRowset, 0,
-                                  nullptr, &rowset);
+                                  nullptr, rowset.Put());
   for (auto& v : values) VariantClear(&v);
   if (FAILED(hr)) return *failure = TakeFailure(hr), hr;
   std::atomic<bool> never{false};
-  hr = ReadRowset(rowset, sink, never, nullptr);
+  hr = ReadRowset(rowset.Get(), sink, never, nullptr);
   if (FAILED(hr)) *failure = TakeFailure(hr);
-  rowset->Release();
   return hr;
 }
 
 HRESULT CShellConnection::ReadRowset(IUnknown* rowset, IRowSink& sink, const std::atomic<bool>& cancel,
                                      const ProgressCallback& progress) {
-  Ref<IColumnsInfo> info(Query<IColumnsInfo>(rowset, IID_IColumnsInfo));
-  Ref<IAccessor> accessor(Query<IAccessor>(rowset, IID_IAccessor));
-  Ref<IRowset> fetch(Query<IRowset>(rowset, IID_IRowset));
+  ComPtr<IColumnsInfo> info = QueryAs<IColumnsInfo>(rowset, IID_IColumnsInfo);
+  ComPtr<IAccessor> accessor = QueryAs<IAccessor>(rowset, IID_IAccessor);
+  ComPtr<IRowset> fetch = QueryAs<IRowset>(rowset, IID_IRowset);
   if (!info || !accessor || !fetch) return E_NOINTERFACE;
   // A stored procedure's worker describes its columns as it starts producing rows, so
   // the first batch is fetched before the columns are asked for.
@@ -610,12 +571,12 @@ HRESULT CShellConnection::ReadRowset(IUnknown* rowset, IRowSink& sink, const std
       *rows = nullptr;
     }
     ~RowsHeld() { Release(); }
-  } held{fetch.p, &obtained, &rows};
+  } held{fetch.Get(), &obtained, &rows};
 
   DBORDINAL columnCount = 0;
-  DBCOLUMNINFO* columns = nullptr;
-  OLECHAR* names = nullptr;
-  HRESULT described = info->GetColumnInfo(&columnCount, &columns, &names);
+  TaskMem<DBCOLUMNINFO> columns;
+  TaskMem<OLECHAR> names;
+  HRESULT described = info->GetColumnInfo(&columnCount, columns.Put(), names.Put());
   if (FAILED(described)) return described;
   std::vector<Column> header;
   std::vector<DBBINDING> bindings, textBindings;
@@ -650,8 +611,8 @@ HRESULT CShellConnection::ReadRowset(IUnknown* rowset, IRowSink& sink, const std
     textBindings.push_back(b);
     textKinds.push_back(TextKind(columns[i].wType));
   }
-  CoTaskMemFree(columns);
-  CoTaskMemFree(names);
+  names.Reset();
+  columns.Reset();
   HACCESSOR handle = DB_NULL_HACCESSOR, textHandle = DB_NULL_HACCESSOR;
   if (!bindings.empty()) {
     described = accessor->CreateAccessor(DBACCESSOR_ROWDATA, bindings.size(), bindings.data(),

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "base/ComPtr.h"
 #include "platform/Platform.h"
 #include "tools/corvane-sql/ResultFormatter.h"
 
@@ -63,9 +64,9 @@ class CShellConnection {
   HRESULT ReadRowset(IUnknown* rowset, IRowSink& sink, const std::atomic<bool>& cancel,
                      const ProgressCallback& progress);
 
-  IUnknown* host_ = nullptr;
-  IUnknown* dataSource_ = nullptr;
-  IUnknown* session_ = nullptr;
+  ComPtr<IUnknown> host_;
+  ComPtr<IUnknown> dataSource_;
+  ComPtr<IUnknown> session_;
   bool initialized_ = false;
 };
 

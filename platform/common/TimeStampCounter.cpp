@@ -1,7 +1,8 @@
-#include "provider/store/Stopwatch.h"
+#include "platform/TimeStampCounter.h"
 
 #include <chrono>
 
+namespace corvane::platform {
 namespace {
 
 uint64_t SteadyNanoseconds() {
@@ -16,7 +17,7 @@ struct Anchor {
 };
 
 const Anchor& FirstUse() {
-  static const Anchor anchor{CStopwatch::Ticks(), SteadyNanoseconds()};
+  static const Anchor anchor{TimeStampTicks(), SteadyNanoseconds()};
   return anchor;
 }
 
@@ -25,18 +26,20 @@ const Anchor& FirstUse() {
 
 }  // namespace
 
-uint64_t CStopwatch::TicksToNanoseconds(uint64_t ticks) {
-#ifdef CORVANE_STOPWATCH_TSC
+uint64_t TimeStampTicksToNanoseconds(uint64_t ticks) {
+#ifdef CORVANE_TIME_STAMP_COUNTER
   const Anchor& first = FirstUse();
-  const uint64_t nowTicks = Ticks();
+  const uint64_t nowTicks = TimeStampTicks();
   const uint64_t nowNs = SteadyNanoseconds();
   if (nowTicks <= first.ticks || nowNs <= first.nanoseconds) return 0;
   const long double rate = static_cast<long double>(nowNs - first.nanoseconds) / (nowTicks - first.ticks);
   return static_cast<uint64_t>(static_cast<long double>(ticks) * rate);
 #else
-  const int64_t freq = corvane::platform::PerformanceFrequency();
+  const int64_t freq = PerformanceFrequency();
   if (freq == 1000000000) return ticks;
   return ticks / static_cast<uint64_t>(freq) * 1000000000ull +
          ticks % static_cast<uint64_t>(freq) * 1000000000ull / static_cast<uint64_t>(freq);
 #endif
 }
+
+}  // namespace corvane::platform

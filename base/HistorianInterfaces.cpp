@@ -1,4 +1,4 @@
-#include "provider/HistorianInterfaces.h"
+#include "base/HistorianInterfaces.h"
 
 #include <cstring>
 

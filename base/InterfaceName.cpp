@@ -1,4 +1,4 @@
-#include "provider/InterfaceName.h"
+#include "base/InterfaceName.h"
 
 #include <cstdint>
 

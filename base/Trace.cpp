@@ -2,13 +2,15 @@
 // the hot path, a per-thread pending line between BeginTrace and TraceMsg, and a
 // replaceable sink. Sinks write each line whole, so lines from many threads never
 // interleave.
-#include "provider/Trace.h"
+#include "base/Trace.h"
 
 #include <atomic>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
+
+#include "platform/System.h"
 
 namespace corvane::detail {
 std::atomic<int> g_traceThreshold{INT_MIN};
@@ -73,21 +75,6 @@ std::shared_ptr<ITraceSink> CurrentSink() {
 
 void ConfigureNow();
 void EnsureConfigured() { std::call_once(g_configureOnce, ConfigureNow); }
-
-std::string ReadEnvironment(bool* present) {
-#ifdef _WIN32
-  // The process environment, not the C run-time's copy, so that a host that sets the
-  // variable with SetEnvironmentVariable is seen, and paths keep their non-ASCII letters.
-  WCHAR buf[1024];
-  const DWORD n = GetEnvironmentVariableW(L"CORVANE_TRACE", buf, sizeof buf / sizeof buf[0]);
-  *present = n > 0 && n < sizeof buf / sizeof buf[0];
-  return *present ? corvane::ToUtf8(reinterpret_cast<const OLECHAR*>(buf)) : std::string();
-#else
-  const char* v = std::getenv("CORVANE_TRACE");
-  *present = v != nullptr;
-  return v ? std::string(v) : std::string();
-#endif
-}
 
 }  // namespace
 
@@ -188,8 +175,8 @@ void ConfigureTraceFromEnvironment() {
 namespace {
 void ConfigureNow() {
   using namespace corvane;
-  bool present = false;
-  const std::string value = ReadEnvironment(&present);
+  std::string value;
+  const bool present = platform::ReadEnvironment("CORVANE_TRACE", &value);
   TraceSetting setting;
   std::shared_ptr<ITraceSink> sink;
   if (present && ParseTraceSetting(value, &setting)) {
@@ -219,12 +206,7 @@ namespace corvane {
 std::shared_ptr<ITraceSink> MakeStderrTraceSink() { return std::make_shared<StdioSink>(stderr, false); }
 
 std::shared_ptr<ITraceSink> MakeFileTraceSink(const std::string& utf8Path) {
-#ifdef _WIN32
-  const WString wide = FromUtf8(utf8Path);
-  FILE* f = _wfopen(reinterpret_cast<const wchar_t*>(wide.c_str()), L"ab");
-#else
-  FILE* f = std::fopen(utf8Path.c_str(), "ab");
-#endif
+  FILE* f = platform::OpenFile(utf8Path, "ab");
   if (!f) return nullptr;
   return std::make_shared<StdioSink>(f, true);
 }

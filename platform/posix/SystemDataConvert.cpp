@@ -1,0 +1,10 @@
+#include "platform/SystemDataConvert.h"
+
+namespace corvane::platform {
+
+HRESULT CreateSystemDataConvert(IDataConvert** convert) {
+  *convert = nullptr;
+  return S_FALSE;
+}
+
+}  // namespace corvane::platform
