@@ -33,8 +33,11 @@ int64_t LiveBstrs() {
 #endif
 }
 
-TEST(VariantLifetime, ClearReleasesWhatTheVariantOwns) {
-  int64_t base = LiveBstrs();
+TEST(VariantLifetime, ClearReleasesWhatTheVariantOwnsAndLeavesPointeesAlone) {
+  const int64_t base = LiveBstrs();
+  BSTR s = SysAllocString(OLESTR("caller's"));
+  CountedObject obj;
+  IUnknown* punk = &obj;
   VARIANT v;
   VariantInit(&v);
   EXPECT_EQ(v.vt, VT_EMPTY);
@@ -42,9 +45,15 @@ TEST(VariantLifetime, ClearReleasesWhatTheVariantOwns) {
   v.bstrVal = SysAllocString(OLESTR("owned"));
   EXPECT_EQ(VariantClear(&v), S_OK);
   EXPECT_EQ(v.vt, VT_EMPTY);
-  EXPECT_EQ(LiveBstrs(), base);
-
-  CountedObject obj;
+  v.vt = VT_BYREF | VT_BSTR;
+  v.pbstrVal = &s;
+  EXPECT_EQ(VariantClear(&v), S_OK);
+  EXPECT_EQ(v.vt, VT_EMPTY);
+  EXPECT_EQ(SysStringLen(s), 8u) << "a referenced string stays the caller's";
+  v.vt = VT_BYREF | VT_UNKNOWN;
+  v.ppunkVal = &punk;
+  EXPECT_EQ(VariantClear(&v), S_OK);
+  EXPECT_EQ(obj.refs, 1u);
   obj.refs = 2;
   v.vt = VT_UNKNOWN;
   v.punkVal = &obj;
@@ -53,26 +62,8 @@ TEST(VariantLifetime, ClearReleasesWhatTheVariantOwns) {
   v.vt = VT_DISPATCH;
   v.punkVal = nullptr;  // a null interface is legal and released as nothing
   EXPECT_EQ(VariantClear(&v), S_OK);
-}
-
-TEST(VariantLifetime, ClearOfByRefLeavesThePointeeAlone) {
-  BSTR s = SysAllocString(OLESTR("caller's"));
-  int64_t base = LiveBstrs();
-  VARIANT v;
-  v.vt = VT_BYREF | VT_BSTR;
-  v.pbstrVal = &s;
-  EXPECT_EQ(VariantClear(&v), S_OK);
-  EXPECT_EQ(v.vt, VT_EMPTY);
-  EXPECT_EQ(LiveBstrs(), base);
-  EXPECT_EQ(SysStringLen(s), 8u);
-
-  CountedObject obj;
-  IUnknown* punk = &obj;
-  v.vt = VT_BYREF | VT_UNKNOWN;
-  v.ppunkVal = &punk;
-  EXPECT_EQ(VariantClear(&v), S_OK);
-  EXPECT_EQ(obj.refs, 1u);
   SysFreeString(s);
+  EXPECT_EQ(LiveBstrs(), base);
 }
 
 TEST(VariantLifetime, InvalidTypesAreRefusedAndLeftUntouched) {
