@@ -109,27 +109,28 @@ TEST(TraceCaptureLines, CarryLevelSourceLineAndText) {
   EXPECT_TRUE(capture.Lines().empty());
 }
 
-TEST(TraceEnvironment, ParsesLevelAndDestination) {
-  corvane::TraceSetting s;
-  ASSERT_TRUE(corvane::ParseTraceSetting("400", &s));
-  EXPECT_EQ(s.level, 400);
-  EXPECT_EQ(s.path, "");
-  ASSERT_TRUE(corvane::ParseTraceSetting("100:/tmp/corvane.log", &s));
-  EXPECT_EQ(s.level, 100);
-  EXPECT_EQ(s.path, "/tmp/corvane.log");
-  ASSERT_TRUE(corvane::ParseTraceSetting("700:C:\\logs\\c.log", &s));  // only the first ':' splits
-  EXPECT_EQ(s.path, "C:\\logs\\c.log");
-  ASSERT_TRUE(corvane::ParseTraceSetting(" 0 ", &s));
-  EXPECT_EQ(s.level, 0);
-  for (const char* bad : {"", "abc", "4x0", "-5", "400:", ":/tmp/x", "99999999999", "+400"})
-    EXPECT_FALSE(corvane::ParseTraceSetting(bad, &s)) << "'" << bad << "'";
-}
+TEST(TraceEnvironment, ParsesLevelAndDestinationAndConfiguresTheFacility) {
+  // Only the first ':' splits; anything unreadable is refused (-1).
+  const struct {
+    const char* text;
+    int level;
+    const char* path;
+  } cases[] = {{"400", 400, ""}, {"100:/tmp/corvane.log", 100, "/tmp/corvane.log"},
+               {"700:C:\\logs\\c.log", 700, "C:\\logs\\c.log"}, {" 0 ", 0, ""}, {"", -1, ""}, {"abc", -1, ""},
+               {"4x0", -1, ""}, {"-5", -1, ""}, {"400:", -1, ""}, {":/tmp/x", -1, ""}, {"99999999999", -1, ""},
+               {"+400", -1, ""}};
+  for (const auto& c : cases) {
+    corvane::TraceSetting s;
+    EXPECT_EQ(corvane::ParseTraceSetting(c.text, &s), c.level >= 0) << "'" << c.text << "'";
+    if (c.level >= 0) {
+      EXPECT_EQ(s.level, c.level) << c.text;
+      EXPECT_EQ(s.path, c.path) << c.text;
+    }
+  }
 
-TEST(TraceEnvironment, ConfiguresThresholdAndFile) {
   SavedTraceSettings saved;
   const std::string path = "trace_facility_env.log";
   std::remove(path.c_str());
-
   SetEnv(("600:" + path).c_str());
   corvane::ConfigureTraceFromEnvironment();
   EXPECT_EQ(corvane::TraceThreshold(), 600);
@@ -137,23 +138,13 @@ TEST(TraceEnvironment, ConfiguresThresholdAndFile) {
   const int line = __LINE__ + 1;
   CVTRACE(TRACE_NOTICE, OLESTR("to the file %d"), 42);
   EXPECT_EQ(ReadLines(path), std::vector<std::string>{"[600] TraceTest(" + std::to_string(line) + "): to the file 42"});
-
-  SetEnv("garbage");
-  corvane::ConfigureTraceFromEnvironment();
-  EXPECT_EQ(corvane::TraceThreshold(), corvane::kTraceOff);
-
-  SetEnv("800");
-  corvane::ConfigureTraceFromEnvironment();
-  EXPECT_EQ(corvane::TraceThreshold(), 800);
-
-  SetEnv(nullptr);
-  corvane::ConfigureTraceFromEnvironment();
-  EXPECT_EQ(corvane::TraceThreshold(), corvane::kTraceOff);
-
-  // A file that cannot be opened leaves tracing off rather than failing later.
-  SetEnv("100:no_such_directory/x/y.log");
-  corvane::ConfigureTraceFromEnvironment();
-  EXPECT_EQ(corvane::TraceThreshold(), corvane::kTraceOff);
+  // Garbage, no setting, or a file that cannot be opened leave tracing off rather than
+  // failing later.
+  for (const char* setting : {"garbage", "800", static_cast<const char*>(nullptr), "100:no_such_directory/x/y.log"}) {
+    SetEnv(setting);
+    corvane::ConfigureTraceFromEnvironment();
+    EXPECT_EQ(corvane::TraceThreshold(), setting && setting[0] == '8' ? 800 : corvane::kTraceOff) << setting;
+  }
   std::remove(path.c_str());
 }
 
