@@ -199,26 +199,19 @@ CORVANE_DEFINE_GUID(CLSID_TestGadget, 0x6B1D0F4B, 0x1C2B, 0x4E55, 0x9A, 0x10, 0x
 CORVANE_DEFINE_GUID(CLSID_NeverRegistered, 0x6B1D0F4C, 0x1C2B, 0x4E55, 0x9A, 0x10, 0x32, 0x44, 0x55, 0x66, 0x77,
                     0x88);
 
+// A widget counts itself live while it exists.
 class Widget final : public IUnknown {
  public:
   explicit Widget(std::atomic<int>& live) : live_(live) { ++live_; }
   HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {
-    if (!ppv) return E_POINTER;
-    if (!IsEqualIID(riid, IID_IUnknown)) {
-      *ppv = nullptr;
-      return E_NOINTERFACE;
-    }
+    if (!IsEqualIID(riid, IID_IUnknown)) return *ppv = nullptr, E_NOINTERFACE;
     *ppv = this;
-    AddRef();
-    return S_OK;
+    return AddRef(), S_OK;
   }
   ULONG STDMETHODCALLTYPE AddRef() override { return ++refs_; }
   ULONG STDMETHODCALLTYPE Release() override {
-    ULONG n = --refs_;
-    if (n == 0) {
-      --live_;
-      delete this;
-    }
+    const ULONG n = --refs_;
+    if (n == 0) --live_, delete this;
     return n;
   }
 
@@ -231,14 +224,9 @@ class Widget final : public IUnknown {
 class WidgetFactory : public IClassFactory {
  public:
   HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {
-    if (!ppv) return E_POINTER;
-    if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IClassFactory)) {
-      *ppv = static_cast<IClassFactory*>(this);
-      AddRef();
-      return S_OK;
-    }
-    *ppv = nullptr;
-    return E_NOINTERFACE;
+    if (!IsEqualIID(riid, IID_IUnknown) && !IsEqualIID(riid, IID_IClassFactory)) return *ppv = nullptr, E_NOINTERFACE;
+    *ppv = static_cast<IClassFactory*>(this);
+    return AddRef(), S_OK;
   }
   ULONG STDMETHODCALLTYPE AddRef() override { return ++refs; }
   ULONG STDMETHODCALLTYPE Release() override { return --refs; }  // lives on the test's stack
@@ -247,7 +235,7 @@ class WidgetFactory : public IClassFactory {
     if (outer) return CLASS_E_NOAGGREGATION;
     Widget* w = new Widget(liveWidgets);
     w->AddRef();
-    HRESULT hr = w->QueryInterface(riid, ppv);
+    const HRESULT hr = w->QueryInterface(riid, ppv);
     w->Release();
     return hr;
   }
