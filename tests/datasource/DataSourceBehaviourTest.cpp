@@ -54,16 +54,13 @@ class DataSourceTest : public corvane::test::LeakCheckedTest {
     SysFreeString(text);
     return s;
   }
-  std::string Schema() {
+  std::string Name(HRESULT (CProviderDataSource::*getter)(BSTR*)) {
     BSTR b = nullptr;
-    ds_->GetDefaultSchema(&b);
+    (ds_->*getter)(&b);
     return Get(b);
   }
-  std::string Catalog() {
-    BSTR b = nullptr;
-    ds_->GetDefaultCatalog(&b);
-    return Get(b);
-  }
+  std::string Schema() { return Name(&CProviderDataSource::GetDefaultSchema); }
+  std::string Catalog() { return Name(&CProviderDataSource::GetDefaultCatalog); }
   FILETIME Take(HRESULT (CProviderDataSource::*getter)(FILETIME**)) {
     FILETIME* p = nullptr;
     EXPECT_EQ(S_OK, (ds_->*getter)(&p));
@@ -241,21 +238,18 @@ TEST_F(ProviderString, DataSourceCatalogAndWindowHandleByIdentifierAlone) {
 }
 
 TEST_F(QuerySettingsRules, DefaultsAndTheRangeAQueryUses) {
-  LONG l = 0;
-  BYTE b = 9;
-  ds_->GetMaxRowsToReturn(&l);
-  EXPECT_EQ(2000, l);
-  ds_->GetTreatUncertainAsGood(&l);
-  EXPECT_EQ(1, l);
-  ds_->GetAllowEmptyTag(&l);
-  EXPECT_EQ(1, l);
-  ds_->GetUseUserTimeRange(&l);
-  EXPECT_EQ(0, l);
-  ds_->GetPercentDataBad(&b);
-  EXPECT_EQ(0, b);
-  b = 9;
-  ds_->GetPercentDataGood(&b);
-  EXPECT_EQ(0, b);
+  for (const auto& [get, value] : {std::pair{&CProviderDataSource::GetMaxRowsToReturn, 2000},
+                                   {&CProviderDataSource::GetTreatUncertainAsGood, 1},
+                                   {&CProviderDataSource::GetAllowEmptyTag, 1}, {&CProviderDataSource::GetUseUserTimeRange, 0}}) {
+    LONG l = -1;
+    EXPECT_EQ(S_OK, (ds_->*get)(&l));
+    EXPECT_EQ(value, l);
+  }
+  for (const auto get : {&CProviderDataSource::GetPercentDataBad, &CProviderDataSource::GetPercentDataGood}) {
+    BYTE b = 9;
+    EXPECT_EQ(S_OK, (ds_->*get)(&b));
+    EXPECT_EQ(0, b);
+  }
   EXPECT_EQ(E_INVALIDARG, ds_->GetPercentDataGood(nullptr));
   EXPECT_EQ(E_INVALIDARG, ds_->GetStartTimeForQuery(nullptr));
   const ULONGLONG start = U64(Take(&CProviderDataSource::GetStartTime));
