@@ -83,14 +83,10 @@ TEST(SqlTokens, EachTextReadsAsItsTokens) {
 }
 
 TEST(SqlTokens, KeywordsIgnoreCaseOfAsciiLettersOnlyAndKeepTheirText) {
-  const std::pair<const char*, int> keywords[] = {
-      {"Between", SQL_KEYWORD_BETWEEN}, {"exec", SQL_KEYWORD_EXEC},   {"CaLL", SQL_KEYWORD_CALL},
-      {"insert", SQL_KEYWORD_INSERT},   {"into", SQL_KEYWORD_INTO},   {"values", SQL_KEYWORD_VALUES},
-      {"select", SQL_KEYWORD_SELECT},   {"as", SQL_KEYWORD_AS},       {"from", SQL_KEYWORD_FROM},
-      {"where", SQL_KEYWORD_WHERE},     {"Order", SQL_KEYWORD_ORDER}, {"by", SQL_KEYWORD_BY},
-      {"asc", SQL_KEYWORD_ASC},         {"desc", SQL_KEYWORD_DESC},   {"group", SQL_KEYWORD_GROUP},
-      {"limit", SQL_KEYWORD_LIMIT},     {"top", SQL_KEYWORD_TOP},     {"delete", SQL_KEYWORD_DELETE},
-      {"update", SQL_KEYWORD_UPDATE},   {"set", SQL_KEYWORD_SET},     {"having", SQL_KEYWORD_HAVING}};
+  // (Every keyword's reading is in the statement and error suites' texts.)
+  const std::pair<const char*, int> keywords[] = {{"Between", SQL_KEYWORD_BETWEEN}, {"CaLL", SQL_KEYWORD_CALL},
+                                                  {"Order", SQL_KEYWORD_ORDER},     {"group", SQL_KEYWORD_GROUP},
+                                                  {"HAVING", SQL_KEYWORD_HAVING},   {"tOp", SQL_KEYWORD_TOP}};
   for (const auto& [word, keyword] : keywords) {
     const corvane::WString wide = corvane::FromUtf8(word);
     SQLLexerState state;
