@@ -66,17 +66,8 @@ inline std::string Float(float f) {
   return Double(static_cast<double>(f));
 }
 
-inline std::string Int(int64_t v) {
-  char buf[32];
-  std::snprintf(buf, sizeof buf, "%" PRId64, v);
-  return buf;
-}
-
-inline std::string UInt(uint64_t v) {
-  char buf[32];
-  std::snprintf(buf, sizeof buf, "%" PRIu64, v);
-  return buf;
-}
+inline std::string Int(int64_t v) { return std::to_string(v); }
+inline std::string UInt(uint64_t v) { return std::to_string(v); }
 
 // A UTF-16 text as a quoted ASCII string; other code units as \uXXXX.
 inline std::string Text(const OLECHAR* s, size_t n) {
@@ -139,8 +130,7 @@ inline std::string VarTypeName(VARTYPE vt) {
 
 inline std::string Value(const VARIANT& v) {
   switch (v.vt) {
-    case VT_EMPTY: return "";
-    case VT_NULL: return "";
+    case VT_EMPTY: case VT_NULL: return "";
     case VT_I1: return Int(v.cVal);
     case VT_I2: return Int(v.iVal);
     case VT_I4: return Int(v.lVal);
