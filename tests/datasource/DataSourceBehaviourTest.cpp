@@ -25,6 +25,16 @@ FILETIME Utc(WORD y, WORD mo, WORD d, WORD h, WORD mi, WORD s, WORD ms = 0) {
   return ft;
 }
 
+// A property of `vt` (BSTR, BOOL or I2) holding `text` or `n`.
+DBPROP Prop(DBPROPID id, VARTYPE vt, const OLECHAR* text, SHORT n = 0) {
+  DBPROP prop{};
+  prop.dwPropertyID = id;
+  prop.vValue.vt = vt;
+  if (vt == VT_BSTR) prop.vValue.bstrVal = SysAllocString(text);
+  else prop.vValue.iVal = vt == VT_BOOL ? (n ? VARIANT_TRUE : VARIANT_FALSE) : n;
+  return prop;
+}
+
 class DataSourceTest : public corvane::test::LeakCheckedTest {
  protected:
   void SetUp() override {
@@ -39,10 +49,7 @@ class DataSourceTest : public corvane::test::LeakCheckedTest {
     LeakCheckedTest::TearDown();
   }
   HRESULT SetString(DBPROPID id, const OLECHAR* text, DBPROPSTATUS* status = nullptr) {
-    DBPROP prop{};
-    prop.dwPropertyID = id;
-    prop.vValue.vt = VT_BSTR;
-    prop.vValue.bstrVal = SysAllocString(text);
+    DBPROP prop = Prop(id, VT_BSTR, text);
     DBPROPSET set{&prop, 1, DBPROPSET_DBINIT};
     const HRESULT hr = ds_->SetProperties(1, &set);
     if (status) *status = prop.dwStatus;
@@ -117,13 +124,7 @@ TEST_F(DataSourceProperties, InitialisationPropertiesOnlyUntilInitialised) {
   EXPECT_EQ(DBPROPSTATUS_NOTSETTABLE, status);
 
   // Read-only information cannot change; the writable one can.
-  DBPROP props[2] = {};
-  props[0].dwPropertyID = DBPROP_USERNAME;
-  props[0].vValue.vt = VT_BSTR;
-  props[0].vValue.bstrVal = SysAllocString(OLESTR("admin"));
-  props[1].dwPropertyID = DBPROP_SERVERDATAONINSERT;
-  props[1].vValue.vt = VT_BOOL;
-  props[1].vValue.boolVal = VARIANT_FALSE;
+  DBPROP props[2] = {Prop(DBPROP_USERNAME, VT_BSTR, OLESTR("admin")), Prop(DBPROP_SERVERDATAONINSERT, VT_BOOL, nullptr)};
   DBPROPSET set{props, 2, DBPROPSET_DATASOURCEINFO};
   EXPECT_EQ(DB_S_ERRORSOCCURRED, ds_->SetProperties(1, &set));
   EXPECT_EQ(DBPROPSTATUS_NOTSETTABLE, props[0].dwStatus);
@@ -218,15 +219,8 @@ TEST_F(ProviderString, ItemsSchemaAndUserTimeRange) {
 
 TEST_F(ProviderString, DataSourceCatalogAndWindowHandleByIdentifierAlone) {
   TraceCapture trace;
-  DBPROP props[3] = {};
-  props[0].dwPropertyID = DBPROP_INIT_DATASOURCE;
-  props[0].vValue.vt = VT_BSTR;  // a null BSTR is an empty string
-  props[1].dwPropertyID = DBPROP_INIT_CATALOG;
-  props[1].vValue.vt = VT_BSTR;
-  props[1].vValue.bstrVal = SysAllocString(OLESTR("History"));
-  props[2].dwPropertyID = DBPROP_INIT_HWND;
-  props[2].vValue.vt = VT_I2;
-  props[2].vValue.iVal = 12;
+  DBPROP props[3] = {Prop(DBPROP_INIT_DATASOURCE, VT_BSTR, nullptr),  // a null BSTR is an empty string
+                     Prop(DBPROP_INIT_CATALOG, VT_BSTR, OLESTR("History")), Prop(DBPROP_INIT_HWND, VT_I2, nullptr, 12)};
   DBPROPSET set{props, 3, DBPROPSET_ROWSET};  // the wrong set: the engine refuses them
   EXPECT_EQ(DB_E_ERRORSOCCURRED, ds_->SetProperties(1, &set));
   EXPECT_TRUE(trace.Contains("Set INIT_DATASOURCE = "));

@@ -30,20 +30,19 @@ const PropertySetDefinition kSets[] = {
     {&DBPROPSET_DBINIT, DBPROPFLAGS_DBINIT, kInitProps, 1},
 };
 
-VARIANT I4(LONG v) {
+// A VARIANT of `vt` (I2, I4, BOOL or BSTR) holding `n`, or the text `text`.
+VARIANT Var(VARTYPE vt, LONG n, const OLECHAR* text = nullptr) {
   VARIANT x;
   VariantInit(&x);
-  x.vt = VT_I4;
-  x.lVal = v;
+  x.vt = vt;
+  if (vt == VT_BSTR) x.bstrVal = SysAllocString(text);
+  else if (vt == VT_BOOL) x.boolVal = n ? VARIANT_TRUE : VARIANT_FALSE;
+  else if (vt == VT_I2) x.iVal = static_cast<SHORT>(n);
+  else x.lVal = n;
   return x;
 }
-VARIANT Bool(bool v) {
-  VARIANT x;
-  VariantInit(&x);
-  x.vt = VT_BOOL;
-  x.boolVal = v ? VARIANT_TRUE : VARIANT_FALSE;
-  return x;
-}
+VARIANT I4(LONG v) { return Var(VT_I4, v); }
+VARIANT Bool(bool v) { return Var(VT_BOOL, v); }
 DBPROP Prop(DBPROPID id, VARIANT v, DBPROPOPTIONS options = DBPROPOPTIONS_REQUIRED) {
   DBPROP p{};
   p.dwPropertyID = id;
@@ -86,11 +85,7 @@ TEST_F(PropertyRules, EachStatusAndTheCallResult) {
                                Prop(kLimit, I4(5), 7),                 // bad option
                                Prop(kSafe, Bool(true)),                // already true: fine
                                Prop(kFast, Bool(true))};               // conflicts with kSafe
-  VARIANT text;
-  VariantInit(&text);
-  text.vt = VT_BSTR;
-  text.bstrVal = SysAllocString(OLESTR("other"));
-  props.push_back(Prop(kName, text));  // read-only, different value
+  props.push_back(Prop(kName, Var(VT_BSTR, 0, OLESTR("other"))));  // read-only, different value
   EXPECT_EQ(DB_S_ERRORSOCCURRED, Set(props));
   EXPECT_EQ(DBPROPSTATUS_OK, props[0].dwStatus);
   EXPECT_EQ(DBPROPSTATUS_NOTSUPPORTED, props[1].dwStatus);
@@ -104,9 +99,7 @@ TEST_F(PropertyRules, EachStatusAndTheCallResult) {
   VariantClear(&props.back().vValue);
 
   // Setting a read-only property to the value it has is no error; all failing is DB_E.
-  std::vector<DBPROP> same = {Prop(kName, VARIANT{})};
-  same[0].vValue.vt = VT_BSTR;
-  same[0].vValue.bstrVal = SysAllocString(OLESTR("fixed"));
+  std::vector<DBPROP> same = {Prop(kName, Var(VT_BSTR, 0, OLESTR("fixed")))};
   EXPECT_EQ(S_OK, Set(same));
   VariantClear(&same[0].vValue);
   std::vector<DBPROP> allBad = {Prop(77, I4(1)), Prop(kLimit, I4(-3))};
@@ -153,11 +146,7 @@ TEST_F(PropertyRules, RequiredAgainstOptionalAndThePropertiesInError) {
 
   // A property flagged REQUIRED that nobody set holds up whoever needs it.
   EXPECT_TRUE(engine_.MissingRequired());
-  VARIANT two;
-  VariantInit(&two);
-  two.vt = VT_I2;
-  two.iVal = 2;
-  std::vector<DBPROP> needed = {Prop(kNeeded, two)};
+  std::vector<DBPROP> needed = {Prop(kNeeded, Var(VT_I2, 2))};
   EXPECT_EQ(S_OK, Set(needed, DBPROPSET_DBINIT));
   EXPECT_FALSE(engine_.MissingRequired());
 }
