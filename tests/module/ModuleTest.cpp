@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "platform/Platform.h"
-#include "platform/WideString.h"
 #include "provider/Module.h"
 
 #ifndef _WIN32
@@ -57,13 +56,6 @@ class LoadedModule {
   Fn Get(const char* name) const {
     return reinterpret_cast<Fn>(Symbol(name));
   }
-#ifdef _WIN32
-  std::wstring FilePath() const {
-    wchar_t buf[MAX_PATH * 2];
-    const DWORD n = GetModuleFileNameW(static_cast<HMODULE>(handle_), buf, MAX_PATH * 2);
-    return std::wstring(buf, n);
-  }
-#endif
 
  private:
   void* handle_ = nullptr;
@@ -159,10 +151,6 @@ bool KeyExists(HKEY root, const std::wstring& key) {
   return true;
 }
 
-std::string Narrow(const std::wstring& w) {
-  return corvane::ToUtf8(corvane::WStringView(reinterpret_cast<const OLECHAR*>(w.c_str()), w.size()));
-}
-
 const std::wstring kClsidKey = L"CLSID\\{EFFACBC0-538B-4bc7-AFE1-2E90167424C6}";
 const std::wstring kProgId = L"Quellix.CorvaneOleDbProvider_VLD64";
 
@@ -176,12 +164,12 @@ TEST(ModuleRegistration, InstallForTheUserOnly) {
   const std::wstring userClsid = L"Software\\Classes\\" + kClsidKey;
 
   ASSERT_EQ(install(TRUE, L"user"), S_OK);
-  EXPECT_EQ(Narrow(ReadString(HKEY_CURRENT_USER, userClsid + L"\\InprocServer32", L"ThreadingModel")), "Both");
-  EXPECT_EQ(Narrow(ReadString(HKEY_CURRENT_USER,
-                              userClsid + L"\\ExtendedErrors\\{4847E217-9067-4A53-89DC-8281638914AE}", nullptr)),
-            "Corvane OLE DB Provider Error Lookup");
-  EXPECT_EQ(Narrow(ReadString(HKEY_CURRENT_USER, L"Software\\Classes\\" + kProgId + L"\\CLSID", nullptr)),
-            "{EFFACBC0-538B-4bc7-AFE1-2E90167424C6}");
+  EXPECT_EQ(ReadString(HKEY_CURRENT_USER, userClsid + L"\\InprocServer32", L"ThreadingModel"), L"Both");
+  EXPECT_EQ(ReadString(HKEY_CURRENT_USER, userClsid + L"\\ExtendedErrors\\{4847E217-9067-4A53-89DC-8281638914AE}",
+                       nullptr),
+            L"Corvane OLE DB Provider Error Lookup");
+  EXPECT_EQ(ReadString(HKEY_CURRENT_USER, L"Software\\Classes\\" + kProgId + L"\\CLSID", nullptr),
+            L"{EFFACBC0-538B-4bc7-AFE1-2E90167424C6}");
   ASSERT_EQ(install(FALSE, L"user"), S_OK);
   EXPECT_FALSE(KeyExists(HKEY_CURRENT_USER, userClsid));
   EXPECT_FALSE(KeyExists(HKEY_CURRENT_USER, L"Software\\Classes\\CLSID\\{4847E217-9067-4A53-89DC-8281638914AE}"));
