@@ -3,7 +3,6 @@
 // failure code, which stays the lexer's when reading a token was what failed.
 #include <gtest/gtest.h>
 
-#include "SQLParser/SQLResources.h"
 #include "SqlTestSupport.h"
 #include "tests/support/TraceCapture.h"
 
@@ -98,18 +97,6 @@ TEST_F(SqlErrorTexts, AFailedParseIsTracedAsAnErrorWithItsInfo) {
   auto p = Parse("SELECT a FROM t WHERE a = 1e5");
   ASSERT_EQ(1u, capture.Lines().size());
   EXPECT_EQ(capture.Lines()[0].text, "Failed to parse the SQL query (HR = 80004005), error info: " + p.error);
-}
-
-TEST_F(SqlErrorTexts, UserFacingResourcesEndWithTheQuotedQuery) {
-  corvane::WString message;
-  ASSERT_EQ(FormatSQLString(IDS_SQL_WHERE_ERROR, OLESTR("SELECT a"), &message), S_OK);
-  EXPECT_EQ(sqltest::W8(message), "Failed to parse the query. Found error in the WHERE clause. SQL query: \"SELECT a\".");
-  ASSERT_EQ(FormatSQLString(201, OLESTR("x"), &message), S_OK);
-  EXPECT_EQ(sqltest::W8(message),
-            "Failed to parse the query. SELECT clause can be followed by column(s), * or by the TOP clause. SQL query: "
-            "\"x\".");
-  for (UINT id : {101u, 202u, 204u, 330u}) EXPECT_NE(LoadSQLString(id), nullptr) << id;
-  EXPECT_EQ(FormatSQLString(102, OLESTR("x"), &message), E_INVALIDARG);
 }
 
 }  // namespace
