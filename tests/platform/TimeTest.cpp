@@ -63,11 +63,16 @@ TEST(FileTimeCalendar, RandomInstantsRoundTripToTheMillisecond) {
 
 // ---- The clock --------------------------------------------------------------------
 
-TEST(SystemClock, AgreesWithTheCRuntimeAndMovesForward) {
+TEST(SystemClock, AgreesWithTheCRuntimeMovesForwardAndTellsThreadsApart) {
   FILETIME ft{};
   GetSystemTimeAsFileTime(&ft);
   const int64_t unixSeconds = static_cast<int64_t>(Ticks(ft) / kTicksPerSecond) - 11644473600ll;
   EXPECT_LE(std::llabs(unixSeconds - static_cast<int64_t>(std::time(nullptr))), 2);
+  FILETIME com{}, after{};
+  ASSERT_EQ(CoFileTimeNow(&com), S_OK);
+  GetSystemTimeAsFileTime(&after);
+  EXPECT_LE(Ticks(ft), Ticks(com));
+  EXPECT_LE(Ticks(com), Ticks(after));
 
   LARGE_INTEGER freq{}, a{}, b{};
   ASSERT_TRUE(QueryPerformanceFrequency(&freq));
@@ -80,13 +85,9 @@ TEST(SystemClock, AgreesWithTheCRuntimeAndMovesForward) {
   EXPECT_GE(elapsedMs, 25.0);
   EXPECT_LT(elapsedMs, 5000.0);
   EXPECT_GE(GetTickCount64() - tick0, 15u);  // the tick count may be coarse
-}
-
-TEST(SystemClock, ThreadIdsDifferBetweenThreads) {
-  const DWORD mine = GetCurrentThreadId();
-  DWORD other = mine;
+  DWORD other = GetCurrentThreadId();
   std::thread([&] { other = GetCurrentThreadId(); }).join();
-  EXPECT_NE(mine, other);
+  EXPECT_NE(GetCurrentThreadId(), other);
   EXPECT_NE(GetCurrentProcessId(), 0u);
 }
 
