@@ -3,6 +3,8 @@
 // of failed calls.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "platform/WideString.h"
 #include "provider/ErrorReporting.h"
 #include "provider/ICreateCorvaneOleDbProvider.h"
@@ -112,13 +114,11 @@ TEST_F(DataSourceProperties, InitialisationPropertiesOnlyUntilInitialised) {
   EXPECT_EQ(DBPROPVAL_RT_FREETHREAD, sets[0].rgProperties[0].vValue.lVal);
   EXPECT_EQ("2.50", ToUtf8(sets[0].rgProperties[1].vValue.bstrVal));
   EXPECT_EQ(DBPROPVAL_SQL_ANSI92_ENTRY, sets[0].rgProperties[2].vValue.lVal);
-  bool sawUser = false;
-  for (ULONG i = 0; i < sets[1].cProperties; ++i)
-    if (sets[1].rgProperties[i].dwPropertyID == DBPROP_AUTH_USERID) {
-      sawUser = true;
-      EXPECT_EQ("operator", ToUtf8(sets[1].rgProperties[i].vValue.bstrVal));
-    }
-  EXPECT_TRUE(sawUser);
+  DBPROP* const end = sets[1].rgProperties + sets[1].cProperties;
+  DBPROP* user =
+      std::find_if(sets[1].rgProperties, end, [](const DBPROP& p) { return p.dwPropertyID == DBPROP_AUTH_USERID; });
+  ASSERT_NE(end, user);
+  EXPECT_EQ("operator", ToUtf8(user->vValue.bstrVal));
   CPropertyEngine::FreePropertySets(n, sets);
   EXPECT_EQ(DB_E_ERRORSOCCURRED, SetString(DBPROP_AUTH_USERID, OLESTR("late"), &status));
   EXPECT_EQ(DBPROPSTATUS_NOTSETTABLE, status);
