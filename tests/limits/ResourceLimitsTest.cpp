@@ -14,6 +14,9 @@
 
 #include "SQLParser/SQLSyntaxParser.h"
 #include "tests/session/ConsumerFixture.h"
+#include "tests/support/Printers.h"
+
+using corvane::test::Hex;
 
 using corvane::test::ConsumerTest;
 using corvane::test::LastError;
@@ -70,12 +73,6 @@ struct Outcome {
   double firstRowsSeconds = 0;  // until the first fetch came back
   long growthKb = 0;   // peak resident memory above the start; -1 where not measured
 };
-
-std::string Hex(HRESULT hr) {
-  char text[16];
-  std::snprintf(text, sizeof text, "%08X", static_cast<unsigned>(hr));
-  return text;
-}
 
 corvane::WString Wide(const std::string& text) { return corvane::WString(text.begin(), text.end()); }
 
