@@ -11,11 +11,8 @@
 #include <vector>
 
 #include "platform/AllocCounters.h"
-#include "provider/ProviderIRowset.h"
 #include "provider/store/DataConvert.h"
-#include "provider/store/DataStore.h"
 #include "tests/store/StoreTestSupport.h"
-#include "tests/support/LeakCheckedTest.h"
 #include "tests/support/TraceCapture.h"
 
 namespace corvane::test {
@@ -147,24 +144,11 @@ TEST_F(RowRecycling, RowsReleasedOnAnotherThreadComeBackSafely) {
   EXPECT_EQ(20000u, checksum);
 }
 
-class RowHandles : public LeakCheckedTest {
+class RowHandles : public RowsetTest {
  protected:
-  void TearDown() override {
-    if (accessor_) accessor_->Release();
-    if (rowset_) rowset_->Release();
-    LeakCheckedTest::TearDown();
-  }
-  // A command rowset over `rows` rows produced `page` at a time, read through VALUE (R8).
   void Open(ULONGLONG rows, ULONGLONG page) {
-    auto producer = std::make_unique<PagedProducer>(rows, page);
-    ASSERT_EQ(S_OK, producer->Execute());
-    auto store = std::make_unique<CDataStore>();
-    ASSERT_EQ(S_OK, store->Initialize(std::move(producer), RawDataColumns()));
-    ASSERT_EQ(S_OK, CProviderIRowset::Create(std::move(store), CProviderIRowset::RowsetKind::Command, nullptr,
-                                             IID_IRowset, reinterpret_cast<void**>(&rowset_)));
-    ASSERT_EQ(S_OK, rowset_->QueryInterface(IID_IAccessor, reinterpret_cast<void**>(&accessor_)));
-    const DBBINDING b = Binding(4, DBTYPE_R8, 0, 8);
-    ASSERT_EQ(S_OK, accessor_->CreateAccessor(DBACCESSOR_ROWDATA, 1, &b, 0, &h_, nullptr));
+    RowsetTest::Open(rows, page);
+    h_ = ValueAccessor();
   }
   double ValueOf(HROW row) { return test::ValueOf(rowset_, row, h_); }
   HRESULT StatusOf(HROW row) {
@@ -172,8 +156,6 @@ class RowHandles : public LeakCheckedTest {
     test::ValueOf(rowset_, row, h_, &hr);
     return hr;
   }
-  IRowset* rowset_ = nullptr;
-  IAccessor* accessor_ = nullptr;
   HACCESSOR h_ = 0;
 };
 

@@ -3,40 +3,15 @@
 #include <set>
 
 #include "provider/PropertyEngine.h"
-#include "provider/ProviderIRowset.h"
 #include "tests/store/StoreTestSupport.h"
-#include "tests/support/LeakCheckedTest.h"
 
 namespace corvane::test {
 namespace {
 
 constexpr DBTYPE kWStrRef = DBTYPE_WSTR | DBTYPE_BYREF;
 
-// A rowset over a worker-driven producer of `rows` RAWDATA rows.
-class RowsetTest : public LeakCheckedTest {
+class RowsetFetch : public RowsetTest {
  protected:
-  void Open(ULONGLONG rows, CProviderIRowset::RowsetKind kind = CProviderIRowset::RowsetKind::Command,
-            std::vector<ColumnRecord> columns = RawDataColumns()) {
-    auto producer = std::make_unique<PagedProducer>(rows, 4);
-    producer_ = producer.get();
-    ASSERT_EQ(S_OK, producer->Execute());
-    auto store = std::make_unique<CDataStore>();
-    ASSERT_EQ(S_OK, store->Initialize(std::move(producer), columns));
-    ASSERT_EQ(S_OK, CProviderIRowset::Create(std::move(store), kind, nullptr, IID_IRowset,
-                                             reinterpret_cast<void**>(&rowset_)));
-    ASSERT_EQ(S_OK, rowset_->QueryInterface(IID_IAccessor, reinterpret_cast<void**>(&accessor_)));
-  }
-  void TearDown() override {
-    if (accessor_) accessor_->Release();
-    if (rowset_) rowset_->Release();
-    LeakCheckedTest::TearDown();
-  }
-  HACCESSOR ValueAccessor() {
-    const DBBINDING b = Binding(4, DBTYPE_R8, 0, 8);
-    HACCESSOR h = 0;
-    EXPECT_EQ(S_OK, accessor_->CreateAccessor(DBACCESSOR_ROWDATA, 1, &b, 0, &h, nullptr));
-    return h;
-  }
   double ValueOf(HROW row, HACCESSOR h, HRESULT* hr = nullptr) { return test::ValueOf(rowset_, row, h, hr); }
 
   HRESULT SameRow(HROW a, HROW b) {
@@ -46,13 +21,7 @@ class RowsetTest : public LeakCheckedTest {
     identity->Release();
     return hr;
   }
-
-  PagedProducer* producer_ = nullptr;
-  IRowset* rowset_ = nullptr;
-  IAccessor* accessor_ = nullptr;
 };
-
-class RowsetFetch : public RowsetTest {};
 
 TEST_F(RowsetFetch, ArgumentsAreCheckedBeforeTheStoreIsAsked) {
   Open(10);
@@ -128,7 +97,7 @@ TEST_F(RowsetFetch, HeldRowsOutliveTheStoreQueueUntilReleased) {
   EXPECT_EQ(DB_E_BADROWHANDLE, SameRow(first, first));
 }
 
-class RowsetAccessor : public RowsetTest {};
+using RowsetAccessor = RowsetTest;
 
 TEST_F(RowsetAccessor, BindingsAreValidatedOneByOne) {
   Open(1);
@@ -195,7 +164,7 @@ class RowsetDescription : public RowsetTest {
 TEST_F(RowsetDescription, ColumnsAreDescribedAndMappedByName) {
   std::vector<ColumnRecord> columns = RawDataColumns();
   columns.insert(columns.begin() + 1, Column(OLESTR("MONEY"), 2, DBTYPE_CY, 8));
-  Open(1, CProviderIRowset::RowsetKind::Command, columns);
+  Open(1, 4, CProviderIRowset::RowsetKind::Command, columns);
   IColumnsInfo* info = As<IColumnsInfo>(IID_IColumnsInfo);
   DBORDINAL n = 0;
   DBCOLUMNINFO* cols = nullptr;
@@ -232,7 +201,7 @@ TEST_F(RowsetDescription, PropertiesDependOnTheKindOfRowset) {
                {CProviderIRowset::RowsetKind::Table, 11, DBPROP_CANFETCHBACKWARDS, DBPROP_BOOKMARKS, VARIANT_TRUE}};
   for (const auto& k : kinds) {
     if (rowset_) rowset_->Release(), accessor_->Release();
-    Open(1, k.kind);
+    Open(1, 4, k.kind);
     IRowsetInfo* info = As<IRowsetInfo>(IID_IRowsetInfo);
     ULONG n = 0;
     DBPROPSET* sets = nullptr;
