@@ -34,6 +34,37 @@ bool SameVariant(const VARIANT& a, const VARIANT& b) {
 
 DBSTATUS StatusAt(const BYTE* buffer, const DBBINDING& b) { return ReadAt<DBSTATUS>(buffer, b.obStatus); }
 
+// Items one thread hands to others until it closes the handover.
+template <typename T>
+class Handover {
+ public:
+  void Put(T item) {
+    std::lock_guard<std::mutex> guard(lock_);
+    items_.push_back(item);
+  }
+  void Close() {
+    std::lock_guard<std::mutex> guard(lock_);
+    closed_ = true;
+  }
+  // The newest item; false once the handover is closed and empty.
+  bool Take(T* item) {
+    for (;; std::this_thread::yield()) {
+      std::lock_guard<std::mutex> guard(lock_);
+      if (!items_.empty()) {
+        *item = items_.back();
+        items_.pop_back();
+        return true;
+      }
+      if (closed_) return false;
+    }
+  }
+
+ private:
+  std::mutex lock_;
+  std::vector<T> items_;
+  bool closed_ = false;
+};
+
 class RowRecycling : public LeakCheckedTest {
  protected:
   std::vector<ColumnRecord> Columns() {
@@ -109,20 +140,9 @@ TEST_F(RowRecycling, FreeRowsAreBoundedAndGoAtTheEndOfTheRows) {
 TEST_F(RowRecycling, RowsReleasedOnAnotherThreadComeBackSafely) {
   CDataStore store;
   ASSERT_EQ(S_OK, store.Initialize(nullptr, Columns()));
-  std::mutex lock;
-  std::vector<CRefCountedDataStoreRow*> handedOver;
-  bool done = false;
+  Handover<CRefCountedDataStoreRow*> handover;
   std::thread releaser([&] {
-    for (;;) {
-      std::vector<CRefCountedDataStoreRow*> batch;
-      {
-        std::lock_guard<std::mutex> guard(lock);
-        batch.swap(handedOver);
-        if (batch.empty() && done) return;
-      }
-      for (CRefCountedDataStoreRow* r : batch) r->Release();
-      std::this_thread::yield();
-    }
+    for (CRefCountedDataStoreRow* r; handover.Take(&r);) r->Release();
   });
   ULONG checksum = 0;
   for (ULONG i = 0; i < 20000; ++i) {
@@ -133,13 +153,9 @@ TEST_F(RowRecycling, RowsReleasedOnAnotherThreadComeBackSafely) {
     BYTE buffer[32];
     ASSERT_EQ(S_OK, store.GetData(&q, 1, rows[0], buffer));
     checksum += ReadAt<ULONG>(buffer, 0) == i ? 1 : 0;
-    std::lock_guard<std::mutex> guard(lock);
-    handedOver.push_back(rows[0]);
+    handover.Put(rows[0]);
   }
-  {
-    std::lock_guard<std::mutex> guard(lock);
-    done = true;
-  }
+  handover.Close();
   releaser.join();
   EXPECT_EQ(20000u, checksum);
 }
@@ -208,28 +224,12 @@ TEST_F(RowHandles, ReadersOnOtherThreadsSeeTheirRowsWhileTheTableChanges) {
   constexpr ULONGLONG kRows = 20000;
   ASSERT_NO_FATAL_FAILURE(Open(kRows, 700));
 
-  std::mutex lock;
-  std::vector<std::pair<HROW, double>> handedOver;
-  bool done = false;
+  Handover<std::pair<HROW, double>> handover;
   std::atomic<int> wrong{0};
   std::atomic<ULONGLONG> read{0};
   auto reader = [&] {
     std::vector<std::pair<HROW, double>> held;  // every 97th row is kept to the end
-    for (;;) {
-      std::pair<HROW, double> next{0, 0};
-      {
-        std::lock_guard<std::mutex> guard(lock);
-        if (!handedOver.empty()) {
-          next = handedOver.back();
-          handedOver.pop_back();
-        } else if (done) {
-          break;
-        }
-      }
-      if (!next.first) {
-        std::this_thread::yield();
-        continue;
-      }
+    for (std::pair<HROW, double> next; handover.Take(&next);) {
       if (ValueOf(next.first) != next.second) ++wrong;
       ++read;
       if (static_cast<ULONGLONG>(next.second) % 97 == 0) {
@@ -249,14 +249,10 @@ TEST_F(RowHandles, ReadersOnOtherThreadsSeeTheirRowsWhileTheTableChanges) {
     HROW* out = handles;
     DBCOUNTITEM obtained = 0;
     hr = rowset_->GetNextRows(DB_NULL_HCHAPTER, 0, 53, &obtained, &out);
-    std::lock_guard<std::mutex> guard(lock);
-    for (DBCOUNTITEM i = 0; i < obtained; ++i) handedOver.emplace_back(handles[i], static_cast<double>(next + i));
+    for (DBCOUNTITEM i = 0; i < obtained; ++i) handover.Put({handles[i], static_cast<double>(next + i)});
     next += obtained;
   }
-  {
-    std::lock_guard<std::mutex> guard(lock);
-    done = true;
-  }
+  handover.Close();
   for (std::thread& t : readers) t.join();
   EXPECT_EQ(kRows, next);
   EXPECT_EQ(kRows, read.load());
