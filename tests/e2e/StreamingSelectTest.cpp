@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <string>
 
 #ifndef _WIN32
@@ -47,25 +48,38 @@ long PeakResidentKiB() {
 #endif
 }
 
-// Why row `i` of the series, read through `value`, is wrong; empty when it is right.
-std::string Wrong(const ConsumerRow& row, HRESULT read, size_t i, corvane::e2e::ValueAs value) {
-  using corvane::e2e::ValueAs;
-  if (read != S_OK) return "GetData " + std::to_string(read);
-  if (corvane::WStringView(row.tag) != corvane::WStringView(corvane::e2e::kTagName)) return "tag";
-  ULONG64 ticks = 0;
-  if (FAILED(DBTimestampToFileTime(row.timestamp, &ticks)) ||
-      ticks != corvane::e2e::kFirstSample + i * corvane::e2e::kSampleStep)
-    return "timestamp";
-  if (row.quality != corvane::e2e::SampleQuality(i)) return "quality";
-  const double expected = corvane::e2e::SampleValue(i);
-  if (value == ValueAs::kVariant && (V_VT(&row.value) != VT_R8 || V_R8(&row.value) != expected)) return "variant value";
-  if (value == ValueAs::kDouble && row.real != expected) return "double value";
-  if (value == ValueAs::kText) {
-    const std::string text = corvane::ToUtf8(row.text);
-    if (text.empty() || std::strtod(text.c_str(), nullptr) != expected) return "text value '" + text + "'";
+// Checks the rows of a read of the series that starts at sample `index`, read through
+// `value`; counts the wrong ones and says why the first was wrong.
+struct SeriesCheck {
+  SeriesCheck(size_t from, corvane::e2e::ValueAs as) : index(from), value(as) {}
+  size_t index;
+  corvane::e2e::ValueAs value;
+  size_t wrong = 0;
+  std::string first;
+
+  bool operator()(const ConsumerRow* rows, const HRESULT* results, size_t count) {
+    using corvane::e2e::ValueAs;
+    for (size_t r = 0; r < count; ++r, ++index) {
+      const ConsumerRow& row = rows[r];
+      const double expected = corvane::e2e::SampleValue(index);
+      const std::string text = corvane::ToUtf8(row.text);
+      ULONG64 ticks = 0;
+      const char* why =
+          results[r] != S_OK ? "GetData"
+          : corvane::WStringView(row.tag) != corvane::WStringView(corvane::e2e::kTagName) ? "tag"
+          : FAILED(DBTimestampToFileTime(row.timestamp, &ticks)) ||
+                  ticks != corvane::e2e::kFirstSample + index * corvane::e2e::kSampleStep
+              ? "timestamp"
+          : row.quality != corvane::e2e::SampleQuality(index) ? "quality"
+          : value == ValueAs::kVariant && (V_VT(&row.value) != VT_R8 || V_R8(&row.value) != expected) ? "variant value"
+          : value == ValueAs::kDouble && row.real != expected ? "double value"
+          : value == ValueAs::kText && (text.empty() || std::strtod(text.c_str(), nullptr) != expected) ? "text value"
+                                                                                                         : nullptr;
+      if (why && wrong++ == 0) first = "row " + std::to_string(index) + ": " + why + " (text '" + text + "')";
+    }
+    return true;
   }
-  return "";
-}
+};
 
 ULONG RefCount(IUnknown* object) {
   object->AddRef();
@@ -123,26 +137,20 @@ TEST_F(SelectStreaming, EverySampleArrivesInOrderWhileMemoryStaysBounded) {
   const platform::AllocCounts base = platform::CurrentAllocCounts();
   ULONG readsAtFirstRows = 0;
   int64_t peakBlocks = 0;
-  size_t index = 0;
-  size_t wrong = 0;
-  std::string firstWrong;
+  SeriesCheck check(0, corvane::e2e::ValueAs::kVariant);
   FetchStats stats;
   const HRESULT hr = consumer_.Select(
       OLESTR("SELECT * FROM RAWDATA"), &stats,
       [&](const ConsumerRow* rows, const HRESULT* results, size_t count) {
-        for (size_t r = 0; r < count; ++r, ++index) {
-          const std::string why = Wrong(rows[r], results[r], index, corvane::e2e::ValueAs::kVariant);
-          if (!why.empty() && wrong++ == 0) firstWrong = "row " + std::to_string(index) + ": " + why;
-        }
         peakBlocks = std::max(peakBlocks, platform::CurrentAllocCounts().comBlocks - base.comBlocks);
-        return true;
+        return check(rows, results, count);
       },
       [&] { readsAtFirstRows = host_->Calls(Op::ReadRaw); });
   ASSERT_EQ(S_OK, hr);
   const long resident = PeakResidentKiB();
 
   EXPECT_EQ(kSamples, stats.rows);
-  EXPECT_EQ(0u, wrong) << firstWrong;
+  EXPECT_EQ(0u, check.wrong) << check.first;
   // The first rows are served from the first page: the worker has not read ahead.
   EXPECT_GE(readsAtFirstRows, 1u);
   EXPECT_LE(readsAtFirstRows, 2u);
@@ -207,24 +215,15 @@ TEST_F(SelectStreaming, ParameterisedRangeReadsTheBoundRangeThroughEveryTable) {
                {OLESTR("RAWDATA_STRING"), corvane::e2e::ValueAs::kText}};
   for (const auto& c : cases) {
     SCOPED_TRACE(corvane::ToUtf8(c.table));
-    size_t index = kFirst, wrong = 0;
-    std::string firstWrong;
+    SeriesCheck check(kFirst, c.value);
     FetchStats stats;
     corvane::e2e::SelectOptions options;
     options.parameters = &range;
     options.value = c.value;
-    const HRESULT hr = consumer_.Select(
-        corvane::e2e::RangeQuery(c.table).c_str(), options, &stats,
-        [&](const ConsumerRow* rows, const HRESULT* results, size_t count) {
-          for (size_t r = 0; r < count; ++r, ++index) {
-            const std::string why = Wrong(rows[r], results[r], index, c.value);
-            if (!why.empty() && wrong++ == 0) firstWrong = "row " + std::to_string(index) + ": " + why;
-          }
-          return true;
-        });
+    const HRESULT hr = consumer_.Select(corvane::e2e::RangeQuery(c.table).c_str(), options, &stats, std::ref(check));
     ASSERT_EQ(S_OK, hr);
     EXPECT_EQ(kCount + 1, stats.rows);
-    EXPECT_EQ(0u, wrong) << firstWrong;
+    EXPECT_EQ(0u, check.wrong) << check.first;
   }
 }
 

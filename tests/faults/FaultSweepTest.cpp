@@ -11,9 +11,11 @@
 #include <vector>
 
 #include "tests/cases/SqlConsumer.h"
+#include "tests/support/Printers.h"
 
 namespace {
 
+using corvane::test::Hex;
 using corvane::test::HostOp;
 using corvane::test::HostOpName;
 using corvane::test::Outcome;
@@ -74,12 +76,6 @@ class World : public SqlConsumer {
   }
   Outcome Run(const std::string& sql) { return SqlConsumer::Run(sql, {}, 2); }
 };
-
-std::string Hex(HRESULT hr) {
-  char text[16];
-  std::snprintf(text, sizeof text, "%X", static_cast<unsigned>(hr));
-  return text;
-}
 
 class FaultSweep : public corvane::test::LeakCheckedTest, public ::testing::WithParamInterface<Statement> {};
 

@@ -11,11 +11,8 @@
 #include <vector>
 
 #include "platform/AllocCounters.h"
-#include "provider/ProviderIRowset.h"
 #include "provider/store/DataConvert.h"
-#include "provider/store/DataStore.h"
 #include "tests/store/StoreTestSupport.h"
-#include "tests/support/LeakCheckedTest.h"
 #include "tests/support/TraceCapture.h"
 
 namespace corvane::test {
@@ -36,6 +33,37 @@ bool SameVariant(const VARIANT& a, const VARIANT& b) {
 }
 
 DBSTATUS StatusAt(const BYTE* buffer, const DBBINDING& b) { return ReadAt<DBSTATUS>(buffer, b.obStatus); }
+
+// Items one thread hands to others until it closes the handover.
+template <typename T>
+class Handover {
+ public:
+  void Put(T item) {
+    std::lock_guard<std::mutex> guard(lock_);
+    items_.push_back(item);
+  }
+  void Close() {
+    std::lock_guard<std::mutex> guard(lock_);
+    closed_ = true;
+  }
+  // The newest item; false once the handover is closed and empty.
+  bool Take(T* item) {
+    for (;; std::this_thread::yield()) {
+      std::lock_guard<std::mutex> guard(lock_);
+      if (!items_.empty()) {
+        *item = items_.back();
+        items_.pop_back();
+        return true;
+      }
+      if (closed_) return false;
+    }
+  }
+
+ private:
+  std::mutex lock_;
+  std::vector<T> items_;
+  bool closed_ = false;
+};
 
 class RowRecycling : public LeakCheckedTest {
  protected:
@@ -112,20 +140,9 @@ TEST_F(RowRecycling, FreeRowsAreBoundedAndGoAtTheEndOfTheRows) {
 TEST_F(RowRecycling, RowsReleasedOnAnotherThreadComeBackSafely) {
   CDataStore store;
   ASSERT_EQ(S_OK, store.Initialize(nullptr, Columns()));
-  std::mutex lock;
-  std::vector<CRefCountedDataStoreRow*> handedOver;
-  bool done = false;
+  Handover<CRefCountedDataStoreRow*> handover;
   std::thread releaser([&] {
-    for (;;) {
-      std::vector<CRefCountedDataStoreRow*> batch;
-      {
-        std::lock_guard<std::mutex> guard(lock);
-        batch.swap(handedOver);
-        if (batch.empty() && done) return;
-      }
-      for (CRefCountedDataStoreRow* r : batch) r->Release();
-      std::this_thread::yield();
-    }
+    for (CRefCountedDataStoreRow* r; handover.Take(&r);) r->Release();
   });
   ULONG checksum = 0;
   for (ULONG i = 0; i < 20000; ++i) {
@@ -136,35 +153,18 @@ TEST_F(RowRecycling, RowsReleasedOnAnotherThreadComeBackSafely) {
     BYTE buffer[32];
     ASSERT_EQ(S_OK, store.GetData(&q, 1, rows[0], buffer));
     checksum += ReadAt<ULONG>(buffer, 0) == i ? 1 : 0;
-    std::lock_guard<std::mutex> guard(lock);
-    handedOver.push_back(rows[0]);
+    handover.Put(rows[0]);
   }
-  {
-    std::lock_guard<std::mutex> guard(lock);
-    done = true;
-  }
+  handover.Close();
   releaser.join();
   EXPECT_EQ(20000u, checksum);
 }
 
-class RowHandles : public LeakCheckedTest {
+class RowHandles : public RowsetTest {
  protected:
-  void TearDown() override {
-    if (accessor_) accessor_->Release();
-    if (rowset_) rowset_->Release();
-    LeakCheckedTest::TearDown();
-  }
-  // A command rowset over `rows` rows produced `page` at a time, read through VALUE (R8).
   void Open(ULONGLONG rows, ULONGLONG page) {
-    auto producer = std::make_unique<PagedProducer>(rows, page);
-    ASSERT_EQ(S_OK, producer->Execute());
-    auto store = std::make_unique<CDataStore>();
-    ASSERT_EQ(S_OK, store->Initialize(std::move(producer), RawDataColumns()));
-    ASSERT_EQ(S_OK, CProviderIRowset::Create(std::move(store), CProviderIRowset::RowsetKind::Command, nullptr,
-                                             IID_IRowset, reinterpret_cast<void**>(&rowset_)));
-    ASSERT_EQ(S_OK, rowset_->QueryInterface(IID_IAccessor, reinterpret_cast<void**>(&accessor_)));
-    const DBBINDING b = Binding(4, DBTYPE_R8, 0, 8);
-    ASSERT_EQ(S_OK, accessor_->CreateAccessor(DBACCESSOR_ROWDATA, 1, &b, 0, &h_, nullptr));
+    RowsetTest::Open(rows, page);
+    h_ = ValueAccessor();
   }
   double ValueOf(HROW row) { return test::ValueOf(rowset_, row, h_); }
   HRESULT StatusOf(HROW row) {
@@ -172,8 +172,6 @@ class RowHandles : public LeakCheckedTest {
     test::ValueOf(rowset_, row, h_, &hr);
     return hr;
   }
-  IRowset* rowset_ = nullptr;
-  IAccessor* accessor_ = nullptr;
   HACCESSOR h_ = 0;
 };
 
@@ -226,28 +224,12 @@ TEST_F(RowHandles, ReadersOnOtherThreadsSeeTheirRowsWhileTheTableChanges) {
   constexpr ULONGLONG kRows = 20000;
   ASSERT_NO_FATAL_FAILURE(Open(kRows, 700));
 
-  std::mutex lock;
-  std::vector<std::pair<HROW, double>> handedOver;
-  bool done = false;
+  Handover<std::pair<HROW, double>> handover;
   std::atomic<int> wrong{0};
   std::atomic<ULONGLONG> read{0};
   auto reader = [&] {
     std::vector<std::pair<HROW, double>> held;  // every 97th row is kept to the end
-    for (;;) {
-      std::pair<HROW, double> next{0, 0};
-      {
-        std::lock_guard<std::mutex> guard(lock);
-        if (!handedOver.empty()) {
-          next = handedOver.back();
-          handedOver.pop_back();
-        } else if (done) {
-          break;
-        }
-      }
-      if (!next.first) {
-        std::this_thread::yield();
-        continue;
-      }
+    for (std::pair<HROW, double> next; handover.Take(&next);) {
       if (ValueOf(next.first) != next.second) ++wrong;
       ++read;
       if (static_cast<ULONGLONG>(next.second) % 97 == 0) {
@@ -267,14 +249,10 @@ TEST_F(RowHandles, ReadersOnOtherThreadsSeeTheirRowsWhileTheTableChanges) {
     HROW* out = handles;
     DBCOUNTITEM obtained = 0;
     hr = rowset_->GetNextRows(DB_NULL_HCHAPTER, 0, 53, &obtained, &out);
-    std::lock_guard<std::mutex> guard(lock);
-    for (DBCOUNTITEM i = 0; i < obtained; ++i) handedOver.emplace_back(handles[i], static_cast<double>(next + i));
+    for (DBCOUNTITEM i = 0; i < obtained; ++i) handover.Put({handles[i], static_cast<double>(next + i)});
     next += obtained;
   }
-  {
-    std::lock_guard<std::mutex> guard(lock);
-    done = true;
-  }
+  handover.Close();
   for (std::thread& t : readers) t.join();
   EXPECT_EQ(kRows, next);
   EXPECT_EQ(kRows, read.load());

@@ -17,8 +17,10 @@
 #include <thread>
 #include <vector>
 
+#include "SQLParser/TimeConversion.h"
 #include "tests/session/ConsumerFixture.h"
 #include "tests/support/FaultInjectingHost.h"
+#include "tests/support/Printers.h"
 
 namespace corvane::test {
 namespace {
@@ -40,12 +42,6 @@ const char* const kSteps = "Soak.Steps";  // VT_I4, sample i is i % 500, every 7
 double Value(bool ramp, long i) { return ramp ? i * 0.5 : static_cast<double>(i % 500); }
 ULONG Quality(bool ramp, long i) { return ramp || i % 7 ? 0xC0u : 0x40u; }
 
-std::string Hex(HRESULT hr) {
-  char text[16];
-  std::snprintf(text, sizeof text, "0x%08X", static_cast<unsigned>(hr));
-  return text;
-}
-
 // 'YYYY-MM-DD HH:MM:SS' of a UTC time, quoted for SQL.
 std::string At(ULONGLONG ticks) {
   FILETIME f{static_cast<DWORD>(ticks), static_cast<DWORD>(ticks >> 32)};
@@ -59,11 +55,8 @@ std::string At(ULONGLONG ticks) {
 std::string Sample(long i) { return At(kBase + i * kStep); }
 
 ULONGLONG Ticks(const DBTIMESTAMP& t) {
-  SYSTEMTIME s{};
-  s.wYear = t.year, s.wMonth = t.month, s.wDay = t.day, s.wHour = t.hour, s.wMinute = t.minute, s.wSecond = t.second;
-  FILETIME f{};
-  SystemTimeToFileTime(&s, &f);
-  return ((static_cast<ULONGLONG>(f.dwHighDateTime) << 32) | f.dwLowDateTime) + t.fraction / 100;
+  ULONG64 ticks = 0;
+  return SUCCEEDED(DBTimestampToFileTime(t, &ticks)) ? ticks : 0;
 }
 
 constexpr size_t kTextChars = 64;

@@ -122,7 +122,9 @@ class DataStoreSetValue : public LeakCheckedTest {
   CRefCountedDataStoreRow* row_ = nullptr;
 };
 
-TEST_F(DataStoreSetValue, ScalarsNeedExactlyTheirVariantType) {
+// A value the cell cannot hold exactly (another variant type, an unsupported column type,
+// a cell that would end past the row) is refused and leaves the cell null.
+TEST_F(DataStoreSetValue, ValuesTheCellCannotHoldAreRefused) {
   Build({Column(OLESTR("Q"), 1, DBTYPE_UI4, 4), Column(OLESTR("T"), 2, DBTYPE_DBTIMESTAMP, 16),
          Column(OLESTR("V"), 3, DBTYPE_R8, 8)});
   EXPECT_FALSE(Set(Variant(VT_I4, 7), 0));
@@ -134,19 +136,21 @@ TEST_F(DataStoreSetValue, ScalarsNeedExactlyTheirVariantType) {
   EXPECT_EQ(0xC0DEu, ReadAt<ULONG>(Value(0), 0));
   EXPECT_TRUE(Set(StoreValue(), 2));  // no value: the cell is null, not refused
   EXPECT_EQ(0, Status(2));
+  DataStoreColumnInfo other = store_->ColumnInfo()[0];
+  for (DBTYPE type : {DBTYPE{DBTYPE_CY}, DBTYPE{136}}) {
+    other.wType = type;
+    EXPECT_FALSE(store_->SetValue(UI4(1), other, row_)) << type;
+  }
+  ASSERT_TRUE(Set(R8(2.5), 2));
+  other = store_->ColumnInfo()[2];
+  other.cbOffset = row_->Size() - 4;  // the value would end past the row
+  EXPECT_TRUE(store_->SetValue(R8(1.5), other, row_));
+  EXPECT_EQ(0, row_->Buffer()[other.cbStatus]);
 }
 
-TEST_F(DataStoreSetValue, UnsupportedColumnTypesAreRefused) {
-  Build({Column(OLESTR("Q"), 1, DBTYPE_UI4, 4)});
-  DataStoreColumnInfo money = store_->ColumnInfo()[0];
-  money.wType = DBTYPE_CY;
-  EXPECT_FALSE(store_->SetValue(UI4(1), money, row_));
-  money.wType = 136;
-  EXPECT_FALSE(store_->SetValue(UI4(1), money, row_));
-}
-
-TEST_F(DataStoreSetValue, WideTextIsTruncatedToTheColumnSizeWithStatus254) {
-  Build(RawDataColumns());
+// Wide and ANSI cells (the ANSI code page) are cut to the column size with status 254.
+TEST_F(DataStoreSetValue, TextIsTruncatedToTheColumnSizeWithStatus254) {
+  Build({RawDataColumns()[0], Column(OLESTR("S"), 2, DBTYPE_STR, 3)});
   const WString fits(4096, OLESTR('x'));
   EXPECT_TRUE(Set(Bstr(fits.c_str()), 0));
   EXPECT_EQ(255, Status(0));
@@ -156,53 +160,43 @@ TEST_F(DataStoreSetValue, WideTextIsTruncatedToTheColumnSizeWithStatus254) {
   EXPECT_EQ(254, Status(0));
   EXPECT_EQ(WString(4096, OLESTR('y')), Text(0));
   EXPECT_EQ(0, static_cast<const OLECHAR*>(CellText(row_, store_->ColumnInfo()[0]).text)[4096]);
+  EXPECT_TRUE(Set(Bstr(OLESTR("\u00e9t\u00e9")), 1));
+  EXPECT_EQ(255, Status(1));
+  EXPECT_EQ(std::string("\xe9t\xe9"), Ansi(1));
+  EXPECT_TRUE(Set(Bstr(OLESTR("abcd")), 1));
+  EXPECT_EQ(254, Status(1));
+  EXPECT_EQ(std::string("abc"), Ansi(1));
 }
 
-TEST_F(DataStoreSetValue, AnsiCellsUseTheAnsiCodePageAndTruncate) {
-  Build({Column(OLESTR("S"), 1, DBTYPE_STR, 3)});
-  EXPECT_TRUE(Set(Bstr(OLESTR("\u00e9t\u00e9")), 0));
-  EXPECT_EQ(255, Status(0));
-  EXPECT_EQ(std::string("\xe9t\xe9"), Ansi(0));
-  EXPECT_TRUE(Set(Bstr(OLESTR("abcd")), 0));
-  EXPECT_EQ(254, Status(0));
-  EXPECT_EQ(std::string("abc"), Ansi(0));
-}
-
-TEST_F(DataStoreSetValue, ByReferenceCellsHoldTheirOwnCopy) {
-  Build({Column(OLESTR("B"), 1, DBTYPE_BSTR), Column(OLESTR("A"), 2, DBTYPE_STR | DBTYPE_BYREF),
-         Column(OLESTR("V"), 3, DBTYPE_VARIANT, 24)});
-  StoreValue text = Bstr(OLESTR("Plant.Tag1"));
-  for (int column = 0; column < 3; ++column) EXPECT_TRUE(Set(text, column)) << column;
-  const VARIANT stored = ReadAt<VARIANT>(Value(2), 0);
-  ASSERT_EQ(VT_BSTR, V_VT(&stored));
-  EXPECT_NE(V_BSTR(&text.Value), V_BSTR(&stored));
-  EXPECT_EQ(WString(OLESTR("Plant.Tag1")), V_BSTR(&stored));
-  const OLECHAR* wide = ReadAt<const OLECHAR*>(Value(0), 0);
-  ASSERT_NE(nullptr, wide);
-  EXPECT_NE(static_cast<const OLECHAR*>(V_BSTR(&text.Value)), wide);
-  EXPECT_EQ(WString(OLESTR("Plant.Tag1")), wide);
-  EXPECT_STREQ("Plant.Tag1", ReadAt<const char*>(Value(1), 0));
-  EXPECT_TRUE(Set(Bstr(OLESTR("again")), 0));  // the first copy is freed, not leaked
-}
-
-TEST_F(DataStoreSetValue, LentTextFillsEveryTextCellLikeABstrAndOnlyItsLength) {
+// Text given as a BSTR or lent (only its length counts) fills every text cell alike, and
+// by-reference and VARIANT cells hold copies of their own.
+TEST_F(DataStoreSetValue, TextFromABstrOrLentFillsEveryTextCellWithItsOwnCopy) {
   Build({Column(OLESTR("W"), 1, DBTYPE_WSTR, 4), Column(OLESTR("S"), 2, DBTYPE_STR, 8),
-         Column(OLESTR("R"), 3, DBTYPE_WSTR | DBTYPE_BYREF), Column(OLESTR("V"), 4, DBTYPE_VARIANT, 24),
-         Column(OLESTR("N"), 5, DBTYPE_I4)});
+         Column(OLESTR("R"), 3, kWStrRef), Column(OLESTR("A"), 4, DBTYPE_STR | DBTYPE_BYREF),
+         Column(OLESTR("B"), 5, DBTYPE_BSTR), Column(OLESTR("V"), 6, DBTYPE_VARIANT, 24),
+         Column(OLESTR("N"), 7, DBTYPE_I4)});
   const WString source = OLESTR("Tag.AB|not part of it");
-  StoreValue lent;
-  lent.SetText(source.data(), 6);
-  for (int column = 0; column < 4; ++column) EXPECT_TRUE(Set(lent, column)) << column;
-  EXPECT_EQ(254, Status(0));  // six characters into four
-  EXPECT_EQ(WString(OLESTR("Tag.")), Text(0));
-  EXPECT_EQ("Tag.AB", Ansi(1));
-  const OLECHAR* copy = ReadAt<const OLECHAR*>(Value(2), 0);
-  EXPECT_NE(source.data(), copy);
-  EXPECT_EQ(WString(OLESTR("Tag.AB")), copy);
-  VARIANT stored = ReadAt<VARIANT>(Value(3), 0);
-  ASSERT_EQ(VT_BSTR, V_VT(&stored));
-  EXPECT_EQ(WString(OLESTR("Tag.AB")), WString(V_BSTR(&stored), SysStringLen(V_BSTR(&stored))));
-  EXPECT_FALSE(Set(lent, 4));  // text is not a number
+  std::vector<StoreValue> texts(2);
+  texts[0].SetText(source.data(), 6);
+  texts[1] = Bstr(OLESTR("Tag.AB"));  // set after the lent text: the first copies are freed, not leaked
+  for (const StoreValue& text : texts) {
+    const OLECHAR* given = &text == &texts[0] ? source.data() : V_BSTR(&text.Value);
+    for (int column = 0; column < 6; ++column) EXPECT_TRUE(Set(text, column)) << column;
+    EXPECT_EQ(254, Status(0));  // six characters into four
+    EXPECT_EQ(WString(OLESTR("Tag.")), Text(0));
+    EXPECT_EQ("Tag.AB", Ansi(1));
+    for (int column : {2, 4}) {
+      const OLECHAR* copy = ReadAt<const OLECHAR*>(Value(column), 0);
+      EXPECT_NE(given, copy);
+      EXPECT_EQ(WString(OLESTR("Tag.AB")), copy);
+    }
+    EXPECT_STREQ("Tag.AB", ReadAt<const char*>(Value(3), 0));
+    const VARIANT stored = ReadAt<VARIANT>(Value(5), 0);
+    ASSERT_EQ(VT_BSTR, V_VT(&stored));
+    EXPECT_NE(given, V_BSTR(&stored));
+    EXPECT_EQ(WString(OLESTR("Tag.AB")), WString(V_BSTR(&stored), SysStringLen(V_BSTR(&stored))));
+    EXPECT_FALSE(Set(text, 6));  // text is not a number
+  }
 }
 
 // Lent text repeated row after row (a tag's name, a status text) is kept once for all
@@ -226,9 +220,6 @@ TEST_F(DataStoreSetValue, LentTextIsSharedByRowsUntilItChanges) {
   EXPECT_EQ(WString(OLESTR("Bank.Level")), CellWideText(rows[2], col));
   for (CRefCountedDataStoreRow* r : rows) r->Release();
 }
-
-// Timestamp cells are pinned by RowsFilledFromRecordsHoldWhatSetValueWrites together
-// with CellCopies.TimestampsFollowTheCalendarInAnyOrder.
 
 // Rows made from producer records take shortcuts for the usual cells; they must hold
 // exactly what cell-by-cell SetValue would have written.
@@ -289,16 +280,6 @@ TEST_F(DataStoreSetValue, RowsFilledFromRecordsHoldWhatSetValueWrites) {
     }
     filled[0]->Release();
   }
-}
-
-TEST_F(DataStoreSetValue, ValuesOutsideTheRowMarkTheCellNull) {
-  Build({Column(OLESTR("Q"), 1, DBTYPE_I1, 1), Column(OLESTR("S"), 2, DBTYPE_I1, 1)});
-  CDataStore wider;
-  ASSERT_EQ(S_OK, wider.BuildColumnInfo({Column(OLESTR("Q"), 1, DBTYPE_I1, 1), Column(OLESTR("V"), 2, DBTYPE_R8, 8)}));
-  ASSERT_LT(row_->Size(), wider.ColumnInfo()[1].cbOffset + 8);
-  ASSERT_TRUE(Set(Variant(VT_I1, 5), 1));
-  EXPECT_TRUE(wider.SetValue(R8(1.5), wider.ColumnInfo()[1], row_));  // the value would end past the row
-  EXPECT_EQ(0, Status(1));
 }
 
 TEST(DataStoreTimeText, DatesDropMillisecondsAndTextIsZeroPadded) {
@@ -421,35 +402,31 @@ class DataStoreGetData : public LeakCheckedTest {
   BYTE buffer_[512] = {};
 };
 
-TEST_F(DataStoreGetData, NullCellsGiveIsNullAndZeroLength) {
-  const DBBINDING b[] = {Binding(4, DBTYPE_WSTR, 0, 40), Binding(4, kWStrRef, 64, 8)};
+// Each cell's own value, status and length against the conversion service:
+// CellCopies.StoreAndConversionServiceAgree. Here, null cells, provider-owned references
+// and what several bindings answer together.
+TEST_F(DataStoreGetData, NullsReferencesAndMixedResults) {
+  const DBBINDING nulls[] = {Binding(4, DBTYPE_WSTR, 0, 40), Binding(4, kWStrRef, 64, 8)};
   std::memset(buffer_, 0xAB, sizeof buffer_);
-  EXPECT_EQ(S_OK, store_->GetData(b, 2, row_, buffer_));
-  EXPECT_EQ(static_cast<DBSTATUS>(DBSTATUS_S_ISNULL), StatusOf(b[0]));
-  EXPECT_EQ(0u, LengthOf(b[0]));
+  EXPECT_EQ(S_OK, store_->GetData(nulls, 2, row_, buffer_));
+  EXPECT_EQ(static_cast<DBSTATUS>(DBSTATUS_S_ISNULL), StatusOf(nulls[0]));
+  EXPECT_EQ(0u, LengthOf(nulls[0]));
   EXPECT_EQ(nullptr, ReadAt<void*>(buffer_, 64));
-}
 
-TEST_F(DataStoreGetData, ProviderOwnedReferencesPointAtTheStoredText) {
-  const DBBINDING b = Binding(1, kWStrRef, 0, 8, DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS,
-                              DBMEMOWNER_PROVIDEROWNED);
-  EXPECT_EQ(S_OK, store_->GetData(&b, 1, row_, buffer_));
+  const DBBINDING owned = Binding(1, kWStrRef, 0, 8, DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS,
+                                  DBMEMOWNER_PROVIDEROWNED);
+  EXPECT_EQ(S_OK, store_->GetData(&owned, 1, row_, buffer_));
   const OLECHAR* pointer = ReadAt<const OLECHAR*>(buffer_, 0);
   EXPECT_EQ(CellText(row_, store_->ColumnInfo()[0]).text, pointer);
   EXPECT_EQ(WString(OLESTR("Tag.A")), pointer);
-  EXPECT_EQ(10u, LengthOf(b));
-  EXPECT_EQ(static_cast<DBSTATUS>(DBSTATUS_S_OK), StatusOf(b));
-}
+  EXPECT_EQ(10u, LengthOf(owned));
+  EXPECT_EQ(static_cast<DBSTATUS>(DBSTATUS_S_OK), StatusOf(owned));
 
-TEST_F(DataStoreGetData, ConversionsReportTheirStatusesAndMixedResults) {
-  // Each cell's own value, status and length against the conversion service:
-  // CellCopies.StoreAndConversionServiceAgree. Here, what several bindings answer together.
   const DBBINDING mixed[] = {Binding(2, DBTYPE_R8, 0, 8), Binding(3, DBTYPE_I4, 64, 4)};
   EXPECT_EQ(DB_S_ERRORSOCCURRED, store_->GetData(mixed, 2, row_, buffer_));
   EXPECT_DOUBLE_EQ(42.0, ReadAt<double>(buffer_, 0));
   EXPECT_EQ(static_cast<DBSTATUS>(DBSTATUS_E_DATAOVERFLOW), StatusOf(mixed[1]));
   EXPECT_EQ(DB_E_ERRORSOCCURRED, store_->GetData(&mixed[1], 1, row_, buffer_));
-
   const DBBINDING badOrdinal = Binding(5, DBTYPE_I4, 0, 4);
   EXPECT_EQ(DB_E_BADORDINAL, store_->GetData(&badOrdinal, 1, row_, buffer_));
 }

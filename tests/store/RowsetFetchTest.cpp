@@ -3,40 +3,15 @@
 #include <set>
 
 #include "provider/PropertyEngine.h"
-#include "provider/ProviderIRowset.h"
 #include "tests/store/StoreTestSupport.h"
-#include "tests/support/LeakCheckedTest.h"
 
 namespace corvane::test {
 namespace {
 
 constexpr DBTYPE kWStrRef = DBTYPE_WSTR | DBTYPE_BYREF;
 
-// A rowset over a worker-driven producer of `rows` RAWDATA rows.
-class RowsetTest : public LeakCheckedTest {
+class RowsetFetch : public RowsetTest {
  protected:
-  void Open(ULONGLONG rows, CProviderIRowset::RowsetKind kind = CProviderIRowset::RowsetKind::Command,
-            std::vector<ColumnRecord> columns = RawDataColumns()) {
-    auto producer = std::make_unique<PagedProducer>(rows, 4);
-    producer_ = producer.get();
-    ASSERT_EQ(S_OK, producer->Execute());
-    auto store = std::make_unique<CDataStore>();
-    ASSERT_EQ(S_OK, store->Initialize(std::move(producer), columns));
-    ASSERT_EQ(S_OK, CProviderIRowset::Create(std::move(store), kind, nullptr, IID_IRowset,
-                                             reinterpret_cast<void**>(&rowset_)));
-    ASSERT_EQ(S_OK, rowset_->QueryInterface(IID_IAccessor, reinterpret_cast<void**>(&accessor_)));
-  }
-  void TearDown() override {
-    if (accessor_) accessor_->Release();
-    if (rowset_) rowset_->Release();
-    LeakCheckedTest::TearDown();
-  }
-  HACCESSOR ValueAccessor() {
-    const DBBINDING b = Binding(4, DBTYPE_R8, 0, 8);
-    HACCESSOR h = 0;
-    EXPECT_EQ(S_OK, accessor_->CreateAccessor(DBACCESSOR_ROWDATA, 1, &b, 0, &h, nullptr));
-    return h;
-  }
   double ValueOf(HROW row, HACCESSOR h, HRESULT* hr = nullptr) { return test::ValueOf(rowset_, row, h, hr); }
 
   HRESULT SameRow(HROW a, HROW b) {
@@ -46,13 +21,7 @@ class RowsetTest : public LeakCheckedTest {
     identity->Release();
     return hr;
   }
-
-  PagedProducer* producer_ = nullptr;
-  IRowset* rowset_ = nullptr;
-  IAccessor* accessor_ = nullptr;
 };
-
-class RowsetFetch : public RowsetTest {};
 
 TEST_F(RowsetFetch, ArgumentsAreCheckedBeforeTheStoreIsAsked) {
   Open(10);
@@ -128,7 +97,7 @@ TEST_F(RowsetFetch, HeldRowsOutliveTheStoreQueueUntilReleased) {
   EXPECT_EQ(DB_E_BADROWHANDLE, SameRow(first, first));
 }
 
-class RowsetAccessor : public RowsetTest {};
+using RowsetAccessor = RowsetTest;
 
 TEST_F(RowsetAccessor, BindingsAreValidatedOneByOne) {
   Open(1);
@@ -195,7 +164,7 @@ class RowsetDescription : public RowsetTest {
 TEST_F(RowsetDescription, ColumnsAreDescribedAndMappedByName) {
   std::vector<ColumnRecord> columns = RawDataColumns();
   columns.insert(columns.begin() + 1, Column(OLESTR("MONEY"), 2, DBTYPE_CY, 8));
-  Open(1, CProviderIRowset::RowsetKind::Command, columns);
+  Open(1, 4, CProviderIRowset::RowsetKind::Command, columns);
   IColumnsInfo* info = As<IColumnsInfo>(IID_IColumnsInfo);
   DBORDINAL n = 0;
   DBCOLUMNINFO* cols = nullptr;
@@ -220,20 +189,36 @@ TEST_F(RowsetDescription, ColumnsAreDescribedAndMappedByName) {
   info->Release();
 }
 
+// A table rowset can fetch backwards and has no bookmarks; a command rowset offers the
+// bookmark properties as false.
 TEST_F(RowsetDescription, PropertiesDependOnTheKindOfRowset) {
-  Open(1, CProviderIRowset::RowsetKind::Table);
+  const struct {
+    CProviderIRowset::RowsetKind kind;
+    ULONG count;
+    DBPROPID present, absent;
+    VARIANT_BOOL value;
+  } kinds[] = {{CProviderIRowset::RowsetKind::Command, 14, DBPROP_BOOKMARKS, DBPROP_MAXROWS, VARIANT_FALSE},
+               {CProviderIRowset::RowsetKind::Table, 11, DBPROP_CANFETCHBACKWARDS, DBPROP_BOOKMARKS, VARIANT_TRUE}};
+  for (const auto& k : kinds) {
+    if (rowset_) rowset_->Release(), accessor_->Release();
+    Open(1, 4, k.kind);
+    IRowsetInfo* info = As<IRowsetInfo>(IID_IRowsetInfo);
+    ULONG n = 0;
+    DBPROPSET* sets = nullptr;
+    ASSERT_EQ(S_OK, info->GetProperties(0, nullptr, &n, &sets));
+    ASSERT_EQ(1u, n);
+    EXPECT_EQ(k.count, sets[0].cProperties);
+    const DBPROP* present = Find(sets[0], k.present);
+    ASSERT_NE(nullptr, present);
+    EXPECT_EQ(k.value, V_BOOL(&present->vValue));
+    EXPECT_EQ(nullptr, Find(sets[0], k.absent));
+    Free(n, sets);
+    info->Release();
+  }
+  // The table rowset: a request names its property set.
   IRowsetInfo* info = As<IRowsetInfo>(IID_IRowsetInfo);
   ULONG n = 0;
   DBPROPSET* sets = nullptr;
-  ASSERT_EQ(S_OK, info->GetProperties(0, nullptr, &n, &sets));
-  ASSERT_EQ(1u, n);
-  EXPECT_EQ(11u, sets[0].cProperties);
-  const DBPROP* backwards = Find(sets[0], DBPROP_CANFETCHBACKWARDS);
-  ASSERT_NE(nullptr, backwards);
-  EXPECT_EQ(VARIANT_TRUE, V_BOOL(&backwards->vValue));
-  EXPECT_EQ(nullptr, Find(sets[0], DBPROP_BOOKMARKS));
-  Free(n, sets);
-
   DBPROPID ids[] = {DBPROP_MAXROWS, DBPROP_BOOKMARKS};
   DBPROPIDSET request = {ids, 2, {0xC8B522BE, 0x5CF3, 0x11CE, {0xAD, 0xE5, 0x00, 0xAA, 0x00, 0x44, 0x77, 0x3D}}};
   ASSERT_EQ(DB_S_ERRORSOCCURRED, info->GetProperties(1, &request, &n, &sets));
@@ -246,21 +231,6 @@ TEST_F(RowsetDescription, PropertiesDependOnTheKindOfRowset) {
   IUnknown* creator = reinterpret_cast<IUnknown*>(1);
   EXPECT_EQ(S_FALSE, info->GetSpecification(IID_IUnknown, &creator));
   EXPECT_EQ(nullptr, creator);
-  info->Release();
-}
-
-TEST_F(RowsetDescription, CommandRowsetsOfferBookmarkPropertiesAsFalse) {
-  Open(1);
-  IRowsetInfo* info = As<IRowsetInfo>(IID_IRowsetInfo);
-  ULONG n = 0;
-  DBPROPSET* sets = nullptr;
-  ASSERT_EQ(S_OK, info->GetProperties(0, nullptr, &n, &sets));
-  EXPECT_EQ(14u, sets[0].cProperties);
-  const DBPROP* bookmarks = Find(sets[0], DBPROP_BOOKMARKS);
-  ASSERT_NE(nullptr, bookmarks);
-  EXPECT_EQ(VARIANT_FALSE, V_BOOL(&bookmarks->vValue));
-  EXPECT_EQ(nullptr, Find(sets[0], DBPROP_MAXROWS));
-  Free(n, sets);
   info->Release();
   IConvertType* convert = As<IConvertType>(IID_IConvertType);
   EXPECT_EQ(S_OK, convert->CanConvert(DBTYPE_I4, DBTYPE_WSTR, DBCONVERTFLAGS_COLUMN));

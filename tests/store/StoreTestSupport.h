@@ -5,8 +5,10 @@
 #include <vector>
 
 #include "platform/Platform.h"
+#include "provider/ProviderIRowset.h"
 #include "provider/store/DataProvider.h"
 #include "provider/store/DataStore.h"
+#include "tests/support/LeakCheckedTest.h"
 
 namespace corvane::test {
 
@@ -156,5 +158,37 @@ inline double ValueOf(IRowset* rowset, HROW row, HACCESSOR h, HRESULT* hr = null
   if (hr) *hr = result;
   return ReadAt<double>(buffer, 0);
 }
+
+// A rowset over a worker-driven producer of `rows` RAWDATA rows made `page` at a time.
+class RowsetTest : public LeakCheckedTest {
+ protected:
+  void Open(ULONGLONG rows, ULONGLONG page = 4, CProviderIRowset::RowsetKind kind = CProviderIRowset::RowsetKind::Command,
+            std::vector<ColumnRecord> columns = RawDataColumns()) {
+    auto producer = std::make_unique<PagedProducer>(rows, page);
+    producer_ = producer.get();
+    ASSERT_EQ(S_OK, producer->Execute());
+    auto store = std::make_unique<CDataStore>();
+    ASSERT_EQ(S_OK, store->Initialize(std::move(producer), columns));
+    ASSERT_EQ(S_OK, CProviderIRowset::Create(std::move(store), kind, nullptr, IID_IRowset,
+                                             reinterpret_cast<void**>(&rowset_)));
+    ASSERT_EQ(S_OK, rowset_->QueryInterface(IID_IAccessor, reinterpret_cast<void**>(&accessor_)));
+  }
+  void TearDown() override {
+    if (accessor_) accessor_->Release();
+    if (rowset_) rowset_->Release();
+    LeakCheckedTest::TearDown();
+  }
+  // An accessor of VALUE as R8 at offset 0.
+  HACCESSOR ValueAccessor() {
+    const DBBINDING b = Binding(4, DBTYPE_R8, 0, 8);
+    HACCESSOR h = 0;
+    EXPECT_EQ(S_OK, accessor_->CreateAccessor(DBACCESSOR_ROWDATA, 1, &b, 0, &h, nullptr));
+    return h;
+  }
+
+  PagedProducer* producer_ = nullptr;
+  IRowset* rowset_ = nullptr;
+  IAccessor* accessor_ = nullptr;
+};
 
 }  // namespace corvane::test

@@ -12,6 +12,8 @@ std::string Describe(const VARIANT& v);
 // UTF-8 of a wide string (null gives "(null)").
 std::string Utf8(const OLECHAR* s);
 inline std::string Utf8(const WString& s) { return ToUtf8(s); }
+// "8000FFFF": an HRESULT as the provider's texts and the system's tools write it.
+std::string Hex(HRESULT hr);
 // A wide string from a UTF-8 literal, for comparisons with product output.
 inline WString W(const char* utf8) { return FromUtf8(utf8); }
 
