@@ -65,9 +65,6 @@ class SqlConsumer {
   ICommandText* command_ = nullptr;
 };
 
-// The error records of the call that just failed on this thread, taken; the
-// description is the last record's.
-LastError TakeError();
 // "2020-01-01 00:00:05" (".250" when there are milliseconds).
 std::string TimeText(ULONGLONG ticks);
 
