@@ -100,7 +100,8 @@ std::string TypeName(DBTYPE type) {
   static const std::pair<DBTYPE, const char*> kNames[] = {
       {DBTYPE_I2, "I2"},     {DBTYPE_I4, "I4"},      {DBTYPE_R4, "R4"},   {DBTYPE_R8, "R8"},   {DBTYPE_BOOL, "BOOL"},
       {DBTYPE_VARIANT, "VARIANT"}, {DBTYPE_I1, "I1"}, {DBTYPE_UI1, "UI1"}, {DBTYPE_UI2, "UI2"}, {DBTYPE_UI4, "UI4"},
-      {DBTYPE_I8, "I8"},     {DBTYPE_UI8, "UI8"},    {DBTYPE_WSTR, "WSTR"}, {DBTYPE_DBTIMESTAMP, "DBTIMESTAMP"}};
+      {DBTYPE_I8, "I8"},     {DBTYPE_UI8, "UI8"},    {DBTYPE_WSTR, "WSTR"}, {DBTYPE_DBTIMESTAMP, "DBTIMESTAMP"},
+      {DBTYPE_DATE, "DATE"}};
   for (const auto& [t, name] : kNames)
     if (t == type) return name;
   return std::to_string(type);
@@ -234,14 +235,14 @@ class CaseTest : public ::testing::Test {
       parameters.push_back(parameter);
     }
     // "query [columns] [count] [batch N] [error HRESULT [description]]"
-    bool columns = false, count = false;
+    bool columns = false, count = false, schema = false;
     DBROWCOUNT batch = 7;
     HRESULT expectedHr = S_OK;
     std::string description;
     for (size_t w = 1; w < c.header.size(); ++w) {
       const std::string& word = c.header[w];
-      if (word == "columns" || word == "count") {
-        (word == "count" ? count : columns) = true;
+      if (word == "columns" || word == "count" || word == "schema") {
+        (word == "count" ? count : word == "schema" ? schema : columns) = true;
       } else if (word == "batch" && w + 1 < c.header.size()) {
         batch = std::atoi(c.header[++w].c_str());
       } else if (word == "error" && w + 1 < c.header.size() && ParseHex(c.header[w + 1], &expectedHr)) {
@@ -257,7 +258,7 @@ class CaseTest : public ::testing::Test {
 #ifndef CORVANE_CONSUMER_OF_DLL
     run.trace->Clear();
 #endif
-    const Outcome got = run.consumer->Run(c.sql, parameters, batch);
+    const Outcome got = schema ? run.consumer->Schema(c.sql, batch) : run.consumer->Run(c.sql, parameters, batch);
     if (!check) return;
     const std::string statement = "\n  statement: " + c.sql + "\n";
     if (got.hr != expectedHr) {

@@ -112,6 +112,49 @@ Outcome SqlConsumer::Run(const std::string& sql, const std::vector<Parameter>& p
   return out;
 }
 
+Outcome SqlConsumer::Schema(const std::string& spec, DBROWCOUNT batch) {
+  static const std::pair<const char*, const GUID*> kSchemas[] = {
+      {"CATALOGS", &DBSCHEMA_CATALOGS},       {"COLUMNS", &DBSCHEMA_COLUMNS},
+      {"PROCEDURES", &DBSCHEMA_PROCEDURES},   {"PROCEDURE_PARAMETERS", &DBSCHEMA_PROCEDURE_PARAMETERS},
+      {"PROCEDURE_COLUMNS", &DBSCHEMA_PROCEDURE_COLUMNS}, {"PROVIDER_TYPES", &DBSCHEMA_PROVIDER_TYPES},
+      {"SCHEMATA", &DBSCHEMA_SCHEMATA},       {"TABLES", &DBSCHEMA_TABLES},
+      {"TABLES_INFO", &DBSCHEMA_TABLES_INFO}, {"VIEWS", &DBSCHEMA_VIEWS}};
+  Outcome out;
+  std::vector<std::string> parts(1);
+  for (char c : spec) {
+    if (c == '|') parts.emplace_back();
+    else if (c != ' ') parts.back() += c;
+  }
+  const GUID* schema = nullptr;
+  for (const auto& [name, guid] : kSchemas)
+    if (parts[0] == name) schema = guid;
+  IDBSchemaRowset* schemas = Q::Query<IDBSchemaRowset>(session_, IID_IDBSchemaRowset);
+  if (!schema || !schemas) return out.hr = E_UNEXPECTED, out;
+  std::vector<VARIANT> restrictions(parts.size() - 1);
+  for (size_t i = 0; i < restrictions.size(); ++i) {
+    VariantInit(&restrictions[i]);
+    const std::string& r = parts[i + 1];
+    if (!r.empty() && r.find_first_not_of("0123456789") == std::string::npos) {
+      V_VT(&restrictions[i]) = VT_I4, V_I4(&restrictions[i]) = std::atoi(r.c_str());
+    } else if (!r.empty()) {
+      V_VT(&restrictions[i]) = VT_BSTR, V_BSTR(&restrictions[i]) = SysAllocString(FromUtf8(r).c_str());
+    }
+  }
+  IUnknown* rowset = nullptr;
+  out.hr = schemas->GetRowset(nullptr, *schema, restrictions.size(), restrictions.data(), IID_IRowset, 0, nullptr,
+                              &rowset);
+  for (VARIANT& v : restrictions) VariantClear(&v);
+  schemas->Release();
+  if (FAILED(out.hr)) out.atExecute = true, out.error = ConsumerTest::TakeLastError();
+  if (!rowset) return out;
+  out.columns = Columns(rowset);
+  HRESULT fetched = S_OK;
+  out.rows = ReadAll(rowset, {}, batch, &fetched, &out.error, true);
+  if (FAILED(fetched)) out.hr = fetched;
+  rowset->Release();
+  return out;
+}
+
 Rows SqlConsumer::Contents() const {
   Rows rows;
   for (const historian::TagDefinition& tag : store_->ListTags(nullptr, nullptr)) {
