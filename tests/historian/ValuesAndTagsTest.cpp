@@ -106,7 +106,7 @@ TEST_F(TagBrowse, FiltersByNameAndDescriptionIgnoringCase) {
 }
 
 TEST_F(TagBrowse, WildcardsMatchWholeNames) {
-  const WString near(5000, 'a');  // many stars against a long near-miss must finish at once
+  const WString nearMiss(5000, 'a');  // many stars against a long near-miss must finish at once
   const struct {
     const OLECHAR *filter, *name;
     bool matches;
@@ -114,7 +114,7 @@ TEST_F(TagBrowse, WildcardsMatchWholeNames) {
                {OLESTR("*c"), OLESTR("abcbc"), true},      {OLESTR("???"), OLESTR("ab"), false},
                {OLESTR("?*"), OLESTR("x"), true},          {OLESTR("?*"), OLESTR(""), false},
                {OLESTR("**"), OLESTR(""), true},           {OLESTR("\u00c9T*"), OLESTR("\u00e9tat"), true},  // Latin-1 folds
-               {OLESTR("*a*a*a*a*a*a*a*a*b"), near.c_str(), false}};
+               {OLESTR("*a*a*a*a*a*a*a*a*b"), nearMiss.c_str(), false}};
   for (const auto& c : cases) EXPECT_EQ(c.matches, TagFilterMatches(c.filter, c.name)) << ToUtf8(c.filter);
 }
 
