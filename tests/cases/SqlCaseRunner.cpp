@@ -27,6 +27,7 @@ struct Case {
   int line = 0;
   std::vector<Line> setup;  // directives that come before the statement, in order
   std::vector<std::string> header;
+  std::string headerText;
   std::vector<Line> parameters;
   std::string sql;
   std::vector<Line> expected;
@@ -151,7 +152,7 @@ std::vector<Case> ParseFile(const std::string& path, std::string* error) {
       for (const Line& sample : block(false)) setup.push_back({sample.number, "sample " + sample.text});
     } else if (words[0] == "statement" || words[0] == "query") {
       Case c;
-      c.path = path, c.line = line.number, c.header = words;
+      c.path = path, c.line = line.number, c.header = words, c.headerText = line.text;
       c.setup.swap(setup);
       bool result = false;
       for (const Line& body : block(true)) {
@@ -178,9 +179,7 @@ std::vector<Case> ParseFile(const std::string& path, std::string* error) {
 // One file's historian and connection, shared by its cases in order.
 struct FileRun {
   std::unique_ptr<SqlConsumer> consumer;
-#ifndef CORVANE_CONSUMER_OF_DLL
-  std::unique_ptr<TraceCapture> trace;
-#endif
+  std::unique_ptr<TraceCapture> trace;  // sees nothing of the DLL, which traces into its own facility
   platform::AllocCounts baseline{};
   std::string providerString;
   size_t next = 0;  // the case to run next
@@ -188,16 +187,12 @@ struct FileRun {
   void Start() {
     baseline = platform::CurrentAllocCounts();
     consumer = std::make_unique<SqlConsumer>();
-#ifndef CORVANE_CONSUMER_OF_DLL
     trace = std::make_unique<TraceCapture>(TRACE_DETAIL);
-#endif
   }
   void Finish() {
     EXPECT_EQ(0u, consumer->Host().OutstandingContinuationPoints()) << "a continuation point was left open";
     consumer.reset();
-#ifndef CORVANE_CONSUMER_OF_DLL
     trace.reset();
-#endif
     providerString.clear();
     next = 0;
     LeakCheckedTest::ExpectNothingOutstandingSince(baseline);
@@ -246,7 +241,7 @@ class CaseTest : public ::testing::Test {
       } else if (word == "batch" && w + 1 < c.header.size()) {
         batch = std::atoi(c.header[++w].c_str());
       } else if (word == "error" && w + 1 < c.header.size() && ParseHex(c.header[w + 1], &expectedHr)) {
-        description = After(Join(c.header), w + 2);
+        description = After(c.headerText, w + 2);
         break;
       } else if (word != "ok") {
         return ADD_FAILURE_AT(file, c.line) << "unknown word '" << word << "' in the case header";
@@ -255,9 +250,7 @@ class CaseTest : public ::testing::Test {
     ULONG callsBefore[static_cast<int>(HostOp::Count)];
     for (int op = 0; op < static_cast<int>(HostOp::Count); ++op)
       callsBefore[op] = run.consumer->Host().Calls(static_cast<HostOp>(op));
-#ifndef CORVANE_CONSUMER_OF_DLL
     run.trace->Clear();
-#endif
     const Outcome got = schema ? run.consumer->Schema(c.sql, batch) : run.consumer->Run(c.sql, parameters, batch);
     if (!check) return;
     const std::string statement = "\n  statement: " + c.sql + "\n";
@@ -271,12 +264,6 @@ class CaseTest : public ::testing::Test {
                                    << "\n  got: " << got.error.description;
     if (c.header[0] == "query") CompareRows(c, statement, got, columns, count);
     for (const auto& [line, block] : c.checks) Check(c, line, block, run, callsBefore);
-  }
-
-  static std::string Join(const std::vector<std::string>& words) {
-    std::string text;
-    for (const auto& w : words) text += (text.empty() ? "" : " ") + w;
-    return text;
   }
 
   static void CompareRows(const Case& c, const std::string& statement, const Outcome& got, bool columns, bool count) {

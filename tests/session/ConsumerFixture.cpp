@@ -53,28 +53,19 @@ void ConsumerTest::SetUp() {
   const ULONGLONG minute = 600000000ull;
   // Whole minutes, so that the times read back in text are exact.
   firstSample_ = (nowTicks / minute) * minute - kSamples * minute;
-  corvane::historian::TagDefinition temp;
-  temp.name = OLESTR("Area1.Temp");
-  temp.description = OLESTR("Reactor temperature");
-  temp.vartype = VT_R8;
-  corvane::historian::TagDefinition text;
-  text.name = OLESTR("Area1.Text");
-  text.description = OLESTR("Operator note");
-  text.vartype = VT_BSTR;
-  ASSERT_EQ(S_OK, store->AddTag(temp));
-  ASSERT_EQ(S_OK, store->AddTag(text));
-  std::vector<corvane::historian::SampleInput> numbers, notes;
-  for (int i = 0; i < kSamples; ++i) {
-    corvane::historian::SampleInput s;
-    s.time = firstSample_ + i * minute;
-    s.quality = 0xC0;
-    s.number = 100 + i;
-    numbers.push_back(s);
-    s.text = corvane::WFormat(OLESTR("note %d"), i);
-    notes.push_back(s);
+  for (const bool text : {false, true}) {
+    corvane::historian::TagDefinition tag;
+    tag.name = text ? OLESTR("Area1.Text") : OLESTR("Area1.Temp");
+    tag.description = text ? OLESTR("Operator note") : OLESTR("Reactor temperature");
+    tag.vartype = text ? VT_BSTR : VT_R8;
+    ASSERT_EQ(S_OK, store->AddTag(tag));
+    ASSERT_EQ(S_OK, store->AppendGenerated(tag.name, kSamples, [&](size_t i, corvane::historian::SampleInput& s) {
+      s.time = firstSample_ + i * minute;
+      s.quality = 0xC0;
+      s.number = 100.0 + i;
+      if (text) s.text = corvane::WFormat(OLESTR("note %d"), static_cast<int>(i));
+    }));
   }
-  ASSERT_EQ(S_OK, store->AppendSamples(OLESTR("Area1.Temp"), numbers));
-  ASSERT_EQ(S_OK, store->AppendSamples(OLESTR("Area1.Text"), notes));
 
   IAggregates* factory = nullptr;
   ASSERT_EQ(S_OK, corvane::historian::CAggregates::CreateInstance(nullptr, IID_IAggregates,
