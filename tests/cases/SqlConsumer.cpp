@@ -74,13 +74,11 @@ Outcome SqlConsumer::Run(const std::string& sql, const std::vector<Parameter>& p
   if (SUCCEEDED(out.hr)) out.hr = command_->SetCommandText(DBGUID_DEFAULT, FromUtf8(sql).c_str());
   IAccessor* accessor = Q::Query<IAccessor>(command_, IID_IAccessor);
   HACCESSOR handle = DB_NULL_HACCESSOR;
-  std::vector<WString> texts;
-  for (const Parameter& p : parameters) texts.push_back(FromUtf8(p.value));
+  std::vector<WString> texts, typeNames;
   std::vector<const OLECHAR*> given;
+  for (const Parameter& p : parameters) texts.push_back(FromUtf8(p.value)), typeNames.push_back(FromUtf8(p.type));
   for (size_t i = 0; i < parameters.size(); ++i) given.push_back(parameters[i].null ? nullptr : texts[i].c_str());
   TextParameters values(given);
-  std::vector<WString> typeNames;
-  for (const Parameter& p : parameters) typeNames.push_back(FromUtf8(p.type));
   for (size_t i = 0; SUCCEEDED(out.hr) && i < parameters.size(); ++i) {
     if (parameters[i].type.empty()) continue;
     DBPARAMBINDINFO info{};

@@ -94,12 +94,6 @@ using CommandText = CommandTest;
 using CommandParameters = CommandTest;
 using CommandExecution = CommandTest;
 
-std::string Guid(const GUID& g) {
-  OLECHAR text[40] = {};
-  StringFromGUID2(g, text, 40);
-  return corvane::ToUtf8(text);
-}
-
 }  // namespace
 
 TEST_F(CommandText, TextDialectAndPrepareWithoutText) {
@@ -131,7 +125,7 @@ TEST_F(CommandText, TextDialectAndPrepareWithoutText) {
   ASSERT_EQ(S_OK, text_->SetCommandText(DBGUID_SQL, OLESTR("SELECT * FROM TAGS")));
   EXPECT_TRACED(trace, "Called CProviderCommand::SetCommandText, QUERY = SELECT * FROM TAGS");
   EXPECT_EQ("SELECT * FROM TAGS", Text(&dialect));
-  EXPECT_EQ(Guid(DBGUID_DEFAULT), Guid(dialect));  // the SQL dialect is the default one
+  EXPECT_TRUE(IsEqualGUID(DBGUID_DEFAULT, dialect));  // the SQL dialect is the default one
 
   EXPECT_EQ(DB_E_DIALECTNOTSUPPORTED, text_->SetCommandText(DBGUID_MDX, OLESTR("SELECT 1")));
   EXPECT_TRACED(trace, "ERROR in CProviderCommand::SetCommandText, HR = 80040E16");
