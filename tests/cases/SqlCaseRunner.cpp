@@ -27,6 +27,7 @@ struct Case {
   int line = 0;
   std::vector<Line> setup;  // directives that come before the statement, in order
   std::vector<std::string> header;
+  std::string headerText;
   std::vector<Line> parameters;
   std::string sql;
   std::vector<Line> expected;
@@ -100,7 +101,8 @@ std::string TypeName(DBTYPE type) {
   static const std::pair<DBTYPE, const char*> kNames[] = {
       {DBTYPE_I2, "I2"},     {DBTYPE_I4, "I4"},      {DBTYPE_R4, "R4"},   {DBTYPE_R8, "R8"},   {DBTYPE_BOOL, "BOOL"},
       {DBTYPE_VARIANT, "VARIANT"}, {DBTYPE_I1, "I1"}, {DBTYPE_UI1, "UI1"}, {DBTYPE_UI2, "UI2"}, {DBTYPE_UI4, "UI4"},
-      {DBTYPE_I8, "I8"},     {DBTYPE_UI8, "UI8"},    {DBTYPE_WSTR, "WSTR"}, {DBTYPE_DBTIMESTAMP, "DBTIMESTAMP"}};
+      {DBTYPE_I8, "I8"},     {DBTYPE_UI8, "UI8"},    {DBTYPE_WSTR, "WSTR"}, {DBTYPE_DBTIMESTAMP, "DBTIMESTAMP"},
+      {DBTYPE_DATE, "DATE"}};
   for (const auto& [t, name] : kNames)
     if (t == type) return name;
   return std::to_string(type);
@@ -150,7 +152,7 @@ std::vector<Case> ParseFile(const std::string& path, std::string* error) {
       for (const Line& sample : block(false)) setup.push_back({sample.number, "sample " + sample.text});
     } else if (words[0] == "statement" || words[0] == "query") {
       Case c;
-      c.path = path, c.line = line.number, c.header = words;
+      c.path = path, c.line = line.number, c.header = words, c.headerText = line.text;
       c.setup.swap(setup);
       bool result = false;
       for (const Line& body : block(true)) {
@@ -177,9 +179,7 @@ std::vector<Case> ParseFile(const std::string& path, std::string* error) {
 // One file's historian and connection, shared by its cases in order.
 struct FileRun {
   std::unique_ptr<SqlConsumer> consumer;
-#ifndef CORVANE_CONSUMER_OF_DLL
-  std::unique_ptr<TraceCapture> trace;
-#endif
+  std::unique_ptr<TraceCapture> trace;  // sees nothing of the DLL, which traces into its own facility
   platform::AllocCounts baseline{};
   std::string providerString;
   size_t next = 0;  // the case to run next
@@ -187,16 +187,12 @@ struct FileRun {
   void Start() {
     baseline = platform::CurrentAllocCounts();
     consumer = std::make_unique<SqlConsumer>();
-#ifndef CORVANE_CONSUMER_OF_DLL
     trace = std::make_unique<TraceCapture>(TRACE_DETAIL);
-#endif
   }
   void Finish() {
     EXPECT_EQ(0u, consumer->Host().OutstandingContinuationPoints()) << "a continuation point was left open";
     consumer.reset();
-#ifndef CORVANE_CONSUMER_OF_DLL
     trace.reset();
-#endif
     providerString.clear();
     next = 0;
     LeakCheckedTest::ExpectNothingOutstandingSince(baseline);
@@ -234,18 +230,18 @@ class CaseTest : public ::testing::Test {
       parameters.push_back(parameter);
     }
     // "query [columns] [count] [batch N] [error HRESULT [description]]"
-    bool columns = false, count = false;
+    bool columns = false, count = false, schema = false;
     DBROWCOUNT batch = 7;
     HRESULT expectedHr = S_OK;
     std::string description;
     for (size_t w = 1; w < c.header.size(); ++w) {
       const std::string& word = c.header[w];
-      if (word == "columns" || word == "count") {
-        (word == "count" ? count : columns) = true;
+      if (word == "columns" || word == "count" || word == "schema") {
+        (word == "count" ? count : word == "schema" ? schema : columns) = true;
       } else if (word == "batch" && w + 1 < c.header.size()) {
         batch = std::atoi(c.header[++w].c_str());
       } else if (word == "error" && w + 1 < c.header.size() && ParseHex(c.header[w + 1], &expectedHr)) {
-        description = After(Join(c.header), w + 2);
+        description = After(c.headerText, w + 2);
         break;
       } else if (word != "ok") {
         return ADD_FAILURE_AT(file, c.line) << "unknown word '" << word << "' in the case header";
@@ -254,10 +250,8 @@ class CaseTest : public ::testing::Test {
     ULONG callsBefore[static_cast<int>(HostOp::Count)];
     for (int op = 0; op < static_cast<int>(HostOp::Count); ++op)
       callsBefore[op] = run.consumer->Host().Calls(static_cast<HostOp>(op));
-#ifndef CORVANE_CONSUMER_OF_DLL
     run.trace->Clear();
-#endif
-    const Outcome got = run.consumer->Run(c.sql, parameters, batch);
+    const Outcome got = schema ? run.consumer->Schema(c.sql, batch) : run.consumer->Run(c.sql, parameters, batch);
     if (!check) return;
     const std::string statement = "\n  statement: " + c.sql + "\n";
     if (got.hr != expectedHr) {
@@ -270,12 +264,6 @@ class CaseTest : public ::testing::Test {
                                    << "\n  got: " << got.error.description;
     if (c.header[0] == "query") CompareRows(c, statement, got, columns, count);
     for (const auto& [line, block] : c.checks) Check(c, line, block, run, callsBefore);
-  }
-
-  static std::string Join(const std::vector<std::string>& words) {
-    std::string text;
-    for (const auto& w : words) text += (text.empty() ? "" : " ") + w;
-    return text;
   }
 
   static void CompareRows(const Case& c, const std::string& statement, const Outcome& got, bool columns, bool count) {

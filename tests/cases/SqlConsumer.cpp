@@ -15,11 +15,7 @@ const char* const kOpNames[] = {"GetTagInfo",    "GetTimeBounds",    "BrowseTags
                                 "GetMostRecentValue", "GetGoodValues", "GetBadValues", "GetAllValues"};
 static_assert(sizeof(kOpNames) / sizeof(kOpNames[0]) == static_cast<size_t>(HostOp::Count), "a name per operation");
 
-template <typename T>
-T* Query(IUnknown* object, REFIID iid) {
-  return object ? ConsumerTest::Query<T>(object, iid) : nullptr;
-}
-
+using Q = ConsumerTest;
 
 }  // namespace
 
@@ -61,7 +57,7 @@ SqlConsumer::~SqlConsumer() {
 void SqlConsumer::Open(const std::string& providerString) {
   OpenProvider(static_cast<IRawDataProvider*>(host_), &dataSource_, &session_, providerString);
   if (!session_) return;
-  IDBCreateCommand* commands = Query<IDBCreateCommand>(session_, IID_IDBCreateCommand);
+  IDBCreateCommand* commands = Q::Query<IDBCreateCommand>(session_, IID_IDBCreateCommand);
   ASSERT_NE(nullptr, commands);
   commands->CreateCommand(nullptr, IID_ICommandText, reinterpret_cast<IUnknown**>(&command_));
   commands->Release();
@@ -73,18 +69,16 @@ Outcome SqlConsumer::Run(const std::string& sql, const std::vector<Parameter>& p
   if (!command_) return out.hr = E_UNEXPECTED, out;
   IUnknown* rowset = nullptr;
   // Each statement starts without the parameter descriptions of the one before.
-  ICommandWithParameters* described = Query<ICommandWithParameters>(command_, IID_ICommandWithParameters);
+  ICommandWithParameters* described = Q::Query<ICommandWithParameters>(command_, IID_ICommandWithParameters);
   out.hr = described->SetParameterInfo(0, nullptr, nullptr);
   if (SUCCEEDED(out.hr)) out.hr = command_->SetCommandText(DBGUID_DEFAULT, FromUtf8(sql).c_str());
-  IAccessor* accessor = Query<IAccessor>(command_, IID_IAccessor);
+  IAccessor* accessor = Q::Query<IAccessor>(command_, IID_IAccessor);
   HACCESSOR handle = DB_NULL_HACCESSOR;
-  std::vector<WString> texts;
-  for (const Parameter& p : parameters) texts.push_back(FromUtf8(p.value));
+  std::vector<WString> texts, typeNames;
   std::vector<const OLECHAR*> given;
+  for (const Parameter& p : parameters) texts.push_back(FromUtf8(p.value)), typeNames.push_back(FromUtf8(p.type));
   for (size_t i = 0; i < parameters.size(); ++i) given.push_back(parameters[i].null ? nullptr : texts[i].c_str());
   TextParameters values(given);
-  std::vector<WString> typeNames;
-  for (const Parameter& p : parameters) typeNames.push_back(FromUtf8(p.type));
   for (size_t i = 0; SUCCEEDED(out.hr) && i < parameters.size(); ++i) {
     if (parameters[i].type.empty()) continue;
     DBPARAMBINDINFO info{};
@@ -101,7 +95,7 @@ Outcome SqlConsumer::Run(const std::string& sql, const std::vector<Parameter>& p
     out.hr = command_->Execute(nullptr, IID_IRowset, parameters.empty() ? nullptr : &params, nullptr, &rowset);
   if (FAILED(out.hr)) {
     out.atExecute = true;
-    out.error = TakeError();
+    out.error = ConsumerTest::TakeLastError();
   }
   if (handle != DB_NULL_HACCESSOR) accessor->ReleaseAccessor(handle, nullptr);
   if (described) described->Release();
@@ -109,41 +103,52 @@ Outcome SqlConsumer::Run(const std::string& sql, const std::vector<Parameter>& p
   if (!rowset) return out;
 
   out.columns = Columns(rowset);
-  const size_t columns = out.columns.size();
-  IAccessor* rowAccessor = Query<IAccessor>(rowset, IID_IAccessor);
-  IRowset* fetch = Query<IRowset>(rowset, IID_IRowset);
-  std::vector<DBBINDING> bindings;
-  for (size_t i = 0; i < columns; ++i) bindings.push_back(TextBinding(i, DBPARAMIO_NOTPARAM));
-  HACCESSOR rowHandle = DB_NULL_HACCESSOR;
-  EXPECT_EQ(S_OK, rowAccessor->CreateAccessor(DBACCESSOR_ROWDATA, columns, bindings.data(), columns * sizeof(TextSlot),
-                                              &rowHandle, nullptr));
-  std::vector<HROW> held;
-  for (;;) {
-    DBCOUNTITEM obtained = 0;
-    HROW* handles = nullptr;
-    const HRESULT hr = fetch->GetNextRows(DB_NULL_HCHAPTER, 0, batch, &obtained, &handles);
-    if (FAILED(hr)) {
-      out.hr = hr;
-      out.error = TakeError();
+  HRESULT fetched = S_OK;
+  out.rows = ReadAll(rowset, {}, batch, &fetched, &out.error, true);
+  if (FAILED(fetched)) out.hr = fetched;
+  rowset->Release();
+  return out;
+}
+
+Outcome SqlConsumer::Schema(const std::string& spec, DBROWCOUNT batch) {
+  static const std::pair<const char*, const GUID*> kSchemas[] = {
+      {"CATALOGS", &DBSCHEMA_CATALOGS},       {"COLUMNS", &DBSCHEMA_COLUMNS},
+      {"PROCEDURES", &DBSCHEMA_PROCEDURES},   {"PROCEDURE_PARAMETERS", &DBSCHEMA_PROCEDURE_PARAMETERS},
+      {"PROCEDURE_COLUMNS", &DBSCHEMA_PROCEDURE_COLUMNS}, {"PROVIDER_TYPES", &DBSCHEMA_PROVIDER_TYPES},
+      {"SCHEMATA", &DBSCHEMA_SCHEMATA},       {"TABLES", &DBSCHEMA_TABLES},
+      {"TABLES_INFO", &DBSCHEMA_TABLES_INFO}, {"VIEWS", &DBSCHEMA_VIEWS}};
+  Outcome out;
+  std::vector<std::string> parts(1);
+  for (char c : spec) {
+    if (c == '|') parts.emplace_back();
+    else if (c != ' ') parts.back() += c;
+  }
+  const GUID* schema = nullptr;
+  for (const auto& [name, guid] : kSchemas)
+    if (parts[0] == name) schema = guid;
+  IDBSchemaRowset* schemas = Q::Query<IDBSchemaRowset>(session_, IID_IDBSchemaRowset);
+  if (!schema || !schemas) return out.hr = E_UNEXPECTED, out;
+  std::vector<VARIANT> restrictions(parts.size() - 1);
+  for (size_t i = 0; i < restrictions.size(); ++i) {
+    VariantInit(&restrictions[i]);
+    const std::string& r = parts[i + 1];
+    if (!r.empty() && r.find_first_not_of("0123456789") == std::string::npos) {
+      V_VT(&restrictions[i]) = VT_I4, V_I4(&restrictions[i]) = std::atoi(r.c_str());
+    } else if (!r.empty()) {
+      V_VT(&restrictions[i]) = VT_BSTR, V_BSTR(&restrictions[i]) = SysAllocString(FromUtf8(r).c_str());
     }
-    held.insert(held.end(), handles, handles + obtained);
-    CoTaskMemFree(handles);
-    if (hr != S_OK || obtained == 0) break;
   }
-  std::vector<TextSlot> buffer(columns);
-  for (HROW row : held) {
-    EXPECT_EQ(S_OK, fetch->GetData(row, rowHandle, buffer.data())) << "a held row stays readable";
-    std::vector<std::string> cells;
-    for (const auto& c : buffer)
-      cells.push_back(c.status == DBSTATUS_S_ISNULL ? std::string("<null>") : ToUtf8(c.text));
-    out.rows.push_back(std::move(cells));
-  }
-  if (!held.empty()) {
-    EXPECT_EQ(S_OK, fetch->ReleaseRows(held.size(), held.data(), nullptr, nullptr, nullptr));
-  }
-  rowAccessor->ReleaseAccessor(rowHandle, nullptr);
-  rowAccessor->Release();
-  fetch->Release();
+  IUnknown* rowset = nullptr;
+  out.hr = schemas->GetRowset(nullptr, *schema, restrictions.size(), restrictions.data(), IID_IRowset, 0, nullptr,
+                              &rowset);
+  for (VARIANT& v : restrictions) VariantClear(&v);
+  schemas->Release();
+  if (FAILED(out.hr)) out.atExecute = true, out.error = ConsumerTest::TakeLastError();
+  if (!rowset) return out;
+  out.columns = Columns(rowset);
+  HRESULT fetched = S_OK;
+  out.rows = ReadAll(rowset, {}, batch, &fetched, &out.error, true);
+  if (FAILED(fetched)) out.hr = fetched;
   rowset->Release();
   return out;
 }
@@ -171,39 +176,6 @@ Rows SqlConsumer::Contents() const {
     FreeHistoryValueList(list);
   }
   return rows;
-}
-
-LastError TakeError() {
-#ifdef _WIN32
-  LastError last;
-  IErrorInfo* info = nullptr;
-  if (GetErrorInfo(0, &info) != S_OK || !info) return last;
-  IErrorRecords* records = Query<IErrorRecords>(info, IID_IErrorRecords);
-  IErrorInfo* described = nullptr;
-  if (records && SUCCEEDED(records->GetRecordCount(&last.count)) && last.count) {
-    ERRORINFO basic{};
-    if (SUCCEEDED(records->GetBasicErrorInfo(last.count - 1, &basic))) last.hr = basic.hrError;
-    // The provider keeps each record's text in its custom error object.
-    IUnknown* custom = nullptr;
-    if (SUCCEEDED(records->GetCustomErrorObject(last.count - 1, IID_IErrorInfo, &custom)) && custom) {
-      described = Query<IErrorInfo>(custom, IID_IErrorInfo);
-      custom->Release();
-    }
-  } else if (!records) {
-    last.count = 1;
-    described = info;
-    info->AddRef();
-  }
-  BSTR text = nullptr;
-  if (described && SUCCEEDED(described->GetDescription(&text)) && text) last.description = ToUtf8(text);
-  SysFreeString(text);
-  if (described) described->Release();
-  if (records) records->Release();
-  info->Release();
-  return last;
-#else
-  return ConsumerTest::TakeLastError();
-#endif
 }
 
 std::string TimeText(ULONGLONG ticks) {

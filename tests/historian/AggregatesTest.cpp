@@ -187,6 +187,8 @@ void AddPlant(FakeRaw& raw) {
   add({{0, 10, 0}, {10, 20, kUncertainQ}, {20, 30, 0}, {30, 40, kUncertainQ}});
   raw.AddTag(OLESTR("Late"), VT_I4, false);
   add({{50, 5, 0}});
+  raw.AddTag(OLESTR("Twin"), VT_R8, false);  // two samples at 10 s, on two pages
+  add({{0, 10, 0}, {10, 20, 0}, {10, 40, kUncertainQ}, {20, 40, 0}, {30, 40, 0}});
   raw.AddTag(OLESTR("Mode"), VT_BSTR, true);
   raw.AddText(0, OLESTR("A"));
   raw.AddText(10, OLESTR("B"));
@@ -326,6 +328,10 @@ TEST_F(AggregatesTest, EachAggregateOfEachIntervalAsWorkedOut) {
       // Time-weighted. Sloped [0, 30): 10->30 over 20 s (400), then 30->20 (halfway to 10 @40)
       // over 10 s (250); stepped: 10 for 20 s, 30 for 10 s.
       {OLESTR("Flow"), 0, 120, 30000, {AGG_TIME_AVG}, 0, "21.66666667 401 @0"},
+      // Samples sharing a time count in the order they came: the later one holds from there.
+      {OLESTR("Twin"), 0, 20, 0, {AGG_LAST}, 0, "40 40000000 @10"},
+      {OLESTR("Twin"), 0, 20, 0, {AGG_COUNT}, 0, "i3"},
+      {OLESTR("Twin"), 0, 30, 0, {AGG_TIME_AVG}, 0, "31.66666667 401 @0"},  // 10 -> 20 over 10 s, then 40
       {OLESTR("Flow"), 0, 120, 30000, {AGG_TOTAL}, 0, "650 401 @0"},
       {OLESTR("Flow"), 0, 120, 30000, {AGG_INTERPOLATIVE}, 0, "10 400 @0"},  // a sample sits at the start
       {OLESTR("FlowStep"), 0, 120, 30000, {AGG_TIME_AVG}, 0, "16.66666667 401 @0"},
@@ -426,24 +432,6 @@ TEST_F(AggregatesTest, FailingRawReadsReleaseTheirContinuationPoints) {
   }
 }
 
-TEST_F(AggregatesTest, SamplesSharingATimeCountInTheOrderTheyCame) {
-  // Two samples at 10 s, on two pages: the later one holds from there and is the last.
-  raw_.AddTag(OLESTR("Twin"), VT_R8, false);
-  raw_.Add(0, 10);
-  raw_.Add(10, 20);
-  raw_.Add(10, 40, kUncertainQ);
-  raw_.Add(20, 40);
-  raw_.Add(30, 40);
-  Answer a, line;
-  Read(a, OLESTR("Twin"), 0, 20, 0, {AGG_LAST, AGG_COUNT});
-  Read(line, OLESTR("Twin"), 0, 30, 0, {AGG_TIME_AVG});
-  ASSERT_EQ(S_OK, a.hr);
-  ASSERT_EQ(S_OK, line.hr);
-  ExpectR8(a.At(0, 0), 40, kUncertainQ, 10);
-  EXPECT_EQ(3, a.At(1, 0).value.lVal);
-  ExpectR8(line.At(0, 0), 950.0 / 30, kGoodCalc, 0);  // 10 -> 20 over 10 s (150), then 40 (800)
-}
-
 // A result's value to the bit (doubles included), as far as its type defines it.
 LONGLONG Bits(const VARIANT& v) {
   switch (v.vt) {
@@ -539,7 +527,7 @@ TEST_F(AggregatesTest, StatisticsContinuationPointsAreOwnedAndChecked) {
   EXPECT_NE(nullptr, none.names);  // allocated even when empty
   EXPECT_EQ(nullptr, cp);
 
-  // A reversed range is swapped; 6 tags, 2 per page.
+  // A reversed range is swapped; 7 tags, 2 per page.
   ASSERT_EQ(S_OK, all.Read(processed_, nullptr, nullptr, nullptr, 200, 0, nullptr, 2, &cp));
   ASSERT_NE(nullptr, cp);
   EXPECT_EQ(E_INVALIDARG, changed.Read(processed_, OLESTR("P*"), nullptr, nullptr, 0, 200, nullptr, 2, &cp));

@@ -35,32 +35,27 @@ TEST_F(CsvAccepted, QuotingTypesTimestampsAndQualities) {
   EXPECT_EQ(8u, report.samples);
   EXPECT_EQ(5u, report.newTags);
 
-  std::vector<Stored> flow = Dump(*store_, OLESTR("flow"));
-  ASSERT_EQ(2u, flow.size());
-  EXPECT_EQ(VT_R8, flow[0].vt);  // a number on the tag's first line
-  EXPECT_EQ(kT0, flow[0].time);
-  EXPECT_EQ(1.5, flow[0].number);
-  EXPECT_EQ(kT0 + kSecond + kSecond / 4, flow[1].time);
-  EXPECT_EQ(-2000.0, flow[1].number);
-  EXPECT_EQ(0x40000000u, flow[1].quality);
-
-  std::vector<Stored> note = Dump(*store_, OLESTR("Note, free"));
-  ASSERT_EQ(1u, note.size());
-  EXPECT_EQ(VT_BSTR, note[0].vt);
-  EXPECT_EQ(WString(OLESTR("He said \"hi\"\r\nsecond line")), note[0].text);
-  EXPECT_EQ(192u, note[0].quality);
-
-  std::vector<Stored> count = Dump(*store_, OLESTR("Count"));
-  ASSERT_EQ(2u, count.size());
-  EXPECT_EQ(VT_I4, count[1].vt);  // the type of the tag's first line
-  EXPECT_EQ(kT0 + 3 * kSecond + 1234567, count[0].time);
-  EXPECT_EQ(8.0, count[1].number);
-  EXPECT_EQ(VT_BOOL, Dump(*store_, OLESTR("Flag"))[0].vt);
-  EXPECT_EQ(WString(OLESTR("12")), Dump(*store_, OLESTR("Label"))[0].text);
-  std::vector<Stored> ex = Dump(*store_, OLESTR("Existing"));
-  ASSERT_EQ(1u, ex.size());
-  EXPECT_EQ(VT_I2, ex[0].vt);
-  EXPECT_EQ(5.0, ex[0].number);
+  // Each tag's samples as "TYPE@seconds=value/quality" ('text' for texts); a number on a
+  // tag's first line makes it R8, a later line keeps the first line's type.
+  const std::pair<const OLECHAR*, const char*> expected[] = {
+      {OLESTR("flow"), "5@0=1.5/0 5@1.25=-2000/40000000"},
+      {OLESTR("Note, free"), "8@2='He said \"hi\"\r\nsecond line'/C0"},
+      {OLESTR("Count"), "3@3.1234567=7/0 3@4=8/0"},
+      {OLESTR("Flag"), "11@5=-1/0"},
+      {OLESTR("Label"), "8@6='12'/0"},
+      {OLESTR("Existing"), "2@7=5/3"}};
+  for (const auto& [tag, samples] : expected) {
+    std::string got;
+    for (const Sample& s : Dump(*store_, tag)) {
+      char text[64];
+      std::snprintf(text, sizeof text, "%u@%.8g=%g/%X", unsigned(s.vt), double(s.time - kT0) / kSecond, s.value,
+                    unsigned(s.quality));
+      std::string one = text;
+      if (s.vt == VT_BSTR) one.replace(one.find('=') + 1, one.find('/') - one.find('=') - 1, "'" + ToUtf8(s.text) + "'");
+      got += (got.empty() ? "" : " ") + one;
+    }
+    EXPECT_EQ(samples, got) << ToUtf8(tag);
+  }
 }
 
 TEST_F(CsvAccepted, TimestampForms) {

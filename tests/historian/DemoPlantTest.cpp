@@ -22,7 +22,7 @@ TEST_F(DemoPlant, SameSeedGivesTheSameHistory) {
   ASSERT_EQ(S_OK, CDemoPlant::Populate(other, options));
   size_t differing = 0;
   for (const auto& tag : CDemoPlant::Tags()) {
-    std::vector<Stored> a = Dump(*store_, tag.definition.name);
+    std::vector<Sample> a = Dump(*store_, tag.definition.name);
     EXPECT_FALSE(a.empty());
     EXPECT_TRUE(a == Dump(again, tag.definition.name)) << ToUtf8(tag.definition.name);
     if (!(a == Dump(other, tag.definition.name))) ++differing;
@@ -47,7 +47,7 @@ TEST_F(DemoPlant, CoversTypesQualitiesGapsAndTheLastWeek) {
   for (const auto& tag : tags) {
     types.insert(tag.definition.vartype);
     const ULONGLONG period = tag.periodSeconds * kSecond;
-    std::vector<Stored> points = Dump(*store_, tag.definition.name);
+    std::vector<Sample> points = Dump(*store_, tag.definition.name);
     ASSERT_FALSE(points.empty());
     EXPECT_GE(points.front().time, kNow - week) << ToUtf8(tag.definition.name);
     EXPECT_LE(points.back().time, kNow);

@@ -24,48 +24,43 @@ inline TagIdent Ident(const OLECHAR* name) {
   return TagIdent{catalog, schema, const_cast<LPOLESTR>(name)};
 }
 
+// A sample as read back: numbers as doubles (-1 when not one), texts as they are.
 struct Sample {
-  ULONGLONG time;
-  double value;
-  DWORD quality;
-};
-
-// Every sample of a tag as the store holds it; numbers as doubles, texts as they are.
-struct Stored {
   ULONGLONG time;
   DWORD quality;
   VARTYPE vt;
-  double number;
+  double value;
   WString text;  // VT_BSTR values
-  bool operator==(const Stored& o) const {
-    return time == o.time && quality == o.quality && vt == o.vt && number == o.number && text == o.text;
+  bool operator==(const Sample& o) const {
+    return time == o.time && quality == o.quality && vt == o.vt && value == o.value && text == o.text;
   }
 };
 
-inline std::vector<Stored> Dump(const CHistorianStore& store, const WString& name) {
+// Copies a list and frees it.
+inline std::vector<Sample> Take(HistoryValueList* list) {
+  std::vector<Sample> out;
+  for (ULONG i = 0; list && i < list->count; ++i) {
+    const HistoryValue& hv = list->values[i];
+    VARIANT d;
+    VariantInit(&d);
+    const double v = VariantChangeType(&d, const_cast<VARIANT*>(&hv.value), 0, VT_R8) == S_OK ? d.dblVal : -1;
+    out.push_back({FileTimeToU64(hv.timestamp), hv.quality, hv.value.vt, v,
+                   hv.value.vt == VT_BSTR ? WString(hv.value.bstrVal) : WString()});
+  }
+  FreeHistoryValueList(list);
+  return out;
+}
+
+// Every sample of a tag as the store holds it.
+inline std::vector<Sample> Dump(const CHistorianStore& store, const WString& name) {
   ReadCursor all;
   all.tagKey = WUpper(name);
   all.low = 0;
   all.high = ~0ull;
   HistoryValueList* list = nullptr;
   bool more = false;
-  std::vector<Stored> out;
-  if (FAILED(store.ReadPage(all, 0, &list, &more))) return out;
-  for (ULONG i = 0; i < list->count; ++i) {
-    const HistoryValue& hv = list->values[i];
-    Stored s{FileTimeToU64(hv.timestamp), hv.quality, hv.value.vt, 0, {}};
-    if (hv.value.vt == VT_BSTR) {
-      s.text = hv.value.bstrVal;
-    } else {
-      VARIANT d;
-      VariantInit(&d);
-      EXPECT_EQ(S_OK, VariantChangeType(&d, const_cast<VARIANT*>(&hv.value), 0, VT_R8));
-      s.number = d.dblVal;
-    }
-    out.push_back(std::move(s));
-  }
-  FreeHistoryValueList(list);
-  return out;
+  EXPECT_EQ(S_OK, store.ReadPage(all, 0, &list, &more));
+  return Take(list);
 }
 
 class HistorianFixture : public ::corvane::test::LeakCheckedTest {
@@ -103,21 +98,6 @@ class HistorianFixture : public ::corvane::test::LeakCheckedTest {
     for (const Sample& s : samples) v.push_back(s.value);
     return v;
   }
-  // Copies a list (values as doubles) and frees it.
-  static std::vector<Sample> Take(HistoryValueList* list) {
-    std::vector<Sample> out;
-    if (!list) return out;
-    for (ULONG i = 0; i < list->count; ++i) {
-      VARIANT d;
-      VariantInit(&d);
-      double v = VariantChangeType(&d, &list->values[i].value, 0, VT_R8) == S_OK ? d.dblVal : -1;
-      VariantClear(&d);
-      out.push_back({FileTimeToU64(list->values[i].timestamp), v, list->values[i].quality});
-    }
-    FreeHistoryValueList(list);
-    return out;
-  }
-
   std::shared_ptr<CHistorianStore> store_;
   IRawDataProvider* raw_ = nullptr;
   IValuesProvider* values_ = nullptr;

@@ -94,43 +94,18 @@ using CommandText = CommandTest;
 using CommandParameters = CommandTest;
 using CommandExecution = CommandTest;
 
-std::string Guid(const GUID& g) {
-  OLECHAR text[40] = {};
-  StringFromGUID2(g, text, 40);
-  return corvane::ToUtf8(text);
-}
-
 }  // namespace
 
-TEST_F(CommandText, TextAndDialect) {
+TEST_F(CommandText, TextDialectAndPrepareWithoutText) {
+  TraceCapture trace;
   GUID dialect{};
   LPOLESTR text = nullptr;
   EXPECT_EQ(DB_E_NOCOMMAND, text_->GetCommandText(&dialect, &text));
-
-  TraceCapture trace;
-  ASSERT_EQ(S_OK, text_->SetCommandText(DBGUID_SQL, OLESTR("SELECT * FROM TAGS")));
-  EXPECT_TRACED(trace, "Called CProviderCommand::SetCommandText, QUERY = SELECT * FROM TAGS");
-  EXPECT_EQ("SELECT * FROM TAGS", Text(&dialect));
-  EXPECT_EQ(Guid(DBGUID_DEFAULT), Guid(dialect));  // the SQL dialect is the default one
-
-  EXPECT_EQ(DB_E_DIALECTNOTSUPPORTED, text_->SetCommandText(DBGUID_MDX, OLESTR("SELECT 1")));
-  EXPECT_TRACED(trace, "ERROR in CProviderCommand::SetCommandText, HR = 80040E16");
-  auto error = TakeLastError();
-  EXPECT_TRUE(IsEqualIID(IID_ICommandText, error.iid));
-#ifndef _WIN32
-  EXPECT_EQ("CProviderCommand class", error.source);
-  EXPECT_EQ("Failed to run a command (IID_ICommandText). Details: Unable to set command text.", error.description);
-#endif
-  EXPECT_EQ("SELECT * FROM TAGS", Text(nullptr));  // the refused text left the earlier one in place
-}
-
-TEST_F(CommandText, PrepareWithoutTextFails) {
   // The failures of a statement's text are in tests/cases/execution.test.
-  TraceCapture trace;
   EXPECT_EQ(E_FAIL, Prepare());
   EXPECT_TRACED(trace, "Called CProviderCommand::Prepare");
   EXPECT_TRACED(trace, "ERROR in CProviderCommand::SetCommandText, No command text was set");
-  const auto error = TakeLastError();
+  auto error = TakeLastError();
   EXPECT_EQ(E_FAIL, error.hr);
   EXPECT_TRUE(IsEqualIID(IID_ICommandPrepare, error.iid));
 #ifndef _WIN32
@@ -146,6 +121,21 @@ TEST_F(CommandText, PrepareWithoutTextFails) {
     return line.text == "SQL query is empty." && line.source == "SQLParser" && line.level == TRACE_WARNING;
   }));
 #endif
+
+  ASSERT_EQ(S_OK, text_->SetCommandText(DBGUID_SQL, OLESTR("SELECT * FROM TAGS")));
+  EXPECT_TRACED(trace, "Called CProviderCommand::SetCommandText, QUERY = SELECT * FROM TAGS");
+  EXPECT_EQ("SELECT * FROM TAGS", Text(&dialect));
+  EXPECT_TRUE(IsEqualGUID(DBGUID_DEFAULT, dialect));  // the SQL dialect is the default one
+
+  EXPECT_EQ(DB_E_DIALECTNOTSUPPORTED, text_->SetCommandText(DBGUID_MDX, OLESTR("SELECT 1")));
+  EXPECT_TRACED(trace, "ERROR in CProviderCommand::SetCommandText, HR = 80040E16");
+  error = TakeLastError();
+  EXPECT_TRUE(IsEqualIID(IID_ICommandText, error.iid));
+#ifndef _WIN32
+  EXPECT_EQ("CProviderCommand class", error.source);
+  EXPECT_EQ("Failed to run a command (IID_ICommandText). Details: Unable to set command text.", error.description);
+#endif
+  EXPECT_EQ("SELECT * FROM TAGS", Text(nullptr));  // the refused text left the earlier one in place
 }
 
 TEST_F(CommandText, PreparedCommandDescribesItsColumns) {
@@ -427,29 +417,22 @@ TEST_F(CommandExecution, ExecutePreparesAndOpenRowsetsHoldTheCommand) {
 
   EXPECT_EQ(S_OK, text_->SetCommandText(DBGUID_DEFAULT, OLESTR("SELECT * FROM RAWDATA")));
   EXPECT_EQ(S_OK, params_->SetParameterInfo(1, &ordinal, &bind));
-}
 
-TEST_F(CommandExecution, AnInterfaceTheRowsetLacksIsRefused) {
-  TraceCapture trace;
-  IUnknown* rowset = nullptr;
-  // An interface the command rowset lacks: the statement is fine, the request is not.
-  SetText(OLESTR("SELECT * FROM TAGS"));
+  // An interface the command rowset lacks: the statement is fine, the request is not,
+  // and the command is free again afterwards.
   const GUID rowsetChange = {0x0C733A05, 0x2A1C, 0x11CE, {0xAD, 0xE5, 0x00, 0xAA, 0x00, 0x44, 0x77, 0x3D}};
   EXPECT_EQ(E_NOINTERFACE, text_->Execute(nullptr, rowsetChange, nullptr, nullptr, &rowset));
   EXPECT_TRACED(trace, "Unsupported interface 'IRowsetChange'.");
   TakeLastError();
-  // And the command is free again afterwards.
   EXPECT_EQ(S_OK, text_->SetCommandText(DBGUID_DEFAULT, OLESTR("SELECT * FROM TAGS")));
 }
 
-TEST_F(CommandExecution, DataChangesCountTheirRows) {
+TEST_F(CommandExecution, DataChangesCountTheirRowsAndEachExecutionHasItsOwnNow) {
   SetText(OLESTR("INSERT INTO RAWDATA (TAGNAME, VALUE) VALUES ('Area1.Temp', 5.5)"));
   DBROWCOUNT affected = 0;
   EXPECT_EQ(1u, Run({1}, nullptr, &affected).size());
   EXPECT_EQ(1, affected);
-}
 
-TEST_F(CommandExecution, EachExecutionHasItsOwnNow) {
   // NOWUTC() is read once per execution: every row of one execution shows the same
   // instant, and the next execution a later one.
   SetText(OLESTR("SELECT NOWUTC(), TAGNAME FROM TAGS"));

@@ -53,28 +53,19 @@ void ConsumerTest::SetUp() {
   const ULONGLONG minute = 600000000ull;
   // Whole minutes, so that the times read back in text are exact.
   firstSample_ = (nowTicks / minute) * minute - kSamples * minute;
-  corvane::historian::TagDefinition temp;
-  temp.name = OLESTR("Area1.Temp");
-  temp.description = OLESTR("Reactor temperature");
-  temp.vartype = VT_R8;
-  corvane::historian::TagDefinition text;
-  text.name = OLESTR("Area1.Text");
-  text.description = OLESTR("Operator note");
-  text.vartype = VT_BSTR;
-  ASSERT_EQ(S_OK, store->AddTag(temp));
-  ASSERT_EQ(S_OK, store->AddTag(text));
-  std::vector<corvane::historian::SampleInput> numbers, notes;
-  for (int i = 0; i < kSamples; ++i) {
-    corvane::historian::SampleInput s;
-    s.time = firstSample_ + i * minute;
-    s.quality = 0xC0;
-    s.number = 100 + i;
-    numbers.push_back(s);
-    s.text = corvane::WFormat(OLESTR("note %d"), i);
-    notes.push_back(s);
+  for (const bool text : {false, true}) {
+    corvane::historian::TagDefinition tag;
+    tag.name = text ? OLESTR("Area1.Text") : OLESTR("Area1.Temp");
+    tag.description = text ? OLESTR("Operator note") : OLESTR("Reactor temperature");
+    tag.vartype = text ? VT_BSTR : VT_R8;
+    ASSERT_EQ(S_OK, store->AddTag(tag));
+    ASSERT_EQ(S_OK, store->AppendGenerated(tag.name, kSamples, [&](size_t i, corvane::historian::SampleInput& s) {
+      s.time = firstSample_ + i * minute;
+      s.quality = 0xC0;
+      s.number = 100.0 + i;
+      if (text) s.text = corvane::WFormat(OLESTR("note %d"), static_cast<int>(i));
+    }));
   }
-  ASSERT_EQ(S_OK, store->AppendSamples(OLESTR("Area1.Temp"), numbers));
-  ASSERT_EQ(S_OK, store->AppendSamples(OLESTR("Area1.Text"), notes));
 
   IAggregates* factory = nullptr;
   ASSERT_EQ(S_OK, corvane::historian::CAggregates::CreateInstance(nullptr, IID_IAggregates,
@@ -176,27 +167,34 @@ void CloseProvider(IUnknown** dataSource, IOpenRowset** session) {
 LastError ConsumerTest::TakeLastError() {
   LastError last;
 #ifdef _WIN32
-  IErrorInfo* error = nullptr;
-  if (GetErrorInfo(0, &error) != S_OK || !error) return last;
-  IErrorRecords* records = nullptr;
-  if (SUCCEEDED(error->QueryInterface(IID_IErrorRecords, reinterpret_cast<void**>(&records)))) {
-    records->GetRecordCount(&last.count);
+  IErrorInfo* info = nullptr;
+  if (GetErrorInfo(0, &info) != S_OK || !info) return last;
+  IErrorRecords* records = Query<IErrorRecords>(info, IID_IErrorRecords);
+  IErrorInfo* described = nullptr;
+  if (records && SUCCEEDED(records->GetRecordCount(&last.count)) && last.count) {
     ERRORINFO basic{};
-    if (last.count && SUCCEEDED(records->GetBasicErrorInfo(last.count - 1, &basic))) {
-      last.hr = basic.hrError;
-      last.iid = basic.iid;
+    if (SUCCEEDED(records->GetBasicErrorInfo(last.count - 1, &basic))) last.hr = basic.hrError, last.iid = basic.iid;
+    // The provider keeps each record's text in its custom error object.
+    IUnknown* custom = nullptr;
+    if (SUCCEEDED(records->GetCustomErrorObject(last.count - 1, IID_IErrorInfo, &custom)) && custom) {
+      described = Query<IErrorInfo>(custom, IID_IErrorInfo);
+      custom->Release();
     }
-    records->Release();
-  } else {
+  } else if (!records) {
     last.count = 1;
-    BSTR text = nullptr;
-    if (SUCCEEDED(error->GetDescription(&text)) && text) last.description = corvane::ToUtf8(text);
-    SysFreeString(text);
-    if (SUCCEEDED(error->GetSource(&text)) && text) last.source = corvane::ToUtf8(text);
-    SysFreeString(text);
-    error->GetGUID(&last.iid);
+    described = info;
+    info->AddRef();
+    info->GetGUID(&last.iid);
   }
-  error->Release();
+  BSTR text = nullptr;
+  if (described && SUCCEEDED(described->GetDescription(&text)) && text) last.description = corvane::ToUtf8(text);
+  SysFreeString(text);
+  text = nullptr;
+  if (!records && described && SUCCEEDED(described->GetSource(&text)) && text) last.source = corvane::ToUtf8(text);
+  SysFreeString(text);
+  if (described) described->Release();
+  if (records) records->Release();
+  info->Release();
 #else
   auto records = corvane::platform::TakeErrorRecords();
   last.count = static_cast<ULONG>(records.size());
@@ -211,51 +209,53 @@ LastError ConsumerTest::TakeLastError() {
   return last;
 }
 
-std::vector<std::vector<std::string>> ReadAll(IUnknown* rowset, const std::vector<DBORDINAL>& columns,
-                                              DBROWCOUNT batch, HRESULT* failure) {
-  using Cell = TextSlot;
+std::vector<std::vector<std::string>> ReadAll(IUnknown* rowset, std::vector<DBORDINAL> columns, DBROWCOUNT batch,
+                                              HRESULT* failure, LastError* error, bool hold) {
   std::vector<std::vector<std::string>> rows;
-  IAccessor* accessor = nullptr;
-  IRowset* fetch = nullptr;
-  rowset->QueryInterface(IID_IAccessor, reinterpret_cast<void**>(&accessor));
-  rowset->QueryInterface(IID_IRowset, reinterpret_cast<void**>(&fetch));
-  EXPECT_NE(nullptr, accessor);
-  EXPECT_NE(nullptr, fetch);
-  if (!accessor || !fetch) {
-    if (accessor) accessor->Release();
-    if (fetch) fetch->Release();
-    return rows;
-  }
+  IAccessor* accessor = ConsumerTest::Query<IAccessor>(rowset, IID_IAccessor);
+  IRowset* fetch = ConsumerTest::Query<IRowset>(rowset, IID_IRowset);
+  EXPECT_TRUE(accessor && fetch);
+  if (columns.empty())
+    for (size_t i = 0; i < Columns(rowset).size(); ++i) columns.push_back(i + 1);
   std::vector<DBBINDING> bindings;
   for (size_t i = 0; i < columns.size(); ++i) {
     bindings.push_back(TextBinding(i, DBPARAMIO_NOTPARAM));
     bindings.back().iOrdinal = columns[i];
   }
   HACCESSOR handle = DB_NULL_HACCESSOR;
-  EXPECT_EQ(S_OK, accessor->CreateAccessor(DBACCESSOR_ROWDATA, bindings.size(), bindings.data(),
-                                           columns.size() * sizeof(Cell), &handle, nullptr));
-  std::vector<Cell> buffer(columns.size());
-  for (;;) {
-    DBCOUNTITEM obtained = 0;
-    HROW* handles = nullptr;
-    HRESULT hr = fetch->GetNextRows(DB_NULL_HCHAPTER, 0, batch, &obtained, &handles);
-    if (failure) *failure = SUCCEEDED(hr) ? S_OK : hr;
-    EXPECT_TRUE(failure || hr == S_OK || hr == DB_S_ENDOFROWSET) << std::hex << hr;
-    for (DBCOUNTITEM r = 0; r < obtained; ++r) {
-      const HRESULT read = fetch->GetData(handles[r], handle, buffer.data());
-      EXPECT_TRUE(SUCCEEDED(read)) << std::hex << read;
+  if (accessor && fetch) {
+    EXPECT_EQ(S_OK, accessor->CreateAccessor(DBACCESSOR_ROWDATA, bindings.size(), bindings.data(),
+                                             columns.size() * sizeof(TextSlot), &handle, nullptr));
+  }
+  std::vector<TextSlot> buffer(columns.size());
+  std::vector<HROW> held;
+  auto read = [&](const HROW* handles, DBCOUNTITEM n) {
+    for (DBCOUNTITEM r = 0; r < n; ++r) {
+      EXPECT_EQ(S_OK, fetch->GetData(handles[r], handle, buffer.data())) << "a fetched row is readable";
       std::vector<std::string> row;
-      for (const Cell& c : buffer)
+      for (const TextSlot& c : buffer)
         row.push_back(c.status == DBSTATUS_S_ISNULL ? std::string("<null>") : corvane::ToUtf8(c.text));
       rows.push_back(std::move(row));
     }
-    if (obtained) fetch->ReleaseRows(obtained, handles, nullptr, nullptr, nullptr);
+    if (n) {
+      EXPECT_EQ(S_OK, fetch->ReleaseRows(n, const_cast<HROW*>(handles), nullptr, nullptr, nullptr));
+    }
+  };
+  while (accessor && fetch) {
+    DBCOUNTITEM obtained = 0;
+    HROW* handles = nullptr;
+    const HRESULT hr = fetch->GetNextRows(DB_NULL_HCHAPTER, 0, batch, &obtained, &handles);
+    if (failure) *failure = SUCCEEDED(hr) ? S_OK : hr;
+    if (FAILED(hr) && error) *error = ConsumerTest::TakeLastError();
+    EXPECT_TRUE(failure || hr == S_OK || hr == DB_S_ENDOFROWSET) << std::hex << hr;
+    if (hold) held.insert(held.end(), handles, handles + obtained);
+    else read(handles, obtained);
     CoTaskMemFree(handles);
     if (hr != S_OK || obtained == 0) break;
   }
-  accessor->ReleaseAccessor(handle, nullptr);
-  accessor->Release();
-  fetch->Release();
+  read(held.data(), held.size());  // rows held to the end stay readable
+  if (accessor) accessor->ReleaseAccessor(handle, nullptr), accessor->Release();
+  if (fetch) fetch->Release();
   return rows;
 }
 

@@ -91,12 +91,14 @@ void OpenProvider(IUnknown* host, IUnknown** dataSource, IOpenRowset** session,
 // reference goes with the consumer's; clears the thread's error records.
 void CloseProvider(IUnknown** dataSource, IOpenRowset** session);
 
-// Reads every row of `rowset` through an accessor of the given columns as wide text
-// (DBTYPE_WSTR, 512 characters) in batches of `batch`; a null cell reads as "<null>".
-// With `failure`, a failing fetch stops the read and is given back there instead of
-// failing the test.
-std::vector<std::vector<std::string>> ReadAll(IUnknown* rowset, const std::vector<DBORDINAL>& columns,
-                                              DBROWCOUNT batch = 7, HRESULT* failure = nullptr);
+// Reads every row of `rowset` through an accessor of the given columns (all when empty)
+// as wide text (DBTYPE_WSTR, 512 characters) in batches of `batch`; a null cell reads as
+// "<null>". With `failure`, a failing fetch stops the read and is given back there (its
+// records in `error`) instead of failing the test. With `hold`, every row is kept until
+// the end and then read, as a consumer that holds rows does.
+std::vector<std::vector<std::string>> ReadAll(IUnknown* rowset, std::vector<DBORDINAL> columns,
+                                              DBROWCOUNT batch = 7, HRESULT* failure = nullptr,
+                                              LastError* error = nullptr, bool hold = false);
 // Frees what GetProperties returned.
 void FreePropertySets(ULONG count, DBPROPSET* sets);
 // Column names and types of a rowset or prepared command (IColumnsInfo).

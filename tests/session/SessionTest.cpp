@@ -1,6 +1,6 @@
 // The session as a consumer sees it: its interfaces, opening tables, creating
-// commands, the failures with their traces and error records, and the schema rowsets
-// with and without restrictions.
+// commands, the failures with their traces and error records, and the schemas it lists
+// (their rows are in tests/cases/schemas.test).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -28,17 +28,8 @@ DBID TableId(const OLECHAR* name) {
   return id;
 }
 
-// A text restriction, or none for null.
-void Restrict(VARIANT* v, const OLECHAR* text) {
-  VariantInit(v);
-  if (!text) return;
-  V_VT(v) = VT_BSTR;
-  V_BSTR(v) = SysAllocString(text);
-}
-
 class SchemaRowsets : public ConsumerTest {
  protected:
-  using Rows = std::vector<std::vector<std::string>>;
   void SetUp() override {
     ConsumerTest::SetUp();
     if (HasFatalFailure()) return;
@@ -48,23 +39,6 @@ class SchemaRowsets : public ConsumerTest {
   void TearDown() override {
     if (schemas_) schemas_->Release();
     ConsumerTest::TearDown();
-  }
-  // Reads `columns` of every row of a schema rowset opened with text restrictions, or
-  // with the one `given`; `layout` receives the rowset's columns.
-  Rows Read(const GUID& schema, std::initializer_list<const OLECHAR*> texts, const std::vector<DBORDINAL>& columns,
-            std::vector<std::pair<std::string, DBTYPE>>* layout = nullptr, VARIANT* given = nullptr) {
-    std::vector<VARIANT> values(texts.size());
-    for (size_t i = 0; i < values.size(); ++i) Restrict(&values[i], texts.begin()[i]);
-    IUnknown* rowset = nullptr;
-    const HRESULT hr = schemas_->GetRowset(nullptr, schema, given ? 1 : values.size(), given ? given : values.data(),
-                                           IID_IRowset, 0, nullptr, &rowset);
-    for (auto& v : values) VariantClear(&v);
-    EXPECT_EQ(S_OK, hr);
-    if (FAILED(hr)) return {};
-    if (layout) *layout = Columns(rowset);
-    Rows rows = ReadAll(rowset, columns);
-    rowset->Release();
-    return rows;
   }
   IDBSchemaRowset* schemas_ = nullptr;
 };
@@ -249,95 +223,4 @@ TEST_F(SchemaRowsets, GetSchemasListsTheNineSchemasWithTheirMasks) {
   EXPECT_EQ(E_INVALIDARG, schemas_->GetSchemas(&n, nullptr, &masks));
   EXPECT_TRACED(trace, "ERROR in CProviderSession::GetSchemas, HR = 80070057");
   EXPECT_TRUE(IsEqualIID(IID_IDBSchemaRowset, TakeLastError().iid));
-}
-
-TEST_F(SchemaRowsets, TablesColumnsAndTypesFollowTheCatalog) {
-  // CATALOGS and SCHEMATA: the data source's names.
-  EXPECT_EQ(Rows{{"Plant"}}, Read(DBSCHEMA_CATALOGS, {}, {1}));
-  EXPECT_EQ((Rows{{"Plant", "_default_schema_"}}), Read(DBSCHEMA_SCHEMATA, {}, {1, 2}));
-
-  // TABLES: fifteen tables under the catalog and schema, in the standard layout.
-  std::vector<std::pair<std::string, DBTYPE>> layout;
-  Rows rows = Read(DBSCHEMA_TABLES, {}, {1, 2, 3, 4}, &layout);
-  ASSERT_EQ(9u, layout.size());
-  EXPECT_EQ("TABLE_NAME", layout[2].first);
-  EXPECT_EQ(DBTYPE_WSTR, layout[2].second);
-  EXPECT_EQ("DATE_MODIFIED", layout[8].first);
-  EXPECT_EQ(15u, rows.size());
-  EXPECT_NE(rows.end(), std::find(rows.begin(), rows.end(),
-                                  std::vector<std::string>{"Plant", "_default_schema_", "QUERYSETTINGS", "TABLE"}));
-
-  // A restriction on the table name, in any case; another catalog finds nothing.
-  rows = Read(DBSCHEMA_COLUMNS, {nullptr, nullptr, OLESTR("rawdata_string")}, {3, 4, 12, 14});
-  const auto value = std::find_if(rows.begin(), rows.end(), [](const auto& row) { return row[1] == "VALUE"; });
-  ASSERT_NE(rows.end(), value);
-  EXPECT_EQ((std::vector<std::string>{"RAWDATA_STRING", "VALUE", std::to_string(DBTYPE_WSTR), "4096"}), *value);
-  EXPECT_EQ((Rows{{"RAWDATA", "VALUE", std::to_string(DBTYPE_VARIANT)}}),
-            Read(DBSCHEMA_COLUMNS, {nullptr, nullptr, OLESTR("RAWDATA"), OLESTR("VALUE")}, {3, 4, 12}));
-  EXPECT_TRUE(Read(DBSCHEMA_TABLES, {OLESTR("OtherPlant")}, {3}).empty());
-
-  // PROVIDER_TYPES lists the types the columns use, restricted here to DBTYPE_WSTR.
-  rows = Read(DBSCHEMA_PROVIDER_TYPES, {}, {1, 2});
-  for (const char* used : {"DBTYPE_VARIANT", "DBTYPE_WSTR", "DBTYPE_R8", "DBTYPE_DBTIMESTAMP"})
-    EXPECT_TRUE(std::any_of(rows.begin(), rows.end(), [used](const auto& row) { return row[0] == used; })) << used;
-  VARIANT type;
-  VariantInit(&type);
-  V_VT(&type) = VT_I4;
-  V_I4(&type) = DBTYPE_WSTR;
-  EXPECT_EQ(Rows{{"DBTYPE_WSTR"}}, Read(DBSCHEMA_PROVIDER_TYPES, {}, {1}, nullptr, &type));
-
-  // The GUID columns: nothing here is known by GUID, so each reads as null on every row.
-  const std::pair<const GUID*, std::vector<DBORDINAL>> guidColumns[] = {
-      {&DBSCHEMA_TABLES, {5}}, {&DBSCHEMA_TABLES_INFO, {5}}, {&DBSCHEMA_COLUMNS, {5, 13}},
-      {&DBSCHEMA_PROVIDER_TYPES, {16}}, {&DBSCHEMA_PROCEDURE_COLUMNS, {5, 11}}};
-  for (const auto& schema : guidColumns) {
-    rows = Read(*schema.first, {}, schema.second, &layout);
-    for (DBORDINAL c : schema.second) EXPECT_NE(std::string::npos, layout.at(c - 1).first.find("GUID"));
-    EXPECT_FALSE(rows.empty());
-    for (const auto& row : rows)
-      for (const auto& cell : row) EXPECT_EQ("<null>", cell) << layout.at(schema.second[0] - 1).first;
-  }
-}
-
-TEST_F(SchemaRowsets, ProceduresWithTheirParametersAndColumns) {
-  Rows rows = Read(DBSCHEMA_PROCEDURES, {}, {1, 2, 3});
-  for (const char* name : {"SP_RAWDATA", "HDA_ANALOG_5"})
-    EXPECT_TRUE(std::any_of(rows.begin(), rows.end(), [name](const auto& r) { return r[2] == name; })) << name;
-  for (const auto& r : rows) EXPECT_EQ("Plant", r[0]);
-
-  rows = Read(DBSCHEMA_PROCEDURE_PARAMETERS, {nullptr, nullptr, OLESTR("sp_rawdata")}, {3, 4, 5});
-  ASSERT_FALSE(rows.empty());
-  for (size_t i = 0; i < rows.size(); ++i) {
-    EXPECT_EQ("SP_RAWDATA", rows[i][0]);
-    EXPECT_EQ(std::to_string(i + 1), rows[i][2]);  // ordinal positions in order
-  }
-  rows = Read(DBSCHEMA_PROCEDURE_COLUMNS, {nullptr, nullptr, OLESTR("sp_rawdata")}, {3, 4});
-  EXPECT_FALSE(rows.empty());
-  for (const auto& r : rows) EXPECT_EQ("SP_RAWDATA", r[0]);
-}
-
-TEST_F(SchemaRowsets, BadRequestsAreRefusedWithARecord) {
-  IUnknown* rowset = nullptr;
-  TraceCapture trace;
-  // A schema the session does not serve.
-  EXPECT_EQ(E_INVALIDARG, schemas_->GetRowset(nullptr, DBSCHEMA_VIEWS, 0, nullptr, IID_IRowset, 0, nullptr, &rowset));
-  EXPECT_TRACED(trace, "Called CProviderSession::GetRowset");
-  EXPECT_TRACED(trace, "ERROR in CProviderSession::GetRowset, HR = 80070057");
-  auto error = TakeLastError();
-  EXPECT_TRUE(IsEqualIID(IID_IDBSchemaRowset, error.iid));
-#ifndef _WIN32
-  EXPECT_EQ("Failed to get a rowset or schema (IID_IDBSchemaRowset). Details: No more details (HRESULT = 80070057).",
-            error.description);
-#endif
-  // More restrictions than CATALOGS has, and a name restriction that is not a text.
-  VARIANT v[2];
-  for (VARIANT& text : v) Restrict(&text, OLESTR("Plant"));
-  EXPECT_EQ(E_INVALIDARG, schemas_->GetRowset(nullptr, DBSCHEMA_CATALOGS, 2, v, IID_IRowset, 0, nullptr, &rowset));
-  VariantClear(&v[1]);
-  V_VT(&v[1]) = VT_I4;
-  V_I4(&v[1]) = 5;
-  EXPECT_EQ(E_INVALIDARG, schemas_->GetRowset(nullptr, DBSCHEMA_TABLES, 1, &v[1], IID_IRowset, 0, nullptr, &rowset));
-  VariantClear(&v[0]);
-  EXPECT_EQ(nullptr, rowset);
-  TakeLastError();
 }
