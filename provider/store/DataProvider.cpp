@@ -350,10 +350,23 @@ void CDataProvider::RecycleRecords(ProducedRecordList& used) {
   used.clear();
 }
 
-ProducedRecordList CDataProvider::TakeSpareRecords() {
+ProducedRecordList CDataProvider::TakeSpareRecords(size_t most) {
   ProducedRecordList spare;
   CriticalSectionLock lock(m_StateLock);
-  spare.swap(m_Spare);
+  if (m_Spare.size() <= most) {
+    spare.swap(m_Spare);
+    return spare;
+  }
+  // The rest stay for the next step: a step that dropped them would free records only
+  // to make them again one page later.
+  try {
+    spare.reserve(most);
+    const size_t keep = m_Spare.size() - most;
+    for (size_t i = keep; i < m_Spare.size(); ++i) spare.push_back(std::move(m_Spare[i]));
+    m_Spare.resize(keep);
+  } catch (const std::bad_alloc&) {
+    spare.clear();  // the step makes its own records
+  }
   return spare;
 }
 

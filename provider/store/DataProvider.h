@@ -96,8 +96,9 @@ class CDataProvider {
   // Keep recycled records for TakeSpareRecords (off by default: a producer that never
   // takes them would only hold memory).
   void EnableRecordReuse() { m_bReuseRecords = true; }
-  // Emptied records of earlier batches (values kNone, storage kept), or none.
-  ProducedRecordList TakeSpareRecords();
+  // At most `most` emptied records of earlier batches (values kNone, storage kept), or
+  // none.
+  ProducedRecordList TakeSpareRecords(size_t most);
 
   // Work records of `pendingItemSize` bytes, first in first out.
   void PushPendingItem(const void* item);

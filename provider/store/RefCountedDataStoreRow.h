@@ -136,6 +136,7 @@ class CRefCountedDataStoreRow::Pool {
   DBORDINAL m_cColumns;
   DBLENGTH m_cbRowSize;
   DBLENGTH m_cbStatus;              // the status bytes at the start of every row
+  bool m_bStatusWord = false;       // they and the padding after them fit in 8 bytes
   std::vector<DBORDINAL> m_Owning;  // VARIANT and by-reference columns
   size_t m_MaxFree;
   CRefCountedDataStoreRow* m_pFree = nullptr;

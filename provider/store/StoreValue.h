@@ -30,16 +30,19 @@ struct StoreValue {
   FILETIME Time{};
   const OLECHAR* Text = nullptr;
   UINT TextLength = 0;
+  // kText: the producer never changes the text at this address while it lives, so a
+  // store that has seen it there needs not compare it again.
+  bool TextFixed = false;
 
   StoreValue() { VariantInit(&Value); }
   ~StoreValue() { VariantClear(&Value); }
   StoreValue(const StoreValue& other)
-      : Kind(other.Kind), Time(other.Time), Text(other.Text), TextLength(other.TextLength) {
+      : Kind(other.Kind), Time(other.Time), Text(other.Text), TextLength(other.TextLength), TextFixed(other.TextFixed) {
     VariantInit(&Value);
     VariantCopy(&Value, const_cast<VARIANT*>(&other.Value));
   }
   StoreValue(StoreValue&& other) noexcept
-      : Kind(other.Kind), Time(other.Time), Text(other.Text), TextLength(other.TextLength) {
+      : Kind(other.Kind), Time(other.Time), Text(other.Text), TextLength(other.TextLength), TextFixed(other.TextFixed) {
     std::memcpy(&Value, &other.Value, sizeof Value);
     VariantInit(&other.Value);
     other.Kind = kNone;
@@ -76,11 +79,12 @@ struct StoreValue {
     Kind = kTime;
     Time = time;
   }
-  void SetText(const OLECHAR* text, size_t length) {
+  void SetText(const OLECHAR* text, size_t length, bool fixed = false) {
     Reset();
     Kind = kText;
     Text = text;
     TextLength = static_cast<UINT>(length);
+    TextFixed = fixed;
   }
   void Take(VARIANT* value) {
     Reset();
@@ -110,6 +114,7 @@ struct StoreValue {
     Time = other.Time;
     Text = other.Text;
     TextLength = other.TextLength;
+    TextFixed = other.TextFixed;
   }
 };
 
