@@ -32,7 +32,7 @@ struct StoreValue {
   const OLECHAR* Text = nullptr;
   UINT TextLength = 0;
   // kText: the producer never changes the text at this address while it lives, so a
-  // store that has seen it there needs not compare it again.
+  // store that has seen it there need not compare it again.
   bool TextFixed = false;
 
   StoreValue() { VariantInit(&Value); }
