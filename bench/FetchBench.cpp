@@ -57,7 +57,7 @@ class SyntheticProducer : public CDataProvider {
     return S_OK;
   }
   HRESULT ExecuteStep() override {
-    ProducedRecordList page = TakeSpareRecords();
+    ProducedRecordList page = TakeSpareRecords(kPage);
     const ULONGLONG end = std::min(rows_, next_ + kPage);
     size_t used = 0;
     for (; next_ < end; ++next_, ++used) {

@@ -129,6 +129,9 @@ size_t VerbatimSize(DBTYPE type) {
   }
 }
 
+// 0, 1, 2, 3 for a width of 1, 2, 4, 8 bytes.
+size_t WidthIndex(size_t n) { return n == 1 ? 0 : n == 2 ? 1 : n == 4 ? 2 : 3; }
+
 // Frees what a conversion into a scratch buffer allocated.
 void FreeConverted(DBTYPE type, void* dst) {
   if (type == DBTYPE_VARIANT) {
@@ -304,16 +307,20 @@ void CDataStore::PlanFill() {
   m_FillSteps.clear();
   for (DBORDINAL j = 0; j < m_cColumns; ++j) {
     const DataStoreColumnInfo& col = m_pColumnInfo[j];
-    FillStep step{j < m_FieldOfColumn.size() ? m_FieldOfColumn[j] : static_cast<size_t>(j), j, FillStep::kOther, 0};
+    FillStep step{j < m_FieldOfColumn.size() ? m_FieldOfColumn[j] : static_cast<size_t>(j),
+                  j,
+                  FillStep::kOther,
+                  static_cast<VARTYPE>(col.wType),
+                  col.cbOffset,
+                  col.cbStatus};
     if (col.wType == DBTYPE_WSTR) {
       step.kind = FillStep::kWide;
     } else if (col.wType == DBTYPE_DBTIMESTAMP) {
       step.kind = FillStep::kTime;
     } else if (col.wType == DBTYPE_VARIANT) {
       step.kind = FillStep::kVariant;
-    } else if (VerbatimSize(col.wType) != 0) {
-      step.kind = FillStep::kFixed;
-      step.size = static_cast<uint8_t>(VerbatimSize(col.wType));
+    } else if (const size_t n = VerbatimSize(col.wType)) {
+      step.kind = static_cast<FillStep::Kind>(FillStep::kFixed1 + WidthIndex(n));
     }
     m_FillSteps.push_back(step);
   }
@@ -606,20 +613,6 @@ CDataStore::CellWrite CDataStore::WriteCell(const StoreValue& value, const DataS
   }
 }
 
-bool CDataStore::SameDay(ULONGLONG ticks, DBTIMESTAMP* ts) const {
-  if (ticks < m_DayStart || ticks >= m_DayEnd) return false;
-  // Truncated as FileTimeToSystemTime truncates.
-  const ULONGLONG rest = ticks - m_DayStart;
-  const uint32_t seconds = static_cast<uint32_t>(rest / kTicksPerSecond);
-  const uint32_t minutes = seconds / 60;
-  *ts = m_DayDate;
-  ts->hour = static_cast<USHORT>(minutes / 60);
-  ts->minute = static_cast<USHORT>(minutes % 60);
-  ts->second = static_cast<USHORT>(seconds % 60);
-  ts->fraction = static_cast<ULONG>(rest - ULONGLONG{seconds} * kTicksPerSecond) / 10000u * 1000000u;
-  return true;
-}
-
 bool CDataStore::WriteCommonCell(const StoreValue& value, const DataStoreColumnInfo& col,
                                  CRefCountedDataStoreRow* row) {
   // The cells of nearly every row of history: text that fits its column, a time of the
@@ -717,26 +710,28 @@ HRESULT CDataStore::FillRow(const ProducedRecord& record, CRefCountedDataStoreRo
   for (const FillStep& step : m_FillSteps) {
     if (step.field >= fields) continue;  // the row starts with every cell null
     const StoreValue& value = record[step.field];
-    const DataStoreColumnInfo& col = m_pColumnInfo[step.column];
     timer.BeforeCell();
     if (traced) {
+      const DataStoreColumnInfo& col = m_pColumnInfo[step.column];
       CVTRACE(TRACE_DETAIL, OLESTR("CDataStore::SetValue -> rColInfo.wType = %d, rColInfo.cbOffset = %d"),
               static_cast<int>(col.wType), static_cast<int>(col.cbOffset));
     }
     // The usual value for the column's type, written in place; the rows are this
     // store's, so every cell fits.
-    BYTE* cell = buffer + col.cbOffset;
+    BYTE* cell = buffer + step.cell;
     switch (step.kind) {
       case FillStep::kWide:
         if (value.Kind == StoreValue::kText) {
           const SharedTextHit& hit = m_LastShared[step.column];
-          // The same text as this column's last, by address and then by content: the
-          // producer may lend other text from the same place.
+          // The same text as this column's last, by address and then, unless the
+          // producer keeps it unchanged, by content: it may lend other text from the
+          // same place.
           if (hit.source == value.Text && hit.length == value.TextLength && value.Text &&
-              std::memcmp(value.Text, hit.cell.text, hit.cell.length * sizeof(OLECHAR)) == 0 &&
-              (hit.cell.length == hit.length || value.Text[hit.cell.length] == 0)) {
+              (value.TextFixed ||
+               (std::memcmp(value.Text, hit.cell.text, hit.cell.length * sizeof(OLECHAR)) == 0 &&
+                (hit.cell.length == hit.length || value.Text[hit.cell.length] == 0)))) {
             std::memcpy(cell, &hit.cell, sizeof hit.cell);
-            buffer[col.cbStatus] = kStatusValue;
+            buffer[step.status] = kStatusValue;
             continue;
           }
         }
@@ -746,7 +741,7 @@ HRESULT CDataStore::FillRow(const ProducedRecord& record, CRefCountedDataStoreRo
           DBTIMESTAMP ts;
           if (SameDay((static_cast<ULONGLONG>(value.Time.dwHighDateTime) << 32) | value.Time.dwLowDateTime, &ts)) {
             std::memcpy(cell, &ts, sizeof ts);
-            buffer[col.cbStatus] = kStatusValue;
+            buffer[step.status] = kStatusValue;
             continue;
           }
         }
@@ -757,31 +752,31 @@ HRESULT CDataStore::FillRow(const ProducedRecord& record, CRefCountedDataStoreRo
           std::memcpy(&old, cell, sizeof old);
           if (CRefCountedDataStoreRow::OwnsNothing(old)) {
             std::memcpy(cell, &value.Value, sizeof(VARIANT));
-            buffer[col.cbStatus] = kStatusValue;
+            buffer[step.status] = kStatusValue;
             continue;
           }
         }
         break;
-      case FillStep::kFixed:
-        // The fixed-size cell types are numbered as their VARIANT types.
-        if (value.Kind == StoreValue::kVariant && V_VT(&value.Value) == static_cast<VARTYPE>(col.wType)) {
-          switch (step.size) {
-            case 1: std::memcpy(cell, &V_I8(&value.Value), 1); break;
-            case 2: std::memcpy(cell, &V_I8(&value.Value), 2); break;
-            case 4: std::memcpy(cell, &V_I8(&value.Value), 4); break;
+      case FillStep::kFixed1: case FillStep::kFixed2: case FillStep::kFixed4: case FillStep::kFixed8:
+        if (value.Kind == StoreValue::kVariant && V_VT(&value.Value) == step.vt) {
+          switch (step.kind) {
+            case FillStep::kFixed1: std::memcpy(cell, &V_I8(&value.Value), 1); break;
+            case FillStep::kFixed2: std::memcpy(cell, &V_I8(&value.Value), 2); break;
+            case FillStep::kFixed4: std::memcpy(cell, &V_I8(&value.Value), 4); break;
             default: std::memcpy(cell, &V_I8(&value.Value), 8); break;
           }
-          buffer[col.cbStatus] = kStatusValue;
+          buffer[step.status] = kStatusValue;
           continue;
         }
         break;
       case FillStep::kOther:
         break;
     }
+    const DataStoreColumnInfo& col = m_pColumnInfo[step.column];
     if (WriteCommonCell(value, col, row)) continue;
     const CellWrite result = WriteCell(value, col, row);
     timer.AfterCell(result);
-    if (result != CellWrite::Written) buffer[col.cbStatus] = kStatusNull;
+    if (result != CellWrite::Written) buffer[step.status] = kStatusNull;
   }
   return S_OK;
 }
@@ -900,18 +895,19 @@ std::vector<CDataStore::BindingStep> CDataStore::PlanBindings(const DBBINDING* b
     if (col.wType == DBTYPE_VARIANT) {
       if (b.wType == DBTYPE_VARIANT) {
         step.kind = BindingStep::kVariant;
-      } else if (VerbatimSize(b.wType) != 0) {
-        step.kind = BindingStep::kVariantScalar;
+      } else if (const size_t n = VerbatimSize(b.wType)) {
+        step.kind = static_cast<BindingStep::Kind>(BindingStep::kVariant1 + WidthIndex(n));
         step.vt = static_cast<VARTYPE>(b.wType);
-        step.size = static_cast<uint8_t>(VerbatimSize(b.wType));
+        step.size = static_cast<uint8_t>(n);
       }
     } else if (b.wType == DBTYPE_WSTR && col.wType == DBTYPE_WSTR) {
       if (b.cbMaxLen >= sizeof(OLECHAR)) step.kind = BindingStep::kWideText;
     } else if (col.wType == b.wType && col.wType == DBTYPE_DBTIMESTAMP) {
       step.kind = BindingStep::kTimestamp;
     } else if (col.wType == b.wType && VerbatimSize(col.wType) != 0) {
-      step.kind = BindingStep::kFixed;
-      step.size = static_cast<uint8_t>(VerbatimSize(col.wType));
+      const size_t n = VerbatimSize(col.wType);
+      step.kind = static_cast<BindingStep::Kind>(BindingStep::kFixed1 + WidthIndex(n));
+      step.size = static_cast<uint8_t>(n);
     }
   }
   return plan;
@@ -922,19 +918,15 @@ namespace {
 // One planned binding of a row that holds a value: false when the general path has to
 // decide (the value needs the conversion service). *length receives the value's length.
 inline bool CopyStep(const CDataStore::BindingStep& step, const BYTE* row, BYTE* dst, DBLENGTH* length) {
+  using Step = CDataStore::BindingStep;
   const BYTE* source = row + step.value;
+  // Constant sizes: a move each, not a call.
   switch (step.kind) {
-    case CDataStore::BindingStep::kFixed:
-      // Constant sizes: a move each, not a call.
-      switch (step.size) {
-        case 1: std::memcpy(dst, source, 1); break;
-        case 2: std::memcpy(dst, source, 2); break;
-        case 4: std::memcpy(dst, source, 4); break;
-        default: std::memcpy(dst, source, 8); break;
-      }
-      *length = step.size;
-      return true;
-    case CDataStore::BindingStep::kTimestamp: {
+    case Step::kFixed1: std::memcpy(dst, source, 1); break;
+    case Step::kFixed2: std::memcpy(dst, source, 2); break;
+    case Step::kFixed4: std::memcpy(dst, source, 4); break;
+    case Step::kFixed8: std::memcpy(dst, source, 8); break;
+    case Step::kTimestamp: {
       DBTIMESTAMP ts;
       std::memcpy(&ts, source, sizeof ts);
       // Years outside 1..9999 are for the conversion service to judge.
@@ -943,7 +935,7 @@ inline bool CopyStep(const CDataStore::BindingStep& step, const BYTE* row, BYTE*
       *length = sizeof ts;
       return true;
     }
-    case CDataStore::BindingStep::kWideText: {
+    case Step::kWideText: {
       const StoredText text = TextOf(source);
       const DBLENGTH bytes = text.length * sizeof(OLECHAR);
       // Text that fits with its terminator is copied whole by every conversion library.
@@ -952,7 +944,7 @@ inline bool CopyStep(const CDataStore::BindingStep& step, const BYTE* row, BYTE*
       *length = bytes;
       return true;
     }
-    case CDataStore::BindingStep::kVariant: {
+    case Step::kVariant: {
       VARTYPE vt;
       std::memcpy(&vt, source, sizeof vt);
       // A null or an error code is a status to the service, not a value.
@@ -961,23 +953,24 @@ inline bool CopyStep(const CDataStore::BindingStep& step, const BYTE* row, BYTE*
       *length = sizeof(VARIANT);
       return true;
     }
-    case CDataStore::BindingStep::kVariantScalar: {
+    case Step::kVariant1: case Step::kVariant2: case Step::kVariant4: case Step::kVariant8: {
       VARTYPE vt;
       std::memcpy(&vt, source, sizeof vt);
       if (vt != step.vt) return false;
-      switch (step.size) {
-        case 1: std::memcpy(dst, source + kVariantValueOffset, 1); break;
-        case 2: std::memcpy(dst, source + kVariantValueOffset, 2); break;
-        case 4: std::memcpy(dst, source + kVariantValueOffset, 4); break;
-        default: std::memcpy(dst, source + kVariantValueOffset, 8); break;
+      source += kVariantValueOffset;
+      switch (step.kind) {
+        case Step::kVariant1: std::memcpy(dst, source, 1); break;
+        case Step::kVariant2: std::memcpy(dst, source, 2); break;
+        case Step::kVariant4: std::memcpy(dst, source, 4); break;
+        default: std::memcpy(dst, source, 8); break;
       }
-      *length = step.size;
-      return true;
-    }
-    case CDataStore::BindingStep::kGeneral:
       break;
+    }
+    case Step::kGeneral:
+      return false;
   }
-  return false;
+  *length = step.size;
+  return true;
 }
 
 }  // namespace

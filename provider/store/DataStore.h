@@ -59,10 +59,18 @@ class CDataStore {
   // would only copy it, else the general path. A plain copy still falls back to the
   // general path for a value that needs the service.
   struct BindingStep {
-    enum Kind : uint8_t { kGeneral, kFixed, kTimestamp, kWideText, kVariant, kVariantScalar };
+    // The copy's width is part of the kind so that a copy is one switch, not two.
+    enum Kind : uint8_t {
+      kGeneral,
+      kFixed1, kFixed2, kFixed4, kFixed8,  // the cell as it is
+      kTimestamp,
+      kWideText,
+      kVariant,
+      kVariant1, kVariant2, kVariant4, kVariant8  // the value of a VARIANT of type `vt`
+    };
     Kind kind = kGeneral;
-    uint8_t size = 0;       // bytes copied by kFixed and kVariantScalar
-    VARTYPE vt = VT_EMPTY;  // the VARIANT type kVariantScalar copies from
+    uint8_t size = 0;       // bytes copied by the fixed and VARIANT-value kinds
+    VARTYPE vt = VT_EMPTY;  // the VARIANT type kVariant1..8 copy from
     bool length = false;      // the binding's parts: length
     bool state = false;       // and status
     DBBYTEOFFSET status = 0;  // the column's status byte in the row
@@ -148,8 +156,22 @@ class CDataStore {
   // row's own buffer. A null text pointer when memory runs out.
   StoredText PlaceWideText(const StoreValue& value, const OLECHAR* text, size_t length,
                            const DataStoreColumnInfo& col, CRefCountedDataStoreRow* row);
-  // The timestamp of `ticks` when it falls on the day of the last one converted.
-  bool SameDay(ULONGLONG ticks, DBTIMESTAMP* ts) const;
+  // The timestamp of `ticks` when it falls on the day of the last one converted. Nearly
+  // every timestamp cell of a read takes this path, so it is defined here, to be inlined.
+  bool SameDay(ULONGLONG ticks, DBTIMESTAMP* ts) const {
+    if (ticks < m_DayStart || ticks >= m_DayEnd) return false;
+    // Truncated as FileTimeToSystemTime truncates.
+    constexpr ULONGLONG kSecond = 10000000ull;  // FILETIME ticks
+    const ULONGLONG rest = ticks - m_DayStart;
+    const uint32_t seconds = static_cast<uint32_t>(rest / kSecond);
+    const uint32_t minutes = seconds / 60;
+    *ts = m_DayDate;
+    ts->hour = static_cast<USHORT>(minutes / 60);
+    ts->minute = static_cast<USHORT>(minutes % 60);
+    ts->second = static_cast<USHORT>(seconds % 60);
+    ts->fraction = static_cast<ULONG>(rest - ULONGLONG{seconds} * kSecond) / 10000u * 1000000u;
+    return true;
+  }
   void FreeColumnInfo();
   CRefCountedDataStoreRow* NewRow();
   HRESULT FillRow(const ProducedRecord& record, CRefCountedDataStoreRow* row, CellRunTimer& timer);
@@ -171,11 +193,13 @@ class CDataStore {
   // How FillRow writes each column when its value is of the usual kind for the
   // column's type; anything else goes through WriteCommonCell and WriteCell.
   struct FillStep {
-    enum Kind : uint8_t { kOther, kWide, kTime, kVariant, kFixed };
+    enum Kind : uint8_t { kOther, kWide, kTime, kVariant, kFixed1, kFixed2, kFixed4, kFixed8 };
     size_t field;  // in the producer's records
     DBORDINAL column;
     Kind kind;
-    uint8_t size;  // kFixed: the value's bytes; its VARIANT type is the column's type
+    VARTYPE vt;             // kFixed1..8: the value's VARIANT type, numbered as the column's type
+    DBBYTEOFFSET cell;      // the column's value and status byte in the row, so that the
+    DBBYTEOFFSET status;    // usual cells never read the column description
   };
   std::vector<FillStep> m_FillSteps;
   void PlanFill();

@@ -111,6 +111,9 @@ CRefCountedDataStoreRow::Pool::Pool(const DataStoreColumnInfo* columns, DBORDINA
     if (columns[i].wType == DBTYPE_VARIANT || columns[i].wType == kStrRef || columns[i].wType == kWStrRef)
       m_Owning.push_back(i);
   }
+  DBBYTEOFFSET firstValue = rowSize;
+  for (DBORDINAL i = 0; i < count; ++i) firstValue = std::min(firstValue, columns[i].cbOffset);
+  m_bStatusWord = firstValue >= sizeof(uint64_t);
   const size_t perRow = sizeof(CRefCountedDataStoreRow) + static_cast<size_t>(rowSize);
   m_MaxFree = std::min<size_t>(kMaxFreeRows, kMaxFreeBytes / perRow);
 }
@@ -134,7 +137,13 @@ CRefCountedDataStoreRow* CRefCountedDataStoreRow::Pool::Take() {
     row->m_cRef.store(1, std::memory_order_relaxed);
     // Released contents are already empty cells; only the status bytes still say
     // what the previous row held.
-    std::memset(row->m_pBuffer, 0, static_cast<size_t>(m_cbStatus));
+    if (m_bStatusWord) {
+      // Most rows have few columns: one store, over the padding before the first value.
+      const uint64_t none = 0;
+      std::memcpy(row->m_pBuffer, &none, sizeof none);
+    } else {
+      std::memset(row->m_pBuffer, 0, static_cast<size_t>(m_cbStatus));
+    }
     return row;
   }
 

@@ -2,6 +2,7 @@
 // values to a data store: a column record per declared column, a store value per cell,
 // and a produced record per row (one store value per column of the producer's list).
 #pragma once
+#include <cstdint>
 #include <cstring>
 #include <vector>
 
@@ -30,16 +31,19 @@ struct StoreValue {
   FILETIME Time{};
   const OLECHAR* Text = nullptr;
   UINT TextLength = 0;
+  // kText: the producer never changes the text at this address while it lives, so a
+  // store that has seen it there need not compare it again.
+  bool TextFixed = false;
 
   StoreValue() { VariantInit(&Value); }
   ~StoreValue() { VariantClear(&Value); }
   StoreValue(const StoreValue& other)
-      : Kind(other.Kind), Time(other.Time), Text(other.Text), TextLength(other.TextLength) {
+      : Kind(other.Kind), Time(other.Time), Text(other.Text), TextLength(other.TextLength), TextFixed(other.TextFixed) {
     VariantInit(&Value);
     VariantCopy(&Value, const_cast<VARIANT*>(&other.Value));
   }
   StoreValue(StoreValue&& other) noexcept
-      : Kind(other.Kind), Time(other.Time), Text(other.Text), TextLength(other.TextLength) {
+      : Kind(other.Kind), Time(other.Time), Text(other.Text), TextLength(other.TextLength), TextFixed(other.TextFixed) {
     std::memcpy(&Value, &other.Value, sizeof Value);
     VariantInit(&other.Value);
     other.Kind = kNone;
@@ -63,10 +67,21 @@ struct StoreValue {
     return *this;
   }
 
+  // EMPTY..DATE, ERROR, BOOL and I1..UINT: the types whose VARIANT is its bytes. Every
+  // refilled value and every fetched cell asks this, so it is a bit test, not a call.
+  static bool OwnsNothing(VARTYPE vt) {
+    constexpr uint32_t kPlain = 0x00FF0CFFu;
+    return vt < 32 && ((kPlain >> vt) & 1u) != 0;
+  }
+
   // Back to nothing, keeping the object for the next row.
   void Reset() {
-    // Most refilled values hold a time or lent text and no VARIANT at all.
-    if (V_VT(&Value) != VT_EMPTY) VariantClear(&Value);
+    // Most refilled values hold a number, a time or lent text: nothing to free.
+    if (OwnsNothing(V_VT(&Value))) {
+      V_VT(&Value) = VT_EMPTY;
+    } else {
+      VariantClear(&Value);
+    }
     Kind = kNone;
   }
 
@@ -76,11 +91,12 @@ struct StoreValue {
     Kind = kTime;
     Time = time;
   }
-  void SetText(const OLECHAR* text, size_t length) {
+  void SetText(const OLECHAR* text, size_t length, bool fixed = false) {
     Reset();
     Kind = kText;
     Text = text;
     TextLength = static_cast<UINT>(length);
+    TextFixed = fixed;
   }
   void Take(VARIANT* value) {
     Reset();
@@ -110,6 +126,7 @@ struct StoreValue {
     Time = other.Time;
     Text = other.Text;
     TextLength = other.TextLength;
+    TextFixed = other.TextFixed;
   }
 };
 

@@ -157,7 +157,7 @@ HRESULT CTableRawData::Step() {
   }
   if (!readFailed) {
     // Records of earlier pages come back emptied from the store and are filled again.
-    ProducedRecordList records = TakeSpareRecords();
+    ProducedRecordList records = TakeSpareRecords(list->count);
     size_t used = 0;
     for (ULONG i = 0; i < list->count; ++i) {
       HistoryValue& sample = list->values[i];
@@ -178,9 +178,10 @@ HRESULT CTableRawData::Step() {
         if (FAILED(hr)) break;
         hr = S_OK;
       }
-      // The tag's name lives as long as this table, so the row only points at it; the
-      // value is taken from the page, which is freed below anyway.
-      record[0].SetText(tagName.data(), tagName.size());
+      // The tag's name lives unchanged as long as this table (the names are settled in
+      // Prepare), so the row only points at it; the value is taken from the page, which
+      // is freed below anyway.
+      record[0].SetText(tagName.data(), tagName.size(), true);
       record[1].SetTime(sample.timestamp);
       VARIANT q;
       V_VT(&q) = VT_UI4;

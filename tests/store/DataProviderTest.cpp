@@ -25,8 +25,10 @@ class CountingProvider : public CDataProvider {
     ++steps;
     return result_;
   }
+  using CDataProvider::EnableRecordReuse;
   using CDataProvider::PushPendingItem;
   using CDataProvider::SetMoreData;
+  using CDataProvider::TakeSpareRecords;
   std::atomic<int> steps{0};
 
  private:
@@ -42,6 +44,25 @@ bool WaitUntil(const std::function<bool()>& done) {
 }
 
 class DataProviderWorker : public LeakCheckedTest {};
+
+// A step takes no more spare records than its page needs, across the batches given
+// back, and the rest wait for the next step: dropping them would free and remake
+// records every page.
+TEST_F(DataProviderWorker, SpareRecordsAreTakenAtMostAPageAtATime) {
+  CountingProvider provider;
+  provider.EnableRecordReuse();
+  for (size_t batch : {2u, 3u}) {
+    ProducedRecordList used(batch, ProducedRecord(2));
+    for (ProducedRecord& r : used) r[1].SetText(OLESTR("x"), 1);
+    provider.RecycleRecords(used);
+    EXPECT_TRUE(used.empty());
+  }
+  for (size_t expected : {3u, 2u, 0u}) {
+    const ProducedRecordList spare = provider.TakeSpareRecords(3);
+    EXPECT_EQ(expected, spare.size());
+    for (const ProducedRecord& r : spare) EXPECT_EQ(2u, r.size());
+  }
+}
 
 // A signal before the worker runs is lost; a second start while it runs is refused and
 // leaves the first worker its events.
