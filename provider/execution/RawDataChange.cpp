@@ -21,11 +21,6 @@ namespace {
 constexpr ULONG64 kLastTime = 0x7FFFFFFFFFFFFFFFull;  // the largest FILETIME
 enum : size_t { kTagField = 0, kTimeField = 1, kQualityField = 2, kValueField = 3 };
 
-bool IsColumnNamed(const CSQLCalcItem* item, const OLECHAR* name) {
-  return item && item->Kind() == SQL_CALC_TABLE_COLUMN &&
-         corvane::WIEquals(static_cast<const CSQLCalcItemTableColumn*>(item)->ColumnName(), name);
-}
-
 // True when the item reads a column anywhere in it.
 bool ReadsColumns(const CSQLCalcItem* item) {
   std::vector<const CSQLCalcItem*> pending{item};

@@ -25,11 +25,6 @@ const CSQLCalcItemTableColumn* AsColumn(const CSQLCalcItem* item) {
   return item && item->Kind() == SQL_CALC_TABLE_COLUMN ? static_cast<const CSQLCalcItemTableColumn*>(item) : nullptr;
 }
 
-bool IsColumnNamed(const CSQLCalcItem* item, const OLECHAR* name) {
-  const CSQLCalcItemTableColumn* column = AsColumn(item);
-  return column && corvane::WIEquals(column->ColumnName(), name);
-}
-
 size_t FieldOf(const std::vector<ColumnRecord>& columns, const WString& name) {
   for (size_t i = 0; i < columns.size(); ++i)
     if (corvane::WIEquals(columns[i].ColumnName, name)) return i;
@@ -122,6 +117,11 @@ HRESULT FillSlot(const StoreValue* cell, CSQLCalcItemConst* slot) {
 }
 
 }  // namespace
+
+bool IsColumnNamed(const CSQLCalcItem* item, const OLECHAR* name) {
+  const CSQLCalcItemTableColumn* column = AsColumn(item);
+  return column && corvane::WIEquals(column->ColumnName(), name);
+}
 
 bool ComparedText(const CSQLCalcItem* item, const SQLBindContext& context, WString* text) {
   if (!item) return false;
