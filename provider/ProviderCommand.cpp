@@ -9,6 +9,7 @@
 #include "SQLParser/WalkStack.h"
 #include "base/Bstr.h"
 #include "base/ComPtr.h"
+#include "base/TaskMem.h"
 #include "provider/ErrorReporting.h"
 #include "base/InterfaceName.h"
 #include "provider/Module.h"
@@ -115,11 +116,9 @@ bool IsVariableLength(DBTYPE t) { return t == DBTYPE_STR || t == DBTYPE_WSTR || 
 HRESULT CProviderCommand::Create(CProviderSession* session, REFIID riid, IUnknown** ppCommand) {
   if (!session || !ppCommand) return E_INVALIDARG;
   *ppCommand = nullptr;
-  auto* command = new (std::nothrow) CProviderCommand(session);
+  corvane::ComPtr<ICommandText> command(new (std::nothrow) CProviderCommand(session));
   if (!command) return E_OUTOFMEMORY;
-  const HRESULT hr = command->QueryInterface(riid, reinterpret_cast<void**>(ppCommand));
-  static_cast<ICommandText*>(command)->Release();
-  return hr;
+  return command->QueryInterface(riid, reinterpret_cast<void**>(ppCommand));
 }
 
 namespace {
@@ -374,14 +373,10 @@ HRESULT CProviderCommand::GetColumnInfo(DBORDINAL* pcColumns, DBCOLUMNINFO** prg
   if (columnBindings_.empty()) return S_OK;
   size_t chars = 0;
   for (const auto& c : plan_->columns) chars += c.name.size() + 1;
-  auto* infos = static_cast<DBCOLUMNINFO*>(CoTaskMemAlloc(columnBindings_.size() * sizeof(DBCOLUMNINFO)));
-  auto* strings = static_cast<OLECHAR*>(CoTaskMemAlloc(chars * sizeof(OLECHAR)));
-  if (!infos || !strings) {
-    CoTaskMemFree(infos);
-    CoTaskMemFree(strings);
-    return E_OUTOFMEMORY;
-  }
-  OLECHAR* next = strings;
+  auto infos = corvane::TaskMem<DBCOLUMNINFO>::Allocate(columnBindings_.size());
+  auto strings = corvane::TaskMem<OLECHAR>::Allocate(chars);
+  if (!infos || !strings) return E_OUTOFMEMORY;
+  OLECHAR* next = strings.Get();
   for (size_t i = 0; i < columnBindings_.size(); ++i) {
     infos[i] = columnBindings_[i];
     const corvane::WStringView name = plan_->columns[i].name;
@@ -392,8 +387,8 @@ HRESULT CProviderCommand::GetColumnInfo(DBORDINAL* pcColumns, DBCOLUMNINFO** prg
     next += name.size() + 1;
   }
   *pcColumns = columnBindings_.size();
-  *prgInfo = infos;
-  *ppStringsBuffer = strings;
+  *prgInfo = infos.Detach();
+  *ppStringsBuffer = strings.Detach();
   return S_OK;
 }
 
@@ -503,28 +498,24 @@ HRESULT CProviderCommand::ConvertToDescribedType(IDataConvert* convert, DBTYPE d
 HRESULT CProviderCommand::FillParameters(const DBPARAMS& params, std::vector<VARIANT>& values) {
   DBACCESSORFLAGS flags = 0;
   DBCOUNTITEM count = 0;
-  DBBINDING* bindings = nullptr;
-  HRESULT hr = GetBindings(params.hAccessor, &flags, &count, &bindings);
-  if (SUCCEEDED(hr) && !(flags & DBACCESSOR_PARAMETERDATA)) {
-    // A row accessor of the command: it binds columns, not `?` values.
-    CoTaskMemFree(bindings);
-    hr = DB_E_BADACCESSORTYPE;
-  }
+  // The copy GetBindings makes carries no storage objects: CreateAccessor keeps none.
+  corvane::TaskMem<DBBINDING> bindings;
+  HRESULT hr = GetBindings(params.hAccessor, &flags, &count, bindings.Put());
+  // A row accessor of the command binds columns, not `?` values.
+  if (SUCCEEDED(hr) && !(flags & DBACCESSOR_PARAMETERDATA)) hr = DB_E_BADACCESSORTYPE;
   if (FAILED(hr)) {
     corvane::PostFailure(IID_ICommand, hr, kSource);
     CVTRACE(TRACE_ERROR, OLESTR("Failed to get bindings, HR = %X."), static_cast<unsigned>(hr));
     return hr;
   }
   if (params.cParamSets != 1) {
-    for (DBCOUNTITEM i = 0; i < count; ++i) CoTaskMemFree(bindings[i].pObject);
-    CoTaskMemFree(bindings);
     CVTRACE(TRACE_ERROR, OLESTR("MULTIPLEPARAMSETS is not allowed."));
     return E_FAIL;
   }
 
   const std::vector<ParameterDescription> described = ParameterDescriptions();
-  IDataConvert* convert = nullptr;
-  hr = corvane::CreateDataConvert(&convert);
+  corvane::ComPtr<IDataConvert> convert;
+  hr = corvane::CreateDataConvert(convert.Put());
   const BYTE* data = static_cast<const BYTE*>(params.pData);
   if (SUCCEEDED(hr) && count && !data) hr = E_INVALIDARG;
   for (DBCOUNTITEM i = 0; SUCCEEDED(hr) && i < count; ++i) {
@@ -559,7 +550,7 @@ HRESULT CProviderCommand::FillParameters(const DBPARAMS& params, std::vector<VAR
     for (const auto& d : described)
       if (d.ordinal == b.iOrdinal) wanted = TravellingType(d.type);
     if (wanted != DBTYPE_EMPTY && wanted != type) {
-      hr = ConvertToDescribedType(convert, wanted, type, length, source, b.bPrecision, b.bScale, convertFlags,
+      hr = ConvertToDescribedType(convert.Get(), wanted, type, length, source, b.bPrecision, b.bScale, convertFlags,
                                   &target);
       continue;
     }
@@ -567,9 +558,6 @@ HRESULT CProviderCommand::FillParameters(const DBPARAMS& params, std::vector<VAR
                               DBSTATUS_S_OK, &outStatus, b.bPrecision, b.bScale, convertFlags);
     if (SUCCEEDED(hr) && outStatus != DBSTATUS_S_OK) hr = DB_E_CANTCONVERTVALUE;
   }
-  if (convert) convert->Release();
-  for (DBCOUNTITEM i = 0; i < count; ++i) CoTaskMemFree(bindings[i].pObject);
-  CoTaskMemFree(bindings);
   if (FAILED(hr)) {
     corvane::PostFailure(IID_ICommand, hr, kSource);
     CVTRACE(TRACE_ERROR, OLESTR("Failed to fill parameters, HR = %X."), static_cast<unsigned>(hr));
@@ -661,11 +649,11 @@ HRESULT CProviderCommand::HandRowAccessorsTo(IUnknown* rowset) {
   bool any = false;
   for (const auto& entry : accessors_) any = any || (entry.second.flags & DBACCESSOR_ROWDATA);
   if (!any) return S_OK;
-  IAccessor* accessor = nullptr;
-  HRESULT hr = rowset->QueryInterface(IID_IAccessor, reinterpret_cast<void**>(&accessor));
+  corvane::ComPtr<IAccessor> accessor;
+  HRESULT hr = rowset->QueryInterface(IID_IAccessor, accessor.PutVoid());
   if (FAILED(hr)) return hr;
   // Execute's rowsets are all built on the shared rowset core, whose IAccessor this is.
-  auto* core = static_cast<CProviderIRowset*>(accessor);
+  auto* core = static_cast<CProviderIRowset*>(accessor.Get());
   for (const auto& entry : accessors_) {
     if (!(entry.second.flags & DBACCESSOR_ROWDATA)) continue;
     const Accessor& a = entry.second;
@@ -676,7 +664,6 @@ HRESULT CProviderCommand::HandRowAccessorsTo(IUnknown* rowset) {
       break;
     }
   }
-  accessor->Release();
   return hr;
 }
 
@@ -797,12 +784,9 @@ HRESULT CProviderCommand::CanConvert(DBTYPE wFromType, DBTYPE wToType, DBCONVERT
   const DBCONVERTFLAGS known = DBCONVERTFLAGS_PARAMETER | DBCONVERTFLAGS_ISLONG | DBCONVERTFLAGS_ISFIXEDLENGTH |
                                DBCONVERTFLAGS_FROMVARIANT;
   if (dwConvertFlags & ~known) return DB_E_BADCONVERTFLAG;
-  IDataConvert* convert = nullptr;
-  HRESULT hr = corvane::CreateDataConvert(&convert);
-  if (FAILED(hr)) return hr;
-  hr = convert->CanConvert(wFromType, wToType);
-  convert->Release();
-  return hr;
+  corvane::ComPtr<IDataConvert> convert;
+  const HRESULT hr = corvane::CreateDataConvert(convert.Put());
+  return FAILED(hr) ? hr : convert->CanConvert(wFromType, wToType);
 }
 
 // ---- ISupportErrorInfo

@@ -8,7 +8,10 @@
 #include "SQLParser/SQLParser.h"
 #include "SQLParser/TimeConversion.h"
 #include "provider/ErrorReporting.h"
+#include "base/ComPtr.h"
+#include "base/TaskMem.h"
 #include "base/Trace.h"
+#include "base/Variant.h"
 #include "provider/execution/RawDataChange.h"
 #include "provider/execution/RowEvaluator.h"
 #include "provider/execution/SelectListProducer.h"
@@ -45,27 +48,20 @@ WString FormatTime(const FILETIME& time) {
 }
 
 HRESULT ComputeTimeRange(Execution& ex) {
-  FILETIME* start = nullptr;
-  FILETIME* end = nullptr;
-  HRESULT hr = ex.dataSource->GetStartTimeForQuery(&start);
+  corvane::TaskMem<FILETIME> start, end;
+  HRESULT hr = ex.dataSource->GetStartTimeForQuery(start.Put());
   if (FAILED(hr)) return hr;
-  hr = ex.dataSource->GetEndTimeForQuery(&end);
-  if (FAILED(hr)) {
-    CoTaskMemFree(start);
-    return hr;
-  }
-  ULONG64 s = corvane::FileTimeToTicks(*start);
-  ULONG64 e = corvane::FileTimeToTicks(*end);
-  CoTaskMemFree(start);
-  CoTaskMemFree(end);
+  hr = ex.dataSource->GetEndTimeForQuery(end.Put());
+  if (FAILED(hr)) return hr;
+  ULONG64 s = corvane::FileTimeToTicks(*start.Get());
+  ULONG64 e = corvane::FileTimeToTicks(*end.Get());
   if (ex.query.Condition()) {
     hr = ReduceTimeRange(ex.query.Condition(), ex.request.binding, &s, &e);
     if (FAILED(hr)) return hr;
   }
   // The historian reads a range whose start is later than its end newest first; the
   // provider itself never sorts.
-  for (const SQLOrderingEntry& entry : ex.query.Ordering())
-    if (entry.descending && WIEquals(entry.column.ColumnName(), OLESTR("TIMESTAMP"))) std::swap(s, e);
+  if (ex.plan.newestFirst) std::swap(s, e);
   ex.start = corvane::TicksToFileTime(s);
   ex.end = corvane::TicksToFileTime(e);
   CVTRACE(TRACE_INFO, OLESTR("Execution will use start time = %s, end time = %s"), FormatTime(ex.start).c_str(),
@@ -291,15 +287,14 @@ HRESULT CheckRawDataStatement(const Execution& ex, const CSQLSelectItemTable** t
 
 // Writes one sample through the historian's insert.
 HRESULT InsertSample(Execution& ex, const CSQLSelectItemTable& table, const WString& tagName, HistoryValue* sample) {
-  IRawDataProvider* raw = nullptr;
-  HRESULT hr = ex.dataSource->GetRawDataProvider(&raw);
+  corvane::ComPtr<IRawDataProvider> raw;
+  HRESULT hr = ex.dataSource->GetRawDataProvider(raw.Put());
   if (FAILED(hr)) return hr;
   if (!raw) return CORVANE_E_MISSING_PARAMETER;
   TagIdent* tag = nullptr;
   hr = MakeTaskTagIdent(table.Catalog().c_str(), table.Schema().c_str(), tagName.c_str(), &tag);
   if (SUCCEEDED(hr)) hr = raw->InsertValue(tag, sample);
   FreeTagIdent(tag);
-  raw->Release();
   return hr;
 }
 
@@ -322,12 +317,10 @@ HRESULT InsertIntoRawDataTable(Execution& ex) {
     const CSQLCalcItem* column = insert.Columns()[i].get();
     const CSQLCalcItem* item = insert.Values()[i].get();
     if (IsColumnNamed(column, OLESTR("TAGNAME"))) {
-      VARIANT v;
-      VariantInit(&v);
-      hr = ValueOf(ex, item, &v);
-      if (SUCCEEDED(hr)) hr = VariantChangeType(&v, &v, 0, VT_BSTR);
-      if (SUCCEEDED(hr)) tagName.assign(V_BSTR(&v) ? V_BSTR(&v) : OLESTR(""), SysStringLen(V_BSTR(&v)));
-      VariantClear(&v);
+      corvane::Variant v;
+      hr = ValueOf(ex, item, v.Get());
+      if (SUCCEEDED(hr)) hr = VariantChangeType(v.Get(), v.Get(), 0, VT_BSTR);
+      if (SUCCEEDED(hr)) tagName.assign(V_BSTR(v.Get()) ? V_BSTR(v.Get()) : OLESTR(""), SysStringLen(V_BSTR(v.Get())));
     } else if (IsColumnNamed(column, OLESTR("TIMESTAMP"))) {
       ULONG64 ticks = 0;
       hr = EvaluateAsTime(item, ex.request.binding, &ticks);
@@ -402,23 +395,19 @@ HRESULT UpdateQuerySettingsTable(Execution& ex) {
     for (int k = 0; k < 6; ++k)
       if (IsColumnNamed(column, kSettings[k].name)) which = k;
     if (which < 0) return E_INVALIDARG;
-    VARIANT v;
-    VariantInit(&v);
-    hr = EvaluateAsValue(item, ex.request.binding, &v);
-    if (SUCCEEDED(hr)) hr = VariantChangeType(&v, &v, 0, kSettings[which].type);
-    if (FAILED(hr)) {
-      VariantClear(&v);
-      return hr;
-    }
+    corvane::Variant held;
+    VARIANT* v = held.Get();
+    hr = EvaluateAsValue(item, ex.request.binding, v);
+    if (SUCCEEDED(hr)) hr = VariantChangeType(v, v, 0, kSettings[which].type);
+    if (FAILED(hr)) return hr;
     switch (which) {
-      case 0: hr = ds->SetMaxRowsToReturn(static_cast<LONG>(V_UI4(&v))); break;
-      case 1: hr = ds->SetTreatUncertainAsGood(V_BOOL(&v) ? 1 : 0); break;
-      case 2: hr = ds->SetPercentDataBad(V_UI1(&v)); break;
-      case 3: hr = ds->SetPercentDataGood(V_UI1(&v)); break;
-      case 4: hr = ds->SetAllowEmptyTag(V_BOOL(&v) ? 1 : 0); break;
-      default: hr = ds->SetUseUserTimeRange(V_BOOL(&v) ? 1 : 0); break;
+      case 0: hr = ds->SetMaxRowsToReturn(static_cast<LONG>(V_UI4(v))); break;
+      case 1: hr = ds->SetTreatUncertainAsGood(V_BOOL(v) ? 1 : 0); break;
+      case 2: hr = ds->SetPercentDataBad(V_UI1(v)); break;
+      case 3: hr = ds->SetPercentDataGood(V_UI1(v)); break;
+      case 4: hr = ds->SetAllowEmptyTag(V_BOOL(v) ? 1 : 0); break;
+      default: hr = ds->SetUseUserTimeRange(V_BOOL(v) ? 1 : 0); break;
     }
-    VariantClear(&v);
     if (FAILED(hr)) return hr;
   }
   return S_OK;
@@ -556,9 +545,8 @@ HRESULT CCommandProviderRowset::Execute(const CommandExecutionRequest& request, 
   if (pcRowsAffected) *pcRowsAffected = ex.rowsAffected;
   if (!ppRowset || riid == IID_NULL) return hr;
 
-  auto* rowset = new (std::nothrow) CCommandProviderRowset(std::move(ex.store), request.creator);
+  corvane::ComPtr<CCommandProviderRowset> rowset(new (std::nothrow) CCommandProviderRowset(std::move(ex.store), request.creator));
   if (!rowset) return E_OUTOFMEMORY;
   const HRESULT qi = rowset->QueryInterface(riid, reinterpret_cast<void**>(ppRowset));
-  rowset->Release();
   return FAILED(qi) ? qi : hr;
 }

@@ -19,6 +19,9 @@ HRESULT StatementPlan::Make(std::shared_ptr<const CSQLQueryInfo> query, long par
       made->skip = q.RowLimitSkip();
       made->count = q.RowLimitCount();
     }
+    for (const SQLOrderingEntry& entry : q.Ordering())
+      if (entry.descending && corvane::WIEquals(entry.column.ColumnName(), OLESTR("TIMESTAMP")))
+        made->newestFirst = !made->newestFirst;
     if (q.FromItems().size() == 1) {
       made->from = q.FromItems().front().get();
       const HRESULT hr = made->DescribeSource();

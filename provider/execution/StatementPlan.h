@@ -60,6 +60,8 @@ struct StatementPlan {
   std::vector<const CSQLConditionNode*> tagCompared;
   std::vector<const CSQLConditionNode*> descriptionCompared;
 
+  // ORDER BY TIMESTAMP DESC: the range is read newest first (the provider never sorts).
+  bool newestFirst = false;
   // TOP / LIMIT: rows skipped, and rows served (-1 for all).
   LONGLONG skip = 0;
   LONGLONG count = -1;
