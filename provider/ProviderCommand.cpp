@@ -7,6 +7,9 @@
 #include "SQLParser/SQLCalcItemParameter.h"
 #include "SQLParser/SQLParser.h"
 #include "SQLParser/WalkStack.h"
+#include "base/Bstr.h"
+#include "base/ComPtr.h"
+#include "base/TaskMem.h"
 #include "provider/ErrorReporting.h"
 #include "base/InterfaceName.h"
 #include "provider/Module.h"
@@ -15,10 +18,7 @@
 #include "provider/RowsetPropertySets.h"
 #include "base/Trace.h"
 #include "provider/execution/CommandProviderRowset.h"
-#include "provider/execution/SelectListProducer.h"
-#include "provider/procedures/ProcedureCatalog.h"
 #include "provider/store/DataConvert.h"
-#include "provider/tables/TableFactory.h"
 
 using corvane::WString;
 
@@ -116,11 +116,9 @@ bool IsVariableLength(DBTYPE t) { return t == DBTYPE_STR || t == DBTYPE_WSTR || 
 HRESULT CProviderCommand::Create(CProviderSession* session, REFIID riid, IUnknown** ppCommand) {
   if (!session || !ppCommand) return E_INVALIDARG;
   *ppCommand = nullptr;
-  auto* command = new (std::nothrow) CProviderCommand(session);
+  corvane::ComPtr<ICommandText> command(new (std::nothrow) CProviderCommand(session));
   if (!command) return E_OUTOFMEMORY;
-  const HRESULT hr = command->QueryInterface(riid, reinterpret_cast<void**>(ppCommand));
-  static_cast<ICommandText*>(command)->Release();
-  return hr;
+  return command->QueryInterface(riid, reinterpret_cast<void**>(ppCommand));
 }
 
 namespace {
@@ -265,30 +263,17 @@ HRESULT CProviderCommand::PrepareLocked() {
   CVTRACE(TRACE_INFO, OLESTR("Called CProviderCommand::Prepare"));
   UnprepareLocked();
 
-  IProviderDataSource* ds = nullptr;
-  if (FAILED(session_->GetProviderDataSource(&ds)) || !ds)
-    return PostMessage(IID_ICommandPrepare, E_FAIL, OLESTR("Unable to get data source object."));
-  BSTR catalog = nullptr, schema = nullptr;
-  HRESULT hr = ds->GetDefaultCatalog(&catalog);
-  if (FAILED(hr)) {
-    ds->Release();
-    return PostMessage(IID_ICommandPrepare, hr, OLESTR("Unable to get default catalog."));
-  }
-  if (!catalog || !*catalog) {
-    SysFreeString(catalog);
-    ds->Release();
-    return PostMessage(IID_ICommandPrepare, E_FAIL, OLESTR("Default catalog is empty."));
-  }
-  hr = ds->GetDefaultSchema(&schema);
-  ds->Release();
-  if (FAILED(hr)) {
-    SysFreeString(catalog);
-    return PostMessage(IID_ICommandPrepare, hr, OLESTR("Unable to get default schema."));
-  }
-  if (!schema || !*schema) {
-    SysFreeString(catalog);
-    SysFreeString(schema);
-    return PostMessage(IID_ICommandPrepare, E_FAIL, OLESTR("Default schema is empty."));
+  corvane::Bstr catalog, schema;
+  {
+    corvane::ComPtr<IProviderDataSource> ds;
+    if (FAILED(session_->GetProviderDataSource(ds.Put())) || !ds)
+      return PostMessage(IID_ICommandPrepare, E_FAIL, OLESTR("Unable to get data source object."));
+    HRESULT hr = ds->GetDefaultCatalog(catalog.Put());
+    if (FAILED(hr)) return PostMessage(IID_ICommandPrepare, hr, OLESTR("Unable to get default catalog."));
+    if (!catalog || !*catalog.Get()) return PostMessage(IID_ICommandPrepare, E_FAIL, OLESTR("Default catalog is empty."));
+    hr = ds->GetDefaultSchema(schema.Put());
+    if (FAILED(hr)) return PostMessage(IID_ICommandPrepare, hr, OLESTR("Unable to get default schema."));
+    if (!schema || !*schema.Get()) return PostMessage(IID_ICommandPrepare, E_FAIL, OLESTR("Default schema is empty."));
   }
 
   if (!hasText_ || text_.empty()) {
@@ -298,14 +283,12 @@ HRESULT CProviderCommand::PrepareLocked() {
       OTraceMsg::TraceMsg(OLESTR("SQL query is empty."));
   }
   SQLParseRequest request;
-  request.defaultCatalog = corvane::WStringView(catalog, SysStringLen(catalog));
-  request.defaultSchema = corvane::WStringView(schema, SysStringLen(schema));
+  request.defaultCatalog = corvane::WStringView(catalog.Get(), catalog.Length());
+  request.defaultSchema = corvane::WStringView(schema.Get(), schema.Length());
   request.queryText = text_;
   WString parseError;
   std::unique_ptr<CSQLQueryInfo> query;
-  hr = CSQLParser::ParseQuery(request, &query, &parseError);
-  SysFreeString(catalog);
-  SysFreeString(schema);
+  HRESULT hr = CSQLParser::ParseQuery(request, &query, &parseError);
   if (FAILED(hr)) {
     CVTRACE(TRACE_ERROR, OLESTR("ERROR in CProviderCommand::Prepare, Failed to parse the query"));
     return PostMessage(IID_ICommandPrepare, hr, parseError.c_str());
@@ -320,16 +303,19 @@ HRESULT CProviderCommand::PrepareLocked() {
     CVTRACE(TRACE_ERROR, OLESTR("ERROR in CProviderCommand::Prepare, %s"), counter.badCallMessage.c_str());
     return PostMessage(IID_ICommandPrepare, counter.badCall, counter.badCallMessage.c_str());
   }
-  query_ = std::move(query);
-  parameterCount_ = counter.highest;
-
-  hr = InitializeOutputColumns();
+  std::shared_ptr<const StatementPlan> plan;
+  hr = StatementPlan::Make(std::move(query), counter.highest, &plan);
+  if (SUCCEEDED(hr) && plan->unknownColumn) {
+    CVTRACE(TRACE_ERROR, OLESTR("Column '%s' is not a column of table '%s'"), plan->unknownColumn->ColumnName().c_str(),
+            plan->source->Name.c_str());
+    hr = DB_E_ERRORSINCOMMAND;
+  }
   if (FAILED(hr)) {
     CVTRACE(TRACE_ERROR, OLESTR("ERROR in CProviderCommand::SetCommandText, Failed to initialize output columns"));
-    PostMessage(IID_ICommandPrepare, hr, OLESTR("Unable to initialize output columns. Please, check the column names."));
-    UnprepareLocked();
-    return hr;
+    return PostMessage(IID_ICommandPrepare, hr,
+                       OLESTR("Unable to initialize output columns. Please, check the column names."));
   }
+  plan_ = std::move(plan);
   hr = CreateColumnBindings();
   if (FAILED(hr)) {
     CVTRACE(TRACE_ERROR, OLESTR("ERROR in CProviderCommand::SetCommandText, Failed to create column bindings"));
@@ -349,130 +335,16 @@ HRESULT CProviderCommand::Unprepare() {
 }
 
 void CProviderCommand::UnprepareLocked() {
-  query_.reset();
-  parameterCount_ = 0;
-  outputColumns_.clear();
+  plan_.reset();
   columnBindings_.clear();
 }
 
-long CProviderCommand::PreparedParameterCount() { return query_ ? parameterCount_ : -1; }
-
-// What a consumer will read, as far as the statement tells before it runs. EXEC gives
-// every column of its procedure; a SELECT narrows the columns of the table or procedure
-// it names to its select list, the way execution does (so a computed item gets the type
-// execution gives it). A statement that names an unknown table or procedure prepares
-// without columns: its execution reports the name.
-HRESULT CProviderCommand::InitializeOutputColumns() {
-  outputColumns_.clear();
-  const CSQLQueryInfo& q = *query_;
-  if (q.FromItems().size() != 1) return S_OK;
-  const CSQLSelectItem& from = *q.FromItems().front();
-  const int kind = q.StatementKind();
-
-  // Tables and procedures are read from their catalog entries in place.
-  const TableInfo* source = nullptr;
-  if (from.Kind() == SQL_SELECT_ITEM_SP) {
-    const ProcedureInfo* info = FindProcedure(static_cast<const CSQLSelectItemSP&>(from).ProcedureName().c_str());
-    if (!info) return S_OK;
-    if (kind != SQL_STATEMENT_SELECT) {
-      outputColumns_.reserve(info->Columns.size());
-      for (const auto& c : info->Columns) outputColumns_.push_back({c.Name, c.wType, c.ColumnSize, c.dwFlags});
-      return S_OK;
-    }
-    source = &info->Table;
-  } else {
-    const WString& tableName = static_cast<const CSQLSelectItemTable&>(from).TableName();
-    if (kind == SQL_STATEMENT_INSERT || kind == SQL_STATEMENT_UPDATE || kind == SQL_STATEMENT_DELETE) {
-      // The same table gives the same result columns: asked once while it stays the same.
-      if (!hasResultColumns_ || resultColumnsTable_ != tableName) {
-        hasResultColumns_ = false;
-        resultColumns_ = CTableFactory::ResultColumns(tableName.c_str());
-        resultColumnsTable_ = tableName;
-        hasResultColumns_ = true;
-      }
-      outputColumns_.reserve(resultColumns_.size());
-      for (const auto& c : resultColumns_) outputColumns_.push_back({c.ColumnAlias, c.wType, c.ColumnSize, c.dwFlags});
-      return S_OK;
-    }
-    if (kind != SQL_STATEMENT_SELECT) return S_OK;
-    source = CTableFactory::FindTableInfo(tableName.c_str());
-    if (!source) return S_OK;
-  }
-
-  // Every named column must exist.
-  auto sourceColumn = [source](const WString& name) -> const ColumnRecord* {
-    for (const auto& c : source->Columns)
-      if (corvane::WIEquals(c.ColumnName, name) || corvane::WIEquals(c.ColumnAlias, name)) return &c;
-    return nullptr;
-  };
-  bool computed = false;
-  for (const auto& column : q.SelectColumns()) {
-    const CSQLCalcItem* item = column->Item();
-    if (item && item->Kind() == SQL_CALC_TABLE_COLUMN && column->ColumnName() != OLESTR("*") &&
-        !sourceColumn(column->ColumnName())) {
-      CVTRACE(TRACE_ERROR, OLESTR("Column '%s' is not a column of table '%s'"), column->ColumnName().c_str(),
-              source->Name.c_str());
-      return DB_E_ERRORSINCOMMAND;
-    }
-    if (!item || item->Kind() != SQL_CALC_TABLE_COLUMN) computed = true;
-  }
-
-  // The select list shaped as execution shapes it, with every `?` still empty: where
-  // that works, its columns are exactly the ones the rowset will have. Only computed
-  // items read the binding, so plain columns need no clock and no `?` values.
-  std::vector<VARIANT> unset;
-  SQLBindContext context;
-  bool bindable = true;
-  if (computed) {
-    unset.resize(static_cast<size_t>(parameterCount_ > 0 ? parameterCount_ : 0));
-    for (auto& v : unset) VariantInit(&v);
-    context.parameters = unset.data();
-    context.parameterCount = unset.size();
-    bindable = SUCCEEDED(SetReferenceTimesToNow(&context));
-  }
-  bool plain = true;
-  if (bindable && SUCCEEDED(CSelectListProducer::DescribeOutputs(q, *source, context, &shapes_, &plain))) {
-    outputColumns_.reserve(shapes_.size());
-    for (const auto& s : shapes_) {
-      if (s.expression) {
-        outputColumns_.push_back({s.alias, s.wType, s.ColumnSize, 0});
-        continue;
-      }
-      const ColumnRecord& c = source->Columns[s.sourceField];
-      outputColumns_.push_back({s.alias.empty() ? corvane::WStringView(c.ColumnAlias) : s.alias, c.wType,
-                                c.ColumnSize, 0});
-    }
-    return S_OK;
-  }
-  outputColumns_.clear();
-
-  // Where it does not, named columns as the catalog has them and a computed item as a
-  // VARIANT until execution can type it.
-  for (const auto& column : q.SelectColumns()) {
-    const CSQLCalcItem* item = column->Item();
-    if (item && item->Kind() == SQL_CALC_TABLE_COLUMN) {
-      if (column->ColumnName() == OLESTR("*")) {
-        for (const auto& c : source->Columns)
-          outputColumns_.push_back({c.ColumnAlias, c.wType, c.ColumnSize, c.dwFlags});
-        continue;
-      }
-      const ColumnRecord& c = *sourceColumn(column->ColumnName());
-      outputColumns_.push_back({column->DisplayName().empty() ? corvane::WStringView(c.ColumnAlias)
-                                                              : corvane::WStringView(column->DisplayName()),
-                                c.wType, c.ColumnSize, c.dwFlags});
-      continue;
-    }
-    outputColumns_.push_back({column->DisplayName().empty() ? column->ColumnName() : column->DisplayName(),
-                              DBTYPE_VARIANT, sizeof(VARIANT),
-                              static_cast<DWORD>(DBCOLUMNFLAGS_ISNULLABLE | DBCOLUMNFLAGS_MAYBENULL)});
-  }
-  return S_OK;
-}
+long CProviderCommand::PreparedParameterCount() { return plan_ ? plan_->parameterCount : -1; }
 
 HRESULT CProviderCommand::CreateColumnBindings() {
   columnBindings_.clear();
   DBORDINAL ordinal = 0;
-  for (const auto& c : outputColumns_) {
+  for (const auto& c : plan_->columns) {
     DBCOLUMNINFO info;
     std::memset(&info, 0, sizeof info);
     info.iOrdinal = ++ordinal;
@@ -497,21 +369,17 @@ HRESULT CProviderCommand::GetColumnInfo(DBORDINAL* pcColumns, DBCOLUMNINFO** prg
   if (ppStringsBuffer) *ppStringsBuffer = nullptr;
   if (!pcColumns || !prgInfo || !ppStringsBuffer) return E_INVALIDARG;
   corvane::platform::CriticalSectionLock guard(CommandLock());
-  if (!query_) return hasText_ ? DB_E_NOTPREPARED : DB_E_NOCOMMAND;
+  if (!plan_) return hasText_ ? DB_E_NOTPREPARED : DB_E_NOCOMMAND;
   if (columnBindings_.empty()) return S_OK;
   size_t chars = 0;
-  for (const auto& c : outputColumns_) chars += c.name.size() + 1;
-  auto* infos = static_cast<DBCOLUMNINFO*>(CoTaskMemAlloc(columnBindings_.size() * sizeof(DBCOLUMNINFO)));
-  auto* strings = static_cast<OLECHAR*>(CoTaskMemAlloc(chars * sizeof(OLECHAR)));
-  if (!infos || !strings) {
-    CoTaskMemFree(infos);
-    CoTaskMemFree(strings);
-    return E_OUTOFMEMORY;
-  }
-  OLECHAR* next = strings;
+  for (const auto& c : plan_->columns) chars += c.name.size() + 1;
+  auto infos = corvane::TaskMem<DBCOLUMNINFO>::Allocate(columnBindings_.size());
+  auto strings = corvane::TaskMem<OLECHAR>::Allocate(chars);
+  if (!infos || !strings) return E_OUTOFMEMORY;
+  OLECHAR* next = strings.Get();
   for (size_t i = 0; i < columnBindings_.size(); ++i) {
     infos[i] = columnBindings_[i];
-    const corvane::WStringView name = outputColumns_[i].name;
+    const corvane::WStringView name = plan_->columns[i].name;
     std::memcpy(next, name.data(), name.size() * sizeof(OLECHAR));
     next[name.size()] = 0;
     infos[i].pwszName = next;
@@ -519,8 +387,8 @@ HRESULT CProviderCommand::GetColumnInfo(DBORDINAL* pcColumns, DBCOLUMNINFO** prg
     next += name.size() + 1;
   }
   *pcColumns = columnBindings_.size();
-  *prgInfo = infos;
-  *ppStringsBuffer = strings;
+  *prgInfo = infos.Detach();
+  *ppStringsBuffer = strings.Detach();
   return S_OK;
 }
 
@@ -530,14 +398,14 @@ HRESULT CProviderCommand::MapColumnIDs(DBORDINAL cColumnIDs, const DBID rgColumn
   if (cColumnIDs == 0) return S_OK;
   if (!rgColumnIDs || !rgColumns) return E_INVALIDARG;
   corvane::platform::CriticalSectionLock guard(CommandLock());
-  if (!query_) return hasText_ ? DB_E_NOTPREPARED : DB_E_NOCOMMAND;
+  if (!plan_) return hasText_ ? DB_E_NOTPREPARED : DB_E_NOCOMMAND;
   DBORDINAL found = 0;
   for (DBORDINAL i = 0; i < cColumnIDs; ++i) {
     rgColumns[i] = DB_INVALIDCOLUMN;
     const DBID& id = rgColumnIDs[i];
     if (id.eKind != DBKIND_NAME || !id.uName.pwszName) continue;
-    for (size_t c = 0; c < outputColumns_.size(); ++c) {
-      if (corvane::WIEquals(outputColumns_[c].name, id.uName.pwszName)) {
+    for (size_t c = 0; c < plan_->columns.size(); ++c) {
+      if (corvane::WIEquals(plan_->columns[c].name, id.uName.pwszName)) {
         rgColumns[i] = c + 1;
         ++found;
         break;
@@ -630,28 +498,24 @@ HRESULT CProviderCommand::ConvertToDescribedType(IDataConvert* convert, DBTYPE d
 HRESULT CProviderCommand::FillParameters(const DBPARAMS& params, std::vector<VARIANT>& values) {
   DBACCESSORFLAGS flags = 0;
   DBCOUNTITEM count = 0;
-  DBBINDING* bindings = nullptr;
-  HRESULT hr = GetBindings(params.hAccessor, &flags, &count, &bindings);
-  if (SUCCEEDED(hr) && !(flags & DBACCESSOR_PARAMETERDATA)) {
-    // A row accessor of the command: it binds columns, not `?` values.
-    CoTaskMemFree(bindings);
-    hr = DB_E_BADACCESSORTYPE;
-  }
+  // The copy GetBindings makes carries no storage objects: CreateAccessor keeps none.
+  corvane::TaskMem<DBBINDING> bindings;
+  HRESULT hr = GetBindings(params.hAccessor, &flags, &count, bindings.Put());
+  // A row accessor of the command binds columns, not `?` values.
+  if (SUCCEEDED(hr) && !(flags & DBACCESSOR_PARAMETERDATA)) hr = DB_E_BADACCESSORTYPE;
   if (FAILED(hr)) {
     corvane::PostFailure(IID_ICommand, hr, kSource);
     CVTRACE(TRACE_ERROR, OLESTR("Failed to get bindings, HR = %X."), static_cast<unsigned>(hr));
     return hr;
   }
   if (params.cParamSets != 1) {
-    for (DBCOUNTITEM i = 0; i < count; ++i) CoTaskMemFree(bindings[i].pObject);
-    CoTaskMemFree(bindings);
     CVTRACE(TRACE_ERROR, OLESTR("MULTIPLEPARAMSETS is not allowed."));
     return E_FAIL;
   }
 
   const std::vector<ParameterDescription> described = ParameterDescriptions();
-  IDataConvert* convert = nullptr;
-  hr = corvane::CreateDataConvert(&convert);
+  corvane::ComPtr<IDataConvert> convert;
+  hr = corvane::CreateDataConvert(convert.Put());
   const BYTE* data = static_cast<const BYTE*>(params.pData);
   if (SUCCEEDED(hr) && count && !data) hr = E_INVALIDARG;
   for (DBCOUNTITEM i = 0; SUCCEEDED(hr) && i < count; ++i) {
@@ -686,7 +550,7 @@ HRESULT CProviderCommand::FillParameters(const DBPARAMS& params, std::vector<VAR
     for (const auto& d : described)
       if (d.ordinal == b.iOrdinal) wanted = TravellingType(d.type);
     if (wanted != DBTYPE_EMPTY && wanted != type) {
-      hr = ConvertToDescribedType(convert, wanted, type, length, source, b.bPrecision, b.bScale, convertFlags,
+      hr = ConvertToDescribedType(convert.Get(), wanted, type, length, source, b.bPrecision, b.bScale, convertFlags,
                                   &target);
       continue;
     }
@@ -694,9 +558,6 @@ HRESULT CProviderCommand::FillParameters(const DBPARAMS& params, std::vector<VAR
                               DBSTATUS_S_OK, &outStatus, b.bPrecision, b.bScale, convertFlags);
     if (SUCCEEDED(hr) && outStatus != DBSTATUS_S_OK) hr = DB_E_CANTCONVERTVALUE;
   }
-  if (convert) convert->Release();
-  for (DBCOUNTITEM i = 0; i < count; ++i) CoTaskMemFree(bindings[i].pObject);
-  CoTaskMemFree(bindings);
   if (FAILED(hr)) {
     corvane::PostFailure(IID_ICommand, hr, kSource);
     CVTRACE(TRACE_ERROR, OLESTR("Failed to fill parameters, HR = %X."), static_cast<unsigned>(hr));
@@ -714,17 +575,16 @@ HRESULT CProviderCommand::Execute(IUnknown* pUnkOuter, REFIID riid, DBPARAMS* pP
   if (pUnkOuter) return corvane::PostFailure(IID_ICommand, DB_E_NOAGGREGATION, kSource), DB_E_NOAGGREGATION;
   if (!hasText_) return corvane::PostFailure(IID_ICommand, DB_E_NOCOMMAND, kSource), DB_E_NOCOMMAND;
 
-  IProviderDataSource* ds = nullptr;
-  HRESULT hr = session_->GetProviderDataSource(&ds);
+  corvane::ComPtr<IProviderDataSource> ds;
+  HRESULT hr = session_->GetProviderDataSource(ds.Put());
   if (FAILED(hr) || !ds) return PostMessage(IID_ICommand, FAILED(hr) ? hr : E_FAIL, OLESTR("Unable to get data source object."));
-  struct Holder {
-    IProviderDataSource* p;
-    ~Holder() { p->Release(); }
-  } holdDs{ds};
   hr = ds->UpdateQueryTimeRange();
   if (FAILED(hr)) return PostMessage(IID_ICommand, hr, OLESTR("Unable to update time range for the query."));
 
-  if (!query_) {
+  // The plan made at Prepare runs as it is: the default catalog and schema it was
+  // parsed with are fixed while the session lives, and what depends on the `?` values,
+  // the clock and the query settings is worked out by each execution.
+  if (!plan_) {
     hr = PrepareLocked();
     if (FAILED(hr)) return hr;
   }
@@ -732,7 +592,7 @@ HRESULT CProviderCommand::Execute(IUnknown* pUnkOuter, REFIID riid, DBPARAMS* pP
   GetSystemTimeAsFileTime(&nowUtc_);
   FileTimeToLocalFileTime(&nowUtc_, &nowLocal_);
 
-  std::vector<VARIANT> values(static_cast<size_t>(parameterCount_));
+  std::vector<VARIANT> values(static_cast<size_t>(plan_->parameterCount));
   for (auto& v : values) VariantInit(&v);
   struct Cleaner {
     std::vector<VARIANT>& v;
@@ -753,15 +613,10 @@ HRESULT CProviderCommand::Execute(IUnknown* pUnkOuter, REFIID riid, DBPARAMS* pP
     }
   }
 
-  BSTR catalog = nullptr, schema = nullptr;
-  ds->GetDefaultCatalog(&catalog);
-  ds->GetDefaultSchema(&schema);
   CommandExecutionRequest request;
-  request.dataSource = ds;
+  request.dataSource = ds.Get();
   request.commandText = text_;
-  request.query = query_.get();
-  request.defaultCatalog = corvane::WStringView(catalog ? catalog : OLESTR(""), SysStringLen(catalog));
-  request.defaultSchema = corvane::WStringView(schema ? schema : OLESTR(""), SysStringLen(schema));
+  request.plan = plan_;
   request.binding.parameters = values.empty() ? nullptr : values.data();
   request.binding.parameterCount = values.size();
   request.binding.nowLocal = Ticks(nowLocal_);
@@ -769,23 +624,17 @@ HRESULT CProviderCommand::Execute(IUnknown* pUnkOuter, REFIID riid, DBPARAMS* pP
   WString message;
   request.message = &message;
 
-  auto* creator = new (std::nothrow) CRowsetCreator(this);
+  corvane::ComPtr<IUnknown> creator(new (std::nothrow) CRowsetCreator(this));
   if (!creator) hr = E_OUTOFMEMORY;
   if (creator) {
     openRowsets_.fetch_add(1);
-    request.creator = creator;
-    hr = CCommandProviderRowset::Execute(request, pcRowsAffected, riid, ppRowset);
-    creator->Release();  // the rowset keeps its own reference while it lives
-    if (SUCCEEDED(hr) && ppRowset && *ppRowset) {
-      hr = HandRowAccessorsTo(*ppRowset);
-      if (FAILED(hr)) {
-        (*ppRowset)->Release();
-        *ppRowset = nullptr;
-      }
-    }
+    request.creator = creator.Get();
+    corvane::ComPtr<IUnknown> rowset;
+    hr = CCommandProviderRowset::Execute(request, pcRowsAffected, riid, ppRowset ? rowset.Put() : nullptr);
+    creator.Reset();  // the rowset keeps its own reference while it lives
+    if (SUCCEEDED(hr) && rowset) hr = HandRowAccessorsTo(rowset.Get());
+    if (SUCCEEDED(hr) && ppRowset) *ppRowset = rowset.Detach();
   }
-  SysFreeString(catalog);
-  SysFreeString(schema);
   if (SUCCEEDED(hr)) return hr;
   CVTRACE(TRACE_ERROR, OLESTR("Failed to create create rowset (%X)."), static_cast<unsigned>(hr));
   TraceUnsupported(hr, riid);
@@ -800,11 +649,11 @@ HRESULT CProviderCommand::HandRowAccessorsTo(IUnknown* rowset) {
   bool any = false;
   for (const auto& entry : accessors_) any = any || (entry.second.flags & DBACCESSOR_ROWDATA);
   if (!any) return S_OK;
-  IAccessor* accessor = nullptr;
-  HRESULT hr = rowset->QueryInterface(IID_IAccessor, reinterpret_cast<void**>(&accessor));
+  corvane::ComPtr<IAccessor> accessor;
+  HRESULT hr = rowset->QueryInterface(IID_IAccessor, accessor.PutVoid());
   if (FAILED(hr)) return hr;
   // Execute's rowsets are all built on the shared rowset core, whose IAccessor this is.
-  auto* core = static_cast<CProviderIRowset*>(accessor);
+  auto* core = static_cast<CProviderIRowset*>(accessor.Get());
   for (const auto& entry : accessors_) {
     if (!(entry.second.flags & DBACCESSOR_ROWDATA)) continue;
     const Accessor& a = entry.second;
@@ -815,7 +664,6 @@ HRESULT CProviderCommand::HandRowAccessorsTo(IUnknown* rowset) {
       break;
     }
   }
-  accessor->Release();
   return hr;
 }
 
@@ -866,7 +714,7 @@ HRESULT CProviderCommand::CreateAccessor(DBACCESSORFLAGS dwAccessorFlags, DBCOUN
     DBBINDSTATUS status = DBBINDSTATUS_OK;
     // The columns are known once prepared; conversions are checked by the rowset that
     // inherits the accessor, at Execute.
-    if (b.iOrdinal == 0 || (rows && query_ && b.iOrdinal > outputColumns_.size()))
+    if (b.iOrdinal == 0 || (rows && plan_ && b.iOrdinal > plan_->columns.size()))
       status = DBBINDSTATUS_BADORDINAL;
     else if (!(b.dwPart & (DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS)) ||
              (b.dwPart & ~static_cast<DBPART>(DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS)))
@@ -936,12 +784,9 @@ HRESULT CProviderCommand::CanConvert(DBTYPE wFromType, DBTYPE wToType, DBCONVERT
   const DBCONVERTFLAGS known = DBCONVERTFLAGS_PARAMETER | DBCONVERTFLAGS_ISLONG | DBCONVERTFLAGS_ISFIXEDLENGTH |
                                DBCONVERTFLAGS_FROMVARIANT;
   if (dwConvertFlags & ~known) return DB_E_BADCONVERTFLAG;
-  IDataConvert* convert = nullptr;
-  HRESULT hr = corvane::CreateDataConvert(&convert);
-  if (FAILED(hr)) return hr;
-  hr = convert->CanConvert(wFromType, wToType);
-  convert->Release();
-  return hr;
+  corvane::ComPtr<IDataConvert> convert;
+  const HRESULT hr = corvane::CreateDataConvert(convert.Put());
+  return FAILED(hr) ? hr : convert->CanConvert(wFromType, wToType);
 }
 
 // ---- ISupportErrorInfo

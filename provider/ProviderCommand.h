@@ -9,12 +9,11 @@
 #include <unordered_map>
 #include <vector>
 
-#include "SQLParser/SQLQueryInfo.h"
 #include "platform/Platform.h"
 #include "platform/WideString.h"
 #include "provider/PropertyEngine.h"
 #include "provider/ProviderCommandWithParameters.h"
-#include "provider/execution/SelectListProducer.h"
+#include "provider/execution/StatementPlan.h"
 #include "provider/store/StoreValue.h"
 
 class CProviderSession;
@@ -97,7 +96,6 @@ class CProviderCommand final : public ICommandText,
   void TraceUnsupported(HRESULT hr, REFIID riid);
   HRESULT PrepareLocked();
   void UnprepareLocked();
-  HRESULT InitializeOutputColumns();
   HRESULT CreateColumnBindings();
   HRESULT FillParameters(const DBPARAMS& params, std::vector<VARIANT>& values);
   HRESULT ConvertToDescribedType(IDataConvert* convert, DBTYPE described, DBTYPE boundType, DBLENGTH length,
@@ -113,22 +111,8 @@ class CProviderCommand final : public ICommandText,
   corvane::WString text_;
   bool hasText_ = false;
   GUID dialect_;
-  std::unique_ptr<CSQLQueryInfo> query_;
-  long parameterCount_ = 0;
-  // A prepared output column. Its name is not copied: it lies in the table or procedure
-  // catalog (which lives as long as the process), in query_, or in resultColumns_
-  // below, all of which stay until the statement is unprepared.
-  struct OutputColumn {
-    corvane::WStringView name;
-    DBTYPE wType = DBTYPE_EMPTY;
-    ULONGLONG ColumnSize = 0;
-    DWORD dwFlags = 0;
-  };
-  std::vector<OutputColumn> outputColumns_;
-  std::vector<CSelectListProducer::Shape> shapes_;  // kept for its capacity
-  std::vector<ColumnRecord> resultColumns_;          // what INSERT, UPDATE and DELETE return...
-  corvane::WString resultColumnsTable_;              // ...for this table
-  bool hasResultColumns_ = false;
+  // The prepared statement; the rowsets of earlier executions may still share it.
+  std::shared_ptr<const StatementPlan> plan_;
   std::vector<DBCOLUMNINFO> columnBindings_;
 
   FILETIME nowUtc_{};

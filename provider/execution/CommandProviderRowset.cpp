@@ -8,12 +8,14 @@
 #include "SQLParser/SQLParser.h"
 #include "SQLParser/TimeConversion.h"
 #include "provider/ErrorReporting.h"
+#include "base/ComPtr.h"
+#include "base/TaskMem.h"
 #include "base/Trace.h"
+#include "base/Variant.h"
 #include "provider/execution/RawDataChange.h"
 #include "provider/execution/RowEvaluator.h"
 #include "provider/execution/SelectListProducer.h"
 #include "provider/procedures/BaseStoredProcedure.h"
-#include "provider/procedures/ProcedureCatalog.h"
 #include "provider/procedures/ProcedureFactory.h"
 #include "provider/tables/BaseTable.h"
 #include "provider/tables/TableDelete.h"
@@ -28,8 +30,8 @@ namespace {
 // Everything one execution works with.
 struct Execution {
   const CommandExecutionRequest& request;
+  const StatementPlan& plan;
   const CSQLQueryInfo& query;
-  std::shared_ptr<const CSQLQueryInfo> ownedQuery;  // null when the command's statement is used
   IProviderDataSource* dataSource;
   std::unique_ptr<CDataStore> store;
   DBROWCOUNT rowsAffected = -1;
@@ -45,68 +47,21 @@ WString FormatTime(const FILETIME& time) {
                           st.wMinute, st.wSecond);
 }
 
-bool IsColumnNamed(const CSQLCalcItem* item, const OLECHAR* name) {
-  return item && item->Kind() == SQL_CALC_TABLE_COLUMN &&
-         WIEquals(static_cast<const CSQLCalcItemTableColumn*>(item)->ColumnName(), name);
-}
-
-// Texts compared with `column` in the WHERE tree, in the order written. With
-// `equalOnly`, only `=` comparisons count.
-std::vector<WString> ComparedTexts(const CSQLConditionNode* root, const OLECHAR* column, bool equalOnly,
-                                   const SQLBindContext& context) {
-  std::vector<WString> texts;
-  std::vector<const CSQLConditionNode*> pending;
-  if (root) pending.push_back(root);
-  while (!pending.empty()) {
-    const CSQLConditionNode* node = pending.back();
-    pending.pop_back();
-    const int op = node->Operator();
-    if (op >= SQL_COND_EQUAL && op <= SQL_COND_NOT_EQUAL && (!equalOnly || op == SQL_COND_EQUAL)) {
-      WString text;
-      if (IsColumnNamed(node->FirstOperand(), column) && ComparedText(node->SecondOperand(), context, &text))
-        texts.push_back(text);
-      else if (IsColumnNamed(node->SecondOperand(), column) && ComparedText(node->FirstOperand(), context, &text))
-        texts.push_back(text);
-    }
-    // Right pushed first so that the left side is read first.
-    if (node->Right()) pending.push_back(node->Right());
-    if (node->Left()) pending.push_back(node->Left());
-  }
-  return texts;
-}
-
-std::vector<WString> TagNamesOf(const CSQLQueryInfo& query, const SQLBindContext& context) {
-  std::vector<WString> unique;
-  for (WString& name : ComparedTexts(query.Condition(), OLESTR("TAGNAME"), true, context)) {
-    bool seen = false;
-    for (const WString& u : unique) seen = seen || u == name;
-    if (!seen) unique.push_back(std::move(name));
-  }
-  return unique;
-}
-
 HRESULT ComputeTimeRange(Execution& ex) {
-  FILETIME* start = nullptr;
-  FILETIME* end = nullptr;
-  HRESULT hr = ex.dataSource->GetStartTimeForQuery(&start);
+  corvane::TaskMem<FILETIME> start, end;
+  HRESULT hr = ex.dataSource->GetStartTimeForQuery(start.Put());
   if (FAILED(hr)) return hr;
-  hr = ex.dataSource->GetEndTimeForQuery(&end);
-  if (FAILED(hr)) {
-    CoTaskMemFree(start);
-    return hr;
-  }
-  ULONG64 s = corvane::FileTimeToTicks(*start);
-  ULONG64 e = corvane::FileTimeToTicks(*end);
-  CoTaskMemFree(start);
-  CoTaskMemFree(end);
+  hr = ex.dataSource->GetEndTimeForQuery(end.Put());
+  if (FAILED(hr)) return hr;
+  ULONG64 s = corvane::FileTimeToTicks(*start.Get());
+  ULONG64 e = corvane::FileTimeToTicks(*end.Get());
   if (ex.query.Condition()) {
     hr = ReduceTimeRange(ex.query.Condition(), ex.request.binding, &s, &e);
     if (FAILED(hr)) return hr;
   }
   // The historian reads a range whose start is later than its end newest first; the
   // provider itself never sorts.
-  for (const SQLOrderingEntry& entry : ex.query.Ordering())
-    if (entry.descending && WIEquals(entry.column.ColumnName(), OLESTR("TIMESTAMP"))) std::swap(s, e);
+  if (ex.plan.newestFirst) std::swap(s, e);
   ex.start = corvane::TicksToFileTime(s);
   ex.end = corvane::TicksToFileTime(e);
   CVTRACE(TRACE_INFO, OLESTR("Execution will use start time = %s, end time = %s"), FormatTime(ex.start).c_str(),
@@ -183,9 +138,8 @@ HRESULT RunProcedure(Execution& ex, const CSQLSelectItemSP& item, const Procedur
 // select list's outputs within the statement's TOP / LIMIT.
 HRESULT ServeSelectList(Execution& ex, std::unique_ptr<CDataProvider> source, const TableInfo& info,
                         std::vector<CSelectListProducer::Output> outputs, bool plain) {
-  const bool limited = ex.query.RowLimitEnabled() != 0;
-  const LONGLONG skip = limited ? ex.query.RowLimitSkip() : 0;
-  const LONGLONG count = limited ? ex.query.RowLimitCount() : -1;
+  const LONGLONG skip = ex.plan.skip;
+  const LONGLONG count = ex.plan.count;
   HRESULT hr = NewStore(&ex.store);
   if (FAILED(hr)) return hr;
   std::vector<ColumnRecord> columns;
@@ -196,11 +150,22 @@ HRESULT ServeSelectList(Execution& ex, std::unique_ptr<CDataProvider> source, co
     return ex.store->Initialize(std::move(source), columns, count > 0 ? static_cast<ULONGLONG>(count) : 0);
   }
   std::unique_ptr<CSelectListProducer> producer(
-      new (std::nothrow) CSelectListProducer(std::move(source), info, std::move(outputs), ex.ownedQuery, skip, count));
+      new (std::nothrow) CSelectListProducer(std::move(source), info, std::move(outputs), ex.plan.query, skip, count));
   if (!producer) return E_OUTOFMEMORY;
   hr = producer->Bind(ex.request.binding, &ex.message);
   if (FAILED(hr)) return hr;
   return ex.store->Initialize(std::move(producer), columns);
+}
+
+// The select list over `source`: as the plan bound it, or bound now when the execution's
+// `?` values can change it.
+HRESULT OutputsOf(Execution& ex, const TableInfo& source, std::vector<CSelectListProducer::Output>* outputs,
+                  bool* plain) {
+  if (!ex.plan.outputsBound)
+    return CSelectListProducer::BindOutputs(ex.query, source, ex.request.binding, outputs, plain, &ex.message);
+  *outputs = ex.plan.outputs;
+  *plain = ex.plan.plainColumnsOnly;
+  return S_OK;
 }
 
 HRESULT ExecuteSqlStoredProcedure(Execution& ex) {
@@ -215,7 +180,7 @@ HRESULT ExecuteSqlStoredProcedure(Execution& ex) {
     return E_FAIL;
   }
   const auto& item = static_cast<const CSQLSelectItemSP&>(*items[0]);
-  const ProcedureInfo* info = FindProcedure(item.ProcedureName().c_str());
+  const ProcedureInfo* info = ex.plan.procedure;
   if (!info || info->Parameters.size() != item.Parameters().size()) {
     CVTRACE(TRACE_ERROR, OLESTR("Stored procedure '%s' doesn't exist"), item.ProcedureName().c_str());
     return CORVANE_E_PROCEDURE_NOT_FOUND;
@@ -234,7 +199,7 @@ HRESULT ExecuteSqlSELECT(Execution& ex) {
   }
   if (items[0]->Kind() == SQL_SELECT_ITEM_SP) {
     const auto& item = static_cast<const CSQLSelectItemSP&>(*items[0]);
-    const ProcedureInfo* info = FindProcedure(item.ProcedureName().c_str());
+    const ProcedureInfo* info = ex.plan.procedure;
     if (!info) {
       CVTRACE(TRACE_ERROR, OLESTR("Stored procedure '%s' doesn't exist (bad name)"), item.ProcedureName().c_str());
       return CORVANE_E_PROCEDURE_NOT_FOUND;
@@ -252,14 +217,13 @@ HRESULT ExecuteSqlSELECT(Execution& ex) {
     hr = StartProcedure(ex, item, *info, &procedure, &columns);
     std::vector<CSelectListProducer::Output> outputs;
     bool plain = true;
-    if (SUCCEEDED(hr))
-      hr = CSelectListProducer::BindOutputs(ex.query, info->Table, ex.request.binding, &outputs, &plain, &ex.message);
+    if (SUCCEEDED(hr)) hr = OutputsOf(ex, info->Table, &outputs, &plain);
     if (FAILED(hr)) return hr;
     return ServeSelectList(ex, std::move(procedure), info->Table, std::move(outputs), plain);
   }
 
   const auto& item = static_cast<const CSQLSelectItemTable&>(*items[0]);
-  const TableInfo* found = CTableFactory::FindTableInfo(item.TableName().c_str());
+  const TableInfo* found = ex.plan.table;
   if (!found) {
     CVTRACE(TRACE_ERROR, OLESTR("Table '%s' doesn't exist"), item.TableName().c_str());
     return CORVANE_E_TABLE_NOT_FOUND;
@@ -267,7 +231,7 @@ HRESULT ExecuteSqlSELECT(Execution& ex) {
   const TableInfo& info = *found;
   std::vector<CSelectListProducer::Output> outputs;
   bool plain = true;
-  HRESULT hr = CSelectListProducer::BindOutputs(ex.query, info, ex.request.binding, &outputs, &plain, &ex.message);
+  HRESULT hr = OutputsOf(ex, info, &outputs, &plain);
   if (FAILED(hr)) return hr;
   hr = ComputeTimeRange(ex);
   if (FAILED(hr)) return hr;
@@ -279,11 +243,11 @@ HRESULT ExecuteSqlSELECT(Execution& ex) {
   args.start = ex.start;
   args.end = ex.end;
   if (info.Given == GivenComparisons::kRawDataRead) {
-    args.tagNames = TagNamesOf(ex.query, ex.request.binding);
+    args.tagNames = ex.plan.TagNames(ex.request.binding);
   } else if (info.Given == GivenComparisons::kTagBrowse) {
-    std::vector<WString> names = ComparedTexts(ex.query.Condition(), OLESTR("TAGNAME"), false, ex.request.binding);
+    std::vector<WString> names = StatementPlan::TextsOf(ex.plan.tagCompared, OLESTR("TAGNAME"), ex.request.binding);
     std::vector<WString> texts =
-        ComparedTexts(ex.query.Condition(), OLESTR("DESCRIPTION"), false, ex.request.binding);
+        StatementPlan::TextsOf(ex.plan.descriptionCompared, OLESTR("DESCRIPTION"), ex.request.binding);
     if (!names.empty()) args.nameFilter = names.front();
     if (!texts.empty()) args.descriptionFilter = texts.front();
   }
@@ -311,30 +275,26 @@ HRESULT ValueOf(const Execution& ex, const CSQLCalcItem* item, VARIANT* value) {
   return EvaluateAsValue(item, ex.request.binding, value);
 }
 
-// What the statements other than SELECT may do to the table `name`.
-TableChanges ChangesOf(const WString& name) {
-  const TableInfo* info = CTableFactory::LookupTable(name.c_str());
-  return info ? info->Changes : TableChanges::kNone;
-}
+// What the statements other than SELECT may do to the statement's table.
+TableChanges ChangesOf(const Execution& ex) { return ex.plan.table ? ex.plan.table->Changes : TableChanges::kNone; }
 
 HRESULT CheckRawDataStatement(const Execution& ex, const CSQLSelectItemTable** table) {
   if (ex.query.FromItems().size() != 1 || ex.query.FromItems()[0]->Kind() != SQL_SELECT_ITEM_TABLE)
     return E_INVALIDARG;
   *table = static_cast<const CSQLSelectItemTable*>(ex.query.FromItems()[0].get());
-  return ChangesOf((*table)->TableName()) == TableChanges::kSamples ? S_OK : E_INVALIDARG;
+  return ChangesOf(ex) == TableChanges::kSamples ? S_OK : E_INVALIDARG;
 }
 
 // Writes one sample through the historian's insert.
 HRESULT InsertSample(Execution& ex, const CSQLSelectItemTable& table, const WString& tagName, HistoryValue* sample) {
-  IRawDataProvider* raw = nullptr;
-  HRESULT hr = ex.dataSource->GetRawDataProvider(&raw);
+  corvane::ComPtr<IRawDataProvider> raw;
+  HRESULT hr = ex.dataSource->GetRawDataProvider(raw.Put());
   if (FAILED(hr)) return hr;
   if (!raw) return CORVANE_E_MISSING_PARAMETER;
   TagIdent* tag = nullptr;
   hr = MakeTaskTagIdent(table.Catalog().c_str(), table.Schema().c_str(), tagName.c_str(), &tag);
   if (SUCCEEDED(hr)) hr = raw->InsertValue(tag, sample);
   FreeTagIdent(tag);
-  raw->Release();
   return hr;
 }
 
@@ -357,12 +317,10 @@ HRESULT InsertIntoRawDataTable(Execution& ex) {
     const CSQLCalcItem* column = insert.Columns()[i].get();
     const CSQLCalcItem* item = insert.Values()[i].get();
     if (IsColumnNamed(column, OLESTR("TAGNAME"))) {
-      VARIANT v;
-      VariantInit(&v);
-      hr = ValueOf(ex, item, &v);
-      if (SUCCEEDED(hr)) hr = VariantChangeType(&v, &v, 0, VT_BSTR);
-      if (SUCCEEDED(hr)) tagName.assign(V_BSTR(&v) ? V_BSTR(&v) : OLESTR(""), SysStringLen(V_BSTR(&v)));
-      VariantClear(&v);
+      corvane::Variant v;
+      hr = ValueOf(ex, item, v.Get());
+      if (SUCCEEDED(hr)) hr = VariantChangeType(v.Get(), v.Get(), 0, VT_BSTR);
+      if (SUCCEEDED(hr)) tagName.assign(V_BSTR(v.Get()) ? V_BSTR(v.Get()) : OLESTR(""), SysStringLen(V_BSTR(v.Get())));
     } else if (IsColumnNamed(column, OLESTR("TIMESTAMP"))) {
       ULONG64 ticks = 0;
       hr = EvaluateAsTime(item, ex.request.binding, &ticks);
@@ -407,8 +365,7 @@ HRESULT DeleteFromRawDataTable(Execution& ex, ULONG64* changed) {
 HRESULT UpdateQuerySettingsTable(Execution& ex) {
   CVTRACE(TRACE_INFO, OLESTR("Called CCommandProviderRowset::UpdateQuerySettingsTable"));
   if (ex.query.FromItems().size() != 1 || ex.query.FromItems()[0]->Kind() != SQL_SELECT_ITEM_TABLE ||
-      ChangesOf(static_cast<const CSQLSelectItemTable&>(*ex.query.FromItems()[0]).TableName()) !=
-          TableChanges::kSettings)
+      ChangesOf(ex) != TableChanges::kSettings)
     return E_INVALIDARG;
   const auto& update = static_cast<const CSQLQueryInfoUPDATE&>(ex.query);
   if (update.Columns().size() != update.Values().size()) return E_INVALIDARG;
@@ -438,23 +395,19 @@ HRESULT UpdateQuerySettingsTable(Execution& ex) {
     for (int k = 0; k < 6; ++k)
       if (IsColumnNamed(column, kSettings[k].name)) which = k;
     if (which < 0) return E_INVALIDARG;
-    VARIANT v;
-    VariantInit(&v);
-    hr = EvaluateAsValue(item, ex.request.binding, &v);
-    if (SUCCEEDED(hr)) hr = VariantChangeType(&v, &v, 0, kSettings[which].type);
-    if (FAILED(hr)) {
-      VariantClear(&v);
-      return hr;
-    }
+    corvane::Variant held;
+    VARIANT* v = held.Get();
+    hr = EvaluateAsValue(item, ex.request.binding, v);
+    if (SUCCEEDED(hr)) hr = VariantChangeType(v, v, 0, kSettings[which].type);
+    if (FAILED(hr)) return hr;
     switch (which) {
-      case 0: hr = ds->SetMaxRowsToReturn(static_cast<LONG>(V_UI4(&v))); break;
-      case 1: hr = ds->SetTreatUncertainAsGood(V_BOOL(&v) ? 1 : 0); break;
-      case 2: hr = ds->SetPercentDataBad(V_UI1(&v)); break;
-      case 3: hr = ds->SetPercentDataGood(V_UI1(&v)); break;
-      case 4: hr = ds->SetAllowEmptyTag(V_BOOL(&v) ? 1 : 0); break;
-      default: hr = ds->SetUseUserTimeRange(V_BOOL(&v) ? 1 : 0); break;
+      case 0: hr = ds->SetMaxRowsToReturn(static_cast<LONG>(V_UI4(v))); break;
+      case 1: hr = ds->SetTreatUncertainAsGood(V_BOOL(v) ? 1 : 0); break;
+      case 2: hr = ds->SetPercentDataBad(V_UI1(v)); break;
+      case 3: hr = ds->SetPercentDataGood(V_UI1(v)); break;
+      case 4: hr = ds->SetAllowEmptyTag(V_BOOL(v) ? 1 : 0); break;
+      default: hr = ds->SetUseUserTimeRange(V_BOOL(v) ? 1 : 0); break;
     }
-    VariantClear(&v);
     if (FAILED(hr)) return hr;
   }
   return S_OK;
@@ -473,7 +426,7 @@ HRESULT CheckOneRawTable(const Execution& ex, const OLECHAR* oneTable, const OLE
     return E_FAIL;
   }
   const auto& table = static_cast<const CSQLSelectItemTable&>(*items[0]);
-  if (ChangesOf(table.TableName()) != TableChanges::kSamples) {
+  if (ChangesOf(ex) != TableChanges::kSamples) {
     CVTRACE(TRACE_ERROR, cannot, table.TableName().c_str());
     return CORVANE_E_INSERT_DELETE_NOT_ALLOWED;
   }
@@ -524,7 +477,7 @@ HRESULT ExecuteSqlUPDATE(Execution& ex) {
   const auto& table = static_cast<const CSQLSelectItemTable&>(*items[0]);
   HRESULT hr;
   ULONG64 changed = 1;  // a settings update changes the one row of QUERYSETTINGS
-  const TableChanges changes = ChangesOf(table.TableName());
+  const TableChanges changes = ChangesOf(ex);
   if (changes == TableChanges::kSamples) {
     hr = UpdateRawDataTable(ex, &changed);
     if (FAILED(hr)) {
@@ -558,23 +511,22 @@ HRESULT CCommandProviderRowset::Execute(const CommandExecutionRequest& request, 
   if (pcRowsAffected) *pcRowsAffected = -1;
   if (!request.dataSource) return E_INVALIDARG;
 
-  // The rows of a SELECT are evaluated after this returns, and the command may
-  // re-prepare meanwhile: the execution parses its own copy of the text.
-  std::unique_ptr<CSQLQueryInfo> parsed;
-  const CSQLQueryInfo* query = request.query;
-  if (!request.commandText.empty()) {
+  // The rows of a SELECT are evaluated after this returns: they read the statement
+  // through the plan, which the rowset shares.
+  std::shared_ptr<const StatementPlan> plan = request.plan;
+  if (!plan) {
+    if (request.commandText.empty()) return E_INVALIDARG;  // an empty text is no statement
     SQLParseRequest parse;
     parse.defaultCatalog = request.defaultCatalog;
     parse.defaultSchema = request.defaultSchema;
     parse.queryText = request.commandText;
-    const HRESULT hr = CSQLParser::ParseQuery(parse, &parsed);
+    std::unique_ptr<CSQLQueryInfo> parsed;
+    HRESULT hr = CSQLParser::ParseQuery(parse, &parsed);
+    if (SUCCEEDED(hr)) hr = parsed ? StatementPlan::Make(std::move(parsed), static_cast<long>(request.binding.parameterCount), &plan) : E_INVALIDARG;
     if (FAILED(hr)) return hr;
-    query = parsed.get();
   }
-  if (!query) return E_INVALIDARG;  // an empty text is no statement
-
-  std::shared_ptr<const CSQLQueryInfo> owned(std::move(parsed));
-  Execution ex{request, *query, owned, request.dataSource, nullptr, -1, {}, {}, {}};
+  const CSQLQueryInfo* query = plan->query.get();
+  Execution ex{request, *plan, *query, request.dataSource, nullptr, -1, {}, {}, {}};
   HRESULT hr;
   switch (query->StatementKind()) {
     case SQL_STATEMENT_SELECT: hr = ExecuteSqlSELECT(ex); break;
@@ -593,9 +545,8 @@ HRESULT CCommandProviderRowset::Execute(const CommandExecutionRequest& request, 
   if (pcRowsAffected) *pcRowsAffected = ex.rowsAffected;
   if (!ppRowset || riid == IID_NULL) return hr;
 
-  auto* rowset = new (std::nothrow) CCommandProviderRowset(std::move(ex.store), request.creator);
+  corvane::ComPtr<CCommandProviderRowset> rowset(new (std::nothrow) CCommandProviderRowset(std::move(ex.store), request.creator));
   if (!rowset) return E_OUTOFMEMORY;
   const HRESULT qi = rowset->QueryInterface(riid, reinterpret_cast<void**>(ppRowset));
-  rowset->Release();
   return FAILED(qi) ? qi : hr;
 }

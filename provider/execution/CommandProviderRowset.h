@@ -9,11 +9,11 @@
 #include <memory>
 
 #include "SQLParser/SQLExpression.h"
-#include "SQLParser/SQLQueryInfo.h"
 #include "platform/Platform.h"
 #include "platform/WideString.h"
 #include "provider/IProviderDataSource.h"
 #include "provider/ProviderIRowset.h"
+#include "provider/execution/StatementPlan.h"
 
 // What the command hands to one execution. Nothing here is taken over: the execution
 // adds its own references and copies what it keeps.
@@ -22,13 +22,11 @@ struct CommandExecutionRequest {
   IProviderDataSource* dataSource = nullptr;
   // The command; the rowset holds it and answers IRowsetInfo::GetSpecification with it.
   IUnknown* creator = nullptr;
-  // The command text, for the trace; the execution parses its own copy of it with the
-  // default catalog and schema below, since a rowset's rows are computed from the
-  // statement long after Execute returned.
+  // The command text, for the trace.
   corvane::WStringView commandText;
-  // Used only when `commandText` is empty: a prepared statement that must then outlive
-  // the rowset.
-  const CSQLQueryInfo* query = nullptr;
+  // The prepared statement to run. Without one, the execution parses `commandText` with
+  // the default catalog and schema below and plans it for this one run.
+  std::shared_ptr<const StatementPlan> plan;
   corvane::WStringView defaultCatalog;
   corvane::WStringView defaultSchema;
   // The `?` values (numbered from 1) and the execution moment, local and UTC, that

@@ -9,8 +9,10 @@
 #include "SQLParser/SQLCalcItemTableColumn.h"
 #include "SQLParser/TimeConversion.h"
 #include "provider/ErrorReporting.h"
+#include "base/ComPtr.h"
 #include "base/HistorianInterfaces.h"
 #include "base/Trace.h"
+#include "base/Variant.h"
 #include "provider/execution/RowEvaluator.h"
 #include "provider/tables/TableFactory.h"
 
@@ -20,11 +22,6 @@ namespace {
 
 constexpr ULONG64 kLastTime = 0x7FFFFFFFFFFFFFFFull;  // the largest FILETIME
 enum : size_t { kTagField = 0, kTimeField = 1, kQualityField = 2, kValueField = 3 };
-
-bool IsColumnNamed(const CSQLCalcItem* item, const OLECHAR* name) {
-  return item && item->Kind() == SQL_CALC_TABLE_COLUMN &&
-         corvane::WIEquals(static_cast<const CSQLCalcItemTableColumn*>(item)->ColumnName(), name);
-}
 
 // True when the item reads a column anywhere in it.
 bool ReadsColumns(const CSQLCalcItem* item) {
@@ -367,15 +364,14 @@ HRESULT CRawDataChange::Collect(IRawDataProvider* raw, Plan& plan, TagChanges& c
         if (FAILED(hr)) {
           *message = plan.setQuality->Message();
         } else {
-          VARIANT word;
-          VariantInit(&word);
-          hr = result.kind == SQLEvaluationResult::kValue ? VariantChangeType(&word, &result.value, 0, VT_UI4) : E_FAIL;
+          corvane::Variant word;
+          hr = result.kind == SQLEvaluationResult::kValue ? VariantChangeType(word.Get(), &result.value, 0, VT_UI4)
+                                                          : E_FAIL;
           if (SUCCEEDED(hr))
-            updated.quality = V_UI4(&word);
+            updated.quality = V_UI4(word.Get());
           else
             *message = corvane::WFormat(OLESTR("The QUALITY to set is not a number (HR = %X): nothing was %s."),
                                         static_cast<unsigned>(hr), Verb());
-          VariantClear(&word);
         }
       }
       if (FAILED(hr)) {
@@ -457,9 +453,10 @@ HRESULT CRawDataChange::Run(ULONG64* changed, WString* message) {
     hr = dataSource_->GetMaxRowsToReturn(&pageSize);
     if (FAILED(hr)) return hr;
     plan.pageSize = static_cast<ULONG>(pageSize);
-    IRawDataProvider* raw = nullptr;
-    hr = dataSource_->GetRawDataProvider(&raw);
+    corvane::ComPtr<IRawDataProvider> holder;
+    hr = dataSource_->GetRawDataProvider(holder.Put());
     if (FAILED(hr)) return hr;
+    IRawDataProvider* raw = holder.Get();
     if (!raw) return CORVANE_E_MISSING_PARAMETER;
     std::vector<TagChanges> tags(plan.tags.names.size());
     for (size_t i = 0; i < tags.size(); ++i) tags[i].name = plan.tags.names[i];
@@ -467,7 +464,6 @@ HRESULT CRawDataChange::Run(ULONG64* changed, WString* message) {
     for (size_t i = 0; i < tags.size() && SUCCEEDED(hr) && !plan.range.empty; ++i)
       hr = Collect(raw, plan, tags[i], message);
     if (SUCCEEDED(hr)) hr = Apply(raw, plan, tags, message);
-    raw->Release();
     if (SUCCEEDED(hr)) *changed = plan.matched;
     return FAILED(hr) ? hr : S_OK;
   } catch (const std::bad_alloc&) {

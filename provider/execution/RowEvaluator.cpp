@@ -13,6 +13,7 @@
 #include "SQLParser/SQLCalcItemTableColumn.h"
 #include "SQLParser/SQLFunction.h"
 #include "SQLParser/TimeConversion.h"
+#include "base/Variant.h"
 
 using corvane::WString;
 using corvane::WStringView;
@@ -23,11 +24,6 @@ constexpr size_t kNoField = static_cast<size_t>(-1);
 
 const CSQLCalcItemTableColumn* AsColumn(const CSQLCalcItem* item) {
   return item && item->Kind() == SQL_CALC_TABLE_COLUMN ? static_cast<const CSQLCalcItemTableColumn*>(item) : nullptr;
-}
-
-bool IsColumnNamed(const CSQLCalcItem* item, const OLECHAR* name) {
-  const CSQLCalcItemTableColumn* column = AsColumn(item);
-  return column && corvane::WIEquals(column->ColumnName(), name);
 }
 
 size_t FieldOf(const std::vector<ColumnRecord>& columns, const WString& name) {
@@ -123,6 +119,11 @@ HRESULT FillSlot(const StoreValue* cell, CSQLCalcItemConst* slot) {
 
 }  // namespace
 
+bool IsColumnNamed(const CSQLCalcItem* item, const OLECHAR* name) {
+  const CSQLCalcItemTableColumn* column = AsColumn(item);
+  return column && corvane::WIEquals(column->ColumnName(), name);
+}
+
 bool ComparedText(const CSQLCalcItem* item, const SQLBindContext& context, WString* text) {
   if (!item) return false;
   if (item->Kind() == SQL_CALC_CONST) {
@@ -135,11 +136,10 @@ bool ComparedText(const CSQLCalcItem* item, const SQLBindContext& context, WStri
   if (item->Kind() == SQL_CALC_PARAMETER) {
     const int n = static_cast<const CSQLCalcItemParameter&>(*item).Number();
     if (n < 1 || static_cast<size_t>(n) > context.parameterCount || !context.parameters) return false;
-    VARIANT v;
-    VariantInit(&v);
-    if (FAILED(VariantChangeType(&v, const_cast<VARIANT*>(&context.parameters[n - 1]), 0, VT_BSTR))) return false;
-    text->assign(V_BSTR(&v) ? V_BSTR(&v) : OLESTR(""), V_BSTR(&v) ? SysStringLen(V_BSTR(&v)) : 0);
-    VariantClear(&v);
+    corvane::Variant v;
+    if (FAILED(VariantChangeType(v.Get(), const_cast<VARIANT*>(&context.parameters[n - 1]), 0, VT_BSTR))) return false;
+    const BSTR b = V_BSTR(v.Get());
+    text->assign(b ? b : OLESTR(""), b ? SysStringLen(b) : 0);
     return true;
   }
   return false;

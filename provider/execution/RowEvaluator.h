@@ -26,6 +26,9 @@ class CSQLFunction;
 
 enum class SQLTruth : unsigned char { kFalse, kTrue, kUnknown };
 
+// True when `item` is a reference to the column `name` (any case).
+bool IsColumnNamed(const CSQLCalcItem* item, const OLECHAR* name);
+
 // The text a comparison's other operand gives the historian: a text constant, or a `?`
 // value read as text. False for anything else.
 bool ComparedText(const CSQLCalcItem* item, const SQLBindContext& context, corvane::WString* text);

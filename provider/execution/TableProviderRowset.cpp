@@ -3,13 +3,16 @@
 #include <new>
 
 #include "SQLParser/TimeConversion.h"
+#include "base/Bstr.h"
+#include "base/ComPtr.h"
+#include "base/TaskMem.h"
 #include "base/Trace.h"
 #include "provider/tables/BaseTable.h"
 #include "provider/tables/TableFactory.h"
 
 namespace {
 
-corvane::WString Text(BSTR b) { return b ? corvane::WString(b, SysStringLen(b)) : corvane::WString(); }
+corvane::WString Text(const corvane::Bstr& b) { return b ? corvane::WString(b.Get(), b.Length()) : corvane::WString(); }
 
 }  // namespace
 
@@ -25,23 +28,15 @@ HRESULT CTableProviderRowset::Open(IProviderDataSource* dataSource, IUnknown* cr
 
   TableCreateArgs args;
   args.dataSource = dataSource;
-  FILETIME* start = nullptr;
-  FILETIME* end = nullptr;
-  HRESULT hr = dataSource->GetStartTimeForQuery(&start);
-  if (SUCCEEDED(hr)) hr = dataSource->GetEndTimeForQuery(&end);
-  if (SUCCEEDED(hr)) {
-    args.start = *start;
-    args.end = *end;
-  }
-  CoTaskMemFree(start);
-  CoTaskMemFree(end);
+  corvane::TaskMem<FILETIME> start, end;
+  HRESULT hr = dataSource->GetStartTimeForQuery(start.Put());
+  if (SUCCEEDED(hr)) hr = dataSource->GetEndTimeForQuery(end.Put());
   if (FAILED(hr)) return hr;
-  BSTR catalog = nullptr;
-  BSTR schema = nullptr;
-  if (SUCCEEDED(dataSource->GetDefaultCatalog(&catalog))) args.catalog = Text(catalog);
-  if (SUCCEEDED(dataSource->GetDefaultSchema(&schema))) args.schema = Text(schema);
-  SysFreeString(catalog);
-  SysFreeString(schema);
+  args.start = *start.Get();
+  args.end = *end.Get();
+  corvane::Bstr catalog, schema;
+  if (SUCCEEDED(dataSource->GetDefaultCatalog(catalog.Put()))) args.catalog = Text(catalog);
+  if (SUCCEEDED(dataSource->GetDefaultSchema(schema.Put()))) args.schema = Text(schema);
 
   std::unique_ptr<CBaseTable> table;
   hr = info.Make(args, &table);
@@ -51,9 +46,7 @@ HRESULT CTableProviderRowset::Open(IProviderDataSource* dataSource, IUnknown* cr
   if (!store) return E_OUTOFMEMORY;
   hr = store->Initialize(std::move(table), info.Columns);
   if (FAILED(hr)) return hr;
-  auto* rowset = new (std::nothrow) CTableProviderRowset(std::move(store), creator);
+  corvane::ComPtr<CTableProviderRowset> rowset(new (std::nothrow) CTableProviderRowset(std::move(store), creator));
   if (!rowset) return E_OUTOFMEMORY;
-  hr = rowset->QueryInterface(riid, reinterpret_cast<void**>(ppRowset));
-  rowset->Release();
-  return hr;
+  return rowset->QueryInterface(riid, reinterpret_cast<void**>(ppRowset));
 }

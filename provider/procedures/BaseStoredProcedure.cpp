@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "SQLParser/TimeConversion.h"
+#include "base/Variant.h"
 
 using corvane::WString;
 using corvane::platform::CriticalSectionLock;
@@ -17,14 +18,6 @@ FILETIME Year1900() {
   return corvane::TicksToFileTime(ticks);
 }
 
-template <typename T>
-void ReleaseInterface(T*& p) {
-  if (p) {
-    p->Release();
-    p = nullptr;
-  }
-}
-
 // The text of a value in the invariant locale, so that a number written into a text
 // parameter reads the same on every machine.
 HRESULT ValueToText(VARIANT* value, WString* text) {
@@ -32,12 +25,10 @@ HRESULT ValueToText(VARIANT* value, WString* text) {
     *text = V_BSTR(value) ? WString(V_BSTR(value)) : WString();
     return S_OK;
   }
-  VARIANT converted;
-  VariantInit(&converted);
-  const HRESULT hr = VariantChangeTypeEx(&converted, value, LOCALE_INVARIANT, 0, VT_BSTR);
+  corvane::Variant converted;
+  const HRESULT hr = VariantChangeTypeEx(converted.Get(), value, LOCALE_INVARIANT, 0, VT_BSTR);
   if (FAILED(hr)) return hr;
-  *text = V_BSTR(&converted) ? WString(V_BSTR(&converted)) : WString();
-  VariantClear(&converted);
+  *text = V_BSTR(converted.Get()) ? WString(V_BSTR(converted.Get())) : WString();
   return S_OK;
 }
 
@@ -59,12 +50,11 @@ CBaseStoredProcedure::CBaseStoredProcedure(const char* traceSource, const CSQLQu
       m_BindResults.push_back(hr);
     }
   }
-  m_pDataSource = dataSource;
+  m_pDataSource = corvane::ComPtr<IProviderDataSource>::Share(dataSource);
   if (m_pDataSource) {
-    m_pDataSource->AddRef();
-    if (FAILED(m_pDataSource->GetRawDataProvider(&m_pRaw))) m_pRaw = nullptr;
-    if (FAILED(m_pDataSource->GetProcessedDataProvider(&m_pProcessed))) m_pProcessed = nullptr;
-    if (FAILED(m_pDataSource->GetValuesProvider(&m_pValues))) m_pValues = nullptr;
+    if (FAILED(m_pDataSource->GetRawDataProvider(m_pRaw.Put()))) m_pRaw.Reset();
+    if (FAILED(m_pDataSource->GetProcessedDataProvider(m_pProcessed.Put()))) m_pProcessed.Reset();
+    if (FAILED(m_pDataSource->GetValuesProvider(m_pValues.Put()))) m_pValues.Reset();
   }
 }
 
@@ -73,10 +63,10 @@ CBaseStoredProcedure::~CBaseStoredProcedure() {
   StopWorker();
   m_TimeRanges = PendingRanges();
   m_Parameters.clear();
-  ReleaseInterface(m_pValues);
-  ReleaseInterface(m_pProcessed);
-  ReleaseInterface(m_pRaw);
-  ReleaseInterface(m_pDataSource);
+  m_pValues.Reset();
+  m_pProcessed.Reset();
+  m_pRaw.Reset();
+  m_pDataSource.Reset();
 }
 
 HRESULT CBaseStoredProcedure::Execute() {

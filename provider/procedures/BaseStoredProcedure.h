@@ -13,6 +13,7 @@
 #include "platform/Platform.h"
 #include "platform/Sync.h"
 #include "platform/WideString.h"
+#include "base/ComPtr.h"
 #include "base/HistorianInterfaces.h"
 #include "provider/IProviderDataSource.h"
 #include "base/Trace.h"
@@ -119,10 +120,10 @@ class CBaseStoredProcedure : public CDataProvider {
   const char* m_szTraceSource;
   corvane::WString m_Catalog;
   corvane::WString m_Schema;
-  IProviderDataSource* m_pDataSource = nullptr;
-  IRawDataProvider* m_pRaw = nullptr;
-  IProcessedDataProvider* m_pProcessed = nullptr;
-  IValuesProvider* m_pValues = nullptr;
+  corvane::ComPtr<IProviderDataSource> m_pDataSource;
+  corvane::ComPtr<IRawDataProvider> m_pRaw;
+  corvane::ComPtr<IProcessedDataProvider> m_pProcessed;
+  corvane::ComPtr<IValuesProvider> m_pValues;
   corvane::platform::CriticalSection m_FetchLock;
 
  private:

@@ -446,3 +446,28 @@ TEST_F(CommandExecution, DataChangesCountTheirRowsAndEachExecutionHasItsOwnNow) 
   }
   EXPECT_NE(nows[0], nows[1]) << nows[0];
 }
+
+TEST_F(CommandExecution, EachExecutionOfAPreparedStatementReadsItsOwnValues) {
+  // Prepare plans the statement once; the tags still come from each execution's `?`,
+  // and a rowset left open keeps reading the tag it was executed with.
+  SetText(OLESTR("SELECT TAGNAME, VALUE FROM RAWDATA WHERE TAGNAME = ? AND TIMESTAMP >= '2000-01-01'"));
+  ASSERT_EQ(S_OK, Prepare());
+  const std::vector<const OLECHAR*> tags{OLESTR("Area1.Temp"), OLESTR("Area1.Text"), OLESTR("Area1.Temp")};
+  std::vector<IUnknown*> rowsets;
+  for (const OLECHAR* tag : tags) {
+    TextParameters values({tag});
+    DBPARAMS p{values.slots.data(), 1, ParameterAccessor(values)};
+    IUnknown* rowset = nullptr;
+    EXPECT_EQ(S_OK, text_->Execute(nullptr, IID_IRowset, &p, nullptr, &rowset));
+    accessor_->ReleaseAccessor(p.hAccessor, nullptr);
+    rowsets.push_back(rowset);
+  }
+  for (size_t i = 0; i < rowsets.size(); ++i) {
+    if (!rowsets[i]) continue;
+    const Rows rows = ReadAll(rowsets[i], {1, 2});
+    ASSERT_FALSE(rows.empty());
+    for (const auto& row : rows) EXPECT_EQ(corvane::ToUtf8(tags[i]), row[0]);
+    EXPECT_EQ(i == 1 ? "note 0" : "100", rows[0][1]);
+    rowsets[i]->Release();
+  }
+}
