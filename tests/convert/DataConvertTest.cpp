@@ -373,18 +373,18 @@ TEST_F(DataConvertTest, NumbersWrittenStraightAsTextMatchVariantChangeType) {
   for (Var& v : values) {
     Var expected;
     ASSERT_EQ(S_OK, VariantChangeType(&expected, &v, 0, VT_BSTR));
-    const std::u16string want(V_BSTR(&expected), SysStringLen(V_BSTR(&expected)));
+    const WString want(V_BSTR(&expected), SysStringLen(V_BSTR(&expected)));
     OLECHAR text[kNumberTextChars];
     const size_t n = NumberText(v, text);
     if (n) {
       ++straight;
-      EXPECT_EQ(want, std::u16string(text, n)) << "type " << v.vt << ", " << ToUtf8(want);
+      EXPECT_EQ(want, WString(text, n)) << "type " << v.vt << ", " << ToUtf8(want);
     }
     if (v.vt != VT_R8) continue;
     OLECHAR wide[64];
     EXPECT_OUTCOME(Convert(DBTYPE_R8, DBTYPE_WSTR, &v.dblVal, wide, sizeof wide), S_OK, DBSTATUS_S_OK,
                    want.size() * sizeof(OLECHAR));
-    EXPECT_EQ(want, std::u16string(wide)) << ToUtf8(want);
+    EXPECT_EQ(want, WString(wide)) << ToUtf8(want);
   }
   // The straight route must carry the common values (every two-decimal one and every
   // integer at least), not leave them all to the general one.
