@@ -110,6 +110,7 @@
 #include <vector>
 
 #include "historian/AggregatesCalculator.h"
+#include "historian/SampleReader.h"
 #include "platform/WideString.h"
 #include "base/HistorianInterfaces.h"
 
@@ -178,6 +179,9 @@ class CProcessedDataProvider final : public IProcessedDataProvider {
 
   std::atomic<ULONG> refs_{1};
   IRawDataProvider* raw_;
+  // The host's allocation-free sample walk when it offers one (the reference historian
+  // does); the range of a read then skips the paged value lists.
+  ISampleReader* reader_ = nullptr;
   mutable std::mutex cursorLock_;
   std::unordered_map<void*, std::unique_ptr<StatisticsCursor>> cursors_;
   std::deque<void*> cursorOrder_;
