@@ -341,7 +341,8 @@ HRESULT CProcessedDataProvider::ReadProcessedImpl(const TagIdent* tag, const Pro
       return usable(s) || ++examined >= kBoundSearchLimit ? S_FALSE : S_OK;
     });
     if (FAILED(hr)) return hr;
-    if (!std::is_sorted(samples.begin(), samples.end(),
+    // The columns come in order, between the older and the newer bounds.
+    if (columnsTo == 0 && !std::is_sorted(samples.begin(), samples.end(),
                         [](const AggSample& x, const AggSample& y) { return x.time < y.time; })) {
       std::stable_sort(samples.begin(), samples.end(),
                        [](const AggSample& x, const AggSample& y) { return x.time < y.time; });
