@@ -10,6 +10,7 @@ namespace {
 
 constexpr double kTicksPerMs = 10000.0;
 constexpr double kTicksPerSecond = 10000000.0;
+constexpr ULONGLONG kForever = ~0ull;
 
 enum class Severity { Good, Uncertain, Bad };
 
@@ -204,7 +205,7 @@ CAggregatesCalculator::CAggregatesCalculator(Buffers buffers, const AggregateSet
     const AggSample& s = samples_[i];
     const bool usable = s.numeric && settings_.IsGood(s.quality);
     usable_[i] = usable;
-    line_[count] = {s.time, s.Number(), i};
+    line_[count] = {s.time, s.Number(), i, i + 1 < n ? samples_[i + 1].time : kForever};
     count += usable;
   }
   line_.resize(count);
@@ -256,10 +257,15 @@ void CAggregatesCalculator::Bounds(ULONGLONG ts, ULONGLONG te, size_t* a, size_t
 const CAggregatesCalculator::Integral& CAggregatesCalculator::IntegralOf(ULONGLONG x, ULONGLONG y) const {
   if (integrated_ && integratedFrom_ == x && integratedTo_ == y) return integral_;
   Integral r;
-  ForEachRegion(x, y, [&](size_t i, ULONGLONG from, ULONGLONG to) {
-    if (i != kNone && Usable(i)) r.usableTime += to - from;
-  });
   const size_t m = line_.size();
+  // The time that usable samples govern, from the line alone: each point governs up to
+  // the next sample of any kind, and a point before x governs nothing after x unless it
+  // is the last sample there.
+  size_t first = LinePointAtOrBefore(x);
+  for (size_t q = first == kNone ? 0 : first; q < m && line_[q].time < y; ++q) {
+    const ULONGLONG from = std::max(x, line_[q].time), to = std::min(y, line_[q].until);
+    if (to > from) r.usableTime += to - from;
+  }
   if (x < y && m > 0) {
     size_t j = LinePointAtOrBefore(x);
     ULONGLONG cur = x;

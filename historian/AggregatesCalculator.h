@@ -155,7 +155,8 @@ class CAggregatesCalculator {
   struct LinePoint {
     ULONGLONG time;
     double value;
-    size_t index;  // in the samples
+    size_t index;     // in the samples
+    ULONGLONG until;  // time of the next sample of any kind: the end of what this one governs
   };
   // What a calculator allocates in proportion to its samples: the samples themselves
   // and what it derives from them. A reader may hand them from one calculator to the

@@ -504,6 +504,18 @@ HRESULT CHistorianStore::ReadPage(ReadCursor& cursor, ULONG maxValues, HistoryVa
   return S_OK;
 }
 
+HRESULT CHistorianStore::VisitRange(WStringView name, ULONGLONG low, ULONGLONG high, ColumnVisitor visit,
+                                    void* context) const {
+  std::shared_lock<std::shared_mutex> guard(lock_);
+  const Series* s = Find(name);
+  if (!s) return HIST_E_TAG_NOT_FOUND;
+  if (low > high) return E_INVALIDARG;
+  const size_t first = s->LowerBound(low);
+  const size_t count = std::max(first, s->UpperBound(high)) - first;
+  return visit(context, s->def.vartype, s->times.data() + first, s->qualities.data() + first,
+               s->IsText() ? nullptr : s->bits.data() + first, count);
+}
+
 HRESULT CHistorianStore::ReadNewest(WStringView name, HistoryValue** value) const {
   *value = nullptr;
   std::shared_lock<std::shared_mutex> guard(lock_);

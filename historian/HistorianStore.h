@@ -15,6 +15,7 @@
 
 #include "platform/WideString.h"
 #include "base/HistorianInterfaces.h"
+#include "historian/SampleReader.h"
 
 namespace corvane::historian {
 
@@ -117,6 +118,9 @@ class CHistorianStore {
   // the last one it returned. *values is always allocated on success (count may be 0);
   // *more tells whether matching samples remain after this page.
   HRESULT ReadPage(ReadCursor& cursor, ULONG maxValues, HistoryValueList** values, bool* more) const;
+  // Shows the columns of [low, high] to `visit` under the read lock (so the visitor must
+  // not call back into the store): the cheap way to scan a long range in the process.
+  HRESULT VisitRange(WStringView name, ULONGLONG low, ULONGLONG high, ColumnVisitor visit, void* context) const;
   // The newest sample, or null (S_OK) when the tag has none.
   HRESULT ReadNewest(WStringView name, HistoryValue** value) const;
 

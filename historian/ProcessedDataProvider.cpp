@@ -1,6 +1,7 @@
 #include "historian/ProcessedDataProvider.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <new>
 #include <utility>
@@ -74,6 +75,16 @@ HRESULT ReadRange(IRawDataProvider* raw, const TagIdent* tag, ULONGLONG from, UL
   return ReadRange(raw, tag, from, to, page, std::forward<F>(onSample), [] { return S_OK; });
 }
 
+// Shows the host's columns of [from, to] to onColumns(vt, times, qualities, bits, count).
+template <class F>
+HRESULT VisitColumns(ISampleReader* reader, const TagIdent* tag, ULONGLONG from, ULONGLONG to, F& onColumns) {
+  return reader->VisitColumns(
+      tag, from, to,
+      [](void* context, VARTYPE vt, const ULONGLONG* times, const DWORD* qualities, const uint64_t* bits,
+         size_t count) -> HRESULT { return (*static_cast<F*>(context))(vt, times, qualities, bits, count); },
+      &onColumns);
+}
+
 // VARIANTs that are cleared however the read ends.
 struct VariantArray {
   std::vector<VARIANT> items;
@@ -101,10 +112,12 @@ void FreeNames(BSTR* names, ULONG count) {
 
 CProcessedDataProvider::CProcessedDataProvider(IRawDataProvider* raw) : raw_(raw) {
   raw_->AddRef();
+  if (FAILED(raw_->QueryInterface(IID_ISampleReader, reinterpret_cast<void**>(&reader_)))) reader_ = nullptr;
   AggregatesObjectCreated();
 }
 
 CProcessedDataProvider::~CProcessedDataProvider() {
+  if (reader_) reader_->Release();
   raw_->Release();
   AggregatesObjectDestroyed();
 }
@@ -283,7 +296,41 @@ HRESULT CProcessedDataProvider::ReadProcessedImpl(const TagIdent* tag, const Pro
       pageTouched.clear();
       return copied;
     };
-    hr = ReadRange(raw_, tag, plan.start, plan.end - 1, kRawPageSize, onSample, onPageEnd);
+    // Doubles, which most tags hold, are taken straight from the host's columns when it
+    // shows them: the same samples as the pages give, without a value list per page.
+    // LAST of such a tag is its last sample's number, set once the range is in.
+    size_t columnsFrom = 0, columnsTo = 0;
+    auto onColumns = [&](VARTYPE vt, const ULONGLONG* times, const DWORD* qualities, const uint64_t* bits,
+                         size_t count) -> HRESULT {
+      if (vt != VT_R8 || !bits) return E_NOTIMPL;
+      columnsFrom = samples.size();
+      samples.reserve(columnsFrom + count);
+      AggSample s;
+      s.vt = VT_R8;
+      for (size_t i = 0; i < count; ++i) {
+        s.time = times[i];
+        std::memcpy(&s.real, &bits[i], sizeof(double));
+        s.quality = qualities[i];
+        s.numeric = !std::isnan(s.real);  // as ToAggSample judges a NaN
+        samples.push_back(s);
+      }
+      columnsTo = samples.size();
+      return S_OK;
+    };
+    hr = reader_ ? VisitColumns(reader_, tag, plan.start, plan.end - 1, onColumns) : E_NOTIMPL;
+    if (hr == E_NOTIMPL) {
+      hr = ReadRange(raw_, tag, plan.start, plan.end - 1, kRawPageSize, onSample, onPageEnd);
+    } else if (SUCCEEDED(hr) && wantLast) {
+      size_t i = columnsFrom;
+      for (size_t k = 0; k < plan.count; ++k) {
+        const ULONGLONG kEnd = plan.IntervalEnd(k);
+        while (i < columnsTo && samples[i].time < kEnd) ++i;
+        if (i > columnsFrom && samples[i - 1].time >= plan.IntervalStart(k)) {
+          lastValues.items[k].vt = VT_R8;
+          lastValues.items[k].dblVal = samples[i - 1].real;
+        }
+      }
+    }
     if (FAILED(hr)) return hr;
     // What follows the range: only the line's slope into the last interval needs it.
     size_t examined = 0;
@@ -294,7 +341,8 @@ HRESULT CProcessedDataProvider::ReadProcessedImpl(const TagIdent* tag, const Pro
       return usable(s) || ++examined >= kBoundSearchLimit ? S_FALSE : S_OK;
     });
     if (FAILED(hr)) return hr;
-    if (!std::is_sorted(samples.begin(), samples.end(),
+    // The columns come in order, between the older and the newer bounds.
+    if (columnsTo == 0 && !std::is_sorted(samples.begin(), samples.end(),
                         [](const AggSample& x, const AggSample& y) { return x.time < y.time; })) {
       std::stable_sort(samples.begin(), samples.end(),
                        [](const AggSample& x, const AggSample& y) { return x.time < y.time; });

@@ -72,6 +72,8 @@ HRESULT CReferenceHistorian::QueryInterface(REFIID riid, void** object) {
     *object = static_cast<IValuesProvider*>(this);
   else if (IsEqualIID(riid, IID_IProcessedDataProvider) && processed_)
     *object = static_cast<IProcessedDataProvider*>(this);
+  else if (IsEqualIID(riid, IID_ISampleReader))
+    *object = static_cast<ISampleReader*>(this);
   else
     return E_NOINTERFACE;
   AddRef();
@@ -152,6 +154,15 @@ HRESULT CReferenceHistorian::GetCapabilities(const TagIdent* tag, DWORD* capabil
   hr = store_->GetTag(name, &def);
   if (SUCCEEDED(hr)) *capabilities = CapabilitiesFor(def.accessRights);
   return hr;
+}
+
+HRESULT CReferenceHistorian::VisitColumns(const TagIdent* tag, ULONGLONG low, ULONGLONG high, ColumnVisitor visit,
+                                          void* context) {
+  if (!visit) return E_INVALIDARG;
+  WStringView name;
+  const HRESULT hr = NameOf(tag, &name);
+  if (FAILED(hr)) return hr;
+  return store_->VisitRange(name, low, high, visit, context);
 }
 
 HRESULT CReferenceHistorian::ReadRaw(const TagIdent* tag, FILETIME start, FILETIME end, ULONG maxValues,

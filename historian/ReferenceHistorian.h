@@ -38,7 +38,10 @@ enum : DWORD {
   kCapabilityValues = 0x20,
 };
 
-class CReferenceHistorian final : public IRawDataProvider, public IValuesProvider, public IProcessedDataProvider {
+class CReferenceHistorian final : public IRawDataProvider,
+                                  public IValuesProvider,
+                                  public IProcessedDataProvider,
+                                  public ISampleReader {
  public:
   // Creates the object and returns interface `riid` of it. With `processedFactory` the
   // object also answers IProcessedDataProvider with the provider that the factory builds
@@ -77,6 +80,10 @@ class CReferenceHistorian final : public IRawDataProvider, public IValuesProvide
                                          HistoryValueList** values) override;
   HRESULT STDMETHODCALLTYPE GetAllValues(const TagIdent* tag, FILETIME start, FILETIME end, ULONG count,
                                          HistoryValueList** values) override;
+
+  // ISampleReader
+  HRESULT STDMETHODCALLTYPE VisitColumns(const TagIdent* tag, ULONGLONG low, ULONGLONG high, ColumnVisitor visit,
+                                         void* context) override;
 
   // IProcessedDataProvider: forwarded to the provider built at creation, if any.
   HRESULT STDMETHODCALLTYPE ReadProcessed(const TagIdent* tag, const ProcessedReadRequest* request,

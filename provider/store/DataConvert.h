@@ -18,6 +18,13 @@ HRESULT CreateDataConvert(IDataConvert** convert);
 // it with the system's).
 HRESULT CreateOwnDataConvert(IDataConvert** convert);
 
+// The text VariantChangeType gives `v` as VT_BSTR, written into `out` (room for
+// kNumberTextChars) without a BSTR, for integers and for doubles that a decimal of at
+// most 15 digits names exactly; returns its length, or 0 for any other value, which
+// then needs VariantChangeType.
+constexpr size_t kNumberTextChars = 24;
+size_t NumberText(const VARIANT& v, OLECHAR* out);
+
 // The provider's own converter: every type a data store cell holds (integers, reals,
 // BOOL, DATE, DBTIMESTAMP, VARIANT, WSTR, STR, BSTR and the by-reference strings) into
 // the same types and DBDATE, DBTIME, NUMERIC, DECIMAL, CY and FILETIME. Stateless

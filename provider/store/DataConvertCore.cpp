@@ -296,12 +296,87 @@ bool ParseCanonicalTimestamp(const OLECHAR* s, size_t n, DBTIMESTAMP& ts) {
 }
 
 // Decimal text of an integer without going through a BSTR; returns the characters.
-size_t FormatInteger(long long value, bool isUnsigned, unsigned long long uvalue, OLECHAR* out) {
-  char buf[24];
-  int n = isUnsigned ? std::snprintf(buf, sizeof buf, "%llu", uvalue) : std::snprintf(buf, sizeof buf, "%lld", value);
-  for (int i = 0; i < n; ++i) out[i] = static_cast<OLECHAR>(buf[i]);
-  return static_cast<size_t>(n);
+size_t FormatInteger(bool negative, unsigned long long magnitude, OLECHAR* out) {
+  OLECHAR digits[20];
+  size_t n = 0;
+  do {
+    digits[n++] = static_cast<OLECHAR>(u'0' + magnitude % 10);
+    magnitude /= 10;
+  } while (magnitude);
+  size_t k = 0;
+  if (negative) out[k++] = u'-';
+  while (n) out[k++] = digits[--n];
+  return k;
 }
+
+size_t FormatSigned(long long value, OLECHAR* out) {
+  return FormatInteger(value < 0, value < 0 ? 0ull - static_cast<unsigned long long>(value) : value, out);
+}
+
+// Exact powers of ten as doubles (every one up to 1e22 is).
+constexpr double kPowersOfTen[] = {1e0, 1e1, 1e2, 1e3, 1e4, 1e5, 1e6, 1e7, 1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
+
+// The Automation text of a double is its value rounded to 15 significant digits,
+// trailing zeros dropped, positional from 1E-4 up to below 1E15. A decimal D of at most
+// 15 digits that reads back as d exactly is that rounding: d's rounding interval is at
+// most 2^-53 of d on either side, much narrower than half a step of the 15th digit
+// (at least 5E-16 of d), so no other 15-digit decimal is as near. Measured values are
+// mostly such short decimals (12.5, 0.25, 1013.2), found here in a few multiplications;
+// anything else gives 0 and takes the general route.
+size_t FormatShortDouble(double d, OLECHAR* out) {
+  if (d == 0) {
+    out[0] = u'0';
+    return 1;
+  }
+  const double magnitude = std::fabs(d);
+  if (!(magnitude >= 1e-4 && magnitude < 1e15)) return 0;  // the exponent forms, NaN and infinities
+  for (int k = 0; k < 15; ++k) {
+    const double scaled = magnitude * kPowersOfTen[k];
+    if (scaled >= 1e15) return 0;  // more than 15 digits
+    const double m = std::nearbyint(scaled);
+    if (m / kPowersOfTen[k] != magnitude) continue;
+    // m * 10^-k is d exactly as a double; m has no trailing zero when k > 0, since k - 1
+    // would have matched.
+    OLECHAR digits[16];
+    size_t count = 0;
+    for (auto u = static_cast<unsigned long long>(m); u; u /= 10) digits[count++] = static_cast<OLECHAR>(u'0' + u % 10);
+    size_t n = 0;
+    if (d < 0) out[n++] = u'-';
+    const size_t fraction = static_cast<size_t>(k);
+    if (count <= fraction) {
+      out[n++] = u'0';
+      out[n++] = u'.';
+      for (size_t i = count; i < fraction; ++i) out[n++] = u'0';
+    }
+    for (size_t i = count; i-- > 0;) {
+      out[n++] = digits[i];
+      if (i == fraction && i != 0 && count > fraction) out[n++] = u'.';
+    }
+    return n;
+  }
+  return 0;
+}
+
+}  // namespace
+
+size_t NumberText(const VARIANT& v, OLECHAR* out) {
+  switch (V_VT(&v)) {
+    case VT_I1: return FormatSigned(V_I1(&v), out);
+    case VT_I2: return FormatSigned(V_I2(&v), out);
+    case VT_I4: return FormatSigned(V_I4(&v), out);
+    case VT_INT: return FormatSigned(V_INT(&v), out);
+    case VT_I8: return FormatSigned(V_I8(&v), out);
+    case VT_UI1: return FormatInteger(false, V_UI1(&v), out);
+    case VT_UI2: return FormatInteger(false, V_UI2(&v), out);
+    case VT_UI4: return FormatInteger(false, V_UI4(&v), out);
+    case VT_UINT: return FormatInteger(false, V_UINT(&v), out);
+    case VT_UI8: return FormatInteger(false, V_UI8(&v), out);
+    case VT_R8: return FormatShortDouble(V_R8(&v), out);
+    default: return 0;
+  }
+}
+
+namespace {
 
 // ---- The conversion itself
 
@@ -702,14 +777,13 @@ HRESULT ToText(const Target& t, const Source& s) {
   }
   const VARIANT& v = *s.value;
   switch (V_VT(&v)) {
-    case VT_I1: return WriteWide(t, buf, FormatInteger(V_I1(&v), false, 0, buf), 64);
-    case VT_I2: return WriteWide(t, buf, FormatInteger(V_I2(&v), false, 0, buf), 64);
-    case VT_I4: return WriteWide(t, buf, FormatInteger(V_I4(&v), false, 0, buf), 64);
-    case VT_I8: return WriteWide(t, buf, FormatInteger(V_I8(&v), false, 0, buf), 64);
-    case VT_UI1: return WriteWide(t, buf, FormatInteger(0, true, V_UI1(&v), buf), 64);
-    case VT_UI2: return WriteWide(t, buf, FormatInteger(0, true, V_UI2(&v), buf), 64);
-    case VT_UI4: return WriteWide(t, buf, FormatInteger(0, true, V_UI4(&v), buf), 64);
-    case VT_UI8: return WriteWide(t, buf, FormatInteger(0, true, V_UI8(&v), buf), 64);
+    case VT_I1: case VT_I2: case VT_I4: case VT_I8: case VT_UI1: case VT_UI2: case VT_UI4: case VT_UI8:
+      return WriteWide(t, buf, NumberText(v, buf), 64);
+    case VT_R8: {
+      const size_t n = FormatShortDouble(V_R8(&v), buf);
+      if (n) return WriteWide(t, buf, n, IntegerPart(buf, n));
+      break;
+    }
     case VT_EMPTY: return WriteWide(t, buf, 0);
     default: break;
   }

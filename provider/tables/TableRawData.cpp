@@ -1,6 +1,7 @@
 #include "provider/tables/TableRawData.h"
 
 #include "provider/ErrorReporting.h"
+#include "provider/store/DataConvert.h"
 #include "base/Trace.h"
 
 using corvane::platform::CriticalSectionLock;
@@ -227,6 +228,19 @@ HRESULT CTableRawData::ConvertValue(const VARIANT& value, DWORD quality, VARIANT
 }
 
 HRESULT CTableRawData::ConvertTyped(VARIANT* value, DWORD* quality) {
+  if (m_Conversion.type == VT_BSTR) {
+    // Every sample of the text-typed table passes here: numbers are written straight,
+    // with the very text VariantChangeType would give, rather than through it.
+    OLECHAR text[corvane::kNumberTextChars];
+    const size_t n = corvane::NumberText(*value, text);
+    if (n) {
+      const BSTR b = SysAllocStringLen(text, static_cast<UINT>(n));
+      if (!b) return E_OUTOFMEMORY;
+      V_VT(value) = VT_BSTR;  // a number owns nothing to clear
+      V_BSTR(value) = b;
+      return S_OK;
+    }
+  }
   HRESULT hr = VariantChangeType(value, value, 0, m_Conversion.type);
   if (SUCCEEDED(hr)) return S_OK;
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -324,6 +325,62 @@ TEST_F(DataConvertService, InterfacesAndVersion) {
   EXPECT_EQ(3, i8);
   store->Release();
   EXPECT_EQ(E_INVALIDARG, CreateDataConvert(nullptr));
+}
+
+// Numbers written straight as text (the text-typed table, the service's number to WSTR)
+// must give the very text VariantChangeType gives: short decimals of every scale and
+// sign, the edges of the positional form, and random bit patterns that mostly take the
+// general route. The service's WSTR of a double is held to the same text.
+TEST_F(DataConvertTest, NumbersWrittenStraightAsTextMatchVariantChangeType) {
+  std::vector<Var> values;
+  auto add = [&](VARTYPE vt, auto set) { set(values.emplace_back(vt)); };
+  const double edges[] = {0.0, -0.0, 1e-4, 9.9999e-5, 0.00012, 1e15, 999999999999999.0, 99999999999999.9,
+                          123456789012345.0, 1234567890123456.0, 0.1 + 0.2, 1.0 / 3, 2.5e-3, 1e300, 5e-324};
+  for (double d : edges)
+    for (double sign : {1.0, -1.0}) add(VT_R8, [&](VARIANT& v) { v.dblVal = sign * d; });
+  for (int k = 0; k <= 16; ++k)
+    for (long long m : {1LL, 5LL, 7LL, 25LL, 999LL, 4997LL, 123456LL, 99999999LL, 314159265358979LL})
+      add(VT_R8, [&](VARIANT& v) { v.dblVal = static_cast<double>(m) / std::pow(10.0, k) * (k % 2 ? -1 : 1); });
+  for (int i = 0; i < 4000; ++i) add(VT_R8, [&](VARIANT& v) { v.dblVal = (i * 37 - 70000) / 100.0; });
+  unsigned long long bits = 0x9E3779B97F4A7C15ull;
+  for (int i = 0; i < 4000; ++i) {
+    bits = bits * 6364136223846793005ull + 1442695040888963407ull;
+    const unsigned long long exponent = 1000 + (bits >> 33) % 60;  // about 1E-7 to 1E11
+    const unsigned long long pattern = (bits & 0x800FFFFFFFFFFFFFull) | (exponent << 52);
+    add(VT_R8, [&](VARIANT& v) { std::memcpy(&v.dblVal, &pattern, 8); });
+  }
+  add(VT_I1, [](VARIANT& v) { v.cVal = -128; });
+  add(VT_I2, [](VARIANT& v) { v.iVal = -32768; });
+  add(VT_I4, [](VARIANT& v) { v.lVal = -2147483647 - 1; });
+  add(VT_INT, [](VARIANT& v) { v.intVal = 0; });
+  add(VT_I8, [](VARIANT& v) { v.llVal = -9223372036854775807LL - 1; });
+  add(VT_UI1, [](VARIANT& v) { v.bVal = 255; });
+  add(VT_UI2, [](VARIANT& v) { v.uiVal = 65535; });
+  add(VT_UI4, [](VARIANT& v) { v.ulVal = 4294967295u; });
+  add(VT_UINT, [](VARIANT& v) { v.uintVal = 10; });
+  add(VT_UI8, [](VARIANT& v) { v.ullVal = 18446744073709551615ull; });
+  add(VT_R4, [](VARIANT& v) { v.fltVal = 0.1f; });  // floats always take the general route
+  size_t straight = 0;
+  for (Var& v : values) {
+    Var expected;
+    ASSERT_EQ(S_OK, VariantChangeType(&expected, &v, 0, VT_BSTR));
+    const WString want(V_BSTR(&expected), SysStringLen(V_BSTR(&expected)));
+    OLECHAR text[kNumberTextChars];
+    const size_t n = NumberText(v, text);
+    if (n) {
+      ++straight;
+      EXPECT_EQ(want, WString(text, n)) << "type " << v.vt << ", " << ToUtf8(want);
+    }
+    if (v.vt != VT_R8) continue;
+    OLECHAR wide[64];
+    EXPECT_OUTCOME(Convert(DBTYPE_R8, DBTYPE_WSTR, &v.dblVal, wide, sizeof wide), S_OK, DBSTATUS_S_OK,
+                   want.size() * sizeof(OLECHAR));
+    EXPECT_EQ(want, WString(wide)) << ToUtf8(want);
+  }
+  // The straight route must carry the common values (every two-decimal one and every
+  // integer at least), not leave them all to the general one.
+  EXPECT_GE(straight, 4000u + 10);
+  EXPECT_EQ(0u, NumberText(values.back(), nullptr));
 }
 
 }  // namespace

@@ -225,7 +225,7 @@ class AggregatesTest : public corvane::test::LeakCheckedTest {
     LeakCheckedTest::TearDown();
   }
   void Read(Answer& a, const OLECHAR* tag, double fromSec, double toSec, double periodMs,
-            std::vector<AggregateId> ids) {
+            std::vector<AggregateId> ids, IProcessedDataProvider* via = nullptr) {
     OLECHAR cat[] = OLESTR("c"), sch[] = OLESTR("s");
     WString name(tag);
     TagIdent ident{cat, sch, &name[0]};
@@ -233,7 +233,7 @@ class AggregatesTest : public corvane::test::LeakCheckedTest {
     request_.end = U64ToFileTime(T(toSec));
     request_.periodMs = periodMs;
     a.entries = static_cast<ULONG>(ids.size());
-    a.hr = processed_->ReadProcessed(&ident, &request_, a.entries, ids.data(), &a.result);
+    a.hr = (via ? via : processed_)->ReadProcessed(&ident, &request_, a.entries, ids.data(), &a.result);
   }
 
   FakeRaw raw_;
@@ -419,6 +419,55 @@ TEST_F(AggregatesTest, EachAggregateOfEachIntervalAsWorkedOut) {
   EXPECT_EQ(nullptr, none.result);
 }
 
+
+// The reference historian shows a double tag's range as columns instead of pages: every
+// aggregate must come out bit for bit as through the pages, NaN, bad and uncertain
+// samples included.
+TEST_F(AggregatesTest, StoreColumnsGiveWhatPagesGive) {
+  raw_.AddTag(OLESTR("Noisy"), VT_R8, false);
+  for (int i = 0; i < 40; ++i)
+    raw_.Add(i * 3.5 - 5, i % 7 == 3 ? std::nan("") : std::sin(i) * 100,
+             i % 5 == 2 ? kBadQ : (i % 5 == 4 ? kUncertainQ : 0));
+  auto store = std::make_shared<CHistorianStore>();
+  for (const FakeRaw::Tag& tag : raw_.tags) {
+    if (tag.vt != VT_R8) continue;
+    TagDefinition def;
+    def.name = tag.name;
+    def.stepped = tag.stepped;
+    ASSERT_EQ(S_OK, store->AddTag(def));
+    ASSERT_EQ(S_OK, store->AppendGenerated(tag.name, tag.samples.size(), [&tag](size_t i, SampleInput& s) {
+      s.time = tag.samples[i].t;
+      s.number = tag.samples[i].number;
+      s.quality = tag.samples[i].q;
+    }));
+  }
+  IRawDataProvider* host = nullptr;
+  IProcessedDataProvider* columns = nullptr;
+  ASSERT_EQ(S_OK, CReferenceHistorian::Create(store, IID_IRawDataProvider, reinterpret_cast<void**>(&host)));
+  ASSERT_EQ(S_OK, CProcessedDataProvider::Create(host, &columns));
+  std::vector<AggregateId> ids;
+  for (ULONG id = 0; id < AGG_COUNT_OF_AGGREGATES; ++id) ids.push_back(static_cast<AggregateId>(id));
+  for (const OLECHAR* tag : {OLESTR("Flow"), OLESTR("FlowStep"), OLESTR("Level"), OLESTR("Noisy")}) {
+    for (double period : {7000.0, 25000.0, 0.0}) {
+      Answer pages, cols;
+      Read(pages, tag, -3, 131, period, ids);
+      Read(cols, tag, -3, 131, period, ids, columns);
+      ASSERT_EQ(S_OK, pages.hr);
+      ASSERT_EQ(S_OK, cols.hr);
+      for (ULONG e = 0; e < ids.size(); ++e) {
+        ASSERT_EQ(pages.result[e].count, cols.result[e].count);
+        for (ULONG k = 0; k < pages.result[e].count; ++k) {
+          const HistoryValue &p = pages.At(e, k), &c = cols.At(e, k);
+          EXPECT_TRUE(p.value.vt == c.value.vt && p.value.llVal == c.value.llVal && p.quality == c.quality &&
+                      FileTimeToU64(p.timestamp) == FileTimeToU64(c.timestamp))
+              << "aggregate " << ids[e] << " interval " << k << " at period " << period;
+        }
+      }
+    }
+  }
+  columns->Release();
+  host->Release();
+}
 
 TEST_F(AggregatesTest, FailingRawReadsReleaseTheirContinuationPoints) {
   for (int failAt : {1, 2, 3, 5}) {  // backward bound, main read first and later page, forward bound
