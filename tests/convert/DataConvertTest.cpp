@@ -373,8 +373,8 @@ TEST_F(DataConvertTest, NumbersWrittenStraightAsTextMatchVariantChangeType) {
     }
     if (v.vt != VT_R8) continue;
     OLECHAR wide[64];
-    EXPECT_OUTCOME(Convert(DBTYPE_R8, DBTYPE_WSTR, &v.dblVal, wide, sizeof wide), S_OK, DBSTATUS_S_OK,
-                   want.size() * sizeof(OLECHAR));
+    const Outcome got = Convert(DBTYPE_R8, DBTYPE_WSTR, &v.dblVal, wide, sizeof wide);
+    EXPECT_TRUE(got.hr == S_OK && got.status == DBSTATUS_S_OK && got.length == want.size() * sizeof(OLECHAR));
     EXPECT_EQ(want, WString(wide)) << ToUtf8(want);
   }
   // The straight route must carry the common values (every two-decimal one and every
