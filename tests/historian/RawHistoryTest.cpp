@@ -7,31 +7,48 @@
 namespace corvane::historian::test {
 namespace {
 
+FILETIME At(double seconds) { return Ft(kT0 + ULONGLONG(seconds * kSecond)); }
+
+// A value as the procedures write it: a text the tag converts to its own type.
+struct Written {
+  HistoryValue hv{};
+  Written(const OLECHAR* text, double seconds, DWORD quality = 0) {
+    hv.value.vt = VT_BSTR;
+    hv.value.bstrVal = SysAllocString(text);
+    hv.timestamp = At(seconds);
+    hv.quality = quality;
+  }
+  ~Written() { VariantClear(&hv.value); }
+  const HistoryValue* P() const { return &hv; }
+};
+
 class RawFixture : public HistorianFixture {
  protected:
   // Reads a range to its end; records the size of each page.
-  std::vector<Sample> ReadAll(const OLECHAR* name, ULONGLONG start, ULONGLONG end, ULONG page,
-                              std::vector<size_t>* pages = nullptr, DWORD flags = kRawReadIncludeBounds) {
+  std::vector<Sample> ReadAll(const OLECHAR* name, double from, double to, ULONG page = 0,
+                              std::string* pages = nullptr, DWORD flags = kRawReadIncludeBounds) {
     TagIdent tag = Ident(name);
     void* cp = nullptr;
     std::vector<Sample> all;
     for (int call = 0; call < 1000; ++call) {
       HistoryValueList* list = nullptr;
-      HRESULT hr = raw_->ReadRaw(&tag, Ft(start), Ft(end), page, flags, &cp, &list);
+      HRESULT hr = raw_->ReadRaw(&tag, At(from), At(to), page, flags, &cp, &list);
       EXPECT_EQ(S_OK, hr);
       EXPECT_NE(nullptr, list);
       if (FAILED(hr) || !list) break;
       std::vector<Sample> got = Take(list);
-      if (pages) pages->push_back(got.size());
+      if (pages) *pages += (pages->empty() ? "" : " ") + std::to_string(got.size());
       all.insert(all.end(), got.begin(), got.end());
       if (!cp) break;
     }
     return all;
   }
+  std::vector<double> Values(const OLECHAR* name, double from, double to) {
+    return ValuesOf(ReadAll(name, from, to));
+  }
 };
 
 using RawPaging = RawFixture;
-using RawRanges = RawFixture;
 using RawWrites = RawFixture;
 
 // Runs of consecutive values shown as "first..last".
@@ -68,11 +85,8 @@ TEST_F(RawPaging, EachRangeReadsEverySampleOncePageByPage) {
       {OLESTR("T"), 300, 310, 5, kRawReadIncludeBounds, "", "0"},  // past the end: an empty list, not a null one
   };
   for (const auto& c : cases) {
-    std::vector<size_t> sizes;
-    const auto got = ReadAll(c.tag, kT0 + ULONGLONG(c.from) * kSecond, kT0 + ULONGLONG(c.to) * kSecond, c.page, &sizes,
-                             c.flags);
     std::string pages;
-    for (size_t n : sizes) pages += (pages.empty() ? "" : " ") + std::to_string(n);
+    const auto got = ReadAll(c.tag, c.from, c.to, c.page, &pages, c.flags);
     EXPECT_EQ(c.values, Show(got)) << c.from << ".." << c.to << " by " << c.page;
     EXPECT_EQ(c.pages, pages) << c.from << ".." << c.to << " by " << c.page;
     for (const Sample& sample : got) EXPECT_EQ(kT0 + ULONGLONG(sample.value) * kSecond, sample.time);
@@ -80,52 +94,40 @@ TEST_F(RawPaging, EachRangeReadsEverySampleOncePageByPage) {
   }
 }
 
-TEST_F(RawPaging, AbandonedReadIsReleasedAndItsPointerThenRefused) {
+TEST_F(RawPaging, ContinuationPointsAreOwnedAndWritesBetweenPagesNeitherRepeatNorSkip) {
   AddSeries(OLESTR("T"), 250);
   AddSeries(OLESTR("U"), 5);
   TagIdent t = Ident(OLESTR("T")), u = Ident(OLESTR("U"));
   void* cp = nullptr;
   HistoryValueList* list = nullptr;
-  ASSERT_EQ(S_OK, raw_->ReadRaw(&t, Ft(kT0), Ft(kT0 + 249 * kSecond), 100, 1, &cp, &list));
+  ASSERT_EQ(S_OK, raw_->ReadRaw(&t, At(0), At(249), 100, 1, &cp, &list));
   FreeHistoryValueList(list);
   ASSERT_NE(nullptr, cp);
   EXPECT_EQ(1u, store_->OutstandingCursors());
-
   // Another tag's read cannot borrow it, and the refusal leaves it usable.
-  EXPECT_EQ(E_INVALIDARG, raw_->ReadRaw(&u, Ft(kT0), Ft(kT0 + 249 * kSecond), 100, 1, &cp, &list));
+  EXPECT_EQ(E_INVALIDARG, raw_->ReadRaw(&u, At(0), At(249), 100, 1, &cp, &list));
   EXPECT_EQ(1u, store_->OutstandingCursors());
-
   void* stale = cp;
   EXPECT_EQ(S_OK, raw_->ReleaseContinuationPoint(&cp));
   EXPECT_EQ(nullptr, cp);
   EXPECT_EQ(0u, store_->OutstandingCursors());
   EXPECT_EQ(E_INVALIDARG, raw_->ReleaseContinuationPoint(&stale));
-  EXPECT_EQ(E_INVALIDARG, raw_->ReadRaw(&t, Ft(kT0), Ft(kT0 + 249 * kSecond), 100, 1, &stale, &list));
+  EXPECT_EQ(E_INVALIDARG, raw_->ReadRaw(&t, At(0), At(249), 100, 1, &stale, &list));
   EXPECT_EQ(nullptr, list);
   EXPECT_EQ(S_FALSE, raw_->ReleaseContinuationPoint(&cp));
   EXPECT_EQ(E_INVALIDARG, raw_->ReleaseContinuationPoint(nullptr));
-}
 
-TEST_F(RawPaging, WritesBetweenPagesNeitherRepeatNorSkip) {
-  AddSeries(OLESTR("T"), 10);
-  TagIdent t = Ident(OLESTR("T"));
-  void* cp = nullptr;
-  HistoryValueList* list = nullptr;
-  ASSERT_EQ(S_OK, raw_->ReadRaw(&t, Ft(kT0), Ft(kT0 + 9 * kSecond), 4, 1, &cp, &list));
-  EXPECT_EQ((std::vector<double>{0, 1, 2, 3}), ValuesOf(Take(list)));
-  // Before the resume point (not read again) and at the next sample (gone).
-  HistoryValue hv{};
-  hv.value.vt = VT_R8;
-  hv.value.dblVal = 100;
-  hv.timestamp = Ft(kT0 + kSecond + kSecond / 2);
-  ASSERT_EQ(S_OK, raw_->InsertValue(&t, &hv));
-  ASSERT_EQ(S_OK, raw_->DeleteValues(&t, Ft(kT0 + 4 * kSecond), Ft(kT0 + 4 * kSecond)));
+  // A write before the resume point is not read again; a deleted next sample is gone.
+  ASSERT_EQ(S_OK, raw_->ReadRaw(&u, At(0), At(4), 2, 1, &cp, &list));
+  EXPECT_EQ((std::vector<double>{0, 1}), ValuesOf(Take(list)));
+  ASSERT_EQ(S_OK, raw_->InsertValue(&u, Written(OLESTR("100"), 0.5).P()));
+  ASSERT_EQ(S_OK, raw_->DeleteValues(&u, At(2), At(2)));
   std::vector<double> rest;
   while (cp) {
-    ASSERT_EQ(S_OK, raw_->ReadRaw(&t, Ft(kT0), Ft(kT0 + 9 * kSecond), 4, 1, &cp, &list));
+    ASSERT_EQ(S_OK, raw_->ReadRaw(&u, At(0), At(4), 2, 1, &cp, &list));
     for (double v : ValuesOf(Take(list))) rest.push_back(v);
   }
-  EXPECT_EQ((std::vector<double>{5, 6, 7, 8, 9}), rest);
+  EXPECT_EQ((std::vector<double>{3, 4}), rest);
 }
 
 TEST_F(RawPaging, ConcurrentReadersSeeOrderedPagesWhileAWriterWorks) {
@@ -135,19 +137,16 @@ TEST_F(RawPaging, ConcurrentReadersSeeOrderedPagesWhileAWriterWorks) {
   std::atomic<int> problems{0};
   for (int r = 0; r < 3; ++r)
     readers.emplace_back([&] {
-      std::vector<Sample> all = ReadAll(OLESTR("T"), kT0, kT0 + 19999 * kSecond, 700);
+      std::vector<Sample> all = ReadAll(OLESTR("T"), 0, 19999, 700);
       if (all.size() != 20000) ++problems;
       for (size_t i = 1; i < all.size(); ++i)
         if (all[i].time <= all[i - 1].time) ++problems;
     });
   TagIdent w = Ident(OLESTR("W"));
   for (int i = 0; i < 2000; ++i) {
-    HistoryValue hv{};
-    hv.value.vt = VT_R8;
-    hv.timestamp = Ft(kT0 + (100 + i) * kSecond);
-    EXPECT_EQ(S_OK, raw_->InsertValue(&w, &hv));
+    EXPECT_EQ(S_OK, raw_->InsertValue(&w, Written(OLESTR("0"), 100 + i).P()));
     if (i % 2) {
-      EXPECT_EQ(S_OK, raw_->DeleteValues(&w, Ft(kT0 + (100 + i) * kSecond), Ft(kT0 + (100 + i) * kSecond)));
+      EXPECT_EQ(S_OK, raw_->DeleteValues(&w, At(100 + i), At(100 + i)));
     }
   }
   for (auto& t : readers) t.join();
@@ -155,88 +154,68 @@ TEST_F(RawPaging, ConcurrentReadersSeeOrderedPagesWhileAWriterWorks) {
   EXPECT_EQ(20000u + 10 + 1000, store_->SampleCount());
 }
 
-TEST_F(RawRanges, RefusesBadRequests) {
-  AddSeries(OLESTR("T"), 3);
-  TagIdent t = Ident(OLESTR("T")), missing = Ident(OLESTR("Nope"));
+TEST_F(RawWrites, ReadsInsertsUpdatesAndDeletesWithTheirResultCodes) {
+  AddSeries(OLESTR("T"), 10);
+  TagIdent t = Ident(OLESTR("T")), missing = Ident(OLESTR("Nope")), noSchema = t;
   void* cp = nullptr;
   HistoryValueList* list = nullptr;
-  EXPECT_EQ(HIST_E_TAG_NOT_FOUND, raw_->ReadRaw(&missing, Ft(kT0), Ft(kT0 + kSecond), 0, 1, &cp, &list));
-  EXPECT_EQ(E_INVALIDARG, raw_->ReadRaw(&t, Ft(kT0), Ft(kT0 + kSecond), 0, 3, &cp, &list));
-  EXPECT_EQ(E_INVALIDARG, raw_->ReadRaw(&t, Ft(kT0), Ft(kT0 + kSecond), 0, 1, nullptr, &list));
+  EXPECT_EQ(HIST_E_TAG_NOT_FOUND, raw_->ReadRaw(&missing, At(0), At(1), 0, 1, &cp, &list));
+  EXPECT_EQ(E_INVALIDARG, raw_->ReadRaw(&t, At(0), At(1), 0, 3, &cp, &list));
+  EXPECT_EQ(E_INVALIDARG, raw_->ReadRaw(&t, At(0), At(1), 0, 1, nullptr, &list));
   OLECHAR empty[] = {0};
-  TagIdent noSchema = t;
   noSchema.schema = empty;
-  EXPECT_EQ(E_INVALIDARG, raw_->ReadRaw(&noSchema, Ft(kT0), Ft(kT0 + kSecond), 0, 1, &cp, &list));
+  EXPECT_EQ(E_INVALIDARG, raw_->ReadRaw(&noSchema, At(0), At(1), 0, 1, &cp, &list));
   EXPECT_EQ(nullptr, list);
   EXPECT_EQ(nullptr, cp);
-
   VARTYPE vt = VT_EMPTY;
   EXPECT_EQ(S_OK, raw_->GetTagInfo(&t, &vt));
   EXPECT_EQ(VT_R8, vt);
   FILETIME first, last;
   EXPECT_EQ(S_OK, raw_->GetTimeBounds(&t, &first, &last));
   EXPECT_EQ(kT0, FileTimeToU64(first));
-  EXPECT_EQ(kT0 + 2 * kSecond, FileTimeToU64(last));
+  EXPECT_EQ(kT0 + 9 * kSecond, FileTimeToU64(last));
   EXPECT_EQ(HIST_E_TAG_NOT_FOUND, raw_->GetTimeBounds(&missing, &first, &last));
-}
 
-TEST_F(RawWrites, InsertUpdateDeleteWithTheirResultCodes) {
-  AddSeries(OLESTR("T"), 10);
-  TagIdent t = Ident(OLESTR("T")), missing = Ident(OLESTR("Nope"));
-  HistoryValue hv{};
-  hv.value.vt = VT_BSTR;  // the procedures write texts; the tag keeps its own type
-  hv.value.bstrVal = SysAllocString(OLESTR("2.5"));
-  hv.timestamp = Ft(kT0 + 20 * kSecond);
-  hv.quality = 0x40000000;
-  EXPECT_EQ(S_OK, raw_->InsertValue(&t, &hv));
-  EXPECT_EQ(HIST_E_DATA_ALREADY_PRESENT, raw_->InsertValue(&t, &hv));
-  EXPECT_EQ(HIST_E_TAG_NOT_FOUND, raw_->InsertValue(&missing, &hv));
-  std::vector<Sample> got = ReadAll(OLESTR("T"), kT0 + 20 * kSecond, kT0 + 20 * kSecond, 0);
+  Written good(OLESTR("2.5"), 20, 0x40000000);
+  EXPECT_EQ(S_OK, raw_->InsertValue(&t, good.P()));
+  EXPECT_EQ(HIST_E_DATA_ALREADY_PRESENT, raw_->InsertValue(&t, good.P()));
+  EXPECT_EQ(HIST_E_TAG_NOT_FOUND, raw_->InsertValue(&missing, good.P()));
+  const std::vector<Sample> got = ReadAll(OLESTR("T"), 20, 20);
   ASSERT_EQ(1u, got.size());
   EXPECT_EQ(2.5, got[0].value);
   EXPECT_EQ(0x40000000u, got[0].quality);
-
-  SysReAllocString(&hv.value.bstrVal, OLESTR("abc"));
-  hv.timestamp = Ft(kT0 + 21 * kSecond);
-  EXPECT_TRUE(FAILED(raw_->InsertValue(&t, &hv)));
+  EXPECT_TRUE(FAILED(raw_->InsertValue(&t, Written(OLESTR("abc"), 21).P())));
   EXPECT_EQ(11u, store_->SampleCount());
 
-  SysReAllocString(&hv.value.bstrVal, OLESTR("-7"));
-  hv.timestamp = Ft(kT0 + 3 * kSecond);
-  EXPECT_EQ(S_OK, raw_->UpdateValue(&t, &hv));
-  hv.timestamp = Ft(kT0 + 3 * kSecond + 1);
-  EXPECT_EQ(HIST_E_DATA_NOT_FOUND, raw_->UpdateValue(&t, &hv));
-  EXPECT_EQ(HIST_E_TAG_NOT_FOUND, raw_->UpdateValue(&missing, &hv));
-  VariantClear(&hv.value);
-  EXPECT_EQ((std::vector<double>{2, -7, 4}), ValuesOf(ReadAll(OLESTR("T"), kT0 + 2 * kSecond, kT0 + 4 * kSecond, 0)));
+  Written update(OLESTR("-7"), 3);
+  EXPECT_EQ(S_OK, raw_->UpdateValue(&t, update.P()));
+  EXPECT_EQ(HIST_E_TAG_NOT_FOUND, raw_->UpdateValue(&missing, update.P()));
+  update.hv.timestamp = Ft(kT0 + 3 * kSecond + 1);
+  EXPECT_EQ(HIST_E_DATA_NOT_FOUND, raw_->UpdateValue(&t, update.P()));
+  EXPECT_EQ((std::vector<double>{2, -7, 4}), Values(OLESTR("T"), 2, 4));
 
   // Both ends of a delete are included; the order of the ends does not matter.
-  EXPECT_EQ(S_OK, raw_->DeleteValues(&t, Ft(kT0 + 3 * kSecond), Ft(kT0 + 6 * kSecond)));
-  EXPECT_EQ(S_FALSE, raw_->DeleteValues(&t, Ft(kT0 + 3 * kSecond), Ft(kT0 + 6 * kSecond)));
-  EXPECT_EQ(S_OK, raw_->DeleteValues(&t, Ft(kT0 + 20 * kSecond), Ft(kT0 + 8 * kSecond)));
-  EXPECT_EQ(HIST_E_TAG_NOT_FOUND, raw_->DeleteValues(&missing, Ft(kT0), Ft(kT0)));
-  EXPECT_EQ((std::vector<double>{0, 1, 2, 7}), ValuesOf(ReadAll(OLESTR("T"), kT0, kT0 + 99 * kSecond, 0)));
+  EXPECT_EQ(S_OK, raw_->DeleteValues(&t, At(3), At(6)));
+  EXPECT_EQ(S_FALSE, raw_->DeleteValues(&t, At(3), At(6)));
+  EXPECT_EQ(S_OK, raw_->DeleteValues(&t, At(20), At(8)));
+  EXPECT_EQ(HIST_E_TAG_NOT_FOUND, raw_->DeleteValues(&missing, At(0), At(0)));
+  EXPECT_EQ((std::vector<double>{0, 1, 2, 7}), Values(OLESTR("T"), 0, 99));
 
   TagDefinition ro;
   ro.name = OLESTR("RO");
   ro.accessRights = kTagAccessRead;
   ASSERT_EQ(S_OK, store_->AddTag(ro));
-  TagIdent r = Ident(OLESTR("RO"));
-  HistoryValue num{};
-  num.value.vt = VT_R8;
-  EXPECT_EQ(E_ACCESSDENIED, raw_->InsertValue(&r, &num));
-  EXPECT_EQ(E_ACCESSDENIED, raw_->DeleteValues(&r, Ft(0), Ft(kT0)));
+  TagIdent r = Ident(OLESTR("RO")), none{empty, empty, empty};
+  EXPECT_EQ(E_ACCESSDENIED, raw_->InsertValue(&r, good.P()));
+  EXPECT_EQ(E_ACCESSDENIED, raw_->DeleteValues(&r, Ft(0), At(0)));
   DWORD caps = 0;
   EXPECT_EQ(S_OK, raw_->GetCapabilities(&r, &caps));
   EXPECT_EQ(0u, caps & kCapabilityInsert);
-  OLECHAR empty[] = {0};
-  TagIdent none{empty, empty, empty};
   EXPECT_EQ(S_OK, raw_->GetCapabilities(&none, &caps));
   EXPECT_NE(0u, caps & kCapabilityInsert);
 }
 
 TEST_F(RawWrites, EveryTypeComesBackAsItsOwnVariant) {
-  // Written as text (as the procedures write), read back in the tag's own type.
   const struct {
     VARTYPE vt;
     const OLECHAR* text;
@@ -251,13 +230,8 @@ TEST_F(RawWrites, EveryTypeComesBackAsItsOwnVariant) {
     def.vartype = c.vt;
     ASSERT_EQ(S_OK, store_->AddTag(def));
     TagIdent t = Ident(def.name.c_str());
-    HistoryValue hv{};
-    hv.value.vt = VT_BSTR;
-    hv.value.bstrVal = SysAllocString(c.text);
-    hv.timestamp = Ft(kT0);
-    EXPECT_EQ(S_OK, raw_->InsertValue(&t, &hv)) << c.vt;
-    VariantClear(&hv.value);
-    const std::vector<Sample> got = ReadAll(def.name.c_str(), kT0, kT0, 0);
+    EXPECT_EQ(S_OK, raw_->InsertValue(&t, Written(c.text, 0).P())) << c.vt;
+    const std::vector<Sample> got = ReadAll(def.name.c_str(), 0, 0);
     ASSERT_EQ(1u, got.size()) << c.vt;
     EXPECT_EQ(c.vt, got[0].vt);
     EXPECT_EQ(c.value, got[0].value) << c.vt;

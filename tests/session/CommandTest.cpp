@@ -8,8 +8,11 @@
 #include <cstring>
 #include <thread>
 
+#include "base/ComPtr.h"
 #include "tests/session/ConsumerFixture.h"
 
+using corvane::ComPtr;
+using corvane::QueryAs;
 using corvane::test::Columns;
 using corvane::test::ConsumerTest;
 using corvane::test::ReadAll;
@@ -27,27 +30,20 @@ class CommandTest : public ConsumerTest {
   void SetUp() override {
     ConsumerTest::SetUp();
     if (HasFatalFailure()) return;
-    IDBCreateCommand* create = Query<IDBCreateCommand>(session_, IID_IDBCreateCommand);
-    ASSERT_NE(nullptr, create);
-    ASSERT_EQ(S_OK, create->CreateCommand(nullptr, IID_ICommandText, reinterpret_cast<IUnknown**>(&text_)));
-    create->Release();
-    ASSERT_NE(nullptr, accessor_ = Query<IAccessor>(text_, IID_IAccessor));
-    ASSERT_NE(nullptr, params_ = Query<ICommandWithParameters>(text_, IID_ICommandWithParameters));
+    ASSERT_EQ(S_OK, QueryAs<IDBCreateCommand>(session_, IID_IDBCreateCommand)
+                        ->CreateCommand(nullptr, IID_ICommandText, reinterpret_cast<IUnknown**>(text_.Put())));
+    ASSERT_TRUE(accessor_ = QueryAs<IAccessor>(text_.Get(), IID_IAccessor));
+    ASSERT_TRUE(params_ = QueryAs<ICommandWithParameters>(text_.Get(), IID_ICommandWithParameters));
   }
   void TearDown() override {
-    if (params_) params_->Release();
-    if (accessor_) accessor_->Release();
+    params_.Reset();
+    accessor_.Reset();
     if (text_) {
-      EXPECT_EQ(0u, text_->Release());
+      EXPECT_EQ(0u, text_.Detach()->Release());
     }
     ConsumerTest::TearDown();
   }
-  HRESULT Prepare() {
-    ICommandPrepare* prepare = Query<ICommandPrepare>(text_, IID_ICommandPrepare);
-    const HRESULT hr = prepare->Prepare(1);
-    prepare->Release();
-    return hr;
-  }
+  HRESULT Prepare() { return QueryAs<ICommandPrepare>(text_.Get(), IID_ICommandPrepare)->Prepare(1); }
   std::string Text(GUID* dialect) {
     LPOLESTR text = nullptr;
     EXPECT_EQ(S_OK, text_->GetCommandText(dialect, &text));
@@ -85,9 +81,9 @@ class CommandTest : public ConsumerTest {
     CoTaskMemFree(names);
     return result;
   }
-  ICommandText* text_ = nullptr;
-  IAccessor* accessor_ = nullptr;
-  ICommandWithParameters* params_ = nullptr;
+  ComPtr<ICommandText> text_;
+  ComPtr<IAccessor> accessor_;
+  ComPtr<ICommandWithParameters> params_;
 };
 
 using CommandText = CommandTest;
@@ -139,15 +135,15 @@ TEST_F(CommandText, TextDialectAndPrepareWithoutText) {
 }
 
 TEST_F(CommandText, PreparedCommandDescribesItsColumns) {
-  IColumnsInfo* info = Query<IColumnsInfo>(text_, IID_IColumnsInfo);
-  ASSERT_NE(nullptr, info);
+  auto info = QueryAs<IColumnsInfo>(text_.Get(), IID_IColumnsInfo);
+  ASSERT_TRUE(info);
   DBORDINAL n = 0;
   DBCOLUMNINFO* columns = nullptr;
   OLECHAR* strings = nullptr;
   SetText(OLESTR("SELECT value, TagName FROM RawData"));
   EXPECT_EQ(DB_E_NOTPREPARED, info->GetColumnInfo(&n, &columns, &strings));
   ASSERT_EQ(S_OK, Prepare());
-  const auto described = Columns(text_);
+  const auto described = Columns(text_.Get());
   ASSERT_EQ(2u, described.size());
   EXPECT_EQ(DBTYPE_VARIANT, described[0].second);
   EXPECT_EQ(DBTYPE_WSTR, described[1].second);
@@ -157,7 +153,6 @@ TEST_F(CommandText, PreparedCommandDescribesItsColumns) {
   DBORDINAL ordinal = 0;
   EXPECT_EQ(S_OK, info->MapColumnIDs(1, &id, &ordinal));
   EXPECT_EQ(2u, ordinal);
-  info->Release();
 
   // Prepared or executed, a statement shows the same columns: a procedure's select
   // list narrows its columns, EXEC gives them all, computed items are typed alike.
@@ -169,7 +164,7 @@ TEST_F(CommandText, PreparedCommandDescribesItsColumns) {
         OLESTR("SELECT TAGNAME, DataTypeToStr(DATATYPE), 1.5 FROM TAGS")}) {
     SetText(statement);
     ASSERT_EQ(S_OK, Prepare());
-    const auto prepared = Columns(text_);
+    const auto prepared = Columns(text_.Get());
     IUnknown* rowset = nullptr;
     ASSERT_EQ(S_OK, text_->Execute(nullptr, IID_IRowset, nullptr, nullptr, &rowset));
     ReadAll(rowset, {1});
@@ -195,7 +190,7 @@ TEST_F(CommandText, PreparedCommandDescribesItsColumns) {
   for (const auto& [statement, expected] : sequence) {
     SetText(statement);
     ASSERT_EQ(S_OK, Prepare()) << corvane::ToUtf8(statement);
-    EXPECT_EQ(Columns(text_), expected) << corvane::ToUtf8(statement);
+    EXPECT_EQ(Columns(text_.Get()), expected) << corvane::ToUtf8(statement);
   }
 }
 
@@ -340,8 +335,8 @@ TEST_F(CommandExecution, RowAccessorsOfTheCommandReadItsRowsets) {
 
   for (int run = 0; run < 2; ++run) {  // every rowset of the command inherits it
     ASSERT_EQ(S_OK, text_->Execute(nullptr, IID_IRowset, nullptr, nullptr, &rowset));
-    IRowset* rows = Query<IRowset>(rowset, IID_IRowset);
-    IAccessor* own = Query<IAccessor>(rowset, IID_IAccessor);
+    auto rows = QueryAs<IRowset>(rowset, IID_IRowset);
+    auto own = QueryAs<IAccessor>(rowset, IID_IAccessor);
     DBCOUNTITEM obtained = 0;
     HROW* handles = nullptr;
     ASSERT_EQ(DB_S_ENDOFROWSET, rows->GetNextRows(DB_NULL_HCHAPTER, 0, 10, &obtained, &handles));
@@ -358,8 +353,8 @@ TEST_F(CommandExecution, RowAccessorsOfTheCommandReadItsRowsets) {
     rows->ReleaseRows(obtained, handles, nullptr, nullptr, nullptr);
     CoTaskMemFree(handles);
     own->ReleaseAccessor(mine, nullptr);
-    own->Release();
-    rows->Release();
+    own.Reset();
+    rows.Reset();
     rowset->Release();
   }
 
@@ -370,9 +365,7 @@ TEST_F(CommandExecution, RowAccessorsOfTheCommandReadItsRowsets) {
   DBBINDSTATUS status = DBBINDSTATUS_OK;
   EXPECT_EQ(DB_E_ERRORSOCCURRED, accessor_->CreateAccessor(DBACCESSOR_ROWDATA, 1, &beyond, 0, &late, &status));
   EXPECT_EQ(DBBINDSTATUS_BADORDINAL, status);
-  ICommandPrepare* prepare = Query<ICommandPrepare>(text_, IID_ICommandPrepare);
-  EXPECT_EQ(S_OK, prepare->Unprepare());
-  prepare->Release();
+  EXPECT_EQ(S_OK, QueryAs<ICommandPrepare>(text_.Get(), IID_ICommandPrepare)->Unprepare());
   ASSERT_EQ(S_OK, accessor_->CreateAccessor(DBACCESSOR_ROWDATA, 1, &beyond, 0, &late, nullptr));
   EXPECT_EQ(DB_E_BADBINDINFO, text_->Execute(nullptr, IID_IRowset, nullptr, nullptr, &rowset));
   EXPECT_EQ(nullptr, rowset);
@@ -400,18 +393,11 @@ TEST_F(CommandExecution, ExecutePreparesAndOpenRowsetsHoldTheCommand) {
   EXPECT_EQ(DB_E_OBJECTOPEN, params_->SetParameterInfo(1, &ordinal, &bind));
 
   // The rowset names its command as its creator.
-  IRowsetInfo* info = Query<IRowsetInfo>(rowset, IID_IRowsetInfo);
-  ASSERT_NE(nullptr, info);
-  IUnknown* creator = nullptr;
-  ASSERT_EQ(S_OK, info->GetSpecification(IID_ICommandText, &creator));
-  EXPECT_EQ(static_cast<IUnknown*>(text_), creator);
-  creator->Release();
-  info->Release();
+  ComPtr<IUnknown> creator;
+  ASSERT_EQ(S_OK, QueryAs<IRowsetInfo>(rowset, IID_IRowsetInfo)->GetSpecification(IID_ICommandText, creator.Put()));
+  EXPECT_EQ(static_cast<IUnknown*>(text_.Get()), creator.Get());
   // Its fetches post error records (a failing page read shows in tests/cases/execution.test).
-  ISupportErrorInfo* support = Query<ISupportErrorInfo>(rowset, IID_ISupportErrorInfo);
-  ASSERT_NE(nullptr, support);
-  EXPECT_EQ(S_OK, support->InterfaceSupportsErrorInfo(IID_IRowset));
-  support->Release();
+  EXPECT_EQ(S_OK, QueryAs<ISupportErrorInfo>(rowset, IID_ISupportErrorInfo)->InterfaceSupportsErrorInfo(IID_IRowset));
   EXPECT_EQ(2u, ReadAll(rowset, {1}).size());
   rowset->Release();
 

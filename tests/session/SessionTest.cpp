@@ -5,8 +5,11 @@
 
 #include <algorithm>
 
+#include "base/ComPtr.h"
 #include "tests/session/ConsumerFixture.h"
 
+using corvane::ComPtr;
+using corvane::QueryAs;
 using corvane::test::Columns;
 using corvane::test::ConsumerTest;
 using corvane::test::ReadAll;
@@ -28,57 +31,30 @@ DBID TableId(const OLECHAR* name) {
   return id;
 }
 
-class SchemaRowsets : public ConsumerTest {
- protected:
-  void SetUp() override {
-    ConsumerTest::SetUp();
-    if (HasFatalFailure()) return;
-    schemas_ = Query<IDBSchemaRowset>(session_, IID_IDBSchemaRowset);
-    ASSERT_NE(nullptr, schemas_);
-  }
-  void TearDown() override {
-    if (schemas_) schemas_->Release();
-    ConsumerTest::TearDown();
-  }
-  IDBSchemaRowset* schemas_ = nullptr;
-};
-
 }  // namespace
 
 TEST_F(SessionObject, AnswersItsInterfacesAndLeadsBackToItsDataSource) {
   for (const IID* iid : {&IID_IOpenRowset, &IID_IDBCreateCommand, &IID_IDBSchemaRowset, &IID_IGetDataSource,
-                         &IID_ISessionProperties, &IID_ISupportErrorInfo}) {
-    IUnknown* p = Query<IUnknown>(session_, *iid);
-    EXPECT_NE(nullptr, p);
-    if (p) p->Release();
-  }
-  EXPECT_EQ(nullptr, Query<IUnknown>(session_, IID_IDBInitialize));
+                         &IID_ISessionProperties, &IID_ISupportErrorInfo})
+    EXPECT_TRUE(QueryAs<IUnknown>(session_, *iid));
+  EXPECT_FALSE(QueryAs<IUnknown>(session_, IID_IDBInitialize));
 
-  IGetDataSource* get = Query<IGetDataSource>(session_, IID_IGetDataSource);
-  ASSERT_NE(nullptr, get);
-  IUnknown* ds = nullptr;
-  ASSERT_EQ(S_OK, get->GetDataSource(IID_IUnknown, &ds));
-  IUnknown* identity = Query<IUnknown>(dataSource_, IID_IUnknown);
-  EXPECT_EQ(identity, ds);
-  identity->Release();
-  ds->Release();
-  get->Release();
+  ComPtr<IUnknown> ds;
+  ASSERT_EQ(S_OK, QueryAs<IGetDataSource>(session_, IID_IGetDataSource)->GetDataSource(IID_IUnknown, ds.Put()));
+  EXPECT_EQ(QueryAs<IUnknown>(dataSource_, IID_IUnknown).Get(), ds.Get());
 
-  ISupportErrorInfo* support = Query<ISupportErrorInfo>(session_, IID_ISupportErrorInfo);
-  ASSERT_NE(nullptr, support);
+  auto support = QueryAs<ISupportErrorInfo>(session_, IID_ISupportErrorInfo);
   EXPECT_EQ(S_OK, support->InterfaceSupportsErrorInfo(IID_IOpenRowset));
   EXPECT_EQ(S_OK, support->InterfaceSupportsErrorInfo(IID_IDBSchemaRowset));
   EXPECT_EQ(S_FALSE, support->InterfaceSupportsErrorInfo(IID_IRowset));
-  support->Release();
 
   // The session keeps the data source alive while the consumer holds only the session.
   const ULONG before = RefCount(dataSource_);
-  IOpenRowset* second = nullptr;
-  IDBCreateSession* create = Query<IDBCreateSession>(dataSource_, IID_IDBCreateSession);
-  ASSERT_EQ(S_OK, create->CreateSession(nullptr, IID_IOpenRowset, reinterpret_cast<IUnknown**>(&second)));
-  create->Release();
+  ComPtr<IUnknown> second;
+  ASSERT_EQ(S_OK, QueryAs<IDBCreateSession>(dataSource_, IID_IDBCreateSession)
+                      ->CreateSession(nullptr, IID_IOpenRowset, second.Put()));
   EXPECT_EQ(before + 1, RefCount(dataSource_));
-  second->Release();
+  second.Reset();
   EXPECT_EQ(before, RefCount(dataSource_));
 }
 
@@ -93,14 +69,13 @@ TEST_F(SessionObject, OpenSessionsKeepTheDataSourceInitialised) {
   EXPECT_TRUE(IsEqualIID(IID_IDBInitialize, error.iid));
 
   // A rowset holds its command, which holds the session the consumer let go of.
-  IDBCreateCommand* create = Query<IDBCreateCommand>(session_, IID_IDBCreateCommand);
-  ICommandText* command = nullptr;
-  ASSERT_EQ(S_OK, create->CreateCommand(nullptr, IID_ICommandText, reinterpret_cast<IUnknown**>(&command)));
-  create->Release();
+  ComPtr<ICommandText> command;
+  ASSERT_EQ(S_OK, QueryAs<IDBCreateCommand>(session_, IID_IDBCreateCommand)
+                      ->CreateCommand(nullptr, IID_ICommandText, reinterpret_cast<IUnknown**>(command.Put())));
   ASSERT_EQ(S_OK, command->SetCommandText(DBGUID_DEFAULT, OLESTR("SELECT * FROM TAGS")));
   IUnknown* rowset = nullptr;
   ASSERT_EQ(S_OK, command->Execute(nullptr, IID_IRowset, nullptr, nullptr, &rowset));
-  command->Release();
+  command.Reset();
   session_->Release();
   session_ = nullptr;
   EXPECT_EQ(DB_E_OBJECTOPEN, init->Uninitialize());
@@ -109,12 +84,11 @@ TEST_F(SessionObject, OpenSessionsKeepTheDataSourceInitialised) {
   EXPECT_EQ(S_OK, init->Uninitialize());
 
   ASSERT_EQ(S_OK, init->Initialize());
-  IDBCreateSession* sessions = Query<IDBCreateSession>(dataSource_, IID_IDBCreateSession);
   IUnknown* session = nullptr;
   // A session refused for its interface never counted.
-  EXPECT_EQ(E_NOINTERFACE, sessions->CreateSession(nullptr, IID_IDBInitialize, &session));
+  EXPECT_EQ(E_NOINTERFACE, QueryAs<IDBCreateSession>(dataSource_, IID_IDBCreateSession)
+                               ->CreateSession(nullptr, IID_IDBInitialize, &session));
   TakeLastError();
-  sessions->Release();
   init->Release();
 }
 
@@ -176,18 +150,13 @@ TEST_F(SessionObject, OpenRowsetHonoursOrRefusesRequiredRowsetProperties) {
 }
 
 TEST_F(SessionObject, CreateCommandNamesAnUnknownInterfaceByItsGuid) {
-  IDBCreateCommand* create = Query<IDBCreateCommand>(session_, IID_IDBCreateCommand);
-  ASSERT_NE(nullptr, create);
+  auto create = QueryAs<IDBCreateCommand>(session_, IID_IDBCreateCommand);
+  ASSERT_TRUE(create);
   IUnknown* command = nullptr;
-  ASSERT_EQ(S_OK, create->CreateCommand(nullptr, IID_ICommandText, &command));
-  // The command holds the session: releasing the consumer's session first is fine.
-  ICommand* asCommand = Query<ICommand>(command, IID_ICommand);
-  IUnknown* back = nullptr;
-  ASSERT_EQ(S_OK, asCommand->GetDBSession(IID_IOpenRowset, &back));
-  EXPECT_EQ(static_cast<IUnknown*>(session_), back);
-  back->Release();
-  asCommand->Release();
-  command->Release();
+  ComPtr<IUnknown> made, back;
+  ASSERT_EQ(S_OK, create->CreateCommand(nullptr, IID_ICommandText, made.Put()));
+  ASSERT_EQ(S_OK, QueryAs<ICommand>(made.Get(), IID_ICommand)->GetDBSession(IID_IOpenRowset, back.Put()));
+  EXPECT_EQ(static_cast<IUnknown*>(session_), back.Get());
 
   TraceCapture trace;
   EXPECT_EQ(E_NOINTERFACE, create->CreateCommand(nullptr, kMadeUp, &command));
@@ -197,15 +166,16 @@ TEST_F(SessionObject, CreateCommandNamesAnUnknownInterfaceByItsGuid) {
   EXPECT_TRUE(IsEqualIID(IID_IDBCreateCommand, error.iid));
   EXPECT_EQ(DB_E_NOAGGREGATION, create->CreateCommand(reinterpret_cast<IUnknown*>(session_), IID_IUnknown, &command));
   TakeLastError();
-  create->Release();
 }
 
-TEST_F(SchemaRowsets, GetSchemasListsTheNineSchemasWithTheirMasks) {
+TEST_F(SessionObject, GetSchemasListsTheNineSchemasWithTheirMasks) {
+  auto schemas = QueryAs<IDBSchemaRowset>(session_, IID_IDBSchemaRowset);
+  ASSERT_TRUE(schemas);
   ULONG n = 0;
   GUID* guids = nullptr;
   ULONG* masks = nullptr;
   TraceCapture trace;
-  ASSERT_EQ(S_OK, schemas_->GetSchemas(&n, &guids, &masks));
+  ASSERT_EQ(S_OK, schemas->GetSchemas(&n, &guids, &masks));
   EXPECT_TRACED(trace, "Called CProviderSession::GetSchemas");
   const std::pair<const GUID*, ULONG> expected[] = {
       {&DBSCHEMA_CATALOGS, 1},       {&DBSCHEMA_COLUMNS, 15},  {&DBSCHEMA_PROCEDURES, 15},
@@ -220,7 +190,7 @@ TEST_F(SchemaRowsets, GetSchemasListsTheNineSchemasWithTheirMasks) {
   }
   CoTaskMemFree(guids);
   CoTaskMemFree(masks);
-  EXPECT_EQ(E_INVALIDARG, schemas_->GetSchemas(&n, nullptr, &masks));
+  EXPECT_EQ(E_INVALIDARG, schemas->GetSchemas(&n, nullptr, &masks));
   EXPECT_TRACED(trace, "ERROR in CProviderSession::GetSchemas, HR = 80070057");
   EXPECT_TRUE(IsEqualIID(IID_IDBSchemaRowset, TakeLastError().iid));
 }
