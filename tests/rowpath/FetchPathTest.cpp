@@ -229,14 +229,10 @@ TEST_F(RowHandles, ReadersOnOtherThreadsSeeTheirRowsWhileTheTableChanges) {
   std::atomic<ULONGLONG> read{0};
   auto reader = [&] {
     std::vector<std::pair<HROW, double>> held;  // every 97th row is kept to the end
-    for (std::pair<HROW, double> next; handover.Take(&next);) {
+    for (std::pair<HROW, double> next; handover.Take(&next); ++read) {
       if (ValueOf(next.first) != next.second) ++wrong;
-      ++read;
-      if (static_cast<ULONGLONG>(next.second) % 97 == 0) {
-        held.push_back(next);
-      } else if (rowset_->ReleaseRows(1, &next.first, nullptr, nullptr, nullptr) != S_OK) {
-        ++wrong;
-      }
+      if (static_cast<ULONGLONG>(next.second) % 97 == 0) held.push_back(next);
+      else if (rowset_->ReleaseRows(1, &next.first, nullptr, nullptr, nullptr) != S_OK) ++wrong;
     }
     for (const auto& h : held) {
       if (ValueOf(h.first) != h.second || rowset_->ReleaseRows(1, &h.first, nullptr, nullptr, nullptr) != S_OK) ++wrong;
@@ -300,9 +296,8 @@ TEST_F(CellCopies, StoreAndConversionServiceAgree) {
   TraceCapture traces;
   auto StoreTraces = [](const TraceCapture& capture) {
     std::vector<std::string> lines;
-    for (const std::string& text : capture.Texts()) {
+    for (const std::string& text : capture.Texts())
       if (text.rfind("CDataStore::GetData", 0) == 0) lines.push_back(text);
-    }
     return lines;
   };
 
@@ -326,18 +321,14 @@ TEST_F(CellCopies, StoreAndConversionServiceAgree) {
       for (DBLENGTH room : wideRoom) {
         if (target != DBTYPE_WSTR && room != wideRoom[0]) continue;
         const DBLENGTH maxLen = target == DBTYPE_WSTR ? room : 24;
-        alignas(8) BYTE viaStore[128];
-        alignas(8) BYTE viaService[128];
-        std::memset(viaStore, 0xEE, sizeof viaStore);
-        std::memset(viaService, 0xEE, sizeof viaService);
+        alignas(8) BYTE viaStore[128], viaService[128], viaPlan[128];
+        for (BYTE* bytes : {viaStore, viaService, viaPlan}) std::memset(bytes, 0xEE, sizeof viaStore);
         DBBINDING b = Binding(static_cast<DBORDINAL>(c + 1), target, 0, maxLen);
         b.obLength = 80;
         b.obStatus = 96;
         traces.Clear();
         const HRESULT hrStore = store.GetData(&b, 1, rows[0], viaStore);
         const std::vector<std::string> generalTraces = StoreTraces(traces);
-        alignas(8) BYTE viaPlan[128];
-        std::memset(viaPlan, 0xEE, sizeof viaPlan);
         const std::vector<CDataStore::BindingStep> plan = store.PlanBindings(&b, 1);
         traces.Clear();
         EXPECT_EQ(hrStore, store.GetData(&b, 1, rows[0], viaPlan, plan.data()));

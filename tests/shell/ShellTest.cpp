@@ -13,6 +13,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -58,9 +59,7 @@ std::string WriteFile(const std::string& name, const std::string& text) {
 
 std::string ReadFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
+  return {std::istreambuf_iterator<char>(in), {}};
 }
 
 // In a forked child: becomes the shell with `args`.
@@ -107,6 +106,8 @@ Result RunShell(const std::vector<std::string>& args, const std::string& input =
   r.err = ReadFile(err);
   return r;
 }
+// The exit status and stderr in one text, so one comparison shows both.
+std::string Failure(const Result& r) { return std::to_string(r.status) + " " + r.err; }
 
 // Two tags with known samples on 2024-01-01, one of each kind the formats treat apart.
 const char kData[] =
@@ -184,9 +185,7 @@ TEST(ShellFailures, ErrorsGoToStderrAndTheShellGoesOn) {
   EXPECT_EQ(0u, r.err.find("error 0x8004C001: Failed to execute a command (IID_ICommand). Details: ")) << r.err;
   EXPECT_EQ("TAGNAME\r\nFlow\r\nNote\r\nOn\r\n", r.out) << "the next statement still ran";
 
-  r = RunShell({"--no-demo", "-e", "SELEC 1"});
-  EXPECT_EQ(1, r.status);
-  EXPECT_EQ(0u, r.err.find("error 0x8"));
+  EXPECT_EQ(0u, Failure(RunShell({"--no-demo", "-e", "SELEC 1"})).find("1 error 0x8"));
 
   // Bad command lines and unreadable files: status 2 and a message, nothing run.
   for (const std::vector<std::string>& bad : std::vector<std::vector<std::string>>{
@@ -199,9 +198,8 @@ TEST(ShellFailures, ErrorsGoToStderrAndTheShellGoesOn) {
     EXPECT_EQ("", r.out);
   }
   EXPECT_NE(std::string::npos, r.err.find("bad.csv:2")) << "a bad data file names its line: " << r.err;
-  r = RunShell({"--data", TempDir()});
-  EXPECT_EQ(2, r.status);
-  EXPECT_EQ("corvane-sql: cannot read '" + TempDir() + "': Is a directory\n", r.err);
+  EXPECT_EQ("2 corvane-sql: cannot read '" + TempDir() + "': Is a directory\n",
+            Failure(RunShell({"--data", TempDir()})));
 }
 
 TEST(ShellFailures, AFailedWriteStopsTheStatementReleasesItAndEndsTheShell) {
@@ -240,12 +238,15 @@ TEST(ShellInputs, ParametersAreTypedAndCounted) {
   ASSERT_EQ(0, r.status) << r.err;
   EXPECT_EQ("VALUE\r\n1.5\r\n0.1\r\n\r\nTAGNAME\r\nFlow\r\n", r.out);
 
-  r = RunShell(WithData({"--param", "DBTYPE_R8:abc", "-e", "SELECT * FROM RAWDATA WHERE TAGNAME = ?"}));
-  EXPECT_EQ(1, r.status);
-  EXPECT_NE(std::string::npos, r.err.find("'abc' is not a valid DBTYPE_R8")) << r.err;
-  r = RunShell(WithData({"-e", "SELECT * FROM RAWDATA WHERE TAGNAME = ?"}));
-  EXPECT_EQ(1, r.status);
-  EXPECT_NE(std::string::npos, r.err.find("the statement has 1 parameter(s) but 0")) << r.err;
+  using Pair = std::pair<const char*, const char*>;
+  for (const auto& [param, error] : {Pair{"DBTYPE_R8:abc", "'abc' is not a valid DBTYPE_R8"},
+                                     Pair{nullptr, "the statement has 1 parameter(s) but 0"}}) {
+    std::vector<std::string> args{"-e", "SELECT * FROM RAWDATA WHERE TAGNAME = ?"};
+    if (param) args.insert(args.begin(), {"--param", param});
+    r = RunShell(WithData(args));
+    EXPECT_EQ(1, r.status);
+    EXPECT_NE(std::string::npos, r.err.find(error)) << r.err;
+  }
 }
 
 TEST(ShellInputs, FilesAndStdinSplitAtSemicolonsThatEndALine) {
@@ -256,15 +257,11 @@ TEST(ShellInputs, FilesAndStdinSplitAtSemicolonsThatEndALine) {
       "SELECT TAGNAME FROM TAGS WHERE TAGNAME = 'a;\nb';\n"  // a `;` inside a text ends nothing
       "SELECT TAGNAME FROM TAGS WHERE TAGNAME = 'On'";      // the last one needs no `;`
   const std::string expected = "TAGNAME\r\nFlow\r\n\r\nTAGNAME\r\n\r\nTAGNAME\r\nOn\r\n";
-  Result r = RunShell(WithData({WriteFile("script.sql", script)}));
-  EXPECT_EQ(0, r.status) << r.err;
-  EXPECT_EQ(expected, r.out);
-  r = RunShell(WithData({}), script);
-  EXPECT_EQ(0, r.status) << r.err;
-  EXPECT_EQ(expected, r.out);
+  for (const Result& r : {RunShell(WithData({WriteFile("script.sql", script)})), RunShell(WithData({}), script)})
+    EXPECT_EQ("0 " + expected, std::to_string(r.status) + " " + r.out) << r.err;
   // -e statements and files run in the order given; dot commands work in scripts.
-  r = RunShell(WithData({"-e", "SELECT TAGNAME FROM TAGS WHERE TAGNAME = 'On'", WriteFile("dot.sql", ".format json\n"
-                                                                                              ".tables\n")}));
+  const Result r = RunShell(WithData({"-e", "SELECT TAGNAME FROM TAGS WHERE TAGNAME = 'On'",
+                                      WriteFile("dot.sql", ".format json\n.tables\n")}));
   EXPECT_EQ(0, r.status) << r.err;
   EXPECT_EQ(0u, r.out.find("TAGNAME\r\nOn\r\n[\n{\"TABLE_NAME\":")) << r.out;
 }
@@ -278,8 +275,7 @@ TEST(ShellInputs, AStatementHoldingANulIsRefusedWhole) {
   const std::string refused = "error: the statement holds a NUL byte (at byte 82); nothing was run\n"
                               "error: the statement holds a NUL byte (at byte 8); nothing was run\n";
   for (const Result& r : {RunShell(WithData({WriteFile("nul.sql", script)})), RunShell(WithData({}), script)}) {
-    EXPECT_EQ(1, r.status);
-    EXPECT_EQ(refused, r.err);
+    EXPECT_EQ("1 " + refused, Failure(r));
     EXPECT_EQ("VALUE\r\n1.5\r\n0.1\r\n", r.out);
   }
 }
@@ -295,8 +291,7 @@ TEST(ShellInputs, TheReadmeExamplesRunOnTheDemoPlant) {
   }
   ASSERT_GT(examples.size(), 200u) << "the examples were not found";
   const Result r = RunShell({"--format", "json", WriteFile("readme.sql", examples)});
-  EXPECT_EQ(0, r.status) << r.err;
-  EXPECT_EQ("", r.err);
+  EXPECT_EQ("0 ", Failure(r));
   std::istringstream out(r.out);
   long results = 0;
   while (std::getline(out, line)) results += line == "[" || line == "[]";
@@ -377,15 +372,12 @@ TEST(ShellCharts, TextChartsFitTheTerminalAndWhatCannotBeDrawnFails) {
   EXPECT_NE(std::string::npos, r.out.find(" AVG_Value ")) << r.out;
   EXPECT_EQ(std::string::npos, r.out.find('\033')) << "no colours off a terminal";
 
-  r = RunShell({"--no-demo"}, ".chart " + TempDir() + "/x.svg\nSELECT TAGNAME FROM TAGS;\n");
-  EXPECT_EQ(1, r.status);
-  EXPECT_EQ("error: cannot draw a chart: the result has no TIMESTAMP column to draw against\n", r.err);
-  r = RunShell({"--chart", TempDir(), "-e", "SELECT * FROM RAWDATA WHERE TAGNAME = 'Pump1.Flow'"});
-  EXPECT_EQ(1, r.status);
-  EXPECT_EQ("error: cannot write the chart to '" + TempDir() + "': Is a directory\n", r.err);
-  r = RunShell({"--chart", "/dev/full", "-e", "SELECT * FROM RAWDATA WHERE TAGNAME = 'Pump1.Flow'"});
-  EXPECT_EQ(1, r.status);
-  EXPECT_EQ("error: cannot write the chart to '/dev/full': No space left on device\n", r.err);
+  EXPECT_EQ("1 error: cannot draw a chart: the result has no TIMESTAMP column to draw against\n",
+            Failure(RunShell({"--no-demo"}, ".chart " + TempDir() + "/x.svg\nSELECT TAGNAME FROM TAGS;\n")));
+  for (const auto& [to, why] : {std::pair<std::string, const char*>{TempDir(), "Is a directory"},
+                                {"/dev/full", "No space left on device"}})
+    EXPECT_EQ("1 error: cannot write the chart to '" + to + "': " + why + "\n",
+              Failure(RunShell({"--chart", to, "-e", "SELECT * FROM RAWDATA WHERE TAGNAME = 'Pump1.Flow'"})));
   EXPECT_EQ(0, access("/dev/full", W_OK)) << "a failed chart removes only a plain file it wrote";
 }
 
@@ -393,10 +385,7 @@ TEST(ShellCharts, TextChartsFitTheTerminalAndWhatCannotBeDrawnFails) {
 class Terminal {
  public:
   explicit Terminal(const std::vector<std::string>& args) {
-    pid_ = forkpty(&fd_, nullptr, nullptr, nullptr);
-    if (pid_ == 0) {
-      Exec(args);
-    }
+    if ((pid_ = forkpty(&fd_, nullptr, nullptr, nullptr)) == 0) Exec(args);
   }
   ~Terminal() {
     if (pid_ > 0) {
@@ -428,6 +417,14 @@ class Terminal {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   }
   const std::string& Seen() const { return seen_; }
+  // Types each step's text, then waits for its answer; stops at the first that does not come.
+  void Converse(const std::vector<std::pair<std::string, std::string>>& steps) {
+    for (const auto& [text, answer] : steps) {
+      Type(text);
+      ASSERT_TRUE(WaitFor(answer)) << "after " << text << ": "
+                                   << seen_.substr(seen_.size() - std::min<size_t>(seen_.size(), 300));
+    }
+  }
 
  private:
   int fd_ = -1;
@@ -442,16 +439,10 @@ TEST(ShellInteractive, PromptMultiLineDotCommandsAndHistory) {
   setenv("CORVANE_SQL_HISTORY", history.c_str(), 1);
   {
     Terminal t(WithData({}));
-    ASSERT_TRUE(t.WaitFor("corvane> ")) << t.Seen();
-    t.Type(".tables\n");
-    ASSERT_TRUE(t.WaitFor("RAWDATA_BOOLEAN")) << t.Seen();
-    ASSERT_TRUE(t.WaitFor("(15 rows)")) << t.Seen();
-    t.Type("SELECT TAGNAME\r");
-    ASSERT_TRUE(t.WaitFor("...> ")) << "a statement goes on until ';': " << t.Seen();
-    t.Type("FROM TAGS WHERE TAGNAME = 'On';\r");
-    ASSERT_TRUE(t.WaitFor("On\r\n(1 row)")) << t.Seen();
-    t.Type("\x1b[A\r");  // up arrow: the last statement again, from the history
-    ASSERT_TRUE(t.WaitFor("On\r\n(1 row)")) << t.Seen();
+    // A statement goes on until ';'; the up arrow brings the last one back from the history.
+    t.Converse({{"", "corvane> "}, {".tables\n", "RAWDATA_BOOLEAN"}, {"", "(15 rows)"}, {"SELECT TAGNAME\r", "...> "},
+                {"FROM TAGS WHERE TAGNAME = 'On';\r", "On\r\n(1 row)"}, {"\x1b[A\r", "On\r\n(1 row)"}});
+    if (HasFatalFailure()) return;
     t.Type(".quit\r");
     EXPECT_EQ(0, t.Wait());
   }
@@ -463,15 +454,12 @@ TEST(ShellInteractive, PromptMultiLineDotCommandsAndHistory) {
 TEST(ShellInteractive, CtrlCStopsALongFetchAndTheShellGoesOn) {
   setenv("CORVANE_SQL_HISTORY", "/dev/null", 1);
   Terminal t({"--leak-check", "--format", "table"});
-  ASSERT_TRUE(t.WaitFor("corvane> ")) << t.Seen();
   // Every sample of every demo tag over a week: far more than a second's work. The
   // table shows its first rows long before the end.
-  t.Type("SELECT * FROM RAWDATA WHERE TIMESTAMP > DATEADD('dd', -7, NOWUTC());\r");
-  ASSERT_TRUE(t.WaitFor("-+-")) << t.Seen();
-  t.Type("\x03");
-  ASSERT_TRUE(t.WaitFor("cancelled after ")) << t.Seen().substr(t.Seen().size() - 300);
-  t.Type("SELECT TAGNAME FROM TAGS WHERE TAGNAME = 'Pump1.Flow';\r");
-  ASSERT_TRUE(t.WaitFor("\nPump1.Flow")) << t.Seen().substr(t.Seen().size() - 300);
+  t.Converse({{"", "corvane> "}, {"SELECT * FROM RAWDATA WHERE TIMESTAMP > DATEADD('dd', -7, NOWUTC());\r", "-+-"},
+              {"\x03", "cancelled after "},
+              {"SELECT TAGNAME FROM TAGS WHERE TAGNAME = 'Pump1.Flow';\r", "\nPump1.Flow"}});
+  ASSERT_FALSE(HasFatalFailure());
   t.Type(".quit\r");
   EXPECT_EQ(1, t.Wait()) << "the cancelled statement counts as failed";
   EXPECT_EQ(std::string::npos, t.Seen().find("leak check")) << "nothing was left outstanding";

@@ -186,17 +186,11 @@ class Soaker {
     if (accessor && fetch) {
       std::vector<DBBINDING> bindings(columns.size());
       for (size_t i = 0; i < columns.size(); ++i) {
-        DBBINDING& b = bindings[i];
-        b = DBBINDING{};
-        b.iOrdinal = columns[i].first;
-        b.wType = columns[i].second;
-        b.obStatus = i * sizeof(Cell) + offsetof(Cell, status);
-        b.obLength = i * sizeof(Cell) + offsetof(Cell, length);
-        b.obValue = i * sizeof(Cell) + offsetof(Cell, v);
-        b.cbMaxLen = kTextChars * sizeof(OLECHAR);
-        b.dwPart = DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS;
-        b.dwMemOwner = DBMEMOWNER_CLIENTOWNED;
-        b.eParamIO = DBPARAMIO_NOTPARAM;
+        const DBBYTEOFFSET cell = i * sizeof(Cell);
+        bindings[i] = DBBINDING{columns[i].first, cell + offsetof(Cell, v), cell + offsetof(Cell, length),
+                                cell + offsetof(Cell, status), nullptr, nullptr, nullptr,
+                                DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS, DBMEMOWNER_CLIENTOWNED,
+                                DBPARAMIO_NOTPARAM, kTextChars * sizeof(OLECHAR), 0, columns[i].second, 0, 0};
       }
       HACCESSOR handle = DB_NULL_HACCESSOR;
       hr = accessor->CreateAccessor(DBACCESSOR_ROWDATA, bindings.size(), bindings.data(),

@@ -13,8 +13,6 @@ namespace {
 
 constexpr DBTYPE kWStrRef = DBTYPE_WSTR | DBTYPE_BYREF;
 
-// ---- Row layout
-
 // Every kept type in one row, between one-byte cells: each value aligned for its type,
 // no two cells overlapping, the status bytes before them all.
 TEST(DataStoreLayout, CellsAreAlignedAndDisjointAfterTheStatusBytes) {
@@ -93,13 +91,12 @@ TEST_F(DataStoreDescription, RawDataRowAndDroppedTypesKeepTheirOrdinal) {
   EXPECT_EQ(0u, store.RowSize());
 }
 
-// ---- SetValue
-
-class DataStoreSetValue : public LeakCheckedTest {
+// A store of `columns` holding one row made from `record`.
+class DataStoreRowTest : public LeakCheckedTest {
  protected:
-  void Build(std::vector<ColumnRecord> columns) {
+  void Build(std::vector<ColumnRecord> columns, const ProducedRecord& record = {}) {
     ASSERT_EQ(S_OK, store_->Initialize(nullptr, columns));
-    ASSERT_EQ(S_OK, store_->AppendRecord({}));
+    ASSERT_EQ(S_OK, store_->AppendRecord(record));
     std::vector<CRefCountedDataStoreRow*> rows;
     ASSERT_EQ(S_OK, store_->GetNextRows(0, 1, rows));
     row_ = rows[0];
@@ -121,6 +118,7 @@ class DataStoreSetValue : public LeakCheckedTest {
   std::unique_ptr<CDataStore> store_ = std::make_unique<CDataStore>();
   CRefCountedDataStoreRow* row_ = nullptr;
 };
+class DataStoreSetValue : public DataStoreRowTest {};
 
 // A value the cell cannot hold exactly (another variant type, an unsupported column type,
 // a cell that would end past the row) is refused and leaves the cell null.
@@ -235,25 +233,15 @@ TEST_F(DataStoreSetValue, RowsFilledFromRecordsHoldWhatSetValueWrites) {
     return v;
   };
   const ULONGLONG kHourAndAHalf = 54000000000ull;
-  std::vector<ProducedRecord> records(4);
-  records[0].push_back(lent(kEight));
-  records[0].push_back(StoreValue::FromTime(FileTimeOf(kJan2024 + 12345678)));
-  records[0].push_back(UI4(192));
-  records[0].push_back(R8(2.5));
-  records[0].push_back(R8(-1.0));
-  records[0].push_back(lent(kEight));
-  records[1].push_back(lent(kNine));  // one character too many: truncated
-  records[1].push_back(StoreValue::FromTime(FileTimeOf(kJan2024 + kHourAndAHalf + 9999)));  // same day
-  records[1].push_back(Variant(VT_I4, 7));  // not exactly the cell's type
-  records[1].push_back(Variant(VT_NULL, 0));
-  records[1].push_back(Variant(VT_R4, 0));
-  records[1].push_back(Bstr(kNine));
-  records[2].push_back(Bstr(OLESTR("")));
-  records[2].push_back(StoreValue::FromTime(FileTimeOf(kJan2024 - 1)));  // the day before
-  records[2].push_back(StoreValue());
-  records[2].push_back(Variant(VT_I8, -5));
-  records[2].push_back(Variant(VT_R8, 0x4000000000000000ll));
-  records[3] = RawRecord(86400 * 3 + 5);  // three days later
+  // Nine characters are one too many (truncated), an I4 is not exactly the cell's type,
+  // and the times fall on the same day, the day before and three days later.
+  const std::vector<ProducedRecord> records = {
+      {lent(kEight), StoreValue::FromTime(FileTimeOf(kJan2024 + 12345678)), UI4(192), R8(2.5), R8(-1.0), lent(kEight)},
+      {lent(kNine), StoreValue::FromTime(FileTimeOf(kJan2024 + kHourAndAHalf + 9999)), Variant(VT_I4, 7),
+       Variant(VT_NULL, 0), Variant(VT_R4, 0), Bstr(kNine)},
+      {Bstr(OLESTR("")), StoreValue::FromTime(FileTimeOf(kJan2024 - 1)), StoreValue(), Variant(VT_I8, -5),
+       Variant(VT_R8, 0x4000000000000000ll)},
+      RawRecord(86400 * 3 + 5)};
 
   const DataStoreColumnInfo* columns = store_->ColumnInfo();
   for (size_t r = 0; r < records.size(); ++r) {
@@ -295,21 +283,21 @@ TEST(DataStoreTimeText, DatesDropMillisecondsAndTextIsZeroPadded) {
   EXPECT_EQ(WString(OLESTR("0987-03-04 05:06:07")), CDataStore::SystemTimeToText(st));
 }
 
-// ---- Column lookup and handing out rows
-
 TEST(DataStoreFindColumn, OrdinalMatchWinsElseLastNameMatch) {
   std::vector<ColumnRecord> columns = {Column(OLESTR("VALUE"), 4, DBTYPE_R8), Column(OLESTR("value"), 7, DBTYPE_R8),
                                        Column(OLESTR("OTHER"), 2, DBTYPE_R8)};
   columns[2].ColumnAlias = OLESTR("Alias");
+  const struct {
+    const OLECHAR* name;
+    DBORDINAL ordinal;
+    size_t index;
+  } cases[] = {{OLESTR("Value"), 4, 0}, {OLESTR("VALUE"), 1, 1}, {OLESTR("ALIAS"), 9, 2},
+               {OLESTR("NONE"), 1, CDataStore::kNotFound}};
   size_t index = 99;
-  EXPECT_EQ(S_OK, CDataStore::FindColumn(columns, OLESTR("Value"), 4, &index));
-  EXPECT_EQ(0u, index);
-  EXPECT_EQ(S_OK, CDataStore::FindColumn(columns, OLESTR("VALUE"), 1, &index));
-  EXPECT_EQ(1u, index);
-  EXPECT_EQ(S_OK, CDataStore::FindColumn(columns, OLESTR("ALIAS"), 9, &index));
-  EXPECT_EQ(2u, index);
-  EXPECT_EQ(S_OK, CDataStore::FindColumn(columns, OLESTR("NONE"), 1, &index));
-  EXPECT_EQ(CDataStore::kNotFound, index);
+  for (const auto& c : cases) {
+    EXPECT_EQ(S_OK, CDataStore::FindColumn(columns, c.name, c.ordinal, &index));
+    EXPECT_EQ(c.index, index) << c.ordinal;
+  }
   EXPECT_EQ(E_FAIL, CDataStore::FindColumn(columns, nullptr, 1, &index));
 }
 
@@ -369,36 +357,16 @@ TEST_F(DataStoreHandOut, StoreColumnsAreMatchedToProducerFieldsByName) {
   rows[0]->Release();
 }
 
-// ---- GetData
-
-class DataStoreGetData : public LeakCheckedTest {
+class DataStoreGetData : public DataStoreRowTest {
  protected:
   void SetUp() override {
-    LeakCheckedTest::SetUp();
-    ASSERT_EQ(S_OK, store_->Initialize(nullptr, {Column(OLESTR("TAG"), 1, DBTYPE_WSTR, 16),
-                                                Column(OLESTR("N"), 2, DBTYPE_I4, 4),
-                                                Column(OLESTR("V"), 3, DBTYPE_VARIANT, 24),
-                                                Column(OLESTR("R"), 4, DBTYPE_BSTR)}));
-    ProducedRecord record;
-    record.push_back(Bstr(OLESTR("Tag.A")));
-    record.push_back(Variant(VT_I4, 42));
-    record.push_back(R8(1e20));
-    record.push_back(StoreValue());
-    ASSERT_EQ(S_OK, store_->AppendRecord(record));
-    std::vector<CRefCountedDataStoreRow*> rows;
-    ASSERT_EQ(S_OK, store_->GetNextRows(0, 1, rows));
-    row_ = rows[0];
-  }
-  void TearDown() override {
-    row_->Release();
-    store_.reset();
-    LeakCheckedTest::TearDown();
+    DataStoreRowTest::SetUp();
+    Build({Column(OLESTR("TAG"), 1, DBTYPE_WSTR, 16), Column(OLESTR("N"), 2, DBTYPE_I4, 4),
+           Column(OLESTR("V"), 3, DBTYPE_VARIANT, 24), Column(OLESTR("R"), 4, DBTYPE_BSTR)},
+          {Bstr(OLESTR("Tag.A")), Variant(VT_I4, 42), R8(1e20), StoreValue()});
   }
   DBSTATUS StatusOf(const DBBINDING& b) { return ReadAt<DBSTATUS>(buffer_, b.obStatus); }
   DBLENGTH LengthOf(const DBBINDING& b) { return ReadAt<DBLENGTH>(buffer_, b.obLength); }
-
-  std::unique_ptr<CDataStore> store_ = std::make_unique<CDataStore>();
-  CRefCountedDataStoreRow* row_ = nullptr;
   BYTE buffer_[512] = {};
 };
 
