@@ -66,6 +66,11 @@ class PropertyRules : public corvane::test::LeakCheckedTest {
     DBPROPSET s{props.data(), static_cast<ULONG>(props.size()), set};
     return engine_.SetProperties(1, &s, mode);
   }
+  static std::vector<DBSTATUS> Statuses(const std::vector<DBPROP>& props) {
+    std::vector<DBSTATUS> out;
+    for (const DBPROP& p : props) out.push_back(p.dwStatus);
+    return out;
+  }
   LONG Limit() {
     VARIANT v;
     VariantInit(&v);
@@ -87,14 +92,9 @@ TEST_F(PropertyRules, EachStatusAndTheCallResult) {
                                Prop(kFast, Bool(true))};               // conflicts with kSafe
   props.push_back(Prop(kName, Var(VT_BSTR, 0, OLESTR("other"))));  // read-only, different value
   EXPECT_EQ(DB_S_ERRORSOCCURRED, Set(props));
-  EXPECT_EQ(DBPROPSTATUS_OK, props[0].dwStatus);
-  EXPECT_EQ(DBPROPSTATUS_NOTSUPPORTED, props[1].dwStatus);
-  EXPECT_EQ(DBPROPSTATUS_BADVALUE, props[2].dwStatus);
-  EXPECT_EQ(DBPROPSTATUS_BADVALUE, props[3].dwStatus);
-  EXPECT_EQ(DBPROPSTATUS_BADOPTION, props[4].dwStatus);
-  EXPECT_EQ(DBPROPSTATUS_OK, props[5].dwStatus);
-  EXPECT_EQ(DBPROPSTATUS_CONFLICTING, props[6].dwStatus);
-  EXPECT_EQ(DBPROPSTATUS_NOTSETTABLE, props[7].dwStatus);
+  EXPECT_EQ(Statuses(props), (std::vector<DBSTATUS>{DBPROPSTATUS_OK, DBPROPSTATUS_NOTSUPPORTED, DBPROPSTATUS_BADVALUE,
+                                                    DBPROPSTATUS_BADVALUE, DBPROPSTATUS_BADOPTION, DBPROPSTATUS_OK,
+                                                    DBPROPSTATUS_CONFLICTING, DBPROPSTATUS_NOTSETTABLE}));
   EXPECT_EQ(42, Limit());  // the good one stays set
   VariantClear(&props.back().vValue);
 
@@ -126,8 +126,7 @@ TEST_F(PropertyRules, RequiredAgainstOptionalAndThePropertiesInError) {
   // Required: the open fails as a whole and nothing of it stays set.
   std::vector<DBPROP> required = {Prop(kLimit, I4(8)), Prop(kFast, Bool(true))};
   EXPECT_EQ(DB_E_ERRORSOCCURRED, Set(required, DBPROPSET_ROWSET, CPropertyEngine::SetMode::AllRequired));
-  EXPECT_EQ(DBPROPSTATUS_OK, required[0].dwStatus);
-  EXPECT_EQ(DBPROPSTATUS_CONFLICTING, required[1].dwStatus);
+  EXPECT_EQ(Statuses(required), (std::vector<DBSTATUS>{DBPROPSTATUS_OK, DBPROPSTATUS_CONFLICTING}));
   EXPECT_EQ(7, Limit());
 
   DBPROPIDSET inError{nullptr, 0, DBPROPSET_PROPERTIESINERROR};
