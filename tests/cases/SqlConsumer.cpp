@@ -110,7 +110,7 @@ Outcome SqlConsumer::Run(const std::string& sql, const std::vector<Parameter>& p
   return out;
 }
 
-Outcome SqlConsumer::Schema(const std::string& spec, DBROWCOUNT batch) {
+Outcome SqlConsumer::Schema(const std::string& request, DBROWCOUNT batch) {
   static const std::pair<const char*, const GUID*> kSchemas[] = {
       {"CATALOGS", &DBSCHEMA_CATALOGS},       {"COLUMNS", &DBSCHEMA_COLUMNS},
       {"PROCEDURES", &DBSCHEMA_PROCEDURES},   {"PROCEDURE_PARAMETERS", &DBSCHEMA_PROCEDURE_PARAMETERS},
@@ -119,7 +119,7 @@ Outcome SqlConsumer::Schema(const std::string& spec, DBROWCOUNT batch) {
       {"TABLES_INFO", &DBSCHEMA_TABLES_INFO}, {"VIEWS", &DBSCHEMA_VIEWS}};
   Outcome out;
   std::vector<std::string> parts(1);
-  for (char c : spec) {
+  for (char c : request) {
     if (c == '|') parts.emplace_back();
     else if (c != ' ') parts.back() += c;
   }

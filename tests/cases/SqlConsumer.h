@@ -53,9 +53,9 @@ class SqlConsumer {
   // SetCommandText, Execute, then GetNextRows `batch` rows at a time until the end or a
   // failure, holding every row; then GetData of each held row and one ReleaseRows.
   Outcome Run(const std::string& sql, const std::vector<Parameter>& parameters = {}, DBROWCOUNT batch = 7);
-  // A schema rowset read like a statement's rows: `spec` is "NAME | restriction | ...",
+  // A schema rowset read like a statement's rows: `request` is "NAME | restriction | ...",
   // NAME without its DBSCHEMA_ prefix; an empty restriction is none, digits are an I4.
-  Outcome Schema(const std::string& spec, DBROWCOUNT batch = 7);
+  Outcome Schema(const std::string& request, DBROWCOUNT batch = 7);
   // Every sample of every tag, read from the store: tag | time | value | quality (hex).
   Rows Contents() const;
 
