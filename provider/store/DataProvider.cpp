@@ -1,6 +1,5 @@
 #include "provider/store/DataProvider.h"
 
-#include <algorithm>
 #include <cstring>
 #include <new>
 
@@ -260,14 +259,10 @@ bool CDataProvider::Filter(ProducedRecordList& records) {
     ++kept;
   }
   if (m_bReuseRecords && kept < records.size()) {
-    try {
-      ProducedRecordList dropped;
-      dropped.reserve(records.size() - kept);
-      for (size_t i = kept; i < records.size(); ++i) dropped.push_back(std::move(records[i]));
-      RecycleRecords(dropped);
-    } catch (const std::bad_alloc&) {
-      // Not kept: they are freed below.
-    }
+    for (size_t i = kept; i < records.size(); ++i)
+      for (StoreValue& value : records[i]) value.Reset();
+    CriticalSectionLock lock(m_StateLock);
+    for (size_t i = kept; i < records.size(); ++i) m_Spare.push_back(std::move(records[i]));
   }
   records.resize(kept);
   if (FAILED(hr)) SetFailure(hr, m_pFilter->Message());
@@ -320,22 +315,36 @@ void CDataProvider::AppendRecords(ProducedRecordList&& records) {
 }
 
 void CDataProvider::RecycleRecords(ProducedRecordList& used) {
-  if (!m_bReuseRecords || used.empty()) {
+  if (!m_bReuseRecords) {
     used.clear();
     return;
   }
-  // The batch is kept whole, its values as they are: the producer drops each value as
-  // it refills it, on its own thread and off the consumer's fetch, and most hold a
-  // number, a time or lent text with nothing to free. Every batch is kept, not only
-  // one: a worker that has not yet taken the last would otherwise make new records
-  // while these are freed. The batches are never more than the worker's read-ahead,
-  // which is bounded.
+  // Values are dropped on the caller's thread, outside the lock the worker needs. Most
+  // hold a number, a time or lent text: nothing to free, so no call to VariantClear.
+  for (ProducedRecord& record : used) {
+    for (StoreValue& value : record) {
+      if (CRefCountedDataStoreRow::OwnsNothing(V_VT(&value.Value))) {
+        V_VT(&value.Value) = VT_EMPTY;
+        value.Kind = StoreValue::kNone;
+      } else {
+        value.Reset();
+      }
+    }
+  }
   {
+    // Every emptied record is kept, not only one batch: a worker that has not yet taken
+    // the last batch would otherwise make new records while these are freed. The spare
+    // records are never more than the worker's read-ahead, which is bounded.
     CriticalSectionLock lock(m_StateLock);
-    try {
-      m_Spare.push_back(std::move(used));
-    } catch (const std::bad_alloc&) {
-      // Not kept: they are freed below, outside the lock.
+    if (m_Spare.empty()) {
+      m_Spare.swap(used);
+    } else {
+      try {
+        m_Spare.reserve(m_Spare.size() + used.size());
+        for (ProducedRecord& record : used) m_Spare.push_back(std::move(record));
+      } catch (const std::bad_alloc&) {
+        // Not kept: they are freed below.
+      }
     }
   }
   used.clear();
@@ -343,35 +352,21 @@ void CDataProvider::RecycleRecords(ProducedRecordList& used) {
 
 ProducedRecordList CDataProvider::TakeSpareRecords(size_t most) {
   ProducedRecordList spare;
-  ProducedRecordList rest;
-  {
-    CriticalSectionLock lock(m_StateLock);
-    while (spare.size() < most && !m_Spare.empty()) {
-      if (spare.empty()) {
-        spare.swap(m_Spare.back());
-      } else {
-        try {
-          spare.reserve(spare.size() + m_Spare.back().size());
-        } catch (const std::bad_alloc&) {
-          break;  // the step makes the records it lacks
-        }
-        for (ProducedRecord& record : m_Spare.back()) spare.push_back(std::move(record));
-      }
-      m_Spare.pop_back();
-    }
-    if (spare.size() > most) {
-      // The rest stay for the next step: a step that dropped them would free records
-      // only to make them again one page later.
-      try {
-        rest.reserve(spare.size() - most);
-        for (size_t i = most; i < spare.size(); ++i) rest.push_back(std::move(spare[i]));
-        m_Spare.push_back(std::move(rest));
-      } catch (const std::bad_alloc&) {
-        // Dropped below, outside the lock.
-      }
-    }
+  CriticalSectionLock lock(m_StateLock);
+  if (m_Spare.size() <= most) {
+    spare.swap(m_Spare);
+    return spare;
   }
-  spare.resize(std::min(spare.size(), most));
+  // The rest stay for the next step: a step that dropped them would free records only
+  // to make them again one page later.
+  try {
+    spare.reserve(most);
+    const size_t keep = m_Spare.size() - most;
+    for (size_t i = keep; i < m_Spare.size(); ++i) spare.push_back(std::move(m_Spare[i]));
+    m_Spare.resize(keep);
+  } catch (const std::bad_alloc&) {
+    spare.clear();  // the step makes its own records
+  }
   return spare;
 }
 

@@ -63,9 +63,10 @@ class CDataProvider {
   // more to say than its HRESULT (a function's message); empty otherwise.
   virtual corvane::WString FailureMessage();
 
-  // The store hands back the records it has written. They are kept for a producer that
-  // reuses them (see EnableRecordReuse), so that a long read does not allocate and free
-  // every row on two different threads; otherwise they are freed here.
+  // The store hands back the records it has written. Their values are dropped here;
+  // the emptied records are kept for a producer that reuses them (see
+  // EnableRecordReuse), so that a long read does not allocate and free every row on two
+  // different threads.
   void RecycleRecords(ProducedRecordList& used);
 
   HRESULT StartWorker();
@@ -95,8 +96,8 @@ class CDataProvider {
   // Keep recycled records for TakeSpareRecords (off by default: a producer that never
   // takes them would only hold memory).
   void EnableRecordReuse() { m_bReuseRecords = true; }
-  // At most `most` records of earlier batches, or none. Their values are the old ones
-  // until refilled: every StoreValue setter drops the value it replaces.
+  // At most `most` emptied records of earlier batches (values kNone, storage kept), or
+  // none.
   ProducedRecordList TakeSpareRecords(size_t most);
 
   // Work records of `pendingItemSize` bytes, first in first out.
@@ -132,7 +133,7 @@ class CDataProvider {
   corvane::WString m_FailureMessage;
   std::unique_ptr<CRecordFilter> m_pFilter;
   ProducedRecordList m_Produced;
-  std::vector<ProducedRecordList> m_Spare;  // batches of used records, for reuse
+  ProducedRecordList m_Spare;  // one batch of emptied records, for reuse
   bool m_bReuseRecords = false;
 
   corvane::platform::CriticalSection m_TimeLock;

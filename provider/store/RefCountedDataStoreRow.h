@@ -11,7 +11,6 @@
 
 #include "platform/Platform.h"
 #include "platform/WideString.h"
-#include "provider/store/StoreValue.h"
 
 // A rowset column as the store describes it: the OLE DB column information followed
 // by where the column's value and status byte are in the row buffer.
@@ -56,7 +55,12 @@ class CRefCountedDataStoreRow {
   // keep pointing at their text when the buffer has to grow.
   const void* StoreText(const void* bytes, size_t n, size_t terminator);
 
-  static bool OwnsNothing(VARTYPE vt) { return StoreValue::OwnsNothing(vt); }
+  static bool OwnsNothing(VARTYPE vt) {
+    // EMPTY..DATE, ERROR, BOOL and I1..UINT: the types whose VARIANT is its bytes. The
+    // row's cells and every fetch ask this, so it is a bit test rather than a call.
+    constexpr uint32_t kPlain = 0x00FF0CFFu;
+    return vt < 32 && ((kPlain >> vt) & 1u) != 0;
+  }
 
  private:
   friend class CDataStore;

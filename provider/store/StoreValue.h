@@ -2,7 +2,6 @@
 // values to a data store: a column record per declared column, a store value per cell,
 // and a produced record per row (one store value per column of the producer's list).
 #pragma once
-#include <cstdint>
 #include <cstring>
 #include <vector>
 
@@ -32,7 +31,7 @@ struct StoreValue {
   const OLECHAR* Text = nullptr;
   UINT TextLength = 0;
   // kText: the producer never changes the text at this address while it lives, so a
-  // store that has seen it there need not compare it again.
+  // store that has seen it there needs not compare it again.
   bool TextFixed = false;
 
   StoreValue() { VariantInit(&Value); }
@@ -67,21 +66,10 @@ struct StoreValue {
     return *this;
   }
 
-  // EMPTY..DATE, ERROR, BOOL and I1..UINT: the types whose VARIANT is its bytes. Every
-  // refilled value and every fetched cell asks this, so it is a bit test, not a call.
-  static bool OwnsNothing(VARTYPE vt) {
-    constexpr uint32_t kPlain = 0x00FF0CFFu;
-    return vt < 32 && ((kPlain >> vt) & 1u) != 0;
-  }
-
   // Back to nothing, keeping the object for the next row.
   void Reset() {
-    // Most refilled values hold a number, a time or lent text: nothing to free.
-    if (OwnsNothing(V_VT(&Value))) {
-      V_VT(&Value) = VT_EMPTY;
-    } else {
-      VariantClear(&Value);
-    }
+    // Most refilled values hold a time or lent text and no VARIANT at all.
+    if (V_VT(&Value) != VT_EMPTY) VariantClear(&Value);
     Kind = kNone;
   }
 

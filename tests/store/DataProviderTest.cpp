@@ -45,23 +45,26 @@ bool WaitUntil(const std::function<bool()>& done) {
 
 class DataProviderWorker : public LeakCheckedTest {};
 
-// A step takes no more spare records than its page needs, across the batches given
-// back, and the rest wait for the next step: dropping them would free and remake
-// records every page.
-TEST_F(DataProviderWorker, SpareRecordsAreTakenAtMostAPageAtATime) {
+// A step takes no more emptied records than its page needs and the rest wait for the
+// next step, emptied of what they held; dropping them would free and remake records
+// every page.
+TEST_F(DataProviderWorker, SpareRecordsAreTakenAtMostAPageAtATimeAndKeptEmptied) {
   CountingProvider provider;
   provider.EnableRecordReuse();
-  for (size_t batch : {2u, 3u}) {
-    ProducedRecordList used(batch, ProducedRecord(2));
-    for (ProducedRecord& r : used) r[1].SetText(OLESTR("x"), 1);
-    provider.RecycleRecords(used);
-    EXPECT_TRUE(used.empty());
-  }
+  ProducedRecordList used(5, ProducedRecord(2));
+  for (ProducedRecord& r : used) r[1].SetText(OLESTR("x"), 1);
+  provider.RecycleRecords(used);
+  size_t taken = 0;
   for (size_t expected : {3u, 2u, 0u}) {
     const ProducedRecordList spare = provider.TakeSpareRecords(3);
     EXPECT_EQ(expected, spare.size());
-    for (const ProducedRecord& r : spare) EXPECT_EQ(2u, r.size());
+    for (const ProducedRecord& r : spare) {
+      ASSERT_EQ(2u, r.size());
+      EXPECT_EQ(StoreValue::kNone, r[1].Kind);
+    }
+    taken += spare.size();
   }
+  EXPECT_EQ(5u, taken);
 }
 
 // A signal before the worker runs is lost; a second start while it runs is refused and
