@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "provider/store/RefCountedDataStoreRow.h"
-#include "tests/e2e/SelectConsumer.h"
+#include "bench/SelectConsumer.h"
 
 namespace corvane::bench {
 

@@ -40,7 +40,7 @@ struct Summary {
 Summary Summarise(std::vector<double> values);
 
 // The statements whose latency is measured, over the one-second series of
-// tests/e2e/SelectConsumer.h (at least eight days of it), the rows each must read and
+// bench/SelectConsumer.h (at least eight days of it), the rows each must read and
 // its targets: a mean under `meanMs` and at most `faults` page faults per run (0: none).
 struct LatencyCase {
   const char* label;

@@ -19,7 +19,7 @@
 
 #include "bench/BenchSupport.h"
 #include "bench/BareRowset.h"
-#include "tests/e2e/SelectConsumer.h"
+#include "bench/SelectConsumer.h"
 
 namespace {
 

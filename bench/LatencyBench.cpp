@@ -12,7 +12,7 @@
 #include <cstdlib>
 
 #include "bench/BenchSupport.h"
-#include "tests/e2e/SelectConsumer.h"
+#include "bench/SelectConsumer.h"
 
 namespace {
 

@@ -43,7 +43,7 @@
 #include "bench/BenchSupport.h"
 #include "bench/StatementMix.h"
 #include "historian/CsvLoader.h"
-#include "tests/e2e/SelectConsumer.h"
+#include "bench/SelectConsumer.h"
 
 namespace {
 

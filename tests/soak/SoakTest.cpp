@@ -21,6 +21,7 @@
 #include "tests/session/ConsumerFixture.h"
 #include "tests/support/FaultInjectingHost.h"
 #include "tests/support/Printers.h"
+#include "tests/support/RowReader.h"
 
 namespace corvane::test {
 namespace {
@@ -59,20 +60,7 @@ ULONGLONG Ticks(const DBTIMESTAMP& t) {
   return SUCCEEDED(DBTimestampToFileTime(t, &ticks)) ? ticks : 0;
 }
 
-constexpr size_t kTextChars = 64;
-struct Cell {
-  DBSTATUS status;
-  DBLENGTH length;
-  union {
-    double r8;
-    ULONG ui4;
-    DBTIMESTAMP ts;
-    OLECHAR text[kTextChars];
-  } v;
-};
-using Row = std::vector<Cell>;
-using Columns = std::vector<std::pair<DBORDINAL, DBTYPE>>;
-const Columns kRawColumns = {{1, DBTYPE_WSTR}, {2, DBTYPE_DBTIMESTAMP}, {3, DBTYPE_UI4}, {4, DBTYPE_R8}};
+const CellColumns kRawColumns = {{1, DBTYPE_WSTR}, {2, DBTYPE_DBTIMESTAMP}, {3, DBTYPE_UI4}, {4, DBTYPE_R8}};
 
 // Each thread joins the multithreaded apartment on Windows.
 struct ComThread {
@@ -175,51 +163,28 @@ class Soaker {
 
   // Runs `sql`, reads at most `limit` rows (all when negative) through `columns` in random
   // batches, and releases the rowset whether or not its worker is done. -1 when it failed.
-  long Query(const std::string& sql, const Columns& columns, long limit,
+  long Query(const std::string& sql, const CellColumns& columns, long limit,
              const std::function<void(long, const Row&)>& check) {
     IUnknown* rowset = nullptr;
-    HRESULT hr = Execute(sql, &rowset);
-    IAccessor* accessor = rowset ? ConsumerTest::Query<IAccessor>(rowset, IID_IAccessor) : nullptr;
-    IRowset* fetch = rowset ? ConsumerTest::Query<IRowset>(rowset, IID_IRowset) : nullptr;
-    if (!accessor || !fetch) Check(false, "Execute " + Hex(hr) + ": " + ConsumerTest::TakeLastError().description);
-    long count = -1;
-    if (accessor && fetch) {
-      std::vector<DBBINDING> bindings(columns.size());
-      for (size_t i = 0; i < columns.size(); ++i) {
-        const DBBYTEOFFSET cell = i * sizeof(Cell);
-        bindings[i] = DBBINDING{columns[i].first, cell + offsetof(Cell, v), cell + offsetof(Cell, length),
-                                cell + offsetof(Cell, status), nullptr, nullptr, nullptr,
-                                DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS, DBMEMOWNER_CLIENTOWNED,
-                                DBPARAMIO_NOTPARAM, kTextChars * sizeof(OLECHAR), 0, columns[i].second, 0, 0};
-      }
-      HACCESSOR handle = DB_NULL_HACCESSOR;
-      hr = accessor->CreateAccessor(DBACCESSOR_ROWDATA, bindings.size(), bindings.data(),
-                                    columns.size() * sizeof(Cell), &handle, nullptr);
-      Check(hr == S_OK, "CreateAccessor " + Hex(hr));
-      Row row(columns.size());
-      for (count = 0; hr == S_OK && (limit < 0 || count < limit);) {
-        const DBROWCOUNT want = limit < 0 ? Pick(1, 64) : std::min<long>(Pick(1, 64), limit - count);
-        DBCOUNTITEM obtained = 0;
-        HROW* rows = nullptr;
-        hr = fetch->GetNextRows(DB_NULL_HCHAPTER, 0, want, &obtained, &rows);
-        Check(hr == S_OK || hr == DB_S_ENDOFROWSET, "GetNextRows " + Hex(hr));
-        for (DBCOUNTITEM r = 0; r < obtained; ++r, ++count) {
-          Check(fetch->GetData(rows[r], handle, row.data()) == S_OK, "GetData failed");
-          for (const Cell& c : row) Check(c.status == DBSTATUS_S_OK, "cell status " + std::to_string(c.status));
-          check(count, row);
-        }
-        if (obtained) fetch->ReleaseRows(obtained, rows, nullptr, nullptr, nullptr);
-        CoTaskMemFree(rows);
-        rows_ += obtained;
-        progress_ = Now();
-        if (obtained == 0) break;
-      }
-      accessor->ReleaseAccessor(handle, nullptr);
-      if (FAILED(hr)) ConsumerTest::TakeLastError();
+    const HRESULT executed = Execute(sql, &rowset);
+    if (!rowset) {
+      Check(false, "Execute " + Hex(executed) + ": " + ConsumerTest::TakeLastError().description);
+      return -1;
     }
-    if (accessor) accessor->Release();
-    if (fetch) fetch->Release();
-    if (rowset) rowset->Release();
+    long count = 0;
+    const HRESULT hr = ReadRows(
+        rowset, columns,
+        [&](size_t n) { return limit < 0 ? Pick(1, 64) : std::min<long>(Pick(1, 64), limit - static_cast<long>(n)); },
+        [&](const Row& row) {
+          for (const Cell& c : row) Check(c.status == DBSTATUS_S_OK, "cell status " + std::to_string(c.status));
+          check(count++, row);
+          ++rows_;
+          progress_ = Now();
+          return true;
+        });
+    rowset->Release();
+    Check(hr == S_OK, "fetch " + Hex(hr));
+    if (FAILED(hr)) ConsumerTest::TakeLastError();
     return count;
   }
   void ExpectRows(long got, long expected) {

@@ -2,8 +2,8 @@
 // an application would: creation object over a historian host, IDBInitialize, session,
 // command text, parameters through ICommandWithParameters and a parameter accessor,
 // Execute, one row accessor (TAGNAME WSTR, TIMESTAMP DBTIMESTAMP, QUALITY UI4, VALUE as
-// VARIANT, R8 or WSTR), GetNextRows in batches, GetData per row, ReleaseRows. Shared by
-// the streaming tests and the benchmarks so that both measure the same path.
+// VARIANT, R8 or WSTR), GetNextRows in batches, GetData per row, ReleaseRows. Every
+// benchmark of the fetch path goes through it, so that they all measure the same path.
 #pragma once
 #include <chrono>
 #include <cstddef>

@@ -1,4 +1,4 @@
-#include "tests/e2e/SelectConsumer.h"
+#include "bench/SelectConsumer.h"
 
 #include <chrono>
 #include <cstdio>

@@ -1,0 +1,54 @@
+#include "tests/support/RowReader.h"
+
+#include <cstddef>
+
+namespace corvane::test {
+
+HRESULT ReadRows(IUnknown* rowset, const CellColumns& columns, const std::function<DBROWCOUNT(size_t)>& batch,
+                 const std::function<bool(const Row&)>& onRow) {
+  IAccessor* accessor = nullptr;
+  IRowset* fetch = nullptr;
+  HRESULT hr = rowset->QueryInterface(IID_IAccessor, reinterpret_cast<void**>(&accessor));
+  if (SUCCEEDED(hr)) hr = rowset->QueryInterface(IID_IRowset, reinterpret_cast<void**>(&fetch));
+  std::vector<DBBINDING> bindings(columns.size());
+  for (size_t i = 0; i < columns.size(); ++i) {
+    const DBBYTEOFFSET cell = i * sizeof(Cell);
+    bindings[i] = DBBINDING{columns[i].first, cell + offsetof(Cell, v), cell + offsetof(Cell, length),
+                            cell + offsetof(Cell, status), nullptr, nullptr, nullptr,
+                            DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS, DBMEMOWNER_CLIENTOWNED,
+                            DBPARAMIO_NOTPARAM, Cell::kTextChars * sizeof(OLECHAR), 0, columns[i].second, 0, 0};
+  }
+  HACCESSOR handle = DB_NULL_HACCESSOR;
+  if (SUCCEEDED(hr)) {
+    hr = accessor->CreateAccessor(DBACCESSOR_ROWDATA, bindings.size(), bindings.data(), columns.size() * sizeof(Cell),
+                                  &handle, nullptr);
+  }
+  Row row(columns.size());
+  bool stop = false;
+  for (size_t count = 0; hr == S_OK && !stop;) {
+    const DBROWCOUNT want = batch(count);
+    if (want == 0) break;
+    DBCOUNTITEM obtained = 0;
+    HROW* rows = nullptr;
+    hr = fetch->GetNextRows(DB_NULL_HCHAPTER, 0, want, &obtained, &rows);
+    for (DBCOUNTITEM r = 0; r < obtained && !stop; ++r, ++count) {
+      const HRESULT got = fetch->GetData(rows[r], handle, row.data());
+      if (got != S_OK) {
+        hr = got;
+        break;
+      }
+      stop = !onRow(row);
+      for (size_t c = 0; c < columns.size(); ++c)
+        if (columns[c].second == DBTYPE_VARIANT && row[c].status == DBSTATUS_S_OK) VariantClear(&row[c].v.variant);
+    }
+    if (obtained) fetch->ReleaseRows(obtained, rows, nullptr, nullptr, nullptr);
+    CoTaskMemFree(rows);
+    if (obtained == 0) break;
+  }
+  if (handle != DB_NULL_HACCESSOR) accessor->ReleaseAccessor(handle, nullptr);
+  if (accessor) accessor->Release();
+  if (fetch) fetch->Release();
+  return hr == DB_S_ENDOFROWSET ? S_OK : hr;
+}
+
+}  // namespace corvane::test

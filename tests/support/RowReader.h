@@ -1,0 +1,34 @@
+// A consumer's fetch loop over typed cells, for suites that stream more rows than they
+// could keep as text: one row buffer, rows fetched in batches and released after each.
+#pragma once
+#include <functional>
+#include <utility>
+#include <vector>
+
+#include "platform/Platform.h"
+
+namespace corvane::test {
+
+struct Cell {
+  static constexpr size_t kTextChars = 64;
+  DBSTATUS status;
+  DBLENGTH length;
+  union {
+    double r8;
+    ULONG ui4;
+    DBTIMESTAMP ts;
+    VARIANT variant;
+    OLECHAR text[kTextChars];
+  } v;
+};
+using Row = std::vector<Cell>;
+using CellColumns = std::vector<std::pair<DBORDINAL, DBTYPE>>;
+
+// Reads `rowset` through one accessor of `columns`: GetNextRows of `batch(rowsSoFar)`
+// rows (0 stops before fetching), GetData of each row into one buffer that `onRow` sees
+// (false stops after the batch; VARIANT cells are cleared after it), ReleaseRows of each
+// batch. Returns the first failure of CreateAccessor, GetNextRows or GetData, else S_OK.
+HRESULT ReadRows(IUnknown* rowset, const CellColumns& columns, const std::function<DBROWCOUNT(size_t)>& batch,
+                 const std::function<bool(const Row&)>& onRow);
+
+}  // namespace corvane::test
