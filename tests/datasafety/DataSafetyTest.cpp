@@ -17,6 +17,7 @@
 #include "tests/datasafety/ChangeModel.h"
 #include "tests/support/FaultInjectingHost.h"
 #include "tests/support/LeakCheckedTest.h"
+#include "tests/support/RowReader.h"
 
 using Op = corvane::testing::CFaultInjectingHost::Op;
 
@@ -83,41 +84,14 @@ class DataSafety : public LeakCheckedTest {
     const HRESULT hr = CCommandProviderRowset::Execute(request, affected, IID_IRowset, answer ? &unknown : nullptr);
     message_ = ToUtf8(message);
     if (unknown) {
-      *answer = FirstCell(static_cast<IRowset*>(static_cast<void*>(unknown)));
+      *answer = "<no row>";
+      ReadRows(unknown, {{1, DBTYPE_WSTR}}, [](size_t n) { return n ? 0 : 1; }, [&](const Row& r) {
+        *answer = ToUtf8(r[0].v.text);
+        return false;
+      });
       unknown->Release();
     }
     return hr;
-  }
-  static std::string FirstCell(IRowset* rowset) {
-    IAccessor* accessor = nullptr;
-    rowset->QueryInterface(IID_IAccessor, reinterpret_cast<void**>(&accessor));
-    struct {
-      DBSTATUS status;
-      DBLENGTH length;
-      OLECHAR text[200];
-    } cell{};
-    DBBINDING b{};
-    b.iOrdinal = 1;
-    b.obStatus = offsetof(decltype(cell), status);
-    b.obLength = offsetof(decltype(cell), length);
-    b.obValue = offsetof(decltype(cell), text);
-    b.dwPart = DBPART_VALUE | DBPART_STATUS | DBPART_LENGTH;
-    b.eParamIO = DBPARAMIO_NOTPARAM;
-    b.cbMaxLen = sizeof cell.text;
-    b.wType = DBTYPE_WSTR;
-    HACCESSOR handle = 0;
-    DBCOUNTITEM obtained = 0;
-    HROW row = 0;
-    HROW* rows = &row;
-    std::string text = "<no row>";
-    if (SUCCEEDED(accessor->CreateAccessor(DBACCESSOR_ROWDATA, 1, &b, sizeof cell, &handle, nullptr)) &&
-        SUCCEEDED(rowset->GetNextRows(DB_NULL_HCHAPTER, 0, 1, &obtained, &rows)) && obtained == 1) {
-      if (rowset->GetData(row, handle, &cell) == S_OK) text = ToUtf8(cell.text);
-      rowset->ReleaseRows(1, &row, nullptr, nullptr, nullptr);
-    }
-    if (handle) accessor->ReleaseAccessor(handle, nullptr);
-    accessor->Release();
-    return text;
   }
 
   // Both tags back to their ten samples; `mixed` gives every third one an uncertain
