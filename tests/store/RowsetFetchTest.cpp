@@ -12,8 +12,6 @@ constexpr DBTYPE kWStrRef = DBTYPE_WSTR | DBTYPE_BYREF;
 
 class RowsetFetch : public RowsetTest {
  protected:
-  double ValueOf(HROW row, HACCESSOR h, HRESULT* hr = nullptr) { return test::ValueOf(rowset_, row, h, hr); }
-
   HRESULT SameRow(HROW a, HROW b) {
     IRowsetIdentity* identity = nullptr;
     EXPECT_EQ(S_OK, rowset_->QueryInterface(IID_IRowsetIdentity, reinterpret_cast<void**>(&identity)));
@@ -40,7 +38,6 @@ TEST_F(RowsetFetch, ArgumentsAreCheckedBeforeTheStoreIsAsked) {
 
 TEST_F(RowsetFetch, HandlesAreDistinctNonzeroInBothArrayForms) {
   Open(10);
-  const HACCESSOR h = ValueAccessor();
   DBCOUNTITEM obtained = 0;
   HROW* allocated = nullptr;
   ASSERT_EQ(S_OK, rowset_->GetNextRows(DB_NULL_HCHAPTER, 1, 3, &obtained, &allocated));
@@ -56,18 +53,16 @@ TEST_F(RowsetFetch, HandlesAreDistinctNonzeroInBothArrayForms) {
   EXPECT_EQ(9u, seen.size());
   EXPECT_EQ(0u, seen.count(DB_NULL_HROW));
   EXPECT_EQ(S_FALSE, SameRow(allocated[0], supplied[0]));
-  EXPECT_DOUBLE_EQ(1.0, ValueOf(allocated[0], h));  // the first row was skipped
-  EXPECT_DOUBLE_EQ(9.0, ValueOf(supplied[5], h));
+  EXPECT_DOUBLE_EQ(1.0, ValueOf(allocated[0]));  // the first row was skipped
+  EXPECT_DOUBLE_EQ(9.0, ValueOf(supplied[5]));
   EXPECT_EQ(S_OK, rowset_->ReleaseRows(3, allocated, nullptr, nullptr, nullptr));
   EXPECT_EQ(S_OK, rowset_->ReleaseRows(6, supplied, nullptr, nullptr, nullptr));
   CoTaskMemFree(allocated);
   EXPECT_EQ(DB_E_CANNOTRESTART, rowset_->RestartPosition(DB_NULL_HCHAPTER));
-  EXPECT_EQ(S_OK, accessor_->ReleaseAccessor(h, nullptr));
 }
 
 TEST_F(RowsetFetch, HeldRowsOutliveTheStoreQueueUntilReleased) {
   Open(6);
-  const HACCESSOR h = ValueAccessor();
   DBCOUNTITEM obtained = 0;
   HROW first = 0;
   HROW* one = &first;
@@ -80,7 +75,7 @@ TEST_F(RowsetFetch, HeldRowsOutliveTheStoreQueueUntilReleased) {
   DBROWSTATUS status = 99;
   EXPECT_EQ(S_OK, rowset_->AddRefRows(1, &first, &refs, &status));
   EXPECT_EQ(2u, refs);
-  EXPECT_DOUBLE_EQ(0.0, ValueOf(first, h));
+  EXPECT_DOUBLE_EQ(0.0, ValueOf(first));
   EXPECT_EQ(S_OK, SameRow(first, first));
   const HROW both[] = {first, 12345};
   DBROWSTATUS statuses[2];
@@ -88,11 +83,9 @@ TEST_F(RowsetFetch, HeldRowsOutliveTheStoreQueueUntilReleased) {
   EXPECT_EQ(DB_S_ERRORSOCCURRED, rowset_->ReleaseRows(2, both, nullptr, counts, statuses));
   EXPECT_EQ(1u, counts[0]);
   EXPECT_EQ(static_cast<DBROWSTATUS>(DBROWSTATUS_E_INVALID), statuses[1]);
-  EXPECT_DOUBLE_EQ(0.0, ValueOf(first, h));
+  EXPECT_DOUBLE_EQ(0.0, ValueOf(first));
   EXPECT_EQ(S_OK, rowset_->ReleaseRows(1, &first, nullptr, nullptr, nullptr));
-  HRESULT hr = S_OK;
-  ValueOf(first, h, &hr);
-  EXPECT_EQ(DB_E_BADROWHANDLE, hr);
+  EXPECT_EQ(DB_E_BADROWHANDLE, StatusOf(first));
   EXPECT_EQ(DB_E_ERRORSOCCURRED, rowset_->ReleaseRows(1, &first, nullptr, nullptr, nullptr));
   EXPECT_EQ(DB_E_BADROWHANDLE, SameRow(first, first));
 }

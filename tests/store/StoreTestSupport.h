@@ -151,15 +151,8 @@ inline WString CellWideText(const CRefCountedDataStoreRow* row, const DataStoreC
   return WString(static_cast<const OLECHAR*>(t.text), t.length);
 }
 
-// The double an accessor with one R8 binding at offset 0 reads from `row`.
-inline double ValueOf(IRowset* rowset, HROW row, HACCESSOR h, HRESULT* hr = nullptr) {
-  BYTE buffer[64] = {};
-  const HRESULT result = rowset->GetData(row, h, buffer);
-  if (hr) *hr = result;
-  return ReadAt<double>(buffer, 0);
-}
-
-// A rowset over a worker-driven producer of `rows` RAWDATA rows made `page` at a time.
+// A rowset over a worker-driven producer of `rows` RAWDATA rows made `page` at a time,
+// with an accessor of VALUE as R8.
 class RowsetTest : public LeakCheckedTest {
  protected:
   void Open(ULONGLONG rows, ULONGLONG page = 4, CProviderIRowset::RowsetKind kind = CProviderIRowset::RowsetKind::Command,
@@ -172,23 +165,31 @@ class RowsetTest : public LeakCheckedTest {
     ASSERT_EQ(S_OK, CProviderIRowset::Create(std::move(store), kind, nullptr, IID_IRowset,
                                              reinterpret_cast<void**>(&rowset_)));
     ASSERT_EQ(S_OK, rowset_->QueryInterface(IID_IAccessor, reinterpret_cast<void**>(&accessor_)));
+    const DBBINDING b = Binding(4, DBTYPE_R8, 0, 8);
+    ASSERT_EQ(S_OK, accessor_->CreateAccessor(DBACCESSOR_ROWDATA, 1, &b, 0, &value_, nullptr));
   }
   void TearDown() override {
     if (accessor_) accessor_->Release();
     if (rowset_) rowset_->Release();
     LeakCheckedTest::TearDown();
   }
-  // An accessor of VALUE as R8 at offset 0.
-  HACCESSOR ValueAccessor() {
-    const DBBINDING b = Binding(4, DBTYPE_R8, 0, 8);
-    HACCESSOR h = 0;
-    EXPECT_EQ(S_OK, accessor_->CreateAccessor(DBACCESSOR_ROWDATA, 1, &b, 0, &h, nullptr));
-    return h;
+  // The VALUE of `row`, and what GetData answered for it.
+  double ValueOf(HROW row, HRESULT* hr = nullptr) {
+    BYTE buffer[64] = {};
+    const HRESULT result = rowset_->GetData(row, value_, buffer);
+    if (hr) *hr = result;
+    return ReadAt<double>(buffer, 0);
+  }
+  HRESULT StatusOf(HROW row) {
+    HRESULT hr = S_OK;
+    ValueOf(row, &hr);
+    return hr;
   }
 
   PagedProducer* producer_ = nullptr;
   IRowset* rowset_ = nullptr;
   IAccessor* accessor_ = nullptr;
+  HACCESSOR value_ = DB_NULL_HACCESSOR;
 };
 
 }  // namespace corvane::test
