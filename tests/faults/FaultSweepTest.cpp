@@ -22,6 +22,7 @@ using corvane::test::Outcome;
 using corvane::test::Rows;
 using corvane::test::SqlConsumer;
 using Op = HostOp;
+using corvane::historian::SampleInput;
 
 constexpr int kOps = static_cast<int>(Op::Count);
 // Calls of one operation failed per statement: the first pages are where a read starts,
@@ -59,15 +60,11 @@ class World : public SqlConsumer {
       corvane::historian::TagDefinition tag;
       tag.name = t == 0 ? OLESTR("Flow") : OLESTR("Level");
       EXPECT_EQ(S_OK, Store().AddTag(tag));
-      std::vector<corvane::historian::SampleInput> samples;
-      for (int i = 0; i < (t == 0 ? 10 : 4); ++i) {
-        corvane::historian::SampleInput s;
+      EXPECT_EQ(S_OK, Store().AppendGenerated(tag.name, t == 0 ? 10 : 4, [&](size_t i, SampleInput& s) {
         s.time = base + (t == 0 ? 10 * i : 5 + 10 * i) * 10000000ull;
         s.number = t == 0 ? i + 1 : 100 + i;
         s.quality = (t == 0 && i == 3) ? OPCUA_BAD : OPCUA_GOOD;
-        samples.push_back(s);
-      }
-      EXPECT_EQ(S_OK, Store().AppendSamples(tag.name, samples));
+      }));
     }
     Open();
     EXPECT_EQ(S_OK, Run("UPDATE QUERYSETTINGS SET TIMESTAMP_START = '2020-01-01 00:00:00', "

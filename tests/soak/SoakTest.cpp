@@ -18,8 +18,7 @@
 #include <vector>
 
 #include "SQLParser/TimeConversion.h"
-#include "tests/session/ConsumerFixture.h"
-#include "tests/support/FaultInjectingHost.h"
+#include "tests/cases/SqlConsumer.h"
 #include "tests/support/Printers.h"
 #include "tests/support/RowReader.h"
 
@@ -27,7 +26,6 @@ namespace corvane::test {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using corvane::testing::CFaultInjectingHost;
 
 constexpr int kThreads = 8;
 constexpr int kStallSeconds = 30;
@@ -361,26 +359,6 @@ class Soaker {
   std::string doing_ = "starting";
 };
 
-std::shared_ptr<historian::CHistorianStore> MakeStore() {
-  auto store = std::make_shared<historian::CHistorianStore>();
-  HRESULT hr = S_OK;
-  for (int i = -2; i < kThreads && SUCCEEDED(hr); ++i) {
-    historian::TagDefinition def;
-    def.name = FromUtf8(i == -2 ? kRamp : i == -1 ? kSteps : "Soak.Own" + std::to_string(i));
-    def.vartype = i == -1 ? VT_I4 : VT_R8;
-    hr = store->AddTag(def);
-  }
-  for (const bool ramp : {true, false})
-    if (SUCCEEDED(hr))
-      hr = store->AppendGenerated(FromUtf8(ramp ? kRamp : kSteps), kSamples, [ramp](size_t i, auto& s) {
-        s.time = kBase + i * kStep;
-        s.quality = Quality(ramp, static_cast<long>(i));
-        s.number = Value(ramp, static_cast<long>(i));  // VT_R8 keeps the number, VT_I4 the integer
-        s.integer = static_cast<int64_t>(s.number);
-      });
-  return SUCCEEDED(hr) ? store : nullptr;
-}
-
 class ConcurrencySoak : public LeakCheckedTest {};
 
 TEST_F(ConcurrencySoak, ThreadsSharingOneDataSourceSeeConsistentResults) {
@@ -391,21 +369,24 @@ TEST_F(ConcurrencySoak, ThreadsSharingOneDataSourceSeeConsistentResults) {
   const unsigned seed = seedText ? static_cast<unsigned>(std::strtoul(seedText, nullptr, 10)) : std::random_device()();
   std::printf("soak: %d threads for %.1f s, CORVANE_SOAK_SEED=%u\n", kThreads, seconds, seed);
 
-  auto store = MakeStore();
-  ASSERT_NE(nullptr, store);
-  IAggregates* factory = nullptr;
-  ASSERT_EQ(S_OK, historian::CAggregates::CreateInstance(nullptr, IID_IAggregates, reinterpret_cast<void**>(&factory)));
-  IUnknown* inner = nullptr;
-  const HRESULT created =
-      historian::CReferenceHistorian::Create(store, IID_IUnknown, reinterpret_cast<void**>(&inner), factory);
-  factory->Release();
-  ASSERT_EQ(S_OK, created);
-  CFaultInjectingHost* host = CFaultInjectingHost::Create(inner);
-  inner->Release();
-  IUnknown* hostUnknown = static_cast<IRawDataProvider*>(host);
+  SqlConsumer world;  // the historian behind the counting host; it checks that the provider let go of it
+  historian::CHistorianStore& store = world.Store();
+  for (int i = -2; i < kThreads; ++i) {
+    historian::TagDefinition def;
+    def.name = FromUtf8(i == -2 ? kRamp : i == -1 ? kSteps : "Soak.Own" + std::to_string(i));
+    def.vartype = i == -1 ? VT_I4 : VT_R8;
+    ASSERT_EQ(S_OK, store.AddTag(def));
+  }
+  for (const bool ramp : {true, false})
+    ASSERT_EQ(S_OK, store.AppendGenerated(FromUtf8(ramp ? kRamp : kSteps), kSamples, [ramp](size_t i, auto& s) {
+      s.time = kBase + i * kStep;
+      s.quality = Quality(ramp, static_cast<long>(i));
+      s.number = Value(ramp, static_cast<long>(i));  // VT_R8 keeps the number, VT_I4 the integer
+      s.integer = static_cast<int64_t>(s.number);
+    }));
   IUnknown* dataSource = nullptr;
   IOpenRowset* session = nullptr;
-  OpenProvider(hostUnknown, &dataSource, &session);
+  OpenProvider(static_cast<IRawDataProvider*>(&world.Host()), &dataSource, &session);
   ASSERT_NE(nullptr, dataSource);
 
   std::vector<std::unique_ptr<Soaker>> soakers;
@@ -445,8 +426,7 @@ TEST_F(ConcurrencySoak, ThreadsSharingOneDataSourceSeeConsistentResults) {
   EXPECT_GT(statements, static_cast<size_t>(kThreads));
   soakers.clear();
   CloseProvider(&dataSource, &session);
-  EXPECT_EQ(0u, host->OutstandingContinuationPoints()) << "continuation points left open";
-  EXPECT_EQ(0u, hostUnknown->Release()) << "the provider released every host reference";
+  EXPECT_EQ(0u, world.Host().OutstandingContinuationPoints()) << "continuation points left open";
 }
 
 }  // namespace

@@ -249,19 +249,6 @@ TEST_F(DataStoreSetValue, RowsFilledFromRecordsHoldWhatSetValueWrites) {
   }
 }
 
-TEST(DataStoreTimeText, DatesDropMillisecondsAndTextIsZeroPadded) {
-  VARIANT withMs, withoutMs;
-  VariantInit(&withMs);
-  VariantInit(&withoutMs);
-  ASSERT_EQ(S_OK, CDataStore::FileTimeToDate(FileTimeOf(kJan2024 + 1230000ull), &withMs));
-  ASSERT_EQ(S_OK, CDataStore::FileTimeToDate(FileTimeOf(kJan2024), &withoutMs));
-  ASSERT_EQ(VT_DATE, V_VT(&withMs));
-  EXPECT_EQ(V_DATE(&withoutMs), V_DATE(&withMs));
-  EXPECT_DOUBLE_EQ(45292.0, V_DATE(&withMs));
-  const SYSTEMTIME st{987, 3, 0, 4, 5, 6, 7, 0};
-  EXPECT_EQ(WString(OLESTR("0987-03-04 05:06:07")), CDataStore::SystemTimeToText(st));
-}
-
 TEST(DataStoreFindColumn, OrdinalMatchWinsElseLastNameMatch) {
   std::vector<ColumnRecord> columns = {Column(OLESTR("VALUE"), 4, DBTYPE_R8), Column(OLESTR("value"), 7, DBTYPE_R8),
                                        Column(OLESTR("OTHER"), 2, DBTYPE_R8)};
