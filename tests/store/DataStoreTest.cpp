@@ -308,21 +308,6 @@ TEST_F(DataStoreHandOut, SkipCountEndOfRowsAndAFailingProducer) {
   EXPECT_TRUE(rows.empty());
 }
 
-TEST_F(DataStoreHandOut, StoreColumnsAreMatchedToProducerFieldsByName) {
-  CDataStore store;
-  auto producer = std::make_unique<PagedProducer>(1, 1);
-  ASSERT_EQ(S_OK, producer->Execute());
-  // Only two columns bound, in another order than the producer's fields.
-  ASSERT_EQ(S_OK, store.Initialize(std::move(producer), {Column(OLESTR("VALUE"), 4, DBTYPE_VARIANT, 24),
-                                                         Column(OLESTR("quality"), 3, DBTYPE_UI4, 4)}));
-  std::vector<CRefCountedDataStoreRow*> rows;
-  ASSERT_EQ(S_OK, store.GetNextRows(0, 1, rows));
-  VARIANT v = ReadAt<VARIANT>(CellValue(rows[0], store.ColumnInfo()[0]), 0);
-  EXPECT_EQ(VT_R8, V_VT(&v));
-  EXPECT_EQ(192u, ReadAt<ULONG>(CellValue(rows[0], store.ColumnInfo()[1]), 0));
-  rows[0]->Release();
-}
-
 class DataStoreGetData : public DataStoreRowTest {
  protected:
   void SetUp() override {
