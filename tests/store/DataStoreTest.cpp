@@ -267,47 +267,6 @@ TEST(DataStoreFindColumn, OrdinalMatchWinsElseLastNameMatch) {
   EXPECT_EQ(E_FAIL, CDataStore::FindColumn(columns, nullptr, 1, &index));
 }
 
-class DataStoreHandOut : public LeakCheckedTest {
- protected:
-  static std::vector<ULONGLONG> Values(std::vector<CRefCountedDataStoreRow*>& rows, const CDataStore& store) {
-    std::vector<ULONGLONG> out;
-    for (CRefCountedDataStoreRow* r : rows) {
-      VARIANT v = ReadAt<VARIANT>(CellValue(r, store.ColumnInfo()[3]), 0);
-      out.push_back(static_cast<ULONGLONG>(V_R8(&v)));
-      r->Release();
-    }
-    rows.clear();
-    return out;
-  }
-};
-
-TEST_F(DataStoreHandOut, SkipCountEndOfRowsAndAFailingProducer) {
-  auto open = [](CDataStore& store, std::unique_ptr<PagedProducer> producer) {
-    ASSERT_EQ(S_OK, producer->Execute());
-    ASSERT_EQ(S_OK, store.Initialize(std::move(producer), RawDataColumns()));
-  };
-  CDataStore store, shortStore, failing;
-  ASSERT_NO_FATAL_FAILURE(open(store, std::make_unique<PagedProducer>(10, 10)));
-  std::vector<CRefCountedDataStoreRow*> rows;
-  EXPECT_EQ(S_OK, store.GetNextRows(2, 3, rows));
-  EXPECT_EQ((std::vector<ULONGLONG>{2, 3, 4}), Values(rows, store));
-  // The rest of the page waits as the producer's records: only rows asked for are made.
-  EXPECT_EQ(0u, store.QueuedRowCount());
-  EXPECT_EQ(DB_S_ENDOFROWSET, store.GetNextRows(0, 10, rows));
-  EXPECT_EQ((std::vector<ULONGLONG>{5, 6, 7, 8, 9}), Values(rows, store));
-  EXPECT_EQ(DB_S_ENDOFROWSET, store.GetNextRows(0, 1, rows));
-  EXPECT_TRUE(rows.empty());
-  // Skipping past the end empties the store.
-  ASSERT_NO_FATAL_FAILURE(open(shortStore, std::make_unique<PagedProducer>(4, 4)));
-  EXPECT_EQ(DB_S_ENDOFROWSET, shortStore.GetNextRows(6, 1, rows));
-  EXPECT_TRUE(rows.empty());
-  EXPECT_EQ(0u, shortStore.QueuedRowCount());
-  // A failing producer fails the fetch and hands out nothing.
-  ASSERT_NO_FATAL_FAILURE(open(failing, std::make_unique<PagedProducer>(100, 10, E_ACCESSDENIED, 1)));
-  EXPECT_EQ(E_ACCESSDENIED, failing.GetNextRows(0, 5, rows));
-  EXPECT_TRUE(rows.empty());
-}
-
 class DataStoreGetData : public DataStoreRowTest {
  protected:
   void SetUp() override {
