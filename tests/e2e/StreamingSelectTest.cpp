@@ -28,7 +28,7 @@ namespace {
 
 using Op = testing::CFaultInjectingHost::Op;
 
-constexpr size_t kSeriesSamples = CORVANE_E2E_SAMPLES;
+constexpr size_t kSamples = CORVANE_E2E_SAMPLES;
 constexpr size_t kPage = 2000;  // the default MAX_ROWS_TO_RETURN
 constexpr DBROWCOUNT kBatch = 1000;
 constexpr ULONGLONG kFirst = 133485408000000000ull;  // 2024-01-01 00:00:00 UTC, then one sample a second
@@ -47,14 +47,14 @@ long PeakResidentKiB() {
 }
 
 // One series store for the whole suite: filling ten million samples takes seconds.
-class SelectStreaming : public ConsumerTest {
+class SelectStreaming : public LeakCheckedTest {
  protected:
   static void SetUpTestSuite() {
     store_ = std::make_shared<historian::CHistorianStore>();
     historian::TagDefinition tag;
     tag.name = OLESTR("Plant.Flow");
     if (FAILED(store_->AddTag(tag)) ||
-        FAILED(store_->AppendGenerated(tag.name, kSeriesSamples, [](size_t i, historian::SampleInput& s) {
+        FAILED(store_->AppendGenerated(tag.name, kSamples, [](size_t i, historian::SampleInput& s) {
           s.time = kFirst + i * kStep;
           s.quality = Quality(i);
           s.number = Value(i);
@@ -64,9 +64,11 @@ class SelectStreaming : public ConsumerTest {
   }
   static void TearDownTestSuite() { store_.reset(); }
 
-  // ConsumerTest's data source is not used: this one reads the series behind a counting host.
   void SetUp() override {
-    ConsumerTest::SetUp();
+    LeakCheckedTest::SetUp();
+#ifdef _WIN32
+    CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+#endif
     ASSERT_NE(nullptr, store_) << "could not fill the series";
     IAggregates* aggregates = nullptr;
     ASSERT_EQ(S_OK, historian::CAggregates::CreateInstance(nullptr, IID_IAggregates, reinterpret_cast<void**>(&aggregates)));
@@ -77,22 +79,25 @@ class SelectStreaming : public ConsumerTest {
     ASSERT_EQ(S_OK, created);
     host_ = testing::CFaultInjectingHost::Create(inner);
     inner->Release();
-    hostRefs_ = RefCount(static_cast<IRawDataProvider*>(host_));
+    hostRefs_ = RefCount();
     OpenProvider(static_cast<IRawDataProvider*>(host_), &seriesSource_, &seriesSession_,
                  "Use Timestamps=true;Timestamp Start=2024-01-01 00:00:00;Timestamp End=2025-01-01 00:00:00");
   }
   void TearDown() override {
     CloseProvider(&seriesSource_, &seriesSession_);
     EXPECT_EQ(0u, host_->OutstandingContinuationPoints()) << "every continuation point was finished or released";
-    EXPECT_EQ(hostRefs_, RefCount(static_cast<IRawDataProvider*>(host_))) << "the provider let go of the host";
+    EXPECT_EQ(hostRefs_, RefCount()) << "the provider let go of the host";
     host_->Release();
-    ConsumerTest::TearDown();
+#ifdef _WIN32
+    CoUninitialize();
+#endif
+    LeakCheckedTest::TearDown();
   }
 
   // Runs SELECT * FROM RAWDATA and reads it `kBatch` rows at a time until `onRow` or
   // `batch` stops; each row's cells are checked against the series, counting from 0.
   HRESULT Select(const std::function<DBROWCOUNT(size_t)>& batch, const std::function<bool(size_t)>& onRow) {
-    IDBCreateCommand* create = Query<IDBCreateCommand>(seriesSession_, IID_IDBCreateCommand);
+    IDBCreateCommand* create = ConsumerTest::Query<IDBCreateCommand>(seriesSession_, IID_IDBCreateCommand);
     ICommandText* command = nullptr;
     IUnknown* rowset = nullptr;
     HRESULT hr = create->CreateCommand(nullptr, IID_ICommandText, reinterpret_cast<IUnknown**>(&command));
@@ -118,6 +123,11 @@ class SelectStreaming : public ConsumerTest {
     if (rowset) rowset->Release();
     if (command) command->Release();
     return hr;
+  }
+
+  ULONG RefCount() {
+    host_->AddRef();
+    return host_->Release();
   }
 
   static std::shared_ptr<historian::CHistorianStore> store_;
@@ -148,13 +158,13 @@ TEST_F(SelectStreaming, EverySampleArrivesInOrderWhileMemoryStaysBounded) {
                          }));
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   const long resident = PeakResidentKiB();
-  EXPECT_EQ(kSeriesSamples, rows);
+  EXPECT_EQ(kSamples, rows);
   EXPECT_EQ(0u, wrong_);
   // The first rows are served from the first page: the worker has not read ahead.
   EXPECT_GE(readsAtFirstRow, 1u);
   EXPECT_LE(readsAtFirstRow, 2u);
-  EXPECT_GE(host_->Calls(Op::ReadRaw), (kSeriesSamples + kPage - 1) / kPage);
-  EXPECT_LE(host_->Calls(Op::ReadRaw), (kSeriesSamples + kPage - 1) / kPage + 1);
+  EXPECT_GE(host_->Calls(Op::ReadRaw), (kSamples + kPage - 1) / kPage);
+  EXPECT_LE(host_->Calls(Op::ReadRaw), (kSamples + kPage - 1) / kPage + 1);
   // Each row of the store is one task-allocator block: a page read, a page in the
   // store, the batch the consumer holds, whatever the length of the series.
   EXPECT_LE(peakBlocks, static_cast<int64_t>(3 * kPage + kBatch));
