@@ -42,15 +42,7 @@ double Value(bool ramp, long i) { return ramp ? i * 0.5 : static_cast<double>(i 
 ULONG Quality(bool ramp, long i) { return ramp || i % 7 ? 0xC0u : 0x40u; }
 
 // 'YYYY-MM-DD HH:MM:SS' of a UTC time, quoted for SQL.
-std::string At(ULONGLONG ticks) {
-  FILETIME f{static_cast<DWORD>(ticks), static_cast<DWORD>(ticks >> 32)};
-  SYSTEMTIME s{};
-  FileTimeToSystemTime(&f, &s);
-  char text[64];
-  std::snprintf(text, sizeof text, "'%04u-%02u-%02u %02u:%02u:%02u'", s.wYear, s.wMonth, s.wDay, s.wHour, s.wMinute,
-                s.wSecond);
-  return text;
-}
+std::string At(ULONGLONG ticks) { return "'" + TimeText(ticks) + "'"; }
 std::string Sample(long i) { return At(kBase + i * kStep); }
 
 ULONGLONG Ticks(const DBTIMESTAMP& t) {
