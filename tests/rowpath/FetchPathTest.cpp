@@ -258,8 +258,8 @@ TEST_F(CellCopies, StoreAndConversionServiceAgree) {
       {DBTYPE_I4, 4, Variant(VT_I4, -123456)}, {DBTYPE_UI4, 4, UI4(192)},
       {DBTYPE_I8, 8, Variant(VT_I8, -(LONGLONG{1} << 40))}, {DBTYPE_R8, 8, R8(2.75)},
       {DBTYPE_DATE, 8, Variant(VT_DATE, 0)},
-      {DBTYPE_DBTIMESTAMP, 16, StoreValue::FromTime(FileTimeOf(kJan2024 + 1234567))},
-      {DBTYPE_DBTIMESTAMP, 16, StoreValue::FromTime(FileTimeOf(0x7FF0000000000000ull))},
+      {DBTYPE_DBTIMESTAMP, 16, StoreValue::FromTime(U64ToFileTime(kJan2024 + 1234567))},
+      {DBTYPE_DBTIMESTAMP, 16, StoreValue::FromTime(U64ToFileTime(0x7FF0000000000000ull))},
       {DBTYPE_VARIANT, 24, R8(1e20)}, {DBTYPE_VARIANT, 24, Variant(VT_I4, 77)},
       {DBTYPE_VARIANT, 24, Bstr(OLESTR("12.5"))}, {DBTYPE_VARIANT, 24, Variant(VT_NULL, 0)},
       {DBTYPE_VARIANT, 24, Variant(VT_ERROR, 0x80020004)},
@@ -366,13 +366,13 @@ TEST_F(CellCopies, TimestampsFollowTheCalendarInAnyOrder) {
                              0x8000000000000000ull,        kJan2024 + 2 * kSecond};
   CDataStore store;
   ASSERT_EQ(S_OK, store.Initialize(nullptr, {Column(OLESTR("T"), 1, DBTYPE_DBTIMESTAMP, 16)}));
-  for (ULONGLONG t : times) ASSERT_EQ(S_OK, store.AppendRecord(ProducedRecord{StoreValue::FromTime(FileTimeOf(t))}));
+  for (ULONGLONG t : times) ASSERT_EQ(S_OK, store.AppendRecord(ProducedRecord{StoreValue::FromTime(U64ToFileTime(t))}));
   std::vector<CRefCountedDataStoreRow*> rows;
   ASSERT_EQ(S_OK, store.GetNextRows(0, std::size(times), rows));
   for (size_t i = 0; i < rows.size(); ++i) {
     const DataStoreColumnInfo& info = store.ColumnInfo()[0];
     SYSTEMTIME st;
-    const FILETIME ft = FileTimeOf(times[i]);
+    const FILETIME ft = U64ToFileTime(times[i]);
     if (!FileTimeToSystemTime(&ft, &st)) {
       EXPECT_EQ(CDataStore::kStatusNull, CellStatus(rows[i], info)) << i;
     } else {

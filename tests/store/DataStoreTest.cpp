@@ -107,7 +107,7 @@ TEST_F(DataStoreSetValue, ValuesTheCellCannotHoldAreRefused) {
   EXPECT_FALSE(Set(Variant(VT_I4, 7), 0));
   EXPECT_EQ(0, Status(0));
   EXPECT_FALSE(Set(UI4(1), 1));  // a timestamp cell takes only a timestamp
-  EXPECT_FALSE(Set(StoreValue::FromTime(FileTimeOf(kJan2024)), 2));
+  EXPECT_FALSE(Set(StoreValue::FromTime(U64ToFileTime(kJan2024)), 2));
   EXPECT_TRUE(Set(UI4(0xC0DE), 0));
   EXPECT_EQ(255, Status(0));
   EXPECT_EQ(0xC0DEu, ReadAt<ULONG>(Value(0), 0));
@@ -215,10 +215,10 @@ TEST_F(DataStoreSetValue, RowsFilledFromRecordsHoldWhatSetValueWrites) {
   // Nine characters are one too many (truncated), an I4 is not exactly the cell's type,
   // and the times fall on the same day, the day before and three days later.
   const std::vector<ProducedRecord> records = {
-      {lent(kEight), StoreValue::FromTime(FileTimeOf(kJan2024 + 12345678)), UI4(192), R8(2.5), R8(-1.0), lent(kEight)},
-      {lent(kNine), StoreValue::FromTime(FileTimeOf(kJan2024 + kHourAndAHalf + 9999)), Variant(VT_I4, 7),
+      {lent(kEight), StoreValue::FromTime(U64ToFileTime(kJan2024 + 12345678)), UI4(192), R8(2.5), R8(-1.0), lent(kEight)},
+      {lent(kNine), StoreValue::FromTime(U64ToFileTime(kJan2024 + kHourAndAHalf + 9999)), Variant(VT_I4, 7),
        Variant(VT_NULL, 0), Variant(VT_R4, 0), Bstr(kNine)},
-      {Bstr(OLESTR("")), StoreValue::FromTime(FileTimeOf(kJan2024 - 1)), StoreValue(), Variant(VT_I8, -5),
+      {Bstr(OLESTR("")), StoreValue::FromTime(U64ToFileTime(kJan2024 - 1)), StoreValue(), Variant(VT_I8, -5),
        Variant(VT_R8, 0x4000000000000000ll)},
       RawRecord(86400 * 3 + 5)};
 

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <vector>
 
+#include "base/HistorianInterfaces.h"
 #include "platform/Platform.h"
 #include "provider/ProviderIRowset.h"
 #include "provider/store/DataProvider.h"
@@ -51,12 +52,6 @@ inline StoreValue R8(double value) {
   V_R8(&v) = value;
   return StoreValue::TakeVariant(&v);
 }
-inline FILETIME FileTimeOf(ULONGLONG ticks) {
-  FILETIME ft;
-  ft.dwLowDateTime = static_cast<DWORD>(ticks);
-  ft.dwHighDateTime = static_cast<DWORD>(ticks >> 32);
-  return ft;
-}
 // 2024-01-01 00:00:00 UTC.
 constexpr ULONGLONG kJan2024 = 133485408000000000ull;
 
@@ -64,7 +59,7 @@ inline ProducedRecord RawRecord(ULONGLONG i) {
   ProducedRecord r;
   r.reserve(4);
   r.push_back(Bstr(OLESTR("Plant.Tag1")));
-  r.push_back(StoreValue::FromTime(FileTimeOf(kJan2024 + i * 10000000ull)));
+  r.push_back(StoreValue::FromTime(U64ToFileTime(kJan2024 + i * 10000000ull)));
   r.push_back(UI4(192));
   r.push_back(R8(static_cast<double>(i)));
   return r;
