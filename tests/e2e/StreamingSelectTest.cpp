@@ -71,7 +71,8 @@ class SelectStreaming : public LeakCheckedTest {
 #endif
     ASSERT_NE(nullptr, store_) << "could not fill the series";
     IAggregates* aggregates = nullptr;
-    ASSERT_EQ(S_OK, historian::CAggregates::CreateInstance(nullptr, IID_IAggregates, reinterpret_cast<void**>(&aggregates)));
+    ASSERT_EQ(S_OK,
+              historian::CAggregates::CreateInstance(nullptr, IID_IAggregates, reinterpret_cast<void**>(&aggregates)));
     IUnknown* inner = nullptr;
     const HRESULT created =
         historian::CReferenceHistorian::Create(store_, IID_IUnknown, reinterpret_cast<void**>(&inner), aggregates);
@@ -144,6 +145,7 @@ long SelectStreaming::residentAfterLoad_ = -1;
 
 TEST_F(SelectStreaming, EverySampleArrivesInOrderWhileMemoryStaysBounded) {
   const platform::AllocCounts base = platform::CurrentAllocCounts();
+  auto blocks = [&base] { return platform::CurrentAllocCounts().comBlocks - base.comBlocks; };
   ULONG readsAtFirstRow = 0;
   int64_t peakBlocks = 0;
   size_t rows = 0;
@@ -151,8 +153,7 @@ TEST_F(SelectStreaming, EverySampleArrivesInOrderWhileMemoryStaysBounded) {
   ASSERT_EQ(S_OK, Select([](size_t) { return kBatch; },
                          [&](size_t index) {
                            if (index == 0) readsAtFirstRow = host_->Calls(Op::ReadRaw);
-                           if (index % kBatch == 0)
-                             peakBlocks = std::max(peakBlocks, platform::CurrentAllocCounts().comBlocks - base.comBlocks);
+                           if (index % kBatch == 0) peakBlocks = std::max(peakBlocks, blocks());
                            ++rows;
                            return true;
                          }));

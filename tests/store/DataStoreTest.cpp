@@ -215,7 +215,8 @@ TEST_F(DataStoreSetValue, RowsFilledFromRecordsHoldWhatSetValueWrites) {
   // Nine characters are one too many (truncated), an I4 is not exactly the cell's type,
   // and the times fall on the same day, the day before and three days later.
   const std::vector<ProducedRecord> records = {
-      {lent(kEight), StoreValue::FromTime(U64ToFileTime(kJan2024 + 12345678)), UI4(192), R8(2.5), R8(-1.0), lent(kEight)},
+      {lent(kEight), StoreValue::FromTime(U64ToFileTime(kJan2024 + 12345678)), UI4(192), R8(2.5), R8(-1.0),
+       lent(kEight)},
       {lent(kNine), StoreValue::FromTime(U64ToFileTime(kJan2024 + kHourAndAHalf + 9999)), Variant(VT_I4, 7),
        Variant(VT_NULL, 0), Variant(VT_R4, 0), Bstr(kNine)},
       {Bstr(OLESTR("")), StoreValue::FromTime(U64ToFileTime(kJan2024 - 1)), StoreValue(), Variant(VT_I8, -5),
