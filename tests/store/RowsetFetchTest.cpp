@@ -71,6 +71,8 @@ TEST_F(RowsetFetch, HeldRowsOutliveTheStoreQueueUntilReleased) {
   HROW* restPtr = rest;
   ASSERT_EQ(DB_S_ENDOFROWSET, rowset_->GetNextRows(DB_NULL_HCHAPTER, 10, 1, &obtained, &restPtr));
   EXPECT_EQ(0u, obtained);  // skipped past the end: the store dropped everything
+  EXPECT_EQ(DB_S_ENDOFROWSET, rowset_->GetNextRows(DB_NULL_HCHAPTER, 0, 8, &obtained, &restPtr));
+  EXPECT_EQ(0u, obtained);
   DBREFCOUNT refs = 0;
   DBROWSTATUS status = 99;
   EXPECT_EQ(S_OK, rowset_->AddRefRows(1, &first, &refs, &status));
