@@ -6,7 +6,6 @@
 // written; an input that starts with 0xFF is taken as raw UTF-16 code units instead.
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
 
 #include "SQLParser/SQLCalcItemConst.h"
@@ -15,21 +14,11 @@
 #include "SQLParser/SQLCalcItemTableColumn.h"
 #include "SQLParser/SQLParser.h"
 #include "SQLParser/SQLSyntaxParser.h"
-#include "base/Trace.h"
+#include "fuzz/FuzzSupport.h"
 
 namespace {
 
-class DiscardSink : public ITraceSink {
- public:
-  void Write(const TraceLine& line) override { length_ += line.text.size(); }
-
- private:
-  size_t length_ = 0;
-};
-
-void Check(bool condition) {
-  if (!condition) std::abort();
-}
+using corvane::fuzz::Check;
 
 size_t Walk(const CSQLCalcItem* item, int depth) {
   Check(item != nullptr && depth <= CSQLSyntaxParser::kMaxNestingDepth + 2);
@@ -94,7 +83,7 @@ size_t Walk(const CSQLQueryInfo& query) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  corvane::SetTraceSink(std::make_shared<DiscardSink>());
+  corvane::SetTraceSink(std::make_shared<corvane::fuzz::DiscardSink>());
   corvane::SetTraceThreshold(TRACE_DETAIL);
   return 0;
 }

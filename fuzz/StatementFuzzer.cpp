@@ -14,9 +14,9 @@
 // A DELETE or UPDATE meets the data-safety oracle: when it fails the historian's whole
 // contents are unchanged, and when it succeeds they equal what the independent change
 // model computes by evaluating its condition on every sample (where the model can).
+#include <cctype>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string_view>
@@ -33,28 +33,14 @@
 #include "provider/CreateCorvaneOleDbProviderImpl.h"
 #include "provider/ErrorReporting.h"
 #include "provider/ICreateCorvaneOleDbProvider.h"
-#include "base/Trace.h"
 #include "SQLParser/SQLParser.h"
+#include "fuzz/FuzzSupport.h"
 #include "tests/datasafety/ChangeModel.h"
 
 namespace {
 
-class DiscardSink : public ITraceSink {
- public:
-  void Write(const TraceLine& line) override { length_ += line.text.size(); }
-
- private:
-  size_t length_ = 0;
-};
-
-void Check(bool condition, const char* what) {
-  if (!condition) {
-    fprintf(stderr, "statement fuzzer: %s\n", what);
-    std::abort();
-  }
-}
-
 using corvane::ComPtr;
+using corvane::fuzz::Check;
 using corvane::QueryAs;
 using corvane::TaskMem;
 
@@ -88,15 +74,10 @@ void BuildHost() {
 }
 
 bool MayWrite(const corvane::WString& text) {
-  static const char* const kWords[] = {"INSERT", "UPDATE", "DELETE"};
-  for (const char* word : kWords) {
-    const size_t n = strlen(word);
-    for (size_t i = 0; i + n <= text.size(); ++i) {
-      size_t k = 0;
-      while (k < n && (text[i + k] & ~0x20) == word[k]) ++k;
-      if (k == n) return true;
-    }
-  }
+  std::string upper = corvane::ToUtf8(text);
+  for (char& c : upper) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  for (const char* word : {"INSERT", "UPDATE", "DELETE"})
+    if (upper.find(word) != std::string::npos) return true;
   return false;
 }
 
@@ -166,16 +147,9 @@ struct Parameters {
     std::vector<DBPARAMBINDINFO> bindInfo;
     for (DB_UPARAMS i = 0; i < count; ++i) {
       const corvane::WStringView value(kParameterValues[i % 3]);
-      DBBINDING b{};
-      b.iOrdinal = i + 1;
-      b.obStatus = i * kSlot;
-      b.obLength = i * kSlot + 8;
-      b.obValue = i * kSlot + 16;
-      b.cbMaxLen = 64 * sizeof(OLECHAR);
-      b.dwPart = DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS;
-      b.dwMemOwner = DBMEMOWNER_CLIENTOWNED;
-      b.eParamIO = DBPARAMIO_INPUT;
-      b.wType = DBTYPE_WSTR;
+      const DBBINDING b{i + 1, i * kSlot + 16, i * kSlot + 8, i * kSlot, nullptr, nullptr, nullptr,
+                        DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS, DBMEMOWNER_CLIENTOWNED, DBPARAMIO_INPUT,
+                        64 * sizeof(OLECHAR), 0, DBTYPE_WSTR, 0, 0};
       bindings.push_back(b);
       const DBSTATUS ok = DBSTATUS_S_OK;
       const DBLENGTH length = value.size() * sizeof(OLECHAR);
@@ -220,17 +194,11 @@ void ReadAll(IUnknown* rowset) {
   };
   std::vector<DBBINDING> bindings;
   for (size_t i = 0; i < ordinals.size(); ++i) {
-    DBBINDING b{};
-    b.iOrdinal = ordinals[i];
-    b.obStatus = i * sizeof(Slot) + offsetof(Slot, status);
-    b.obLength = i * sizeof(Slot) + offsetof(Slot, length);
-    b.obValue = i * sizeof(Slot) + offsetof(Slot, value);
-    b.cbMaxLen = sizeof(VARIANT);
-    b.dwPart = DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS;
-    b.dwMemOwner = DBMEMOWNER_CLIENTOWNED;
-    b.eParamIO = DBPARAMIO_NOTPARAM;
-    b.wType = DBTYPE_VARIANT;
-    bindings.push_back(b);
+    const size_t at = i * sizeof(Slot);
+    bindings.push_back(DBBINDING{ordinals[i], at + offsetof(Slot, value), at + offsetof(Slot, length),
+                                 at + offsetof(Slot, status), nullptr, nullptr, nullptr,
+                                 DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS, DBMEMOWNER_CLIENTOWNED,
+                                 DBPARAMIO_NOTPARAM, sizeof(VARIANT), 0, DBTYPE_VARIANT, 0, 0});
   }
   HACCESSOR handle = DB_NULL_HACCESSOR;
   if (!bindings.empty()) {
@@ -337,7 +305,7 @@ std::unique_ptr<CSQLQueryInfo> RawDataChange(const corvane::WString& text) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  corvane::SetTraceSink(std::make_shared<DiscardSink>());
+  corvane::SetTraceSink(std::make_shared<corvane::fuzz::DiscardSink>());
   // Every message from information up is formatted; the per-cell detail lines would
   // only slow each input down.
   corvane::SetTraceThreshold(TRACE_INFO);
