@@ -14,6 +14,7 @@
 #include <sstream>
 
 #include "tests/cases/SqlConsumer.h"
+#include "tests/support/Printers.h"
 
 namespace corvane::test {
 namespace {
@@ -84,12 +85,6 @@ std::string Show(const Rows& rows) {
     text += "\n";
   }
   return rows.size() > 60 ? text + "    ... " + std::to_string(rows.size() - 60) + " more\n" : text;
-}
-
-std::string Hex(HRESULT hr) {
-  char text[16];
-  std::snprintf(text, sizeof text, "%08X", static_cast<unsigned>(hr));
-  return text;
 }
 
 bool ParseHex(const std::string& text, HRESULT* hr) {
