@@ -77,6 +77,7 @@ class AggregatesTest : public HistorianFixture {
         s.text = WString(1, static_cast<OLECHAR>(value));
       }));
     }
+    AddSeries(OLESTR("Ramp"), 100);  // value i at i seconds: the line is y = t
     for (auto* host : {&host_, &unbrowsed_}) {
       *host = corvane::testing::CFaultInjectingHost::Create(raw_);
       (*host)->ForcePageSize(2);
@@ -178,6 +179,11 @@ TEST_F(AggregatesTest, EachAggregateOfEachIntervalAsWorkedOut) {
       {OLESTR("Flow"), 0, 100, 0, {AGG_DURATION_BAD}, -1, "n1 | 10000 401 @0"},
       {OLESTR("Flow"), 0, 100, 0, {AGG_COUNT}, 0, "i4"},  // good samples at 0, 20, 40, 60
       {OLESTR("Flow"), 10, 10, 1000, {AGG_MIN, AGG_MAX}, -1, "n0"},
+      // Bounds of an interval come from reads backwards and forwards: AVG of samples 11..15;
+      // TIME_AVG the mean of y = t, over [15.5, 20.5) from the sample @21.
+      {OLESTR("Ramp"), 10.5, 20.5, 5000, {AGG_AVG}, 0, "13 401 @10.5 | *"},
+      {OLESTR("Ramp"), 10.5, 20.5, 5000, {AGG_TIME_AVG}, 0, "13 401 @10.5 | 18 401 @15.5"},
+      {OLESTR("Ramp"), 10.5, 20.5, 5000, {AGG_INTERPOLATIVE}, 0, "10.5 402 @10.5 | 15.5 402 @15.5"},
       // Refused: a reversed range, an unknown aggregate or tag, a period below the clock's step.
       {OLESTR("Flow"), 10, 0, 1000, {AGG_MIN}, 0, "hr80070057"},
       {OLESTR("Flow"), 0, 10, 1000, {19}, 0, "hrC0041009"},
@@ -501,42 +507,8 @@ TEST_F(AggregatesTest, ComponentIsCreatedThroughItsProgId) {
 #endif
 }
 
-// ---- Over the reference historian ------------------------------------------------------------------
-
-using AggregatesOverReferenceHistorian = AggregatesTest;
-
-TEST_F(AggregatesOverReferenceHistorian, BoundsComeFromReversedAndForwardReads) {
-  AddSeries(OLESTR("Ramp"), 100);  // value i at i seconds: the line is y = t
-  AddSeries(OLESTR("Ramp2"), 10);
-  IProcessedDataProvider* processed = nullptr;
-  ASSERT_EQ(S_OK, CProcessedDataProvider::Create(raw_, &processed));
-  OLECHAR cat[] = OLESTR("c"), sch[] = OLESTR("s"), tag[] = OLESTR("Ramp");
-  TagIdent ident{cat, sch, tag};
-  ProcessedReadRequest request{};
-  request.start = U64ToFileTime(T(10.5));
-  request.end = U64ToFileTime(T(20.5));
-  request.periodMs = 5000;
-  const AggregateId ids[] = {AGG_AVG, AGG_TIME_AVG, AGG_INTERPOLATIVE};
-  Answer a;
-  a.entries = 3;
-  ASSERT_EQ(S_OK, processed->ReadProcessed(&ident, &request, 3, ids, &a.result));
-  // AVG of samples 11..15; TIME_AVG the mean of y = t, over [15.5, 20.5) from the sample @21.
-  EXPECT_PRED2(Matches, "13 401 @10.5 | *", Show(a.result[0].values, a.result[0].count));
-  EXPECT_PRED2(Matches, "13 401 @10.5 | 18 401 @15.5", Show(a.result[1].values, a.result[1].count));
-  EXPECT_PRED2(Matches, "10.5 402 @10.5 | 15.5 402 @15.5", Show(a.result[2].values, a.result[2].count));
-
-  // A statistics point handed to the raw side is refused there, not misread.
-  Page page;
-  void* cp = nullptr;
-  ASSERT_EQ(S_OK, page.Read(processed, OLESTR("ramp*"), nullptr, nullptr, 0, 5, nullptr, 1, &cp));
-  ASSERT_EQ(1u, page.n);
-  EXPECT_PRED2(Matches, "* | * | 2.5 401 @0 | *", Show(page.values->values, page.values->count));  // 0..5 with both ends
-  ASSERT_NE(nullptr, cp);
-  EXPECT_EQ(E_INVALIDARG, raw_->ReleaseContinuationPoint(&cp));
-  processed->Release();
-}
-
-TEST_F(AggregatesOverReferenceHistorian, ConcurrentCallersPageIndependently) {
+// Statistics pages straight over the reference historian, whose columns several threads read at once.
+TEST_F(AggregatesTest, ConcurrentCallersPageIndependently) {
   for (const OLECHAR* name : {OLESTR("A1"), OLESTR("A2"), OLESTR("A3")}) AddSeries(name, 50);
   IProcessedDataProvider* processed = nullptr;
   ASSERT_EQ(S_OK, CProcessedDataProvider::Create(raw_, &processed));
