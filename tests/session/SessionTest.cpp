@@ -92,7 +92,7 @@ TEST_F(SessionObject, OpenSessionsKeepTheDataSourceInitialised) {
   init->Release();
 }
 
-TEST_F(SessionObject, OpenRowsetReadsATableAndNamesWhatItCannotGive) {
+TEST_F(SessionObject, OpenRowsetReadsATableAndNamesWhatItCannotGiveOrHonour) {
   DBID table = TableId(OLESTR("rawdata"));
   IUnknown* rowset = nullptr;
   ASSERT_EQ(S_OK, session_->OpenRowset(nullptr, &table, nullptr, IID_IRowset, 0, nullptr, &rowset));
@@ -124,17 +124,15 @@ TEST_F(SessionObject, OpenRowsetReadsATableAndNamesWhatItCannotGive) {
   // Asked only whether the table exists.
   EXPECT_EQ(S_OK, session_->OpenRowset(nullptr, &table, nullptr, IID_IRowset, 0, nullptr, nullptr));
   TakeLastError();
-}
 
-TEST_F(SessionObject, OpenRowsetHonoursOrRefusesRequiredRowsetProperties) {
-  DBID table = TableId(OLESTR("TAGS"));
+  // Required rowset properties are honoured or refused.
+  table = TableId(OLESTR("TAGS"));
   DBPROP prop{};
   prop.dwPropertyID = DBPROP_BOOKMARKS;  // the table rowsets have no bookmarks
   prop.dwOptions = DBPROPOPTIONS_REQUIRED;
   prop.vValue.vt = VT_BOOL;
   prop.vValue.boolVal = VARIANT_TRUE;
   DBPROPSET set{&prop, 1, DBPROPSET_ROWSET};
-  IUnknown* rowset = nullptr;
   EXPECT_EQ(DB_E_ERRORSOCCURRED, session_->OpenRowset(nullptr, &table, nullptr, IID_IRowset, 1, &set, &rowset));
   EXPECT_EQ(nullptr, rowset);
   EXPECT_NE(DBPROPSTATUS_OK, prop.dwStatus);
