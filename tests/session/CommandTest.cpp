@@ -139,7 +139,7 @@ TEST_F(CommandText, PreparedCommandDescribesItsColumns) {
   EXPECT_EQ(2u, ordinal);
 }
 
-TEST_F(CommandParameters, TypeNamesKeepTheirMapping) {
+TEST_F(CommandParameters, TypeNamesKeepTheirMappingAndUndescribedOnesAreVariants) {
   DB_UPARAMS n = 0;
   DBPARAMINFO* infos = nullptr;
   OLECHAR* names = nullptr;
@@ -201,10 +201,9 @@ TEST_F(CommandParameters, TypeNamesKeepTheirMapping) {
   const auto many = Parameters();
   ASSERT_EQ(static_cast<size_t>(kNested + 1), many.size());
   EXPECT_EQ(static_cast<DBORDINAL>(kNested + 1), many.back().ordinal);
-}
 
-TEST_F(CommandParameters, AnUndescribedParameterIsListedBesideADescribedOne) {
-  // What a described count does to the rows is in tests/cases/procedures.test.
+  // An undescribed parameter is listed beside a described one (what a described count
+  // does to the rows is in tests/cases/procedures.test).
   SetText(OLESTR("SELECT * FROM GET_VALUES(?, '2100-01-01', ?, 'Area1.Temp')"));
   ASSERT_EQ(S_OK, Prepare());
   DBPARAMBINDINFO info{};
@@ -212,10 +211,10 @@ TEST_F(CommandParameters, AnUndescribedParameterIsListedBesideADescribedOne) {
   info.dwFlags = DBPARAMFLAGS_ISINPUT;
   const DB_UPARAMS second = 2;
   ASSERT_EQ(S_OK, params_->SetParameterInfo(1, &second, &info));
-  const auto described = Parameters();
-  ASSERT_EQ(2u, described.size());
-  EXPECT_EQ(DBTYPE_VARIANT, described[0].type);
-  EXPECT_EQ(DBTYPE_UI4, described[1].type);
+  const auto mixed = Parameters();
+  ASSERT_EQ(2u, mixed.size());
+  EXPECT_EQ(DBTYPE_VARIANT, mixed[0].type);
+  EXPECT_EQ(DBTYPE_UI4, mixed[1].type);
   // A value that does not read as its described type fails the execution (with
   // DISP_E_TYPEMISMATCH under Windows, DB_E_ERRORSOCCURRED on POSIX).
   TextParameters bad({OLESTR("2000-01-01"), OLESTR("three")});
