@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <filesystem>
 #include <fstream>
@@ -13,6 +14,7 @@
 #include <sstream>
 
 #include "tests/cases/SqlConsumer.h"
+#include "tests/support/Printers.h"
 
 namespace corvane::test {
 namespace {
@@ -85,12 +87,6 @@ std::string Show(const Rows& rows) {
   return rows.size() > 60 ? text + "    ... " + std::to_string(rows.size() - 60) + " more\n" : text;
 }
 
-std::string Hex(HRESULT hr) {
-  char text[16];
-  std::snprintf(text, sizeof text, "%08X", static_cast<unsigned>(hr));
-  return text;
-}
-
 bool ParseHex(const std::string& text, HRESULT* hr) {
   char* end = nullptr;
   *hr = static_cast<HRESULT>(std::strtoul(text.c_str(), &end, 16));
@@ -161,7 +157,9 @@ std::vector<Case> ParseFile(const std::string& path, std::string* error) {
         else if (Trim(body.text).rfind("? ", 0) == 0) c.parameters.push_back(body);
         else c.sql += (c.sql.empty() ? "" : "\n") + body.text;
       }
-      if (c.sql.empty()) *error = at + "no statement";
+      const auto description = std::find(words.begin(), words.end(), "error");
+      if (c.sql.empty() != (std::find(words.begin(), description, "execute") != description))
+        *error = at + (c.sql.empty() ? "no statement" : "a statement after execute, which runs the prepared one");
       cases.push_back(std::move(c));
     } else if (IsCheck(words[0]) && !cases.empty() && setup.empty()) {
       std::vector<Line> contents;
@@ -176,12 +174,56 @@ std::vector<Case> ParseFile(const std::string& path, std::string* error) {
   return cases;
 }
 
+// What a case's header asks for: "query [columns] [count] [schema] [prepare] [execute]
+// [open] [batch N] [affected N] [error HRESULT [description]]".
+struct Header {
+  bool columns = false, count = false, schema = false, prepare = false, execute = false, open = false;
+  DBROWCOUNT batch = 7;
+  std::string affected;  // empty: not compared
+  HRESULT hr = S_OK;
+  std::string description;
+  std::string error;  // a word the runner does not know
+};
+
+Header ReadHeader(const Case& c) {
+  Header h;
+  const std::map<std::string, bool*> flags = {{"columns", &h.columns}, {"count", &h.count},
+                                              {"schema", &h.schema},   {"prepare", &h.prepare},
+                                              {"execute", &h.execute}, {"open", &h.open}};
+  for (size_t w = 1; w < c.header.size(); ++w) {
+    const std::string& word = c.header[w];
+    const bool last = w + 1 == c.header.size();
+    if (flags.count(word)) {
+      *flags.at(word) = true;
+    } else if (word == "batch" && !last) {
+      h.batch = std::atoi(c.header[++w].c_str());
+    } else if ((word == "affected" || word == "ok") && !last && std::isdigit(c.header[w + 1][0])) {
+      h.affected = c.header[++w];
+    } else if (word == "error" && !last && ParseHex(c.header[w + 1], &h.hr)) {
+      h.description = After(c.headerText, w + 2);
+      break;
+    } else if (word != "ok") {
+      h.error = "unknown word '" + word + "' in the case header";
+    }
+  }
+  return h;
+}
+
+// A rowset left open by a case, read when the next case that does not keep its own starts.
+struct OpenRowset {
+  const Case* c;
+  Header header;
+  IUnknown* rowset;
+  bool check;
+};
+
 // One file's historian and connection, shared by its cases in order.
 struct FileRun {
   std::unique_ptr<SqlConsumer> consumer;
   std::unique_ptr<TraceCapture> trace;  // sees nothing of the DLL, which traces into its own facility
   platform::AllocCounts baseline{};
   std::string providerString;
+  std::vector<OpenRowset> open;
   size_t next = 0;  // the case to run next
 
   void Start() {
@@ -189,14 +231,7 @@ struct FileRun {
     consumer = std::make_unique<SqlConsumer>();
     trace = std::make_unique<TraceCapture>(TRACE_DETAIL);
   }
-  void Finish() {
-    EXPECT_EQ(0u, consumer->Host().OutstandingContinuationPoints()) << "a continuation point was left open";
-    consumer.reset();
-    trace.reset();
-    providerString.clear();
-    next = 0;
-    LeakCheckedTest::ExpectNothingOutstandingSince(baseline);
-  }
+  void Finish();
 };
 
 class CaseTest : public ::testing::Test {
@@ -215,9 +250,22 @@ class CaseTest : public ::testing::Test {
     if (index_ + 1 == cases_->size()) run.Finish();
   }
 
+  // Reads and checks the rowsets that cases left open, in the order they were opened.
+  static void ReadOpen(FileRun& run) {
+    for (const OpenRowset& o : run.open) {
+      Outcome got;
+      SqlConsumer::Read(o.rowset, o.header.batch, &got);
+      if (o.check) Verify(*o.c, o.header, got);
+    }
+    run.open.clear();
+  }
+
  private:
   void Execute(const Case& c, FileRun& run, bool check) {
     const char* file = c.path.c_str();
+    const Header header = ReadHeader(c);
+    if (!header.error.empty()) return ADD_FAILURE_AT(file, c.line) << header.error;
+    if (!header.open) ReadOpen(run);
     for (const Line& line : c.setup) Apply(file, line, run);
     if (!run.consumer->IsOpen()) run.consumer->Open(run.providerString);
     std::vector<Parameter> parameters;
@@ -229,41 +277,39 @@ class CaseTest : public ::testing::Test {
       parameter.null = parameter.value == "<null>";
       parameters.push_back(parameter);
     }
-    // "query [columns] [count] [batch N] [error HRESULT [description]]"
-    bool columns = false, count = false, schema = false;
-    DBROWCOUNT batch = 7;
-    HRESULT expectedHr = S_OK;
-    std::string description;
-    for (size_t w = 1; w < c.header.size(); ++w) {
-      const std::string& word = c.header[w];
-      if (word == "columns" || word == "count" || word == "schema") {
-        (word == "count" ? count : word == "schema" ? schema : columns) = true;
-      } else if (word == "batch" && w + 1 < c.header.size()) {
-        batch = std::atoi(c.header[++w].c_str());
-      } else if (word == "error" && w + 1 < c.header.size() && ParseHex(c.header[w + 1], &expectedHr)) {
-        description = After(c.headerText, w + 2);
-        break;
-      } else if (word != "ok") {
-        return ADD_FAILURE_AT(file, c.line) << "unknown word '" << word << "' in the case header";
-      }
-    }
     ULONG callsBefore[static_cast<int>(HostOp::Count)];
     for (int op = 0; op < static_cast<int>(HostOp::Count); ++op)
       callsBefore[op] = run.consumer->Host().Calls(static_cast<HostOp>(op));
     run.trace->Clear();
-    const Outcome got = schema ? run.consumer->Schema(c.sql, batch) : run.consumer->Run(c.sql, parameters, batch);
+    const std::string sql = header.execute ? std::string() : c.sql;
+    IUnknown* rowset = nullptr;
+    const Outcome got = header.schema    ? run.consumer->Schema(c.sql, header.batch)
+                        : header.prepare ? run.consumer->Prepare(c.sql)
+                                         : run.consumer->Run(sql, parameters, header.batch,
+                                                             header.open ? &rowset : nullptr);
+    if (rowset) return run.open.push_back({&c, header, rowset, check});
     if (!check) return;
-    const std::string statement = "\n  statement: " + c.sql + "\n";
-    if (got.hr != expectedHr) {
-      return ADD_FAILURE_AT(file, c.line) << statement << "  expected " << Hex(expectedHr) << ", got " << Hex(got.hr)
-                                          << (got.atExecute ? " from Execute" : " from a fetch") << ": "
-                                          << got.error.description << "\n  rows:\n" << Show(got.rows);
+    if (Verify(c, header, got))
+      for (const auto& [line, block] : c.checks) Check(c, line, block, run, callsBefore);
+  }
+
+  static bool Verify(const Case& c, const Header& header, const Outcome& got) {
+    const char* file = c.path.c_str();
+    const std::string statement = "\n  statement: " + (c.sql.empty() ? "the prepared one" : c.sql) + "\n";
+    if (got.hr != header.hr) {
+      ADD_FAILURE_AT(file, c.line) << statement << "  expected " << Hex(header.hr) << ", got " << Hex(got.hr)
+                                   << (got.atExecute ? " from Execute" : " from a fetch") << ": "
+                                   << got.error.description << "\n  rows:\n" << Show(got.rows);
+      return false;
     }
-    if (!description.empty() && got.error.description != description)
-      ADD_FAILURE_AT(file, c.line) << statement << "  expected the description: " << description
+    if (!header.description.empty() && got.error.description != header.description)
+      ADD_FAILURE_AT(file, c.line) << statement << "  expected the description: " << header.description
                                    << "\n  got: " << got.error.description;
-    if (c.header[0] == "query") CompareRows(c, statement, got, columns, count);
-    for (const auto& [line, block] : c.checks) Check(c, line, block, run, callsBefore);
+    if (!header.affected.empty() && std::to_string(got.affected) != header.affected)
+      ADD_FAILURE_AT(file, c.line) << statement << "  expected " << header.affected << " affected rows, got "
+                                   << got.affected;
+    if (c.header[0] == "query") CompareRows(c, statement, got, header.columns, header.count);
+    return true;
   }
 
   static void CompareRows(const Case& c, const std::string& statement, const Outcome& got, bool columns, bool count) {
@@ -378,6 +424,16 @@ class CaseTest : public ::testing::Test {
   const std::vector<Case>* cases_;
   size_t index_;
 };
+
+void FileRun::Finish() {
+  CaseTest::ReadOpen(*this);
+  EXPECT_EQ(0u, consumer->Host().OutstandingContinuationPoints()) << "a continuation point was left open";
+  consumer.reset();
+  trace.reset();
+  providerString.clear();
+  next = 0;
+  LeakCheckedTest::ExpectNothingOutstandingSince(baseline);
+}
 
 // Registers the cases of every file before main runs, as TEST does; a file that does not
 // parse is one failing test.

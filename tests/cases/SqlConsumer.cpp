@@ -64,14 +64,17 @@ void SqlConsumer::Open(const std::string& providerString) {
   ASSERT_NE(nullptr, command_);
 }
 
-Outcome SqlConsumer::Run(const std::string& sql, const std::vector<Parameter>& parameters, DBROWCOUNT batch) {
+Outcome SqlConsumer::Run(const std::string& sql, const std::vector<Parameter>& parameters, DBROWCOUNT batch,
+                         IUnknown** open) {
   Outcome out;
   if (!command_) return out.hr = E_UNEXPECTED, out;
   IUnknown* rowset = nullptr;
-  // Each statement starts without the parameter descriptions of the one before.
   ICommandWithParameters* described = Q::Query<ICommandWithParameters>(command_, IID_ICommandWithParameters);
-  out.hr = described->SetParameterInfo(0, nullptr, nullptr);
-  if (SUCCEEDED(out.hr)) out.hr = command_->SetCommandText(DBGUID_DEFAULT, FromUtf8(sql).c_str());
+  if (!sql.empty()) {
+    // Each statement starts without the parameter descriptions of the one before.
+    out.hr = described->SetParameterInfo(0, nullptr, nullptr);
+    if (SUCCEEDED(out.hr)) out.hr = command_->SetCommandText(DBGUID_DEFAULT, FromUtf8(sql).c_str());
+  }
   IAccessor* accessor = Q::Query<IAccessor>(command_, IID_IAccessor);
   HACCESSOR handle = DB_NULL_HACCESSOR;
   std::vector<WString> texts, typeNames;
@@ -92,7 +95,7 @@ Outcome SqlConsumer::Run(const std::string& sql, const std::vector<Parameter>& p
                                       values.slots.size() * sizeof(TextSlot), &handle, nullptr);
   DBPARAMS params{values.slots.data(), 1, handle};
   if (SUCCEEDED(out.hr))
-    out.hr = command_->Execute(nullptr, IID_IRowset, parameters.empty() ? nullptr : &params, nullptr, &rowset);
+    out.hr = command_->Execute(nullptr, IID_IRowset, parameters.empty() ? nullptr : &params, &out.affected, &rowset);
   if (FAILED(out.hr)) {
     out.atExecute = true;
     out.error = ConsumerTest::TakeLastError();
@@ -100,13 +103,28 @@ Outcome SqlConsumer::Run(const std::string& sql, const std::vector<Parameter>& p
   if (handle != DB_NULL_HACCESSOR) accessor->ReleaseAccessor(handle, nullptr);
   if (described) described->Release();
   if (accessor) accessor->Release();
-  if (!rowset) return out;
+  if (open) *open = rowset;
+  else if (rowset) Read(rowset, batch, &out);
+  return out;
+}
 
-  out.columns = Columns(rowset);
+void SqlConsumer::Read(IUnknown* rowset, DBROWCOUNT batch, Outcome* out) {
+  out->columns = Columns(rowset);
   HRESULT fetched = S_OK;
-  out.rows = ReadAll(rowset, {}, batch, &fetched, &out.error, true);
-  if (FAILED(fetched)) out.hr = fetched;
+  out->rows = ReadAll(rowset, {}, batch, &fetched, &out->error, true);
+  if (FAILED(fetched)) out->hr = fetched;
   rowset->Release();
+}
+
+Outcome SqlConsumer::Prepare(const std::string& sql) {
+  Outcome out;
+  ICommandPrepare* prepare = command_ ? Q::Query<ICommandPrepare>(command_, IID_ICommandPrepare) : nullptr;
+  if (!prepare) return out.hr = E_UNEXPECTED, out;
+  out.hr = command_->SetCommandText(DBGUID_DEFAULT, FromUtf8(sql).c_str());
+  if (SUCCEEDED(out.hr)) out.hr = prepare->Prepare(1);
+  prepare->Release();
+  if (FAILED(out.hr)) out.atExecute = true, out.error = ConsumerTest::TakeLastError();
+  else out.columns = Columns(command_);
   return out;
 }
 
@@ -144,12 +162,7 @@ Outcome SqlConsumer::Schema(const std::string& request, DBROWCOUNT batch) {
   for (VARIANT& v : restrictions) VariantClear(&v);
   schemas->Release();
   if (FAILED(out.hr)) out.atExecute = true, out.error = ConsumerTest::TakeLastError();
-  if (!rowset) return out;
-  out.columns = Columns(rowset);
-  HRESULT fetched = S_OK;
-  out.rows = ReadAll(rowset, {}, batch, &fetched, &out.error, true);
-  if (FAILED(fetched)) out.hr = fetched;
-  rowset->Release();
+  if (rowset) Read(rowset, batch, &out);
   return out;
 }
 

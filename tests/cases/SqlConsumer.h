@@ -32,6 +32,7 @@ struct Outcome {
   HRESULT hr = S_OK;  // the first failure of Execute or GetNextRows
   bool atExecute = false;
   LastError error;  // the records of that failure
+  DBROWCOUNT affected = DB_COUNTUNAVAILABLE;  // what Execute counted
   std::vector<std::pair<std::string, DBTYPE>> columns;
   Rows rows;  // every row delivered before the end or the failure; a null reads "<null>"
 };
@@ -52,7 +53,14 @@ class SqlConsumer {
   void Open(const std::string& providerString = {});
   // SetCommandText, Execute, then GetNextRows `batch` rows at a time until the end or a
   // failure, holding every row; then GetData of each held row and one ReleaseRows.
-  Outcome Run(const std::string& sql, const std::vector<Parameter>& parameters = {}, DBROWCOUNT batch = 7);
+  // An empty `sql` executes the command's text again. With `open`, the rowset is handed
+  // back unread, to Read later.
+  Outcome Run(const std::string& sql, const std::vector<Parameter>& parameters = {}, DBROWCOUNT batch = 7,
+              IUnknown** open = nullptr);
+  // The columns and rows of a rowset, which is released.
+  static void Read(IUnknown* rowset, DBROWCOUNT batch, Outcome* out);
+  // SetCommandText and Prepare only; the columns are those the command describes.
+  Outcome Prepare(const std::string& sql);
   // A schema rowset read like a statement's rows: `request` is "NAME | restriction | ...",
   // NAME without its DBSCHEMA_ prefix; an empty restriction is none, digits are an I4.
   Outcome Schema(const std::string& request, DBROWCOUNT batch = 7);

@@ -72,20 +72,6 @@ TEST_F(CsvAccepted, TimestampForms) {
     EXPECT_FALSE(CCsvLoader::ParseTimestamp(bad, &t)) << bad;
 }
 
-TEST_F(CsvAccepted, LoadsAFileAndNamesAMissingOne) {
-  const std::string path = ::testing::TempDir() + "corvane_csv_loader_test.csv";
-  FILE* f = std::fopen(path.c_str(), "wb");
-  ASSERT_NE(nullptr, f);
-  std::fputs("tag,timestamp,value,quality\nA,2024-01-01 00:00:00,1,0\nA,2024-01-01 00:00:10,2,0\n", f);
-  std::fclose(f);
-  CsvLoadReport report;
-  EXPECT_EQ(S_OK, CCsvLoader::LoadFile(*store_, path, &report));
-  EXPECT_EQ(2u, report.samples);
-  std::remove(path.c_str());
-  EXPECT_EQ(static_cast<HRESULT>(0x80070002L), CCsvLoader::LoadFile(*store_, path, &report));
-  EXPECT_NE(WString::npos, report.error.find(FromUtf8(path)));
-}
-
 TEST_F(CsvRejected, EachProblemWithItsLineAndNothingLoaded) {
   TagDefinition existing;
   existing.name = OLESTR("Existing");
@@ -145,8 +131,9 @@ TEST_F(CsvRejected, EachProblemWithItsLineAndNothingLoaded) {
 
 
 // A file is read a block at a time: records that straddle blocks (a quoted text with
-// line breaks, a CRLF split in two, a long tag name) load as from memory, and a refused
-// sample is named by its line when the file has to be read again to find it.
+// line breaks, a CRLF split in two, a long tag name) load as from memory, a refused
+// sample is named by its line when the file has to be read again to find it, and a
+// missing file is named in the error.
 TEST_F(CsvAccepted, AFileLoadsInBlocksAsTextLoadsWhole) {
   std::string text = "tag,timestamp,value,quality\r\n";
   const std::string longName(300, 'L');
@@ -183,6 +170,8 @@ TEST_F(CsvAccepted, AFileLoadsInBlocksAsTextLoadsWhole) {
   EXPECT_NE(std::string::npos, ToUtf8(report.error).find("tag 'Flow' already has a sample at that time"));
   EXPECT_EQ(0u, fresh.SampleCount());
   std::remove(path.c_str());
+  EXPECT_EQ(static_cast<HRESULT>(0x80070002L), CCsvLoader::LoadFile(fresh, path, &report));
+  EXPECT_NE(WString::npos, report.error.find(FromUtf8(path)));
 }
 
 }  // namespace
