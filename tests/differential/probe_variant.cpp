@@ -82,8 +82,8 @@ void BuildSources() {
           44136.0 + 1.5 / 24, 2958465.0, 2958465.99998, 2958465.999995, -657434.0, -657434.5, -657435.0, 0.5 / 86400,
           1.5 / 86400, 1e-9, 0.999999, 1e10)
   SOURCES("BOOL", VT_BOOL, boolVal, Int, VARIANT_BOOL, VARIANT_TRUE, VARIANT_FALSE, 1, 5)
-  for (LONGLONG x : std::initializer_list<LONGLONG>{0LL, 5000LL, 15000LL, 25000LL, -5000LL, -25000LL, 12345LL, 123456789LL, 1275000LL, INT64_MAX,
-                     INT64_MIN, -10000LL, 2558000LL})
+  for (LONGLONG x : std::initializer_list<LONGLONG>{0, 5000, 15000, 25000, -5000, -25000, 12345, 123456789,
+                                                    1275000, INT64_MAX, INT64_MIN, -10000, 2558000})
     Add("CY:" + probe::Int(x) + "e-4", VT_CY, [&](VARIANT& v) { v.cyVal.int64 = x; });
   const struct {
     bool neg;
