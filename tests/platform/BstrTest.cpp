@@ -35,13 +35,6 @@ TEST(BstrLayout, PrefixLengthTerminatorAndEmbeddedNulls) {
   SysFreeString(t);
   SysFreeString(s);
 
-  // An odd byte length, followed by zeros.
-  s = SysAllocStringByteLen("xyz", 3);
-  EXPECT_EQ(SysStringByteLen(s), 3u);
-  EXPECT_EQ(SysStringLen(s), 1u);
-  EXPECT_EQ(std::memcmp(s, "xyz\0\0", 5), 0);
-  SysFreeString(s);
-
   // Empty and null are distinct; null is harmless everywhere.
   EXPECT_EQ(SysAllocString(nullptr), nullptr);
   s = SysAllocString(OLESTR(""));
