@@ -175,7 +175,6 @@ TEST_F(AdoConsumer, FieldsMatchTheColumnsOfEveryKindOfRowset) {
   GUID* guids = nullptr;
   ULONG* restrictions = nullptr;
   ASSERT_EQ(S_OK, schemas->GetSchemas(&count, &guids, &restrictions));
-  EXPECT_EQ(9u, count);
   for (ULONG i = 0; i < count; ++i) {
     IUnknown* rowset = nullptr;
     ASSERT_EQ(S_OK, schemas->GetRowset(nullptr, guids[i], 0, nullptr, IID_IRowset, 0, nullptr, &rowset));
