@@ -5,6 +5,7 @@
 
 #include <memory>
 
+#include "base/ComPtr.h"
 #include "historian/Aggregates.h"
 #include "historian/ReferenceHistorian.h"
 #include "platform/WideString.h"
@@ -16,6 +17,8 @@
 #include "tests/support/LeakCheckedTest.h"
 #include "tests/support/TraceCapture.h"
 
+using corvane::ComPtr;
+using corvane::QueryAs;
 using corvane::ToUtf8;
 using corvane::historian::CAggregates;
 using corvane::historian::CHistorianStore;
@@ -61,12 +64,6 @@ class Creation : public corvane::test::LeakCheckedTest {
 #endif
     LeakCheckedTest::TearDown();
   }
-  template <typename T>
-  T* Query(IUnknown* ds, REFIID iid) {
-    T* p = nullptr;
-    ds->QueryInterface(iid, reinterpret_cast<void**>(&p));
-    return p;
-  }
   ICreateCorvaneOleDbProvider* creator_ = nullptr;
 };
 
@@ -82,33 +79,28 @@ TEST_F(Creation, HostWithAllThreeInterfaces) {
     ASSERT_EQ(S_OK, creator_->Create(static_cast<IRawDataProvider*>(host), &ds));
     EXPECT_EQ(1u, RefCount(ds));  // one reference, the caller's
     EXPECT_TRUE(trace.Texts().empty());
-    auto* access = Query<IProviderDataSource>(ds, IID_IProviderDataSource);
-    IRawDataProvider* raw = nullptr;
-    IProcessedDataProvider* processed = nullptr;
-    IValuesProvider* values = nullptr;
-    ASSERT_EQ(S_OK, access->GetRawDataProvider(&raw));
-    ASSERT_EQ(S_OK, access->GetProcessedDataProvider(&processed));
-    ASSERT_EQ(S_OK, access->GetValuesProvider(&values));
-    EXPECT_EQ(static_cast<IRawDataProvider*>(host), raw);
-    EXPECT_EQ(static_cast<IProcessedDataProvider*>(host), processed);  // the host's own, no component
-    EXPECT_EQ(static_cast<IValuesProvider*>(host), values);
-    raw->Release();
-    processed->Release();
-    values->Release();
+    ComPtr<IProviderDataSource> access = QueryAs<IProviderDataSource>(ds, IID_IProviderDataSource);
+    ComPtr<IRawDataProvider> raw;
+    ComPtr<IProcessedDataProvider> processed;
+    ComPtr<IValuesProvider> values;
+    ASSERT_EQ(S_OK, access->GetRawDataProvider(raw.Put()));
+    ASSERT_EQ(S_OK, access->GetProcessedDataProvider(processed.Put()));
+    ASSERT_EQ(S_OK, access->GetValuesProvider(values.Put()));
+    EXPECT_EQ(static_cast<IRawDataProvider*>(host), raw.Get());
+    EXPECT_EQ(static_cast<IProcessedDataProvider*>(host), processed.Get());  // the host's own, no component
+    EXPECT_EQ(static_cast<IValuesProvider*>(host), values.Get());
 
     // A second data source from the same host shares nothing but the host.
-    IUnknown* other = nullptr;
-    ASSERT_EQ(S_OK, creator_->Create(static_cast<IRawDataProvider*>(host), &other));
-    EXPECT_NE(ds, other);
-    auto* otherAccess = Query<IProviderDataSource>(other, IID_IProviderDataSource);
-    otherAccess->SetMaxRowsToReturn(5);
+    ComPtr<IUnknown> other;
+    ASSERT_EQ(S_OK, creator_->Create(static_cast<IRawDataProvider*>(host), other.Put()));
+    EXPECT_NE(ds, other.Get());
+    QueryAs<IProviderDataSource>(other.Get(), IID_IProviderDataSource)->SetMaxRowsToReturn(5);
     LONG rows = 0;
     access->GetMaxRowsToReturn(&rows);
     EXPECT_EQ(2000, rows);
-    otherAccess->Release();
-    other->Release();
-    access->Release();
+    other.Reset();
     EXPECT_EQ(locks + 1, corvane::module::LockCount());  // the live data source
+    access.Reset();
     ds->Release();
   }
   // Every reference the provider took on the host is back.
@@ -131,12 +123,12 @@ TEST_F(Creation, MissingInterfacesOfTheHost) {
     EXPECT_EQ("Unable to initialize IValuesProvider interface", lines[0].text);
     EXPECT_EQ("CreateCorvaneOleDbProviderImpl", lines[0].source);
     EXPECT_TRUE(trace.Contains("ValuesProvider is not initialized (is NULL)"));
-    auto* access = Query<IProviderDataSource>(ds, IID_IProviderDataSource);
+    ComPtr<IProviderDataSource> access = QueryAs<IProviderDataSource>(ds, IID_IProviderDataSource);
     IValuesProvider* values = reinterpret_cast<IValuesProvider*>(&trace);
     EXPECT_EQ(S_OK, access->GetValuesProvider(&values));
     EXPECT_EQ(nullptr, values);
     EXPECT_EQ(E_INVALIDARG, access->GetValuesProvider(nullptr));
-    access->Release();
+    access.Reset();
     ds->Release();
   }
 
@@ -177,15 +169,14 @@ TEST_F(Creation, RawOnlyHostGetsTheAggregatesComponent) {
   const ULONG hostRefs = RefCount(static_cast<IRawDataProvider*>(host));
   IUnknown* ds = nullptr;
   ASSERT_EQ(S_OK, creator_->Create(static_cast<IRawDataProvider*>(host), &ds));
-  auto* access = Query<IProviderDataSource>(ds, IID_IProviderDataSource);
-  IProcessedDataProvider* processed = nullptr;
-  ASSERT_EQ(S_OK, access->GetProcessedDataProvider(&processed));
-  ASSERT_NE(nullptr, processed);
-  EXPECT_NE(static_cast<IProcessedDataProvider*>(host), processed);  // built by the component
-  const long componentObjects = corvane::historian::AggregatesObjectCount();
-  EXPECT_GE(componentObjects, 1);  // the built provider lives on, the factory object is gone
-  processed->Release();
-  access->Release();
+  {
+    ComPtr<IProcessedDataProvider> processed;
+    const ComPtr<IProviderDataSource> access = QueryAs<IProviderDataSource>(ds, IID_IProviderDataSource);
+    ASSERT_EQ(S_OK, access->GetProcessedDataProvider(processed.Put()));
+    ASSERT_TRUE(processed);
+    EXPECT_NE(static_cast<IProcessedDataProvider*>(host), processed.Get());  // built by the component
+    EXPECT_GE(corvane::historian::AggregatesObjectCount(), 1);  // the built provider lives on, the factory is gone
+  }
   ds->Release();
   EXPECT_EQ(hostRefs, RefCount(static_cast<IRawDataProvider*>(host)));
   static_cast<IRawDataProvider*>(host)->Release();
@@ -195,10 +186,9 @@ TEST_F(Creation, RawOnlyHostGetsTheAggregatesComponent) {
   CLSID clsid{};
   ASSERT_EQ(S_OK, CLSIDFromProgID(CORVANE_PROVIDER_PROGID, &clsid));
   EXPECT_TRUE(IsEqualCLSID(CLSID_CorvaneOleDbProvider, clsid));
-  ICreateCorvaneOleDbProvider* creator = nullptr;
+  ComPtr<ICreateCorvaneOleDbProvider> creator;
   ASSERT_EQ(S_OK, CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_ICreateCorvaneOleDbProvider,
-                                   reinterpret_cast<void**>(&creator)));
-  creator->Release();
+                                   creator.PutVoid()));
   EXPECT_EQ(S_OK, DllUnregisterServer());
   EXPECT_EQ(S_OK, DllUnregisterServer());
   EXPECT_EQ(S_OK, corvane::historian::UnregisterAggregatesComponent());

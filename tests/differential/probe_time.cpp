@@ -17,15 +17,7 @@ FILETIME Ft(uint64_t ticks) { return FILETIME{DWORD(ticks & 0xFFFFFFFFu), DWORD(
 uint64_t Ticks(const FILETIME& ft) { return (uint64_t(ft.dwHighDateTime) << 32) | ft.dwLowDateTime; }
 
 SYSTEMTIME St(int y, int mo, int d, int h = 0, int mi = 0, int s = 0, int ms = 0) {
-  SYSTEMTIME st{};
-  st.wYear = WORD(y);
-  st.wMonth = WORD(mo);
-  st.wDay = WORD(d);
-  st.wHour = WORD(h);
-  st.wMinute = WORD(mi);
-  st.wSecond = WORD(s);
-  st.wMilliseconds = WORD(ms);
-  return st;
+  return SYSTEMTIME{WORD(y), WORD(mo), 0, WORD(d), WORD(h), WORD(mi), WORD(s), WORD(ms)};
 }
 
 std::string Fields(const SYSTEMTIME& st) {
@@ -78,20 +70,10 @@ int main(int argc, char** argv) {
   if (!out.ok()) return 1;
 
   // FILETIME -> SYSTEMTIME: named instants, the limits, and a spread over the range.
-  const uint64_t named[] = {0,
-                            1,
-                            9999,
-                            10000,
-                            864000000000ull - 1,
-                            864000000000ull,
-                            94354848000000000ull,   // 1900-01-01
-                            116444736000000000ull,  // 1970-01-01
-                            125911584000000000ull,  // 2000-01-01
-                            125963012967890000ull,  // 2000-02-29 12:34:56.789
-                            133801631999990000ull,  // 2024-12-31 23:59:59.999
-                            0x7FFFFFFFFFFFFFFFull,
-                            0x8000000000000000ull,
-                            0xFFFFFFFFFFFFFFFFull};
+  // 1900-01-01, 1970-01-01, 2000-01-01, 2000-02-29 12:34:56.789, 2024-12-31 23:59:59.999
+  const uint64_t named[] = {0, 1, 9999, 10000, 864000000000ull - 1, 864000000000ull, 94354848000000000ull,
+                            116444736000000000ull, 125911584000000000ull, 125963012967890000ull, 133801631999990000ull,
+                            0x7FFFFFFFFFFFFFFFull, 0x8000000000000000ull, 0xFFFFFFFFFFFFFFFFull};
   for (uint64_t t : named) FileTimeToSystemTimeCase(out, t);
   for (int i = 0; i < 1500; ++i) FileTimeToSystemTimeCase(out, Next() >> 1);
   for (int i = 0; i < 200; ++i) FileTimeToSystemTimeCase(out, Next());  // half of these are out of range

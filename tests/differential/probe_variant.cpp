@@ -3,6 +3,7 @@
 // (Windows build under Wine), one output line per case.
 #include <cfloat>
 #include <cstdint>
+#include <initializer_list>
 #include <limits>
 #include <string>
 #include <vector>
@@ -31,21 +32,11 @@ void Add(const std::string& id, VARTYPE vt, Set set) {
   g_sources.push_back(s);
 }
 
-void AddI1(CHAR x) { Add("I1:" + probe::Int(x), VT_I1, [&](VARIANT& v) { v.cVal = x; }); }
-void AddI2(SHORT x) { Add("I2:" + probe::Int(x), VT_I2, [&](VARIANT& v) { v.iVal = x; }); }
-void AddI4(LONG x) { Add("I4:" + probe::Int(x), VT_I4, [&](VARIANT& v) { v.lVal = x; }); }
-void AddInt(INT x) { Add("INT:" + probe::Int(x), VT_INT, [&](VARIANT& v) { v.intVal = x; }); }
-void AddI8(LONGLONG x) { Add("I8:" + probe::Int(x), VT_I8, [&](VARIANT& v) { v.llVal = x; }); }
-void AddUI1(BYTE x) { Add("UI1:" + probe::UInt(x), VT_UI1, [&](VARIANT& v) { v.bVal = x; }); }
-void AddUI2(USHORT x) { Add("UI2:" + probe::UInt(x), VT_UI2, [&](VARIANT& v) { v.uiVal = x; }); }
-void AddUI4(ULONG x) { Add("UI4:" + probe::UInt(x), VT_UI4, [&](VARIANT& v) { v.ulVal = x; }); }
-void AddUInt(UINT x) { Add("UINT:" + probe::UInt(x), VT_UINT, [&](VARIANT& v) { v.uintVal = x; }); }
-void AddUI8(ULONGLONG x) { Add("UI8:" + probe::UInt(x), VT_UI8, [&](VARIANT& v) { v.ullVal = x; }); }
-void AddR4(FLOAT x) { Add("R4:" + probe::Float(x), VT_R4, [&](VARIANT& v) { v.fltVal = x; }); }
-void AddR8(DOUBLE x) { Add("R8:" + probe::Double(x), VT_R8, [&](VARIANT& v) { v.dblVal = x; }); }
-void AddDate(DOUBLE x) { Add("DATE:" + probe::Double(x), VT_DATE, [&](VARIANT& v) { v.date = x; }); }
-void AddBool(VARIANT_BOOL x) { Add("BOOL:" + probe::Int(x), VT_BOOL, [&](VARIANT& v) { v.boolVal = x; }); }
-void AddCy(LONGLONG x) { Add("CY:" + probe::Int(x) + "e-4", VT_CY, [&](VARIANT& v) { v.cyVal.int64 = x; }); }
+// One source per value, its id the type's name and the value as `render` writes it.
+#define SOURCES(type, vt, field, render, T, ...) \
+  for (T x : std::initializer_list<T>{__VA_ARGS__})  \
+    Add(type ":" + probe::render(x), vt, [&](VARIANT& v) { v.field = x; });
+
 void AddDec(bool neg, BYTE scale, ULONG hi, ULONGLONG lo) {
   DECIMAL d{};
   d.sign = neg ? DECIMAL_NEG : 0;
@@ -65,44 +56,35 @@ void BuildSources() {
   const double inf = std::numeric_limits<double>::infinity();
   Add("EMPTY", VT_EMPTY, [](VARIANT&) {});
   Add("NULL", VT_NULL, [](VARIANT&) {});
-  for (CHAR x : {CHAR(-128), CHAR(-1), CHAR(0), CHAR(1), CHAR(127)}) AddI1(x);
-  for (SHORT x : {SHORT(-32768), SHORT(-129), SHORT(-1), SHORT(128), SHORT(255), SHORT(256), SHORT(32767)}) AddI2(x);
-  for (LONG x : {LONG(INT32_MIN), LONG(-32769), LONG(-1), LONG(0), LONG(65535), LONG(65536), LONG(2958465),
-                 LONG(2958466), LONG(-657434), LONG(-657435), LONG(INT32_MAX)})
-    AddI4(x);
-  for (INT x : {INT(INT32_MIN), INT(-1), INT(INT32_MAX)}) AddInt(x);
-  for (LONGLONG x : {LONGLONG(INT64_MIN), LONGLONG(-2147483649LL), LONGLONG(-1), LONGLONG(2147483648LL),
-                     LONGLONG(4294967296LL), LONGLONG(9007199254740993LL), LONGLONG(922337203685477LL),
-                     LONGLONG(922337203685478LL), LONGLONG(INT64_MAX)})
-    AddI8(x);
-  for (BYTE x : {BYTE(0), BYTE(127), BYTE(128), BYTE(255)}) AddUI1(x);
-  for (USHORT x : {USHORT(32767), USHORT(32768), USHORT(65535)}) AddUI2(x);
-  for (ULONG x : {ULONG(2147483647u), ULONG(2147483648u), ULONG(4294967295u)}) AddUI4(x);
-  for (UINT x : {UINT(0), UINT(4294967295u)}) AddUInt(x);
-  for (ULONGLONG x : {ULONGLONG(0), ULONGLONG(9223372036854775807ULL), ULONGLONG(9223372036854775808ULL),
-                      ULONGLONG(UINT64_MAX)})
-    AddUI8(x);
-  for (float x : {0.5f, 1.5f, 2.5f, -0.5f, -1.5f, -2.5f, 0.1f, 127.5f, -128.5f, 255.5f, 16777217.0f, 1e10f, 3.4e38f,
-                  -3.4e38f, 1e-45f, float(nan), float(inf), float(-inf), -0.0f, 123456.789f})
-    AddR4(x);
-  for (double x : {0.5, 1.5, 2.5, -0.5, -1.5, -2.5, 3.5, 2.4999999999, 2.5000000001, 0.1, 1.0 / 3, 2.0 / 3, 1e-5,
-                   1e-7, 127.5, -128.5, 255.5, 32767.5, -32768.5, 65535.5, 2147483647.5, -2147483648.5, 4294967295.5,
-                   9.2233720368547758e18, -9.2233720368547758e18, 1.8446744073709552e19, 922337203685477.5807,
-                   922337203685477.6, 123456789012345678.0, 1e15, 1e16, 1e20, 1e28, 7.9228162514264338e28, 8e28,
-                   3.5e38, 1e308, -1e308, 4.9e-324, nan, inf, -inf, -0.0, 12345.6789, 0.00001234, 2958465.5,
-                   2958466.0, -657434.0, -657434.9, -657435.0, 1234567.0})
-    AddR8(x);
-  for (double x : {0.0, 1.0, 0.25, 0.5, 0.75, 1.5, -1.5, -0.25, 43831.0, 43832.0 + 54245.0 / 86400,
-                   43832.0 + 54245.4 / 86400, 43832.0 + 54245.5 / 86400, 43832.0 + 54245.6 / 86400,
-                   43832.0 + 86399.7 / 86400, -36522.0, -36522.25, -1.0, -2.75, 2.0, 60.0, 61.0,
-                   43898.0 + 2.5 / 24, 44136.0 + 1.5 / 24, 2958465.0, 2958465.99998, 2958465.999995, -657434.0,
-                   -657434.5, -657435.0, 0.5 / 86400, 1.5 / 86400, 1e-9, 0.999999, 1e10})
-    AddDate(x);
-  for (VARIANT_BOOL x : {VARIANT_TRUE, VARIANT_FALSE, VARIANT_BOOL(1), VARIANT_BOOL(5)}) AddBool(x);
-  for (LONGLONG x : {LONGLONG(0), LONGLONG(5000), LONGLONG(15000), LONGLONG(25000), LONGLONG(-5000),
-                     LONGLONG(-25000), LONGLONG(12345), LONGLONG(123456789), LONGLONG(1275000), LONGLONG(INT64_MAX),
-                     LONGLONG(INT64_MIN), LONGLONG(-10000), LONGLONG(2558000)})
-    AddCy(x);
+  SOURCES("I1", VT_I1, cVal, Int, CHAR, -128, -1, 0, 1, 127)
+  SOURCES("I2", VT_I2, iVal, Int, SHORT, -32768, -129, -1, 128, 255, 256, 32767)
+  SOURCES("I4", VT_I4, lVal, Int, LONG, INT32_MIN, -32769, -1, 0, 65535, 65536, 2958465, 2958466, -657434, -657435,
+          INT32_MAX)
+  SOURCES("INT", VT_INT, intVal, Int, INT, INT32_MIN, -1, INT32_MAX)
+  SOURCES("I8", VT_I8, llVal, Int, LONGLONG, INT64_MIN, -2147483649LL, -1, 2147483648LL, 4294967296LL,
+          9007199254740993LL, 922337203685477LL, 922337203685478LL, INT64_MAX)
+  SOURCES("UI1", VT_UI1, bVal, UInt, BYTE, 0, 127, 128, 255)
+  SOURCES("UI2", VT_UI2, uiVal, UInt, USHORT, 32767, 32768, 65535)
+  SOURCES("UI4", VT_UI4, ulVal, UInt, ULONG, 2147483647u, 2147483648u, 4294967295u)
+  SOURCES("UINT", VT_UINT, uintVal, UInt, UINT, 0, 4294967295u)
+  SOURCES("UI8", VT_UI8, ullVal, UInt, ULONGLONG, 0, 9223372036854775807ULL, 9223372036854775808ULL, UINT64_MAX)
+  SOURCES("R4", VT_R4, fltVal, Float, float, 0.5f, 1.5f, 2.5f, -0.5f, -1.5f, -2.5f, 0.1f, 127.5f, -128.5f, 255.5f,
+          16777217.0f, 1e10f, 3.4e38f, -3.4e38f, 1e-45f, float(nan), float(inf), float(-inf), -0.0f, 123456.789f)
+  SOURCES("R8", VT_R8, dblVal, Double, double, 0.5, 1.5, 2.5, -0.5, -1.5, -2.5, 3.5, 2.4999999999, 2.5000000001, 0.1,
+          1.0 / 3, 2.0 / 3, 1e-5, 1e-7, 127.5, -128.5, 255.5, 32767.5, -32768.5, 65535.5, 2147483647.5,
+          -2147483648.5, 4294967295.5, 9.2233720368547758e18, -9.2233720368547758e18, 1.8446744073709552e19,
+          922337203685477.5807, 922337203685477.6, 123456789012345678.0, 1e15, 1e16, 1e20, 1e28,
+          7.9228162514264338e28, 8e28, 3.5e38, 1e308, -1e308, 4.9e-324, nan, inf, -inf, -0.0, 12345.6789,
+          0.00001234, 2958465.5, 2958466.0, -657434.0, -657434.9, -657435.0, 1234567.0)
+  SOURCES("DATE", VT_DATE, date, Double, double, 0.0, 1.0, 0.25, 0.5, 0.75, 1.5, -1.5, -0.25, 43831.0,
+          43832.0 + 54245.0 / 86400, 43832.0 + 54245.4 / 86400, 43832.0 + 54245.5 / 86400, 43832.0 + 54245.6 / 86400,
+          43832.0 + 86399.7 / 86400, -36522.0, -36522.25, -1.0, -2.75, 2.0, 60.0, 61.0, 43898.0 + 2.5 / 24,
+          44136.0 + 1.5 / 24, 2958465.0, 2958465.99998, 2958465.999995, -657434.0, -657434.5, -657435.0, 0.5 / 86400,
+          1.5 / 86400, 1e-9, 0.999999, 1e10)
+  SOURCES("BOOL", VT_BOOL, boolVal, Int, VARIANT_BOOL, VARIANT_TRUE, VARIANT_FALSE, 1, 5)
+  for (LONGLONG x : std::initializer_list<LONGLONG>{0, 5000, 15000, 25000, -5000, -25000, 12345, 123456789,
+                                                    1275000, INT64_MAX, INT64_MIN, -10000, 2558000})
+    Add("CY:" + probe::Int(x) + "e-4", VT_CY, [&](VARIANT& v) { v.cyVal.int64 = x; });
   const struct {
     bool neg;
     BYTE scale;

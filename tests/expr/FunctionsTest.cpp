@@ -56,7 +56,6 @@ TEST_F(QualityFunctions, TextsOfQualitiesAccessRightsAndDataTypes) {
 }
 
 TEST_F(QualityFunctions, StatusTableHoldsEveryPublishedCodeInOrder) {
-  EXPECT_EQ(corvane::kStatusCodeCount, 271u);
   for (size_t i = 1; i < corvane::kStatusCodeCount; ++i)
     ASSERT_LT(corvane::kStatusCodes[i - 1].code, corvane::kStatusCodes[i].code) << i;
   struct Case {

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "base/ComPtr.h"
 #include "tests/session/ConsumerFixture.h"
 
 #ifndef CORVANE_CONSUMER_OF_DLL
@@ -21,6 +22,8 @@
 
 namespace {
 
+using corvane::ComPtr;
+using corvane::QueryAs;
 using corvane::test::ConsumerTest;
 
 #ifndef CORVANE_CONSUMER_OF_DLL
@@ -44,26 +47,24 @@ std::vector<std::string> FailingStatements() {
 }
 
 // The error lookup service registered for `provider`, or null.
-IErrorLookup* RegisteredLookup(REFCLSID provider) {
+ComPtr<IErrorLookup> RegisteredLookup(REFCLSID provider) {
   CLSID lookupClass{};
 #ifdef _WIN32
   wchar_t key[96] = L"CLSID\\";
   StringFromGUID2(provider, key + 6, 40);
   wcscat(key, L"\\ExtendedErrors");
   HKEY extended = nullptr;
-  if (RegOpenKeyExW(HKEY_CLASSES_ROOT, key, 0, KEY_READ, &extended) != ERROR_SUCCESS) return nullptr;
+  if (RegOpenKeyExW(HKEY_CLASSES_ROOT, key, 0, KEY_READ, &extended) != ERROR_SUCCESS) return {};
   wchar_t name[64];
   DWORD length = 64;
   const LONG found = RegEnumKeyExW(extended, 0, name, &length, nullptr, nullptr, nullptr, nullptr);
   RegCloseKey(extended);
-  if (found != ERROR_SUCCESS || FAILED(CLSIDFromString(name, &lookupClass))) return nullptr;
+  if (found != ERROR_SUCCESS || FAILED(CLSIDFromString(name, &lookupClass))) return {};
 #else
-  if (!corvane::platform::FindErrorLookup(provider, &lookupClass)) return nullptr;
+  if (!corvane::platform::FindErrorLookup(provider, &lookupClass)) return {};
 #endif
-  IErrorLookup* lookup = nullptr;
-  if (FAILED(CoCreateInstance(lookupClass, nullptr, CLSCTX_INPROC_SERVER, IID_IErrorLookup,
-                              reinterpret_cast<void**>(&lookup))))
-    return nullptr;
+  ComPtr<IErrorLookup> lookup;
+  CoCreateInstance(lookupClass, nullptr, CLSCTX_INPROC_SERVER, IID_IErrorLookup, lookup.PutVoid());
   return lookup;
 }
 
@@ -73,17 +74,15 @@ IErrorLookup* RegisteredLookup(REFCLSID provider) {
 std::vector<ERRORINFO> TakeRecords() {
   std::vector<ERRORINFO> infos;
 #ifdef _WIN32
-  IErrorInfo* object = nullptr;
-  if (GetErrorInfo(0, &object) != S_OK) return infos;
-  IErrorRecords* records = ConsumerTest::Query<IErrorRecords>(object, IID_IErrorRecords);
+  ComPtr<IErrorInfo> object;
+  if (GetErrorInfo(0, object.Put()) != S_OK) return infos;
+  ComPtr<IErrorRecords> records = QueryAs<IErrorRecords>(object.Get(), IID_IErrorRecords);
   ULONG count = 0;
   if (records) records->GetRecordCount(&count);
   for (ULONG i = count; i-- > 0;) {
     infos.emplace_back();
     EXPECT_EQ(S_OK, records->GetBasicErrorInfo(i, &infos.back()));
   }
-  if (records) records->Release();
-  object->Release();
 #else
   for (const auto& record : corvane::platform::TakeErrorRecords()) infos.push_back(record.info);
 #endif
@@ -91,39 +90,28 @@ std::vector<ERRORINFO> TakeRecords() {
 }
 
 // Runs `sql` up to its first failure; answers the phase that failed, or "" when none
-// did. The command and rowset are released before returning.
+// did. The command and rowset are released before returning; releasing is no OLE DB
+// call that starts afresh, so the failure's records stay.
 std::string RunToFailure(IOpenRowset* session, const std::string& sql) {
-  IDBCreateCommand* create = ConsumerTest::Query<IDBCreateCommand>(session, IID_IDBCreateCommand);
-  ICommandText* command = nullptr;
-  HRESULT hr = create->CreateCommand(nullptr, IID_ICommandText, reinterpret_cast<IUnknown**>(&command));
-  create->Release();
-  if (FAILED(hr)) return "CreateCommand";
-  std::string phase;
-  IRowset* rowset = nullptr;
-  ICommandPrepare* prepare = ConsumerTest::Query<ICommandPrepare>(command, IID_ICommandPrepare);
-  const corvane::WString text = corvane::FromUtf8(sql);
-  if (FAILED(command->SetCommandText(DBGUID_DEFAULT, text.c_str()))) {
-    phase = "SetCommandText";
-  } else if (FAILED(prepare->Prepare(0))) {
-    phase = "Prepare";
-  } else if (FAILED(command->Execute(nullptr, IID_IRowset, nullptr, nullptr, reinterpret_cast<IUnknown**>(&rowset)))) {
-    phase = "Execute";
-  } else if (rowset) {
-    for (;;) {
-      DBCOUNTITEM obtained = 0;
-      HROW* rows = nullptr;
-      hr = rowset->GetNextRows(DB_NULL_HCHAPTER, 0, 64, &obtained, &rows);
-      if (obtained) rowset->ReleaseRows(obtained, rows, nullptr, nullptr, nullptr);
-      CoTaskMemFree(rows);
-      if (FAILED(hr)) phase = "Fetch";
-      if (hr != S_OK) break;
-    }
+  ComPtr<IDBCreateCommand> create = QueryAs<IDBCreateCommand>(session, IID_IDBCreateCommand);
+  ComPtr<ICommandText> command;
+  if (FAILED(create->CreateCommand(nullptr, IID_ICommandText, reinterpret_cast<IUnknown**>(command.Put()))))
+    return "CreateCommand";
+  ComPtr<ICommandPrepare> prepare = QueryAs<ICommandPrepare>(command.Get(), IID_ICommandPrepare);
+  ComPtr<IRowset> rowset;
+  if (FAILED(command->SetCommandText(DBGUID_DEFAULT, corvane::FromUtf8(sql).c_str()))) return "SetCommandText";
+  if (FAILED(prepare->Prepare(0))) return "Prepare";
+  if (FAILED(command->Execute(nullptr, IID_IRowset, nullptr, nullptr, reinterpret_cast<IUnknown**>(rowset.Put()))))
+    return "Execute";
+  for (HRESULT hr = S_OK; rowset && hr == S_OK;) {
+    DBCOUNTITEM obtained = 0;
+    HROW* rows = nullptr;
+    hr = rowset->GetNextRows(DB_NULL_HCHAPTER, 0, 64, &obtained, &rows);
+    if (obtained) rowset->ReleaseRows(obtained, rows, nullptr, nullptr, nullptr);
+    CoTaskMemFree(rows);
+    if (FAILED(hr)) return "Fetch";
   }
-  // Releasing is no OLE DB call that starts afresh: the failure's records stay.
-  if (rowset) rowset->Release();
-  prepare->Release();
-  command->Release();
-  return phase;
+  return "";
 }
 
 // Texts may hold line breaks (a parse error's message ends in one); the compared file
@@ -154,8 +142,8 @@ TEST_F(ErrorLookupConsumer, EveryRecordOfEveryFailureHasItsTextsThroughTheRegist
   ASSERT_GE(statements.size(), 10u) << CORVANE_FAILING_STATEMENTS;
   std::ofstream out(CORVANE_PROBE_OUT, std::ios::binary | std::ios::trunc);
   ASSERT_TRUE(out) << CORVANE_PROBE_OUT;
-  IErrorLookup* lookup = RegisteredLookup(CLSID_CorvaneOleDbProvider);
-  ASSERT_NE(nullptr, lookup) << "no ExtendedErrors service registered for the provider";
+  const ComPtr<IErrorLookup> lookup = RegisteredLookup(CLSID_CorvaneOleDbProvider);
+  ASSERT_TRUE(lookup) << "no ExtendedErrors service registered for the provider";
   // Writes the records the failure of `what` left on the thread.
   auto report = [&](const std::string& what, const std::string& phase) {
     const std::vector<ERRORINFO> records = TakeRecords();
@@ -184,10 +172,8 @@ TEST_F(ErrorLookupConsumer, EveryRecordOfEveryFailureHasItsTextsThroughTheRegist
   report("OpenRowset NO_SUCH_TABLE",
          FAILED(session_->OpenRowset(nullptr, &table, nullptr, IID_IRowset, 0, nullptr, &rowset)) ? "OpenRowset" : "");
   if (rowset) rowset->Release();
-  IDBInitialize* init = Query<IDBInitialize>(dataSource_, IID_IDBInitialize);
-  report("Initialize again", FAILED(init->Initialize()) ? "Initialize" : "");
-  init->Release();
-  lookup->Release();
+  report("Initialize again",
+         FAILED(QueryAs<IDBInitialize>(dataSource_, IID_IDBInitialize)->Initialize()) ? "Initialize" : "");
 }
 
 // Nobody asks: the records go with the next call, and whatever the service held for

@@ -6,57 +6,6 @@
 
 #include "platform/Platform.h"
 
-namespace {
-
-// A minimal error object: enough to see references taken and given back.
-class FakeErrorInfo final : public IErrorInfo {
- public:
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {
-    if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IErrorInfo)) {
-      *ppv = static_cast<IErrorInfo*>(this);
-      AddRef();
-      return S_OK;
-    }
-    *ppv = nullptr;
-    return E_NOINTERFACE;
-  }
-  ULONG STDMETHODCALLTYPE AddRef() override { return ++refs; }
-  ULONG STDMETHODCALLTYPE Release() override { return --refs; }
-  // Nothing to describe: every part reads as empty.
-  HRESULT STDMETHODCALLTYPE GetGUID(GUID* g) override { return *g = GUID_NULL, S_OK; }
-  HRESULT STDMETHODCALLTYPE GetSource(BSTR* s) override { return *s = nullptr, S_OK; }
-  HRESULT STDMETHODCALLTYPE GetDescription(BSTR* s) override { return *s = nullptr, S_OK; }
-  HRESULT STDMETHODCALLTYPE GetHelpFile(BSTR* s) override { return *s = nullptr, S_OK; }
-  HRESULT STDMETHODCALLTYPE GetHelpContext(DWORD* c) override { return *c = 0, S_OK; }
-  std::atomic<ULONG> refs{1};
-};
-
-}  // namespace
-
-TEST(ErrorObjectSlot, HandsTheObjectOverOnceAndIsPerThread) {
-  FakeErrorInfo info;
-  ASSERT_EQ(SetErrorInfo(0, &info), S_OK);
-  EXPECT_EQ(info.refs, 2u) << "the slot holds a reference";
-
-  IErrorInfo* seenElsewhere = &info;
-  HRESULT hrElsewhere = E_FAIL;
-  std::thread([&] { hrElsewhere = GetErrorInfo(0, &seenElsewhere); }).join();
-  EXPECT_EQ(hrElsewhere, S_FALSE) << "another thread has no error object";
-  EXPECT_EQ(seenElsewhere, nullptr);
-
-  IErrorInfo* got = nullptr;
-  ASSERT_EQ(GetErrorInfo(0, &got), S_OK);
-  EXPECT_EQ(got, &info);
-  EXPECT_EQ(info.refs, 2u) << "the slot's reference passes to the caller";
-  got->Release();
-  EXPECT_EQ(GetErrorInfo(0, &got), S_FALSE) << "reading clears the slot";
-  EXPECT_EQ(got, nullptr);
-
-  ASSERT_EQ(SetErrorInfo(0, &info), S_OK);
-  ASSERT_EQ(SetErrorInfo(0, nullptr), S_OK);
-  EXPECT_EQ(info.refs, 1u) << "clearing the slot releases the object";
-}
-
 #ifndef _WIN32
 using corvane::platform::AddErrorRecord;
 using corvane::platform::ClearErrorRecords;

@@ -22,12 +22,8 @@
 // While armed, the n-th operator new of the process fails and every new/delete is
 // counted, so a test can check that a failed parse gives back all it took.
 // ThreadSanitizer's runtime owns operator new; that build only checks the threads.
-#if defined(__SANITIZE_THREAD__)
+#if CORVANE_THREAD_SANITIZER
 #define SQL_TEST_NO_NEW_HOOK 1
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define SQL_TEST_NO_NEW_HOOK 1
-#endif
 #endif
 
 namespace {

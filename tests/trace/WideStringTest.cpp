@@ -19,64 +19,22 @@ std::string F(const OLECHAR* fmt, Args... args) {
 }
 }  // namespace
 
-TEST(WideFormat, IntegersWidthsAndPrecision) {
-  EXPECT_EQ(F(OLESTR("%d|%i|%u"), -42, 17, 4000000000u), "-42|17|4000000000");
-  EXPECT_EQ(F(OLESTR("%.4d-%.2d-%.2d %.2d:%.2d:%.2d"), 2024, 3, 7, 9, 5, 0), "2024-03-07 09:05:00");
-  EXPECT_EQ(F(OLESTR("[%5d][%-5d][%05d][%+d][% d]"), 42, 42, -42, 42, 42), "[   42][42   ][-0042][+42][ 42]");
-  EXPECT_EQ(F(OLESTR("[%*d][%-*d][%.*d]"), 6, 1, 3, 2, 3, 7), "[     1][2  ][007]");
-  EXPECT_EQ(F(OLESTR("[%*d]"), -4, 9), "[9   ]");  // negative width means left-aligned
-  EXPECT_EQ(F(OLESTR("[%.0d][%5.3d][%08.3d]"), 0, -5, 5), "[][ -005][     005]");
+// The provider's texts and traces use %d, %u, %X and %s with widths and precisions; a
+// wrong or unknown conversion must still give a bounded text.
+TEST(WideFormat, TheConversionsTheProviderWrites) {
+  EXPECT_EQ(F(OLESTR("%d|%u"), -42, 4000000000u), "-42|4000000000");
+  EXPECT_EQ(F(OLESTR("%.4d-%.2d-%.2d %.2d:%.2d:%.2d.%.3d"), 2024, 3, 7, 9, 5, 0, 7), "2024-03-07 09:05:00.007");
+  EXPECT_EQ(F(OLESTR("[%02u][%5d][%-5d][%08X]"), 5u, 42, 42, 0x1Fu), "[05][   42][42   ][0000001F]");
   EXPECT_EQ(F(OLESTR("%d %d"), INT_MIN, INT_MAX), "-2147483648 2147483647");
-}
-
-TEST(WideFormat, HexOctalAndHResults) {
-  EXPECT_EQ(F(OLESTR("%X %x %08X"), 0x8004C001u, 0xbeefu, 0x1Fu), "8004C001 beef 0000001F");
-  EXPECT_EQ(F(OLESTR("%#x %#X %#x %#o %o"), 255u, 255u, 0u, 8u, 0u), "0xff 0XFF 0 010 0");
   // An HRESULT is a signed 32-bit value passed to %X.
   HRESULT hr = E_INVALIDARG;
-  EXPECT_EQ(F(OLESTR("HR = %X"), hr), "HR = 80070057");
-}
-
-TEST(WideFormat, SizePrefixesReadTheRightWidth) {
-  // If a prefix read the wrong width, the second argument would come out wrong.
-  EXPECT_EQ(F(OLESTR("%lld %d"), -9000000000LL, 7), "-9000000000 7");
-  EXPECT_EQ(F(OLESTR("%I64d %I64u %d"), INT64_MIN, UINT64_MAX, 7), "-9223372036854775808 18446744073709551615 7");
-  EXPECT_EQ(F(OLESTR("%I64X %d"), 0x123456789ABCull, 8), "123456789ABC 8");
-  EXPECT_EQ(F(OLESTR("%zu %d"), static_cast<size_t>(1) << 40, 9), "1099511627776 9");
-  EXPECT_EQ(F(OLESTR("%Iu %d"), static_cast<size_t>(5), 9), "5 9");
-  // long is 32 bits on Windows and 64 on Linux; %ld must read a long either way.
-  EXPECT_EQ(F(OLESTR("%ld %lu %d"), LONG_MIN, ULONG_MAX, 3),
-            std::to_string(LONG_MIN) + " " + std::to_string(ULONG_MAX) + " 3");
-  EXPECT_EQ(F(OLESTR("%hd %hu %hhu"), 70000, 70000, 300), "4464 4464 44");
-}
-
-TEST(WideFormat, StringsAndCharacters) {
+  EXPECT_EQ(F(OLESTR("HR = %X, %X"), hr, 0x8004C001u), "HR = 80070057, 8004C001");
   EXPECT_EQ(F(OLESTR("Called %s::%s"), OLESTR("CProviderSession"), OLESTR("GetRowset")),
             "Called CProviderSession::GetRowset");
   EXPECT_EQ(F(OLESTR("[%s]"), static_cast<const OLECHAR*>(nullptr)), "[(null)]");
-  EXPECT_EQ(F(OLESTR("[%-10s][%10s][%.2s][%-6.3s]"), OLESTR("abc"), OLESTR("abc"), OLESTR("abc"), OLESTR("abcdef")),
-            "[abc       ][       abc][ab][abc   ]");
-  EXPECT_EQ(F(OLESTR("%hs|%S|%ls"), "narrow", "upper-S", OLESTR("wide")), "narrow|upper-S|wide");
-  EXPECT_EQ(F(OLESTR("%hs"), static_cast<const char*>(nullptr)), "(null)");
-  EXPECT_EQ(F(OLESTR("%c%c%3c|%-3c|"), OLECHAR('a'), static_cast<OLECHAR>(0x20AC), OLECHAR('b'), OLECHAR('c')),
-            "a\xE2\x82\xAC  b|c  |");
-  EXPECT_EQ(F(OLESTR("%hc"), 'n'), "n");
   // Non-ASCII text passes through %s untouched, including surrogate pairs.
   const WString text = FromUtf8("T\xC3\xA4g \xF0\x9F\x98\x80");
   EXPECT_EQ(ToUtf8(WFormat(OLESTR("<%s>"), text.c_str())), "<T\xC3\xA4g \xF0\x9F\x98\x80>");
-}
-
-TEST(WideFormat, FloatingPoint) {
-  EXPECT_EQ(F(OLESTR("%f %.2f %8.3f %-8.1f|"), 3.5, 2.005, -1.5, 2.25), "3.500000 2.00   -1.500 2.2     |");
-  EXPECT_EQ(F(OLESTR("%e %.2E"), 12345.678, 0.000123), "1.234568e+04 1.23E-04");
-  EXPECT_EQ(F(OLESTR("%g %g %G %g"), 0.0001, 1e20, 1e-10, 100.0), "0.0001 1e+20 1E-10 100");
-  EXPECT_EQ(F(OLESTR("%+.1f %05.1f %d"), 1.0, -2.5, 4), "+1.0 -02.5 4");
-  EXPECT_EQ(F(OLESTR("%.0f %.0f"), 0.5, 1.5), "0 2");
-}
-
-TEST(WideFormat, PointersPercentAndOddFormats) {
-  void* p = reinterpret_cast<void*>(static_cast<uintptr_t>(0x1234ABCD));
-  EXPECT_EQ(F(OLESTR("%p"), p), std::string(sizeof(void*) * 2 - 8, '0') + "1234ABCD");
   EXPECT_EQ(F(OLESTR("100%% %d%%"), 5), "100% 5%");
   // An unknown conversion shows as written and takes no argument; a lone '%' at the
   // end stays.
