@@ -15,6 +15,8 @@ namespace {
 
 constexpr ULONGLONG kLatestTime = 0x7FFFFFFFFFFFFFFFull;
 constexpr ULONG kBoundPageSize = 256;
+// Room kept after a column read for the samples that follow the range (usually one).
+constexpr size_t kAfterReserve = 16;
 // Upper bound on the entries of one answer (intervals x aggregates): about 160 MB.
 constexpr ULONGLONG kMaxResultEntries = 4ull * 1024 * 1024;
 
@@ -83,6 +85,30 @@ HRESULT VisitColumns(ISampleReader* reader, const TagIdent* tag, ULONGLONG from,
       [](void* context, VARTYPE vt, const ULONGLONG* times, const DWORD* qualities, const uint64_t* bits,
          size_t count) -> HRESULT { return (*static_cast<F*>(context))(vt, times, qualities, bits, count); },
       &onColumns);
+}
+
+// The store's 64-bit form of a number or boolean as the aggregates take it: the same
+// sample as ToAggSample makes of the VARIANT a page would carry. False for other types.
+bool FromStoredBits(VARTYPE vt, uint64_t bits, AggSample* s) {
+  s->vt = vt;
+  s->numeric = true;
+  switch (vt) {
+    case VT_R8:
+    case VT_R4:  // held as the double of the float
+      std::memcpy(&s->real, &bits, sizeof(double));
+      s->numeric = !std::isnan(s->real);
+      return true;
+    case VT_BOOL: s->integer = bits != 0 ? 1 : 0; return true;
+    case VT_I1: s->integer = static_cast<int8_t>(bits); return true;
+    case VT_I2: s->integer = static_cast<int16_t>(bits); return true;
+    case VT_I4: s->integer = static_cast<int32_t>(bits); return true;
+    case VT_I8: s->integer = static_cast<int64_t>(bits); return true;
+    case VT_UI1: s->uinteger = static_cast<uint8_t>(bits); return true;
+    case VT_UI2: s->uinteger = static_cast<uint16_t>(bits); return true;
+    case VT_UI4: s->uinteger = static_cast<uint32_t>(bits); return true;
+    case VT_UI8: s->uinteger = bits; return true;
+    default: return false;
+  }
 }
 
 // VARIANTs that are cleared however the read ends.
@@ -217,16 +243,19 @@ HRESULT CProcessedDataProvider::ReadProcessedImpl(const TagIdent* tag, const Pro
   AggregateSettings settings = AggregateSettings::FromRequest(request, stepped);
   auto usable = [&settings](const AggSample& s) { return s.numeric && settings.IsGood(s.quality); };
 
-  std::unique_ptr<CAggregatesCalculator::Buffers> buffers = TakeSpareBuffers();
-  std::vector<AggSample>& samples = buffers->samples;
+  std::unique_ptr<std::vector<AggSample>> buffer = TakeSpareSamples();
+  std::vector<AggSample>& samples = *buffer;
   samples.clear();
-  VariantArray lastValues(wantLast ? plan.count : 0);
-  std::vector<ULONGLONG> lastTimes(wantLast ? plan.count : 0);
-  std::vector<unsigned char> haveLast(wantLast ? plan.count : 0);
+  // LAST of a paged read: the raw value of each interval's last sample, copied from the
+  // pages (texts and exotic types come back as they were). Sized once pages are read.
+  VariantArray lastValues(0);
+  std::vector<ULONGLONG> lastTimes;
+  std::vector<unsigned char> haveLast;
   // The raw value that LAST will give for each interval touched by the current page:
   // copied once when the page ends rather than at every newer sample.
-  std::vector<const VARIANT*> pageLast(wantLast ? plan.count : 0);
+  std::vector<const VARIANT*> pageLast;
   std::vector<size_t> pageTouched;
+  bool fromColumns = false;
   if (plan.count > 0) {
     // The sample governing the start, and further back the last usable one for the line.
     if (plan.start > 0) {
@@ -296,40 +325,46 @@ HRESULT CProcessedDataProvider::ReadProcessedImpl(const TagIdent* tag, const Pro
       pageTouched.clear();
       return copied;
     };
-    // Doubles, which most tags hold, are taken straight from the host's columns when it
-    // shows them: the same samples as the pages give, without a value list per page.
-    // LAST of such a tag is its last sample's number, set once the range is in.
-    size_t columnsFrom = 0, columnsTo = 0;
+    // Numbers and booleans are taken straight from the host's columns when it shows
+    // them: the same samples as the pages give, without a value list per page, and each
+    // carries its raw value for LAST.
     auto onColumns = [&](VARTYPE vt, const ULONGLONG* times, const DWORD* qualities, const uint64_t* bits,
                          size_t count) -> HRESULT {
-      if (vt != VT_R8 || !bits) return E_NOTIMPL;
-      columnsFrom = samples.size();
-      samples.reserve(columnsFrom + count);
-      AggSample s;
-      s.vt = VT_R8;
-      for (size_t i = 0; i < count; ++i) {
-        s.time = times[i];
-        std::memcpy(&s.real, &bits[i], sizeof(double));
-        s.quality = qualities[i];
-        s.numeric = !std::isnan(s.real);  // as ToAggSample judges a NaN
-        samples.push_back(s);
+      AggSample probe;
+      if (!bits || !FromStoredBits(vt, 0, &probe)) return E_NOTIMPL;
+      // Room for the few samples after the range too, so that they never double a
+      // buffer that is kept for the next read.
+      const size_t from = samples.size();
+      samples.reserve(from + count + kAfterReserve);
+      samples.resize(from + count);
+      AggSample* out = samples.data() + from;
+      if (vt == VT_R8) {  // by far the most common type of a tag
+        for (size_t i = 0; i < count; ++i) {
+          out[i].time = times[i];
+          out[i].quality = qualities[i];
+          std::memcpy(&out[i].real, &bits[i], sizeof(double));
+          out[i].vt = VT_R8;
+          out[i].numeric = !std::isnan(out[i].real);
+        }
+      } else {
+        for (size_t i = 0; i < count; ++i) {
+          out[i].time = times[i];
+          out[i].quality = qualities[i];
+          FromStoredBits(vt, bits[i], &out[i]);
+        }
       }
-      columnsTo = samples.size();
+      fromColumns = true;
       return S_OK;
     };
     hr = reader_ ? VisitColumns(reader_, tag, plan.start, plan.end - 1, onColumns) : E_NOTIMPL;
     if (hr == E_NOTIMPL) {
-      hr = ReadRange(raw_, tag, plan.start, plan.end - 1, kRawPageSize, onSample, onPageEnd);
-    } else if (SUCCEEDED(hr) && wantLast) {
-      size_t i = columnsFrom;
-      for (size_t k = 0; k < plan.count; ++k) {
-        const ULONGLONG kEnd = plan.IntervalEnd(k);
-        while (i < columnsTo && samples[i].time < kEnd) ++i;
-        if (i > columnsFrom && samples[i - 1].time >= plan.IntervalStart(k)) {
-          lastValues.items[k].vt = VT_R8;
-          lastValues.items[k].dblVal = samples[i - 1].real;
-        }
+      if (wantLast) {
+        lastValues.items.resize(plan.count);  // zeroed: VT_EMPTY
+        lastTimes.resize(plan.count);
+        haveLast.resize(plan.count);
+        pageLast.resize(plan.count);
       }
+      hr = ReadRange(raw_, tag, plan.start, plan.end - 1, kRawPageSize, onSample, onPageEnd);
     }
     if (FAILED(hr)) return hr;
     // What follows the range: only the line's slope into the last interval needs it.
@@ -342,8 +377,8 @@ HRESULT CProcessedDataProvider::ReadProcessedImpl(const TagIdent* tag, const Pro
     });
     if (FAILED(hr)) return hr;
     // The columns come in order, between the older and the newer bounds.
-    if (columnsTo == 0 && !std::is_sorted(samples.begin(), samples.end(),
-                        [](const AggSample& x, const AggSample& y) { return x.time < y.time; })) {
+    if (!fromColumns && !std::is_sorted(samples.begin(), samples.end(),
+                                        [](const AggSample& x, const AggSample& y) { return x.time < y.time; })) {
       std::stable_sort(samples.begin(), samples.end(),
                        [](const AggSample& x, const AggSample& y) { return x.time < y.time; });
     }
@@ -371,17 +406,17 @@ HRESULT CProcessedDataProvider::ReadProcessedImpl(const TagIdent* tag, const Pro
     block[e].count = static_cast<ULONG>(plan.count);
   }
 
-  CAggregatesCalculator calculator(std::move(*buffers), settings);
-  // Interval by interval, so that aggregates of one interval share its passes.
+  const CAggregatesCalculator calculator(samples, settings, fromColumns, aggregates, aggregateCount);
+  const bool pagedLast = wantLast && !lastValues.items.empty();
+  // Interval by interval, so that aggregates of one interval share its walk.
   for (size_t k = 0; k < plan.count && SUCCEEDED(hr); ++k) {
     for (ULONG e = 0; e < aggregateCount && SUCCEEDED(hr); ++e) {
-      const VARIANT* last = wantLast && aggregates[e] == AGG_LAST ? &lastValues.items[k] : nullptr;
+      const VARIANT* last = pagedLast && aggregates[e] == AGG_LAST ? &lastValues.items[k] : nullptr;
       hr = calculator.Compute(aggregates[e], plan.IntervalStart(k), plan.IntervalEnd(k), plan.IsPartial(k), last,
                               &block[e].values[k]);
     }
   }
-  *buffers = calculator.TakeBuffers();
-  KeepSpareBuffers(std::move(buffers));
+  KeepSpareSamples(std::move(buffer));
   if (FAILED(hr)) {
     FreeProcessedResult(block, aggregateCount);
     return hr;
@@ -390,18 +425,18 @@ HRESULT CProcessedDataProvider::ReadProcessedImpl(const TagIdent* tag, const Pro
   return S_OK;
 }
 
-std::unique_ptr<CAggregatesCalculator::Buffers> CProcessedDataProvider::TakeSpareBuffers() {
+std::unique_ptr<std::vector<AggSample>> CProcessedDataProvider::TakeSpareSamples() {
   {
     std::lock_guard<std::mutex> lock(spareLock_);
     if (spare_) return std::move(spare_);
   }
-  return std::make_unique<CAggregatesCalculator::Buffers>();
+  return std::make_unique<std::vector<AggSample>>();
 }
 
-void CProcessedDataProvider::KeepSpareBuffers(std::unique_ptr<CAggregatesCalculator::Buffers> buffers) {
-  if (buffers->samples.capacity() > kSpareSamples) return;  // a rare large read: its memory goes
+void CProcessedDataProvider::KeepSpareSamples(std::unique_ptr<std::vector<AggSample>> samples) {
+  if (samples->capacity() > kSpareSamples) return;  // a rare large read: its memory goes
   std::lock_guard<std::mutex> lock(spareLock_);
-  if (!spare_) spare_ = std::move(buffers);
+  if (!spare_) spare_ = std::move(samples);
 }
 
 // ---- Filtered tag statistics -----------------------------------------------------------

@@ -128,7 +128,7 @@ class FakeRaw final : public IRawDataProvider {
     for (size_t i = 0; i < n; ++i) {
       const S& s = t->samples[c->order[c->next + i]];
       HistoryValue& out = (*values)->values[i];
-      VariantInit(&out.value);
+      std::memset(&out.value, 0, sizeof out.value);  // VT_EMPTY, and no stray bytes beside a narrow value
       out.value.vt = s.text.empty() ? t->vt : VARTYPE(VT_BSTR);
       if (!s.text.empty()) out.value.bstrVal = SysAllocString(s.text.c_str());
       if (out.value.vt == VT_R8) out.value.dblVal = s.number;
@@ -414,15 +414,16 @@ TEST_F(AggregatesTest, EachAggregateOfEachIntervalAsWorkedOut) {
 }
 
 
-// The reference historian shows a double tag's range as columns instead of pages: every
-// aggregate must come out bit for bit as through the pages, NaN, bad and uncertain
-// samples included.
+// The reference historian shows a numeric or boolean tag's range as columns instead of
+// pages: every aggregate must come out bit for bit as through the pages, NaN, bad and
+// uncertain samples included.
 TEST_F(AggregatesTest, StoreColumnsGiveWhatPagesGive) {
   raw_.AddTag(OLESTR("Noisy"), VT_R8, false);
   for (int i = 0; i < 40; ++i)
     raw_.Add(i * 3.5 - 5, i % 7 == 3 ? std::nan("") : std::sin(i) * 100,
              i % 5 == 2 ? kBadQ : (i % 5 == 4 ? kUncertainQ : 0));
-  const std::vector<WString> read = {OLESTR("Flow"), OLESTR("FlowStep"), OLESTR("Level"), OLESTR("Noisy")};
+  const std::vector<WString> read = {OLESTR("Flow"), OLESTR("FlowStep"), OLESTR("Level"), OLESTR("Noisy"),
+                                     OLESTR("Pump"), OLESTR("Late")};
   auto store = std::make_shared<CHistorianStore>();
   for (const FakeRaw::Tag& tag : raw_.tags) {
     // Only the tags read below: the store holds one sample per time, and "Twin" has two.
@@ -430,10 +431,12 @@ TEST_F(AggregatesTest, StoreColumnsGiveWhatPagesGive) {
     TagDefinition def;
     def.name = tag.name;
     def.stepped = tag.stepped;
+    def.vartype = tag.vt;
     ASSERT_EQ(S_OK, store->AddTag(def));
     ASSERT_EQ(S_OK, store->AppendGenerated(tag.name, tag.samples.size(), [&tag](size_t i, SampleInput& s) {
       s.time = tag.samples[i].t;
       s.number = tag.samples[i].number;
+      s.integer = static_cast<int64_t>(tag.samples[i].number);
       s.quality = tag.samples[i].q;
     }));
   }
