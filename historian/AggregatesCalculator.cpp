@@ -187,16 +187,46 @@ HRESULT CRawAccumulator::Result(AggregateId id, ULONGLONG ts, DWORD extraBits, H
   return S_OK;
 }
 
-// ---- Calculator ------------------------------------------------------------------------
+// ---- Sources ---------------------------------------------------------------------------
 
-CAggregatesCalculator::CAggregatesCalculator(const std::vector<AggSample>& samples, const AggregateSettings& settings,
-                                             bool rawLast, const AggregateId* planned, ULONG plannedCount)
-    : samples_(samples), settings_(settings), rawLast_(rawLast) {
-  for (ULONG i = 0; planned && i < plannedCount; ++i) planned_ |= GroupsOf(planned[i]);
-  doubles_ = std::all_of(samples.begin(), samples.end(), [](const AggSample& s) { return s.vt == VT_R8; });
+bool FromStoredBits(VARTYPE vt, uint64_t bits, AggSample* s) {
+  s->vt = vt;
+  s->numeric = true;
+  switch (vt) {
+    case VT_R8:
+    case VT_R4:  // held as the double of the float
+      std::memcpy(&s->real, &bits, sizeof(double));
+      s->numeric = !std::isnan(s->real);
+      return true;
+    case VT_BOOL: s->integer = bits != 0 ? 1 : 0; return true;
+    case VT_I1: s->integer = static_cast<int8_t>(bits); return true;
+    case VT_I2: s->integer = static_cast<int16_t>(bits); return true;
+    case VT_I4: s->integer = static_cast<int32_t>(bits); return true;
+    case VT_I8: s->integer = static_cast<int64_t>(bits); return true;
+    case VT_UI1: s->uinteger = static_cast<uint8_t>(bits); return true;
+    case VT_UI2: s->uinteger = static_cast<uint16_t>(bits); return true;
+    case VT_UI4: s->uinteger = static_cast<uint32_t>(bits); return true;
+    case VT_UI8: s->uinteger = bits; return true;
+    default: return false;
+  }
 }
 
-unsigned CAggregatesCalculator::GroupsOf(AggregateId id) {
+bool AggSampleRun::AllReal() const {
+  return std::all_of(samples, samples + count, [](const AggSample& s) { return s.vt == VT_R8; });
+}
+
+// ---- Calculator ------------------------------------------------------------------------
+
+template <class Source>
+CAggregatesCalculator<Source>::CAggregatesCalculator(const Source& samples, const AggregateSettings& settings,
+                                                     bool rawLast, const AggregateId* planned, ULONG plannedCount)
+    : src_(samples), settings_(settings), rawLast_(rawLast) {
+  for (ULONG i = 0; planned && i < plannedCount; ++i) planned_ |= GroupsOf(planned[i]);
+  real_ = src_.AllReal();
+}
+
+template <class Source>
+unsigned CAggregatesCalculator<Source>::GroupsOf(AggregateId id) {
   switch (id) {
     case AGG_MIN: case AGG_MAX: case AGG_AVG: case AGG_DELTA: case AGG_RANGE: case AGG_COUNT:
       return kWalkRaw;
@@ -214,51 +244,58 @@ unsigned CAggregatesCalculator::GroupsOf(AggregateId id) {
   }
 }
 
-size_t CAggregatesCalculator::FirstAtOrAfter(ULONGLONG t) const {
-  return static_cast<size_t>(
-      std::lower_bound(samples_.begin(), samples_.end(), t,
-                       [](const AggSample& s, ULONGLONG value) { return s.time < value; }) -
-      samples_.begin());
+template <class Source>
+size_t CAggregatesCalculator<Source>::FirstAtOrAfter(ULONGLONG t) const {
+  size_t lo = 0, hi = src_.Size();
+  while (lo < hi) {
+    const size_t mid = lo + (hi - lo) / 2;
+    if (src_.Time(mid) < t)
+      lo = mid + 1;
+    else
+      hi = mid;
+  }
+  return lo;
 }
 
-size_t CAggregatesCalculator::LastAtOrBefore(ULONGLONG t) const {
-  const size_t after = static_cast<size_t>(
-      std::upper_bound(samples_.begin(), samples_.end(), t,
-                       [](ULONGLONG value, const AggSample& s) { return value < s.time; }) -
-      samples_.begin());
+template <class Source>
+size_t CAggregatesCalculator<Source>::LastAtOrBefore(ULONGLONG t) const {
+  const size_t after = t == ~0ull ? src_.Size() : FirstAtOrAfter(t + 1);
   return after == 0 ? kNone : after - 1;
 }
 
-size_t CAggregatesCalculator::LastUsableBefore(size_t i) const {
+template <class Source>
+size_t CAggregatesCalculator<Source>::LastUsableBefore(size_t i) const {
   if (usableBeforeAt_ == i) return usableBefore_;
   size_t j = i;
-  while (j > 0 && !Usable(samples_[j - 1])) --j;
+  while (j > 0 && !Usable(j - 1)) --j;
   usableBeforeAt_ = i;
   usableBefore_ = j == 0 ? kNone : j - 1;
   return usableBefore_;
 }
 
-size_t CAggregatesCalculator::FirstUsableFrom(size_t i) const {
+template <class Source>
+size_t CAggregatesCalculator<Source>::FirstUsableFrom(size_t i) const {
   // Nothing usable lies between where the last search started and what it found.
   if (usableScanFrom_ != kNone && usableScanFrom_ <= i && (usableFound_ == kNone || i <= usableFound_))
     return usableFound_;
   size_t j = i;
-  const size_t n = samples_.size();
-  while (j < n && !Usable(samples_[j])) ++j;
+  const size_t n = src_.Size();
+  while (j < n && !Usable(j)) ++j;
   usableScanFrom_ = i;
   usableFound_ = j < n ? j : kNone;
   return usableFound_;
 }
 
-template <unsigned Groups, bool Doubles>
-void CAggregatesCalculator::WalkSamples(Walk& w) const {
+template <class Source>
+template <unsigned Groups, bool Real>
+void CAggregatesCalculator<Source>::WalkSamples(Walk& w) const {
   constexpr bool raw = (Groups & kWalkRaw) != 0, line = (Groups & kWalkLine) != 0,
                  state = (Groups & kWalkState) != 0;
-  const AggSample* const samples = samples_.data();
+  const Source& src = src_;
   const size_t a = w.a, b = w.b;
   const ULONGLONG x = w.ts, y = w.te;
   const AggregateSettings settings = settings_;
-  auto number = [](const AggSample& s) { return Doubles ? s.real : s.Number(); };
+  auto number = [&src](size_t i) { return Real ? src.Real(i) : src.Number(i); };
   // CRawAccumulator's sums, with the extremes kept by index rather than copied at every
   // new one.
   ULONGLONG good = 0, usable = 0;
@@ -267,20 +304,26 @@ void CAggregatesCalculator::WalkSamples(Walk& w) const {
   // The last usable sample so far (the line's point, the state before the interval),
   // with its time and value at hand.
   size_t j = line || state ? LastUsableBefore(a) : kNone;
-  ULONGLONG jt = j != kNone ? samples[j].time : 0;
-  double jv = j != kNone ? number(samples[j]) : 0;
+  ULONGLONG jt = j != kNone ? src.Time(j) : 0;
+  double jv = j != kNone ? number(j) : 0;
   int st = j != kNone ? jv != 0 : -1;
   LONG transitions = 0;
-  DWORD worst = a < b ? samples[a].quality : 0;
+  DWORD worst = a < b ? src.Quality(a) : 0;
   double area = 0;
   ULONGLONG usableTime = 0, cur = x, lineFrom = 0;
   // Takes sample i into every sum; true when it is usable, with its number in *v.
-  auto take = [&](size_t i, const AggSample& s, double* v) {
-    if (state && SeverityOf(s.quality) > SeverityOf(worst)) worst = s.quality;
-    if (!settings.IsGood(s.quality)) return false;
+  auto take = [&](size_t i, double* v) {
+    const DWORD quality = src.Quality(i);
+    if (state && SeverityOf(quality) > SeverityOf(worst)) worst = quality;
+    if (!settings.IsGood(quality)) return false;
     ++good;
-    if (!s.numeric) return false;
-    *v = number(s);
+    if (Real) {
+      *v = src.Real(i);
+      if (std::isnan(*v)) return false;
+    } else {
+      if (!src.Numeric(i)) return false;
+      *v = src.Number(i);
+    }
     if (raw) {
       if (usable == 0) {
         minAt = maxAt = i;
@@ -299,17 +342,11 @@ void CAggregatesCalculator::WalkSamples(Walk& w) const {
     }
     return true;
   };
-  // The part of the interval that usable sample i governs, from `from`: up to the next
-  // sample of any kind.
-  auto governs = [&](size_t i, ULONGLONG from) {
-    const ULONGLONG to = i + 1 < b ? samples[i + 1].time : y;
-    if (to > from) usableTime += to - from;
-  };
   size_t i = a;
   if (line) {
     // Samples at the start itself: the line's point there is the last usable one.
-    for (double v = 0; i < b && samples[i].time <= x; ++i) {
-      if (!take(i, samples[i], &v)) continue;
+    for (double v = 0; i < b && src.Time(i) <= x; ++i) {
+      if (!take(i, &v)) continue;
       j = i, jt = x, jv = v;
     }
     w.at = i == 0 ? kNone : i - 1;
@@ -317,47 +354,53 @@ void CAggregatesCalculator::WalkSamples(Walk& w) const {
     if (j != kNone) {
       lineFrom = x;
       // A point before the interval governs up to the next sample, which may lie inside.
-      const ULONGLONG to = std::min(y, j + 1 < samples_.size() ? samples[j + 1].time : kForever);
+      const ULONGLONG to = std::min(y, j + 1 < src.Size() ? src.Time(j + 1) : kForever);
       if (to > x) usableTime += to - x;
     }
   }
+  // The part of the interval that usable sample i at t governs: up to the next sample
+  // of any kind.
+  auto governs = [&](size_t i, ULONGLONG t) {
+    const ULONGLONG to = i + 1 < b ? src.Time(i + 1) : y;
+    if (to > t) usableTime += to - t;
+  };
   size_t firstInside = kNone;
   // Up to the first usable sample inside: the line may start there, or its first
   // segment start between two points.
   for (double v = 0; i < b && (!line || firstInside == kNone); ++i) {
-    const AggSample& s = samples[i];
-    if (!take(i, s, &v)) continue;
+    if (!take(i, &v)) continue;
+    const ULONGLONG t = src.Time(i);
     if (line) {
       firstInside = i;
       if (j == kNone) {
-        cur = lineFrom = s.time;  // the line starts at its first usable sample
-      } else if (s.time > cur) {
-        const double v0 = LineValueAt(j, i, cur), v1 = LineValueAt(j, i, s.time);
-        area += (v0 + v1) / 2.0 * static_cast<double>(s.time - cur);
-        cur = s.time;
+        cur = lineFrom = t;  // the line starts at its first usable sample
+      } else if (t > cur) {
+        const double v0 = LineValueAt(j, i, cur), v1 = LineValueAt(j, i, t);
+        area += (v0 + v1) / 2.0 * static_cast<double>(t - cur);
+        cur = t;
       }
-      governs(i, s.time);
+      governs(i, t);
     }
-    j = i, jt = s.time, jv = v;
+    j = i, jt = t, jv = v;
   }
   if (line) {
     // From point to point: the line sits at its last point (cur == jt), and
     // LineValueAt's quotients are exactly 0 and 1.
     const bool stepped = settings.stepped;
     for (double v = 0; i < b; ++i) {
-      const AggSample& s = samples[i];
-      if (!take(i, s, &v)) continue;
-      if (s.time > jt) {
+      if (!take(i, &v)) continue;
+      const ULONGLONG t = src.Time(i);
+      if (t > jt) {
         double v0 = jv, v1 = jv;
         if (!stepped) {
           const double d = v - jv;
           v0 = jv + d * 0.0;
           v1 = jv + d * 1.0;
         }
-        area += (v0 + v1) / 2.0 * static_cast<double>(s.time - jt);
+        area += (v0 + v1) / 2.0 * static_cast<double>(t - jt);
       }
-      governs(i, s.time);
-      j = i, jt = s.time, jv = v;
+      governs(i, t);
+      j = i, jt = t, jv = v;
     }
     if (j != kNone) {
       if (jt > cur) cur = jt;
@@ -379,8 +422,8 @@ void CAggregatesCalculator::WalkSamples(Walk& w) const {
     acc.usable = usable;
     acc.sum = sum;
     if (usable) {
-      acc.min = samples[minAt];
-      acc.max = samples[maxAt];
+      acc.min = src.Sample(minAt);
+      acc.max = src.Sample(maxAt);
       acc.minValue = minValue, acc.maxValue = maxValue;
       acc.firstValue = firstValue, acc.lastValue = lastValue;
     }
@@ -395,7 +438,9 @@ void CAggregatesCalculator::WalkSamples(Walk& w) const {
   }
 }
 
-const CAggregatesCalculator::Walk& CAggregatesCalculator::WalkOf(ULONGLONG ts, ULONGLONG te, unsigned groups) const {
+template <class Source>
+const typename CAggregatesCalculator<Source>::Walk& CAggregatesCalculator<Source>::WalkOf(ULONGLONG ts, ULONGLONG te,
+                                                                                          unsigned groups) const {
   if (!walk_.valid || walk_.ts != ts || walk_.te != te) {
     walk_ = Walk();
     walk_.valid = true;
@@ -405,7 +450,7 @@ const CAggregatesCalculator::Walk& CAggregatesCalculator::WalkOf(ULONGLONG ts, U
     walk_.b = FirstAtOrAfter(te);
   }
   const unsigned missing = (groups | planned_) & ~walk_.groups;
-  switch ((missing & (kWalkRaw | kWalkLine | kWalkState)) | (doubles_ ? 8u : 0u)) {
+  switch ((missing & (kWalkRaw | kWalkLine | kWalkState)) | (real_ ? 8u : 0u)) {
 #define CORVANE_WALK(G)                             \
   case G: WalkSamples<G, false>(walk_); break;      \
   case G | 8u: WalkSamples<G, true>(walk_); break;
@@ -416,37 +461,38 @@ const CAggregatesCalculator::Walk& CAggregatesCalculator::WalkOf(ULONGLONG ts, U
   if (missing & kWalkRegions) {
     ForEachRegion(ts, te, [this](size_t i, ULONGLONG from, ULONGLONG to) {
       if (i == kNone) return;
-      const AggSample& s = samples_[i];
-      if (settings_.IsGood(s.quality)) walk_.goodTime += to - from;
-      if (!Usable(s)) return;
+      if (settings_.IsGood(src_.Quality(i))) walk_.goodTime += to - from;
+      if (!Usable(i)) return;
       walk_.usableRegions += to - from;
-      if (s.Number() != 0) walk_.nonZeroRegions += to - from;
+      if (src_.Number(i) != 0) walk_.nonZeroRegions += to - from;
     });
   }
   walk_.groups |= missing;
   return walk_;
 }
 
+template <class Source>
 template <class F>
-void CAggregatesCalculator::ForEachRegion(ULONGLONG ts, ULONGLONG te, F&& f) const {
-  const size_t n = samples_.size();
+void CAggregatesCalculator<Source>::ForEachRegion(ULONGLONG ts, ULONGLONG te, F&& f) const {
+  const size_t n = src_.Size();
   ULONGLONG cur = ts;
   size_t i = LastAtOrBefore(ts);
   if (i == kNone) {
     i = FirstAtOrAfter(ts);
-    const ULONGLONG firstTime = i < n ? std::min(te, samples_[i].time) : te;
+    const ULONGLONG firstTime = i < n ? std::min(te, src_.Time(i)) : te;
     if (firstTime > cur) f(kNone, cur, firstTime);
     cur = firstTime;
   }
   for (; cur < te && i < n; ++i) {
-    const ULONGLONG next = i + 1 < n ? std::min(te, std::max(cur, samples_[i + 1].time)) : te;
+    const ULONGLONG next = i + 1 < n ? std::min(te, std::max(cur, src_.Time(i + 1))) : te;
     if (next > cur) f(i, cur, next);
     cur = next;
   }
 }
 
-HRESULT CAggregatesCalculator::Compute(AggregateId id, ULONGLONG ts, ULONGLONG te, bool partial,
-                                       const VARIANT* lastValue, HistoryValue* out) const {
+template <class Source>
+HRESULT CAggregatesCalculator<Source>::Compute(AggregateId id, ULONGLONG ts, ULONGLONG te, bool partial,
+                                               const VARIANT* lastValue, HistoryValue* out) const {
   if (!out || te <= ts) return E_INVALIDARG;
   out->timestamp = U64ToFileTime(ts);
   out->quality = OPCUA_BAD_NO_DATA;
@@ -473,14 +519,13 @@ HRESULT CAggregatesCalculator::Compute(AggregateId id, ULONGLONG ts, ULONGLONG t
 
     case AGG_LAST: {
       if (w.a == w.b) return S_OK;
-      const AggSample& s = samples_[w.b - 1];
+      AggSample s = src_.Sample(w.b - 1);
       HRESULT hr = S_OK;
       if (lastValue) {
         hr = VariantCopy(&out->value, const_cast<VARIANT*>(lastValue));
       } else {
-        AggSample raw = s;
-        raw.numeric = raw.numeric || rawLast_;  // a NaN is still the raw value
-        AggSampleToVariant(raw, &out->value);
+        s.numeric = s.numeric || rawLast_;  // a NaN is still the raw value
+        AggSampleToVariant(s, &out->value);
       }
       if (FAILED(hr)) return hr;
       out->timestamp = U64ToFileTime(s.time);
@@ -510,9 +555,8 @@ HRESULT CAggregatesCalculator::Compute(AggregateId id, ULONGLONG ts, ULONGLONG t
 
     case AGG_INTERPOLATIVE: {
       if (w.at == kNone || w.point == kNone) return S_OK;
-      const AggSample& p = samples_[w.point];
-      if (p.time == ts) {
-        SetDouble(&out->value, p.Number());
+      if (src_.Time(w.point) == ts) {
+        SetDouble(&out->value, src_.Number(w.point));
         out->quality = OPCUA_GOOD | kAggInfoDataValue | kAggOriginRaw | part;
         return S_OK;
       }
@@ -555,5 +599,8 @@ HRESULT CAggregatesCalculator::Compute(AggregateId id, ULONGLONG ts, ULONGLONG t
       return HIST_E_AGGREGATE_NOT_AVAILABLE;
   }
 }
+
+template class CAggregatesCalculator<AggSampleRun>;
+template class CAggregatesCalculator<StoredColumns>;
 
 }  // namespace corvane::historian

@@ -5,6 +5,8 @@
 #pragma once
 #include <cmath>
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -148,13 +150,63 @@ class CRawAccumulator {
   AggregateSettings settings_;
 };
 
+// The store's 64-bit form of a number or boolean (SampleReader.h) as the aggregates take
+// it: the same sample as ToAggSample makes of the VARIANT a page would carry. False for
+// other types.
+bool FromStoredBits(VARTYPE vt, uint64_t bits, AggSample* s);
+
+// Where a calculator reads its samples, ordered by time. Samples converted one by one,
+// as pages bring them:
+struct AggSampleRun {
+  const AggSample* samples;
+  size_t count;
+
+  size_t Size() const { return count; }
+  ULONGLONG Time(size_t i) const { return samples[i].time; }
+  DWORD Quality(size_t i) const { return samples[i].quality; }
+  bool Numeric(size_t i) const { return samples[i].numeric; }
+  double Number(size_t i) const { return samples[i].Number(); }
+  double Real(size_t i) const { return samples[i].real; }  // when AllReal()
+  AggSample Sample(size_t i) const { return samples[i]; }
+  bool AllReal() const;
+};
+
+// A host's own columns of one numeric or boolean tag (ISampleReader), read in place.
+struct StoredColumns {
+  const ULONGLONG* times;
+  const DWORD* qualities;
+  const uint64_t* bits;
+  VARTYPE vt;
+  size_t count;
+
+  size_t Size() const { return count; }
+  ULONGLONG Time(size_t i) const { return times[i]; }
+  DWORD Quality(size_t i) const { return qualities[i]; }
+  bool Numeric(size_t i) const { return !AllReal() || !std::isnan(Real(i)); }
+  double Number(size_t i) const { return AllReal() ? Real(i) : Sample(i).Number(); }
+  double Real(size_t i) const {
+    double d;
+    std::memcpy(&d, &bits[i], sizeof d);
+    return d;
+  }
+  AggSample Sample(size_t i) const {
+    AggSample s;
+    s.time = times[i];
+    s.quality = qualities[i];
+    FromStoredBits(vt, bits[i], &s);
+    return s;
+  }
+  bool AllReal() const { return vt == VT_R8 || vt == VT_R4; }  // both held as doubles
+};
+
+template <class Source>
 class CAggregatesCalculator {
  public:
-  // `samples` must be ordered by time and outlive the calculator. `rawLast`: every
-  // sample is of a numeric type and carries its raw value (a NaN included), so LAST may
-  // be made from it when no raw value is handed to Compute. `planned`: the aggregates
-  // that will be asked for, so that one walk of an interval gathers what all need.
-  CAggregatesCalculator(const std::vector<AggSample>& samples, const AggregateSettings& settings, bool rawLast,
+  // `samples` must outlive the calculator. `rawLast`: every sample is of a numeric type
+  // and carries its raw value (a NaN included), so LAST may be made from it when no raw
+  // value is handed to Compute. `planned`: the aggregates that will be asked for, so that
+  // one walk of an interval gathers what all need.
+  CAggregatesCalculator(const Source& samples, const AggregateSettings& settings, bool rawLast,
                         const AggregateId* planned = nullptr, ULONG plannedCount = 0);
 
   // Computes one aggregate over [ts, te) into *out (whose value is VT_EMPTY on entry).
@@ -193,7 +245,7 @@ class CAggregatesCalculator {
   enum : unsigned { kWalkRaw = 1, kWalkLine = 2, kWalkState = 4, kWalkRegions = 8 };
   static unsigned GroupsOf(AggregateId id);
 
-  bool Usable(const AggSample& s) const { return s.numeric && settings_.IsGood(s.quality); }
+  bool Usable(size_t i) const { return src_.Numeric(i) && settings_.IsGood(src_.Quality(i)); }
   size_t FirstAtOrAfter(ULONGLONG t) const;
   size_t LastAtOrBefore(ULONGLONG t) const;  // kNone when none
   // The last usable sample before index i, and the first at or after it (kNone when
@@ -202,38 +254,40 @@ class CAggregatesCalculator {
   size_t FirstUsableFrom(size_t i) const;
   // The line's value at t, from usable sample j towards usable sample k (kNone: none).
   double LineValueAt(size_t j, size_t k, ULONGLONG t) const {
-    const AggSample& a = samples_[j];
-    if (settings_.stepped || k == kNone) return a.Number();
-    const AggSample& b = samples_[k];
-    if (b.time <= a.time) return a.Number();
+    const double av = src_.Number(j);
+    if (settings_.stepped || k == kNone) return av;
+    const ULONGLONG at = src_.Time(j), bt = src_.Time(k);
+    if (bt <= at) return av;
     // Integration asks mostly at the points themselves, where the quotient is exactly 0
     // or 1: no need to divide.
-    const ULONGLONG offset = t - a.time, span = b.time - a.time;
+    const ULONGLONG offset = t - at, span = bt - at;
     const double fraction = offset == 0      ? 0.0
                             : offset == span ? 1.0
                                              : static_cast<double>(offset) / static_cast<double>(span);
-    const double av = a.Number();
-    return av + (b.Number() - av) * fraction;
+    return av + (src_.Number(k) - av) * fraction;
   }
   // The walk of [ts, te) holding at least `groups`.
   const Walk& WalkOf(ULONGLONG ts, ULONGLONG te, unsigned groups) const;
-  // Doubles: every sample is a VT_R8, whose number needs no conversion.
-  template <unsigned Groups, bool Doubles>
+  // Real: every sample's number is its double, with no conversion.
+  template <unsigned Groups, bool Real>
   void WalkSamples(Walk& w) const;
   // Calls f(sampleIndex or kNone, from, to) for each stretch of [ts, te) that one sample
   // (the last at or before it) governs.
   template <class F>
   void ForEachRegion(ULONGLONG ts, ULONGLONG te, F&& f) const;
 
-  const std::vector<AggSample>& samples_;
+  const Source src_;
   AggregateSettings settings_;
   bool rawLast_;
   unsigned planned_ = 0;
-  bool doubles_ = false;
+  bool real_ = false;
 
   mutable Walk walk_;
   mutable size_t usableBeforeAt_ = kNone, usableBefore_ = kNone;
   mutable size_t usableScanFrom_ = kNone, usableFound_ = kNone;
 };
+
+extern template class CAggregatesCalculator<AggSampleRun>;
+extern template class CAggregatesCalculator<StoredColumns>;
 
 }  // namespace corvane::historian

@@ -15,8 +15,6 @@ namespace {
 
 constexpr ULONGLONG kLatestTime = 0x7FFFFFFFFFFFFFFFull;
 constexpr ULONG kBoundPageSize = 256;
-// Room kept after a column read for the samples that follow the range (usually one).
-constexpr size_t kAfterReserve = 16;
 // Upper bound on the entries of one answer (intervals x aggregates): about 160 MB.
 constexpr ULONGLONG kMaxResultEntries = 4ull * 1024 * 1024;
 
@@ -85,30 +83,6 @@ HRESULT VisitColumns(ISampleReader* reader, const TagIdent* tag, ULONGLONG from,
       [](void* context, VARTYPE vt, const ULONGLONG* times, const DWORD* qualities, const uint64_t* bits,
          size_t count) -> HRESULT { return (*static_cast<F*>(context))(vt, times, qualities, bits, count); },
       &onColumns);
-}
-
-// The store's 64-bit form of a number or boolean as the aggregates take it: the same
-// sample as ToAggSample makes of the VARIANT a page would carry. False for other types.
-bool FromStoredBits(VARTYPE vt, uint64_t bits, AggSample* s) {
-  s->vt = vt;
-  s->numeric = true;
-  switch (vt) {
-    case VT_R8:
-    case VT_R4:  // held as the double of the float
-      std::memcpy(&s->real, &bits, sizeof(double));
-      s->numeric = !std::isnan(s->real);
-      return true;
-    case VT_BOOL: s->integer = bits != 0 ? 1 : 0; return true;
-    case VT_I1: s->integer = static_cast<int8_t>(bits); return true;
-    case VT_I2: s->integer = static_cast<int16_t>(bits); return true;
-    case VT_I4: s->integer = static_cast<int32_t>(bits); return true;
-    case VT_I8: s->integer = static_cast<int64_t>(bits); return true;
-    case VT_UI1: s->uinteger = static_cast<uint8_t>(bits); return true;
-    case VT_UI2: s->uinteger = static_cast<uint16_t>(bits); return true;
-    case VT_UI4: s->uinteger = static_cast<uint32_t>(bits); return true;
-    case VT_UI8: s->uinteger = bits; return true;
-    default: return false;
-  }
 }
 
 // VARIANTs that are cleared however the read ends.
@@ -225,11 +199,8 @@ HRESULT CProcessedDataProvider::ReadProcessedImpl(const TagIdent* tag, const Pro
   *results = nullptr;
   if (!tag || !tag->tagName || !*tag->tagName || !request || !aggregates || aggregateCount == 0)
     return E_INVALIDARG;
-  bool wantLast = false;
-  for (ULONG i = 0; i < aggregateCount; ++i) {
+  for (ULONG i = 0; i < aggregateCount; ++i)
     if (aggregates[i] >= AGG_COUNT_OF_AGGREGATES) return HIST_E_AGGREGATE_NOT_AVAILABLE;
-    wantLast = wantLast || aggregates[i] == AGG_LAST;
-  }
   IntervalPlan plan;
   HRESULT hr = IntervalPlan::Make(FileTimeToU64(request->start), FileTimeToU64(request->end), request->periodMs,
                                   &plan);
@@ -240,157 +211,7 @@ HRESULT CProcessedDataProvider::ReadProcessedImpl(const TagIdent* tag, const Pro
   bool known = false;
   hr = IsStepped(tag, &stepped, &known);
   if (FAILED(hr)) return hr;
-  AggregateSettings settings = AggregateSettings::FromRequest(request, stepped);
-  auto usable = [&settings](const AggSample& s) { return s.numeric && settings.IsGood(s.quality); };
-
-  std::unique_ptr<std::vector<AggSample>> buffer = TakeSpareSamples();
-  std::vector<AggSample>& samples = *buffer;
-  samples.clear();
-  // LAST of a paged read: the raw value of each interval's last sample, copied from the
-  // pages (texts and exotic types come back as they were). Sized once pages are read.
-  VariantArray lastValues(0);
-  std::vector<ULONGLONG> lastTimes;
-  std::vector<unsigned char> haveLast;
-  // The raw value that LAST will give for each interval touched by the current page:
-  // copied once when the page ends rather than at every newer sample.
-  std::vector<const VARIANT*> pageLast;
-  std::vector<size_t> pageTouched;
-  bool fromColumns = false;
-  if (plan.count > 0) {
-    // The sample governing the start, and further back the last usable one for the line.
-    if (plan.start > 0) {
-      std::vector<AggSample> before;
-      hr = ReadRange(raw_, tag, plan.start - 1, 0, kBoundPageSize, [&](const HistoryValue& v) -> HRESULT {
-        const AggSample s = ToAggSample(v);
-        if (s.time >= plan.start) return S_OK;
-        before.push_back(s);
-        return usable(s) || before.size() >= kBoundSearchLimit ? S_FALSE : S_OK;
-      });
-      if (FAILED(hr)) return hr;
-      samples.assign(before.rbegin(), before.rend());
-    }
-    // Samples mostly come in time order: the interval of the previous one is tried first,
-    // and its LAST candidate is held here until a sample of another interval comes or
-    // the page ends.
-    size_t k = 0;
-    ULONGLONG kStart = plan.IntervalStart(0), kEnd = plan.IntervalEnd(0);
-    bool held = false, heldHave = false, heldChanged = false;
-    ULONGLONG heldTime = 0;
-    const VARIANT* heldValue = nullptr;
-    auto release = [&] {
-      if (held && heldChanged) {
-        if (!pageLast[k]) pageTouched.push_back(k);
-        pageLast[k] = heldValue;
-        lastTimes[k] = heldTime;
-        haveLast[k] = true;
-      }
-      held = false;
-    };
-    auto onSample = [&](const HistoryValue& v) -> HRESULT {
-      const AggSample s = ToAggSample(v);
-      if (s.time < plan.start || s.time >= plan.end) return S_OK;
-      samples.push_back(s);
-      if (wantLast) {
-        if (s.time < kStart || s.time >= kEnd) {
-          release();
-          k = plan.IndexOf(s.time);
-          kStart = plan.IntervalStart(k);
-          kEnd = plan.IntervalEnd(k);
-        }
-        if (!held) {
-          held = true;
-          heldChanged = false;
-          heldHave = haveLast[k] != 0;
-          heldTime = lastTimes[k];
-        }
-        if (!heldHave || s.time >= heldTime) {
-          heldHave = true;
-          heldTime = s.time;
-          heldValue = &v.value;
-          heldChanged = true;
-        }
-      }
-      return S_OK;
-    };
-    auto onPageEnd = [&]() -> HRESULT {
-      release();
-      HRESULT copied = S_OK;
-      for (const size_t touched : pageTouched) {
-        if (SUCCEEDED(copied)) {
-          VariantClear(&lastValues.items[touched]);
-          copied = VariantCopy(&lastValues.items[touched], const_cast<VARIANT*>(pageLast[touched]));
-        }
-        pageLast[touched] = nullptr;
-      }
-      pageTouched.clear();
-      return copied;
-    };
-    // Numbers and booleans are taken straight from the host's columns when it shows
-    // them: the same samples as the pages give, without a value list per page, and each
-    // carries its raw value for LAST.
-    auto onColumns = [&](VARTYPE vt, const ULONGLONG* times, const DWORD* qualities, const uint64_t* bits,
-                         size_t count) -> HRESULT {
-      AggSample probe;
-      if (!bits || !FromStoredBits(vt, 0, &probe)) return E_NOTIMPL;
-      // Room for the few samples after the range too, so that they never double a
-      // buffer that is kept for the next read.
-      const size_t from = samples.size();
-      samples.reserve(from + count + kAfterReserve);
-      samples.resize(from + count);
-      AggSample* out = samples.data() + from;
-      if (vt == VT_R8) {  // by far the most common type of a tag
-        for (size_t i = 0; i < count; ++i) {
-          out[i].time = times[i];
-          out[i].quality = qualities[i];
-          std::memcpy(&out[i].real, &bits[i], sizeof(double));
-          out[i].vt = VT_R8;
-          out[i].numeric = !std::isnan(out[i].real);
-        }
-      } else {
-        for (size_t i = 0; i < count; ++i) {
-          out[i].time = times[i];
-          out[i].quality = qualities[i];
-          FromStoredBits(vt, bits[i], &out[i]);
-        }
-      }
-      fromColumns = true;
-      return S_OK;
-    };
-    hr = reader_ ? VisitColumns(reader_, tag, plan.start, plan.end - 1, onColumns) : E_NOTIMPL;
-    if (hr == E_NOTIMPL) {
-      if (wantLast) {
-        lastValues.items.resize(plan.count);  // zeroed: VT_EMPTY
-        lastTimes.resize(plan.count);
-        haveLast.resize(plan.count);
-        pageLast.resize(plan.count);
-      }
-      hr = ReadRange(raw_, tag, plan.start, plan.end - 1, kRawPageSize, onSample, onPageEnd);
-    }
-    if (FAILED(hr)) return hr;
-    // What follows the range: only the line's slope into the last interval needs it.
-    size_t examined = 0;
-    hr = ReadRange(raw_, tag, plan.end, kLatestTime, kBoundPageSize, [&](const HistoryValue& v) -> HRESULT {
-      const AggSample s = ToAggSample(v);
-      if (s.time < plan.end) return S_OK;
-      samples.push_back(s);
-      return usable(s) || ++examined >= kBoundSearchLimit ? S_FALSE : S_OK;
-    });
-    if (FAILED(hr)) return hr;
-    // The columns come in order, between the older and the newer bounds.
-    if (!fromColumns && !std::is_sorted(samples.begin(), samples.end(),
-                                        [](const AggSample& x, const AggSample& y) { return x.time < y.time; })) {
-      std::stable_sort(samples.begin(), samples.end(),
-                       [](const AggSample& x, const AggSample& y) { return x.time < y.time; });
-    }
-    if (!known) {
-      for (const AggSample& s : samples) {
-        if (s.vt == VT_BOOL || s.vt == VT_BSTR) {
-          settings.stepped = true;
-          break;
-        }
-      }
-    }
-  }
+  const AggregateSettings settings = AggregateSettings::FromRequest(request, stepped);
 
   auto* block = static_cast<ProcessedResult*>(CoTaskMemAlloc(sizeof(ProcessedResult) * aggregateCount));
   if (!block) return E_OUTOFMEMORY;
@@ -405,24 +226,167 @@ HRESULT CProcessedDataProvider::ReadProcessedImpl(const TagIdent* tag, const Pro
     block[e].values = values;
     block[e].count = static_cast<ULONG>(plan.count);
   }
-
-  const CAggregatesCalculator calculator(samples, settings, fromColumns, aggregates, aggregateCount);
-  const bool pagedLast = wantLast && !lastValues.items.empty();
   // Interval by interval, so that aggregates of one interval share its walk.
-  for (size_t k = 0; k < plan.count && SUCCEEDED(hr); ++k) {
-    for (ULONG e = 0; e < aggregateCount && SUCCEEDED(hr); ++e) {
-      const VARIANT* last = pagedLast && aggregates[e] == AGG_LAST ? &lastValues.items[k] : nullptr;
-      hr = calculator.Compute(aggregates[e], plan.IntervalStart(k), plan.IntervalEnd(k), plan.IsPartial(k), last,
-                              &block[e].values[k]);
+  auto computeAll = [&](const auto& calculator, const VARIANT* lastValues) {
+    HRESULT computed = S_OK;
+    for (size_t k = 0; k < plan.count && SUCCEEDED(computed); ++k) {
+      for (ULONG e = 0; e < aggregateCount && SUCCEEDED(computed); ++e) {
+        const VARIANT* last = lastValues && aggregates[e] == AGG_LAST ? &lastValues[k] : nullptr;
+        computed = calculator.Compute(aggregates[e], plan.IntervalStart(k), plan.IntervalEnd(k), plan.IsPartial(k),
+                                      last, &block[e].values[k]);
+      }
     }
-  }
-  KeepSpareSamples(std::move(buffer));
+    return computed;
+  };
+  hr = plan.count > 0 ? ReadAndCompute(tag, plan, known, settings, aggregates, aggregateCount, computeAll) : S_OK;
   if (FAILED(hr)) {
     FreeProcessedResult(block, aggregateCount);
     return hr;
   }
   *results = block;
   return S_OK;
+}
+
+template <class F>
+HRESULT CProcessedDataProvider::ReadAndCompute(const TagIdent* tag, const IntervalPlan& plan, bool known,
+                                               AggregateSettings settings, const AggregateId* aggregates,
+                                               ULONG aggregateCount, F& computeAll) {
+  auto usable = [&settings](const AggSample& s) { return s.numeric && settings.IsGood(s.quality); };
+  // Numbers and booleans are computed in place over the host's columns when it shows
+  // them, with the same bounds as the pages below would bring: the samples up to the
+  // first usable one before the range (at most kBoundSearchLimit), and after it.
+  auto onColumns = [&](VARTYPE vt, const ULONGLONG* times, const DWORD* qualities, const uint64_t* bits,
+                       size_t count) -> HRESULT {
+    AggSample probe;
+    if (!bits || !FromStoredBits(vt, 0, &probe)) return E_NOTIMPL;
+    const StoredColumns all{times, qualities, bits, vt, count};
+    auto usableAt = [&](size_t i) { return all.Numeric(i) && settings.IsGood(all.Quality(i)); };
+    size_t lo = static_cast<size_t>(std::lower_bound(times, times + count, plan.start) - times);
+    size_t hi = static_cast<size_t>(std::lower_bound(times, times + count, plan.end) - times);
+    for (size_t seen = 0; lo > 0;) {
+      --lo;
+      if (usableAt(lo) || ++seen >= kBoundSearchLimit) break;
+    }
+    for (size_t seen = 0; hi < count;) {
+      if (usableAt(hi++) || ++seen >= kBoundSearchLimit) break;
+    }
+    if (!known) settings.stepped = vt == VT_BOOL;
+    const CAggregatesCalculator<StoredColumns> calculator(
+        StoredColumns{times + lo, qualities + lo, bits + lo, vt, hi - lo}, settings, true, aggregates,
+        aggregateCount);
+    return computeAll(calculator, nullptr);
+  };
+  HRESULT hr = reader_ ? VisitColumns(reader_, tag, 0, kLatestTime, onColumns) : E_NOTIMPL;
+  if (hr != E_NOTIMPL) return hr;
+
+  std::unique_ptr<std::vector<AggSample>> buffer = TakeSpareSamples();
+  std::vector<AggSample>& samples = *buffer;
+  samples.clear();
+  // The raw value of each interval's last sample, for LAST: copied from the pages, so
+  // that texts and exotic types come back as they were.
+  const bool wantLast = std::find(aggregates, aggregates + aggregateCount, AGG_LAST) != aggregates + aggregateCount;
+  VariantArray lastValues(wantLast ? plan.count : 0);
+  std::vector<ULONGLONG> lastTimes(wantLast ? plan.count : 0);
+  std::vector<unsigned char> haveLast(wantLast ? plan.count : 0);
+  // The raw value that LAST will give for each interval touched by the current page:
+  // copied once when the page ends rather than at every newer sample.
+  std::vector<const VARIANT*> pageLast(wantLast ? plan.count : 0);
+  std::vector<size_t> pageTouched;
+  // The sample governing the start, and further back the last usable one for the line.
+  if (plan.start > 0) {
+    std::vector<AggSample> before;
+    hr = ReadRange(raw_, tag, plan.start - 1, 0, kBoundPageSize, [&](const HistoryValue& v) -> HRESULT {
+      const AggSample s = ToAggSample(v);
+      if (s.time >= plan.start) return S_OK;
+      before.push_back(s);
+      return usable(s) || before.size() >= kBoundSearchLimit ? S_FALSE : S_OK;
+    });
+    if (FAILED(hr)) return hr;
+    samples.assign(before.rbegin(), before.rend());
+  }
+  // Samples mostly come in time order: the interval of the previous one is tried first,
+  // and its LAST candidate is held here until a sample of another interval comes or
+  // the page ends.
+  size_t k = 0;
+  ULONGLONG kStart = plan.IntervalStart(0), kEnd = plan.IntervalEnd(0);
+  bool held = false, heldHave = false, heldChanged = false;
+  ULONGLONG heldTime = 0;
+  const VARIANT* heldValue = nullptr;
+  auto release = [&] {
+    if (held && heldChanged) {
+      if (!pageLast[k]) pageTouched.push_back(k);
+      pageLast[k] = heldValue;
+      lastTimes[k] = heldTime;
+      haveLast[k] = true;
+    }
+    held = false;
+  };
+  auto onSample = [&](const HistoryValue& v) -> HRESULT {
+    const AggSample s = ToAggSample(v);
+    if (s.time < plan.start || s.time >= plan.end) return S_OK;
+    samples.push_back(s);
+    if (wantLast) {
+      if (s.time < kStart || s.time >= kEnd) {
+        release();
+        k = plan.IndexOf(s.time);
+        kStart = plan.IntervalStart(k);
+        kEnd = plan.IntervalEnd(k);
+      }
+      if (!held) {
+        held = true;
+        heldChanged = false;
+        heldHave = haveLast[k] != 0;
+        heldTime = lastTimes[k];
+      }
+      if (!heldHave || s.time >= heldTime) {
+        heldHave = true;
+        heldTime = s.time;
+        heldValue = &v.value;
+        heldChanged = true;
+      }
+    }
+    return S_OK;
+  };
+  auto onPageEnd = [&]() -> HRESULT {
+    release();
+    HRESULT copied = S_OK;
+    for (const size_t touched : pageTouched) {
+      if (SUCCEEDED(copied)) {
+        VariantClear(&lastValues.items[touched]);
+        copied = VariantCopy(&lastValues.items[touched], const_cast<VARIANT*>(pageLast[touched]));
+      }
+      pageLast[touched] = nullptr;
+    }
+    pageTouched.clear();
+    return copied;
+  };
+  hr = ReadRange(raw_, tag, plan.start, plan.end - 1, kRawPageSize, onSample, onPageEnd);
+  if (FAILED(hr)) return hr;
+  // What follows the range: only the line's slope into the last interval needs it.
+  size_t examined = 0;
+  hr = ReadRange(raw_, tag, plan.end, kLatestTime, kBoundPageSize, [&](const HistoryValue& v) -> HRESULT {
+    const AggSample s = ToAggSample(v);
+    if (s.time < plan.end) return S_OK;
+    samples.push_back(s);
+    return usable(s) || ++examined >= kBoundSearchLimit ? S_FALSE : S_OK;
+  });
+  if (FAILED(hr)) return hr;
+  auto earlier = [](const AggSample& x, const AggSample& y) { return x.time < y.time; };
+  if (!std::is_sorted(samples.begin(), samples.end(), earlier))
+    std::stable_sort(samples.begin(), samples.end(), earlier);
+  if (!known) {
+    for (const AggSample& s : samples) {
+      if (s.vt == VT_BOOL || s.vt == VT_BSTR) {
+        settings.stepped = true;
+        break;
+      }
+    }
+  }
+  hr = computeAll(CAggregatesCalculator<AggSampleRun>(AggSampleRun{samples.data(), samples.size()}, settings, false,
+                                                      aggregates, aggregateCount),
+                  wantLast ? lastValues.items.data() : nullptr);
+  KeepSpareSamples(std::move(buffer));
+  return hr;
 }
 
 std::unique_ptr<std::vector<AggSample>> CProcessedDataProvider::TakeSpareSamples() {

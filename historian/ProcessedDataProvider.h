@@ -166,6 +166,12 @@ class CProcessedDataProvider final : public IProcessedDataProvider {
                          const ProcessedReadRequest* request, ULONG maxNames, void** continuation,
                          ULONG* nameCount, BSTR** names, HistoryValueList** values);
   HRESULT IsStepped(const TagIdent* tag, bool* stepped, bool* known);
+  // Reads the plan's range with the samples that bound it, from the host's columns in
+  // place when it shows them, else from pages, and hands a calculator over them to
+  // computeAll(calculator, raw LAST value per interval or null).
+  template <class F>
+  HRESULT ReadAndCompute(const TagIdent* tag, const IntervalPlan& plan, bool known, AggregateSettings settings,
+                         const AggregateId* aggregates, ULONG aggregateCount, F& computeAll);
   HRESULT ListTags(const WString (&filters)[3], std::vector<WString>* names);
   HRESULT TagStatistics(const WString& name, ULONGLONG low, ULONGLONG high, const ProcessedReadRequest* request,
                         HistoryValue* four);

@@ -436,7 +436,7 @@ TEST_F(AggregatesTest, StoreColumnsGiveWhatPagesGive) {
     ASSERT_EQ(S_OK, store->AppendGenerated(tag.name, tag.samples.size(), [&tag](size_t i, SampleInput& s) {
       s.time = tag.samples[i].t;
       s.number = tag.samples[i].number;
-      s.integer = static_cast<int64_t>(tag.samples[i].number);
+      if (tag.vt != VT_R8) s.integer = static_cast<int64_t>(tag.samples[i].number);
       s.quality = tag.samples[i].q;
     }));
   }
