@@ -358,17 +358,22 @@ void CAggregatesCalculator<Source>::WalkSamples(Walk& w) const {
       if (to > x) usableTime += to - x;
     }
   }
-  // The part of the interval that usable sample i at t governs: up to the next sample
-  // of any kind.
-  auto governs = [&](size_t i, ULONGLONG t) {
-    const ULONGLONG to = i + 1 < b ? src.Time(i + 1) : y;
-    if (to > t) usableTime += to - t;
+  // Each sample after the start governs up to the next sample of any kind, so together
+  // they govern [their first time, y): usable samples govern that less what the others
+  // govern, which is all a walk of good samples needs to add.
+  const size_t firstAfterStart = i;
+  ULONGLONG notUsableTime = 0;
+  auto notUsable = [&](size_t i) {
+    if (line) notUsableTime += (i + 1 < b ? src.Time(i + 1) : y) - src.Time(i);
   };
   size_t firstInside = kNone;
   // Up to the first usable sample inside: the line may start there, or its first
   // segment start between two points.
   for (double v = 0; i < b && (!line || firstInside == kNone); ++i) {
-    if (!take(i, &v)) continue;
+    if (!take(i, &v)) {
+      notUsable(i);
+      continue;
+    }
     const ULONGLONG t = src.Time(i);
     if (line) {
       firstInside = i;
@@ -379,7 +384,6 @@ void CAggregatesCalculator<Source>::WalkSamples(Walk& w) const {
         area += (v0 + v1) / 2.0 * static_cast<double>(t - cur);
         cur = t;
       }
-      governs(i, t);
     }
     j = i, jt = t, jv = v;
   }
@@ -388,7 +392,10 @@ void CAggregatesCalculator<Source>::WalkSamples(Walk& w) const {
     // LineValueAt's quotients are exactly 0 and 1.
     const bool stepped = settings.stepped;
     for (double v = 0; i < b; ++i) {
-      if (!take(i, &v)) continue;
+      if (!take(i, &v)) {
+        notUsable(i);
+        continue;
+      }
       const ULONGLONG t = src.Time(i);
       if (t > jt) {
         double v0 = jv, v1 = jv;
@@ -399,7 +406,6 @@ void CAggregatesCalculator<Source>::WalkSamples(Walk& w) const {
         }
         area += (v0 + v1) / 2.0 * static_cast<double>(t - jt);
       }
-      governs(i, t);
       j = i, jt = t, jv = v;
     }
     if (j != kNone) {
@@ -412,6 +418,7 @@ void CAggregatesCalculator<Source>::WalkSamples(Walk& w) const {
       w.covered = y - lineFrom;  // the segments are contiguous from where the line starts
     }
     if (w.point != kNone) w.afterPoint = firstInside != kNone ? firstInside : FirstUsableFrom(b);
+    if (firstAfterStart < b) usableTime += y - src.Time(firstAfterStart) - notUsableTime;
     w.area = area;
     w.usableTime = usableTime;
   }
