@@ -73,11 +73,13 @@
 // returned on failure, and every raw continuation point is released. The request's
 // capability word is not used.
 //
-// Memory and threads. A read holds the samples of its range (24 bytes each) while it
-// computes, and walks each interval's samples once for all the aggregates asked; the
-// procedures keep ranges short by asking for a bounded number of intervals at a time.
-// The object keeps one read's buffer for the next (up to kSpareSamples samples), so
-// that repeated reads do not fault their memory in afresh. Calls may come from any
+// Memory and threads. Each interval's samples are walked once for all the aggregates
+// asked. Over a host that shows its columns (ISampleReader) a read computes in place,
+// under the host's read lock, and holds no copy; otherwise it holds the samples of its
+// range (24 bytes each) while it computes, and the procedures keep ranges short by
+// asking for a bounded number of intervals at a time. The object keeps one paged read's
+// buffer for the next (up to kSpareSamples samples), so that repeated reads do not fault
+// their memory in afresh. Calls may come from any
 // thread at once; the raw provider is called on the caller's thread and must be as
 // thread-safe as its own contract says.
 //
