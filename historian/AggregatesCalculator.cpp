@@ -187,174 +187,327 @@ HRESULT CRawAccumulator::Result(AggregateId id, ULONGLONG ts, DWORD extraBits, H
   return S_OK;
 }
 
+// ---- Sources ---------------------------------------------------------------------------
+
+bool FromStoredBits(VARTYPE vt, uint64_t bits, AggSample* s) {
+  s->vt = vt;
+  s->numeric = true;
+  switch (vt) {
+    case VT_R8:
+    case VT_R4:  // held as the double of the float
+      std::memcpy(&s->real, &bits, sizeof(double));
+      s->numeric = !std::isnan(s->real);
+      return true;
+    case VT_BOOL: s->integer = bits != 0 ? 1 : 0; return true;
+    case VT_I1: s->integer = static_cast<int8_t>(bits); return true;
+    case VT_I2: s->integer = static_cast<int16_t>(bits); return true;
+    case VT_I4: s->integer = static_cast<int32_t>(bits); return true;
+    case VT_I8: s->integer = static_cast<int64_t>(bits); return true;
+    case VT_UI1: s->uinteger = static_cast<uint8_t>(bits); return true;
+    case VT_UI2: s->uinteger = static_cast<uint16_t>(bits); return true;
+    case VT_UI4: s->uinteger = static_cast<uint32_t>(bits); return true;
+    case VT_UI8: s->uinteger = bits; return true;
+    default: return false;
+  }
+}
+
+bool AggSampleRun::AllReal() const {
+  return std::all_of(samples, samples + count, [](const AggSample& s) { return s.vt == VT_R8; });
+}
+
 // ---- Calculator ------------------------------------------------------------------------
 
-CAggregatesCalculator::CAggregatesCalculator(std::vector<AggSample> samples, const AggregateSettings& settings)
-    : CAggregatesCalculator(Buffers{std::move(samples), {}, {}}, settings) {}
+template <class Source>
+CAggregatesCalculator<Source>::CAggregatesCalculator(const Source& samples, const AggregateSettings& settings,
+                                                     bool rawLast, const AggregateId* planned, ULONG plannedCount)
+    : src_(samples), settings_(settings), rawLast_(rawLast) {
+  for (ULONG i = 0; planned && i < plannedCount; ++i) planned_ |= GroupsOf(planned[i]);
+  real_ = src_.AllReal();
+}
 
-CAggregatesCalculator::CAggregatesCalculator(Buffers buffers, const AggregateSettings& settings)
-    : samples_(std::move(buffers.samples)),
-      usable_(std::move(buffers.usable)),
-      line_(std::move(buffers.line)),
-      settings_(settings) {
-  const size_t n = samples_.size();
-  usable_.resize(n);
-  line_.resize(n);  // at most; every sample is written, only usable ones are kept
-  size_t count = 0;
-  for (size_t i = 0; i < n; ++i) {
-    const AggSample& s = samples_[i];
-    const bool usable = s.numeric && settings_.IsGood(s.quality);
-    usable_[i] = usable;
-    line_[count] = {s.time, s.Number(), i, i + 1 < n ? samples_[i + 1].time : kForever};
-    count += usable;
+template <class Source>
+unsigned CAggregatesCalculator<Source>::GroupsOf(AggregateId id) {
+  switch (id) {
+    case AGG_MIN: case AGG_MAX: case AGG_AVG: case AGG_DELTA: case AGG_RANGE: case AGG_COUNT:
+      return kWalkRaw;
+    case AGG_TIME_AVG: case AGG_TOTAL: case AGG_TOTAL_AVG: case AGG_INTERPOLATIVE:
+      return kWalkLine;
+    case AGG_NUMBER_OF_TRANSITIONS:
+      return kWalkState | kWalkRaw;  // its status counts the usable samples
+    case AGG_WORST_QUALITY:
+      return kWalkState;
+    case AGG_DURATION_IN_STATE_0: case AGG_DURATION_IN_STATE_1: case AGG_DURATION_GOOD: case AGG_DURATION_BAD:
+    case AGG_PERCENT_GOOD: case AGG_PERCENT_BAD:
+      return kWalkRegions;
+    default:
+      return 0;  // LAST needs the interval's bounds only
   }
-  line_.resize(count);
 }
 
-size_t CAggregatesCalculator::FirstAtOrAfter(ULONGLONG t) const {
-  return static_cast<size_t>(
-      std::lower_bound(samples_.begin(), samples_.end(), t,
-                       [](const AggSample& s, ULONGLONG value) { return s.time < value; }) -
-      samples_.begin());
+template <class Source>
+size_t CAggregatesCalculator<Source>::FirstAtOrAfter(ULONGLONG t) const {
+  size_t lo = 0, hi = src_.Size();
+  while (lo < hi) {
+    const size_t mid = lo + (hi - lo) / 2;
+    if (src_.Time(mid) < t)
+      lo = mid + 1;
+    else
+      hi = mid;
+  }
+  return lo;
 }
 
-size_t CAggregatesCalculator::LastAtOrBefore(ULONGLONG t) const {
-  const size_t after = static_cast<size_t>(
-      std::upper_bound(samples_.begin(), samples_.end(), t,
-                       [](ULONGLONG value, const AggSample& s) { return value < s.time; }) -
-      samples_.begin());
+template <class Source>
+size_t CAggregatesCalculator<Source>::LastAtOrBefore(ULONGLONG t) const {
+  const size_t after = t == ~0ull ? src_.Size() : FirstAtOrAfter(t + 1);
   return after == 0 ? kNone : after - 1;
 }
 
-size_t CAggregatesCalculator::LinePointAtOrBefore(ULONGLONG t) const {
-  const size_t after = static_cast<size_t>(
-      std::upper_bound(line_.begin(), line_.end(), t,
-                       [](ULONGLONG value, const LinePoint& p) { return value < p.time; }) -
-      line_.begin());
-  return after == 0 ? kNone : after - 1;
+template <class Source>
+size_t CAggregatesCalculator<Source>::LastUsableBefore(size_t i) const {
+  if (usableBeforeAt_ == i) return usableBefore_;
+  size_t j = i;
+  while (j > 0 && !Usable(j - 1)) --j;
+  usableBeforeAt_ = i;
+  usableBefore_ = j == 0 ? kNone : j - 1;
+  return usableBefore_;
 }
 
-size_t CAggregatesCalculator::LinePointBefore(ULONGLONG t) const {
-  const size_t at = static_cast<size_t>(
-      std::lower_bound(line_.begin(), line_.end(), t,
-                       [](const LinePoint& p, ULONGLONG value) { return p.time < value; }) -
-      line_.begin());
-  return at == 0 ? kNone : at - 1;
+template <class Source>
+size_t CAggregatesCalculator<Source>::FirstUsableFrom(size_t i) const {
+  // Nothing usable lies between where the last search started and what it found.
+  if (usableScanFrom_ != kNone && usableScanFrom_ <= i && (usableFound_ == kNone || i <= usableFound_))
+    return usableFound_;
+  size_t j = i;
+  const size_t n = src_.Size();
+  while (j < n && !Usable(j)) ++j;
+  usableScanFrom_ = i;
+  usableFound_ = j < n ? j : kNone;
+  return usableFound_;
 }
 
-void CAggregatesCalculator::Bounds(ULONGLONG ts, ULONGLONG te, size_t* a, size_t* b) const {
-  if (!bounded_ || boundsFrom_ != ts || boundsTo_ != te) {
-    boundsA_ = FirstAtOrAfter(ts);
-    boundsB_ = FirstAtOrAfter(te);
-    boundsFrom_ = ts;
-    boundsTo_ = te;
-    bounded_ = true;
-  }
-  *a = boundsA_;
-  *b = boundsB_;
-}
-
-const CAggregatesCalculator::Integral& CAggregatesCalculator::IntegralOf(ULONGLONG x, ULONGLONG y) const {
-  if (integrated_ && integratedFrom_ == x && integratedTo_ == y) return integral_;
-  Integral r;
-  const size_t m = line_.size();
-  // The time that usable samples govern, from the line alone: each point governs up to
-  // the next sample of any kind, and a point before x governs nothing after x unless it
-  // is the last sample there.
-  size_t first = LinePointAtOrBefore(x);
-  for (size_t q = first == kNone ? 0 : first; q < m && line_[q].time < y; ++q) {
-    const ULONGLONG from = std::max(x, line_[q].time), to = std::min(y, line_[q].until);
-    if (to > from) r.usableTime += to - from;
-  }
-  if (x < y && m > 0) {
-    size_t j = LinePointAtOrBefore(x);
-    ULONGLONG cur = x;
-    bool any = true;
-    if (j == kNone) {
-      // The line starts at the first usable sample; what lies before it has no value.
-      j = 0;
-      cur = line_[0].time;
-      any = cur < y;
+template <class Source>
+template <unsigned Groups, bool Real>
+void CAggregatesCalculator<Source>::WalkSamples(Walk& w) const {
+  constexpr bool raw = (Groups & kWalkRaw) != 0, line = (Groups & kWalkLine) != 0,
+                 state = (Groups & kWalkState) != 0;
+  const Source& src = src_;
+  const size_t a = w.a, b = w.b;
+  const ULONGLONG x = w.ts, y = w.te;
+  const AggregateSettings settings = settings_;
+  auto number = [&src](size_t i) { return Real ? src.Real(i) : src.Number(i); };
+  // CRawAccumulator's sums, with the extremes kept by index rather than copied at every
+  // new one.
+  ULONGLONG good = 0, usable = 0;
+  double sum = 0, minValue = 0, maxValue = 0, firstValue = 0, lastValue = 0;
+  size_t minAt = kNone, maxAt = kNone;
+  // The last usable sample so far (the line's point, the state before the interval),
+  // with its time and value at hand.
+  size_t j = line || state ? LastUsableBefore(a) : kNone;
+  ULONGLONG jt = j != kNone ? src.Time(j) : 0;
+  double jv = j != kNone ? number(j) : 0;
+  int st = j != kNone ? jv != 0 : -1;
+  LONG transitions = 0;
+  DWORD worst = a < b ? src.Quality(a) : 0;
+  double area = 0;
+  ULONGLONG usableTime = 0, cur = x, lineFrom = 0;
+  // Takes sample i into every sum; true when it is usable, with its number in *v.
+  auto take = [&](size_t i, double* v) {
+    const DWORD quality = src.Quality(i);
+    if (state && SeverityOf(quality) > SeverityOf(worst)) worst = quality;
+    if (!settings.IsGood(quality)) return false;
+    ++good;
+    if (Real) {
+      *v = src.Real(i);
+      if (std::isnan(*v)) return false;
+    } else {
+      if (!src.Numeric(i)) return false;
+      *v = src.Number(i);
     }
-    while (any && cur < y) {
-      const size_t k = j + 1;
-      if (k < m && line_[k].time < y && cur == line_[j].time) {
-        // The line is at a point: whole segments from point to point follow up to the
-        // last point before y, the bulk of an interval. The line's values at their ends
-        // are LineValueAt's with a quotient of exactly 0 and 1.
-        const bool stepped = settings_.stepped;
-        double area = r.area;
-        ULONGLONG covered = r.covered;
-        double pv = line_[j].value;
-        size_t q = k;
-        for (; q < m && line_[q].time < y; ++q) {
-          const ULONGLONG qt = line_[q].time;
-          const double qv = line_[q].value;
-          if (qt > cur) {
-            double v0 = pv, v1 = pv;
-            if (!stepped) {
-              const double d = qv - pv;
-              v0 = pv + d * 0.0;
-              v1 = pv + d * 1.0;
-            }
-            area += (v0 + v1) / 2.0 * static_cast<double>(qt - cur);
-            covered += qt - cur;
-            cur = qt;
-          }
-          pv = qv;
-        }
-        r.area = area;
-        r.covered = covered;
-        j = q - 1;
+    if (raw) {
+      if (usable == 0) {
+        minAt = maxAt = i;
+        minValue = maxValue = firstValue = *v;
+      } else {
+        if (*v < minValue) minAt = i, minValue = *v;
+        if (*v > maxValue) maxAt = i, maxValue = *v;
+      }
+      lastValue = *v;
+      sum += *v;
+    }
+    ++usable;
+    if (state) {
+      if (st >= 0 && (*v != 0) != st) ++transitions;
+      st = *v != 0;
+    }
+    return true;
+  };
+  size_t i = a;
+  if (line) {
+    // Samples at the start itself: the line's point there is the last usable one.
+    for (double v = 0; i < b && src.Time(i) <= x; ++i) {
+      if (!take(i, &v)) continue;
+      j = i, jt = x, jv = v;
+    }
+    w.at = i == 0 ? kNone : i - 1;
+    w.point = j;
+    if (j != kNone) {
+      lineFrom = x;
+      // A point before the interval governs up to the next sample, which may lie inside.
+      const ULONGLONG to = std::min(y, j + 1 < src.Size() ? src.Time(j + 1) : kForever);
+      if (to > x) usableTime += to - x;
+    }
+  }
+  // Each sample after the start governs up to the next sample of any kind, so together
+  // they govern [their first time, y): usable samples govern that less what the others
+  // govern, which is all a walk of good samples needs to add.
+  const size_t firstAfterStart = i;
+  ULONGLONG notUsableTime = 0;
+  auto notUsable = [&](size_t i) {
+    if (line) notUsableTime += (i + 1 < b ? src.Time(i + 1) : y) - src.Time(i);
+  };
+  size_t firstInside = kNone;
+  // Up to the first usable sample inside: the line may start there, or its first
+  // segment start between two points.
+  for (double v = 0; i < b && (!line || firstInside == kNone); ++i) {
+    if (!take(i, &v)) {
+      notUsable(i);
+      continue;
+    }
+    const ULONGLONG t = src.Time(i);
+    if (line) {
+      firstInside = i;
+      if (j == kNone) {
+        cur = lineFrom = t;  // the line starts at its first usable sample
+      } else if (t > cur) {
+        const double v0 = LineValueAt(j, i, cur), v1 = LineValueAt(j, i, t);
+        area += (v0 + v1) / 2.0 * static_cast<double>(t - cur);
+        cur = t;
+      }
+    }
+    j = i, jt = t, jv = v;
+  }
+  if (line) {
+    // From point to point: the line sits at its last point (cur == jt), and
+    // LineValueAt's quotients are exactly 0 and 1.
+    const bool stepped = settings.stepped;
+    for (double v = 0; i < b; ++i) {
+      if (!take(i, &v)) {
+        notUsable(i);
         continue;
       }
-      const ULONGLONG segEnd = k < m ? std::min(y, line_[k].time) : y;
-      if (segEnd > cur) {
-        const double v0 = LineValueAt(j, cur);
-        const double v1 = LineValueAt(j, segEnd);
-        r.area += (v0 + v1) / 2.0 * static_cast<double>(segEnd - cur);
-        r.covered += segEnd - cur;
-        cur = segEnd;
+      const ULONGLONG t = src.Time(i);
+      if (t > jt) {
+        double v0 = jv, v1 = jv;
+        if (!stepped) {
+          const double d = v - jv;
+          v0 = jv + d * 0.0;
+          v1 = jv + d * 1.0;
+        }
+        area += (v0 + v1) / 2.0 * static_cast<double>(t - jt);
       }
-      if (k >= m) break;  // the last usable value holds to the end
-      j = k;
+      j = i, jt = t, jv = v;
+    }
+    if (j != kNone) {
+      if (jt > cur) cur = jt;
+      // The last point's segment to the end, sloped towards the first usable sample
+      // after the interval; the last usable value holds when there is none.
+      const size_t k = stepped ? kNone : FirstUsableFrom(b);
+      const double v0 = LineValueAt(j, k, cur), v1 = LineValueAt(j, k, y);
+      area += (v0 + v1) / 2.0 * static_cast<double>(y - cur);
+      w.covered = y - lineFrom;  // the segments are contiguous from where the line starts
+    }
+    if (w.point != kNone) w.afterPoint = firstInside != kNone ? firstInside : FirstUsableFrom(b);
+    if (firstAfterStart < b) usableTime += y - src.Time(firstAfterStart) - notUsableTime;
+    w.area = area;
+    w.usableTime = usableTime;
+  }
+  if (raw) {
+    CRawAccumulator& acc = w.raw.emplace(settings_);
+    acc.total = b - a;
+    acc.good = good;
+    acc.usable = usable;
+    acc.sum = sum;
+    if (usable) {
+      acc.min = src.Sample(minAt);
+      acc.max = src.Sample(maxAt);
+      acc.minValue = minValue, acc.maxValue = maxValue;
+      acc.firstValue = firstValue, acc.lastValue = lastValue;
     }
   }
-  integral_ = r;
-  integrated_ = true;
-  integratedFrom_ = x;
-  integratedTo_ = y;
-  return integral_;
+  if (state) {
+    w.worst = worst;
+    w.transitions = transitions;
+  }
+  if (line || state) {
+    usableBeforeAt_ = b;
+    usableBefore_ = j;
+  }
 }
 
+template <class Source>
+const typename CAggregatesCalculator<Source>::Walk& CAggregatesCalculator<Source>::WalkOf(ULONGLONG ts, ULONGLONG te,
+                                                                                          unsigned groups) const {
+  if (!walk_.valid || walk_.ts != ts || walk_.te != te) {
+    walk_ = Walk();
+    walk_.valid = true;
+    walk_.ts = ts;
+    walk_.te = te;
+    walk_.a = FirstAtOrAfter(ts);
+    walk_.b = FirstAtOrAfter(te);
+  }
+  const unsigned missing = (groups | planned_) & ~walk_.groups;
+  switch ((missing & (kWalkRaw | kWalkLine | kWalkState)) | (real_ ? 8u : 0u)) {
+#define CORVANE_WALK(G)                             \
+  case G: WalkSamples<G, false>(walk_); break;      \
+  case G | 8u: WalkSamples<G, true>(walk_); break;
+    CORVANE_WALK(1) CORVANE_WALK(2) CORVANE_WALK(3) CORVANE_WALK(4) CORVANE_WALK(5) CORVANE_WALK(6) CORVANE_WALK(7)
+#undef CORVANE_WALK
+    default: break;
+  }
+  if (missing & kWalkRegions) {
+    ForEachRegion(ts, te, [this](size_t i, ULONGLONG from, ULONGLONG to) {
+      if (i == kNone) return;
+      if (settings_.IsGood(src_.Quality(i))) walk_.goodTime += to - from;
+      if (!Usable(i)) return;
+      walk_.usableRegions += to - from;
+      if (src_.Number(i) != 0) walk_.nonZeroRegions += to - from;
+    });
+  }
+  walk_.groups |= missing;
+  return walk_;
+}
+
+template <class Source>
 template <class F>
-void CAggregatesCalculator::ForEachRegion(ULONGLONG ts, ULONGLONG te, F&& f) const {
-  const size_t n = samples_.size();
+void CAggregatesCalculator<Source>::ForEachRegion(ULONGLONG ts, ULONGLONG te, F&& f) const {
+  const size_t n = src_.Size();
   ULONGLONG cur = ts;
   size_t i = LastAtOrBefore(ts);
   if (i == kNone) {
     i = FirstAtOrAfter(ts);
-    const ULONGLONG firstTime = i < n ? std::min(te, samples_[i].time) : te;
+    const ULONGLONG firstTime = i < n ? std::min(te, src_.Time(i)) : te;
     if (firstTime > cur) f(kNone, cur, firstTime);
     cur = firstTime;
   }
   for (; cur < te && i < n; ++i) {
-    const ULONGLONG next = i + 1 < n ? std::min(te, std::max(cur, samples_[i + 1].time)) : te;
+    const ULONGLONG next = i + 1 < n ? std::min(te, std::max(cur, src_.Time(i + 1))) : te;
     if (next > cur) f(i, cur, next);
     cur = next;
   }
 }
 
-HRESULT CAggregatesCalculator::Compute(AggregateId id, ULONGLONG ts, ULONGLONG te, bool partial,
-                                       const VARIANT* lastValue, HistoryValue* out) const {
+template <class Source>
+HRESULT CAggregatesCalculator<Source>::Compute(AggregateId id, ULONGLONG ts, ULONGLONG te, bool partial,
+                                               const VARIANT* lastValue, HistoryValue* out) const {
   if (!out || te <= ts) return E_INVALIDARG;
   out->timestamp = U64ToFileTime(ts);
   out->quality = OPCUA_BAD_NO_DATA;
   const DWORD part = partial ? DWORD(kAggPartial) : 0u;
   const DWORD calculated = kAggInfoDataValue | kAggOriginCalculated | part;
   const ULONGLONG length = te - ts;
-  size_t a = 0, b = 0;
-  Bounds(ts, te, &a, &b);
+  if (id >= AGG_COUNT_OF_AGGREGATES) return HIST_E_AGGREGATE_NOT_AVAILABLE;
+  const Walk& w = WalkOf(ts, te, GroupsOf(id));
 
   switch (id) {
     case AGG_MIN:
@@ -362,43 +515,23 @@ HRESULT CAggregatesCalculator::Compute(AggregateId id, ULONGLONG ts, ULONGLONG t
     case AGG_AVG:
     case AGG_DELTA:
     case AGG_RANGE:
-    case AGG_COUNT: {
-      // The six share one pass: a read asks for several of them over the same interval.
-      if (!accumulated_ || accumulatedFrom_ != ts || accumulatedTo_ != te) {
-        accumulated_.emplace(settings_);
-        for (size_t i = a; i < b; ++i) accumulated_->Add(samples_[i]);
-        accumulatedFrom_ = ts;
-        accumulatedTo_ = te;
-      }
-      return accumulated_->Result(id, ts, part, out);
-    }
+    case AGG_COUNT:
+      return w.raw->Result(id, ts, part, out);
 
-    case AGG_NUMBER_OF_TRANSITIONS: {
-      ULONGLONG usable = 0;
-      LONG transitions = 0;
-      int state = -1;
-      // Samples before a are exactly those before ts.
-      size_t q = LinePointBefore(ts);
-      if (q != kNone) state = line_[q].value != 0;
-      for (q = q == kNone ? 0 : q + 1; q < line_.size() && line_[q].index < b; ++q) {
-        ++usable;
-        const int s = line_[q].value != 0;
-        if (state >= 0 && s != state) ++transitions;
-        state = s;
-      }
-      if (usable == 0) return S_OK;
-      SetInt(&out->value, transitions);
-      out->quality = settings_.ThresholdStatus(usable, b - a) | calculated;
+    case AGG_NUMBER_OF_TRANSITIONS:
+      if (w.raw->usable == 0) return S_OK;
+      SetInt(&out->value, w.transitions);
+      out->quality = settings_.ThresholdStatus(w.raw->usable, w.b - w.a) | calculated;
       return S_OK;
-    }
 
     case AGG_LAST: {
-      if (a == b) return S_OK;
-      const AggSample& s = samples_[b - 1];
+      if (w.a == w.b) return S_OK;
+      AggSample s = src_.Sample(w.b - 1);
       HRESULT hr = S_OK;
       if (lastValue) {
         hr = VariantCopy(&out->value, const_cast<VARIANT*>(lastValue));
       } else {
+        s.numeric = s.numeric || rawLast_;  // a NaN is still the raw value
         AggSampleToVariant(s, &out->value);
       }
       if (FAILED(hr)) return hr;
@@ -407,53 +540,37 @@ HRESULT CAggregatesCalculator::Compute(AggregateId id, ULONGLONG ts, ULONGLONG t
       return S_OK;
     }
 
-    case AGG_WORST_QUALITY: {
-      if (a == b) return S_OK;
-      DWORD worst = samples_[a].quality;
-      for (size_t i = a + 1; i < b; ++i) {
-        if (SeverityOf(samples_[i].quality) > SeverityOf(worst)) worst = samples_[i].quality;
-      }
+    case AGG_WORST_QUALITY:
+      if (w.a == w.b) return S_OK;
       out->value.vt = VT_UI4;
-      out->value.ulVal = worst;
-      out->quality = worst;
+      out->value.ulVal = w.worst;
+      out->quality = w.worst;
       return S_OK;
-    }
 
     case AGG_TIME_AVG:
     case AGG_TOTAL:
     case AGG_TOTAL_AVG: {
-      const Integral& integral = IntegralOf(ts, te);
-      if (integral.covered == 0) return S_OK;
+      if (w.covered == 0) return S_OK;
       double v = 0;
-      if (id == AGG_TIME_AVG) v = integral.area / static_cast<double>(integral.covered);
-      if (id == AGG_TOTAL) v = integral.area / kTicksPerSecond;
-      if (id == AGG_TOTAL_AVG) v = integral.area / static_cast<double>(length);
+      if (id == AGG_TIME_AVG) v = w.area / static_cast<double>(w.covered);
+      if (id == AGG_TOTAL) v = w.area / kTicksPerSecond;
+      if (id == AGG_TOTAL_AVG) v = w.area / static_cast<double>(length);
       SetDouble(&out->value, v);
-      out->quality = settings_.ThresholdStatus(integral.usableTime, length) | calculated;
+      out->quality = settings_.ThresholdStatus(w.usableTime, length) | calculated;
       return S_OK;
     }
 
     case AGG_INTERPOLATIVE: {
-      const size_t at = LastAtOrBefore(ts);
-      const size_t q = LinePointAtOrBefore(ts);
-      if (at == kNone || q == kNone) return S_OK;
-      const size_t p = line_[q].index;
-      if (line_[q].time == ts) {
-        SetDouble(&out->value, line_[q].value);
+      if (w.at == kNone || w.point == kNone) return S_OK;
+      if (src_.Time(w.point) == ts) {
+        SetDouble(&out->value, src_.Number(w.point));
         out->quality = OPCUA_GOOD | kAggInfoDataValue | kAggOriginRaw | part;
         return S_OK;
       }
-      const bool haveNext = q + 1 < line_.size();
-      const size_t n = haveNext ? line_[q + 1].index : samples_.size();
       // Non-usable samples skipped between the bounds make the value uncertain, and so
       // does a sloped value with nothing after it to slope towards.
-      bool uncertain;
-      if (settings_.stepped) {
-        uncertain = at != p;
-      } else {
-        uncertain = !haveNext || n != p + 1;
-      }
-      SetDouble(&out->value, LineValueAt(q, ts));
+      const bool uncertain = settings_.stepped ? w.at != w.point : w.afterPoint != w.point + 1;
+      SetDouble(&out->value, LineValueAt(w.point, w.afterPoint, ts));
       out->quality = (uncertain ? kAggUncertainDataSubNormal : OPCUA_GOOD) | kAggInfoDataValue |
                      kAggOriginInterpolated | part;
       return S_OK;
@@ -461,17 +578,11 @@ HRESULT CAggregatesCalculator::Compute(AggregateId id, ULONGLONG ts, ULONGLONG t
 
     case AGG_DURATION_IN_STATE_0:
     case AGG_DURATION_IN_STATE_1: {
-      ULONGLONG usableTime = 0;
-      ULONGLONG inState = 0;
-      const bool wantNonZero = id == AGG_DURATION_IN_STATE_1;
-      ForEachRegion(ts, te, [&](size_t i, ULONGLONG from, ULONGLONG to) {
-        if (i == kNone || !Usable(i)) return;
-        usableTime += to - from;
-        if ((samples_[i].Number() != 0) == wantNonZero) inState += to - from;
-      });
-      if (usableTime == 0) return S_OK;
+      if (w.usableRegions == 0) return S_OK;
+      const ULONGLONG inState =
+          id == AGG_DURATION_IN_STATE_1 ? w.nonZeroRegions : w.usableRegions - w.nonZeroRegions;
       SetDouble(&out->value, static_cast<double>(inState) / kTicksPerMs);
-      out->quality = settings_.ThresholdStatus(usableTime, length) | calculated;
+      out->quality = settings_.ThresholdStatus(w.usableRegions, length) | calculated;
       return S_OK;
     }
 
@@ -479,16 +590,12 @@ HRESULT CAggregatesCalculator::Compute(AggregateId id, ULONGLONG ts, ULONGLONG t
     case AGG_DURATION_BAD:
     case AGG_PERCENT_GOOD:
     case AGG_PERCENT_BAD: {
-      if (LastAtOrBefore(te - 1) == kNone) return S_OK;
-      ULONGLONG goodTime = 0;
-      ForEachRegion(ts, te, [&](size_t i, ULONGLONG from, ULONGLONG to) {
-        if (i != kNone && settings_.IsGood(samples_[i].quality)) goodTime += to - from;
-      });
-      const ULONGLONG badTime = length - goodTime;
+      if (w.b == 0) return S_OK;  // no sample before the interval's end
+      const ULONGLONG badTime = length - w.goodTime;
       double v = 0;
-      if (id == AGG_DURATION_GOOD) v = static_cast<double>(goodTime) / kTicksPerMs;
+      if (id == AGG_DURATION_GOOD) v = static_cast<double>(w.goodTime) / kTicksPerMs;
       if (id == AGG_DURATION_BAD) v = static_cast<double>(badTime) / kTicksPerMs;
-      if (id == AGG_PERCENT_GOOD) v = static_cast<double>(goodTime) * 100.0 / static_cast<double>(length);
+      if (id == AGG_PERCENT_GOOD) v = static_cast<double>(w.goodTime) * 100.0 / static_cast<double>(length);
       if (id == AGG_PERCENT_BAD) v = static_cast<double>(badTime) * 100.0 / static_cast<double>(length);
       SetDouble(&out->value, v);
       out->quality = OPCUA_GOOD | calculated;
@@ -499,5 +606,8 @@ HRESULT CAggregatesCalculator::Compute(AggregateId id, ULONGLONG ts, ULONGLONG t
       return HIST_E_AGGREGATE_NOT_AVAILABLE;
   }
 }
+
+template class CAggregatesCalculator<AggSampleRun>;
+template class CAggregatesCalculator<StoredColumns>;
 
 }  // namespace corvane::historian

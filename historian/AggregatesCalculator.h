@@ -5,6 +5,8 @@
 #pragma once
 #include <cmath>
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -148,95 +150,144 @@ class CRawAccumulator {
   AggregateSettings settings_;
 };
 
+// The store's 64-bit form of a number or boolean (SampleReader.h) as the aggregates take
+// it: the same sample as ToAggSample makes of the VARIANT a page would carry. False for
+// other types.
+bool FromStoredBits(VARTYPE vt, uint64_t bits, AggSample* s);
+
+// Where a calculator reads its samples, ordered by time. Samples converted one by one,
+// as pages bring them:
+struct AggSampleRun {
+  const AggSample* samples;
+  size_t count;
+
+  size_t Size() const { return count; }
+  ULONGLONG Time(size_t i) const { return samples[i].time; }
+  DWORD Quality(size_t i) const { return samples[i].quality; }
+  bool Numeric(size_t i) const { return samples[i].numeric; }
+  double Number(size_t i) const { return samples[i].Number(); }
+  double Real(size_t i) const { return samples[i].real; }  // when AllReal()
+  AggSample Sample(size_t i) const { return samples[i]; }
+  bool AllReal() const;
+};
+
+// A host's own columns of one numeric or boolean tag (ISampleReader), read in place.
+struct StoredColumns {
+  const ULONGLONG* times;
+  const DWORD* qualities;
+  const uint64_t* bits;
+  VARTYPE vt;
+  size_t count;
+
+  size_t Size() const { return count; }
+  ULONGLONG Time(size_t i) const { return times[i]; }
+  DWORD Quality(size_t i) const { return qualities[i]; }
+  bool Numeric(size_t i) const { return !AllReal() || !std::isnan(Real(i)); }
+  double Number(size_t i) const { return AllReal() ? Real(i) : Sample(i).Number(); }
+  double Real(size_t i) const {
+    double d;
+    std::memcpy(&d, &bits[i], sizeof d);
+    return d;
+  }
+  AggSample Sample(size_t i) const {
+    AggSample s;
+    s.time = times[i];
+    s.quality = qualities[i];
+    FromStoredBits(vt, bits[i], &s);
+    return s;
+  }
+  bool AllReal() const { return vt == VT_R8 || vt == VT_R4; }  // both held as doubles
+};
+
+template <class Source>
 class CAggregatesCalculator {
  public:
-  // A usable sample as the interpolated line sees it: its value is converted once here
-  // rather than at every segment of every interval that touches it.
-  struct LinePoint {
-    ULONGLONG time;
-    double value;
-    size_t index;     // in the samples
-    ULONGLONG until;  // time of the next sample of any kind: the end of what this one governs
-  };
-  // What a calculator allocates in proportion to its samples: the samples themselves
-  // and what it derives from them. A reader may hand them from one calculator to the
-  // next so that their memory is not given back and faulted in again at every read.
-  struct Buffers {
-    std::vector<AggSample> samples;
-    std::vector<unsigned char> usable;  // per sample: good and numeric
-    std::vector<LinePoint> line;        // the usable samples, in order
-  };
-
-  // `samples` must be ordered by time.
-  CAggregatesCalculator(std::vector<AggSample> samples, const AggregateSettings& settings);
-  // The same over buffers.samples; the other buffers' contents are replaced.
-  CAggregatesCalculator(Buffers buffers, const AggregateSettings& settings);
-  // Gives the buffers back; the calculator must not be used afterwards.
-  Buffers TakeBuffers() { return Buffers{std::move(samples_), std::move(usable_), std::move(line_)}; }
+  // `samples` must outlive the calculator. `rawLast`: every sample is of a numeric type
+  // and carries its raw value (a NaN included), so LAST may be made from it when no raw
+  // value is handed to Compute. `planned`: the aggregates that will be asked for, so that
+  // one walk of an interval gathers what all need.
+  CAggregatesCalculator(const Source& samples, const AggregateSettings& settings, bool rawLast,
+                        const AggregateId* planned = nullptr, ULONG plannedCount = 0);
 
   // Computes one aggregate over [ts, te) into *out (whose value is VT_EMPTY on entry).
   // `lastValue`, when not null, is the raw value of the interval's last sample, used by
-  // LAST so that texts and exotic types come back as they were.
+  // LAST so that texts and exotic types come back as they were. Callers ask for every
+  // aggregate of an interval before the next interval, in time order: an interval's
+  // samples are walked once for all of them, and what one interval leaves (the last
+  // usable sample before the next) starts the next.
   HRESULT Compute(AggregateId id, ULONGLONG ts, ULONGLONG te, bool partial, const VARIANT* lastValue,
                   HistoryValue* out) const;
-
-  const std::vector<AggSample>& Samples() const { return samples_; }
 
  private:
   static constexpr size_t kNone = static_cast<size_t>(-1);
 
-  // What the time-weighted aggregates of one interval share.
-  struct Integral {
-    double area = 0;            // under the line, in value x 100 ns
-    ULONGLONG covered = 0;      // part of the interval that the line covers
-    ULONGLONG usableTime = 0;   // part governed by a usable sample
+  // What the aggregates of one interval [ts, te) share, from one walk over its samples.
+  struct Walk {
+    ULONGLONG ts = 0, te = 0;
+    bool valid = false;
+    size_t a = 0, b = 0;        // the interval's samples [a, b)
+    unsigned groups = 0;        // what was gathered (kWalk... bits)
+    std::optional<CRawAccumulator> raw;  // MIN, MAX, AVG, DELTA, RANGE, COUNT
+    DWORD worst = 0;            // WORST_QUALITY, when a < b
+    LONG transitions = 0;       // NUMBER_OF_TRANSITIONS
+    // TIME_AVG, TOTAL, TOTAL_AVG: the area under the line in value x 100 ns, the part of
+    // the interval the line covers, and the part governed by a usable sample.
+    double area = 0;
+    ULONGLONG covered = 0, usableTime = 0;
+    // INTERPOLATIVE: the last sample at or before ts, the last usable one, and the
+    // first usable one after that (kNone when none).
+    size_t at = kNone, point = kNone, afterPoint = kNone;
+    // The four good/bad aggregates and the state durations, from the stretches that
+    // each sample governs: time of good samples, of usable ones, of usable non-zero ones.
+    ULONGLONG goodTime = 0, usableRegions = 0, nonZeroRegions = 0;
   };
+  // The groups of a walk; the first three share the walk over the samples.
+  enum : unsigned { kWalkRaw = 1, kWalkLine = 2, kWalkState = 4, kWalkRegions = 8 };
+  static unsigned GroupsOf(AggregateId id);
 
-  bool Usable(size_t i) const { return usable_[i] != 0; }
+  bool Usable(size_t i) const { return src_.Numeric(i) && settings_.IsGood(src_.Quality(i)); }
   size_t FirstAtOrAfter(ULONGLONG t) const;
   size_t LastAtOrBefore(ULONGLONG t) const;  // kNone when none
-  // Index in line_ of the last usable sample at or before t (kNone when none), and of
-  // the first usable sample after a time before which none is.
-  size_t LinePointAtOrBefore(ULONGLONG t) const;
-  size_t LinePointBefore(ULONGLONG t) const;
-  // The line's value at t from point q towards point q + 1.
-  double LineValueAt(size_t q, ULONGLONG t) const {
-    const LinePoint& a = line_[q];
-    if (settings_.stepped || q + 1 >= line_.size()) return a.value;
-    const LinePoint& b = line_[q + 1];
-    if (b.time <= a.time) return a.value;
+  // The last usable sample before index i, and the first at or after it (kNone when
+  // none): remembered, so that intervals taken in order find them at once.
+  size_t LastUsableBefore(size_t i) const;
+  size_t FirstUsableFrom(size_t i) const;
+  // The line's value at t, from usable sample j towards usable sample k (kNone: none).
+  double LineValueAt(size_t j, size_t k, ULONGLONG t) const {
+    const double av = src_.Number(j);
+    if (settings_.stepped || k == kNone) return av;
+    const ULONGLONG at = src_.Time(j), bt = src_.Time(k);
+    if (bt <= at) return av;
     // Integration asks mostly at the points themselves, where the quotient is exactly 0
     // or 1: no need to divide.
-    const ULONGLONG offset = t - a.time, span = b.time - a.time;
+    const ULONGLONG offset = t - at, span = bt - at;
     const double fraction = offset == 0      ? 0.0
                             : offset == span ? 1.0
                                              : static_cast<double>(offset) / static_cast<double>(span);
-    return a.value + (b.value - a.value) * fraction;
+    return av + (src_.Number(k) - av) * fraction;
   }
-  // Time average, total and total average of one interval integrate it once: the
-  // last interval's integral is kept, as callers compute all aggregates of an interval
-  // before the next.
-  const Integral& IntegralOf(ULONGLONG ts, ULONGLONG te) const;
-  // The raw samples [a, b) of [ts, te), kept likewise for the aggregates of one interval.
-  void Bounds(ULONGLONG ts, ULONGLONG te, size_t* a, size_t* b) const;
+  // The walk of [ts, te) holding at least `groups`.
+  const Walk& WalkOf(ULONGLONG ts, ULONGLONG te, unsigned groups) const;
+  // Real: every sample's number is its double, with no conversion.
+  template <unsigned Groups, bool Real>
+  void WalkSamples(Walk& w) const;
   // Calls f(sampleIndex or kNone, from, to) for each stretch of [ts, te) that one sample
   // (the last at or before it) governs.
   template <class F>
   void ForEachRegion(ULONGLONG ts, ULONGLONG te, F&& f) const;
 
-  std::vector<AggSample> samples_;
-  std::vector<unsigned char> usable_;  // per sample: good and numeric
-  std::vector<LinePoint> line_;        // the usable samples, in order
+  const Source src_;
   AggregateSettings settings_;
+  bool rawLast_;
+  unsigned planned_ = 0;
+  bool real_ = false;
 
-  mutable bool bounded_ = false;
-  mutable ULONGLONG boundsFrom_ = 0, boundsTo_ = 0;
-  mutable size_t boundsA_ = 0, boundsB_ = 0;
-  mutable std::optional<CRawAccumulator> accumulated_;
-  mutable ULONGLONG accumulatedFrom_ = 0, accumulatedTo_ = 0;
-  mutable bool integrated_ = false;
-  mutable ULONGLONG integratedFrom_ = 0, integratedTo_ = 0;
-  mutable Integral integral_;
+  mutable Walk walk_;
+  mutable size_t usableBeforeAt_ = kNone, usableBefore_ = kNone;
+  mutable size_t usableScanFrom_ = kNone, usableFound_ = kNone;
 };
+
+extern template class CAggregatesCalculator<AggSampleRun>;
+extern template class CAggregatesCalculator<StoredColumns>;
 
 }  // namespace corvane::historian

@@ -199,11 +199,8 @@ HRESULT CProcessedDataProvider::ReadProcessedImpl(const TagIdent* tag, const Pro
   *results = nullptr;
   if (!tag || !tag->tagName || !*tag->tagName || !request || !aggregates || aggregateCount == 0)
     return E_INVALIDARG;
-  bool wantLast = false;
-  for (ULONG i = 0; i < aggregateCount; ++i) {
+  for (ULONG i = 0; i < aggregateCount; ++i)
     if (aggregates[i] >= AGG_COUNT_OF_AGGREGATES) return HIST_E_AGGREGATE_NOT_AVAILABLE;
-    wantLast = wantLast || aggregates[i] == AGG_LAST;
-  }
   IntervalPlan plan;
   HRESULT hr = IntervalPlan::Make(FileTimeToU64(request->start), FileTimeToU64(request->end), request->periodMs,
                                   &plan);
@@ -214,148 +211,7 @@ HRESULT CProcessedDataProvider::ReadProcessedImpl(const TagIdent* tag, const Pro
   bool known = false;
   hr = IsStepped(tag, &stepped, &known);
   if (FAILED(hr)) return hr;
-  AggregateSettings settings = AggregateSettings::FromRequest(request, stepped);
-  auto usable = [&settings](const AggSample& s) { return s.numeric && settings.IsGood(s.quality); };
-
-  std::unique_ptr<CAggregatesCalculator::Buffers> buffers = TakeSpareBuffers();
-  std::vector<AggSample>& samples = buffers->samples;
-  samples.clear();
-  VariantArray lastValues(wantLast ? plan.count : 0);
-  std::vector<ULONGLONG> lastTimes(wantLast ? plan.count : 0);
-  std::vector<unsigned char> haveLast(wantLast ? plan.count : 0);
-  // The raw value that LAST will give for each interval touched by the current page:
-  // copied once when the page ends rather than at every newer sample.
-  std::vector<const VARIANT*> pageLast(wantLast ? plan.count : 0);
-  std::vector<size_t> pageTouched;
-  if (plan.count > 0) {
-    // The sample governing the start, and further back the last usable one for the line.
-    if (plan.start > 0) {
-      std::vector<AggSample> before;
-      hr = ReadRange(raw_, tag, plan.start - 1, 0, kBoundPageSize, [&](const HistoryValue& v) -> HRESULT {
-        const AggSample s = ToAggSample(v);
-        if (s.time >= plan.start) return S_OK;
-        before.push_back(s);
-        return usable(s) || before.size() >= kBoundSearchLimit ? S_FALSE : S_OK;
-      });
-      if (FAILED(hr)) return hr;
-      samples.assign(before.rbegin(), before.rend());
-    }
-    // Samples mostly come in time order: the interval of the previous one is tried first,
-    // and its LAST candidate is held here until a sample of another interval comes or
-    // the page ends.
-    size_t k = 0;
-    ULONGLONG kStart = plan.IntervalStart(0), kEnd = plan.IntervalEnd(0);
-    bool held = false, heldHave = false, heldChanged = false;
-    ULONGLONG heldTime = 0;
-    const VARIANT* heldValue = nullptr;
-    auto release = [&] {
-      if (held && heldChanged) {
-        if (!pageLast[k]) pageTouched.push_back(k);
-        pageLast[k] = heldValue;
-        lastTimes[k] = heldTime;
-        haveLast[k] = true;
-      }
-      held = false;
-    };
-    auto onSample = [&](const HistoryValue& v) -> HRESULT {
-      const AggSample s = ToAggSample(v);
-      if (s.time < plan.start || s.time >= plan.end) return S_OK;
-      samples.push_back(s);
-      if (wantLast) {
-        if (s.time < kStart || s.time >= kEnd) {
-          release();
-          k = plan.IndexOf(s.time);
-          kStart = plan.IntervalStart(k);
-          kEnd = plan.IntervalEnd(k);
-        }
-        if (!held) {
-          held = true;
-          heldChanged = false;
-          heldHave = haveLast[k] != 0;
-          heldTime = lastTimes[k];
-        }
-        if (!heldHave || s.time >= heldTime) {
-          heldHave = true;
-          heldTime = s.time;
-          heldValue = &v.value;
-          heldChanged = true;
-        }
-      }
-      return S_OK;
-    };
-    auto onPageEnd = [&]() -> HRESULT {
-      release();
-      HRESULT copied = S_OK;
-      for (const size_t touched : pageTouched) {
-        if (SUCCEEDED(copied)) {
-          VariantClear(&lastValues.items[touched]);
-          copied = VariantCopy(&lastValues.items[touched], const_cast<VARIANT*>(pageLast[touched]));
-        }
-        pageLast[touched] = nullptr;
-      }
-      pageTouched.clear();
-      return copied;
-    };
-    // Doubles, which most tags hold, are taken straight from the host's columns when it
-    // shows them: the same samples as the pages give, without a value list per page.
-    // LAST of such a tag is its last sample's number, set once the range is in.
-    size_t columnsFrom = 0, columnsTo = 0;
-    auto onColumns = [&](VARTYPE vt, const ULONGLONG* times, const DWORD* qualities, const uint64_t* bits,
-                         size_t count) -> HRESULT {
-      if (vt != VT_R8 || !bits) return E_NOTIMPL;
-      columnsFrom = samples.size();
-      samples.reserve(columnsFrom + count);
-      AggSample s;
-      s.vt = VT_R8;
-      for (size_t i = 0; i < count; ++i) {
-        s.time = times[i];
-        std::memcpy(&s.real, &bits[i], sizeof(double));
-        s.quality = qualities[i];
-        s.numeric = !std::isnan(s.real);  // as ToAggSample judges a NaN
-        samples.push_back(s);
-      }
-      columnsTo = samples.size();
-      return S_OK;
-    };
-    hr = reader_ ? VisitColumns(reader_, tag, plan.start, plan.end - 1, onColumns) : E_NOTIMPL;
-    if (hr == E_NOTIMPL) {
-      hr = ReadRange(raw_, tag, plan.start, plan.end - 1, kRawPageSize, onSample, onPageEnd);
-    } else if (SUCCEEDED(hr) && wantLast) {
-      size_t i = columnsFrom;
-      for (size_t k = 0; k < plan.count; ++k) {
-        const ULONGLONG kEnd = plan.IntervalEnd(k);
-        while (i < columnsTo && samples[i].time < kEnd) ++i;
-        if (i > columnsFrom && samples[i - 1].time >= plan.IntervalStart(k)) {
-          lastValues.items[k].vt = VT_R8;
-          lastValues.items[k].dblVal = samples[i - 1].real;
-        }
-      }
-    }
-    if (FAILED(hr)) return hr;
-    // What follows the range: only the line's slope into the last interval needs it.
-    size_t examined = 0;
-    hr = ReadRange(raw_, tag, plan.end, kLatestTime, kBoundPageSize, [&](const HistoryValue& v) -> HRESULT {
-      const AggSample s = ToAggSample(v);
-      if (s.time < plan.end) return S_OK;
-      samples.push_back(s);
-      return usable(s) || ++examined >= kBoundSearchLimit ? S_FALSE : S_OK;
-    });
-    if (FAILED(hr)) return hr;
-    // The columns come in order, between the older and the newer bounds.
-    if (columnsTo == 0 && !std::is_sorted(samples.begin(), samples.end(),
-                        [](const AggSample& x, const AggSample& y) { return x.time < y.time; })) {
-      std::stable_sort(samples.begin(), samples.end(),
-                       [](const AggSample& x, const AggSample& y) { return x.time < y.time; });
-    }
-    if (!known) {
-      for (const AggSample& s : samples) {
-        if (s.vt == VT_BOOL || s.vt == VT_BSTR) {
-          settings.stepped = true;
-          break;
-        }
-      }
-    }
-  }
+  const AggregateSettings settings = AggregateSettings::FromRequest(request, stepped);
 
   auto* block = static_cast<ProcessedResult*>(CoTaskMemAlloc(sizeof(ProcessedResult) * aggregateCount));
   if (!block) return E_OUTOFMEMORY;
@@ -370,18 +226,19 @@ HRESULT CProcessedDataProvider::ReadProcessedImpl(const TagIdent* tag, const Pro
     block[e].values = values;
     block[e].count = static_cast<ULONG>(plan.count);
   }
-
-  CAggregatesCalculator calculator(std::move(*buffers), settings);
-  // Interval by interval, so that aggregates of one interval share its passes.
-  for (size_t k = 0; k < plan.count && SUCCEEDED(hr); ++k) {
-    for (ULONG e = 0; e < aggregateCount && SUCCEEDED(hr); ++e) {
-      const VARIANT* last = wantLast && aggregates[e] == AGG_LAST ? &lastValues.items[k] : nullptr;
-      hr = calculator.Compute(aggregates[e], plan.IntervalStart(k), plan.IntervalEnd(k), plan.IsPartial(k), last,
-                              &block[e].values[k]);
+  // Interval by interval, so that aggregates of one interval share its walk.
+  auto computeAll = [&](const auto& calculator, const VARIANT* lastValues) {
+    HRESULT computed = S_OK;
+    for (size_t k = 0; k < plan.count && SUCCEEDED(computed); ++k) {
+      for (ULONG e = 0; e < aggregateCount && SUCCEEDED(computed); ++e) {
+        const VARIANT* last = lastValues && aggregates[e] == AGG_LAST ? &lastValues[k] : nullptr;
+        computed = calculator.Compute(aggregates[e], plan.IntervalStart(k), plan.IntervalEnd(k), plan.IsPartial(k),
+                                      last, &block[e].values[k]);
+      }
     }
-  }
-  *buffers = calculator.TakeBuffers();
-  KeepSpareBuffers(std::move(buffers));
+    return computed;
+  };
+  hr = plan.count > 0 ? ReadAndCompute(tag, plan, known, settings, aggregates, aggregateCount, computeAll) : S_OK;
   if (FAILED(hr)) {
     FreeProcessedResult(block, aggregateCount);
     return hr;
@@ -390,18 +247,160 @@ HRESULT CProcessedDataProvider::ReadProcessedImpl(const TagIdent* tag, const Pro
   return S_OK;
 }
 
-std::unique_ptr<CAggregatesCalculator::Buffers> CProcessedDataProvider::TakeSpareBuffers() {
+template <class F>
+HRESULT CProcessedDataProvider::ReadAndCompute(const TagIdent* tag, const IntervalPlan& plan, bool known,
+                                               AggregateSettings settings, const AggregateId* aggregates,
+                                               ULONG aggregateCount, F& computeAll) {
+  auto usable = [&settings](const AggSample& s) { return s.numeric && settings.IsGood(s.quality); };
+  // Numbers and booleans are computed in place over the host's columns when it shows
+  // them, with the same bounds as the pages below would bring: the samples up to the
+  // first usable one before the range (at most kBoundSearchLimit), and after it.
+  auto onColumns = [&](VARTYPE vt, const ULONGLONG* times, const DWORD* qualities, const uint64_t* bits,
+                       size_t count) -> HRESULT {
+    AggSample probe;
+    if (!bits || !FromStoredBits(vt, 0, &probe)) return E_NOTIMPL;
+    const StoredColumns all{times, qualities, bits, vt, count};
+    auto usableAt = [&](size_t i) { return all.Numeric(i) && settings.IsGood(all.Quality(i)); };
+    size_t lo = static_cast<size_t>(std::lower_bound(times, times + count, plan.start) - times);
+    size_t hi = static_cast<size_t>(std::lower_bound(times, times + count, plan.end) - times);
+    for (size_t seen = 0; lo > 0;) {
+      --lo;
+      if (usableAt(lo) || ++seen >= kBoundSearchLimit) break;
+    }
+    for (size_t seen = 0; hi < count;) {
+      if (usableAt(hi++) || ++seen >= kBoundSearchLimit) break;
+    }
+    if (!known) settings.stepped = vt == VT_BOOL;
+    const CAggregatesCalculator<StoredColumns> calculator(
+        StoredColumns{times + lo, qualities + lo, bits + lo, vt, hi - lo}, settings, true, aggregates,
+        aggregateCount);
+    return computeAll(calculator, nullptr);
+  };
+  HRESULT hr = reader_ ? VisitColumns(reader_, tag, 0, kLatestTime, onColumns) : E_NOTIMPL;
+  if (hr != E_NOTIMPL) return hr;
+
+  std::unique_ptr<std::vector<AggSample>> buffer = TakeSpareSamples();
+  std::vector<AggSample>& samples = *buffer;
+  samples.clear();
+  // The raw value of each interval's last sample, for LAST: copied from the pages, so
+  // that texts and exotic types come back as they were.
+  const bool wantLast = std::find(aggregates, aggregates + aggregateCount, AGG_LAST) != aggregates + aggregateCount;
+  VariantArray lastValues(wantLast ? plan.count : 0);
+  std::vector<ULONGLONG> lastTimes(wantLast ? plan.count : 0);
+  std::vector<unsigned char> haveLast(wantLast ? plan.count : 0);
+  // The raw value that LAST will give for each interval touched by the current page:
+  // copied once when the page ends rather than at every newer sample.
+  std::vector<const VARIANT*> pageLast(wantLast ? plan.count : 0);
+  std::vector<size_t> pageTouched;
+  // The sample governing the start, and further back the last usable one for the line.
+  if (plan.start > 0) {
+    std::vector<AggSample> before;
+    hr = ReadRange(raw_, tag, plan.start - 1, 0, kBoundPageSize, [&](const HistoryValue& v) -> HRESULT {
+      const AggSample s = ToAggSample(v);
+      if (s.time >= plan.start) return S_OK;
+      before.push_back(s);
+      return usable(s) || before.size() >= kBoundSearchLimit ? S_FALSE : S_OK;
+    });
+    if (FAILED(hr)) return hr;
+    samples.assign(before.rbegin(), before.rend());
+  }
+  // Samples mostly come in time order: the interval of the previous one is tried first,
+  // and its LAST candidate is held here until a sample of another interval comes or
+  // the page ends.
+  size_t k = 0;
+  ULONGLONG kStart = plan.IntervalStart(0), kEnd = plan.IntervalEnd(0);
+  bool held = false, heldHave = false, heldChanged = false;
+  ULONGLONG heldTime = 0;
+  const VARIANT* heldValue = nullptr;
+  auto release = [&] {
+    if (held && heldChanged) {
+      if (!pageLast[k]) pageTouched.push_back(k);
+      pageLast[k] = heldValue;
+      lastTimes[k] = heldTime;
+      haveLast[k] = true;
+    }
+    held = false;
+  };
+  auto onSample = [&](const HistoryValue& v) -> HRESULT {
+    const AggSample s = ToAggSample(v);
+    if (s.time < plan.start || s.time >= plan.end) return S_OK;
+    samples.push_back(s);
+    if (wantLast) {
+      if (s.time < kStart || s.time >= kEnd) {
+        release();
+        k = plan.IndexOf(s.time);
+        kStart = plan.IntervalStart(k);
+        kEnd = plan.IntervalEnd(k);
+      }
+      if (!held) {
+        held = true;
+        heldChanged = false;
+        heldHave = haveLast[k] != 0;
+        heldTime = lastTimes[k];
+      }
+      if (!heldHave || s.time >= heldTime) {
+        heldHave = true;
+        heldTime = s.time;
+        heldValue = &v.value;
+        heldChanged = true;
+      }
+    }
+    return S_OK;
+  };
+  auto onPageEnd = [&]() -> HRESULT {
+    release();
+    HRESULT copied = S_OK;
+    for (const size_t touched : pageTouched) {
+      if (SUCCEEDED(copied)) {
+        VariantClear(&lastValues.items[touched]);
+        copied = VariantCopy(&lastValues.items[touched], const_cast<VARIANT*>(pageLast[touched]));
+      }
+      pageLast[touched] = nullptr;
+    }
+    pageTouched.clear();
+    return copied;
+  };
+  hr = ReadRange(raw_, tag, plan.start, plan.end - 1, kRawPageSize, onSample, onPageEnd);
+  if (FAILED(hr)) return hr;
+  // What follows the range: only the line's slope into the last interval needs it.
+  size_t examined = 0;
+  hr = ReadRange(raw_, tag, plan.end, kLatestTime, kBoundPageSize, [&](const HistoryValue& v) -> HRESULT {
+    const AggSample s = ToAggSample(v);
+    if (s.time < plan.end) return S_OK;
+    samples.push_back(s);
+    return usable(s) || ++examined >= kBoundSearchLimit ? S_FALSE : S_OK;
+  });
+  if (FAILED(hr)) return hr;
+  auto earlier = [](const AggSample& x, const AggSample& y) { return x.time < y.time; };
+  if (!std::is_sorted(samples.begin(), samples.end(), earlier))
+    std::stable_sort(samples.begin(), samples.end(), earlier);
+  if (!known) {
+    for (const AggSample& s : samples) {
+      if (s.vt == VT_BOOL || s.vt == VT_BSTR) {
+        settings.stepped = true;
+        break;
+      }
+    }
+  }
+  hr = computeAll(CAggregatesCalculator<AggSampleRun>(AggSampleRun{samples.data(), samples.size()}, settings, false,
+                                                      aggregates, aggregateCount),
+                  wantLast ? lastValues.items.data() : nullptr);
+  KeepSpareSamples(std::move(buffer));
+  return hr;
+}
+
+std::unique_ptr<std::vector<AggSample>> CProcessedDataProvider::TakeSpareSamples() {
   {
     std::lock_guard<std::mutex> lock(spareLock_);
     if (spare_) return std::move(spare_);
   }
-  return std::make_unique<CAggregatesCalculator::Buffers>();
+  return std::make_unique<std::vector<AggSample>>();
 }
 
-void CProcessedDataProvider::KeepSpareBuffers(std::unique_ptr<CAggregatesCalculator::Buffers> buffers) {
-  if (buffers->samples.capacity() > kSpareSamples) return;  // a rare large read: its memory goes
+void CProcessedDataProvider::KeepSpareSamples(std::unique_ptr<std::vector<AggSample>> samples) {
+  if (samples->capacity() > kSpareSamples) return;  // a rare large read: its memory goes
   std::lock_guard<std::mutex> lock(spareLock_);
-  if (!spare_) spare_ = std::move(buffers);
+  if (!spare_) spare_ = std::move(samples);
 }
 
 // ---- Filtered tag statistics -----------------------------------------------------------

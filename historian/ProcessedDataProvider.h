@@ -73,11 +73,13 @@
 // returned on failure, and every raw continuation point is released. The request's
 // capability word is not used.
 //
-// Memory and threads. A read holds the samples of its range (24 bytes each, and as much
-// again for the line, which keeps the usable ones' values ready) while it computes; the
-// procedures keep ranges short by asking for a bounded number of intervals at a time.
-// The object keeps one read's buffers for the next (up to kSpareSamples samples), so
-// that repeated reads do not fault their memory in afresh. Calls may come from any
+// Memory and threads. Each interval's samples are walked once for all the aggregates
+// asked. Over a host that shows its columns (ISampleReader) a read computes in place,
+// under the host's read lock, and holds no copy; otherwise it holds the samples of its
+// range (24 bytes each) while it computes, and the procedures keep ranges short by
+// asking for a bounded number of intervals at a time. The object keeps one paged read's
+// buffer for the next (up to kSpareSamples samples), so that repeated reads do not fault
+// their memory in afresh. Calls may come from any
 // thread at once; the raw provider is called on the caller's thread and must be as
 // thread-safe as its own contract says.
 //
@@ -122,7 +124,7 @@ class CProcessedDataProvider final : public IProcessedDataProvider {
   static constexpr ULONG kRawPageSize = 10000;
   static constexpr size_t kBoundSearchLimit = 10000;
   // Sample buffers up to this many samples (a week of one-second samples and more) are
-  // kept for the next read rather than given back to the system: about 50 MB at most.
+  // kept for the next read rather than given back to the system: about 25 MB at most.
   // Buffers that size come straight from the system's page mapper and would be faulted
   // in afresh by every read, which made a week's statement ten times slower.
   static constexpr size_t kSpareSamples = size_t(1) << 20;
@@ -166,13 +168,19 @@ class CProcessedDataProvider final : public IProcessedDataProvider {
                          const ProcessedReadRequest* request, ULONG maxNames, void** continuation,
                          ULONG* nameCount, BSTR** names, HistoryValueList** values);
   HRESULT IsStepped(const TagIdent* tag, bool* stepped, bool* known);
+  // Reads the plan's range with the samples that bound it, from the host's columns in
+  // place when it shows them, else from pages, and hands a calculator over them to
+  // computeAll(calculator, raw LAST value per interval or null).
+  template <class F>
+  HRESULT ReadAndCompute(const TagIdent* tag, const IntervalPlan& plan, bool known, AggregateSettings settings,
+                         const AggregateId* aggregates, ULONG aggregateCount, F& computeAll);
   HRESULT ListTags(const WString (&filters)[3], std::vector<WString>* names);
   HRESULT TagStatistics(const WString& name, ULONGLONG low, ULONGLONG high, const ProcessedReadRequest* request,
                         HistoryValue* four);
 
-  // The buffers of an earlier read when there are some, else empty ones; and back.
-  std::unique_ptr<CAggregatesCalculator::Buffers> TakeSpareBuffers();
-  void KeepSpareBuffers(std::unique_ptr<CAggregatesCalculator::Buffers> buffers);
+  // The sample buffer of an earlier read when there is one, else an empty one; and back.
+  std::unique_ptr<std::vector<AggSample>> TakeSpareSamples();
+  void KeepSpareSamples(std::unique_ptr<std::vector<AggSample>> samples);
 
   std::unique_ptr<StatisticsCursor> TakeCursor(void* token);
   void* KeepCursor(std::unique_ptr<StatisticsCursor> cursor);
@@ -186,7 +194,7 @@ class CProcessedDataProvider final : public IProcessedDataProvider {
   std::unordered_map<void*, std::unique_ptr<StatisticsCursor>> cursors_;
   std::deque<void*> cursorOrder_;
   std::mutex spareLock_;
-  std::unique_ptr<CAggregatesCalculator::Buffers> spare_;
+  std::unique_ptr<std::vector<AggSample>> spare_;
 };
 
 }  // namespace corvane::historian

@@ -1,6 +1,6 @@
 // A way for a reader in the same process to scan a tag's samples without paging them
-// through allocated value lists: the host shows its own columns for the length of a
-// callback. Hosts that do not offer it are read through IRawDataProvider.
+// through allocated value lists or copying them: the host shows its own columns for the
+// length of a callback. Hosts that do not offer it are read through IRawDataProvider.
 #pragma once
 #include <cstddef>
 #include <cstdint>
@@ -12,7 +12,9 @@ namespace corvane::historian {
 // Sees the `count` samples of a range, oldest first: their times, qualities and, for a
 // tag of a numeric or boolean type `vt`, their values in the store's 64-bit form (the
 // IEEE bits of a double for VT_R8 and VT_R4, the integer otherwise; null for texts).
-// The arrays live only for the call; what it returns is returned.
+// The arrays live only for the call, during which the host holds its read lock: a
+// visitor may compute over them in place, but must not call the host back. What it
+// returns is returned.
 using ColumnVisitor = HRESULT (*)(void* context, VARTYPE vt, const ULONGLONG* times, const DWORD* qualities,
                                   const uint64_t* bits, size_t count);
 

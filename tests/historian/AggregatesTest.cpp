@@ -309,7 +309,11 @@ std::string Exact(const Answer& a) {
     text += "\naggregate " + std::to_string(e) + ":";
     for (ULONG k = 0; k < a.result[e].count; ++k) {
       const HistoryValue& v = a.At(e, k);
-      const LONGLONG bits = v.value.vt == VT_R8 ? v.value.llVal : v.value.vt == VT_EMPTY ? 0 : v.value.lVal;
+      // Only the bytes the type defines: a narrow value may leave the rest of the union unset.
+      const LONGLONG bits = v.value.vt == VT_R8     ? v.value.llVal
+                            : v.value.vt == VT_BOOL ? v.value.boolVal
+                            : v.value.vt == VT_EMPTY ? 0
+                                                     : v.value.lVal;
       text += " " + std::to_string(v.value.vt) + "/" + std::to_string(bits) + "/" + std::to_string(v.quality) + "/" +
               std::to_string(FileTimeToU64(v.timestamp));
     }
@@ -317,9 +321,9 @@ std::string Exact(const Answer& a) {
   return text;
 }
 
-// The reference historian shows a double tag's range as columns instead of pages: every
-// aggregate must come out bit for bit as through the pages, NaN, bad and uncertain
-// samples included.
+// The reference historian shows a numeric or boolean tag's range as columns instead of
+// pages: every aggregate must come out bit for bit as through the pages, NaN, bad and
+// uncertain samples included.
 TEST_F(AggregatesTest, StoreColumnsGiveWhatPagesGive) {
   TagDefinition noisy;
   noisy.name = OLESTR("Noisy");
@@ -331,7 +335,8 @@ TEST_F(AggregatesTest, StoreColumnsGiveWhatPagesGive) {
   }));
   IProcessedDataProvider* columns = nullptr;
   ASSERT_EQ(S_OK, CProcessedDataProvider::Create(raw_, &columns));
-  for (const OLECHAR* tag : {OLESTR("Flow"), OLESTR("FlowStep"), OLESTR("Level"), OLESTR("Noisy")}) {
+  for (const OLECHAR* tag :
+       {OLESTR("Flow"), OLESTR("FlowStep"), OLESTR("Level"), OLESTR("Noisy"), OLESTR("Pump"), OLESTR("Late")}) {
     for (double period : {7000.0, 25000.0, 0.0}) {
       Answer pages, cols;
       Read(pages, tag, -3, 131, period, AllAggregates());
