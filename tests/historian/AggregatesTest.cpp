@@ -47,6 +47,8 @@ const PlantTag kPlant[] = {
     {OLESTR("Pump"), VT_BOOL, true, {{-20, 1, 0}, {10, 0, 0}, {30, 1, 0}, {60, 1, 0}, {70, 0, kBadQ}, {80, 0, 0}}},
     {OLESTR("Level"), VT_R8, false, {{0, 10, 0}, {10, 20, kUncertainQ}, {20, 30, 0}, {30, 40, kUncertainQ}}},
     {OLESTR("Late"), VT_I4, false, {{50, 5, 0}}},
+    // Two samples at 10 s on two pages: the host answers the one at 10.5 s as at 10 s.
+    {OLESTR("Twin"), VT_R8, false, {{0, 10, 0}, {10, 20, 0}, {10.5, 40, kUncertainQ}, {20, 40, 0}, {30, 40, 0}}},
     {OLESTR("Mode"), VT_BSTR, true, {{0, 'A', 0}, {10, 'B', 0}}},  // texts of one character
     {OLESTR("HiddenReal"), VT_R8, true, {{0, 0, 0}, {10, 10, 0}}},
     {OLESTR("HiddenBool"), VT_BOOL, false, {{0, 0, 0}, {10, 1, 0}}},
@@ -81,6 +83,7 @@ class AggregatesTest : public HistorianFixture {
     for (auto* host : {&host_, &unbrowsed_}) {
       *host = corvane::testing::CFaultInjectingHost::Create(raw_);
       (*host)->ForcePageSize(2);
+      (*host)->Restamp(T(10.5), T(10));  // only "Twin" has a sample there
     }
     unbrowsed_->FailCall(HostOp::BrowseTags, 0, E_FAIL);
     ASSERT_EQ(S_OK, CProcessedDataProvider::Create(host_, &processed_));
@@ -204,6 +207,10 @@ TEST_F(AggregatesTest, EachAggregateOfEachIntervalAsWorkedOut) {
       {OLESTR("Flow"), 0, 120, 30000,
        {AGG_MIN, AGG_MAX, AGG_AVG, AGG_DELTA, AGG_RANGE, AGG_COUNT, AGG_LAST, AGG_WORST_QUALITY}, 3, "- 809B0000 @90"},
       // Texts count but have no numeric value.
+      // Two samples at one time: LAST takes the later one, COUNT both, and the line jumps.
+      {OLESTR("Twin"), 0, 20, 0, {AGG_LAST}, 0, "40 40000000 @10"},
+      {OLESTR("Twin"), 0, 20, 0, {AGG_COUNT}, 0, "i3"},
+      {OLESTR("Twin"), 0, 30, 0, {AGG_TIME_AVG}, 0, "31.66666667 401 @0"},
       {OLESTR("Mode"), 0, 20, 0, {AGG_MIN, AGG_AVG, AGG_TIME_AVG}, 0, "- 809B0000 @0"},
       {OLESTR("Mode"), 0, 20, 0, {AGG_COUNT}, 0, "i2 401"},
       {OLESTR("Mode"), 0, 20, 0, {AGG_LAST}, 0, "'B' * @10"},

@@ -119,6 +119,10 @@ HRESULT CFaultInjectingHost::ReadRaw(const TagIdent* tag, FILETIME start, FILETI
   void* before = continuation ? *continuation : nullptr;
   HRESULT hr = raw_->ReadRaw(tag, start, end, maxValues, flags, continuation, values);
   if (continuation) Track(before, *continuation);
+  if (SUCCEEDED(hr) && values && *values && restampFrom_.load())
+    for (ULONG i = 0; i < (*values)->count; ++i)
+      if (FileTimeToU64((*values)->values[i].timestamp) == restampFrom_.load())
+        (*values)->values[i].timestamp = U64ToFileTime(restampTo_.load());
   return hr;
 }
 

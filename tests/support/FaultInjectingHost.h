@@ -42,6 +42,9 @@ class CFaultInjectingHost final : public IRawDataProvider, public IProcessedData
   void FailCall(Op op, ULONG n, HRESULT hr);
   // Raw reads ask the wrapped host for at most this many samples (0: as the caller asks).
   void ForcePageSize(ULONG maxValues) { pageSize_ = maxValues; }
+  // Raw samples stamped `from` are answered as stamped `to`: a host that hands out two
+  // samples of one time, which the reference store never holds.
+  void Restamp(ULONGLONG from, ULONGLONG to) { restampFrom_ = from, restampTo_ = to; }
   // Every call waits this long before it does anything.
   // QueryInterface refuses this interface (IID_IProcessedDataProvider or IID_IValuesProvider).
   void Omit(REFIID iid);
@@ -110,6 +113,7 @@ class CFaultInjectingHost final : public IRawDataProvider, public IProcessedData
   bool omitProcessed_ = false;
   bool omitValues_ = false;
   std::atomic<ULONG> pageSize_{0};
+  std::atomic<ULONGLONG> restampFrom_{0}, restampTo_{0};
   std::atomic<ULONG> calls_[static_cast<int>(Op::Count)] = {};
   mutable std::mutex lock_;
   std::vector<Rule> rules_;
