@@ -354,7 +354,7 @@ HRESULT ChangeRawDataTable(Execution& ex, CRawDataChange::Kind kind, ULONG64* ch
   const CSQLSelectItemTable* table = nullptr;
   HRESULT hr = CheckRawDataStatement(ex, &table);
   if (FAILED(hr)) return hr;
-  CRawDataChange change(kind, ex.dataSource, ex.query, ex.request.binding);
+  CRawDataChange change(kind, ex.dataSource, ex.query, *ex.plan.table, ex.request.binding);
   return change.Run(changed, &ex.message);
 }
 

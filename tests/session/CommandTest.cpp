@@ -161,6 +161,7 @@ TEST_F(CommandText, PreparedCommandDescribesItsColumns) {
         OLESTR("SELECT Value, Timestamp FROM GET_VALUES('2000-01-01', '2100-01-01', 3, 'Area1.Temp')"),
         OLESTR("SELECT Timestamp, MIN_Value AS low FROM HDA_ANALOG('2000-01-01', '2100-01-01', 0, 'Area1.Temp')"),
         OLESTR("EXEC GET_MOST_RECENT_VALUE 'Area1.Temp'"),
+        OLESTR("DELETE FROM RAWDATA WHERE TAGNAME = 'Area1.Temp' AND TIMESTAMP = '1999-01-01 00:00:00'"),
         OLESTR("SELECT TAGNAME, DataTypeToStr(DATATYPE), 1.5 FROM TAGS")}) {
     SetText(statement);
     ASSERT_EQ(S_OK, Prepare());
