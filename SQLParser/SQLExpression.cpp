@@ -10,6 +10,7 @@
 #include "SQLParser/SQLCalcItemTableColumn.h"
 #include "SQLParser/SQLFunction.h"
 #include "SQLParser/TimeConversion.h"
+#include "SQLParser/WalkStack.h"
 
 using corvane::WString;
 
@@ -181,16 +182,21 @@ HRESULT Bind(const CSQLCalcItem* expression, const SQLBindContext& context, std:
 
 HRESULT CheckFunctionCalls(const CSQLCalcItem* expression, WString* message) {
   try {
-    std::vector<const CSQLCalcItem*> pending{expression};
-    while (!pending.empty()) {
-      const CSQLCalcItem* item = pending.back();
-      pending.pop_back();
+    CWalkStack<const CSQLCalcItem*> pending;
+    pending.Push(expression);
+    while (!pending.Empty()) {
+      const CSQLCalcItem* item = pending.Pop();
       if (!item || item->Kind() != SQL_CALC_FUNCTION) continue;
       const auto& call = static_cast<const CSQLCalcItemFunction&>(*item);
-      std::unique_ptr<CSQLFunction> function;
-      const HRESULT hr = CreateCheckedFunction(call, &function, message);
-      if (FAILED(hr)) return hr;
-      for (const auto& argument : call.Arguments()) pending.push_back(argument.get());
+      // Every Prepare checks its calls: a sound call is settled by the function table
+      // alone, and only a bad one makes the function object that words its message.
+      const SQLFunctionInfo* entry = FindSQLFunction(call.Name());
+      if (!entry || entry->arity != call.ArgumentCount()) {
+        std::unique_ptr<CSQLFunction> function;
+        const HRESULT hr = CreateCheckedFunction(call, &function, message);
+        if (FAILED(hr)) return hr;
+      }
+      for (const auto& argument : call.Arguments()) pending.Push(argument.get());
     }
     return S_OK;
   } catch (const std::bad_alloc&) {

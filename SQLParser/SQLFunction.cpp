@@ -1,5 +1,6 @@
 #include "SQLParser/SQLFunction.h"
 
+#include <array>
 #include <new>
 #include <type_traits>
 
@@ -172,8 +173,16 @@ static_assert(std::is_base_of<CSQLFunctionAggregate, CSQLFunctionCOUNT>::value, 
 }  // namespace
 
 const SQLFunctionInfo* FindSQLFunction(corvane::WStringView name) {
-  for (const SQLFunctionInfo& entry : kFunctions)
-    if (corvane::WIEquals(name, entry.name)) return &entry;
+  // The names measured once: every Prepare looks each of its calls up here.
+  constexpr size_t kCount = sizeof kFunctions / sizeof kFunctions[0];
+  static const auto lengths = [] {
+    std::array<size_t, kCount> n{};
+    for (size_t i = 0; i < kCount; ++i) n[i] = corvane::WLen(kFunctions[i].name);
+    return n;
+  }();
+  for (size_t i = 0; i < kCount; ++i)
+    if (lengths[i] == name.size() && corvane::WICmp(name, corvane::WStringView(kFunctions[i].name, lengths[i])) == 0)
+      return &kFunctions[i];
   return nullptr;
 }
 

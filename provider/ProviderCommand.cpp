@@ -3,10 +3,7 @@
 #include <cstring>
 #include <new>
 
-#include "SQLParser/SQLCalcItemFunction.h"
-#include "SQLParser/SQLCalcItemParameter.h"
 #include "SQLParser/SQLParser.h"
-#include "SQLParser/WalkStack.h"
 #include "base/Bstr.h"
 #include "base/ComPtr.h"
 #include "base/TaskMem.h"
@@ -50,59 +47,6 @@ class CRowsetCreator final : public IUnknown {
   }
   std::atomic<ULONG> refs_{1};
   CProviderCommand* command_;
-};
-
-// The highest `?` number among the expression items of a statement, and the first
-// function call that cannot be bound (an unknown name, another number of arguments).
-class ParameterCounter {
- public:
-  void Item(const CSQLCalcItem* item) {
-    if (item && item->Kind() == SQL_CALC_FUNCTION && SUCCEEDED(badCall))
-      badCall = CheckFunctionCalls(item, &badCallMessage);
-    items_.Push(item);
-    while (!items_.Empty()) {
-      const CSQLCalcItem* next = items_.Pop();
-      if (!next) continue;
-      if (next->Kind() == SQL_CALC_PARAMETER) {
-        const int n = static_cast<const CSQLCalcItemParameter*>(next)->Number();
-        if (n > highest) highest = n;
-      } else if (next->Kind() == SQL_CALC_FUNCTION) {
-        for (const auto& arg : static_cast<const CSQLCalcItemFunction*>(next)->Arguments()) items_.Push(arg.get());
-      }
-    }
-  }
-  // Conditions can be long AND chains: walked without recursion.
-  void Condition(const CSQLConditionNode* root) {
-    nodes_.Push(root);
-    while (!nodes_.Empty()) {
-      const CSQLConditionNode* node = nodes_.Pop();
-      if (!node) continue;
-      Item(node->FirstOperand());
-      Item(node->SecondOperand());
-      nodes_.Push(node->Left());
-      nodes_.Push(node->Right());
-    }
-  }
-  void Query(const CSQLQueryInfo& q) {
-    for (const auto& c : q.SelectColumns()) Item(c->Item());
-    for (const auto& from : q.FromItems())
-      if (from->Kind() == SQL_SELECT_ITEM_SP)
-        for (const auto& p : static_cast<const CSQLSelectItemSP&>(*from).Parameters()) Item(p.get());
-    Condition(q.Condition());
-    auto lists = [this](const auto& info) {
-      for (const auto& c : info.Columns()) Item(c.get());
-      for (const auto& v : info.Values()) Item(v.get());
-    };
-    if (q.StatementKind() == SQL_STATEMENT_INSERT) lists(static_cast<const CSQLQueryInfoINSERT&>(q));
-    if (q.StatementKind() == SQL_STATEMENT_UPDATE) lists(static_cast<const CSQLQueryInfoUPDATE&>(q));
-  }
-  int highest = 0;
-  HRESULT badCall = S_OK;
-  WString badCallMessage;
-
- private:
-  CWalkStack<const CSQLCalcItem*> items_;
-  CWalkStack<const CSQLConditionNode*> nodes_;
 };
 
 ULONG64 Ticks(const FILETIME& ft) { return (static_cast<ULONG64>(ft.dwHighDateTime) << 32) | ft.dwLowDateTime; }
@@ -297,14 +241,13 @@ HRESULT CProviderCommand::PrepareLocked() {
     CVTRACE(TRACE_ERROR, OLESTR("ERROR in CProviderCommand::SetCommandText, No command text was set"));
     return PostMessage(IID_ICommandPrepare, E_FAIL, OLESTR("No command text was set."));
   }
-  ParameterCounter counter;
-  counter.Query(*query);
-  if (FAILED(counter.badCall)) {
-    CVTRACE(TRACE_ERROR, OLESTR("ERROR in CProviderCommand::Prepare, %s"), counter.badCallMessage.c_str());
-    return PostMessage(IID_ICommandPrepare, counter.badCall, counter.badCallMessage.c_str());
-  }
   std::shared_ptr<const StatementPlan> plan;
-  hr = StatementPlan::Make(std::move(query), counter.highest, &plan);
+  WString callMessage;
+  hr = StatementPlan::Make(std::move(query), &plan, &callMessage);
+  if (FAILED(hr) && !callMessage.empty()) {
+    CVTRACE(TRACE_ERROR, OLESTR("ERROR in CProviderCommand::Prepare, %s"), callMessage.c_str());
+    return PostMessage(IID_ICommandPrepare, hr, callMessage.c_str());
+  }
   if (SUCCEEDED(hr) && plan->unknownColumn) {
     CVTRACE(TRACE_ERROR, OLESTR("Column '%s' is not a column of table '%s'"), plan->unknownColumn->ColumnName().c_str(),
             plan->source->Name.c_str());
@@ -315,15 +258,10 @@ HRESULT CProviderCommand::PrepareLocked() {
     return PostMessage(IID_ICommandPrepare, hr,
                        OLESTR("Unable to initialize output columns. Please, check the column names."));
   }
+  // The column descriptions are the plan's: IColumnsInfo reads them as they are, so
+  // there is no binding step left that could fail here.
   plan_ = std::move(plan);
-  hr = CreateColumnBindings();
-  if (FAILED(hr)) {
-    CVTRACE(TRACE_ERROR, OLESTR("ERROR in CProviderCommand::SetCommandText, Failed to create column bindings"));
-    PostMessage(IID_ICommandPrepare, hr, OLESTR("Unable to create column bindings."));
-    UnprepareLocked();
-    return hr;
-  }
-  return hr;
+  return S_OK;
 }
 
 HRESULT CProviderCommand::Unprepare() {
@@ -334,30 +272,9 @@ HRESULT CProviderCommand::Unprepare() {
   return S_OK;
 }
 
-void CProviderCommand::UnprepareLocked() {
-  plan_.reset();
-  columnBindings_.clear();
-}
+void CProviderCommand::UnprepareLocked() { plan_.reset(); }
 
 long CProviderCommand::PreparedParameterCount() { return plan_ ? plan_->parameterCount : -1; }
-
-HRESULT CProviderCommand::CreateColumnBindings() {
-  columnBindings_.clear();
-  DBORDINAL ordinal = 0;
-  for (const auto& c : plan_->columns) {
-    DBCOLUMNINFO info;
-    std::memset(&info, 0, sizeof info);
-    info.iOrdinal = ++ordinal;
-    info.dwFlags = c.dwFlags;
-    info.wType = c.wType;
-    info.ulColumnSize = static_cast<DBLENGTH>(c.ColumnSize);
-    info.bPrecision = 255;
-    info.bScale = 255;
-    info.columnid.eKind = DBKIND_NAME;
-    columnBindings_.push_back(info);
-  }
-  return S_OK;
-}
 
 // ---- IColumnsInfo
 
@@ -370,23 +287,34 @@ HRESULT CProviderCommand::GetColumnInfo(DBORDINAL* pcColumns, DBCOLUMNINFO** prg
   if (!pcColumns || !prgInfo || !ppStringsBuffer) return E_INVALIDARG;
   corvane::platform::CriticalSectionLock guard(CommandLock());
   if (!plan_) return hasText_ ? DB_E_NOTPREPARED : DB_E_NOCOMMAND;
-  if (columnBindings_.empty()) return S_OK;
+  const StatementPlan& plan = *plan_;
+  const size_t count = plan.ColumnCount();
+  if (count == 0) return S_OK;
   size_t chars = 0;
-  for (const auto& c : plan_->columns) chars += c.name.size() + 1;
-  auto infos = corvane::TaskMem<DBCOLUMNINFO>::Allocate(columnBindings_.size());
+  for (size_t i = 0; i < count; ++i) chars += plan.ColumnAt(i).name.size() + 1;
+  auto infos = corvane::TaskMem<DBCOLUMNINFO>::Allocate(count);
   auto strings = corvane::TaskMem<OLECHAR>::Allocate(chars);
   if (!infos || !strings) return E_OUTOFMEMORY;
   OLECHAR* next = strings.Get();
-  for (size_t i = 0; i < columnBindings_.size(); ++i) {
-    infos[i] = columnBindings_[i];
-    const corvane::WStringView name = plan_->columns[i].name;
+  for (size_t i = 0; i < count; ++i) {
+    const StatementPlan::Column column = plan.ColumnAt(i);
+    DBCOLUMNINFO& info = infos[i];
+    std::memset(&info, 0, sizeof info);
+    info.iOrdinal = i + 1;
+    info.dwFlags = column.dwFlags;
+    info.wType = column.wType;
+    info.ulColumnSize = static_cast<DBLENGTH>(column.ColumnSize);
+    info.bPrecision = 255;
+    info.bScale = 255;
+    info.columnid.eKind = DBKIND_NAME;
+    const corvane::WStringView name = column.name;
     std::memcpy(next, name.data(), name.size() * sizeof(OLECHAR));
     next[name.size()] = 0;
-    infos[i].pwszName = next;
-    infos[i].columnid.uName.pwszName = next;
+    info.pwszName = next;
+    info.columnid.uName.pwszName = next;
     next += name.size() + 1;
   }
-  *pcColumns = columnBindings_.size();
+  *pcColumns = count;
   *prgInfo = infos.Detach();
   *ppStringsBuffer = strings.Detach();
   return S_OK;
@@ -404,8 +332,8 @@ HRESULT CProviderCommand::MapColumnIDs(DBORDINAL cColumnIDs, const DBID rgColumn
     rgColumns[i] = DB_INVALIDCOLUMN;
     const DBID& id = rgColumnIDs[i];
     if (id.eKind != DBKIND_NAME || !id.uName.pwszName) continue;
-    for (size_t c = 0; c < plan_->columns.size(); ++c) {
-      if (corvane::WIEquals(plan_->columns[c].name, id.uName.pwszName)) {
+    for (size_t c = 0; c < plan_->ColumnCount(); ++c) {
+      if (corvane::WIEquals(plan_->ColumnAt(c).name, id.uName.pwszName)) {
         rgColumns[i] = c + 1;
         ++found;
         break;
@@ -714,7 +642,7 @@ HRESULT CProviderCommand::CreateAccessor(DBACCESSORFLAGS dwAccessorFlags, DBCOUN
     DBBINDSTATUS status = DBBINDSTATUS_OK;
     // The columns are known once prepared; conversions are checked by the rowset that
     // inherits the accessor, at Execute.
-    if (b.iOrdinal == 0 || (rows && plan_ && b.iOrdinal > plan_->columns.size()))
+    if (b.iOrdinal == 0 || (rows && plan_ && b.iOrdinal > plan_->ColumnCount()))
       status = DBBINDSTATUS_BADORDINAL;
     else if (!(b.dwPart & (DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS)) ||
              (b.dwPart & ~static_cast<DBPART>(DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS)))

@@ -96,7 +96,6 @@ class CProviderCommand final : public ICommandText,
   void TraceUnsupported(HRESULT hr, REFIID riid);
   HRESULT PrepareLocked();
   void UnprepareLocked();
-  HRESULT CreateColumnBindings();
   HRESULT FillParameters(const DBPARAMS& params, std::vector<VARIANT>& values);
   HRESULT ConvertToDescribedType(IDataConvert* convert, DBTYPE described, DBTYPE boundType, DBLENGTH length,
                                  void* source, BYTE precision, BYTE scale, DBDATACONVERT flags, VARIANT* value);
@@ -113,7 +112,6 @@ class CProviderCommand final : public ICommandText,
   GUID dialect_;
   // The prepared statement; the rowsets of earlier executions may still share it.
   std::shared_ptr<const StatementPlan> plan_;
-  std::vector<DBCOLUMNINFO> columnBindings_;
 
   FILETIME nowUtc_{};
   FILETIME nowLocal_{};

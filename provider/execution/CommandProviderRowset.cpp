@@ -31,6 +31,7 @@ namespace {
 struct Execution {
   const CommandExecutionRequest& request;
   const StatementPlan& plan;
+  const std::shared_ptr<const StatementPlan>& sharedPlan;  // what the rowset keeps alive
   const CSQLQueryInfo& query;
   IProviderDataSource* dataSource;
   std::unique_ptr<CDataStore> store;
@@ -150,20 +151,25 @@ HRESULT ServeSelectList(Execution& ex, std::unique_ptr<CDataProvider> source, co
     return ex.store->Initialize(std::move(source), columns, count > 0 ? static_cast<ULONGLONG>(count) : 0);
   }
   std::unique_ptr<CSelectListProducer> producer(
-      new (std::nothrow) CSelectListProducer(std::move(source), info, std::move(outputs), ex.plan.query, skip, count));
+      new (std::nothrow) CSelectListProducer(std::move(source), info, std::move(outputs),
+                                              StatementPlan::Statement(ex.sharedPlan), skip, count));
   if (!producer) return E_OUTOFMEMORY;
   hr = producer->Bind(ex.request.binding, &ex.message);
   if (FAILED(hr)) return hr;
   return ex.store->Initialize(std::move(producer), columns);
 }
 
-// The select list over `source`: as the plan bound it, or bound now when the execution's
-// `?` values can change it.
+// The select list over `source`: as the plan shaped it, or bound now when the
+// execution's `?` values can change it.
 HRESULT OutputsOf(Execution& ex, const TableInfo& source, std::vector<CSelectListProducer::Output>* outputs,
                   bool* plain) {
   if (!ex.plan.outputsBound)
     return CSelectListProducer::BindOutputs(ex.query, source, ex.request.binding, outputs, plain, &ex.message);
-  *outputs = ex.plan.outputs;
+  try {
+    CSelectListProducer::MakeOutputs(ex.plan.shapes, source, outputs);
+  } catch (const std::bad_alloc&) {
+    return E_OUTOFMEMORY;
+  }
   *plain = ex.plan.plainColumnsOnly;
   return S_OK;
 }
@@ -348,7 +354,7 @@ HRESULT ChangeRawDataTable(Execution& ex, CRawDataChange::Kind kind, ULONG64* ch
   const CSQLSelectItemTable* table = nullptr;
   HRESULT hr = CheckRawDataStatement(ex, &table);
   if (FAILED(hr)) return hr;
-  CRawDataChange change(kind, ex.dataSource, ex.query, ex.request.binding);
+  CRawDataChange change(kind, ex.dataSource, ex.query, *ex.plan.table, ex.request.binding);
   return change.Run(changed, &ex.message);
 }
 
@@ -522,11 +528,15 @@ HRESULT CCommandProviderRowset::Execute(const CommandExecutionRequest& request, 
     parse.queryText = request.commandText;
     std::unique_ptr<CSQLQueryInfo> parsed;
     HRESULT hr = CSQLParser::ParseQuery(parse, &parsed);
-    if (SUCCEEDED(hr)) hr = parsed ? StatementPlan::Make(std::move(parsed), static_cast<long>(request.binding.parameterCount), &plan) : E_INVALIDARG;
-    if (FAILED(hr)) return hr;
+    WString callMessage;
+    if (SUCCEEDED(hr)) hr = parsed ? StatementPlan::Make(std::move(parsed), &plan, &callMessage) : E_INVALIDARG;
+    if (FAILED(hr)) {
+      if (request.message && !callMessage.empty()) *request.message = std::move(callMessage);
+      return hr;
+    }
   }
   const CSQLQueryInfo* query = plan->query.get();
-  Execution ex{request, *plan, *query, request.dataSource, nullptr, -1, {}, {}, {}};
+  Execution ex{request, *plan, plan, *query, request.dataSource, nullptr, -1, {}, {}, {}};
   HRESULT hr;
   switch (query->StatementKind()) {
     case SQL_STATEMENT_SELECT: hr = ExecuteSqlSELECT(ex); break;

@@ -137,8 +137,8 @@ struct CRawDataChange::TagChanges {
 };
 
 CRawDataChange::CRawDataChange(Kind kind, IProviderDataSource* dataSource, const CSQLQueryInfo& statement,
-                               const SQLBindContext& context)
-    : kind_(kind), dataSource_(dataSource), statement_(statement), context_(context) {}
+                               const TableInfo& table, const SQLBindContext& context)
+    : kind_(kind), dataSource_(dataSource), statement_(statement), table_(table), context_(context) {}
 
 CRawDataChange::~CRawDataChange() = default;
 
@@ -426,8 +426,7 @@ HRESULT CRawDataChange::Run(ULONG64* changed, WString* message) {
     if (from.size() != 1 || from[0]->Kind() != SQL_SELECT_ITEM_TABLE) return E_INVALIDARG;
     plan.catalog = static_cast<const CSQLSelectItemTable&>(*from[0]).Catalog();
     plan.schema = static_cast<const CSQLSelectItemTable&>(*from[0]).Schema();
-    plan.columns = CTableFactory::FindTableInfo(OLESTR("RAWDATA"));
-    if (!plan.columns) return E_UNEXPECTED;
+    plan.columns = &table_;
     const std::vector<ColumnRecord>& columns = plan.columns->Columns;
 
     HRESULT hr = CRowCondition::Create(statement_.Condition(), columns, plan.columns->Name, context_,

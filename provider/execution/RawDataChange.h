@@ -22,11 +22,14 @@
 #include "platform/WideString.h"
 #include "provider/IProviderDataSource.h"
 
+struct TableInfo;
+
 class CRawDataChange {
  public:
   enum class Kind { kDelete, kUpdate };
 
-  CRawDataChange(Kind kind, IProviderDataSource* dataSource, const CSQLQueryInfo& statement,
+  // `table` is the statement's catalog entry, as its plan found it (RAWDATA).
+  CRawDataChange(Kind kind, IProviderDataSource* dataSource, const CSQLQueryInfo& statement, const TableInfo& table,
                  const SQLBindContext& context);
   ~CRawDataChange();
   CRawDataChange(const CRawDataChange&) = delete;
@@ -53,5 +56,6 @@ class CRawDataChange {
   Kind kind_;
   IProviderDataSource* dataSource_;
   const CSQLQueryInfo& statement_;
+  const TableInfo& table_;
   const SQLBindContext& context_;
 };

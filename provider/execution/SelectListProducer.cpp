@@ -21,8 +21,10 @@ bool IsStar(const CSQLCalcItem* item) {
 }
 
 size_t FieldOf(const TableInfo& table, const corvane::WString& name) {
+  // Lengths first: a statement's columns are looked up here at every Prepare.
   for (size_t i = 0; i < table.Columns.size(); ++i)
-    if (corvane::WIEquals(table.Columns[i].ColumnName, name)) return i;
+    if (table.Columns[i].ColumnName.size() == name.size() && corvane::WIEquals(table.Columns[i].ColumnName, name))
+      return i;
   return kNoField;
 }
 
@@ -208,6 +210,9 @@ HRESULT CSelectListProducer::DescribeOutputs(const CSQLQueryInfo& query, const T
   if (!shapes || !plainColumnsOnly || query.FromItems().size() != 1) return E_INVALIDARG;
   const CSQLSelectItem& from = *query.FromItems()[0];
   shapes->clear();
+  size_t wanted = 0;
+  for (const auto& selected : query.SelectColumns()) wanted += IsStar(selected->Item()) ? table.Columns.size() : 1;
+  shapes->reserve(wanted);
   *plainColumnsOnly = true;
   // Only expressions are tried on a sample row; a list of plain columns never needs one.
   ProducedRecord sample;
@@ -293,6 +298,13 @@ HRESULT CSelectListProducer::BindOutputs(const CSQLQueryInfo& query, const Table
   std::vector<Shape> shapes;
   HRESULT hr = DescribeOutputs(query, table, context, &shapes, plainColumnsOnly);
   if (FAILED(hr)) return hr;
+  MakeOutputs(shapes, table, outputs);
+  return S_OK;
+}
+
+void CSelectListProducer::MakeOutputs(const std::vector<Shape>& shapes, const TableInfo& table,
+                                      std::vector<Output>* outputs) {
+  outputs->clear();
   outputs->reserve(shapes.size());
   for (const Shape& s : shapes) {
     Output o;
@@ -313,7 +325,6 @@ HRESULT CSelectListProducer::BindOutputs(const CSQLQueryInfo& query, const Table
     o.column.dwFlags = 0;
     outputs->push_back(std::move(o));
   }
-  return S_OK;
 }
 
 CSelectListProducer::CSelectListProducer(std::unique_ptr<CDataProvider> source, const TableInfo& table,

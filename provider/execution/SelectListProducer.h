@@ -54,6 +54,10 @@ class CSelectListProducer final : public CDataProvider {
   static HRESULT BindOutputs(const CSQLQueryInfo& query, const TableInfo& table, const SQLBindContext& context,
                              std::vector<Output>* outputs, bool* plainColumnsOnly, corvane::WString* message = nullptr);
 
+  // The outputs of `shapes` over `table`, as BindOutputs gives them (may throw
+  // std::bad_alloc).
+  static void MakeOutputs(const std::vector<Shape>& shapes, const TableInfo& table, std::vector<Output>* outputs);
+
   // `statement` is the query the outputs point into; it is kept alive with the producer.
   CSelectListProducer(std::unique_ptr<CDataProvider> source, const TableInfo& table, std::vector<Output> outputs,
                       std::shared_ptr<const CSQLQueryInfo> statement, LONGLONG skip, LONGLONG count);

@@ -2,18 +2,20 @@
 
 #include <new>
 
+#include "SQLParser/SQLCalcItemFunction.h"
+#include "SQLParser/SQLCalcItemParameter.h"
 #include "SQLParser/SQLCalcItemTableColumn.h"
+#include "SQLParser/WalkStack.h"
 #include "provider/execution/RowEvaluator.h"
 
 using corvane::WString;
 
-HRESULT StatementPlan::Make(std::shared_ptr<const CSQLQueryInfo> query, long parameterCount,
-                            std::shared_ptr<const StatementPlan>* plan) {
+HRESULT StatementPlan::Make(std::unique_ptr<CSQLQueryInfo> query, std::shared_ptr<const StatementPlan>* plan,
+                            WString* callMessage) {
   if (!query || !plan) return E_INVALIDARG;
   try {
     auto made = std::make_shared<StatementPlan>();
     made->query = std::move(query);
-    made->parameterCount = parameterCount;
     const CSQLQueryInfo& q = *made->query;
     if (q.RowLimitEnabled()) {
       made->skip = q.RowLimitSkip();
@@ -24,9 +26,11 @@ HRESULT StatementPlan::Make(std::shared_ptr<const CSQLQueryInfo> query, long par
         made->newestFirst = !made->newestFirst;
     if (q.FromItems().size() == 1) {
       made->from = q.FromItems().front().get();
-      const HRESULT hr = made->DescribeSource();
-      if (FAILED(hr)) return hr;
+      made->FindSource();
     }
+    HRESULT hr = made->Walk(callMessage);
+    if (SUCCEEDED(hr) && made->from) hr = made->DescribeSource();
+    if (FAILED(hr)) return hr;
     *plan = std::move(made);
     return S_OK;
   } catch (const std::bad_alloc&) {
@@ -34,31 +38,106 @@ HRESULT StatementPlan::Make(std::shared_ptr<const CSQLQueryInfo> query, long par
   }
 }
 
+// The catalog entry of the FROM item. An unknown table is reported (traced) only once
+// the statement is known to be otherwise sound: see DescribeSource.
+void StatementPlan::FindSource() {
+  const int kind = query->StatementKind();
+  if (from->Kind() == SQL_SELECT_ITEM_SP) {
+    procedure = FindProcedure(static_cast<const CSQLSelectItemSP&>(*from).ProcedureName().c_str());
+    if (procedure && kind == SQL_STATEMENT_SELECT) source = &procedure->Table;
+    return;
+  }
+  if (kind != SQL_STATEMENT_SELECT && kind != SQL_STATEMENT_INSERT && kind != SQL_STATEMENT_UPDATE &&
+      kind != SQL_STATEMENT_DELETE)
+    return;
+  table = CTableFactory::LookupTable(static_cast<const CSQLSelectItemTable&>(*from).TableName().c_str());
+  if (kind == SQL_STATEMENT_SELECT) source = table;
+}
+
+// The one walk over every expression of the statement, without recursion (conditions
+// can be long AND chains): the highest `?`, the first call that cannot be bound, and
+// the WHERE comparisons a table's read takes as given, all in the order written.
+HRESULT StatementPlan::Walk(WString* callMessage) {
+  const GivenComparisons given = source && source == table ? source->Given : GivenComparisons::kNone;
+  HRESULT badCall = S_OK;
+  int highest = 0;
+  CWalkStack<const CSQLCalcItem*> items;
+  auto item = [&](const CSQLCalcItem* root) {
+    if (!root) return;
+    if (root->Kind() == SQL_CALC_FUNCTION && SUCCEEDED(badCall)) badCall = CheckFunctionCalls(root, callMessage);
+    items.Push(root);
+    while (!items.Empty()) {
+      const CSQLCalcItem* next = items.Pop();
+      if (!next) continue;
+      if (next->Kind() == SQL_CALC_PARAMETER) {
+        const int n = static_cast<const CSQLCalcItemParameter*>(next)->Number();
+        if (n > highest) highest = n;
+      } else if (next->Kind() == SQL_CALC_FUNCTION) {
+        for (const auto& arg : static_cast<const CSQLCalcItemFunction*>(next)->Arguments()) items.Push(arg.get());
+      }
+    }
+  };
+
+  const CSQLQueryInfo& q = *query;
+  for (const auto& c : q.SelectColumns()) item(c->Item());
+  for (const auto& f : q.FromItems())
+    if (f->Kind() == SQL_SELECT_ITEM_SP)
+      for (const auto& p : static_cast<const CSQLSelectItemSP&>(*f).Parameters()) item(p.get());
+  CWalkStack<const CSQLConditionNode*> nodes;
+  if (q.Condition()) nodes.Push(q.Condition());
+  while (!nodes.Empty()) {
+    const CSQLConditionNode* node = nodes.Pop();
+    item(node->FirstOperand());
+    item(node->SecondOperand());
+    const int op = node->Operator();
+    if (given != GivenComparisons::kNone && op >= SQL_COND_EQUAL && op <= SQL_COND_NOT_EQUAL) {
+      auto names = [node](const OLECHAR* column) {
+        return IsColumnNamed(node->FirstOperand(), column) || IsColumnNamed(node->SecondOperand(), column);
+      };
+      if (given == GivenComparisons::kTagBrowse) {
+        if (names(OLESTR("TAGNAME"))) tagCompared.push_back(node);
+        if (names(OLESTR("DESCRIPTION"))) descriptionCompared.push_back(node);
+      } else if (op == SQL_COND_EQUAL && names(OLESTR("TAGNAME"))) {
+        tagEquals.push_back(node);
+      }
+    }
+    // Right pushed first so that the left side is read first.
+    if (node->Right()) nodes.Push(node->Right());
+    if (node->Left()) nodes.Push(node->Left());
+  }
+  auto lists = [&](const auto& info) {
+    for (const auto& c : info.Columns()) item(c.get());
+    for (const auto& v : info.Values()) item(v.get());
+  };
+  if (q.StatementKind() == SQL_STATEMENT_INSERT) lists(static_cast<const CSQLQueryInfoINSERT&>(q));
+  if (q.StatementKind() == SQL_STATEMENT_UPDATE) lists(static_cast<const CSQLQueryInfoUPDATE&>(q));
+  parameterCount = highest;
+  return badCall;
+}
+
 // EXEC gives every column of its procedure and a data change its one-row answer; a
 // SELECT narrows its table's or procedure's columns to its select list.
 HRESULT StatementPlan::DescribeSource() {
   const int kind = query->StatementKind();
   if (from->Kind() == SQL_SELECT_ITEM_SP) {
-    procedure = FindProcedure(static_cast<const CSQLSelectItemSP&>(*from).ProcedureName().c_str());
     if (!procedure) return S_OK;
     if (kind != SQL_STATEMENT_SELECT) {
-      columns.reserve(procedure->Columns.size());
-      for (const auto& c : procedure->Columns) columns.push_back({c.Name, c.wType, c.ColumnSize, c.dwFlags});
+      catalogColumns = &procedure->Table.Columns;
       return S_OK;
     }
-    source = &procedure->Table;
-  } else {
-    const WString& name = static_cast<const CSQLSelectItemTable&>(*from).TableName();
-    if (kind == SQL_STATEMENT_INSERT || kind == SQL_STATEMENT_UPDATE || kind == SQL_STATEMENT_DELETE) {
-      table = CTableFactory::LookupTable(name.c_str());
-      resultColumns = CTableFactory::ResultColumns(name.c_str());
-      for (const auto& c : resultColumns) columns.push_back({c.ColumnAlias, c.wType, c.ColumnSize, c.dwFlags});
-      return S_OK;
-    }
-    if (kind != SQL_STATEMENT_SELECT) return S_OK;
-    table = source = CTableFactory::FindTableInfo(name.c_str());
-    if (!source) return S_OK;
-    FindTagComparisons();
+    return DescribeSelect();
+  }
+  if (kind == SQL_STATEMENT_INSERT || kind == SQL_STATEMENT_UPDATE || kind == SQL_STATEMENT_DELETE) {
+    // Every data change answers with the same one column, whatever its table.
+    static const std::vector<ColumnRecord> answer = CTableFactory::ResultColumns(OLESTR(""));
+    catalogColumns = &answer;
+    return S_OK;
+  }
+  if (kind != SQL_STATEMENT_SELECT) return S_OK;
+  if (!source) {
+    // Looked up again only to say so in the catalog's own words.
+    CTableFactory::FindTableInfo(static_cast<const CSQLSelectItemTable&>(*from).TableName().c_str());
+    return S_OK;
   }
   return DescribeSelect();
 }
@@ -80,7 +159,7 @@ HRESULT StatementPlan::DescribeSelect() {
     if (!item || item->Kind() != SQL_CALC_TABLE_COLUMN) computed = true;
   }
 
-  // The select list bound with every `?` still empty: where that works, its columns are
+  // The select list shaped with every `?` still empty: where that works, its columns are
   // exactly the ones the rowset will have. Only computed items read the binding, so
   // plain columns need no clock and no `?` values.
   std::vector<VARIANT> unset;
@@ -93,14 +172,21 @@ HRESULT StatementPlan::DescribeSelect() {
     context.parameterCount = unset.size();
     bindable = SUCCEEDED(SetReferenceTimesToNow(&context));
   }
-  if (bindable && SUCCEEDED(CSelectListProducer::BindOutputs(*query, *source, context, &outputs, &plainColumnsOnly))) {
-    columns.reserve(outputs.size());
-    for (const auto& o : outputs) columns.push_back({o.column.ColumnAlias, o.column.wType, o.column.ColumnSize, 0});
+  if (bindable && SUCCEEDED(CSelectListProducer::DescribeOutputs(*query, *source, context, &shapes, &plainColumnsOnly))) {
+    columns.reserve(shapes.size());
+    for (const auto& s : shapes) {
+      if (s.expression) {
+        columns.push_back({s.alias, s.wType, s.ColumnSize, 0});
+        continue;
+      }
+      const ColumnRecord& c = source->Columns[s.sourceField];
+      columns.push_back({s.alias.empty() ? corvane::WStringView(c.ColumnAlias) : s.alias, c.wType, c.ColumnSize, 0});
+    }
     outputsBound = plainColumnsOnly || parameterCount == 0;
+    if (!outputsBound) shapes.clear();
     return S_OK;
   }
-  outputs.clear();
-
+  shapes.clear();
   // Where it does not, named columns as the catalog has them and a computed item as a
   // VARIANT until execution can type it.
   for (const auto& column : query->SelectColumns()) {
@@ -120,33 +206,6 @@ HRESULT StatementPlan::DescribeSelect() {
                        sizeof(VARIANT), static_cast<DWORD>(DBCOLUMNFLAGS_ISNULLABLE | DBCOLUMNFLAGS_MAYBENULL)});
   }
   return S_OK;
-}
-
-// One walk of the WHERE tree, for every comparison the table's read takes as given.
-void StatementPlan::FindTagComparisons() {
-  if (source->Given == GivenComparisons::kNone) return;
-  const bool browse = source->Given == GivenComparisons::kTagBrowse;
-  std::vector<const CSQLConditionNode*> pending;
-  if (query->Condition()) pending.push_back(query->Condition());
-  while (!pending.empty()) {
-    const CSQLConditionNode* node = pending.back();
-    pending.pop_back();
-    const int op = node->Operator();
-    if (op >= SQL_COND_EQUAL && op <= SQL_COND_NOT_EQUAL) {
-      auto names = [node](const OLECHAR* column) {
-        return IsColumnNamed(node->FirstOperand(), column) || IsColumnNamed(node->SecondOperand(), column);
-      };
-      if (browse) {
-        if (names(OLESTR("TAGNAME"))) tagCompared.push_back(node);
-        if (names(OLESTR("DESCRIPTION"))) descriptionCompared.push_back(node);
-      } else if (op == SQL_COND_EQUAL && names(OLESTR("TAGNAME"))) {
-        tagEquals.push_back(node);
-      }
-    }
-    // Right pushed first so that the left side is read first.
-    if (node->Right()) pending.push_back(node->Right());
-    if (node->Left()) pending.push_back(node->Left());
-  }
 }
 
 std::vector<WString> StatementPlan::TextsOf(const std::vector<const CSQLConditionNode*>& nodes, const OLECHAR* column,

@@ -24,14 +24,21 @@ struct StatementPlan {
     DWORD dwFlags = 0;
   };
 
-  // Plans `query`, whose `?` are numbered up to `parameterCount`; fails only for want of
-  // memory. An unknown table or procedure plans without a source, and a SELECT naming a
-  // column its source lacks plans with `unknownColumn` set: Prepare refuses that one,
-  // Execute reports either in its own words.
-  static HRESULT Make(std::shared_ptr<const CSQLQueryInfo> query, long parameterCount,
-                      std::shared_ptr<const StatementPlan>* plan);
+  // Plans `query` in one walk of its trees: the highest `?` number, every function call
+  // checked, the WHERE comparisons the read takes as given. A call that cannot be bound
+  // fails with its own HRESULT and its message in *callMessage; otherwise Make fails only
+  // for want of memory. An unknown table or procedure plans without a source, and a
+  // SELECT naming a column its source lacks plans with `unknownColumn` set: Prepare
+  // refuses that one, Execute reports either in its own words.
+  static HRESULT Make(std::unique_ptr<CSQLQueryInfo> query, std::shared_ptr<const StatementPlan>* plan,
+                      corvane::WString* callMessage);
 
-  std::shared_ptr<const CSQLQueryInfo> query;
+  // The statement of `plan`, kept alive by the plan for whoever reads it after Execute.
+  static std::shared_ptr<const CSQLQueryInfo> Statement(const std::shared_ptr<const StatementPlan>& plan) {
+    return {plan, plan->query.get()};
+  }
+
+  std::unique_ptr<const CSQLQueryInfo> query;
   long parameterCount = 0;
 
   // The one FROM item and its catalog entry (null when unknown, or not exactly one item).
@@ -41,17 +48,27 @@ struct StatementPlan {
   // What a SELECT reads from: the table, or the procedure seen as a table.
   const TableInfo* source = nullptr;
 
+  // The columns a consumer reads, as IColumnsInfo describes them.
+  size_t ColumnCount() const { return catalogColumns ? catalogColumns->size() : columns.size(); }
+  Column ColumnAt(size_t i) const {
+    if (!catalogColumns) return columns[i];
+    const ColumnRecord& c = (*catalogColumns)[i];
+    return {c.ColumnAlias, c.wType, c.ColumnSize, c.dwFlags};
+  }
+  // Where they are a catalog's as they stand (EXEC, the answer of a data change), they
+  // are read from there and not copied; otherwise they are the plan's own.
+  const std::vector<ColumnRecord>* catalogColumns = nullptr;
   std::vector<Column> columns;
   const CSQLSelectColumn* unknownColumn = nullptr;
-  std::vector<ColumnRecord> resultColumns;  // the answer of INSERT, UPDATE and DELETE
 
-  // A SELECT's select list over `source`, bound here when nothing an execution brings can
-  // change it: plain columns, or expressions without `?` (a `?` value's type can change
-  // an expression's type). Otherwise every Execute binds it with its own values. The
-  // values themselves (`?`, NOW) are always bound per execution, into the producer.
+  // A SELECT's select list over `source`, shaped here when nothing an execution brings
+  // can change it: plain columns, or expressions without `?` (a `?` value's type can
+  // change an expression's type). Each Execute then makes its outputs from the shapes;
+  // otherwise it binds the list with its own values. The values themselves (`?`, NOW)
+  // are always bound per execution, into the producer.
   bool outputsBound = false;
   bool plainColumnsOnly = true;
-  std::vector<CSelectListProducer::Output> outputs;
+  std::vector<CSelectListProducer::Shape> shapes;
 
   // The WHERE comparisons a read takes its tags from, in the order written: `TAGNAME = x`
   // for the raw-data tables; any comparison of TAGNAME, or of DESCRIPTION, for TAGS. The
@@ -73,7 +90,8 @@ struct StatementPlan {
   std::vector<corvane::WString> TagNames(const SQLBindContext& context) const;
 
  private:
+  void FindSource();
+  HRESULT Walk(corvane::WString* callMessage);
   HRESULT DescribeSource();
   HRESULT DescribeSelect();
-  void FindTagComparisons();
 };

@@ -267,8 +267,11 @@ const std::vector<ProcedureInfo>& Catalog() {
 
 const ProcedureInfo* Lookup(const OLECHAR* name) {
   if (!name) return nullptr;
+  // Measured once and compared by length first: every Prepare of a procedure call
+  // looks its name up here.
+  const corvane::WStringView wanted(name);
   for (const ProcedureInfo& info : Catalog())
-    if (corvane::WIEquals(info.Name, name)) return &info;
+    if (info.Name.size() == wanted.size() && corvane::WIEquals(info.Name, wanted)) return &info;
   return nullptr;
 }
 

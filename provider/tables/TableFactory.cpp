@@ -133,8 +133,10 @@ HRESULT CTableFactory::GetTableInfo(const OLECHAR* name, TableInfo* info) {
 
 const TableInfo* CTableFactory::LookupTable(const OLECHAR* name) {
   if (!name) return nullptr;
+  // Measured once and compared by length first: every Prepare looks its table up here.
+  const corvane::WStringView wanted(name);
   for (const TableInfo& t : Catalog())
-    if (corvane::WICmp(name, t.Name.c_str()) == 0) return &t;
+    if (t.Name.size() == wanted.size() && corvane::WIEquals(t.Name, wanted)) return &t;
   return nullptr;
 }
 
