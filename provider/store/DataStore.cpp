@@ -679,9 +679,10 @@ StoredText CDataStore::PlaceWideText(const StoreValue& value, const OLECHAR* tex
                                      const DataStoreColumnInfo& col, CRefCountedDataStoreRow* row) {
   // Lent text is mostly the same for many rows (a tag's name, a status text): one copy
   // in the pool serves every row. Another store's row keeps its text in its own pool,
-  // never in this store's.
+  // never in this store's. Text a value holds itself changes row by row (a number's
+  // text): sharing it would only fill the pool.
   SharedTextHit* hit = nullptr;
-  if (value.Kind == StoreValue::kText && text && row->m_pPool == m_pPool) {
+  if (value.Kind == StoreValue::kText && !value.TextOwned && text && row->m_pPool == m_pPool) {
     const size_t index = static_cast<size_t>(&col - m_pColumnInfo);
     if (index < m_LastShared.size()) hit = &m_LastShared[index];
   }
