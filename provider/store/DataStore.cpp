@@ -722,7 +722,20 @@ HRESULT CDataStore::FillRow(const ProducedRecord& record, CRefCountedDataStoreRo
     BYTE* cell = buffer + step.cell;
     switch (step.kind) {
       case FillStep::kWide:
-        if (value.Kind == StoreValue::kText) {
+        if (value.Kind == StoreValue::kText && value.TextOwned) {
+          // Text the record holds (a number's) is short and new with every row: it goes
+          // straight into the row's text buffer, with no shared copy to look for.
+          const size_t len = value.TextLength;
+          if (len <= m_pColumnInfo[step.column].ulColumnSize) {
+            const size_t kept = UpToZero(value.Text, len);
+            const StoredText stored{row->StoreText(value.Text, kept * sizeof(OLECHAR), sizeof(OLECHAR)), kept};
+            if (stored.text) {
+              std::memcpy(cell, &stored, sizeof stored);
+              buffer[step.status] = kStatusValue;
+              continue;
+            }
+          }
+        } else if (value.Kind == StoreValue::kText) {
           const SharedTextHit& hit = m_LastShared[step.column];
           // The same text as this column's last, by address and then, unless the
           // producer keeps it unchanged, by content: it may lend other text from the
