@@ -2,6 +2,7 @@
 // values to a data store: a column record per declared column, a store value per cell,
 // and a produced record per row (one store value per column of the producer's list).
 #pragma once
+#include <cstdint>
 #include <cstring>
 #include <new>
 #include <utility>
@@ -32,6 +33,13 @@ struct StoreValue {
   enum : int { kNone = 0, kVariant = 1, kTime = 2, kText = 3 };
 
   int Kind = kNone;
+
+ private:
+  // Beside Kind, in what would be padding: a value stays 64 bytes, one cache line, and
+  // records are read and written once per row on two threads.
+  uint32_t m_cOwn = 0;
+
+ public:
   VARIANT Value;
   FILETIME Time{};
   const OLECHAR* Text = nullptr;
@@ -54,8 +62,8 @@ struct StoreValue {
     CopyScalars(other);
   }
   StoreValue(StoreValue&& other) noexcept
-      : Kind(other.Kind), Time(other.Time), Text(other.Text), TextLength(other.TextLength), TextFixed(other.TextFixed),
-        TextOwned(other.TextOwned), m_pOwn(other.m_pOwn), m_cOwn(other.m_cOwn) {
+      : Kind(other.Kind), m_cOwn(other.m_cOwn), Time(other.Time), Text(other.Text), TextLength(other.TextLength),
+        TextFixed(other.TextFixed), TextOwned(other.TextOwned), m_pOwn(other.m_pOwn) {
     std::memcpy(&Value, &other.Value, sizeof Value);
     VariantInit(&other.Value);
     other.Kind = kNone;
@@ -114,12 +122,13 @@ struct StoreValue {
   // enough; null when memory runs out. The value is unchanged until SetOwnText.
   OLECHAR* OwnTextRoom(size_t chars) {
     if (chars > m_cOwn) {
+      if (chars > UINT32_MAX) return nullptr;
       const size_t room = chars < kOwnTextMin ? kOwnTextMin : chars;
       OLECHAR* grown = new (std::nothrow) OLECHAR[room];
       if (!grown) return nullptr;
       delete[] m_pOwn;
       m_pOwn = grown;
-      m_cOwn = room;
+      m_cOwn = static_cast<uint32_t>(room);
     }
     return m_pOwn;
   }
@@ -180,8 +189,8 @@ struct StoreValue {
   }
 
   OLECHAR* m_pOwn = nullptr;
-  size_t m_cOwn = 0;
 };
+static_assert(sizeof(StoreValue) <= 64, "a record's values are each one cache line at most");
 
 using ProducedRecord = std::vector<StoreValue>;
 using ProducedRecordList = std::vector<ProducedRecord>;
