@@ -83,12 +83,7 @@ struct StoreValue {
       VariantClear(&Value);
       std::memcpy(&Value, &other.Value, sizeof Value);
       VariantInit(&other.Value);
-      Kind = other.Kind;
-      Time = other.Time;
-      Text = other.Text;
-      TextLength = other.TextLength;
-      TextFixed = other.TextFixed;
-      TextOwned = other.TextOwned;
+      CopyFields(other);
       // The buffers change hands, so held text keeps pointing into the buffer it is in.
       std::swap(m_pOwn, other.m_pOwn);
       std::swap(m_cOwn, other.m_cOwn);
@@ -167,13 +162,16 @@ struct StoreValue {
   // Enough for every number's text, so that a buffer is made once per value.
   static constexpr size_t kOwnTextMin = 32;
 
-  void CopyScalars(const StoreValue& other) {
+  void CopyFields(const StoreValue& other) {
     Kind = other.Kind;
     Time = other.Time;
     Text = other.Text;
     TextLength = other.TextLength;
     TextFixed = other.TextFixed;
     TextOwned = other.TextOwned;
+  }
+  void CopyScalars(const StoreValue& other) {
+    CopyFields(other);
     if (Kind == kText && TextOwned) {
       // A copy holds its own text; copies are rare (records are moved), so running out
       // of memory here is the container's failure to copy.
