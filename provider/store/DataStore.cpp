@@ -679,9 +679,10 @@ StoredText CDataStore::PlaceWideText(const StoreValue& value, const OLECHAR* tex
                                      const DataStoreColumnInfo& col, CRefCountedDataStoreRow* row) {
   // Lent text is mostly the same for many rows (a tag's name, a status text): one copy
   // in the pool serves every row. Another store's row keeps its text in its own pool,
-  // never in this store's.
+  // never in this store's. Text a value holds itself changes row by row (a number's
+  // text): sharing it would only fill the pool.
   SharedTextHit* hit = nullptr;
-  if (value.Kind == StoreValue::kText && text && row->m_pPool == m_pPool) {
+  if (value.Kind == StoreValue::kText && !value.TextOwned && text && row->m_pPool == m_pPool) {
     const size_t index = static_cast<size_t>(&col - m_pColumnInfo);
     if (index < m_LastShared.size()) hit = &m_LastShared[index];
   }
@@ -721,7 +722,20 @@ HRESULT CDataStore::FillRow(const ProducedRecord& record, CRefCountedDataStoreRo
     BYTE* cell = buffer + step.cell;
     switch (step.kind) {
       case FillStep::kWide:
-        if (value.Kind == StoreValue::kText) {
+        if (value.Kind == StoreValue::kText && value.TextOwned) {
+          // Text the record holds (a number's) is short and new with every row: it goes
+          // straight into the row's text buffer, with no shared copy to look for.
+          const size_t len = value.TextLength;
+          if (len <= m_pColumnInfo[step.column].ulColumnSize) {
+            const size_t kept = UpToZero(value.Text, len);
+            const StoredText stored{row->StoreText(value.Text, kept * sizeof(OLECHAR), sizeof(OLECHAR)), kept};
+            if (stored.text) {
+              std::memcpy(cell, &stored, sizeof stored);
+              buffer[step.status] = kStatusValue;
+              continue;
+            }
+          }
+        } else if (value.Kind == StoreValue::kText) {
           const SharedTextHit& hit = m_LastShared[step.column];
           // The same text as this column's last, by address and then, unless the
           // producer keeps it unchanged, by content: it may lend other text from the

@@ -174,21 +174,37 @@ HRESULT CTableRawData::Step() {
         VariantClear(&sample.value);
         sample.value = copy;
       }
-      if (m_bTyped) {
-        hr = ConvertTyped(&sample.value, &quality);
-        if (FAILED(hr)) break;
-        hr = S_OK;
+      // A number of the text-typed table is written as text straight into the record,
+      // whose buffer serves row after row: no string is made per row on this thread to
+      // be freed on the consumer's.
+      size_t numberText = 0;
+      if (m_Conversion.type == VT_BSTR) {
+        OLECHAR* room = record[3].OwnTextRoom(corvane::kNumberTextChars);
+        if (!room) {
+          hr = E_OUTOFMEMORY;
+          break;
+        }
+        numberText = corvane::NumberText(sample.value, room);
+      }
+      if (numberText) {
+        record[3].SetOwnText(numberText);  // a number owns nothing to clear in the page
+      } else {
+        if (m_bTyped) {
+          hr = ConvertTyped(&sample.value, &quality);
+          if (FAILED(hr)) break;
+          hr = S_OK;
+        }
+        // The value is taken from the page, which is freed below anyway.
+        record[3].Take(&sample.value);
       }
       // The tag's name lives unchanged as long as this table (the names are settled in
-      // Prepare), so the row only points at it; the value is taken from the page, which
-      // is freed below anyway.
+      // Prepare), so the row only points at it.
       record[0].SetText(tagName.data(), tagName.size(), true);
       record[1].SetTime(sample.timestamp);
       VARIANT q;
       V_VT(&q) = VT_UI4;
       V_UI4(&q) = quality;
       record[2].Take(&q);
-      record[3].Take(&sample.value);
       ++used;
     }
     records.resize(used);

@@ -211,6 +211,12 @@ TEST_F(DataStoreSetValue, RowsFilledFromRecordsHoldWhatSetValueWrites) {
     v.SetText(text, WLen(text));
     return v;
   };
+  auto held = [](const OLECHAR* text) {  // copied into the record list: each copy its own
+    StoreValue v;
+    std::memcpy(v.OwnTextRoom(WLen(text)), text, WLen(text) * sizeof(OLECHAR));
+    v.SetOwnText(WLen(text));
+    return v;
+  };
   const ULONGLONG kHourAndAHalf = 54000000000ull;
   // Nine characters are one too many (truncated), an I4 is not exactly the cell's type,
   // and the times fall on the same day, the day before and three days later.
@@ -221,7 +227,9 @@ TEST_F(DataStoreSetValue, RowsFilledFromRecordsHoldWhatSetValueWrites) {
        Variant(VT_NULL, 0), Variant(VT_R4, 0), Bstr(kNine)},
       {Bstr(OLESTR("")), StoreValue::FromTime(U64ToFileTime(kJan2024 - 1)), StoreValue(), Variant(VT_I8, -5),
        Variant(VT_R8, 0x4000000000000000ll)},
-      RawRecord(86400 * 3 + 5)};
+      RawRecord(86400 * 3 + 5),
+      {held(kEight), StoreValue::FromTime(FileTimeOf(kJan2024)), UI4(0), R8(3.5), R8(1.0), held(kNine)},
+      {held(kNine)}};
 
   const DataStoreColumnInfo* columns = store_->ColumnInfo();
   for (size_t r = 0; r < records.size(); ++r) {
