@@ -8,7 +8,7 @@
 #include <cstdlib>
 
 #include "bench/BenchSupport.h"
-#include "tests/e2e/SelectConsumer.h"
+#include "bench/SelectConsumer.h"
 
 int main(int argc, char** argv) {
   const int which = argc > 1 ? std::atoi(argv[1]) : 2;

@@ -7,7 +7,7 @@
 
 #include "base/ComPtr.h"
 #include "bench/StatementMix.h"
-#include "tests/e2e/SelectConsumer.h"
+#include "bench/SelectConsumer.h"
 
 namespace {
 

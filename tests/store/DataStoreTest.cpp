@@ -228,7 +228,7 @@ TEST_F(DataStoreSetValue, RowsFilledFromRecordsHoldWhatSetValueWrites) {
       {Bstr(OLESTR("")), StoreValue::FromTime(U64ToFileTime(kJan2024 - 1)), StoreValue(), Variant(VT_I8, -5),
        Variant(VT_R8, 0x4000000000000000ll)},
       RawRecord(86400 * 3 + 5),
-      {held(kEight), StoreValue::FromTime(FileTimeOf(kJan2024)), UI4(0), R8(3.5), R8(1.0), held(kNine)},
+      {held(kEight), StoreValue::FromTime(U64ToFileTime(kJan2024)), UI4(0), R8(3.5), R8(1.0), held(kNine)},
       {held(kNine)}};
 
   const DataStoreColumnInfo* columns = store_->ColumnInfo();
