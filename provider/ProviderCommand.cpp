@@ -249,8 +249,10 @@ HRESULT CProviderCommand::PrepareLocked() {
     return PostMessage(IID_ICommandPrepare, hr, callMessage.c_str());
   }
   if (SUCCEEDED(hr) && plan->unknownColumn) {
-    CVTRACE(TRACE_ERROR, OLESTR("Column '%s' is not a column of table '%s'"), plan->unknownColumn->ColumnName().c_str(),
-            plan->source->Name.c_str());
+    const CSQLSelectColumn& column = *plan->unknownColumn;
+    const WString& qualifier = column.TableAlias().empty() ? column.TableName() : column.TableAlias();
+    const WString name = qualifier.empty() ? column.ColumnName() : qualifier + OLESTR(".") + column.ColumnName();
+    CVTRACE(TRACE_ERROR, OLESTR("Column '%s' is not a column of table '%s'"), name.c_str(), plan->source->Name.c_str());
     hr = DB_E_ERRORSINCOMMAND;
   }
   if (FAILED(hr)) {

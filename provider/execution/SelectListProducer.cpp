@@ -28,21 +28,6 @@ size_t FieldOf(const TableInfo& table, const corvane::WString& name) {
   return kNoField;
 }
 
-// A qualifier must name the FROM item: by alias, by table or procedure name, or by
-// RAWDATA for the typed tables, whose columns are RAWDATA's.
-bool QualifierMatches(const CSQLCalcItemTableColumn& column, const CSQLSelectItem& from, const TableInfo& table) {
-  const corvane::WString& q = column.TableAlias().empty() ? column.TableName() : column.TableAlias();
-  if (q.empty()) return true;
-  if (from.Kind() == SQL_SELECT_ITEM_TABLE) {
-    const auto& t = static_cast<const CSQLSelectItemTable&>(from);
-    if (corvane::WIEquals(q, t.Alias()) || corvane::WIEquals(q, t.TableName())) return true;
-  } else if (corvane::WIEquals(q, static_cast<const CSQLSelectItemSP&>(from).ProcedureName())) {
-    return true;
-  }
-  return corvane::WIEquals(q, table.Name) ||
-         (!table.Columns.empty() && corvane::WIEquals(q, table.Columns[0].TableName));
-}
-
 // Every column an expression reads must be one of the table's (`*` counts rows).
 bool ColumnsKnown(const CSQLCalcItem* item, const TableInfo& table) {
   if (!item) return true;
@@ -203,6 +188,22 @@ HRESULT TraceUnknownColumn() {
 }
 
 }  // namespace
+
+// A qualifier must name the FROM item: by alias, by table or procedure name, or by
+// RAWDATA for the typed tables, whose columns are RAWDATA's.
+bool CSelectListProducer::QualifierMatches(const CSQLCalcItemTableColumn& column, const CSQLSelectItem& from,
+                                           const TableInfo& table) {
+  const corvane::WString& q = column.TableAlias().empty() ? column.TableName() : column.TableAlias();
+  if (q.empty()) return true;
+  if (from.Kind() == SQL_SELECT_ITEM_TABLE) {
+    const auto& t = static_cast<const CSQLSelectItemTable&>(from);
+    if (corvane::WIEquals(q, t.Alias()) || corvane::WIEquals(q, t.TableName())) return true;
+  } else if (corvane::WIEquals(q, static_cast<const CSQLSelectItemSP&>(from).ProcedureName())) {
+    return true;
+  }
+  return corvane::WIEquals(q, table.Name) ||
+         (!table.Columns.empty() && corvane::WIEquals(q, table.Columns[0].TableName));
+}
 
 HRESULT CSelectListProducer::DescribeOutputs(const CSQLQueryInfo& query, const TableInfo& table,
                                              const SQLBindContext& context, std::vector<Shape>* shapes,

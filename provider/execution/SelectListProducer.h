@@ -39,6 +39,11 @@ class CSelectListProducer final : public CDataProvider {
     ULONGLONG ColumnSize = sizeof(VARIANT);          // for expressions
   };
 
+  // Whether `column`'s qualifier, if it has one, names `from` (by alias, table or
+  // procedure name) or `table`: anything else is an unknown column.
+  static bool QualifierMatches(const CSQLCalcItemTableColumn& column, const CSQLSelectItem& from,
+                               const TableInfo& table);
+
   // The shapes behind BindOutputs: the same checks, failures and order, without a
   // column record per output. `alias` points into the statement.
   static HRESULT DescribeOutputs(const CSQLQueryInfo& query, const TableInfo& table, const SQLBindContext& context,

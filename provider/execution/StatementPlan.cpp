@@ -151,8 +151,13 @@ HRESULT StatementPlan::DescribeSelect() {
   bool computed = false;
   for (const auto& column : query->SelectColumns()) {
     const CSQLCalcItem* item = column->Item();
-    if (item && item->Kind() == SQL_CALC_TABLE_COLUMN && column->ColumnName() != OLESTR("*") &&
-        !sourceColumn(column->ColumnName())) {
+    // A qualifier naming neither the FROM item nor its table is as unknown as a wrong
+    // name: Prepare says so, rather than Execute failing without a reason.
+    if (item && item->Kind() == SQL_CALC_TABLE_COLUMN &&
+        ((column->ColumnName() != OLESTR("*") && !sourceColumn(column->ColumnName())) ||
+         (query->FromItems().size() == 1 &&
+          !CSelectListProducer::QualifierMatches(static_cast<const CSQLCalcItemTableColumn&>(*item),
+                                                 *query->FromItems()[0], *source)))) {
       unknownColumn = column.get();
       return S_OK;
     }
