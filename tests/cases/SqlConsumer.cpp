@@ -182,8 +182,10 @@ Rows SqlConsumer::Contents() const {
       VariantChangeType(&text, const_cast<VARIANT*>(&v.value), 0, VT_BSTR);
       char quality[16];
       std::snprintf(quality, sizeof quality, "%X", static_cast<unsigned>(v.quality));
-      rows.push_back({ToUtf8(tag.name), TimeText(FileTimeToU64(v.timestamp)),
-                      V_VT(&text) == VT_BSTR ? ToUtf8(V_BSTR(&text)) : std::string("?"), quality});
+      const double seconds = (static_cast<double>(FileTimeToU64(v.timestamp)) - 132223104000000000.0) / 1e7;
+      char at[32];
+      std::snprintf(at, sizeof at, "%g", seconds);
+      rows.push_back({ToUtf8(tag.name), at, V_VT(&text) == VT_BSTR ? ToUtf8(V_BSTR(&text)) : std::string("?"), quality});
       VariantClear(&text);
     }
     FreeHistoryValueList(list);

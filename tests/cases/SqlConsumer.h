@@ -64,7 +64,8 @@ class SqlConsumer {
   // A schema rowset read like a statement's rows: `request` is "NAME | restriction | ...",
   // NAME without its DBSCHEMA_ prefix; an empty restriction is none, digits are an I4.
   Outcome Schema(const std::string& request, DBROWCOUNT batch = 7);
-  // Every sample of every tag, read from the store: tag | time | value | quality (hex).
+  // Every sample of every tag, read from the store: tag | seconds after 2020-01-01 00:00:00 UTC | value |
+  // quality (hex).
   Rows Contents() const;
 
  private:
