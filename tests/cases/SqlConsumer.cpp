@@ -2,8 +2,6 @@
 
 #include <cstring>
 
-#include "historian/Aggregates.h"
-#include "historian/ReferenceHistorian.h"
 
 namespace corvane::test {
 
@@ -27,17 +25,11 @@ bool HostOpNamed(const std::string& name, HostOp* op) {
 
 const char* HostOpName(HostOp op) { return kOpNames[static_cast<int>(op)]; }
 
-SqlConsumer::SqlConsumer() : store_(std::make_shared<historian::CHistorianStore>()) {
+SqlConsumer::SqlConsumer(std::shared_ptr<historian::CHistorianStore> store) : store_(std::move(store)) {
 #ifdef _WIN32
   CoInitializeEx(nullptr, COINIT_MULTITHREADED);
 #endif
-  IAggregates* aggregates = nullptr;
-  EXPECT_EQ(S_OK, historian::CAggregates::CreateInstance(nullptr, IID_IAggregates,
-                                                         reinterpret_cast<void**>(&aggregates)));
-  EXPECT_EQ(S_OK, historian::CReferenceHistorian::Create(store_, IID_IUnknown, reinterpret_cast<void**>(&historian_),
-                                                         aggregates));
-  if (aggregates) aggregates->Release();
-  host_ = testing::CFaultInjectingHost::Create(historian_);
+  host_ = NewHost(store_);
 }
 
 SqlConsumer::~SqlConsumer() {
@@ -48,7 +40,6 @@ SqlConsumer::~SqlConsumer() {
   if (host_) {
     EXPECT_EQ(0u, host_->Release()) << "the provider kept a host reference";
   }
-  if (historian_) historian_->Release();
 #ifdef _WIN32
   CoUninitialize();
 #endif

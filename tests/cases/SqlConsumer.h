@@ -39,7 +39,8 @@ struct Outcome {
 
 class SqlConsumer {
  public:
-  SqlConsumer();  // the historian and the host; the provider comes with Open
+  // The historian and the host; the provider comes with Open.
+  explicit SqlConsumer(std::shared_ptr<historian::CHistorianStore> store = std::make_shared<historian::CHistorianStore>());
   ~SqlConsumer();
   SqlConsumer(const SqlConsumer&) = delete;
   SqlConsumer& operator=(const SqlConsumer&) = delete;
@@ -70,7 +71,6 @@ class SqlConsumer {
 
  private:
   std::shared_ptr<historian::CHistorianStore> store_;
-  IUnknown* historian_ = nullptr;
   testing::CFaultInjectingHost* host_ = nullptr;
   IUnknown* dataSource_ = nullptr;
   IOpenRowset* session_ = nullptr;

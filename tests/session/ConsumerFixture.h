@@ -15,6 +15,7 @@
 #include "historian/ReferenceHistorian.h"
 #include "platform/WideString.h"
 #include "provider/ICreateCorvaneOleDbProvider.h"
+#include "tests/support/FaultInjectingHost.h"
 #include "tests/support/LeakCheckedTest.h"
 #include "tests/support/TraceCapture.h"
 
@@ -83,6 +84,9 @@ struct TextParameters {
   explicit TextParameters(const std::vector<const OLECHAR*>& values);
 };
 
+// The reference historian over `store`, with its aggregates, behind a fault-injecting host
+// that has one reference.
+testing::CFaultInjectingHost* NewHost(std::shared_ptr<historian::CHistorianStore> store);
 // Creates the provider over `host` (linked in, or the registered DLL), sets its catalog
 // to "Plant", initialises it and opens a session.
 void OpenProvider(IUnknown* host, IUnknown** dataSource, IOpenRowset** session,
@@ -91,11 +95,9 @@ void OpenProvider(IUnknown* host, IUnknown** dataSource, IOpenRowset** session,
 // reference goes with the consumer's; clears the thread's error records.
 void CloseProvider(IUnknown** dataSource, IOpenRowset** session);
 
-// Reads every row of `rowset` through an accessor of the given columns (all when empty)
-// as wide text (DBTYPE_WSTR, 512 characters) in batches of `batch`; a null cell reads as
-// "<null>". With `failure`, a failing fetch stops the read and is given back there (its
-// records in `error`) instead of failing the test. With `hold`, every row is kept until
-// the end and then read, as a consumer that holds rows does.
+// Every row of `rowset` as wide text (512 characters) of the given columns (all when
+// empty), through ReadRows; a null cell reads as "<null>". With `failure`, a failing fetch
+// is given back there (its records in `error`) instead of failing the test.
 std::vector<std::vector<std::string>> ReadAll(IUnknown* rowset, std::vector<DBORDINAL> columns,
                                               DBROWCOUNT batch = 7, HRESULT* failure = nullptr,
                                               LastError* error = nullptr, bool hold = false);
