@@ -83,7 +83,7 @@ Outcome SqlConsumer::Run(const std::string& sql, const std::vector<Parameter>& p
   }
   if (SUCCEEDED(out.hr) && !parameters.empty())
     out.hr = accessor->CreateAccessor(DBACCESSOR_PARAMETERDATA, values.bindings.size(), values.bindings.data(),
-                                      values.slots.size() * sizeof(TextSlot), &handle, nullptr);
+                                      values.slots.size() * sizeof(Cell), &handle, nullptr);
   DBPARAMS params{values.slots.data(), 1, handle};
   if (SUCCEEDED(out.hr))
     out.hr = command_->Execute(nullptr, IID_IRowset, parameters.empty() ? nullptr : &params, &out.affected, &rowset);

@@ -6,7 +6,6 @@
 
 #include <cstring>
 
-#include "tests/support/RowReader.h"
 
 #ifdef CORVANE_CONSUMER_OF_DLL
 #include "tests/support/Registration.h"
@@ -98,28 +97,13 @@ testing::CFaultInjectingHost* NewHost(std::shared_ptr<CHistorianStore> store) {
   return host;
 }
 
-DBBINDING TextBinding(size_t i, DBPARAMIO io) {
-  DBBINDING b;
-  std::memset(&b, 0, sizeof b);
-  b.iOrdinal = i + 1;
-  b.obStatus = i * sizeof(TextSlot) + offsetof(TextSlot, status);
-  b.obLength = i * sizeof(TextSlot) + offsetof(TextSlot, length);
-  b.obValue = i * sizeof(TextSlot) + offsetof(TextSlot, text);
-  b.dwPart = DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS;
-  b.dwMemOwner = DBMEMOWNER_CLIENTOWNED;
-  b.eParamIO = io;
-  b.cbMaxLen = sizeof TextSlot::text;
-  b.wType = DBTYPE_WSTR;
-  return b;
-}
-
 TextParameters::TextParameters(const std::vector<const OLECHAR*>& values) : slots(values.size()) {
   for (size_t i = 0; i < values.size(); ++i) {
-    const WString text = values[i] ? WString(values[i]).substr(0, TextSlot::kChars - 1) : WString();
+    const WString text = values[i] ? WString(values[i]).substr(0, Cell::kTextChars - 1) : WString();
     slots[i].status = values[i] ? DBSTATUS_S_OK : DBSTATUS_S_ISNULL;
     slots[i].length = text.size() * sizeof(OLECHAR);
-    std::memcpy(slots[i].text, text.c_str(), slots[i].length + sizeof(OLECHAR));
-    bindings.push_back(TextBinding(i, DBPARAMIO_INPUT));
+    std::memcpy(slots[i].v.text, text.c_str(), slots[i].length + sizeof(OLECHAR));
+    bindings.push_back(CellBinding(i, i + 1, DBTYPE_WSTR, DBPARAMIO_INPUT));
   }
 }
 

@@ -17,6 +17,7 @@
 #include "provider/ICreateCorvaneOleDbProvider.h"
 #include "tests/support/FaultInjectingHost.h"
 #include "tests/support/LeakCheckedTest.h"
+#include "tests/support/RowReader.h"
 #include "tests/support/TraceCapture.h"
 
 #ifdef CORVANE_CONSUMER_OF_DLL
@@ -68,18 +69,9 @@ class ConsumerTest : public LeakCheckedTest {
   ULONG hostRefs_ = 0;
 };
 
-// One wide text with its length and status, the cell of every text binding here.
-struct TextSlot {
-  static constexpr size_t kChars = 512;
-  DBSTATUS status;
-  DBLENGTH length;
-  OLECHAR text[kChars];
-};
-// A WSTR binding of ordinal i + 1 to slot i of an array of TextSlot.
-DBBINDING TextBinding(size_t i, DBPARAMIO io);
-// Input values of the `?` of a statement, one TextSlot each; null gives DBSTATUS_S_ISNULL.
+// Input values of the `?` of a statement as wide texts, one Cell each; null gives DBSTATUS_S_ISNULL.
 struct TextParameters {
-  std::vector<TextSlot> slots;
+  std::vector<Cell> slots;
   std::vector<DBBINDING> bindings;
   explicit TextParameters(const std::vector<const OLECHAR*>& values);
 };

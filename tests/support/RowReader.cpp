@@ -4,20 +4,21 @@
 
 namespace corvane::test {
 
+DBBINDING CellBinding(size_t i, DBORDINAL ordinal, DBTYPE type, DBPARAMIO io) {
+  const DBBYTEOFFSET cell = i * sizeof(Cell);
+  return DBBINDING{ordinal, cell + offsetof(Cell, v), cell + offsetof(Cell, length), cell + offsetof(Cell, status),
+                   nullptr, nullptr, nullptr, DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS, DBMEMOWNER_CLIENTOWNED,
+                   io, Cell::kTextChars * sizeof(OLECHAR), 0, type, 0, 0};
+}
+
 HRESULT ReadRows(IUnknown* rowset, const CellColumns& columns, const std::function<DBROWCOUNT(size_t)>& batch,
                  const std::function<bool(const Row&)>& onRow, bool hold, const std::function<void(HRESULT)>& failed) {
   IAccessor* accessor = nullptr;
   IRowset* fetch = nullptr;
   HRESULT hr = rowset->QueryInterface(IID_IAccessor, reinterpret_cast<void**>(&accessor));
   if (SUCCEEDED(hr)) hr = rowset->QueryInterface(IID_IRowset, reinterpret_cast<void**>(&fetch));
-  std::vector<DBBINDING> bindings(columns.size());
-  for (size_t i = 0; i < columns.size(); ++i) {
-    const DBBYTEOFFSET cell = i * sizeof(Cell);
-    bindings[i] = DBBINDING{columns[i].first, cell + offsetof(Cell, v), cell + offsetof(Cell, length),
-                            cell + offsetof(Cell, status), nullptr, nullptr, nullptr,
-                            DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS, DBMEMOWNER_CLIENTOWNED,
-                            DBPARAMIO_NOTPARAM, Cell::kTextChars * sizeof(OLECHAR), 0, columns[i].second, 0, 0};
-  }
+  std::vector<DBBINDING> bindings;
+  for (size_t i = 0; i < columns.size(); ++i) bindings.push_back(CellBinding(i, columns[i].first, columns[i].second));
   HACCESSOR handle = DB_NULL_HACCESSOR;
   if (SUCCEEDED(hr)) {
     hr = accessor->CreateAccessor(DBACCESSOR_ROWDATA, bindings.size(), bindings.data(), columns.size() * sizeof(Cell),

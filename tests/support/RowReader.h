@@ -24,6 +24,9 @@ struct Cell {
 using Row = std::vector<Cell>;
 using CellColumns = std::vector<std::pair<DBORDINAL, DBTYPE>>;
 
+// A binding of `ordinal` as `type` to cell `i` of an array of Cell.
+DBBINDING CellBinding(size_t i, DBORDINAL ordinal, DBTYPE type, DBPARAMIO io = DBPARAMIO_NOTPARAM);
+
 // Reads `rowset` through one accessor of `columns`: GetNextRows of `batch(rowsSoFar)`
 // rows (0 stops before fetching), GetData of each row into one buffer that `onRow` sees
 // (false stops after the batch; VARIANT cells are cleared after it), ReleaseRows of each
