@@ -226,14 +226,6 @@ std::vector<std::vector<std::string>> ReadAll(IUnknown* rowset, std::vector<DBOR
   return rows;
 }
 
-void FreePropertySets(ULONG count, DBPROPSET* sets) {
-  for (ULONG s = 0; s < count; ++s) {
-    for (ULONG p = 0; p < sets[s].cProperties; ++p) VariantClear(&sets[s].rgProperties[p].vValue);
-    CoTaskMemFree(sets[s].rgProperties);
-  }
-  CoTaskMemFree(sets);
-}
-
 std::vector<std::pair<std::string, DBTYPE>> Columns(IUnknown* object) {
   std::vector<std::pair<std::string, DBTYPE>> out;
   IColumnsInfo* info = nullptr;

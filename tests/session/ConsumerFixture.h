@@ -93,8 +93,6 @@ void CloseProvider(IUnknown** dataSource, IOpenRowset** session);
 std::vector<std::vector<std::string>> ReadAll(IUnknown* rowset, std::vector<DBORDINAL> columns,
                                               DBROWCOUNT batch = 7, HRESULT* failure = nullptr,
                                               LastError* error = nullptr, bool hold = false);
-// Frees what GetProperties returned.
-void FreePropertySets(ULONG count, DBPROPSET* sets);
 // Column names and types of a rowset or prepared command (IColumnsInfo).
 std::vector<std::pair<std::string, DBTYPE>> Columns(IUnknown* object);
 
