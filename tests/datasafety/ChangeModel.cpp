@@ -31,6 +31,14 @@ std::string Upper(std::string s) {
   return s;
 }
 
+int CompareIgnoringCase(const std::string& a, const std::string& b) {
+  for (size_t i = 0; i < a.size() && i < b.size(); ++i) {
+    const int x = std::toupper(static_cast<unsigned char>(a[i])), y = std::toupper(static_cast<unsigned char>(b[i]));
+    if (x != y) return x < y ? -1 : 1;
+  }
+  return a.size() == b.size() ? 0 : (a.size() < b.size() ? -1 : 1);
+}
+
 bool TextAsNumber(const std::string& s, double* n) {
   if (s.empty() || s.find_first_not_of(" +-0123456789.eE") != std::string::npos) return false;
   char* end = nullptr;
@@ -235,7 +243,9 @@ class Evaluator {
     if (a.kind != b.kind || a.kind == Val::kNull || a.kind == Val::kOpaque) return Truth::kUnknown;
     if (a.kind == Val::kNumber) order = a.number < b.number ? -1 : (a.number > b.number ? 1 : 0);
     if (a.kind == Val::kTime) order = a.time < b.time ? -1 : (a.time > b.time ? 1 : 0);
-    if (a.kind == Val::kText) order = Upper(a.text).compare(Upper(b.text));
+    if (a.kind == Val::kText) {
+      order = CompareIgnoringCase(a.text, b.text);
+    }
     bool holds = false;
     switch (op) {
       case SQL_COND_EQUAL: holds = order == 0; break;
