@@ -283,8 +283,14 @@ class CaseTest : public ::testing::Test {
     for (int op = 0; op < static_cast<int>(HostOp::Count); ++op)
       callsBefore[op] = run.consumer->Host().Calls(static_cast<HostOp>(op));
     run.trace->Clear();
-    for (const auto& check : c.checks)
-      if (Words(check.first.text)[0] == "unchanged") run.before = run.consumer->Contents();
+    // A statement that fails leaves the historian as it was, unless its case says what it left.
+    const bool failing = FAILED(header.hr) && !header.open;
+    bool unchanged = failing, listed = false;
+    for (const auto& check : c.checks) {
+      unchanged = unchanged || Words(check.first.text)[0] == "unchanged";
+      listed = listed || Words(check.first.text)[0] == "contents";
+    }
+    if (unchanged && !listed) run.before = run.consumer->Contents();
     const std::string sql = header.execute ? std::string() : c.sql;
     IUnknown* rowset = nullptr;
     const Outcome got = header.schema    ? run.consumer->Schema(c.sql, header.batch)
@@ -293,8 +299,9 @@ class CaseTest : public ::testing::Test {
                                                              header.open ? &rowset : nullptr);
     if (rowset) return run.open.push_back({&c, header, rowset, check});
     if (!check) return;
-    if (Verify(c, header, got))
-      for (const auto& [line, block] : c.checks) Check(c, line, block, run, callsBefore);
+    if (!Verify(c, header, got)) return;
+    for (const auto& [line, block] : c.checks) Check(c, line, block, run, callsBefore);
+    if (failing && !listed) Check(c, Line{c.line, "unchanged"}, {}, run, callsBefore);
   }
 
   static bool Verify(const Case& c, const Header& header, const Outcome& got) {
