@@ -113,7 +113,7 @@ ULONGLONG SampleTime(double seconds) {
 }
 
 bool IsCheck(const std::string& word) {
-  return word == "calls" || word == "trace" || word == "notrace" || word == "contents";
+  return word == "calls" || word == "trace" || word == "notrace" || word == "contents" || word == "unchanged";
 }
 
 // Reads a case file into its cases; a line it cannot place is reported in `error`.
@@ -141,7 +141,7 @@ std::vector<Case> ParseFile(const std::string& path, std::string* error) {
     if (words.empty()) {
       ++i;
     } else if (words[0] == "tag" || words[0] == "provider" || words[0] == "host" || words[0] == "fail" ||
-               words[0] == "series") {
+               words[0] == "series" || words[0] == "restore") {
       setup.push_back(line);
       ++i;
     } else if (words[0] == "samples") {
@@ -224,7 +224,9 @@ struct FileRun {
   platform::AllocCounts baseline{};
   std::string providerString;
   std::vector<OpenRowset> open;
-  size_t next = 0;  // the case to run next
+  std::vector<Line> samples;  // the sample and series lines applied so far, which `restore` applies again
+  Rows before;                // the historian's contents before a statement checked with `unchanged`
+  size_t next = 0;            // the case to run next
 
   void Start() {
     baseline = platform::CurrentAllocCounts();
@@ -281,6 +283,14 @@ class CaseTest : public ::testing::Test {
     for (int op = 0; op < static_cast<int>(HostOp::Count); ++op)
       callsBefore[op] = run.consumer->Host().Calls(static_cast<HostOp>(op));
     run.trace->Clear();
+    // A statement that fails leaves the historian as it was, unless its case says what it left.
+    const bool failing = FAILED(header.hr) && !header.open;
+    bool unchanged = failing, listed = false;
+    for (const auto& check : c.checks) {
+      unchanged = unchanged || Words(check.first.text)[0] == "unchanged";
+      listed = listed || Words(check.first.text)[0] == "contents";
+    }
+    if (unchanged && !listed) run.before = run.consumer->Contents();
     const std::string sql = header.execute ? std::string() : c.sql;
     IUnknown* rowset = nullptr;
     const Outcome got = header.schema    ? run.consumer->Schema(c.sql, header.batch)
@@ -289,8 +299,9 @@ class CaseTest : public ::testing::Test {
                                                              header.open ? &rowset : nullptr);
     if (rowset) return run.open.push_back({&c, header, rowset, check});
     if (!check) return;
-    if (Verify(c, header, got))
-      for (const auto& [line, block] : c.checks) Check(c, line, block, run, callsBefore);
+    if (!Verify(c, header, got)) return;
+    for (const auto& [line, block] : c.checks) Check(c, line, block, run, callsBefore);
+    if (failing && !listed) Check(c, Line{c.line, "unchanged"}, {}, run, callsBefore);
   }
 
   static bool Verify(const Case& c, const Header& header, const Outcome& got) {
@@ -349,14 +360,27 @@ class CaseTest : public ::testing::Test {
         ADD_FAILURE_AT(file, line.number) << of << (words[0] == "trace" ? " did not trace: " : " traced: ")
                                           << After(line.text, 1);
 #endif
-    } else if (words[0] == "contents") {
-      const Rows expected = Table(block), actual = run.consumer->Contents();
+    } else if (words[0] == "contents" || words[0] == "unchanged") {
+      const Rows actual = Brief(run.consumer->Contents());
+      const Rows expected = words[0] == "contents" ? Table(block) : Brief(run.before);
       if (actual != expected)
-        ADD_FAILURE_AT(file, line.number) << "the historian holds " << actual.size() << " samples:\n" << Show(actual)
-                                          << "  expected " << expected.size() << ":\n" << Show(expected);
+        ADD_FAILURE_AT(file, line.number) << of << " left the historian holding:\n" << Show(actual) << "  expected:\n"
+                                          << Show(expected);
     } else {
       ADD_FAILURE_AT(file, line.number) << "cannot check '" << line.text << "'";
     }
+  }
+
+  // One row per tag holding samples: the tag, then each sample as its second, `=VALUE` where the value is not the
+  // second and `/QUALITY` where the quality is not 0.
+  static Rows Brief(const Rows& contents) {
+    Rows tags;
+    for (size_t i = 0; i < contents.size(); ++i) {
+      const std::vector<std::string>& s = contents[i];
+      if (i == 0 || s[0] != contents[i - 1][0]) tags.push_back({s[0]});
+      tags.back()[0] += " " + s[1] + (s[2] == s[1] ? "" : "=" + s[2]) + (s[3] == "0" ? "" : "/" + s[3]);
+    }
+    return tags;
   }
 
   static void Apply(const char* file, const Line& line, FileRun& run) {
@@ -396,6 +420,7 @@ class CaseTest : public ::testing::Test {
       s.integer = std::atoll(cells[2].c_str());
       if (consumer.Store().AppendSamples(tag.name, {s}) != S_OK)
         ADD_FAILURE_AT(file, line.number) << "sample not added: " << line.text;
+      run.samples.push_back(line);
     } else if (words[0] == "series" && (words.size() == 3 || (words.size() == 4 && ParseHex(words[3], &hr)))) {
       // series NAME N [QUALITY hex]: value i at second i, for i below N.
       const size_t n = static_cast<size_t>(std::atol(words[2].c_str()));
@@ -406,6 +431,13 @@ class CaseTest : public ::testing::Test {
             s.quality = static_cast<DWORD>(hr);
           }) != S_OK)
         ADD_FAILURE_AT(file, line.number) << "series not added: " << line.text;
+      run.samples.push_back(line);
+    } else if (words[0] == "restore") {
+      for (const historian::TagDefinition& tag : consumer.Store().ListTags(nullptr, nullptr))
+        consumer.Store().Delete(tag.name, 0, 0x7FFFFFFFFFFFFFFFull);
+      std::vector<Line> samples;
+      samples.swap(run.samples);
+      for (const Line& sample : samples) Apply(file, sample, run);
     } else if (words[0] == "provider") {
       run.providerString = After(line.text, 1);
     } else if (words[0] == "host" && words.size() == 3 && words[1] == "omit") {
@@ -431,6 +463,7 @@ void FileRun::Finish() {
   consumer.reset();
   trace.reset();
   providerString.clear();
+  samples.clear();
   next = 0;
   LeakCheckedTest::ExpectNothingOutstandingSince(baseline);
 }

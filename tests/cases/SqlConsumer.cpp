@@ -2,8 +2,6 @@
 
 #include <cstring>
 
-#include "historian/Aggregates.h"
-#include "historian/ReferenceHistorian.h"
 
 namespace corvane::test {
 
@@ -27,17 +25,11 @@ bool HostOpNamed(const std::string& name, HostOp* op) {
 
 const char* HostOpName(HostOp op) { return kOpNames[static_cast<int>(op)]; }
 
-SqlConsumer::SqlConsumer() : store_(std::make_shared<historian::CHistorianStore>()) {
+SqlConsumer::SqlConsumer(std::shared_ptr<historian::CHistorianStore> store) : store_(std::move(store)) {
 #ifdef _WIN32
   CoInitializeEx(nullptr, COINIT_MULTITHREADED);
 #endif
-  IAggregates* aggregates = nullptr;
-  EXPECT_EQ(S_OK, historian::CAggregates::CreateInstance(nullptr, IID_IAggregates,
-                                                         reinterpret_cast<void**>(&aggregates)));
-  EXPECT_EQ(S_OK, historian::CReferenceHistorian::Create(store_, IID_IUnknown, reinterpret_cast<void**>(&historian_),
-                                                         aggregates));
-  if (aggregates) aggregates->Release();
-  host_ = testing::CFaultInjectingHost::Create(historian_);
+  host_ = NewHost(store_);
 }
 
 SqlConsumer::~SqlConsumer() {
@@ -48,7 +40,6 @@ SqlConsumer::~SqlConsumer() {
   if (host_) {
     EXPECT_EQ(0u, host_->Release()) << "the provider kept a host reference";
   }
-  if (historian_) historian_->Release();
 #ifdef _WIN32
   CoUninitialize();
 #endif
@@ -92,7 +83,7 @@ Outcome SqlConsumer::Run(const std::string& sql, const std::vector<Parameter>& p
   }
   if (SUCCEEDED(out.hr) && !parameters.empty())
     out.hr = accessor->CreateAccessor(DBACCESSOR_PARAMETERDATA, values.bindings.size(), values.bindings.data(),
-                                      values.slots.size() * sizeof(TextSlot), &handle, nullptr);
+                                      values.slots.size() * sizeof(Cell), &handle, nullptr);
   DBPARAMS params{values.slots.data(), 1, handle};
   if (SUCCEEDED(out.hr))
     out.hr = command_->Execute(nullptr, IID_IRowset, parameters.empty() ? nullptr : &params, &out.affected, &rowset);
@@ -182,8 +173,10 @@ Rows SqlConsumer::Contents() const {
       VariantChangeType(&text, const_cast<VARIANT*>(&v.value), 0, VT_BSTR);
       char quality[16];
       std::snprintf(quality, sizeof quality, "%X", static_cast<unsigned>(v.quality));
-      rows.push_back({ToUtf8(tag.name), TimeText(FileTimeToU64(v.timestamp)),
-                      V_VT(&text) == VT_BSTR ? ToUtf8(V_BSTR(&text)) : std::string("?"), quality});
+      const double seconds = (static_cast<double>(FileTimeToU64(v.timestamp)) - 132223104000000000.0) / 1e7;
+      char at[32];
+      std::snprintf(at, sizeof at, "%g", seconds);
+      rows.push_back({ToUtf8(tag.name), at, V_VT(&text) == VT_BSTR ? ToUtf8(V_BSTR(&text)) : std::string("?"), quality});
       VariantClear(&text);
     }
     FreeHistoryValueList(list);

@@ -39,7 +39,8 @@ struct Outcome {
 
 class SqlConsumer {
  public:
-  SqlConsumer();  // the historian and the host; the provider comes with Open
+  // The historian and the host; the provider comes with Open.
+  explicit SqlConsumer(std::shared_ptr<historian::CHistorianStore> store = std::make_shared<historian::CHistorianStore>());
   ~SqlConsumer();
   SqlConsumer(const SqlConsumer&) = delete;
   SqlConsumer& operator=(const SqlConsumer&) = delete;
@@ -64,12 +65,12 @@ class SqlConsumer {
   // A schema rowset read like a statement's rows: `request` is "NAME | restriction | ...",
   // NAME without its DBSCHEMA_ prefix; an empty restriction is none, digits are an I4.
   Outcome Schema(const std::string& request, DBROWCOUNT batch = 7);
-  // Every sample of every tag, read from the store: tag | time | value | quality (hex).
+  // Every sample of every tag, read from the store: tag | seconds after 2020-01-01 00:00:00 UTC | value |
+  // quality (hex).
   Rows Contents() const;
 
  private:
   std::shared_ptr<historian::CHistorianStore> store_;
-  IUnknown* historian_ = nullptr;
   testing::CFaultInjectingHost* host_ = nullptr;
   IUnknown* dataSource_ = nullptr;
   IOpenRowset* session_ = nullptr;

@@ -13,8 +13,7 @@
 #endif
 
 #include "SQLParser/TimeConversion.h"
-#include "tests/session/ConsumerFixture.h"
-#include "tests/support/FaultInjectingHost.h"
+#include "tests/cases/SqlConsumer.h"
 #include "tests/support/RowReader.h"
 
 // Ten million samples natively; the sanitizer and Windows (Wine) builds stream fewer
@@ -66,45 +65,22 @@ class SelectStreaming : public LeakCheckedTest {
 
   void SetUp() override {
     LeakCheckedTest::SetUp();
-#ifdef _WIN32
-    CoInitializeEx(nullptr, COINIT_MULTITHREADED);
-#endif
     ASSERT_NE(nullptr, store_) << "could not fill the series";
-    IAggregates* aggregates = nullptr;
-    ASSERT_EQ(S_OK,
-              historian::CAggregates::CreateInstance(nullptr, IID_IAggregates, reinterpret_cast<void**>(&aggregates)));
-    IUnknown* inner = nullptr;
-    const HRESULT created =
-        historian::CReferenceHistorian::Create(store_, IID_IUnknown, reinterpret_cast<void**>(&inner), aggregates);
-    aggregates->Release();
-    ASSERT_EQ(S_OK, created);
-    host_ = testing::CFaultInjectingHost::Create(inner);
-    inner->Release();
-    hostRefs_ = RefCount();
-    OpenProvider(static_cast<IRawDataProvider*>(host_), &seriesSource_, &seriesSession_,
-                 "Use Timestamps=true;Timestamp Start=2024-01-01 00:00:00;Timestamp End=2025-01-01 00:00:00");
+    consumer_ = std::make_unique<SqlConsumer>(store_);
+    consumer_->Open("Use Timestamps=true;Timestamp Start=2024-01-01 00:00:00;Timestamp End=2025-01-01 00:00:00");
   }
   void TearDown() override {
-    CloseProvider(&seriesSource_, &seriesSession_);
-    EXPECT_EQ(0u, host_->OutstandingContinuationPoints()) << "every continuation point was finished or released";
-    EXPECT_EQ(hostRefs_, RefCount()) << "the provider let go of the host";
-    host_->Release();
-#ifdef _WIN32
-    CoUninitialize();
-#endif
+    EXPECT_EQ(0u, Host().OutstandingContinuationPoints()) << "every continuation point was finished or released";
+    consumer_.reset();  // which checks that the provider let go of the host and the command
     LeakCheckedTest::TearDown();
   }
+  testing::CFaultInjectingHost& Host() { return consumer_->Host(); }
 
   // Runs SELECT * FROM RAWDATA and reads it `kBatch` rows at a time until `onRow` or
   // `batch` stops; each row's cells are checked against the series, counting from 0.
   HRESULT Select(const std::function<DBROWCOUNT(size_t)>& batch, const std::function<bool(size_t)>& onRow) {
-    IDBCreateCommand* create = ConsumerTest::Query<IDBCreateCommand>(seriesSession_, IID_IDBCreateCommand);
-    ICommandText* command = nullptr;
     IUnknown* rowset = nullptr;
-    HRESULT hr = create->CreateCommand(nullptr, IID_ICommandText, reinterpret_cast<IUnknown**>(&command));
-    create->Release();
-    if (SUCCEEDED(hr)) hr = command->SetCommandText(DBGUID_SQL, OLESTR("SELECT * FROM RAWDATA"));
-    if (SUCCEEDED(hr)) hr = command->Execute(nullptr, IID_IRowset, nullptr, nullptr, &rowset);
+    HRESULT hr = consumer_->Run("SELECT * FROM RAWDATA", {}, 0, &rowset).hr;
     size_t index = 0;
     if (SUCCEEDED(hr)) {
       hr = ReadRows(rowset, {{1, DBTYPE_WSTR}, {2, DBTYPE_DBTIMESTAMP}, {3, DBTYPE_UI4}, {4, DBTYPE_VARIANT}}, batch,
@@ -122,21 +98,12 @@ class SelectStreaming : public LeakCheckedTest {
                     });
     }
     if (rowset) rowset->Release();
-    if (command) command->Release();
     return hr;
-  }
-
-  ULONG RefCount() {
-    host_->AddRef();
-    return host_->Release();
   }
 
   static std::shared_ptr<historian::CHistorianStore> store_;
   static long residentAfterLoad_;
-  testing::CFaultInjectingHost* host_ = nullptr;
-  ULONG hostRefs_ = 0;
-  IUnknown* seriesSource_ = nullptr;
-  IOpenRowset* seriesSession_ = nullptr;
+  std::unique_ptr<SqlConsumer> consumer_;
   size_t wrong_ = 0;
 };
 
@@ -152,7 +119,7 @@ TEST_F(SelectStreaming, EverySampleArrivesInOrderWhileMemoryStaysBounded) {
   const auto start = std::chrono::steady_clock::now();
   ASSERT_EQ(S_OK, Select([](size_t) { return kBatch; },
                          [&](size_t index) {
-                           if (index == 0) readsAtFirstRow = host_->Calls(Op::ReadRaw);
+                           if (index == 0) readsAtFirstRow = Host().Calls(Op::ReadRaw);
                            if (index % kBatch == 0) peakBlocks = std::max(peakBlocks, blocks());
                            ++rows;
                            return true;
@@ -164,8 +131,8 @@ TEST_F(SelectStreaming, EverySampleArrivesInOrderWhileMemoryStaysBounded) {
   // The first rows are served from the first page: the worker has not read ahead.
   EXPECT_GE(readsAtFirstRow, 1u);
   EXPECT_LE(readsAtFirstRow, 2u);
-  EXPECT_GE(host_->Calls(Op::ReadRaw), (kSamples + kPage - 1) / kPage);
-  EXPECT_LE(host_->Calls(Op::ReadRaw), (kSamples + kPage - 1) / kPage + 1);
+  EXPECT_GE(Host().Calls(Op::ReadRaw), (kSamples + kPage - 1) / kPage);
+  EXPECT_LE(Host().Calls(Op::ReadRaw), (kSamples + kPage - 1) / kPage + 1);
   // Each row of the store is one task-allocator block: a page read, a page in the
   // store, the batch the consumer holds, whatever the length of the series.
   EXPECT_LE(peakBlocks, static_cast<int64_t>(3 * kPage + kBatch));
@@ -188,8 +155,8 @@ TEST_F(SelectStreaming, ReleasingTheRowsetMidStreamStopsTheRead) {
     size_t rows = 0;
     ASSERT_EQ(S_OK, Select([](size_t count) { return count ? 0 : kBatch; }, [&](size_t) { return ++rows > 0; }));
     EXPECT_EQ(static_cast<size_t>(kBatch), rows);
-    EXPECT_LE(host_->Calls(Op::ReadRaw), 3u * (run + 1));
-    EXPECT_LE(host_->Calls(Op::ReleaseContinuationPoint), run + 1u);
+    EXPECT_LE(Host().Calls(Op::ReadRaw), 3u * (run + 1));
+    EXPECT_LE(Host().Calls(Op::ReleaseContinuationPoint), run + 1u);
   }
   EXPECT_EQ(0u, wrong_);
 }

@@ -6,6 +6,7 @@
 
 #include <cstring>
 
+
 #ifdef CORVANE_CONSUMER_OF_DLL
 #include "tests/support/Registration.h"
 #else
@@ -66,12 +67,7 @@ void ConsumerTest::SetUp() {
       if (text) s.text = corvane::WFormat(OLESTR("note %d"), static_cast<int>(i));
     }));
   }
-
-  IAggregates* factory = nullptr;
-  ASSERT_EQ(S_OK, corvane::historian::CAggregates::CreateInstance(nullptr, IID_IAggregates,
-                                                                  reinterpret_cast<void**>(&factory)));
-  ASSERT_EQ(S_OK, CReferenceHistorian::Create(store, IID_IUnknown, reinterpret_cast<void**>(&host_), factory));
-  factory->Release();
+  host_ = static_cast<IRawDataProvider*>(NewHost(store));
   hostRefs_ = RefCount(host_);
 
   OpenProvider(host_, &dataSource_, &session_);
@@ -88,28 +84,26 @@ void ConsumerTest::TearDown() {
   LeakCheckedTest::TearDown();
 }
 
-DBBINDING TextBinding(size_t i, DBPARAMIO io) {
-  DBBINDING b;
-  std::memset(&b, 0, sizeof b);
-  b.iOrdinal = i + 1;
-  b.obStatus = i * sizeof(TextSlot) + offsetof(TextSlot, status);
-  b.obLength = i * sizeof(TextSlot) + offsetof(TextSlot, length);
-  b.obValue = i * sizeof(TextSlot) + offsetof(TextSlot, text);
-  b.dwPart = DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS;
-  b.dwMemOwner = DBMEMOWNER_CLIENTOWNED;
-  b.eParamIO = io;
-  b.cbMaxLen = sizeof TextSlot::text;
-  b.wType = DBTYPE_WSTR;
-  return b;
+testing::CFaultInjectingHost* NewHost(std::shared_ptr<CHistorianStore> store) {
+  IAggregates* aggregates = nullptr;
+  IUnknown* reference = nullptr;
+  EXPECT_EQ(S_OK, corvane::historian::CAggregates::CreateInstance(nullptr, IID_IAggregates,
+                                                                  reinterpret_cast<void**>(&aggregates)));
+  EXPECT_EQ(S_OK, CReferenceHistorian::Create(std::move(store), IID_IUnknown, reinterpret_cast<void**>(&reference),
+                                              aggregates));
+  if (aggregates) aggregates->Release();
+  testing::CFaultInjectingHost* host = testing::CFaultInjectingHost::Create(reference);
+  if (reference) reference->Release();
+  return host;
 }
 
 TextParameters::TextParameters(const std::vector<const OLECHAR*>& values) : slots(values.size()) {
   for (size_t i = 0; i < values.size(); ++i) {
-    const WString text = values[i] ? WString(values[i]).substr(0, TextSlot::kChars - 1) : WString();
+    const WString text = values[i] ? WString(values[i]).substr(0, Cell::kTextChars - 1) : WString();
     slots[i].status = values[i] ? DBSTATUS_S_OK : DBSTATUS_S_ISNULL;
     slots[i].length = text.size() * sizeof(OLECHAR);
-    std::memcpy(slots[i].text, text.c_str(), slots[i].length + sizeof(OLECHAR));
-    bindings.push_back(TextBinding(i, DBPARAMIO_INPUT));
+    std::memcpy(slots[i].v.text, text.c_str(), slots[i].length + sizeof(OLECHAR));
+    bindings.push_back(CellBinding(i, i + 1, DBTYPE_WSTR, DBPARAMIO_INPUT));
   }
 }
 
@@ -211,60 +205,25 @@ LastError ConsumerTest::TakeLastError() {
 
 std::vector<std::vector<std::string>> ReadAll(IUnknown* rowset, std::vector<DBORDINAL> columns, DBROWCOUNT batch,
                                               HRESULT* failure, LastError* error, bool hold) {
-  std::vector<std::vector<std::string>> rows;
-  IAccessor* accessor = ConsumerTest::Query<IAccessor>(rowset, IID_IAccessor);
-  IRowset* fetch = ConsumerTest::Query<IRowset>(rowset, IID_IRowset);
-  EXPECT_TRUE(accessor && fetch);
   if (columns.empty())
     for (size_t i = 0; i < Columns(rowset).size(); ++i) columns.push_back(i + 1);
-  std::vector<DBBINDING> bindings;
-  for (size_t i = 0; i < columns.size(); ++i) {
-    bindings.push_back(TextBinding(i, DBPARAMIO_NOTPARAM));
-    bindings.back().iOrdinal = columns[i];
-  }
-  HACCESSOR handle = DB_NULL_HACCESSOR;
-  if (accessor && fetch) {
-    EXPECT_EQ(S_OK, accessor->CreateAccessor(DBACCESSOR_ROWDATA, bindings.size(), bindings.data(),
-                                             columns.size() * sizeof(TextSlot), &handle, nullptr));
-  }
-  std::vector<TextSlot> buffer(columns.size());
-  std::vector<HROW> held;
-  auto read = [&](const HROW* handles, DBCOUNTITEM n) {
-    for (DBCOUNTITEM r = 0; r < n; ++r) {
-      EXPECT_EQ(S_OK, fetch->GetData(handles[r], handle, buffer.data())) << "a fetched row is readable";
-      std::vector<std::string> row;
-      for (const TextSlot& c : buffer)
-        row.push_back(c.status == DBSTATUS_S_ISNULL ? std::string("<null>") : corvane::ToUtf8(c.text));
-      rows.push_back(std::move(row));
-    }
-    if (n) {
-      EXPECT_EQ(S_OK, fetch->ReleaseRows(n, const_cast<HROW*>(handles), nullptr, nullptr, nullptr));
-    }
-  };
-  while (accessor && fetch) {
-    DBCOUNTITEM obtained = 0;
-    HROW* handles = nullptr;
-    const HRESULT hr = fetch->GetNextRows(DB_NULL_HCHAPTER, 0, batch, &obtained, &handles);
-    if (failure) *failure = SUCCEEDED(hr) ? S_OK : hr;
-    if (FAILED(hr) && error) *error = ConsumerTest::TakeLastError();
-    EXPECT_TRUE(failure || hr == S_OK || hr == DB_S_ENDOFROWSET) << std::hex << hr;
-    if (hold) held.insert(held.end(), handles, handles + obtained);
-    else read(handles, obtained);
-    CoTaskMemFree(handles);
-    if (hr != S_OK || obtained == 0) break;
-  }
-  read(held.data(), held.size());  // rows held to the end stay readable
-  if (accessor) accessor->ReleaseAccessor(handle, nullptr), accessor->Release();
-  if (fetch) fetch->Release();
+  CellColumns cells;
+  for (DBORDINAL c : columns) cells.emplace_back(c, DBTYPE_WSTR);
+  std::vector<std::vector<std::string>> rows;
+  const HRESULT hr = ReadRows(
+      rowset, cells, [batch](size_t) { return batch; },
+      [&rows](const Row& row) {
+        rows.emplace_back();
+        for (const Cell& c : row)
+          rows.back().push_back(c.status == DBSTATUS_S_ISNULL ? std::string("<null>") : corvane::ToUtf8(c.v.text));
+        return true;
+      },
+      hold, [error](HRESULT) {
+        if (error) *error = ConsumerTest::TakeLastError();
+      });
+  if (failure) *failure = hr;
+  EXPECT_TRUE(failure || hr == S_OK) << std::hex << hr;
   return rows;
-}
-
-void FreePropertySets(ULONG count, DBPROPSET* sets) {
-  for (ULONG s = 0; s < count; ++s) {
-    for (ULONG p = 0; p < sets[s].cProperties; ++p) VariantClear(&sets[s].rgProperties[p].vValue);
-    CoTaskMemFree(sets[s].rgProperties);
-  }
-  CoTaskMemFree(sets);
 }
 
 std::vector<std::pair<std::string, DBTYPE>> Columns(IUnknown* object) {

@@ -15,7 +15,9 @@
 #include "historian/ReferenceHistorian.h"
 #include "platform/WideString.h"
 #include "provider/ICreateCorvaneOleDbProvider.h"
+#include "tests/support/FaultInjectingHost.h"
 #include "tests/support/LeakCheckedTest.h"
+#include "tests/support/RowReader.h"
 #include "tests/support/TraceCapture.h"
 
 #ifdef CORVANE_CONSUMER_OF_DLL
@@ -67,22 +69,16 @@ class ConsumerTest : public LeakCheckedTest {
   ULONG hostRefs_ = 0;
 };
 
-// One wide text with its length and status, the cell of every text binding here.
-struct TextSlot {
-  static constexpr size_t kChars = 512;
-  DBSTATUS status;
-  DBLENGTH length;
-  OLECHAR text[kChars];
-};
-// A WSTR binding of ordinal i + 1 to slot i of an array of TextSlot.
-DBBINDING TextBinding(size_t i, DBPARAMIO io);
-// Input values of the `?` of a statement, one TextSlot each; null gives DBSTATUS_S_ISNULL.
+// Input values of the `?` of a statement as wide texts, one Cell each; null gives DBSTATUS_S_ISNULL.
 struct TextParameters {
-  std::vector<TextSlot> slots;
+  std::vector<Cell> slots;
   std::vector<DBBINDING> bindings;
   explicit TextParameters(const std::vector<const OLECHAR*>& values);
 };
 
+// The reference historian over `store`, with its aggregates, behind a fault-injecting host
+// that has one reference.
+testing::CFaultInjectingHost* NewHost(std::shared_ptr<historian::CHistorianStore> store);
 // Creates the provider over `host` (linked in, or the registered DLL), sets its catalog
 // to "Plant", initialises it and opens a session.
 void OpenProvider(IUnknown* host, IUnknown** dataSource, IOpenRowset** session,
@@ -91,16 +87,12 @@ void OpenProvider(IUnknown* host, IUnknown** dataSource, IOpenRowset** session,
 // reference goes with the consumer's; clears the thread's error records.
 void CloseProvider(IUnknown** dataSource, IOpenRowset** session);
 
-// Reads every row of `rowset` through an accessor of the given columns (all when empty)
-// as wide text (DBTYPE_WSTR, 512 characters) in batches of `batch`; a null cell reads as
-// "<null>". With `failure`, a failing fetch stops the read and is given back there (its
-// records in `error`) instead of failing the test. With `hold`, every row is kept until
-// the end and then read, as a consumer that holds rows does.
+// Every row of `rowset` as wide text (512 characters) of the given columns (all when
+// empty), through ReadRows; a null cell reads as "<null>". With `failure`, a failing fetch
+// is given back there (its records in `error`) instead of failing the test.
 std::vector<std::vector<std::string>> ReadAll(IUnknown* rowset, std::vector<DBORDINAL> columns,
                                               DBROWCOUNT batch = 7, HRESULT* failure = nullptr,
                                               LastError* error = nullptr, bool hold = false);
-// Frees what GetProperties returned.
-void FreePropertySets(ULONG count, DBPROPSET* sets);
 // Column names and types of a rowset or prepared command (IColumnsInfo).
 std::vector<std::pair<std::string, DBTYPE>> Columns(IUnknown* object);
 

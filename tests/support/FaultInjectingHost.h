@@ -45,7 +45,6 @@ class CFaultInjectingHost final : public IRawDataProvider, public IProcessedData
   // Raw samples stamped `from` are answered as stamped `to`: a host that hands out two
   // samples of one time, which the reference store never holds.
   void Restamp(ULONGLONG from, ULONGLONG to) { restampFrom_ = from, restampTo_ = to; }
-  // Every call waits this long before it does anything.
   // QueryInterface refuses this interface (IID_IProcessedDataProvider or IID_IValuesProvider).
   void Omit(REFIID iid);
 
