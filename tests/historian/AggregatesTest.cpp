@@ -150,12 +150,6 @@ std::string Show(const HistoryValue& v) {
   return value + text;
 }
 
-std::string Show(const HistoryValue* values, ULONG count) {
-  std::string text;
-  for (ULONG i = 0; i < count; ++i) text += (i ? " | " : "") + Show(values[i]);
-  return text;
-}
-
 std::string Describe(const Answer& a, int interval) {
   char text[96];
   if (FAILED(a.hr)) return (std::snprintf(text, sizeof text, "hr%08X", unsigned(a.hr)), text) + std::string(a.result ? " and a result" : "");
@@ -387,7 +381,7 @@ TEST_F(AggregatesTest, ReadsLeaveNothingBehindForTheNextOne) {
   EXPECT_EQ(Exact(fresh), Exact(later));
 }
 
-// ---- Filtered tag statistics -----------------------------------------------------------------------
+// ---- Filtered tag statistics: what the procedure pages through is in tests/cases/hda.test -------------
 
 struct Page {
   HRESULT hr = E_FAIL;
@@ -406,26 +400,6 @@ struct Page {
     FreeHistoryValueList(values);
   }
 };
-
-TEST_F(AggregatesTest, StatisticsPageThroughMatchingTags) {
-  auto* provider = static_cast<CProcessedDataProvider*>(processed_);
-  void* cp = nullptr;
-  Page first, second;
-  // "F*" and "*w*": Flow and FlowStep; over [0, 60] with both ends included.
-  ASSERT_EQ(S_OK, first.Read(processed_, OLESTR("F*"), OLESTR(""), OLESTR("*w*"), 0, 60, &request_, 1, &cp));
-  ASSERT_EQ(1u, first.n);
-  ASSERT_NE(nullptr, cp);
-  EXPECT_EQ(1u, provider->PendingStatistics());
-  EXPECT_EQ(WString(OLESTR("Flow")), WString(first.names[0]));
-  // MIN, MAX (@60: the end is included), AVG (10 + 30 + 10 + 40) / 4 from 4 of 5, COUNT.
-  EXPECT_PRED2(Matches, "10 | 40 * @60 | 22.5 40A40401 @0 | i4", Show(first.values->values, first.values->count));
-
-  ASSERT_EQ(S_OK, second.Read(processed_, OLESTR("F*"), OLESTR(""), OLESTR("*w*"), 0, 60, &request_, 1, &cp));
-  ASSERT_EQ(1u, second.n);
-  EXPECT_EQ(WString(OLESTR("FlowStep")), WString(second.names[0]));
-  EXPECT_EQ(nullptr, cp);
-  EXPECT_EQ(0u, provider->PendingStatistics());
-}
 
 TEST_F(AggregatesTest, StatisticsContinuationPointsAreOwnedAndChecked) {
   auto* provider = static_cast<CProcessedDataProvider*>(processed_);
@@ -484,15 +458,10 @@ TEST_F(AggregatesTest, ComponentIsCreatedThroughItsProgId) {
   EXPECT_EQ(E_INVALIDARG, aggregates->CreateProcessedDataProvider(nullptr, &built));
   ASSERT_EQ(S_OK, aggregates->CreateProcessedDataProvider(host_, &built));
   aggregates->Release();  // the built provider outlives its factory
-  OLECHAR cat[] = OLESTR("c"), sch[] = OLESTR("s"), tag[] = OLESTR("Late");
-  TagIdent ident{cat, sch, tag};
-  request_.start = U64ToFileTime(T(50));
-  request_.end = U64ToFileTime(T(60));
-  const AggregateId ids[] = {AGG_AVG};
   Answer a;
-  a.entries = 1;
-  ASSERT_EQ(S_OK, built->ReadProcessed(&ident, &request_, 1, ids, &a.result));
-  EXPECT_PRED2(Matches, "5 401 @50", Show(a.At(0, 0)));
+  Read(a, OLESTR("Late"), 50, 60, 0, {AGG_AVG}, built);
+  EXPECT_EQ(S_OK, a.hr);
+  EXPECT_PRED2(Matches, "5 401 @50", Describe(a, 0));
   built->Release();
 #ifdef _WIN32
   EXPECT_EQ(S_OK, canUnload());
