@@ -56,8 +56,8 @@ TEST(FileTimeCalendar, RandomInstantsRoundTripToTheMillisecond) {
   }
 }
 
-// The clock INSERT stamps samples with reads the system's; the probe compares the latter
-// with the C runtime (tests/differential/probe_time.cpp).
+// INSERT without a time stamps the sample with CoFileTimeNow, which must read the system
+// clock; the time probe compares that clock with the C runtime's.
 TEST(SystemClock, CoFileTimeNowIsTheSystemTime) {
   FILETIME before{}, com{}, after{};
   GetSystemTimeAsFileTime(&before);
