@@ -1,5 +1,5 @@
-// Conversion sources written as text, shared by the conversion suites: "I4 -5",
-// "WSTR hello", "VARIANT R8 2.25"; see Value below.
+// Conversion sources written as text ("I4 -5", "WSTR hello", "VARIANT R8 2.25"; see Value
+// below) and what a conversion wrote shown as text, shared by the conversion suites.
 #pragma once
 #include <gtest/gtest.h>
 
@@ -94,6 +94,63 @@ inline void Parse(const std::string& written, Value* v) {
       break;
     }
   }
+}
+
+// What a conversion wrote, as text in the destination's type ("?" for a type not shown).
+inline std::string Render(DBTYPE type, const BYTE* b) {
+  char text[96] = "?";
+  const DBTIMESTAMP& t = *reinterpret_cast<const DBTIMESTAMP*>(b);
+  switch (type) {
+    case DBTYPE_I1: std::snprintf(text, sizeof text, "%d", *reinterpret_cast<const signed char*>(b)); break;
+    case DBTYPE_UI1: std::snprintf(text, sizeof text, "%u", *b); break;
+    case DBTYPE_I2: case DBTYPE_BOOL: std::snprintf(text, sizeof text, "%d", *reinterpret_cast<const SHORT*>(b)); break;
+    case DBTYPE_UI2: std::snprintf(text, sizeof text, "%u", *reinterpret_cast<const USHORT*>(b)); break;
+    case DBTYPE_I4: std::snprintf(text, sizeof text, "%ld", long(*reinterpret_cast<const LONG*>(b))); break;
+    case DBTYPE_UI4: std::snprintf(text, sizeof text, "%lu", (unsigned long)*reinterpret_cast<const ULONG*>(b)); break;
+    case DBTYPE_I8: case DBTYPE_CY: case DBTYPE_FILETIME: std::snprintf(text, sizeof text, "%lld", *reinterpret_cast<const long long*>(b)); break;
+    case DBTYPE_UI8: std::snprintf(text, sizeof text, "%llu", *reinterpret_cast<const unsigned long long*>(b)); break;
+    case DBTYPE_R4: std::snprintf(text, sizeof text, "%.9g", *reinterpret_cast<const float*>(b)); break;
+    case DBTYPE_R8: case DBTYPE_DATE: std::snprintf(text, sizeof text, "%.17g", *reinterpret_cast<const double*>(b)); break;
+    case DBTYPE_WSTR: return "'" + ToUtf8(reinterpret_cast<const OLECHAR*>(b)) + "'";
+    case DBTYPE_STR: return "'" + std::string(reinterpret_cast<const char*>(b)) + "'";
+    case DBTYPE_WSTR | DBTYPE_BYREF: return "&'" + ToUtf8(*reinterpret_cast<OLECHAR* const*>(b)) + "'";
+    case DBTYPE_BSTR: return "'" + ToUtf8(*reinterpret_cast<const BSTR*>(b)) + "'";
+    case DBTYPE_DBTIMESTAMP:
+      std::snprintf(text, sizeof text, "%04d-%02u-%02u %02u:%02u:%02u.%lu", t.year, t.month, t.day, t.hour, t.minute,
+                    t.second, (unsigned long)t.fraction);
+      break;
+    case DBTYPE_DBDATE: std::snprintf(text, sizeof text, "%04d-%02u-%02u", t.year, t.month, t.day); break;
+    case DBTYPE_DBTIME: std::snprintf(text, sizeof text, "%02u:%02u:%02u", t.year, t.month, t.day); break;
+    case DBTYPE_NUMERIC: {
+      // The 128-bit value as its low and (when set) high 64 bits.
+      const DB_NUMERIC& n = *reinterpret_cast<const DB_NUMERIC*>(b);
+      unsigned long long low = 0, high = 0;
+      std::memcpy(&low, n.val, 8);
+      std::memcpy(&high, n.val + 8, 8);
+      std::snprintf(text, sizeof text, "%u,%u,%s%llu", n.precision, n.scale, n.sign ? "" : "-", low);
+      return text + (high ? "+" + std::to_string(high) + "<<64" : "");
+    }
+    case DBTYPE_DECIMAL: {
+      const DECIMAL& d = *reinterpret_cast<const DECIMAL*>(b);
+      std::snprintf(text, sizeof text, "%s%llu+%lu<<64e-%u", d.sign ? "-" : "", (unsigned long long)d.Lo64,
+                    (unsigned long)d.Hi32, d.scale);
+      break;
+    }
+    case DBTYPE_VARIANT: {
+      const VARIANT& v = *reinterpret_cast<const VARIANT*>(b);
+      const DBTYPE held = v.vt == VT_BSTR ? DBTYPE(DBTYPE_BSTR) : DBTYPE(v.vt);
+      const BYTE* value = v.vt == VT_DECIMAL ? b : reinterpret_cast<const BYTE*>(&v.llVal);  // a DECIMAL fills it all
+      return v.vt == VT_EMPTY ? "VT_EMPTY" : "VT" + std::to_string(v.vt) + ":" + Render(held, value);
+    }
+  }
+  return text;
+}
+
+// Frees what a conversion allocated for its destination.
+inline void Release(DBTYPE type, BYTE* b) {
+  if (type == (DBTYPE_WSTR | DBTYPE_BYREF)) CoTaskMemFree(*reinterpret_cast<OLECHAR**>(b));
+  if (type == DBTYPE_BSTR) SysFreeString(*reinterpret_cast<BSTR*>(b));
+  if (type == DBTYPE_VARIANT) VariantClear(reinterpret_cast<VARIANT*>(b));
 }
 
 }  // namespace corvane::test

@@ -16,32 +16,25 @@ namespace probe {
 
 class Output {
  public:
-  Output(int argc, char** argv) {
-    if (argc < 2) {
-      std::fprintf(stderr, "usage: %s <output file>\n", argv[0]);
-      return;
-    }
-    file_ = std::fopen(argv[1], "wb");
-    if (!file_) std::fprintf(stderr, "cannot write %s\n", argv[1]);
+  Output(int argc, char** argv) : file_(argc > 1 ? std::fopen(argv[1], "wb") : nullptr) {
+    if (!file_) std::fprintf(stderr, "usage: %s <output file to write>\n", argv[0]);
   }
   ~Output() {
     if (file_) std::fclose(file_);
+    std::printf("%d cases\n", cases_);
   }
   Output(const Output&) = delete;
   Output& operator=(const Output&) = delete;
-
   bool ok() const { return file_ != nullptr; }
-  int cases() const { return cases_; }
 
   void Line(const std::string& id, HRESULT hr, const std::string& vt, const std::string& value) {
-    if (!file_) return;
     std::fprintf(file_, "%s\t%08" PRIX32 "\t%s\t%s\n", id.c_str(), static_cast<uint32_t>(hr), vt.c_str(),
                  value.c_str());
     ++cases_;
   }
 
  private:
-  std::FILE* file_ = nullptr;
+  std::FILE* file_;
   int cases_ = 0;
 };
 
@@ -61,11 +54,6 @@ inline std::string Double(double d) {
   return s;
 }
 
-inline std::string Float(float f) {
-  if (std::isnan(f)) return "nan";
-  return Double(static_cast<double>(f));
-}
-
 inline std::string Int(int64_t v) { return std::to_string(v); }
 inline std::string UInt(uint64_t v) { return std::to_string(v); }
 
@@ -74,10 +62,8 @@ inline std::string Text(const OLECHAR* s, size_t n) {
   std::string out = "\"";
   for (size_t i = 0; i < n; ++i) {
     unsigned c = static_cast<unsigned>(s[i]);
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += static_cast<char>(c);
-    } else if (c >= 0x20 && c < 0x7F) {
+    if (c == '"' || c == '\\') out += '\\';
+    if (c >= 0x20 && c < 0x7F) {
       out += static_cast<char>(c);
     } else {
       char buf[8];
@@ -141,7 +127,7 @@ inline std::string Value(const VARIANT& v) {
     case VT_UI4: return UInt(v.ulVal);
     case VT_UINT: return UInt(v.uintVal);
     case VT_UI8: return UInt(v.ullVal);
-    case VT_R4: return Float(v.fltVal);
+    case VT_R4: return Double(v.fltVal);
     case VT_R8: return Double(v.dblVal);
     case VT_DATE: return Double(v.date);
     case VT_BOOL: return Int(v.boolVal);

@@ -45,6 +45,5 @@ int main(int argc, char** argv) {
 #undef V
 #undef G
 
-  std::printf("%d cases\n", out.cases());
   return 0;
 }

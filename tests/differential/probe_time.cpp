@@ -117,6 +117,5 @@ int main(int argc, char** argv) {
   const int64_t drift = unixNow - int64_t(std::time(nullptr));
   out.Line("clock:agreesWithTime", S_OK, "BOOL", drift >= -2 && drift <= 2 ? "yes" : "no");
 
-  std::printf("%d cases\n", out.cases());
   return 0;
 }

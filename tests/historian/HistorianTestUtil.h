@@ -81,15 +81,14 @@ class HistorianFixture : public ::corvane::test::LeakCheckedTest {
     LeakCheckedTest::TearDown();
   }
 
-  // A VT_R8 tag with `count` samples: value i at kT0 + i * step, quality `quality(i)`.
-  void AddSeries(const OLECHAR* name, size_t count, ULONGLONG step = kSecond, DWORD (*quality)(size_t) = nullptr) {
+  // A good VT_R8 tag with `count` samples: value i at kT0 + i seconds.
+  void AddSeries(const OLECHAR* name, size_t count) {
     TagDefinition def;
     def.name = name;
     ASSERT_EQ(S_OK, store_->AddTag(def));
     ASSERT_EQ(S_OK, store_->AppendGenerated(name, count, [&](size_t i, SampleInput& s) {
-      s.time = kT0 + i * step;
+      s.time = kT0 + i * kSecond;
       s.number = static_cast<double>(i);
-      s.quality = quality ? quality(i) : 0;
     }));
   }
 

@@ -19,25 +19,20 @@ int64_t MsSince(Clock::time_point start) {
 }
 }  // namespace
 
-TEST(Events, ManualResetStaysSignalledUntilReset) {
-  Event e(Event::Mode::ManualReset);
-  EXPECT_FALSE(e.Wait(0));
-  e.Set();
-  EXPECT_TRUE(e.Wait(0));
-  EXPECT_TRUE(e.Wait(0)) << "a manual-reset event is not consumed by a wait";
-  EXPECT_TRUE(e.IsSet());
-  e.Reset();
-  EXPECT_FALSE(e.IsSet());
-  EXPECT_FALSE(e.Wait(0));
-  Event initially(Event::Mode::ManualReset, true);
-  EXPECT_TRUE(initially.Wait(0));
-}
+TEST(Events, ManualResetStaysSignalledAutoResetReleasesExactlyOneWaiterPerSet) {
+  Event manual(Event::Mode::ManualReset);
+  EXPECT_FALSE(manual.Wait(0));
+  manual.Set();
+  EXPECT_TRUE(manual.Wait(0));
+  EXPECT_TRUE(manual.Wait(0)) << "a manual-reset event is not consumed by a wait";
+  manual.Reset();
+  EXPECT_FALSE(manual.IsSet());
+  EXPECT_FALSE(manual.Wait(0));
+  EXPECT_TRUE(Event(Event::Mode::ManualReset, true).Wait(0));
 
-TEST(Events, AutoResetReleasesExactlyOneWaiterPerSet) {
   Event e(Event::Mode::AutoReset, true);
   EXPECT_TRUE(e.Wait(0));
   EXPECT_FALSE(e.Wait(0)) << "the first wait consumed the signal";
-
   std::atomic<int> woken{0};
   std::vector<std::thread> waiters;
   for (int i = 0; i < 3; ++i) waiters.emplace_back([&] { woken += e.Wait(2000) ? 1 : 0; });
