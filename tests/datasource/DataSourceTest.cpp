@@ -1,6 +1,5 @@
-// Creation through ICreateCorvaneOleDbProvider and the data source it returns: the
-// creation paths over the reference historian, the data source's property rules,
-// provider string, query settings, information interfaces and error records.
+// Creation through ICreateCorvaneOleDbProvider over the reference historian: what the
+// data source takes from its host, and every reference and lock given back.
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -33,8 +32,8 @@ ULONG RefCount(IUnknown* object) {
   return object->Release();
 }
 
-// A host over a fresh reference historian, wrapped so it counts its references and can
-// hide interfaces. With `processed` the historian answers IProcessedDataProvider itself.
+// A fresh reference historian behind the counting host; with `processed` it answers
+// IProcessedDataProvider itself.
 CFaultInjectingHost* MakeHost(bool processed) {
   IAggregates* factory = nullptr;
   if (processed) CAggregates::CreateInstance(nullptr, IID_IAggregates, reinterpret_cast<void**>(&factory));

@@ -20,6 +20,7 @@ std::string Describe(REFIID iid, HRESULT hr) { return ToUtf8(DescribeFailure(iid
 
 TEST(ErrorDescriptions, JoinInterfaceAndResultTexts) {
   // Provider codes without a text of their own (8004C006) fall through to the general one.
+  // (Through SQL: IRowset's identifier as its name, execution.test; 8004C001, tables.test.)
   const struct {
     const IID& iid;
     HRESULT hr;
@@ -34,8 +35,6 @@ TEST(ErrorDescriptions, JoinInterfaceAndResultTexts) {
                                                "(C0041009)."},
       {IID_IOpenRowset, HRESULT(0xC004100B), "Failed to open a rowset (IID_IOpenRowset). Details: Unable to insert - "
                                              "data already present (C004100B)."},
-      {IID_ICommand, CORVANE_E_TABLE_NOT_FOUND, "Failed to execute a command (IID_ICommand). Details: Required table "
-                                                "doesn't exist."},
       {IID_ICommandPrepare, CORVANE_E_MISSING_PARAMETER, "Failed to prepare a command (IID_ICommandPrepare). Details: "
                                                          "Missing required parameter."},
       {IID_IDBSchemaRowset, CORVANE_E_TAG_PATH_NOT_FOUND, "Failed to get a rowset or schema (IID_IDBSchemaRowset). "
@@ -48,9 +47,6 @@ TEST(ErrorDescriptions, JoinInterfaceAndResultTexts) {
                                    "(HRESULT = 8007000E)."},
       {IID_ICommand, CORVANE_E_NOT_ONE_FROM_ITEM, "Failed to execute a command (IID_ICommand). Details: No more "
                                                   "details (HRESULT = 8004C006)."},
-      // IRowset has no text of its own: the first four groups of its identifier, in
-      // upper-case hexadecimal without leading zeros.
-      {IID_IRowset, E_FAIL, "Failed (interface C733A7C-2A1C-11CE-ADE5). Details: Returned E_FAIL."},
   };
   for (const auto& c : cases) EXPECT_EQ(Describe(c.iid, c.hr), c.text);
   EXPECT_EQ(ToUtf8(DescribeFailure(IID_ICommandText, OLESTR("Unable to set command text."))),
