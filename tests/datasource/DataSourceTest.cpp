@@ -179,17 +179,6 @@ TEST_F(Creation, RawOnlyHostGetsTheAggregatesComponent) {
   ds->Release();
   EXPECT_EQ(hostRefs, RefCount(static_cast<IRawDataProvider*>(host)));
   static_cast<IRawDataProvider*>(host)->Release();
-
-  // The creation object is found by its CLSID and ProgID in the class registry.
-  ASSERT_EQ(S_OK, DllRegisterServer());
-  CLSID clsid{};
-  ASSERT_EQ(S_OK, CLSIDFromProgID(CORVANE_PROVIDER_PROGID, &clsid));
-  EXPECT_TRUE(IsEqualCLSID(CLSID_CorvaneOleDbProvider, clsid));
-  ComPtr<ICreateCorvaneOleDbProvider> creator;
-  ASSERT_EQ(S_OK, CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_ICreateCorvaneOleDbProvider,
-                                   creator.PutVoid()));
-  EXPECT_EQ(S_OK, DllUnregisterServer());
-  EXPECT_EQ(S_OK, DllUnregisterServer());
   EXPECT_EQ(S_OK, corvane::historian::UnregisterAggregatesComponent());
 }
 #endif
