@@ -89,18 +89,27 @@ using DataSourceInfo = DataSourceTest;
 }  // namespace
 
 TEST_F(DataSourceProperties, InitialisationPropertiesOnlyUntilInitialised) {
-  // Before Initialize only DBINIT exists; the information set is not supported yet.
+  // Before Initialize only DBINIT exists: the information set reads empty, its properties
+  // are not supported, and setting them fails.
+  DBPROPID threading = DBPROP_DSOTHREADMODEL;
+  DBPROPIDSET before[3] = {{nullptr, 0, DBPROPSET_DBINIT},
+                           {nullptr, 0, DBPROPSET_DATASOURCEINFO},
+                           {&threading, 1, DBPROPSET_DATASOURCEINFO}};
   ULONG n = 0;
   DBPROPSET* sets = nullptr;
+  ASSERT_EQ(DB_S_ERRORSOCCURRED, ds_->GetProperties(3, before, &n, &sets));
+  ASSERT_EQ(3u, n);
+  EXPECT_LT(0u, sets[0].cProperties);
+  EXPECT_EQ(0u, sets[1].cProperties);
+  EXPECT_EQ(DBPROPSTATUS_NOTSUPPORTED, sets[2].rgProperties[0].dwStatus);
+  CPropertyEngine::FreePropertySets(n, sets);
   ASSERT_EQ(S_OK, ds_->GetProperties(0, nullptr, &n, &sets));
-  ASSERT_EQ(1u, n);
-  EXPECT_TRUE(IsEqualGUID(DBPROPSET_DBINIT, sets[0].guidPropertySet));
+  EXPECT_EQ(1u, n);
   CPropertyEngine::FreePropertySets(n, sets);
-  DBPROPID threading = DBPROP_DSOTHREADMODEL;
-  DBPROPIDSET info{&threading, 1, DBPROPSET_DATASOURCEINFO};
-  EXPECT_EQ(DB_E_ERRORSOCCURRED, ds_->GetProperties(1, &info, &n, &sets));
-  EXPECT_EQ(DBPROPSTATUS_NOTSUPPORTED, sets[0].rgProperties[0].dwStatus);
-  CPropertyEngine::FreePropertySets(n, sets);
+  DBPROP props[2] = {Prop(DBPROP_USERNAME, VT_BSTR, OLESTR("admin")), Prop(DBPROP_SERVERDATAONINSERT, VT_BOOL, nullptr)};
+  DBPROPSET set{props, 2, DBPROPSET_DATASOURCEINFO};
+  EXPECT_EQ(DB_E_ERRORSOCCURRED, ds_->SetProperties(1, &set));
+  EXPECT_EQ(DBPROPSTATUS_NOTSUPPORTED, props[1].dwStatus);
 
   DBPROPSTATUS status = 99;
   EXPECT_EQ(S_OK, SetString(DBPROP_AUTH_USERID, OLESTR("operator"), &status));
@@ -124,8 +133,6 @@ TEST_F(DataSourceProperties, InitialisationPropertiesOnlyUntilInitialised) {
   EXPECT_EQ(DBPROPSTATUS_NOTSETTABLE, status);
 
   // Read-only information cannot change; the writable one can.
-  DBPROP props[2] = {Prop(DBPROP_USERNAME, VT_BSTR, OLESTR("admin")), Prop(DBPROP_SERVERDATAONINSERT, VT_BOOL, nullptr)};
-  DBPROPSET set{props, 2, DBPROPSET_DATASOURCEINFO};
   EXPECT_EQ(DB_S_ERRORSOCCURRED, ds_->SetProperties(1, &set));
   EXPECT_EQ(DBPROPSTATUS_NOTSETTABLE, props[0].dwStatus);
   EXPECT_EQ(DBPROPSTATUS_OK, props[1].dwStatus);
