@@ -9,6 +9,7 @@
 #include "provider/ErrorReporting.h"
 #include "provider/ICreateCorvaneOleDbProvider.h"
 #include "provider/Module.h"
+#include "tests/interop/ErrorRecords.h"
 #include "tests/support/LeakCheckedTest.h"
 
 using corvane::DescribeFailure;
@@ -159,42 +160,17 @@ TEST_F(ErrorLookupService, EveryPostedRecordIsFoundByItsLookupId) {
   corvane::PostFailure(IID_IDBInitialize, E_FAIL, OLESTR("CProviderDataSource class"));
   corvane::PostErrorRecord(IID_ICommandPrepare, DB_E_ERRORSINCOMMAND, OLESTR("CProviderCommand class"),
                            message.c_str());
-  std::vector<ERRORINFO> infos;
-#ifdef _WIN32
-  IErrorInfo* object = nullptr;
-  ASSERT_EQ(S_OK, GetErrorInfo(0, &object));
-  IErrorRecords* records = nullptr;
-  ASSERT_EQ(S_OK, object->QueryInterface(IID_IErrorRecords, reinterpret_cast<void**>(&records)));
-  ULONG count = 0;
-  records->GetRecordCount(&count);
-  for (ULONG i = 0; i < count; ++i) {
-    infos.emplace_back();
-    EXPECT_EQ(S_OK, records->GetBasicErrorInfo(i, &infos.back()));
-  }
-  records->Release();
-  object->Release();
-#else
-  for (const auto& record : corvane::platform::TakeErrorRecords()) {
-    infos.push_back(record.info);
-    EXPECT_EQ(record.lookupId, record.info.dwMinor);
-    EXPECT_EQ(record.dynamicErrorId, record.info.dwMinor) << "released with the record";
-  }
-#endif
-  // (The system's records count from the newest, the POSIX ones from the oldest.)
+  const std::vector<ERRORINFO> infos = corvane::test::TakeRecords();
   ASSERT_EQ(2u, infos.size());
+  const std::string expected[2][2] = {{"CProviderDataSource class", Describe(IID_IDBInitialize, E_FAIL)},
+                                      {"CProviderCommand class", ToUtf8(message)}};
   IErrorLookup* lookup = NewLookup();
-  for (const ERRORINFO& info : infos) {
-    const LookedUp found = LookUp(lookup, info.hrError, info.dwMinor);
-    EXPECT_EQ(S_OK, found.hr);
-    if (info.hrError == E_FAIL) {
-      EXPECT_EQ("CProviderDataSource class", found.source);
-      EXPECT_EQ(Describe(IID_IDBInitialize, E_FAIL), found.description);
-    } else {
-      EXPECT_EQ(DB_E_ERRORSINCOMMAND, info.hrError);
-      EXPECT_EQ("CProviderCommand class", found.source);
-      EXPECT_EQ(ToUtf8(message), found.description);
-    }
-    lookup->ReleaseErrors(info.dwMinor);
+  for (size_t i = 0; i < 2; ++i) {
+    const LookedUp found = LookUp(lookup, infos[i].hrError, infos[i].dwMinor);
+    EXPECT_EQ(S_OK, found.hr) << i;
+    EXPECT_EQ(expected[i][0], found.source);
+    EXPECT_EQ(expected[i][1], found.description);
+    lookup->ReleaseErrors(infos[i].dwMinor);
   }
   lookup->Release();
 }

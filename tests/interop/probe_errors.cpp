@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "base/ComPtr.h"
+#include "tests/interop/ErrorRecords.h"
 #include "tests/session/ConsumerFixture.h"
 #include "tests/support/Printers.h"
 
@@ -24,6 +25,7 @@ using corvane::ComPtr;
 using corvane::QueryAs;
 using corvane::test::ConsumerTest;
 using corvane::test::Hex;
+using corvane::test::TakeRecords;
 
 #ifndef CORVANE_CONSUMER_OF_DLL
 // What regsvr32 is to the DLL: the POSIX class registry learns both classes.
@@ -65,26 +67,6 @@ ComPtr<IErrorLookup> RegisteredLookup(REFCLSID provider) {
   ComPtr<IErrorLookup> lookup;
   CoCreateInstance(lookupClass, nullptr, CLSCTX_INPROC_SERVER, IID_IErrorLookup, lookup.PutVoid());
   return lookup;
-}
-
-// The ERRORINFO of every record the failed call left on this thread, oldest first (the
-// system numbers them from the newest, POSIX from the oldest); the records are dropped.
-std::vector<ERRORINFO> TakeRecords() {
-  std::vector<ERRORINFO> infos;
-#ifdef _WIN32
-  ComPtr<IErrorInfo> object;
-  if (GetErrorInfo(0, object.Put()) != S_OK) return infos;
-  ComPtr<IErrorRecords> records = QueryAs<IErrorRecords>(object.Get(), IID_IErrorRecords);
-  ULONG count = 0;
-  if (records) records->GetRecordCount(&count);
-  for (ULONG i = count; i-- > 0;) {
-    infos.emplace_back();
-    EXPECT_EQ(S_OK, records->GetBasicErrorInfo(i, &infos.back()));
-  }
-#else
-  for (const auto& record : corvane::platform::TakeErrorRecords()) infos.push_back(record.info);
-#endif
-  return infos;
 }
 
 // Runs `sql` up to its first failure and answers the phase that failed ("" if none); the
