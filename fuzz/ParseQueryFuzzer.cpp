@@ -1,9 +1,7 @@
 // Feeds arbitrary text to CSQLParser::ParseQuery with rule tracing on, checks the
-// result's basic promises and walks every node of the model it yields, so that the
-// sanitizers see each pointer used once.
-//
-// Input bytes are code units of Latin-1 text, so the ASCII seed statements read as
-// written; an input that starts with 0xFF is taken as raw UTF-16 code units instead.
+// result's promises and walks every node of the model, so that the sanitizers see each
+// pointer used. Input bytes are Latin-1 code units (the seeds read as written); an
+// input starting with 0xFF is raw UTF-16 instead.
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -67,16 +65,13 @@ size_t Walk(const CSQLQueryInfo& query) {
   }
   if (query.Condition()) n += Walk(query.Condition(), 1);
   for (const auto& entry : query.Ordering()) n += entry.column.ColumnName().size();
-  if (query.StatementKind() == SQL_STATEMENT_INSERT) {
-    const auto& insert = static_cast<const CSQLQueryInfoINSERT&>(query);
-    for (const auto& c : insert.Columns()) n += Walk(c.get(), 0);
-    for (const auto& v : insert.Values()) n += Walk(v.get(), 0);
-  } else if (query.StatementKind() == SQL_STATEMENT_UPDATE) {
-    const auto& update = static_cast<const CSQLQueryInfoUPDATE&>(query);
-    Check(update.Columns().size() == update.Values().size());
-    for (const auto& c : update.Columns()) n += Walk(c.get(), 0);
-    for (const auto& v : update.Values()) n += Walk(v.get(), 0);
-  }
+  auto pairs = [&n](const auto& change, bool paired) {
+    Check(!paired || change.Columns().size() == change.Values().size());
+    for (const auto& c : change.Columns()) n += Walk(c.get(), 0);
+    for (const auto& v : change.Values()) n += Walk(v.get(), 0);
+  };
+  if (query.StatementKind() == SQL_STATEMENT_INSERT) pairs(static_cast<const CSQLQueryInfoINSERT&>(query), false);
+  if (query.StatementKind() == SQL_STATEMENT_UPDATE) pairs(static_cast<const CSQLQueryInfoUPDATE&>(query), true);
   return n;
 }
 

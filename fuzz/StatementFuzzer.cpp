@@ -1,19 +1,13 @@
 // Runs arbitrary UTF-8 statements through the whole consumer path with OLE DB
 // interfaces only: data source over the demo plant, session, command, Prepare, the
 // columns, text parameters for every `?`, Execute, every row through a VARIANT
-// accessor, then everything released.
-//
-// Work per input is bounded as a consumer would bound it: the plant holds one day
-// ending 2026-01-01 00:00:00 UTC, the user time range is its last hour, pages are 200
-// values, and at most kRowBudget rows are read before the rowset is released, which
-// must stop the producer (aggregates over a long range have no other bound). Anything
-// that still runs for seconds is a finding. Each input gets a fresh data source, and
-// the historian is rebuilt after a statement that may write, so every input meets the
-// same data.
-//
-// A DELETE or UPDATE meets the data-safety oracle: when it fails the historian's whole
-// contents are unchanged, and when it succeeds they equal what the independent change
-// model computes by evaluating its condition on every sample (where the model can).
+// accessor, then everything released. Work per input is bounded as a consumer bounds
+// it (one day of plant ending 2026-01-01, the last hour as the user range, pages of
+// 200, at most kRowBudget rows, then the rowset is released, which must stop the
+// producer): anything that still runs for seconds is a finding. A DELETE or UPDATE of
+// RAWDATA meets the data-safety oracle: failed, the historian is unchanged; done, it
+// holds what the independent change model computes, where the model can.
+#include <algorithm>
 #include <cctype>
 #include <cstddef>
 #include <cstdint>
@@ -73,6 +67,7 @@ void BuildHost() {
         "historian");
 }
 
+// After a statement that may write, the historian is rebuilt: every input meets the same data.
 bool MayWrite(const corvane::WString& text) {
   std::string upper = corvane::ToUtf8(text);
   for (char& c : upper) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
@@ -83,17 +78,17 @@ bool MayWrite(const corvane::WString& text) {
 
 HRESULT SetInitProperties(IUnknown* dataSource) {
   DBPROP props[2] = {};
-  props[0].dwPropertyID = DBPROP_INIT_CATALOG;
-  props[0].vValue.vt = VT_BSTR;
-  props[0].vValue.bstrVal = SysAllocString(OLESTR("Plant"));
-  props[1].dwPropertyID = DBPROP_INIT_PROVIDERSTRING;
-  props[1].vValue.vt = VT_BSTR;
-  props[1].vValue.bstrVal = SysAllocString(kProviderString);
+  const std::pair<DBPROPID, const OLECHAR*> values[] = {{DBPROP_INIT_CATALOG, OLESTR("Plant")},
+                                                         {DBPROP_INIT_PROVIDERSTRING, kProviderString}};
+  for (int i = 0; i < 2; ++i) {
+    props[i].dwPropertyID = values[i].first;
+    props[i].vValue.vt = VT_BSTR;
+    props[i].vValue.bstrVal = SysAllocString(values[i].second);
+  }
   DBPROPSET set{props, 2, DBPROPSET_DBINIT};
   ComPtr<IDBProperties> properties = QueryAs<IDBProperties>(dataSource, IID_IDBProperties);
   const HRESULT hr = properties ? properties->SetProperties(1, &set) : E_NOINTERFACE;
-  VariantClear(&props[0].vValue);
-  VariantClear(&props[1].vValue);
+  for (DBPROP& prop : props) VariantClear(&prop.vValue);
   return hr;
 }
 
@@ -105,11 +100,9 @@ std::vector<DBORDINAL> DescribeColumns(IUnknown* object, bool mustWork) {
   DBORDINAL count = 0;
   TaskMem<DBCOLUMNINFO> columns;
   TaskMem<OLECHAR> names;
-  const HRESULT hr = info->GetColumnInfo(&count, columns.Put(), names.Put());
-  if (FAILED(hr)) {
+  if (FAILED(info->GetColumnInfo(&count, columns.Put(), names.Put()))) {
     Check(!mustWork, "a rowset describes its columns");
     Check(count == 0 && !columns && !names, "a failed GetColumnInfo hands nothing out");
-    return ordinals;
   }
   for (DBORDINAL i = 0; i < count; ++i) {
     if (columns[i].pwszName) Check(corvane::WStringView(columns[i].pwszName).size() < 1u << 20, "column name");
@@ -122,52 +115,61 @@ std::vector<DBORDINAL> DescribeColumns(IUnknown* object, bool mustWork) {
 // that tag, time and count positions all see one.
 const OLECHAR* const kParameterValues[] = {OLESTR("Pump1.Flow"), OLESTR("2025-12-31 23:50:00"), OLESTR("5")};
 
+// One bound cell: a text for parameters, a VARIANT for row data.
+template <typename Value>
+struct Slot {
+  DBSTATUS status;
+  DBLENGTH length;
+  Value value;
+};
+using TextSlot = Slot<OLECHAR[64]>;
+
+template <typename Value>
+DBBINDING SlotBinding(size_t i, DBORDINAL ordinal, DBTYPE type, DBPARAMIO io) {
+  const size_t at = i * sizeof(Slot<Value>);
+  return DBBINDING{ordinal, at + offsetof(Slot<Value>, value), at + offsetof(Slot<Value>, length),
+                   at + offsetof(Slot<Value>, status), nullptr, nullptr, nullptr,
+                   DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS, DBMEMOWNER_CLIENTOWNED, io, sizeof(Value), 0, type,
+                   0, 0};
+}
+
 // Gives every `?` of the prepared statement its text value.
 struct Parameters {
   std::vector<DBBINDING> bindings;
-  std::vector<unsigned char> data;
+  std::vector<TextSlot> slots;
   HACCESSOR handle = DB_NULL_HACCESSOR;
   ComPtr<IAccessor> accessor;
 
   HRESULT Bind(IUnknown* command) {
     ComPtr<ICommandWithParameters> with = QueryAs<ICommandWithParameters>(command, IID_ICommandWithParameters);
-    if (!with) return S_OK;
     DB_UPARAMS count = 0;
-    {
+    if (with) {
       TaskMem<DBPARAMINFO> infos;
       TaskMem<OLECHAR> names;
       if (FAILED(with->GetParameterInfo(&count, infos.Put(), names.Put()))) count = 0;
     }
     corvane::ClearErrorRecords();
     if (count == 0) return S_OK;
-    if (count > 64) count = 64;
-    constexpr size_t kSlot = 16 + 64 * sizeof(OLECHAR);
-    data.assign(count * kSlot, 0);
+    count = std::min<DB_UPARAMS>(count, 64);
+    slots.resize(count);
     std::vector<DB_UPARAMS> ordinals;
-    std::vector<DBPARAMBINDINFO> bindInfo;
+    std::vector<DBPARAMBINDINFO> bindInfo(count);
     for (DB_UPARAMS i = 0; i < count; ++i) {
       const corvane::WStringView value(kParameterValues[i % 3]);
-      const DBBINDING b{i + 1, i * kSlot + 16, i * kSlot + 8, i * kSlot, nullptr, nullptr, nullptr,
-                        DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS, DBMEMOWNER_CLIENTOWNED, DBPARAMIO_INPUT,
-                        64 * sizeof(OLECHAR), 0, DBTYPE_WSTR, 0, 0};
-      bindings.push_back(b);
-      const DBSTATUS ok = DBSTATUS_S_OK;
-      const DBLENGTH length = value.size() * sizeof(OLECHAR);
-      memcpy(&data[b.obStatus], &ok, sizeof ok);
-      memcpy(&data[b.obLength], &length, sizeof length);
-      memcpy(&data[b.obValue], value.data(), length);
-      DBPARAMBINDINFO info{};
-      info.pwszDataSourceType = const_cast<LPOLESTR>(OLESTR("DBTYPE_WSTR"));
-      info.ulParamSize = 64;
-      info.dwFlags = DBPARAMFLAGS_ISINPUT;
-      bindInfo.push_back(info);
+      slots[i].status = DBSTATUS_S_OK;
+      slots[i].length = value.size() * sizeof(OLECHAR);
+      memcpy(slots[i].value, value.data(), slots[i].length);
+      bindings.push_back(SlotBinding<OLECHAR[64]>(i, i + 1, DBTYPE_WSTR, DBPARAMIO_INPUT));
+      bindInfo[i].pwszDataSourceType = const_cast<LPOLESTR>(OLESTR("DBTYPE_WSTR"));
+      bindInfo[i].ulParamSize = 64;
+      bindInfo[i].dwFlags = DBPARAMFLAGS_ISINPUT;
       ordinals.push_back(i + 1);
     }
-    HRESULT hr = with->SetParameterInfo(count, ordinals.data(), bindInfo.data());
+    const HRESULT hr = with->SetParameterInfo(count, ordinals.data(), bindInfo.data());
     if (FAILED(hr)) return hr;
     accessor = QueryAs<IAccessor>(command, IID_IAccessor);
     Check(bool(accessor), "command IAccessor");
-    return accessor->CreateAccessor(DBACCESSOR_PARAMETERDATA, bindings.size(), bindings.data(), kSlot, &handle,
+    return accessor->CreateAccessor(DBACCESSOR_PARAMETERDATA, count, bindings.data(), sizeof(TextSlot), &handle,
                                     nullptr);
   }
   ~Parameters() {
@@ -175,63 +177,45 @@ struct Parameters {
   }
 };
 
+// Every row through a VARIANT accessor, up to kRowBudget. The columns are described once
+// before any row, as most consumers do, and again after the first batch, when a
+// procedure's worker has started.
 void ReadAll(IUnknown* rowset) {
   ComPtr<IRowset> fetch = QueryAs<IRowset>(rowset, IID_IRowset);
   ComPtr<IAccessor> accessor = QueryAs<IAccessor>(rowset, IID_IAccessor);
   Check(fetch && accessor, "rowset interfaces");
-  // Described once before any row, as most consumers do, and again after the first
-  // batch, when a procedure's worker has started.
   DescribeColumns(rowset, true);
-  constexpr DBROWCOUNT kBatch = 64;
-  DBCOUNTITEM obtained = 0;
+  DBCOUNTITEM obtained = 0, fetched = 0;
   HROW* rows = nullptr;
-  HRESULT hr = fetch->GetNextRows(DB_NULL_HCHAPTER, 0, kBatch, &obtained, &rows);
+  HRESULT hr = fetch->GetNextRows(DB_NULL_HCHAPTER, 0, 64, &obtained, &rows);
   const std::vector<DBORDINAL> ordinals = DescribeColumns(rowset, true);
-  struct Slot {
-    DBSTATUS status;
-    DBLENGTH length;
-    VARIANT value;
-  };
   std::vector<DBBINDING> bindings;
-  for (size_t i = 0; i < ordinals.size(); ++i) {
-    const size_t at = i * sizeof(Slot);
-    bindings.push_back(DBBINDING{ordinals[i], at + offsetof(Slot, value), at + offsetof(Slot, length),
-                                 at + offsetof(Slot, status), nullptr, nullptr, nullptr,
-                                 DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS, DBMEMOWNER_CLIENTOWNED,
-                                 DBPARAMIO_NOTPARAM, sizeof(VARIANT), 0, DBTYPE_VARIANT, 0, 0});
-  }
+  for (size_t i = 0; i < ordinals.size(); ++i)
+    bindings.push_back(SlotBinding<VARIANT>(i, ordinals[i], DBTYPE_VARIANT, DBPARAMIO_NOTPARAM));
   HACCESSOR handle = DB_NULL_HACCESSOR;
-  if (!bindings.empty()) {
-    const HRESULT made = accessor->CreateAccessor(DBACCESSOR_ROWDATA, bindings.size(), bindings.data(),
-                                                  bindings.size() * sizeof(Slot), &handle, nullptr);
-    Check(SUCCEEDED(made), "a VARIANT accessor over the described columns");
-  }
-  std::vector<Slot> row(bindings.size());
-  DBCOUNTITEM fetched = 0;
+  if (!bindings.empty())
+    Check(SUCCEEDED(accessor->CreateAccessor(DBACCESSOR_ROWDATA, bindings.size(), bindings.data(),
+                                             bindings.size() * sizeof(Slot<VARIANT>), &handle, nullptr)),
+          "a VARIANT accessor over the described columns");
+  std::vector<Slot<VARIANT>> row(bindings.size());
   for (;;) {
     if (FAILED(hr)) {
       Check(obtained == 0 && rows == nullptr, "a failed fetch hands no rows out");
       break;
     }
-    for (DBCOUNTITEM r = 0; r < obtained; ++r) {
-      if (bindings.empty()) break;
-      memset(static_cast<void*>(row.data()), 0, row.size() * sizeof(Slot));
+    for (DBCOUNTITEM r = 0; r < obtained && !bindings.empty(); ++r) {
+      memset(static_cast<void*>(row.data()), 0, row.size() * sizeof(row[0]));
       const HRESULT got = fetch->GetData(rows[r], handle, row.data());
       Check(got == S_OK || got == DB_S_ERRORSOCCURRED || got == DB_E_ERRORSOCCURRED, "GetData result");
-      for (Slot& s : row) {
-        if (s.status == DBSTATUS_S_OK) {
-          if (V_VT(&s.value) == VT_BSTR && s.value.bstrVal) (void)SysStringLen(s.value.bstrVal);
-          VariantClear(&s.value);
-        }
-      }
+      for (auto& cell : row)
+        if (cell.status == DBSTATUS_S_OK) VariantClear(&cell.value);
     }
     if (obtained) Check(SUCCEEDED(fetch->ReleaseRows(obtained, rows, nullptr, nullptr, nullptr)), "ReleaseRows");
     CoTaskMemFree(rows);
     rows = nullptr;
     fetched += obtained;
     if (hr != S_OK || obtained == 0 || fetched >= kRowBudget) break;
-    obtained = 0;
-    hr = fetch->GetNextRows(DB_NULL_HCHAPTER, 0, kBatch, &obtained, &rows);
+    hr = fetch->GetNextRows(DB_NULL_HCHAPTER, 0, 64, &obtained, &rows);
   }
   if (handle != DB_NULL_HACCESSOR) accessor->ReleaseAccessor(handle, nullptr);
 }
@@ -272,7 +256,7 @@ HRESULT RunStatement(IUnknown* dataSource, const corvane::WString& text, size_t*
   hr = parameters.Bind(command.Get());
   if (FAILED(hr)) return hr;
   *parameters_out = parameters.bindings.size();
-  DBPARAMS params{parameters.data.data(), 1, parameters.handle};
+  DBPARAMS params{parameters.slots.data(), 1, parameters.handle};
   ComPtr<IUnknown> rowset;
   DBROWCOUNT affected = 0;
   hr = command->Execute(nullptr, IID_IRowset, parameters.bindings.empty() ? nullptr : &params, &affected,
@@ -287,12 +271,8 @@ HRESULT RunStatement(IUnknown* dataSource, const corvane::WString& text, size_t*
 
 // The parsed statement when it is a DELETE or UPDATE of RAWDATA, else null.
 std::unique_ptr<CSQLQueryInfo> RawDataChange(const corvane::WString& text) {
-  SQLParseRequest request;
-  request.defaultCatalog = OLESTR("Plant");
-  request.defaultSchema = OLESTR("Plant");
-  request.queryText = text;
   std::unique_ptr<CSQLQueryInfo> query;
-  if (FAILED(CSQLParser::ParseQuery(request, &query)) || !query) return nullptr;
+  if (FAILED(CSQLParser::ParseQuery({OLESTR("Plant"), OLESTR("Plant"), text}, &query)) || !query) return nullptr;
   const int kind = query->StatementKind();
   if (kind != SQL_STATEMENT_DELETE && kind != SQL_STATEMENT_UPDATE) return nullptr;
   const auto& from = query->FromItems();

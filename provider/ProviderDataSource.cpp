@@ -175,11 +175,6 @@ WString CProviderDataSource::DataSourceName() const {
   return dataSourceName_;
 }
 
-CProviderDataSource::ProviderStringItems CProviderDataSource::ProviderItems() const {
-  corvane::platform::CriticalSectionLock guard(const_cast<corvane::platform::CriticalSection&>(lock_));
-  return items_;
-}
-
 // ---- IUnknown
 
 HRESULT CProviderDataSource::QueryInterface(REFIID riid, void** ppv) {

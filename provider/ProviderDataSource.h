@@ -40,7 +40,6 @@ class CProviderDataSource final : public IDBInitialize,
   // For the provider's objects and tests: the state behind the interfaces.
   bool IsInitialized() const { return initialized_.load(); }
   corvane::WString DataSourceName() const;
-  ProviderStringItems ProviderItems() const;
 
   // IUnknown (shared by every interface)
   HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override;

@@ -150,28 +150,6 @@ TEST_F(PropertyRules, RequiredAgainstOptionalAndThePropertiesInError) {
   EXPECT_FALSE(engine_.MissingRequired());
 }
 
-TEST_F(PropertyRules, GroupsThatAreHiddenOrFixed) {
-  engine_.SetVisibleGroups(DBPROPFLAGS_ROWSET);
-  engine_.SetSettableGroups(0);
-  std::vector<DBPROP> props = {Prop(kLimit, I4(3))};
-  EXPECT_EQ(DB_E_ERRORSOCCURRED, Set(props));
-  EXPECT_EQ(DBPROPSTATUS_NOTSETTABLE, props[0].dwStatus);
-  std::vector<DBPROP> hidden = {Prop(kNeeded, VARIANT{})};
-  EXPECT_EQ(DB_E_ERRORSOCCURRED, Set(hidden, DBPROPSET_DBINIT));
-  EXPECT_EQ(DBPROPSTATUS_NOTSUPPORTED, hidden[0].dwStatus);
-
-  // GetProperties: a hidden set is an error, a visible one is returned whole.
-  DBPROPIDSET ids[2] = {{nullptr, 0, DBPROPSET_ROWSET}, {nullptr, 0, DBPROPSET_DBINIT}};
-  ULONG n = 0;
-  DBPROPSET* sets = nullptr;
-  EXPECT_EQ(DB_S_ERRORSOCCURRED, engine_.GetProperties(2, ids, &n, &sets));
-  ASSERT_EQ(2u, n);
-  EXPECT_EQ(4u, sets[0].cProperties);
-  EXPECT_EQ(0u, sets[1].cProperties);
-  CPropertyEngine::FreePropertySets(n, sets);
-  EXPECT_EQ(E_INVALIDARG, engine_.GetProperties(1, ids, nullptr, &sets));
-}
-
 TEST_F(PropertyRules, PropertyInfoWithDescriptionsAndGroups) {
   DBPROPID asked[] = {kName, 55};
   DBPROPIDSET ids[2] = {{asked, 2, DBPROPSET_ROWSET}, {nullptr, 0, DBPROPSET_DBINITALL}};

@@ -1,7 +1,5 @@
 // Time handling of expressions: DATEADD, texts and dates read as UTC, and the local
 // time functions in a zone with daylight saving time.
-#include <cstdlib>
-#include <ctime>
 #include <string>
 #include <tuple>
 
@@ -131,37 +129,15 @@ TEST_F(TimeText, DatesAndTimestampsConvertBothWays) {
   EXPECT_EQ(corvane::DBTimestampToFileTime(ts, &time), E_INVALIDARG);
 }
 
-// Pins Europe/Berlin: set here for the native build; under Wine it comes from the
-// test's environment (see CMakeLists.txt) and is checked.
+// In Europe/Berlin, which ctest gives the whole executable (tests/expr/CMakeLists.txt).
 class LocalTime : public ExprTest {
  protected:
   void SetUp() override {
     ExprTest::SetUp();
-#ifndef _WIN32
-    const char* old = std::getenv("TZ");
-    hadZone_ = old != nullptr;
-    if (hadZone_) oldZone_ = old;
-    setenv("TZ", "Europe/Berlin", 1);
-    tzset();
-#endif
     TIME_ZONE_INFORMATION tzi{};
     GetTimeZoneInformation(&tzi);
-    if (tzi.Bias != -60 || tzi.DaylightDate.wMonth != 3) GTEST_FAIL() << "zone is not Europe/Berlin: bias " << tzi.Bias;
+    if (tzi.Bias != -60 || tzi.DaylightDate.wMonth != 3) GTEST_FAIL() << "run with TZ=Europe/Berlin: bias " << tzi.Bias;
   }
-  void TearDown() override {
-#ifndef _WIN32
-    if (hadZone_)
-      setenv("TZ", oldZone_.c_str(), 1);
-    else
-      unsetenv("TZ");
-    tzset();
-#endif
-    ExprTest::TearDown();
-  }
-
- private:
-  bool hadZone_ = false;
-  std::string oldZone_;
 };
 
 TEST_F(LocalTime, BothSidesOfTheSpringChangeShiftByTheBiasInForceNow) {

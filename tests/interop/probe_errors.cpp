@@ -1,19 +1,18 @@
-// Reads the errors of failing statements the way an OLE DB error object on Windows
-// does: from each record's ERRORINFO, the class registered as ExtendedErrors under the
-// record's class, and that service's GetErrorDescription, asked only after the failing
-// command and rowset are gone. One line per record,
-// "<statement> #<record><TAB><phase> <HRESULT> | <source> | <description>", goes to the
-// file that scripts/differential.sh compares between the POSIX build and the Windows
-// build under Wine (where the provider is the registered DLL).
+// Reads the errors of failing statements as an OLE DB error object on Windows does: each
+// record's ERRORINFO, the ExtendedErrors service registered under its class, and that
+// service's GetErrorDescription, asked after the command and rowset are gone. One line a
+// record, "<statement> #<record><TAB><phase> <HRESULT> | <source> | <description>", goes
+// to the file scripts/differential.sh compares between the POSIX and the Wine builds.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <fstream>
 #include <string>
 #include <vector>
 
 #include "base/ComPtr.h"
+#include "tests/interop/ErrorRecords.h"
 #include "tests/session/ConsumerFixture.h"
+#include "tests/support/Printers.h"
 
 #ifndef CORVANE_CONSUMER_OF_DLL
 #include "provider/ErrorLookup.h"
@@ -25,6 +24,8 @@ namespace {
 using corvane::ComPtr;
 using corvane::QueryAs;
 using corvane::test::ConsumerTest;
+using corvane::test::Hex;
+using corvane::test::TakeRecords;
 
 #ifndef CORVANE_CONSUMER_OF_DLL
 // What regsvr32 is to the DLL: the POSIX class registry learns both classes.
@@ -68,30 +69,8 @@ ComPtr<IErrorLookup> RegisteredLookup(REFCLSID provider) {
   return lookup;
 }
 
-// The ERRORINFO of every record the failed call left on this thread, oldest first (the
-// system's error object numbers them from the newest, the POSIX records from the
-// oldest); the records are dropped.
-std::vector<ERRORINFO> TakeRecords() {
-  std::vector<ERRORINFO> infos;
-#ifdef _WIN32
-  ComPtr<IErrorInfo> object;
-  if (GetErrorInfo(0, object.Put()) != S_OK) return infos;
-  ComPtr<IErrorRecords> records = QueryAs<IErrorRecords>(object.Get(), IID_IErrorRecords);
-  ULONG count = 0;
-  if (records) records->GetRecordCount(&count);
-  for (ULONG i = count; i-- > 0;) {
-    infos.emplace_back();
-    EXPECT_EQ(S_OK, records->GetBasicErrorInfo(i, &infos.back()));
-  }
-#else
-  for (const auto& record : corvane::platform::TakeErrorRecords()) infos.push_back(record.info);
-#endif
-  return infos;
-}
-
-// Runs `sql` up to its first failure; answers the phase that failed, or "" when none
-// did. The command and rowset are released before returning; releasing is no OLE DB
-// call that starts afresh, so the failure's records stay.
+// Runs `sql` up to its first failure and answers the phase that failed ("" if none); the
+// command and rowset are released, which keeps the failure's records.
 std::string RunToFailure(IOpenRowset* session, const std::string& sql) {
   ComPtr<IDBCreateCommand> create = QueryAs<IDBCreateCommand>(session, IID_IDBCreateCommand);
   ComPtr<ICommandText> command;
@@ -125,12 +104,6 @@ std::string Escaped(BSTR text) {
       escaped += c;
   }
   return escaped;
-}
-
-std::string Hex(HRESULT hr) {
-  char text[16];
-  snprintf(text, sizeof text, "%08X", static_cast<unsigned>(hr));
-  return text;
 }
 
 }  // namespace

@@ -1,8 +1,6 @@
-// Oversized input through the consumer path: each statement either works or fails with
-// an HRESULT and an error record, and in both cases comes back within a bounded time
-// and a bounded growth of the process's resident memory. The bounds are generous on
-// purpose (a shared two-core machine, sanitizer builds); CORVANE_LIMITS_SCALE multiplies
-// them for slower runs such as Valgrind.
+// Oversized input through the consumer path works or fails with an HRESULT and a record,
+// within generous bounds of time and resident-memory growth (a shared two-core machine,
+// sanitizers); CORVANE_LIMITS_SCALE multiplies them for slower runs such as Valgrind.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -16,9 +14,8 @@
 #include "tests/session/ConsumerFixture.h"
 #include "tests/support/Printers.h"
 
-using corvane::test::Hex;
-
 using corvane::test::ConsumerTest;
+using corvane::test::Hex;
 using corvane::test::LastError;
 
 namespace {
@@ -27,8 +24,7 @@ double Scale() {
 #if defined(CORVANE_LIMITS_SANITIZED)
   constexpr double kBuild = 4.0;  // instrumented code, and freed memory held in quarantine
 #elif defined(_WIN32)
-  // Under Wine, freeing a rowset's queued rows and the worker's waits are far slower:
-  // releasing HDA_ANALOG after its first batch measured 0.3 s natively, up to 15 s there.
+  // Releasing HDA_ANALOG after its first batch: 0.3 s natively, up to 15 s under Wine.
   constexpr double kBuild = 6.0;
 #else
   constexpr double kBuild = 1.0;
@@ -39,8 +35,8 @@ double Scale() {
 }
 
 #ifdef __linux__
-// A field of /proc/self/status in KiB. VmHWM is the peak since the last ResetPeakRss (the
-// whole process if the kernel refuses the reset, which only makes the check stricter).
+// A field of /proc/self/status in KiB; VmHWM is the peak since ResetPeakRss (or ever,
+// if the kernel refuses the reset, which only makes the check stricter).
 long StatusKb(const char* field) {
   FILE* status = std::fopen("/proc/self/status", "r");
   if (!status) return -1;
@@ -74,8 +70,6 @@ struct Outcome {
   long growthKb = 0;   // peak resident memory above the start; -1 where not measured
 };
 
-corvane::WString Wide(const std::string& text) { return corvane::WString(text.begin(), text.end()); }
-
 std::string Repeat(const std::string& piece, size_t times, const std::string& separator) {
   std::string out;
   out.reserve((piece.size() + separator.size()) * times);
@@ -106,13 +100,12 @@ class ResourceLimits : public ConsumerTest {
   // Sets the text, prepares, executes and fetches every row (or only the first batch
   // with `firstBatchOnly`, then releases the rowset as a consumer that stops reading).
   Outcome Run(const std::string& statement, bool firstBatchOnly = false) {
-    const corvane::WString text = Wide(statement);
+    const corvane::WString text = corvane::FromUtf8(statement);
     Outcome out;
     ResetPeakRss();
     const long before = StatusKb("VmRSS:");
     const auto start = std::chrono::steady_clock::now();
-    start_ = start;
-    Drive(text, firstBatchOnly, &out);
+    Drive(text, firstBatchOnly, start, &out);
     out.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     const long peak = StatusKb("VmHWM:");
     out.growthKb = before < 0 || peak < 0 ? -1 : std::max(0L, peak - before);
@@ -123,8 +116,7 @@ class ResourceLimits : public ConsumerTest {
     return out;
   }
 
-  // The outcome came back within `seconds` (scaled) and `megabytes` of memory growth, and
-  // either every step worked or the step that failed left a record saying why.
+  // Within `seconds` and `megabytes` (scaled); a failed step left a record saying why.
   static void ExpectBounded(const Outcome& out, double seconds, long megabytes) {
     EXPECT_LT(out.seconds, seconds * Scale()) << "wall time";
     if (out.growthKb >= 0) {
@@ -141,8 +133,8 @@ class ResourceLimits : public ConsumerTest {
   ICommandText* text_ = nullptr;
 
  private:
-  std::chrono::steady_clock::time_point start_;
-  void Drive(const corvane::WString& text, bool firstBatchOnly, Outcome* out) {
+  void Drive(const corvane::WString& text, bool firstBatchOnly, std::chrono::steady_clock::time_point start,
+             Outcome* out) {
     HRESULT hr = text_->SetCommandText(DBGUID_DEFAULT, text.c_str());
     if (FAILED(hr)) {
       out->prepared = hr;
@@ -173,7 +165,7 @@ class ResourceLimits : public ConsumerTest {
         CoTaskMemFree(handles);
       }
       if (!out->rows && !out->firstRowsSeconds)
-        out->firstRowsSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
+        out->firstRowsSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
       out->rows += obtained;
       out->fetched = hr;
       if (FAILED(hr)) out->error = TakeLastError();
@@ -185,8 +177,7 @@ class ResourceLimits : public ConsumerTest {
 };
 
 constexpr size_t kMegabyte = 1u << 20;
-// A chain of n comparisons joined by OR is n nodes high.
-constexpr int kMaxConditionTerms = CSQLSyntaxParser::kMaxConditionDepth;
+constexpr int kMaxConditionTerms = CSQLSyntaxParser::kMaxConditionDepth;  // n terms of OR are n nodes high
 // Any failure will do (a value no call returns).
 constexpr HRESULT kAnyFailure = static_cast<HRESULT>(0xBFFFFFFFu);
 
@@ -208,9 +199,8 @@ std::string HdaStatement(const char* procedure, const char* period) {
   return sql;
 }
 
-// One statement and what it must give: the HRESULT of the first step that failed (or
-// that every step worked), the rows and columns (-1: not checked), words of the error
-// record, and the bounds of time and memory growth.
+// A statement, the HRESULT of its first failing step (or success), rows and columns (-1:
+// not checked), words of the record, and the bounds of time and memory growth.
 struct Limit {
   std::string sql;
   HRESULT hr;
@@ -227,12 +217,10 @@ TEST_F(ResourceLimits, OversizedInputWorksOrFailsWithinBounds) {
       // A string literal of a megabyte compared with TAGNAME: a tag that does not exist.
       {"SELECT * FROM RAWDATA WHERE TAGNAME = '" + std::string(kMegabyte, 'x') + "'", HIST_E_TAG_NOT_FOUND, 0, -1, "",
        20, 256},
-      // 100 000 nested parentheses: refused at the nesting limit, without recursing into
-      // all of them (the other hostile shapes: SqlNestingLimits.HostileDepthsFailOnASmallStack).
+      // 100 000 nested parentheses: refused at the nesting limit (more shapes: SqlNestingLimits).
       {"SELECT * FROM RAWDATA WHERE " + std::string(100000, '(') + "TAGNAME = 'Area1.Temp'" + std::string(100000, ')'),
        E_FAIL, -1, -1, "WHERE clause parse error", 20, 256},
-      // A tag name of 100 000 characters: nothing to read, write or take values of; in a
-      // procedure's tag list it ends the read with the historian's code.
+      // A tag name of 100 000 characters: nothing to read, write or take values of.
       {"SELECT * FROM RAWDATA WHERE TAGNAME = '" + name + "'", HIST_E_TAG_NOT_FOUND, 0},
       {"INSERT INTO RAWDATA (TAGNAME, VALUE) VALUES ('" + name + "', 1.5)", kAnyFailure},
       {"EXEC GET_VALUES " + TenYears() + ", 10, '" + name + "'", kAnyFailure},
@@ -245,27 +233,21 @@ TEST_F(ResourceLimits, OversizedInputWorksOrFailsWithinBounds) {
            Repeat("TAGNAME = 'Area1.Text'", kMaxConditionTerms - 1, " OR "),
        S_OK, 2 * kSamples, -1, "", 30, 256},
 #ifndef _WIN32
-      // A procedure's tag list of 10 000 names: each is read in turn, repeats included.
-      // Not under Wine: 40 s there (0.1 s natively), 80% of it in the allocator spy of
-      // Wine's combase that the test bed installs to count blocks, which searches every
-      // live block on each free while the names keep 30 000 strings alive.
+      // 10 000 tags in a procedure's list, each read in turn. Not under Wine: 40 s there
+      // (0.1 s natively), most of it in combase's allocator spy, which counts blocks.
       {"EXEC SP_RAWDATA " + TenYears() + ", '" + Repeat("Area1.Temp;Area1.Text", 5000, ";") + "'", S_OK,
        10000 * kSamples, -1, "", 60, 512},
 #endif
-      // One-second intervals over ten years are 158 000 chunks of one page each, and a
-      // millisecond period 3.2e11 intervals. A consumer that stops after the first batch
-      // gets it soon and the release ends the read, and the worker reads no more than
-      // about a page ahead (before, it queued 120 to 220 MB).
+      // Ten years of one-second (158 000 chunks) or millisecond intervals: the first batch
+      // comes soon, the release ends the read, and the worker reads about a page ahead.
       {HdaStatement("HDA_ANALOG", "1000"), S_OK, -1, -1, "", 10, 96, true},
       {HdaStatement("HDA_BOOL_5", "1000"), S_OK, -1, -1, "", 10, 96, true},
       {HdaStatement("HDA_ANALOG", "1"), S_OK, -1, -1, "", 20, 256, true},
       {HdaStatement("HDA_QUALITY_5", "1"), S_OK, -1, -1, "", 20, 256, true},
-      // Below a millisecond there is no chunk size, so the whole range is one historian
-      // call of 6e11 intervals, which the historian refuses.
+      // Below a millisecond there is no chunk: one call of 6e11 intervals, refused.
       {HdaStatement("HDA_REDUCED_ANALOG", "0.5"), E_INVALIDARG, -1, -1, "", 10, 256, true},
-      // The extremes of MAX_ROWS_TO_RETURN leave a SELECT whole. It is also the number of
-      // intervals per aggregate call: no chunking at either extreme, and a ten-year plan
-      // of 3e8 intervals is refused.
+      // The extremes of MAX_ROWS_TO_RETURN leave a SELECT whole; as the intervals per
+      // aggregate call they leave a ten-year plan of 3e8 intervals unchunked, and refused.
       {"UPDATE QUERYSETTINGS SET MAX_ROWS_TO_RETURN = 0", S_OK},
       {"SELECT * FROM RAWDATA WHERE TAGNAME = 'Area1.Temp'", S_OK, kSamples},
       {HdaStatement("HDA_ANALOG", "1000"), E_INVALIDARG, -1, -1, "", 10, 128, true},

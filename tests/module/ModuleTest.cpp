@@ -1,11 +1,11 @@
 #include <gtest/gtest.h>
 
-#include <string>
 #include <thread>
 #include <vector>
 
 #include "platform/Platform.h"
 #include "provider/Module.h"
+#include "tests/support/Registration.h"
 
 #ifndef _WIN32
 #include <dlfcn.h>
@@ -18,22 +18,15 @@ constexpr CLSID kLookupClsid = {0x4847E217, 0x9067, 0x4A53, {0x89, 0xDC, 0x82, 0
 
 using GetClassObjectFn = HRESULT(STDAPICALLTYPE*)(REFCLSID, REFIID, LPVOID*);
 using CanUnloadNowFn = HRESULT(STDAPICALLTYPE*)();
-using RegisterFn = HRESULT(STDAPICALLTYPE*)();
-using InstallFn = HRESULT(STDAPICALLTYPE*)(BOOL, LPCWSTR);
 
 // The built module, loaded the way a COM client loads an in-process server.
 class LoadedModule {
  public:
   LoadedModule() {
-    std::string path = CORVANE_PROVIDER_MODULE;
 #ifdef _WIN32
-    // The build hands us a POSIX path; under Wine the root is drive Z:.
-    if (!path.empty() && path[0] == '/') path = "Z:" + path;
-    for (auto& c : path)
-      if (c == '/') c = '\\';
-    handle_ = LoadLibraryA(path.c_str());
+    handle_ = LoadLibraryW(corvane::test::WindowsPath(CORVANE_PROVIDER_MODULE).c_str());
 #else
-    handle_ = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    handle_ = dlopen(CORVANE_PROVIDER_MODULE, RTLD_NOW | RTLD_LOCAL);
 #endif
   }
   ~LoadedModule() {
@@ -131,61 +124,3 @@ TEST(ModuleLockCount, UnloadOnlyWhenNoLockIsHeld) {
   EXPECT_EQ(corvane::module::LockCount(), 0);
   EXPECT_EQ(DllCanUnloadNow(), S_OK);
 }
-
-#ifdef _WIN32
-
-namespace {
-
-std::wstring ReadString(HKEY root, const std::wstring& key, const wchar_t* name) {
-  wchar_t buf[1024];
-  DWORD size = sizeof buf;
-  if (RegGetValueW(root, key.c_str(), name, RRF_RT_REG_SZ, nullptr, buf, &size) != ERROR_SUCCESS)
-    return L"<missing>";
-  return buf;
-}
-
-bool KeyExists(HKEY root, const std::wstring& key) {
-  HKEY h = nullptr;
-  if (RegOpenKeyExW(root, key.c_str(), 0, KEY_READ, &h) != ERROR_SUCCESS) return false;
-  RegCloseKey(h);
-  return true;
-}
-
-const std::wstring kClsidKey = L"CLSID\\{EFFACBC0-538B-4bc7-AFE1-2E90167424C6}";
-const std::wstring kProgId = L"Quellix.CorvaneOleDbProvider_VLD64";
-
-}  // namespace
-
-TEST(ModuleRegistration, InstallForTheUserOnly) {
-  LoadedModule module;
-  ASSERT_TRUE(module.Loaded());
-  auto install = module.Get<InstallFn>("DllInstall");
-  ASSERT_TRUE(install);
-  const std::wstring userClsid = L"Software\\Classes\\" + kClsidKey;
-
-  ASSERT_EQ(install(TRUE, L"user"), S_OK);
-  EXPECT_EQ(ReadString(HKEY_CURRENT_USER, userClsid + L"\\InprocServer32", L"ThreadingModel"), L"Both");
-  EXPECT_EQ(ReadString(HKEY_CURRENT_USER, userClsid + L"\\ExtendedErrors\\{4847E217-9067-4A53-89DC-8281638914AE}",
-                       nullptr),
-            L"Corvane OLE DB Provider Error Lookup");
-  EXPECT_EQ(ReadString(HKEY_CURRENT_USER, L"Software\\Classes\\" + kProgId + L"\\CLSID", nullptr),
-            L"{EFFACBC0-538B-4bc7-AFE1-2E90167424C6}");
-  ASSERT_EQ(install(FALSE, L"user"), S_OK);
-  EXPECT_FALSE(KeyExists(HKEY_CURRENT_USER, userClsid));
-  EXPECT_FALSE(KeyExists(HKEY_CURRENT_USER, L"Software\\Classes\\CLSID\\{4847E217-9067-4A53-89DC-8281638914AE}"));
-}
-
-#else
-
-TEST(ModuleRegistration, HasNothingToWriteOnPosix) {
-  LoadedModule module;
-  ASSERT_TRUE(module.Loaded());
-  auto install = module.Get<InstallFn>("DllInstall");
-  auto reg = module.Get<RegisterFn>("DllRegisterServer");
-  ASSERT_TRUE(install && reg);
-  EXPECT_EQ(reg(), S_OK);
-  EXPECT_EQ(install(TRUE, OLESTR("user")), S_OK);
-  EXPECT_EQ(install(FALSE, nullptr), S_OK);
-}
-
-#endif

@@ -10,17 +10,23 @@ using corvane::test::WindowsPath;
 
 namespace {
 
-bool KeyExists(const wchar_t* key) {
+const std::wstring kClsid = L"{EFFACBC0-538B-4bc7-AFE1-2E90167424C6}";
+const std::wstring kProvider = L"CLSID\\" + kClsid;
+const std::wstring kLookup = L"CLSID\\{4847E217-9067-4A53-89DC-8281638914AE}";
+const std::wstring kExtendedErrors = kProvider + L"\\ExtendedErrors\\{4847E217-9067-4A53-89DC-8281638914AE}";
+const std::wstring kProgId = L"Quellix.CorvaneOleDbProvider_VLD64";
+
+bool KeyExists(const std::wstring& key, HKEY root = HKEY_CLASSES_ROOT) {
   HKEY h = nullptr;
-  if (RegOpenKeyExW(HKEY_CLASSES_ROOT, key, 0, KEY_READ, &h) != ERROR_SUCCESS) return false;
+  if (RegOpenKeyExW(root, key.c_str(), 0, KEY_READ, &h) != ERROR_SUCCESS) return false;
   RegCloseKey(h);
   return true;
 }
 
-std::wstring ReadString(const wchar_t* key, const wchar_t* name) {
+std::wstring ReadString(const std::wstring& key, const wchar_t* name, HKEY root = HKEY_CLASSES_ROOT) {
   wchar_t buf[1024];
   DWORD size = sizeof buf;
-  if (RegGetValueW(HKEY_CLASSES_ROOT, key, name, RRF_RT_REG_SZ, nullptr, buf, &size) != ERROR_SUCCESS)
+  if (RegGetValueW(root, key.c_str(), name, RRF_RT_REG_SZ, nullptr, buf, &size) != ERROR_SUCCESS)
     return L"<missing>";
   return buf;
 }
@@ -28,23 +34,17 @@ std::wstring ReadString(const wchar_t* key, const wchar_t* name) {
 }  // namespace
 
 TEST(RegisteredProvider, RegistersCreatesAndUnregistersUnderTheSystemComRuntime) {
-  ASSERT_EQ(0u, Regsvr32(L"", WindowsPath(CORVANE_PROVIDER_MODULE)));
+  const std::wstring dll = WindowsPath(CORVANE_PROVIDER_MODULE);
+  ASSERT_EQ(0u, Regsvr32(L"", dll));
   ASSERT_TRUE(SUCCEEDED(CoInitializeEx(nullptr, COINIT_MULTITHREADED)));
-  const wchar_t* server = L"CLSID\\{EFFACBC0-538B-4bc7-AFE1-2E90167424C6}\\InprocServer32";
-  EXPECT_EQ(WindowsPath(CORVANE_PROVIDER_MODULE), ReadString(server, nullptr));
-  EXPECT_EQ(std::wstring(L"Both"), ReadString(server, L"ThreadingModel"));
-  EXPECT_EQ(std::wstring(L"{EFFACBC0-538B-4bc7-AFE1-2E90167424C6}"),
-            ReadString(L"Quellix.CorvaneOleDbProvider_VLD64\\CLSID", nullptr));
-  EXPECT_TRUE(KeyExists(L"Quellix.CorvaneOleDbProvider_VLD64.1"));
-  // The error lookup service, where an OLE DB error object looks for it.
-  const wchar_t* lookup = L"CLSID\\{4847E217-9067-4A53-89DC-8281638914AE}";
-  EXPECT_EQ(std::wstring(L"Corvane OLE DB Provider Error Lookup"),
-            ReadString(L"CLSID\\{EFFACBC0-538B-4bc7-AFE1-2E90167424C6}\\ExtendedErrors\\"
-                       L"{4847E217-9067-4A53-89DC-8281638914AE}",
-                       nullptr));
-  const std::wstring lookupServer = std::wstring(lookup) + L"\\InprocServer32";
-  EXPECT_EQ(WindowsPath(CORVANE_PROVIDER_MODULE), ReadString(lookupServer.c_str(), nullptr));
-  EXPECT_EQ(std::wstring(L"Both"), ReadString(lookupServer.c_str(), L"ThreadingModel"));
+  // The creation object and the error lookup service, where an OLE DB error object looks for it.
+  for (const std::wstring& server : {kProvider + L"\\InprocServer32", kLookup + L"\\InprocServer32"}) {
+    EXPECT_EQ(dll, ReadString(server, nullptr));
+    EXPECT_EQ(L"Both", ReadString(server, L"ThreadingModel"));
+  }
+  EXPECT_EQ(kClsid, ReadString(kProgId + L"\\CLSID", nullptr));
+  EXPECT_TRUE(KeyExists(kProgId + L".1"));
+  EXPECT_EQ(L"Corvane OLE DB Provider Error Lookup", ReadString(kExtendedErrors, nullptr));
 
   // The type library describes the creation interface.
   ITypeLib* library = nullptr;
@@ -62,23 +62,28 @@ TEST(RegisteredProvider, RegistersCreatesAndUnregistersUnderTheSystemComRuntime)
   // Created by CLSID and by ProgID. (Data sources of the registered DLL, their
   // properties and error records are what every consumer suite of the Windows build
   // runs on: tests/session/ConsumerFixture.cpp.)
-  ICreateCorvaneOleDbProvider* created = nullptr;
-  ASSERT_EQ(S_OK, CoCreateInstance(CLSID_CorvaneOleDbProvider, nullptr, CLSCTX_INPROC_SERVER,
-                                   IID_ICreateCorvaneOleDbProvider, reinterpret_cast<void**>(&created)));
-  created->Release();
   CLSID clsid{};
-  ASSERT_EQ(S_OK, CLSIDFromProgID(L"Quellix.CorvaneOleDbProvider_VLD64", &clsid));
+  ASSERT_EQ(S_OK, CLSIDFromProgID(kProgId.c_str(), &clsid));
   EXPECT_TRUE(IsEqualCLSID(CLSID_CorvaneOleDbProvider, clsid));
+  ICreateCorvaneOleDbProvider* created = nullptr;
   ASSERT_EQ(S_OK, CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_ICreateCorvaneOleDbProvider,
                                    reinterpret_cast<void**>(&created)));
   created->Release();
   CoUninitialize();
 
-  EXPECT_EQ(0u, Regsvr32(L"/u", WindowsPath(CORVANE_PROVIDER_MODULE)));
-  EXPECT_FALSE(KeyExists(L"CLSID\\{EFFACBC0-538B-4bc7-AFE1-2E90167424C6}\\ExtendedErrors"));
-  EXPECT_FALSE(KeyExists(L"CLSID\\{EFFACBC0-538B-4bc7-AFE1-2E90167424C6}"));
-  EXPECT_FALSE(KeyExists(lookup));
-  EXPECT_FALSE(KeyExists(L"Quellix.CorvaneOleDbProvider_VLD64"));
-  EXPECT_FALSE(KeyExists(L"Quellix.CorvaneOleDbProvider_VLD64.1"));
-  EXPECT_EQ(0u, Regsvr32(L"/u", WindowsPath(CORVANE_PROVIDER_MODULE))) << "unregistering twice is harmless";
+  EXPECT_EQ(0u, Regsvr32(L"/u", dll));
+  for (const std::wstring& key : {kProvider, kLookup, kProgId, kProgId + L".1"}) EXPECT_FALSE(KeyExists(key));
+  EXPECT_EQ(0u, Regsvr32(L"/u", dll)) << "unregistering twice is harmless";
+}
+
+// DllInstall with "user" (regsvr32 /n /i:user) writes the classes for this user alone.
+TEST(RegisteredProvider, InstallsForTheUserOnly) {
+  const std::wstring dll = WindowsPath(CORVANE_PROVIDER_MODULE), user = L"Software\\Classes\\";
+  ASSERT_EQ(0u, Regsvr32(L"/n /i:user", dll));
+  EXPECT_EQ(L"Both", ReadString(user + kProvider + L"\\InprocServer32", L"ThreadingModel", HKEY_CURRENT_USER));
+  EXPECT_EQ(L"Corvane OLE DB Provider Error Lookup", ReadString(user + kExtendedErrors, nullptr, HKEY_CURRENT_USER));
+  EXPECT_EQ(kClsid, ReadString(user + kProgId + L"\\CLSID", nullptr, HKEY_CURRENT_USER));
+  ASSERT_EQ(0u, Regsvr32(L"/u /n /i:user", dll));
+  EXPECT_FALSE(KeyExists(user + kProvider, HKEY_CURRENT_USER));
+  EXPECT_FALSE(KeyExists(user + kLookup, HKEY_CURRENT_USER));
 }

@@ -114,39 +114,90 @@ std::vector<std::string> WithData(std::vector<std::string> args) {
   return args;
 }
 
-TEST(ShellOutputFormats, CsvIsRfc4180WithShortestNumbersAndEmptyNulls) {
-  Result r = RunShell(WithData({"--format", "csv", "-e",
-                           std::string("SELECT TAGNAME, TIMESTAMP, VALUE, QUALITY FROM RAWDATA WHERE ") + kDay}));
-  ASSERT_EQ(0, r.status) << r.err;
-  EXPECT_EQ(
-      "TAGNAME,TIMESTAMP,VALUE,QUALITY\r\n"
-      "Flow,2024-01-01 00:00:00.000,1.5,192\r\n"
-      "Flow,2024-01-01 00:01:00.250,0.1,192\r\n"
-      "Note,2024-01-01 00:00:00.000,\"a, \"\"quoted\"\" note\",192\r\n"
-      "Note,2024-01-01 00:01:00.000,\"\",0\r\n"
-      "On,2024-01-01 00:00:00.000,true,192\r\n",
-      r.out);
+// Runs over the two-tag file: arguments, stdin, then "status stderr" and stdout, whole.
+struct Case {
+  std::vector<std::string> args;
+  std::string input, failure, out;
+};
+
+TEST(ShellRuns, EachGivesItsStatusErrorsAndOutput) {
+  using namespace std::string_literals;
+  const std::string raw = "SELECT TAGNAME, TIMESTAMP, VALUE, QUALITY FROM RAWDATA WHERE "s + kDay;
+  // A `;` inside a text ends nothing; the last statement needs no `;`.
+  const std::string script = "-- the tags first\nSELECT TAGNAME\n  FROM TAGS\n  WHERE TAGNAME = 'Flow';\n\n"
+                             "SELECT TAGNAME FROM TAGS WHERE TAGNAME = 'a;\nb';\n"
+                             "SELECT TAGNAME FROM TAGS WHERE TAGNAME = 'On'";
+  const std::string scriptOut = "TAGNAME\r\nFlow\r\n\r\nTAGNAME\r\n\r\nTAGNAME\r\nOn\r\n";
+  // Cut at the NUL, the DELETE would lose its upper bound and remove both samples.
+  const std::string nul =
+      "DELETE FROM RAWDATA WHERE TAGNAME = 'Flow' AND TIMESTAMP >= '2024-01-01 00:00:00'\0 AND TIMESTAMP < "
+      "'2023-01-01';\n.format\0 json\nSELECT VALUE FROM RAWDATA WHERE TAGNAME = 'Flow' AND "s + kDay + ";\n";
+  const std::string nulRefused = "1 error: the statement holds a NUL byte (at byte 82); nothing was run\n"
+                                 "error: the statement holds a NUL byte (at byte 8); nothing was run\n";
+  const Case cases[] = {
+      // CSV: RFC 4180, shortest numbers, an empty text quoted.
+      {{"--format", "csv", "-e", raw}, "", "0 ",
+       "TAGNAME,TIMESTAMP,VALUE,QUALITY\r\n"
+       "Flow,2024-01-01 00:00:00.000,1.5,192\r\n"
+       "Flow,2024-01-01 00:01:00.250,0.1,192\r\n"
+       "Note,2024-01-01 00:00:00.000,\"a, \"\"quoted\"\" note\",192\r\n"
+       "Note,2024-01-01 00:01:00.000,\"\",0\r\n"
+       "On,2024-01-01 00:00:00.000,true,192\r\n"},
+      // JSON: one array of objects per statement.
+      {{"--format", "json", "-e", "SELECT TAGNAME, TIMESTAMP, VALUE FROM RAWDATA WHERE "s + kDay, "-e",
+        "SELECT TAGNAME FROM TAGS WHERE TAGNAME = 'x'"},
+       "", "0 ",
+       "[\n"
+       "{\"TAGNAME\":\"Flow\",\"TIMESTAMP\":\"2024-01-01T00:00:00.000Z\",\"VALUE\":1.5},\n"
+       "{\"TAGNAME\":\"Flow\",\"TIMESTAMP\":\"2024-01-01T00:01:00.250Z\",\"VALUE\":0.1},\n"
+       "{\"TAGNAME\":\"Note\",\"TIMESTAMP\":\"2024-01-01T00:00:00.000Z\",\"VALUE\":\"a, \\\"quoted\\\" note\"},\n"
+       "{\"TAGNAME\":\"Note\",\"TIMESTAMP\":\"2024-01-01T00:01:00.000Z\",\"VALUE\":\"\"},\n"
+       "{\"TAGNAME\":\"On\",\"TIMESTAMP\":\"2024-01-01T00:00:00.000Z\",\"VALUE\":true}\n"
+       "]\n"
+       "[]\n"},
+      // Every statement takes its values from the first --param on.
+      {{"--param", "Flow", "-e", "SELECT VALUE FROM RAWDATA WHERE TAGNAME = ? AND "s + kDay, "-e",
+        "SELECT TAGNAME FROM TAGS WHERE TAGNAME = ?"},
+       "", "0 ", "VALUE\r\n1.5\r\n0.1\r\n\r\nTAGNAME\r\nFlow\r\n"},
+      // Files and stdin split at semicolons that end a line.
+      {{WriteFile("script.sql", script)}, "", "0 ", scriptOut},
+      {{}, script, "0 ", scriptOut},
+      // A statement holding a NUL is refused whole, from a file or stdin.
+      {{WriteFile("nul.sql", nul)}, "", nulRefused, "VALUE\r\n1.5\r\n0.1\r\n"},
+      {{}, nul, nulRefused, "VALUE\r\n1.5\r\n0.1\r\n"},
+      // What cannot be drawn or written fails.
+      {{}, ".chart " + TempDir() + "/x.svg\nSELECT TAGNAME FROM TAGS;\n",
+       "1 error: cannot draw a chart: the result has no TIMESTAMP column to draw against\n", ""},
+      {{"--chart", TempDir(), "-e", "SELECT * FROM RAWDATA WHERE TAGNAME = 'Flow'"}, "",
+       "1 error: cannot write the chart to '" + TempDir() + "': Is a directory\n", ""},
+      {{"--chart", "/dev/full", "-e", "SELECT * FROM RAWDATA WHERE TAGNAME = 'Flow'"}, "",
+       "1 error: cannot write the chart to '/dev/full': No space left on device\n", ""},
+      {{"--data", TempDir()}, "", "2 corvane-sql: cannot read '" + TempDir() + "': Is a directory\n", ""},
+      // A failed statement goes to stderr and the shell goes on.
+      {{"-e", "SELECT * FROM NO_SUCH_TABLE", "-e", "SELECT TAGNAME FROM TAGS"}, "",
+       "1 error 0x8004C001: Failed to execute a command (IID_ICommand). Details: Required table doesn't exist.\n",
+       "TAGNAME\r\nFlow\r\nNote\r\nOn\r\n"},
+      {{"-e", "SELEC 1"}, "",
+       "1 error 0x80004005: Failed to prepare a command (IID_ICommandPrepare). Details: Failed to parse the query: "
+       "'SELEC 1'. Query is not supported.\n",
+       ""},
+      // Parameters are typed and counted.
+      {{"--param", "DBTYPE_R8:abc", "-e", "SELECT * FROM RAWDATA WHERE TAGNAME = ?"}, "",
+       "1 error 0x80070057: parameter 1: 'abc' is not a valid DBTYPE_R8\n", ""},
+      {{"-e", "SELECT * FROM RAWDATA WHERE TAGNAME = ?"}, "",
+       "1 error 0x80040E10: the statement has 1 parameter(s) but 0 --param value(s) were given\n", ""},
+  };
+  for (const Case& c : cases) {
+    const Result r = RunShell(WithData(c.args), c.input);
+    EXPECT_EQ(c.failure, Failure(r)) << c.args.size() << " arguments, input " << c.input.substr(0, 40);
+    EXPECT_EQ(c.out, r.out) << c.args.size() << " arguments, input " << c.input.substr(0, 40);
+  }
+  EXPECT_EQ(0, access("/dev/full", W_OK)) << "a failed chart removes only a plain file it wrote";
   // An interval without data: its values are NULL, written as empty fields.
-  r = RunShell(WithData({"--format", "csv", "-e", "EXEC HDA_REDUCED_ANALOG '2023-12-31 00:00:00', "
-                                             "'2023-12-31 00:01:00', 60000, 'Flow'"}));
+  const Result r = RunShell(WithData({"--format", "csv", "-e", "EXEC HDA_REDUCED_ANALOG '2023-12-31 00:00:00', "
+                                                               "'2023-12-31 00:01:00', 60000, 'Flow'"}));
   ASSERT_EQ(0, r.status) << r.err;
   EXPECT_NE(std::string::npos, r.out.find("\r\n2023-12-31 00:00:00.000,,")) << r.out;
-}
-
-TEST(ShellOutputFormats, JsonIsOneArrayOfObjectsPerStatement) {
-  const std::string sql = std::string("SELECT TAGNAME, TIMESTAMP, VALUE FROM RAWDATA WHERE ") + kDay;
-  Result r = RunShell(WithData({"--format", "json", "-e", sql, "-e", "SELECT TAGNAME FROM TAGS WHERE TAGNAME = 'x'"}));
-  ASSERT_EQ(0, r.status) << r.err;
-  EXPECT_EQ(
-      "[\n"
-      "{\"TAGNAME\":\"Flow\",\"TIMESTAMP\":\"2024-01-01T00:00:00.000Z\",\"VALUE\":1.5},\n"
-      "{\"TAGNAME\":\"Flow\",\"TIMESTAMP\":\"2024-01-01T00:01:00.250Z\",\"VALUE\":0.1},\n"
-      "{\"TAGNAME\":\"Note\",\"TIMESTAMP\":\"2024-01-01T00:00:00.000Z\",\"VALUE\":\"a, \\\"quoted\\\" note\"},\n"
-      "{\"TAGNAME\":\"Note\",\"TIMESTAMP\":\"2024-01-01T00:01:00.000Z\",\"VALUE\":\"\"},\n"
-      "{\"TAGNAME\":\"On\",\"TIMESTAMP\":\"2024-01-01T00:00:00.000Z\",\"VALUE\":true}\n"
-      "]\n"
-      "[]\n",
-      r.out);
 }
 
 TEST(ShellOutputFormats, TableStreamsWithWidthsFromTheTypesAndTheFirstBatch) {
@@ -169,15 +220,9 @@ TEST(ShellOutputFormats, TableStreamsWithWidthsFromTheTypesAndTheFirstBatch) {
   EXPECT_LT(table.maxRssKb, plain.maxRssKb + 16 * 1024);
 }
 
-TEST(ShellFailures, ErrorsGoToStderrAndTheShellGoesOn) {
-  Result r = RunShell(WithData({"-e", "SELECT * FROM NO_SUCH_TABLE", "-e", "SELECT TAGNAME FROM TAGS"}));
-  EXPECT_EQ(1, r.status);
-  EXPECT_EQ(0u, r.err.find("error 0x8004C001: Failed to execute a command (IID_ICommand). Details: ")) << r.err;
-  EXPECT_EQ("TAGNAME\r\nFlow\r\nNote\r\nOn\r\n", r.out) << "the next statement still ran";
-
-  EXPECT_EQ(0u, Failure(RunShell({"--no-demo", "-e", "SELEC 1"})).find("1 error 0x8"));
-
+TEST(ShellFailures, BadCommandLinesAndFilesRunNothing) {
   // Bad command lines and unreadable files: status 2 and a message, nothing run.
+  Result r;
   for (const std::vector<std::string>& bad : std::vector<std::vector<std::string>>{
            {"--format", "xml"}, {"--bogus"}, {"-e"}, {"--param", "DBTYPE_NOPE:1"},
            {"/nonexistent/statements.sql"}, {"--data", "/nonexistent/data.csv"}, {TempDir()}, {"/proc/self/mem"},
@@ -188,8 +233,6 @@ TEST(ShellFailures, ErrorsGoToStderrAndTheShellGoesOn) {
     EXPECT_EQ("", r.out);
   }
   EXPECT_NE(std::string::npos, r.err.find("bad.csv:2")) << "a bad data file names its line: " << r.err;
-  EXPECT_EQ("2 corvane-sql: cannot read '" + TempDir() + "': Is a directory\n",
-            Failure(RunShell({"--data", TempDir()})));
 }
 
 TEST(ShellFailures, AFailedWriteStopsTheStatementReleasesItAndEndsTheShell) {
@@ -222,52 +265,13 @@ TEST(ShellInputs, ParametersAreTypedAndCounted) {
   EXPECT_EQ(0u, r.out.find("Timestamp,MIN_Value,")) << r.out;
   EXPECT_NE(std::string::npos, r.out.find("\r\n2024-01-01 00:00:00.000,1.5,")) << r.out;
   EXPECT_NE(std::string::npos, r.out.find("\r\n2024-01-01 00:01:00.000,0.1,")) << "one-minute intervals: " << r.out;
-  // Every statement takes its values from the first --param on.
-  r = RunShell(WithData({"--param", "Flow", "-e", std::string("SELECT VALUE FROM RAWDATA WHERE TAGNAME = ? AND ") + kDay,
-                         "-e", "SELECT TAGNAME FROM TAGS WHERE TAGNAME = ?"}));
-  ASSERT_EQ(0, r.status) << r.err;
-  EXPECT_EQ("VALUE\r\n1.5\r\n0.1\r\n\r\nTAGNAME\r\nFlow\r\n", r.out);
-
-  using Pair = std::pair<const char*, const char*>;
-  for (const auto& [param, error] : {Pair{"DBTYPE_R8:abc", "'abc' is not a valid DBTYPE_R8"},
-                                     Pair{nullptr, "the statement has 1 parameter(s) but 0"}}) {
-    std::vector<std::string> args{"-e", "SELECT * FROM RAWDATA WHERE TAGNAME = ?"};
-    if (param) args.insert(args.begin(), {"--param", param});
-    r = RunShell(WithData(args));
-    EXPECT_EQ(1, r.status);
-    EXPECT_NE(std::string::npos, r.err.find(error)) << r.err;
-  }
 }
 
-TEST(ShellInputs, FilesAndStdinSplitAtSemicolonsThatEndALine) {
-  const std::string script =
-      "-- the tags first\n"
-      "SELECT TAGNAME\n  FROM TAGS\n  WHERE TAGNAME = 'Flow';\n"
-      "\n"
-      "SELECT TAGNAME FROM TAGS WHERE TAGNAME = 'a;\nb';\n"  // a `;` inside a text ends nothing
-      "SELECT TAGNAME FROM TAGS WHERE TAGNAME = 'On'";      // the last one needs no `;`
-  const std::string expected = "TAGNAME\r\nFlow\r\n\r\nTAGNAME\r\n\r\nTAGNAME\r\nOn\r\n";
-  for (const Result& r : {RunShell(WithData({WriteFile("script.sql", script)})), RunShell(WithData({}), script)})
-    EXPECT_EQ("0 " + expected, std::to_string(r.status) + " " + r.out) << r.err;
-  // -e statements and files run in the order given; dot commands work in scripts.
+TEST(ShellInputs, StatementsAndFilesRunInTheOrderGivenAndDotCommandsWorkInScripts) {
   const Result r = RunShell(WithData({"-e", "SELECT TAGNAME FROM TAGS WHERE TAGNAME = 'On'",
                                       WriteFile("dot.sql", ".format json\n.tables\n")}));
   EXPECT_EQ(0, r.status) << r.err;
   EXPECT_EQ(0u, r.out.find("TAGNAME\r\nOn\r\n[\n{\"TABLE_NAME\":")) << r.out;
-}
-
-TEST(ShellInputs, AStatementHoldingANulIsRefusedWhole) {
-  // Cut at the NUL, the DELETE would lose its upper bound and remove both samples.
-  using namespace std::string_literals;
-  const std::string script =
-      "DELETE FROM RAWDATA WHERE TAGNAME = 'Flow' AND TIMESTAMP >= '2024-01-01 00:00:00'\0 AND TIMESTAMP < "
-      "'2023-01-01';\n.format\0 json\nSELECT VALUE FROM RAWDATA WHERE TAGNAME = 'Flow' AND "s + kDay + ";\n";
-  const std::string refused = "error: the statement holds a NUL byte (at byte 82); nothing was run\n"
-                              "error: the statement holds a NUL byte (at byte 8); nothing was run\n";
-  for (const Result& r : {RunShell(WithData({WriteFile("nul.sql", script)})), RunShell(WithData({}), script)}) {
-    EXPECT_EQ("1 " + refused, Failure(r));
-    EXPECT_EQ("VALUE\r\n1.5\r\n0.1\r\n", r.out);
-  }
 }
 
 TEST(ShellInputs, TheReadmeExamplesRunOnTheDemoPlant) {
@@ -329,7 +333,7 @@ TEST(ShellCharts, ADayOfTwoTagsIsOnePathEachWithTheBadStretchAGapAndTheSteppedTa
   }
 }
 
-TEST(ShellCharts, TextChartsFitTheTerminalAndWhatCannotBeDrawnFails) {
+TEST(ShellCharts, TextChartsFitTheTerminal) {
   setenv("COLUMNS", "60", 1);
   setenv("LINES", "20", 1);
   Result r = RunShell({"--format", "chart", "-e", "EXEC HDA_ANALOG DATEADD('dd', -1, NOWUTC()), NOWUTC(), 3600000, "
@@ -345,14 +349,6 @@ TEST(ShellCharts, TextChartsFitTheTerminalAndWhatCannotBeDrawnFails) {
   }
   EXPECT_NE(std::string::npos, r.out.find(" AVG_Value ")) << r.out;
   EXPECT_EQ(std::string::npos, r.out.find('\033')) << "no colours off a terminal";
-
-  EXPECT_EQ("1 error: cannot draw a chart: the result has no TIMESTAMP column to draw against\n",
-            Failure(RunShell({"--no-demo"}, ".chart " + TempDir() + "/x.svg\nSELECT TAGNAME FROM TAGS;\n")));
-  for (const auto& [to, why] : {std::pair<std::string, const char*>{TempDir(), "Is a directory"},
-                                {"/dev/full", "No space left on device"}})
-    EXPECT_EQ("1 error: cannot write the chart to '" + to + "': " + why + "\n",
-              Failure(RunShell({"--chart", to, "-e", "SELECT * FROM RAWDATA WHERE TAGNAME = 'Pump1.Flow'"})));
-  EXPECT_EQ(0, access("/dev/full", W_OK)) << "a failed chart removes only a plain file it wrote";
 }
 
 // A shell on a pseudo-terminal, driven by what a user types.

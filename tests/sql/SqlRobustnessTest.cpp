@@ -88,9 +88,8 @@ std::string NestedParens(int depth) {
 }
 std::string AndChain(int terms) { return "SELECT a FROM t WHERE a = 1" + Repeat(" AND a = 1", terms - 1); }
 
-const char* const kPrefixEnd = "'. ";
 std::string Message(const std::string& error) {
-  const size_t at = error.rfind(kPrefixEnd);
+  const size_t at = error.rfind("'. ");
   return at == std::string::npos ? error : error.substr(at + 3);
 }
 

@@ -46,6 +46,8 @@ TEST(SqlTokens, EachTextReadsAsItsTokens) {
       {"WHERE a<>b AND c>=1 OR d<=e>f<g ( ) * , . ; = ?",
        "kw(WHERE) id(a) <> id(b) AND id(c) >= int(1)=1 OR id(d) <= id(e) > id(f) < id(g) ( ) * , . ; = ? $"},
       {"and Or NOT", "AND OR NOT $"},
+      // Keywords ignore case and keep their text (which keyword each is: the statement suite).
+      {"Between CaLL tOp", "kw(Between) kw(CaLL) kw(tOp) $"},
       // Words that only look like keywords stay names; a quoted name is never a keyword
       // and keeps blanks and unknown characters.
       {"LIKE IN NULL JOIN TIMESTAMP TOP5 SELECTED _x1 ORD",
@@ -80,31 +82,6 @@ TEST(SqlTokens, EachTextReadsAsItsTokens) {
       {"-", "bad!80070057"},
   };
   for (const auto& [text, tokens] : cases) EXPECT_EQ(tokens, Lex(text)) << "text: " << text;
-}
-
-TEST(SqlTokens, KeywordsIgnoreCaseOfAsciiLettersOnlyAndKeepTheirText) {
-  // (Every keyword's reading is in the statement and error suites' texts.)
-  const std::pair<const char*, int> keywords[] = {{"Between", SQL_KEYWORD_BETWEEN}, {"CaLL", SQL_KEYWORD_CALL},
-                                                  {"Order", SQL_KEYWORD_ORDER},     {"group", SQL_KEYWORD_GROUP},
-                                                  {"HAVING", SQL_KEYWORD_HAVING},   {"tOp", SQL_KEYWORD_TOP}};
-  for (const auto& [word, keyword] : keywords) {
-    const corvane::WString wide = corvane::FromUtf8(word);
-    SQLLexerState state;
-    state.text = wide;
-    CSQLToken token;
-    ASSERT_EQ(S_OK, CSQLSyntaxParser::ReadToken(state, token)) << word;
-    EXPECT_EQ(SQL_TOKEN_KEYWORD, token.kind) << word;
-    EXPECT_EQ(keyword, token.keyword) << word;
-    EXPECT_EQ(word, corvane::ToUtf8(token.text));
-  }
-  // A character whose low byte is a keyword's letter is not that letter.
-  for (const OLECHAR* lookalike : {OLESTR("\u0153ET"), OLESTR("SE\u0154"), OLESTR("A\u0153")}) {
-    CSQLToken token;
-    token.kind = SQL_TOKEN_IDENTIFIER;
-    token.text = lookalike;
-    CSQLSyntaxParser::ClassifyWord(token);
-    EXPECT_EQ(SQL_TOKEN_IDENTIFIER, token.kind);
-  }
 }
 
 TEST(SqlTokens, EachReadStartsFromAClearedTokenBehindThePrevious) {
