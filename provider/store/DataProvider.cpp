@@ -308,30 +308,34 @@ void CDataProvider::SetFailure(HRESULT hr, corvane::WString message) {
   RequestStop();
 }
 
-size_t CDataProvider::KeepFiltered(ProducedRecordList& records) {
+size_t CDataProvider::KeepFiltered(ProducedRecordList& records, HRESULT* failure) {
   size_t kept = 0;
-  HRESULT hr = S_OK;
+  *failure = S_OK;
   for (size_t i = 0; i < records.size(); ++i) {
     bool keep = false;
-    hr = m_pFilter->Keep(records[i], &keep);
-    if (FAILED(hr)) break;
+    *failure = m_pFilter->Keep(records[i], &keep);
+    if (FAILED(*failure)) break;
     if (!keep) continue;
     if (kept != i) records[kept].swap(records[i]);
     ++kept;
   }
-  if (FAILED(hr)) SetFailure(hr, m_pFilter->Message());
   return kept;
 }
 
-bool CDataProvider::Filter(ProducedRecordList& records) {
-  const size_t kept = KeepFiltered(records);
+void CDataProvider::DropFiltered(ProducedRecordList& records, size_t kept) {
   if (m_bReuseRecords && kept < records.size()) {
     for (size_t i = kept; i < records.size(); ++i) EmptyRecord(records[i]);
     CriticalSectionLock lock(m_StateLock);
     for (size_t i = kept; i < records.size(); ++i) m_Spare.push_back(std::move(records[i]));
   }
   records.resize(kept);
-  return SUCCEEDED(LastResult());
+}
+
+bool CDataProvider::Filter(ProducedRecordList& records) {
+  HRESULT hr;
+  DropFiltered(records, KeepFiltered(records, &hr));
+  if (FAILED(hr)) SetFailure(hr, m_pFilter->Message());
+  return SUCCEEDED(hr);
 }
 
 void CDataProvider::AppendRecord(ProducedRecord&& record) {
@@ -405,33 +409,41 @@ void CDataProvider::QueueRecords(ProducedRecordList& records) {
     filler = m_pFiller;
     last = m_hrLastResult;
   }
-  if (FAILED(last)) {
+  if (FAILED(last) || FAILED(m_StepFailure)) {
     records.clear();  // the reading already ended; nothing produced later is queued
     return;
   }
+  // A failure found here becomes the reading's outcome only together with the rows
+  // before it (EndStep): a fetch must never see it while those rows are still held.
+  HRESULT failure = S_OK;
+  const size_t kept = m_pFilter ? KeepFiltered(records, &failure) : records.size();
+  if (FAILED(failure)) m_StepFailureMessage = m_pFilter->Message();
   if (!filler) {
-    if (m_pFilter) Filter(records);
+    DropFiltered(records, kept);
     for (ProducedRecord& r : records) m_StepRecords.push_back(std::move(r));
     records.clear();
-    return;
+  } else {
+    // Written into rows here, while the records are fresh in this thread's cache, and
+    // emptied for the step's next portion, those the filter dropped too: no record
+    // crosses to the consumer's thread.
+    const HRESULT hr = kept ? filler->FillRows(records.data(), kept, m_StepRows) : S_OK;
+    for (ProducedRecord& record : records) EmptyRecord(record);
+    if (SUCCEEDED(failure)) failure = hr;
   }
-  // Written into rows here, while the records are fresh in this thread's cache, and
-  // emptied for the step's next portion, those the filter dropped too: no record
-  // crosses to the consumer's thread.
-  const size_t kept = m_pFilter ? KeepFiltered(records) : records.size();
-  const HRESULT hr = kept ? filler->FillRows(records.data(), kept, m_StepRows) : S_OK;
-  for (ProducedRecord& record : records) EmptyRecord(record);
-  if (FAILED(hr)) SetFailure(hr, corvane::WString());
+  m_StepFailure = failure;
 }
 
 void CDataProvider::EndStep(bool succeeded) {
-  if (m_StepRows.empty() && m_StepRecords.empty()) return;
+  const HRESULT failure = m_StepFailure;
+  m_StepFailure = S_OK;
   if (!succeeded) {
     // A failed step queues nothing, as if it had stopped before its first record.
     m_StepRows.ReleaseAll();
     m_StepRecords.clear();
+    if (FAILED(failure)) SetFailure(failure, std::move(m_StepFailureMessage));
     return;
   }
+  if (m_StepRows.empty() && m_StepRecords.empty() && SUCCEEDED(failure)) return;
   {
     CriticalSectionLock lock(m_StateLock);
     m_Filled.splice(m_StepRows);
@@ -440,8 +452,15 @@ void CDataProvider::EndStep(bool succeeded) {
     } else {
       for (ProducedRecord& r : m_StepRecords) m_Produced.push_back(std::move(r));
     }
+    if (FAILED(failure)) {
+      m_hrLastResult = failure;
+      m_FailureMessage = std::move(m_StepFailureMessage);
+      m_bMoreData = 0;
+    }
   }
   m_StepRecords.clear();
+  m_StepFailureMessage.clear();
+  if (FAILED(failure)) RequestStop();
   m_bRowsHeld = true;
 }
 

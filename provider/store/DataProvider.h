@@ -164,8 +164,10 @@ class CDataProvider {
   // rest are dropped (or kept for reuse). False when the filter failed.
   bool Filter(ProducedRecordList& records);
   // The filter's pass alone: the kept records move to the front in their order and
-  // their count is returned; the rest stay behind them. A failure is recorded.
-  size_t KeepFiltered(ProducedRecordList& records);
+  // their count is returned; the rest stay behind them. *failure: the filter's result.
+  size_t KeepFiltered(ProducedRecordList& records, HRESULT* failure);
+  // Drops the records from `kept` on (kept for reuse when records are reused).
+  void DropFiltered(ProducedRecordList& records, size_t kept);
 
   corvane::platform::CriticalSection m_StateLock;
   DWORD m_bMoreData = 1;
@@ -183,6 +185,8 @@ class CDataProvider {
   // What the current step queued, handed over when it returns (worker thread only).
   CRefCountedDataStoreRow::Queue m_StepRows;
   ProducedRecordList m_StepRecords;
+  HRESULT m_StepFailure = S_OK;  // found by QueueRecords, made known by EndStep
+  corvane::WString m_StepFailureMessage;
 
   corvane::platform::CriticalSection m_TimeLock;
   uint64_t m_ElapsedTime = 0;
