@@ -15,19 +15,6 @@ namespace {
 // The provider whose step the current thread is running, if any.
 thread_local CDataProvider* t_pStepping = nullptr;
 
-// Empties a record for reuse, keeping its storage. Most values hold a number, a time or
-// lent text: nothing to free, so no call to VariantClear.
-void EmptyRecord(ProducedRecord& record) {
-  for (StoreValue& value : record) {
-    if (CRefCountedDataStoreRow::OwnsNothing(V_VT(&value.Value))) {
-      V_VT(&value.Value) = VT_EMPTY;
-      value.Kind = StoreValue::kNone;
-    } else {
-      value.Reset();
-    }
-  }
-}
-
 uint64_t NowNanoseconds() {
   const int64_t ticks = corvane::platform::PerformanceCounter();
   const int64_t freq = corvane::platform::PerformanceFrequency();
@@ -120,7 +107,6 @@ DWORD CDataProvider::WorkerLoop(CDataProvider* self) {
     t_pStepping = self;
     const HRESULT hr = self->ExecuteStep();
     t_pStepping = nullptr;
-    self->EndStep(SUCCEEDED(hr));
     if (self->m_bRowsHeld) {
       // One wake-up for all the records of the step, not one per record.
       self->m_bRowsHeld = false;
@@ -178,88 +164,41 @@ HRESULT CDataProvider::Execute() {
 
 HRESULT CDataProvider::ExecuteStep() { return E_NOTIMPL; }
 
-template <class Take, class Queued>
-HRESULT CDataProvider::WaitAndTake(size_t wanted, size_t held, Take take, Queued queued) {
+HRESULT CDataProvider::FetchRows(ProducedRecordList& rows, size_t wanted) {
   for (;;) {
-    bool took;
+    bool took = false;
     bool pending;
     HRESULT last;
     {
       CriticalSectionLock lock(m_StateLock);
-      const size_t now = take();
-      took = now != held;
-      held = now;
-      last = m_hrLastResult;
-      pending = IsDataPending() != 0;
-    }
-    if (FAILED(last)) {
-      // What the worker queued before it failed was read well: it goes out first, and
-      // the failure comes with the next fetch, which finds nothing queued.
-      if (held != 0) return S_OK;
-      return last;
-    }
-    if (took) OnRowsTaken();
-    if (held >= wanted) return S_OK;
-    if (!pending) {
-      // The worker may have queued its last records between the take and the check.
-      CriticalSectionLock lock(m_StateLock);
-      if (!queued()) return DB_S_ENDOFROWSET;
-      continue;
-    }
-    WaitForRows(kFetchWaitMs);
-  }
-}
-
-HRESULT CDataProvider::FetchRows(ProducedRecordList& rows, size_t wanted) {
-  return WaitAndTake(
-      wanted, rows.size(),
-      [&] {
+      if (!m_Produced.empty()) {
+        took = true;
         if (rows.empty()) {
           rows.swap(m_Produced);
         } else {
           for (ProducedRecord& r : m_Produced) rows.push_back(std::move(r));
           m_Produced.clear();
         }
-        return rows.size();
-      },
-      [&] { return !m_Produced.empty(); });
-}
-
-bool CDataProvider::SetRowFiller(CRowFiller* filler) {
-  if (!m_bFillRows) return false;
-  CriticalSectionLock lock(m_StateLock);
-  m_pFiller = filler;
-  return true;
-}
-
-HRESULT CDataProvider::FetchFilledRows(CRefCountedDataStoreRow::Queue& rows, size_t wanted) {
-  return WaitAndTake(
-      wanted, rows.size(),
-      [&] {
-        TakeFilled(rows);
-        return rows.size();
-      },
-      [&] { return !m_Produced.empty() || !m_Filled.empty(); });
-}
-
-HRESULT CDataProvider::TakeFilled(CRefCountedDataStoreRow::Queue& rows) {
-  if (!m_Produced.empty() && m_pFiller) {
-    // Queued before the filler was set, so before every filled row.
-    CRefCountedDataStoreRow::Queue made;
-    const HRESULT hr = m_pFiller->FillRows(m_Produced.data(), m_Produced.size(), made);
-    m_Produced.clear();
-    if (FAILED(hr)) {
-      made.ReleaseAll();
-      m_Filled.ReleaseAll();
-      m_hrLastResult = hr;
-      m_bMoreData = 0;
-      if (m_pStopEvent) m_pStopEvent->Set();
-      return hr;
+      }
+      last = m_hrLastResult;
+      pending = IsDataPending() != 0;
     }
-    rows.splice(made);
+    if (FAILED(last)) {
+      // What the worker queued before it failed was read well: it goes out first, and
+      // the failure comes with the next fetch, which finds nothing queued.
+      if (!rows.empty()) return S_OK;
+      return last;
+    }
+    if (took) OnRowsTaken();
+    if (rows.size() >= wanted) return S_OK;
+    if (!pending) {
+      // The worker may have queued its last records between the take and the check.
+      CriticalSectionLock lock(m_StateLock);
+      if (m_Produced.empty()) return DB_S_ENDOFROWSET;
+      continue;
+    }
+    WaitForRows(kFetchWaitMs);
   }
-  rows.splice(m_Filled);
-  return S_OK;
 }
 
 void CDataProvider::OnRowsTaken() {
@@ -308,38 +247,30 @@ void CDataProvider::SetFailure(HRESULT hr, corvane::WString message) {
   RequestStop();
 }
 
-size_t CDataProvider::KeepFiltered(ProducedRecordList& records, HRESULT* failure) {
+bool CDataProvider::Filter(ProducedRecordList& records) {
   size_t kept = 0;
-  *failure = S_OK;
+  HRESULT hr = S_OK;
   for (size_t i = 0; i < records.size(); ++i) {
     bool keep = false;
-    *failure = m_pFilter->Keep(records[i], &keep);
-    if (FAILED(*failure)) break;
+    hr = m_pFilter->Keep(records[i], &keep);
+    if (FAILED(hr)) break;
     if (!keep) continue;
     if (kept != i) records[kept].swap(records[i]);
     ++kept;
   }
-  return kept;
-}
-
-void CDataProvider::DropFiltered(ProducedRecordList& records, size_t kept) {
   if (m_bReuseRecords && kept < records.size()) {
-    for (size_t i = kept; i < records.size(); ++i) EmptyRecord(records[i]);
+    for (size_t i = kept; i < records.size(); ++i)
+      for (StoreValue& value : records[i]) value.Reset();
     CriticalSectionLock lock(m_StateLock);
     for (size_t i = kept; i < records.size(); ++i) m_Spare.push_back(std::move(records[i]));
   }
   records.resize(kept);
-}
-
-bool CDataProvider::Filter(ProducedRecordList& records) {
-  HRESULT hr;
-  DropFiltered(records, KeepFiltered(records, &hr));
   if (FAILED(hr)) SetFailure(hr, m_pFilter->Message());
   return SUCCEEDED(hr);
 }
 
 void CDataProvider::AppendRecord(ProducedRecord&& record) {
-  if (m_pFilter || m_bFillRows) {
+  if (m_pFilter) {
     ProducedRecordList one;
     one.push_back(std::move(record));
     AppendRecords(std::move(one));
@@ -371,97 +302,16 @@ void CDataProvider::AppendRecords(ProducedRecordList&& records) {
     Filter(records);
   }
   if (records.empty()) return;
-  CRowFiller* filler;
   {
     CriticalSectionLock lock(m_StateLock);
-    filler = m_pFiller;
-    if (!filler) {
-      if (m_Produced.empty()) {
-        m_Produced.swap(records);
-      } else {
-        for (ProducedRecord& r : records) m_Produced.push_back(std::move(r));
-      }
+    if (m_Produced.empty()) {
+      m_Produced.swap(records);
+    } else {
+      for (ProducedRecord& r : records) m_Produced.push_back(std::move(r));
     }
-  }
-  if (filler) {
-    CRefCountedDataStoreRow::Queue rows;
-    const HRESULT hr = filler->FillRows(records.data(), records.size(), rows);
-    {
-      CriticalSectionLock lock(m_StateLock);
-      m_Filled.splice(rows);
-    }
-    if (FAILED(hr)) SetFailure(hr, corvane::WString());
   }
   records.clear();
   SignalRows();
-}
-
-void CDataProvider::QueueRecords(ProducedRecordList& records) {
-  if (t_pStepping != this) {
-    AppendRecords(std::move(records));
-    records.clear();
-    return;
-  }
-  CRowFiller* filler;
-  HRESULT last;
-  {
-    CriticalSectionLock lock(m_StateLock);
-    filler = m_pFiller;
-    last = m_hrLastResult;
-  }
-  if (FAILED(last) || FAILED(m_StepFailure)) {
-    records.clear();  // the reading already ended; nothing produced later is queued
-    return;
-  }
-  // A failure found here becomes the reading's outcome only together with the rows
-  // before it (EndStep): a fetch must never see it while those rows are still held.
-  HRESULT failure = S_OK;
-  const size_t kept = m_pFilter ? KeepFiltered(records, &failure) : records.size();
-  if (FAILED(failure)) m_StepFailureMessage = m_pFilter->Message();
-  if (!filler) {
-    DropFiltered(records, kept);
-    for (ProducedRecord& r : records) m_StepRecords.push_back(std::move(r));
-    records.clear();
-  } else {
-    // Written into rows here, while the records are fresh in this thread's cache, and
-    // emptied for the step's next portion, those the filter dropped too: no record
-    // crosses to the consumer's thread.
-    const HRESULT hr = kept ? filler->FillRows(records.data(), kept, m_StepRows) : S_OK;
-    for (ProducedRecord& record : records) EmptyRecord(record);
-    if (SUCCEEDED(failure)) failure = hr;
-  }
-  m_StepFailure = failure;
-}
-
-void CDataProvider::EndStep(bool succeeded) {
-  const HRESULT failure = m_StepFailure;
-  m_StepFailure = S_OK;
-  if (!succeeded) {
-    // A failed step queues nothing, as if it had stopped before its first record.
-    m_StepRows.ReleaseAll();
-    m_StepRecords.clear();
-    if (FAILED(failure)) SetFailure(failure, std::move(m_StepFailureMessage));
-    return;
-  }
-  if (m_StepRows.empty() && m_StepRecords.empty() && SUCCEEDED(failure)) return;
-  {
-    CriticalSectionLock lock(m_StateLock);
-    m_Filled.splice(m_StepRows);
-    if (m_Produced.empty()) {
-      m_Produced.swap(m_StepRecords);
-    } else {
-      for (ProducedRecord& r : m_StepRecords) m_Produced.push_back(std::move(r));
-    }
-    if (FAILED(failure)) {
-      m_hrLastResult = failure;
-      m_FailureMessage = std::move(m_StepFailureMessage);
-      m_bMoreData = 0;
-    }
-  }
-  m_StepRecords.clear();
-  m_StepFailureMessage.clear();
-  if (FAILED(failure)) RequestStop();
-  m_bRowsHeld = true;
 }
 
 void CDataProvider::RecycleRecords(ProducedRecordList& used) {
@@ -469,8 +319,18 @@ void CDataProvider::RecycleRecords(ProducedRecordList& used) {
     used.clear();
     return;
   }
-  // Values are dropped on the caller's thread, outside the lock the worker needs.
-  for (ProducedRecord& record : used) EmptyRecord(record);
+  // Values are dropped on the caller's thread, outside the lock the worker needs. Most
+  // hold a number, a time or lent text: nothing to free, so no call to VariantClear.
+  for (ProducedRecord& record : used) {
+    for (StoreValue& value : record) {
+      if (CRefCountedDataStoreRow::OwnsNothing(V_VT(&value.Value))) {
+        V_VT(&value.Value) = VT_EMPTY;
+        value.Kind = StoreValue::kNone;
+      } else {
+        value.Reset();
+      }
+    }
+  }
   {
     // Every emptied record is kept, not only one batch: a worker that has not yet taken
     // the last batch would otherwise make new records while these are freed. The spare
@@ -511,10 +371,8 @@ ProducedRecordList CDataProvider::TakeSpareRecords(size_t most) {
 }
 
 size_t CDataProvider::QueuedRecordCount() {
-  // The step's own portions count too: they are queued as soon as it returns.
-  const size_t held = t_pStepping == this ? m_StepRows.size() + m_StepRecords.size() : 0;
   CriticalSectionLock lock(m_StateLock);
-  return held + m_Produced.size() + m_Filled.size();
+  return m_Produced.size();
 }
 
 void CDataProvider::PushPendingItem(const void* item) {

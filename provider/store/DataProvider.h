@@ -15,7 +15,6 @@
 
 #include "platform/Platform.h"
 #include "platform/WideString.h"
-#include "provider/store/RefCountedDataStoreRow.h"
 #include "provider/store/StoreValue.h"
 
 // A test that every record passes before it is queued for the fetch, made by execution
@@ -26,17 +25,6 @@ class CRecordFilter {
   // S_OK and whether the record is kept; a failure ends the read with it and Message().
   virtual HRESULT Keep(const ProducedRecord& record, bool* keep) = 0;
   virtual const corvane::WString& Message() const = 0;
-};
-
-// Writes records into rows of a store's layout, so that a producer's worker can make
-// the very rows the consumer receives while the record is still in its cache.
-class CRowFiller {
- public:
-  virtual ~CRowFiller() = default;
-  // Appends a row filled from each of the `count` records, in order, to `rows`. Any
-  // thread may call it. S_OK, or E_OUTOFMEMORY with the rows made before the one that
-  // could not be.
-  virtual HRESULT FillRows(const ProducedRecord* records, size_t count, CRefCountedDataStoreRow::Queue& rows) = 0;
 };
 
 class CDataProvider {
@@ -58,13 +46,6 @@ class CDataProvider {
   // nothing more (with or without rows), or the failure that ended the worker (rows
   // taken in that call are dropped).
   virtual HRESULT FetchRows(ProducedRecordList& rows, size_t wanted);
-  // Takes `filler` to write every record into a row on the producing thread, when this
-  // producer makes rows that way (EnableRowFilling); false otherwise, and records are
-  // handed over as they are. Set it before the first fetch; it must outlive the worker.
-  bool SetRowFiller(CRowFiller* filler);
-  // FetchRows for a producer that took a filler: the rows filled so far, on the same
-  // terms (records queued before the filler was set are filled here, first).
-  virtual HRESULT FetchFilledRows(CRefCountedDataStoreRow::Queue& rows, size_t wanted);
   // 1 while the more-data flag is set, the worker runs, or pending items remain.
   virtual BOOL IsDataPending();
   // Configures the reading and starts it: by default StartWorker, then SignalWorker.
@@ -108,12 +89,6 @@ class CDataProvider {
   // step (nothing produced later is queued).
   void AppendRecord(ProducedRecord&& record);
   void AppendRecords(ProducedRecordList&& records);
-  // AppendRecords for a step that produces in small portions and reuses its records:
-  // inside the worker's step, the kept records become rows at once (with a filler) and
-  // everything the step queued is handed over in one batch when it returns, or dropped
-  // when it fails. Afterwards `records` holds the kept records emptied for reuse (with a
-  // filler) or nothing.
-  void QueueRecords(ProducedRecordList& records);
   // Records the failure and its message as the outcome of the reading.
   void SetFailure(HRESULT hr, corvane::WString message);
   size_t QueuedRecordCount();
@@ -121,9 +96,6 @@ class CDataProvider {
   // Keep recycled records for TakeSpareRecords (off by default: a producer that never
   // takes them would only hold memory).
   void EnableRecordReuse() { m_bReuseRecords = true; }
-  // Accept a store's filler (SetRowFiller): only producers whose records all pass
-  // through QueueRecords, AppendRecords or AppendRecord may enable this.
-  void EnableRowFilling() { m_bFillRows = true; }
   // At most `most` emptied records of earlier batches (values kNone, storage kept), or
   // none.
   ProducedRecordList TakeSpareRecords(size_t most);
@@ -149,25 +121,9 @@ class CDataProvider {
   static DWORD WorkerLoop(CDataProvider* self);
   void CloseEvents();
   void SignalRows();
-  // Hands what the step held over to the fetch, or drops it when the step failed.
-  void EndStep(bool succeeded);
-  // Moves records queued before the filler was set and the filled rows into `rows`
-  // (under the state lock).
-  HRESULT TakeFilled(CRefCountedDataStoreRow::Queue& rows);
-  // Takes with `take` (under the state lock; it returns how much the caller now holds,
-  // `held` before the first take) until the caller holds `wanted`, waiting for the
-  // worker as FetchRows describes; `queued` tells, under the lock, whether anything is
-  // left to take.
-  template <class Take, class Queued>
-  HRESULT WaitAndTake(size_t wanted, size_t held, Take take, Queued queued);
   // Runs the filter over `records`: the kept ones stay at the front in their order, the
   // rest are dropped (or kept for reuse). False when the filter failed.
   bool Filter(ProducedRecordList& records);
-  // The filter's pass alone: the kept records move to the front in their order and
-  // their count is returned; the rest stay behind them. *failure: the filter's result.
-  size_t KeepFiltered(ProducedRecordList& records, HRESULT* failure);
-  // Drops the records from `kept` on (kept for reuse when records are reused).
-  void DropFiltered(ProducedRecordList& records, size_t kept);
 
   corvane::platform::CriticalSection m_StateLock;
   DWORD m_bMoreData = 1;
@@ -179,14 +135,6 @@ class CDataProvider {
   ProducedRecordList m_Produced;
   ProducedRecordList m_Spare;  // one batch of emptied records, for reuse
   bool m_bReuseRecords = false;
-  bool m_bFillRows = false;
-  CRowFiller* m_pFiller = nullptr;
-  CRefCountedDataStoreRow::Queue m_Filled;  // rows filled and handed over, not yet taken
-  // What the current step queued, handed over when it returns (worker thread only).
-  CRefCountedDataStoreRow::Queue m_StepRows;
-  ProducedRecordList m_StepRecords;
-  HRESULT m_StepFailure = S_OK;  // found by QueueRecords, made known by EndStep
-  corvane::WString m_StepFailureMessage;
 
   corvane::platform::CriticalSection m_TimeLock;
   uint64_t m_ElapsedTime = 0;

@@ -300,13 +300,6 @@ HRESULT CDataStore::Initialize(std::unique_ptr<CDataProvider> producer, const st
   }
   m_pProducer = std::move(producer);
   PlanFill();
-  if (m_pProducer && m_cColumns != 0) {
-    // Made here, before the worker may fill rows, so that the consumer's thread reads
-    // a pointer that no longer changes.
-    m_pPool = new (std::nothrow) CRefCountedDataStoreRow::Pool(m_pColumnInfo, m_cColumns, m_cbRowSize);
-    if (!m_pPool) return E_OUTOFMEMORY;
-    m_bProducerFills = m_pProducer->SetRowFiller(this);
-  }
   return S_OK;
 }
 
@@ -348,6 +341,34 @@ HRESULT CDataStore::FindColumn(const std::vector<ColumnRecord>& columns, const O
   }
   *index = lastMatch;
   return S_OK;
+}
+
+// ---- Row queue
+
+void CDataStore::RowQueue::push_back(CRefCountedDataStoreRow* row) {
+  row->m_pNext = nullptr;
+  row->m_pPrev = m_pTail;
+  if (m_pTail) {
+    m_pTail->m_pNext = row;
+  } else {
+    m_pHead = row;
+  }
+  m_pTail = row;
+  ++m_Count;
+}
+
+CRefCountedDataStoreRow* CDataStore::RowQueue::pop_front() {
+  CRefCountedDataStoreRow* row = m_pHead;
+  if (!row) return nullptr;
+  m_pHead = row->m_pNext;
+  if (m_pHead) {
+    m_pHead->m_pPrev = nullptr;
+  } else {
+    m_pTail = nullptr;
+  }
+  row->m_pNext = row->m_pPrev = nullptr;
+  --m_Count;
+  return row;
 }
 
 // ---- Cells
@@ -403,7 +424,6 @@ class CDataStore::CellRunTimer {
 
 bool CDataStore::SetValue(const StoreValue& value, const DataStoreColumnInfo& rColInfo,
                           CRefCountedDataStoreRow* row) {
-  corvane::platform::CriticalSectionLock lock(m_FillLock);
   m_Stopwatch.Start();
   CVTRACE(TRACE_DETAIL, OLESTR("CDataStore::SetValue -> rColInfo.wType = %d, rColInfo.cbOffset = %d"),
           static_cast<int>(rColInfo.wType), static_cast<int>(rColInfo.cbOffset));
@@ -785,43 +805,13 @@ HRESULT CDataStore::AppendTimed(const ProducedRecord& record, CellRunTimer& time
 }
 
 HRESULT CDataStore::AppendRecord(const ProducedRecord& record) {
-  corvane::platform::CriticalSectionLock lock(m_FillLock);
   CellRunTimer timer(m_Stopwatch);
   return AppendTimed(record, timer);
-}
-
-HRESULT CDataStore::FillRows(const ProducedRecord* records, size_t count, CRefCountedDataStoreRow::Queue& rows) {
-  corvane::platform::CriticalSectionLock lock(m_FillLock);
-  CellRunTimer timer(m_FillWatch);
-  for (size_t i = 0; i < count; ++i) {
-    CRefCountedDataStoreRow* row = NewRow();
-    if (!row) return E_OUTOFMEMORY;
-    FillRow(records[i], row, timer);
-    rows.push_back(row);
-  }
-  return S_OK;
 }
 
 HRESULT CDataStore::PullFromProducer(ULONGLONG wanted) {
   if (m_MaxRows != 0 && m_RowsQueued >= m_MaxRows) {
     m_bEndOfData = true;
-    return S_OK;
-  }
-  if (m_bProducerFills) {
-    CRefCountedDataStoreRow::Queue rows;
-    const HRESULT hr = m_pProducer->FetchFilledRows(rows, static_cast<size_t>(wanted));
-    if (FAILED(hr)) return hr;
-    while (CRefCountedDataStoreRow* row = rows.pop_front()) {
-      if (m_MaxRows != 0 && m_RowsQueued >= m_MaxRows) {
-        // Past the limit: the rest of what the worker read ahead is never handed out.
-        row->Release();
-        m_bProducerDone = true;
-        continue;
-      }
-      m_ReadRows.push_back(row);
-      ++m_RowsQueued;
-    }
-    if (hr == DB_S_ENDOFROWSET || m_bProducerDone) m_bEndOfData = true;
     return S_OK;
   }
   if (m_IncomingNext >= m_Incoming.size()) {
@@ -1188,11 +1178,11 @@ HRESULT CDataStore::GetBinding(const DBBINDING& b, const BYTE* rowBuffer, DBLENG
 }
 
 void CDataStore::Clear() {
-  m_ReadRows.ReleaseAll();
+  while (CRefCountedDataStoreRow* row = m_ReadRows.pop_front()) row->Release();
   m_Stopwatch.Stop();
 }
 
-uint64_t CDataStore::ElapsedNanoseconds() { return m_Stopwatch.TotalNanoseconds() + m_FillWatch.TotalNanoseconds(); }
+uint64_t CDataStore::ElapsedNanoseconds() { return m_Stopwatch.TotalNanoseconds(); }
 
 HRESULT CDataStore::FileTimeToDate(const FILETIME& time, VARIANT* date) {
   if (!date) return E_INVALIDARG;

@@ -16,7 +16,7 @@
 #include "provider/store/Stopwatch.h"
 #include "provider/store/StoreValue.h"
 
-class CDataStore : private CRowFiller {
+class CDataStore {
  public:
   static constexpr size_t kNotFound = static_cast<size_t>(-1);
   static constexpr BYTE kStatusNull = 0;
@@ -24,7 +24,7 @@ class CDataStore : private CRowFiller {
   static constexpr BYTE kStatusValue = 255;
 
   CDataStore();
-  ~CDataStore() override;
+  ~CDataStore();
   CDataStore(const CDataStore&) = delete;
   CDataStore& operator=(const CDataStore&) = delete;
 
@@ -121,6 +121,21 @@ class CDataStore : private CRowFiller {
   static corvane::WString SystemTimeToText(const SYSTEMTIME& time);
 
  private:
+  // The rows filled and not yet handed out, first in first out, linked through the
+  // rows themselves so that queueing a row allocates nothing.
+  class RowQueue {
+   public:
+    size_t size() const { return m_Count; }
+    bool empty() const { return m_Count == 0; }
+    CRefCountedDataStoreRow* front() const { return m_pHead; }
+    void push_back(CRefCountedDataStoreRow* row);
+    CRefCountedDataStoreRow* pop_front();
+
+   private:
+    CRefCountedDataStoreRow* m_pHead = nullptr;
+    CRefCountedDataStoreRow* m_pTail = nullptr;
+    size_t m_Count = 0;
+  };
   // How writing one cell ended: written (or marked null), failed after the value was
   // looked at, or refused for its type before anything was touched.
   enum class CellWrite { Written, Failed, Refused };
@@ -161,10 +176,6 @@ class CDataStore : private CRowFiller {
   CRefCountedDataStoreRow* NewRow();
   HRESULT FillRow(const ProducedRecord& record, CRefCountedDataStoreRow* row, CellRunTimer& timer);
   HRESULT AppendTimed(const ProducedRecord& record, CellRunTimer& timer);
-  // On the producer's worker, while the consumer's thread hands out earlier rows and
-  // reads them: everything that fills rows (the fill plan's caches m_LastShared and the
-  // day, the pool's shared texts) is used under m_FillLock only.
-  HRESULT FillRows(const ProducedRecord* records, size_t count, CRefCountedDataStoreRow::Queue& rows) override;
   HRESULT PullFromProducer(ULONGLONG wanted);
   HRESULT Converter(IDataConvert** convert);
 
@@ -173,8 +184,7 @@ class CDataStore : private CRowFiller {
   DBLENGTH m_cbRowSize = 0;
   uint64_t m_LayoutGeneration = 0;
 
-  // The rows filled and not yet handed out.
-  CRefCountedDataStoreRow::Queue m_ReadRows;
+  RowQueue m_ReadRows;
   CRefCountedDataStoreRow::Pool* m_pPool = nullptr;
 
   std::unique_ptr<CDataProvider> m_pProducer;
@@ -193,9 +203,6 @@ class CDataStore : private CRowFiller {
   };
   std::vector<FillStep> m_FillSteps;
   void PlanFill();
-  corvane::platform::CriticalSection m_FillLock;
-  CStopwatch m_FillWatch;  // the cells written by FillRows
-  bool m_bProducerFills = false;  // the producer hands over filled rows, not records
   ULONGLONG m_MaxRows = 0;
   ULONGLONG m_RowsQueued = 0;
   bool m_bEndOfData = false;

@@ -31,7 +31,6 @@ struct StoredText {
 class CRefCountedDataStoreRow {
  public:
   class Pool;
-  class Queue;
 
   CRefCountedDataStoreRow(const CRefCountedDataStoreRow&) = delete;
   CRefCountedDataStoreRow& operator=(const CRefCountedDataStoreRow&) = delete;
@@ -82,55 +81,9 @@ class CRefCountedDataStoreRow {
   BYTE* m_pText = nullptr;
   size_t m_cbTextUsed = 0;
   size_t m_cbTextCapacity = 0;
-  // The link in a queue of rows not yet handed out, or in the pool's free list.
+  // Links in the store's queue of rows not yet handed out, or in the pool's free list.
+  CRefCountedDataStoreRow* m_pPrev = nullptr;
   CRefCountedDataStoreRow* m_pNext = nullptr;
-};
-
-// Rows filled and not yet handed out, first in first out, linked through the rows
-// themselves: queueing a row allocates nothing, and a whole batch changes hands (from
-// the thread that filled it to the one that hands it out) in one step.
-class CRefCountedDataStoreRow::Queue {
- public:
-  Queue() = default;
-  Queue(const Queue&) = delete;
-  Queue& operator=(const Queue&) = delete;
-  ~Queue() { ReleaseAll(); }
-
-  size_t size() const { return m_Count; }
-  bool empty() const { return m_Count == 0; }
-  void push_back(CRefCountedDataStoreRow* row) {
-    row->m_pNext = nullptr;
-    (m_pTail ? m_pTail->m_pNext : m_pHead) = row;
-    m_pTail = row;
-    ++m_Count;
-  }
-  CRefCountedDataStoreRow* pop_front() {
-    CRefCountedDataStoreRow* row = m_pHead;
-    if (!row) return nullptr;
-    m_pHead = row->m_pNext;
-    if (!m_pHead) m_pTail = nullptr;
-    row->m_pNext = nullptr;
-    --m_Count;
-    return row;
-  }
-  // Moves every row of `other` to the end of this queue.
-  void splice(Queue& other) {
-    if (other.empty()) return;
-    (m_pTail ? m_pTail->m_pNext : m_pHead) = other.m_pHead;
-    m_pTail = other.m_pTail;
-    m_Count += other.m_Count;
-    other.m_pHead = other.m_pTail = nullptr;
-    other.m_Count = 0;
-  }
-  // Drops the queue's reference to each row.
-  void ReleaseAll() {
-    while (CRefCountedDataStoreRow* row = pop_front()) row->Release();
-  }
-
- private:
-  CRefCountedDataStoreRow* m_pHead = nullptr;
-  CRefCountedDataStoreRow* m_pTail = nullptr;
-  size_t m_Count = 0;
 };
 
 // Every row of a store has the store's layout, so a released row serves the next row as

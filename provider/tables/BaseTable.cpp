@@ -22,11 +22,6 @@ HRESULT CBaseTable::FetchRows(ProducedRecordList& rows, size_t wanted) {
   return CDataProvider::FetchRows(rows, wanted);
 }
 
-HRESULT CBaseTable::FetchFilledRows(CRefCountedDataStoreRow::Queue& rows, size_t wanted) {
-  const HRESULT hr = EnsurePrepared();
-  return FAILED(hr) ? hr : CDataProvider::FetchFilledRows(rows, wanted);
-}
-
 BOOL CBaseTable::IsDataPending() { return HasMoreData() ? 1 : 0; }
 
 bool CBaseTable::HasMoreData() { return CDataProvider::IsDataPending() != 0; }

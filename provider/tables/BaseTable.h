@@ -16,7 +16,6 @@ class CBaseTable : public CDataProvider {
   // Prepares on the first call, then hands out what was produced. A failed Prepare is
   // returned from this and every later call.
   HRESULT FetchRows(ProducedRecordList& rows, size_t wanted) override;
-  HRESULT FetchFilledRows(CRefCountedDataStoreRow::Queue& rows, size_t wanted) override;
   // Runs Prepare once (the first fetch does it too) so that an execution can report a
   // table that cannot start before any row is asked for.
   HRESULT EnsurePrepared();

@@ -8,9 +8,6 @@ using corvane::platform::CriticalSectionLock;
 
 namespace {
 constexpr DWORD kBadInvalidArgument = 0x80AB0000u;
-// Records queued at a time: their values and the rows they become fit in the worker's
-// first-level cache together.
-constexpr size_t kPortion = 64;
 
 // A value that moving out of the page gives exactly what copying it would: numbers,
 // dates and strings. Anything else goes through VariantCopy, which refuses what the
@@ -49,7 +46,6 @@ CTableRawData::CTableRawData(const OLECHAR* name, const TableCreateArgs& args, c
       m_Conversion(conversion) {
   if (m_pDataSource) m_pDataSource->AddRef();
   EnableRecordReuse();
-  EnableRowFilling();
 }
 
 CTableRawData::~CTableRawData() {
@@ -163,10 +159,8 @@ HRESULT CTableRawData::Step() {
     readFailed = true;
   }
   if (!readFailed) {
-    // A page is queued in portions small enough to stay in this thread's cache until
-    // they are written into rows; the records of one portion serve the next. Nothing
-    // of a page reaches the fetch before the whole page was read well.
-    ProducedRecordList records = TakeSpareRecords(kPortion);
+    // Records of earlier pages come back emptied from the store and are filled again.
+    ProducedRecordList records = TakeSpareRecords(list->count);
     size_t used = 0;
     for (ULONG i = 0; i < list->count; ++i) {
       HistoryValue& sample = list->values[i];
@@ -183,7 +177,8 @@ HRESULT CTableRawData::Step() {
         sample.value = copy;
       }
       // A number of the text-typed table is written as text straight into the record,
-      // whose buffer serves row after row: no string is made per row.
+      // whose buffer serves row after row: no string is made per row on this thread to
+      // be freed on the consumer's.
       size_t numberText = 0;
       if (m_Conversion.type == VT_BSTR) {
         OLECHAR* room = record[3].OwnTextRoom(corvane::kNumberTextChars);
@@ -214,14 +209,11 @@ HRESULT CTableRawData::Step() {
       V_VT(&q) = VT_UI4;
       V_UI4(&q) = quality;
       record[2].Take(&q);
-      if (++used == kPortion || i + 1 == list->count) {
-        records.resize(used);
-        QueueRecords(records);
-        used = 0;
-        if (records.empty()) records = TakeSpareRecords(kPortion);
-      }
+      ++used;
     }
+    records.resize(used);
     FreeHistoryValueList(list);
+    if (SUCCEEDED(hr)) AppendRecords(std::move(records));
   }
   if (FAILED(hr)) {
     ReleaseContinuationPoint();

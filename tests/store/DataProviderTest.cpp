@@ -144,56 +144,5 @@ TEST_F(DataProviderWorker, AFetchWakesWhenRowsArriveOrTheWorkerEnds) {
   EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
 }
 
-// Rows a store lets the worker fill come out in order and within the row limit, and a
-// failure reaches the fetch where it did with records: a failed step hands over nothing
-// of its page, a failing filter lets through the rows before the record it failed on.
-TEST_F(DataProviderWorker, RowsFilledOnTheWorkerKeepOrderLimitAndFailurePoint) {
-  class FailAt : public CRecordFilter {
-   public:
-    explicit FailAt(double value) : value_(value) {}
-    HRESULT Keep(const ProducedRecord& record, bool* keep) override {
-      *keep = V_R8(&record[3].Value) != value_ - 1;  // one record dropped before the failure
-      return V_R8(&record[3].Value) == value_ ? DISP_E_DIVBYZERO : S_OK;
-    }
-    const WString& Message() const override { return message_; }
-
-   private:
-    double value_;
-    WString message_ = OLESTR("failed");
-  };
-  const struct {
-    ULONGLONG maxRows;
-    ULONGLONG failStep;  // 0: no step fails
-    double filterFailsAt;  // 0: no filter
-    std::vector<double> expected;  // first and last VALUE handed out, and the count
-    HRESULT last;
-  } cases[] = {{0, 0, 0, {0, 2499, 2500}, DB_S_ENDOFROWSET},
-               {1500, 0, 0, {0, 1499, 1500}, DB_S_ENDOFROWSET},
-               {0, 2, 0, {0, 999, 1000}, E_OUTOFMEMORY},
-               {0, 0, 1100, {0, 1098, 1099}, DISP_E_DIVBYZERO}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.last);
-    auto* producer = new PagedProducer(2500, 1000, c.failStep ? E_OUTOFMEMORY : S_OK, c.failStep, true);
-    if (c.filterFailsAt) producer->SetRecordFilter(std::make_unique<FailAt>(c.filterFailsAt));
-    CDataStore store;
-    ASSERT_EQ(S_OK, store.Initialize(std::unique_ptr<CDataProvider>(producer), RawDataColumns(), c.maxRows));
-    ASSERT_EQ(S_OK, producer->Execute());
-    std::vector<double> values;
-    HRESULT hr;
-    do {
-      std::vector<CRefCountedDataStoreRow*> rows;
-      hr = store.GetNextRows(0, 1, rows);  // one at a time: a fetch short of rows fails at once
-      for (CRefCountedDataStoreRow* row : rows) {
-        values.push_back(V_R8(reinterpret_cast<const VARIANT*>(row->Buffer() + store.ColumnInfo()[3].cbOffset)));
-        row->Release();
-      }
-    } while (hr == S_OK);
-    EXPECT_EQ(c.last, hr);
-    ASSERT_FALSE(values.empty());
-    EXPECT_EQ(c.expected, (std::vector<double>{values.front(), values.back(), static_cast<double>(values.size())}));
-    for (size_t i = 1; i < values.size(); ++i) ASSERT_LT(values[i - 1], values[i]);
-  }
-}
-
 }  // namespace
 }  // namespace corvane::test

@@ -66,16 +66,11 @@ inline ProducedRecord RawRecord(ULONGLONG i) {
 }
 
 // A worker-driven producer of `total` RAWDATA records, `page` per step; each fetch
-// that takes records lets it produce the next page. With `fillRows` it lets a store
-// fill its rows and queues each page in portions; step `failStep` then fails after
-// queuing its page.
+// that takes records lets it produce the next page.
 class PagedProducer : public CDataProvider {
  public:
-  PagedProducer(ULONGLONG total, ULONGLONG page, HRESULT failAtStep = S_OK, ULONGLONG failStep = 0,
-                bool fillRows = false)
-      : total_(total), page_(page), failWith_(failAtStep), failStep_(failStep), fillRows_(fillRows) {
-    if (fillRows) EnableRowFilling();
-  }
+  PagedProducer(ULONGLONG total, ULONGLONG page, HRESULT failAtStep = S_OK, ULONGLONG failStep = 0)
+      : total_(total), page_(page), failWith_(failAtStep), failStep_(failStep) {}
   ~PagedProducer() override { StopWorker(); }
 
   HRESULT GetColumns(std::vector<ColumnRecord>& columns) override {
@@ -84,20 +79,12 @@ class PagedProducer : public CDataProvider {
   }
   HRESULT ExecuteStep() override {
     const ULONGLONG step = ++steps_;
-    const bool fail = FAILED(failWith_) && step >= failStep_;
-    if (fail && !fillRows_) return failWith_;
+    if (FAILED(failWith_) && step >= failStep_) return failWith_;
     ProducedRecordList page;
     const ULONGLONG end = std::min(total_, produced_.load() + page_);
-    for (ULONGLONG i = produced_.load(); i < end; ++i) {
-      page.push_back(RawRecord(i));
-      if (fillRows_ && (page.size() == 64 || i + 1 == end)) {
-        QueueRecords(page);
-        page.clear();
-      }
-    }
+    for (ULONGLONG i = produced_.load(); i < end; ++i) page.push_back(RawRecord(i));
     produced_ = end;
-    if (fail) return failWith_;
-    if (!fillRows_) AppendRecords(std::move(page));
+    AppendRecords(std::move(page));
     if (end == total_) {
       SetMoreData(false);
       RequestStop();
@@ -115,7 +102,6 @@ class PagedProducer : public CDataProvider {
   ULONGLONG page_;
   HRESULT failWith_;
   ULONGLONG failStep_;
-  bool fillRows_;
   std::atomic<ULONGLONG> produced_{0};
   std::atomic<ULONGLONG> steps_{0};
 };
