@@ -22,6 +22,8 @@ bool Movable(VARTYPE vt) {
       return false;
   }
 }
+// The types whose value is its bytes: nothing a conversion to the same type could change.
+bool Plain(VARTYPE vt) { return vt != VT_BSTR && Movable(vt); }
 }  // namespace
 
 CTableRawData::CTableRawData(const TableCreateArgs& args) : CTableRawData(OLESTR("RAWDATA"), args, {VT_EMPTY, nullptr}) {
@@ -189,7 +191,9 @@ HRESULT CTableRawData::Step() {
       if (numberText) {
         record[3].SetOwnText(numberText);  // a number owns nothing to clear in the page
       } else {
-        if (m_bTyped) {
+        // A value already of the table's type stays as it is: a change to its own type
+        // only copies it.
+        if (m_bTyped && !(V_VT(&sample.value) == m_Conversion.type && Plain(m_Conversion.type))) {
           hr = ConvertTyped(&sample.value, &quality);
           if (FAILED(hr)) break;
           hr = S_OK;
