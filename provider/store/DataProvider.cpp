@@ -247,7 +247,7 @@ void CDataProvider::SetFailure(HRESULT hr, corvane::WString message) {
   RequestStop();
 }
 
-bool CDataProvider::Filter(ProducedRecordList& records) {
+HRESULT CDataProvider::Filter(ProducedRecordList& records) {
   size_t kept = 0;
   HRESULT hr = S_OK;
   for (size_t i = 0; i < records.size(); ++i) {
@@ -265,8 +265,7 @@ bool CDataProvider::Filter(ProducedRecordList& records) {
     for (size_t i = kept; i < records.size(); ++i) m_Spare.push_back(std::move(records[i]));
   }
   records.resize(kept);
-  if (FAILED(hr)) SetFailure(hr, m_pFilter->Message());
-  return SUCCEEDED(hr);
+  return hr;
 }
 
 void CDataProvider::AppendRecord(ProducedRecord&& record) {
@@ -294,15 +293,16 @@ void CDataProvider::SignalRows() {
 }
 
 void CDataProvider::AppendRecords(ProducedRecordList&& records) {
+  HRESULT failed = S_OK;
   if (m_pFilter) {
     if (FAILED(LastResult())) {
       records.clear();  // the reading already ended with the filter's failure
       return;
     }
-    Filter(records);
+    failed = Filter(records);
   }
-  if (records.empty()) return;
-  {
+  const bool queued = !records.empty();
+  if (queued) {
     CriticalSectionLock lock(m_StateLock);
     if (m_Produced.empty()) {
       m_Produced.swap(records);
@@ -310,6 +310,10 @@ void CDataProvider::AppendRecords(ProducedRecordList&& records) {
       for (ProducedRecord& r : records) m_Produced.push_back(std::move(r));
     }
   }
+  // The failure is made known only after the records before it are queued: a fetch that
+  // saw it first would end the rowset without them.
+  if (FAILED(failed)) SetFailure(failed, m_pFilter->Message());
+  if (!queued) return;
   records.clear();
   SignalRows();
 }

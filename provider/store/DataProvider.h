@@ -122,8 +122,9 @@ class CDataProvider {
   void CloseEvents();
   void SignalRows();
   // Runs the filter over `records`: the kept ones stay at the front in their order, the
-  // rest are dropped (or kept for reuse). False when the filter failed.
-  bool Filter(ProducedRecordList& records);
+  // rest are dropped (or kept for reuse). The filter's failure, if it failed: the kept
+  // records are those before the failing one.
+  HRESULT Filter(ProducedRecordList& records);
 
   corvane::platform::CriticalSection m_StateLock;
   DWORD m_bMoreData = 1;
