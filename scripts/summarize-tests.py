@@ -12,6 +12,18 @@ import sys
 import xml.etree.ElementTree as ET
 
 
+# (entry, its last lines of output) for every ctest entry that failed.
+tails = []
+
+
+def output_tail(case, lines=20):
+    """The last lines a failed ctest entry printed, so that a failure seen only in a log
+    of the whole run (a crash, a fuzzer's finding, a timeout) says what happened."""
+    out = case.find("system-out")
+    text = (out.text or "") if out is not None else ""
+    return [line for line in text.splitlines() if line.strip()][-lines:]
+
+
 def summarize(preset, build_dir):
     passed = failed = skipped = 0
     failures = []
@@ -44,6 +56,8 @@ def summarize(preset, build_dir):
                 passed += total
                 failed += fail
                 skipped += skip
+                if ctest_failed:
+                    tails.append((f"{preset}: {name}", output_tail(case)))
                 if ctest_failed and fail == 0:
                     failed += 1
                     failures.append(f"{preset}: {name}: the process failed after its cases (crash, leak or timeout)")
@@ -51,6 +65,7 @@ def summarize(preset, build_dir):
         if ctest_failed:
             failed += 1
             failures.append(f"{preset}: {name}")
+            tails.append((f"{preset}: {name}", output_tail(case)))
         else:
             passed += 1
     return passed, failed, skipped, failures
@@ -72,6 +87,10 @@ def main(args):
         print(f"{preset}: {p} passed, {f} failed, {s} skipped")
         total_p, total_f, total_s = total_p + p, total_f + f, total_s + s
         all_failures += fl
+    for entry, lines in tails:
+        print(f"--- the last lines {entry} printed ---")
+        for line in lines:
+            print(f"    {line}")
     for line in all_failures:
         print(f"FAILED {line}")
     if total_s:
