@@ -24,6 +24,12 @@ struct Val {
   std::string text;
   ULONG64 time = 0;
   bool constant = false;  // written in the statement: may be read as a number or a time
+  // A written text read as a number and as a time, worked out once per statement: the
+  // model compares it with every sample of the plant.
+  bool isNumber = false;
+  bool isTime = false;
+  double asNumber = 0;
+  ULONG64 asTime = 0;
 };
 
 std::string Upper(std::string s) {
@@ -136,6 +142,10 @@ class Evaluator {
         else
           modelable = false;
         v.constant = true;
+        if (v.kind == Val::kText) {
+          v.isNumber = TextAsNumber(v.text, &v.asNumber);
+          v.isTime = TextAsTime(v.text, &v.asTime);
+        }
         written_[item] = v;
         return v;
       }
@@ -225,13 +235,11 @@ class Evaluator {
   static void Adapt(Val& a, const Val& b) {
     if (!a.constant || a.kind != Val::kText) return;
     if (b.kind == Val::kNumber) {
-      double n = 0;
-      a.kind = TextAsNumber(a.text, &n) ? Val::kNumber : Val::kNull;
-      a.number = n;
+      a.kind = a.isNumber ? Val::kNumber : Val::kNull;
+      a.number = a.asNumber;
     } else if (b.kind == Val::kTime) {
-      ULONG64 t = 0;
-      a.kind = TextAsTime(a.text, &t) ? Val::kTime : Val::kNull;
-      a.time = t;
+      a.kind = a.isTime ? Val::kTime : Val::kNull;
+      a.time = a.asTime;
     }
   }
 
