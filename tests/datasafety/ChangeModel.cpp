@@ -3,7 +3,9 @@
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
+#include <deque>
 #include <map>
+#include <string_view>
 #include <sstream>
 
 #include "SQLParser/SQLCalcItemConst.h"
@@ -21,7 +23,7 @@ enum class Truth { kFalse, kTrue, kUnknown };
 struct Val {
   enum Kind { kNull, kNumber, kText, kTime, kOpaque } kind = kNull;
   double number = 0;
-  std::string text;
+  std::string_view text;  // the sample's, or one the evaluator keeps for the statement
   ULONG64 time = 0;
   bool constant = false;  // written in the statement: may be read as a number or a time
   // A written text read as a number and as a time, worked out once per statement: the
@@ -37,7 +39,7 @@ std::string Upper(std::string s) {
   return s;
 }
 
-int CompareIgnoringCase(const std::string& a, const std::string& b) {
+int CompareIgnoringCase(std::string_view a, std::string_view b) {
   for (size_t i = 0; i < a.size() && i < b.size(); ++i) {
     const int x = std::toupper(static_cast<unsigned char>(a[i])), y = std::toupper(static_cast<unsigned char>(b[i]));
     if (x != y) return x < y ? -1 : 1;
@@ -108,18 +110,18 @@ class Evaluator {
           modelable = false;
           return v;
         }
-        const WString& name = static_cast<const CSQLCalcItemTableColumn*>(item)->ColumnName();
         const ModelSample& sample = *sample_;
-        if (WIEquals(name, OLESTR("TAGNAME"))) {
+        const Column column = ColumnOf(item);
+        if (column == Column::kTagName) {
           v.kind = Val::kText;
           v.text = sample.tag;
-        } else if (WIEquals(name, OLESTR("TIMESTAMP"))) {
+        } else if (column == Column::kTimestamp) {
           v.kind = Val::kTime;
           v.time = sample.time;
-        } else if (WIEquals(name, OLESTR("QUALITY"))) {
+        } else if (column == Column::kQuality) {
           v.kind = Val::kNumber;
           v.number = sample.quality;
-        } else if (WIEquals(name, OLESTR("VALUE"))) {
+        } else if (column == Column::kValue) {
           const VARTYPE t = sample.type;
           if (t == VT_DATE || t == VT_CY || t == VT_EMPTY || t == VT_NULL) modelable = false;
           v.kind = sample.isText ? Val::kText : Val::kNumber;
@@ -143,8 +145,8 @@ class Evaluator {
           modelable = false;
         v.constant = true;
         if (v.kind == Val::kText) {
-          v.isNumber = TextAsNumber(v.text, &v.asNumber);
-          v.isTime = TextAsTime(v.text, &v.asTime);
+          v.isNumber = TextAsNumber(std::string(v.text), &v.asNumber);
+          v.isTime = TextAsTime(std::string(v.text), &v.asTime);
         }
         written_[item] = v;
         return v;
@@ -155,6 +157,20 @@ class Evaluator {
   }
 
  private:
+  enum class Column { kTagName, kTimestamp, kQuality, kValue, kOther };
+  // The column an item names, looked up once: the model reads it for every sample.
+  Column ColumnOf(const CSQLCalcItem* item) {
+    auto known = columns_.find(item);
+    if (known != columns_.end()) return known->second;
+    const WString& name = static_cast<const CSQLCalcItemTableColumn*>(item)->ColumnName();
+    Column column = Column::kOther;
+    if (WIEquals(name, OLESTR("TAGNAME"))) column = Column::kTagName;
+    else if (WIEquals(name, OLESTR("TIMESTAMP"))) column = Column::kTimestamp;
+    else if (WIEquals(name, OLESTR("QUALITY"))) column = Column::kQuality;
+    else if (WIEquals(name, OLESTR("VALUE"))) column = Column::kValue;
+    return columns_[item] = column;
+  }
+
   static Truth And(Truth a, Truth b) {
     if (a == Truth::kFalse || b == Truth::kFalse) return Truth::kFalse;
     return a == Truth::kTrue && b == Truth::kTrue ? Truth::kTrue : Truth::kUnknown;
@@ -170,7 +186,8 @@ class Evaluator {
     VariantInit(&r8);
     if (V_VT(&value) == VT_BSTR) {
       v.kind = Val::kText;
-      v.text = ToUtf8(WStringView(value.bstrVal ? value.bstrVal : OLESTR(""), SysStringLen(value.bstrVal)));
+      v.text = owned_.emplace_back(
+          ToUtf8(WStringView(value.bstrVal ? value.bstrVal : OLESTR(""), SysStringLen(value.bstrVal))));
     } else if (V_VT(&value) == VT_I8 || V_VT(&value) == VT_I4 || V_VT(&value) == VT_R8) {
       VariantChangeType(&r8, const_cast<VARIANT*>(&value), 0, VT_R8);
       v.kind = Val::kNumber;
@@ -208,13 +225,13 @@ class Evaluator {
       else if (args[0].text == "^") v.number = x ^ mask;
       else modelable = false;
     } else if (WIEquals(name, OLESTR("DATEADD")) && args.size() == 3 && args[0].kind == Val::kText && args[1].kind == Val::kNumber &&
-               args[1].number <= 2147483647.0 && args[2].kind == Val::kText && TextAsTime(args[2].text, &v.time)) {
+               args[1].number <= 2147483647.0 && args[2].kind == Val::kText && TextAsTime(std::string(args[2].text), &v.time)) {
       static const struct {
         const char* unit;
         ULONG64 ticks;
       } kUnits[] = {{"SS", 10000000ull}, {"MI", 600000000ull}, {"HH", 36000000000ull}, {"DD", 864000000000ull}};
       v.kind = Val::kTime;
-      const std::string unit = Upper(args[0].text);
+      const std::string unit = Upper(std::string(args[0].text));
       bool known = false;
       for (const auto& u : kUnits)
         if (unit == u.unit) {
@@ -269,6 +286,8 @@ class Evaluator {
   const std::vector<VARIANT>& parameters_;
   const ModelSample* sample_ = nullptr;
   std::map<const CSQLCalcItem*, Val> written_;  // constants and `?` values, read once
+  std::map<const CSQLCalcItem*, Column> columns_;
+  std::deque<std::string> owned_;  // the texts of written values
 };
 
 }  // namespace
@@ -343,13 +362,14 @@ bool ApplyChange(const CSQLQueryInfo& statement, const std::vector<VARIANT>& par
         setValue = true;
         written.isText = v.kind == Val::kText;
         written.number = v.number;
-        written.text = v.text;
+        written.text = std::string(v.text);
       } else {
         return false;
       }
     }
   }
   after->clear();
+  after->reserve(before.size());
   Evaluator evaluator(parameters);
   for (const ModelSample& s : before) {
     const bool match = statement.Condition() && evaluator.Matches(statement.Condition(), s) == Truth::kTrue;
