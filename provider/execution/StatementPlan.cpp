@@ -61,14 +61,29 @@ HRESULT StatementPlan::Walk(WString* callMessage) {
   const GivenComparisons given = source && source == table ? source->Given : GivenComparisons::kNone;
   HRESULT badCall = S_OK;
   int highest = 0;
+  // A qualifier must name the FROM item wherever a column is read, or a WHERE on X.TAGNAME
+  // would quietly read, change or delete the samples of TAGNAME. The select list's own
+  // columns are left to DescribeSelect, which answers them in the select list's words.
+  const TableInfo* columns = source ? source : (table ? table : (procedure ? &procedure->Table : nullptr));
+  auto qualifier = [&](const CSQLCalcItem* next) {
+    if (next->Kind() != SQL_CALC_TABLE_COLUMN || !from || !columns || FAILED(badCall)) return;
+    const auto& column = static_cast<const CSQLCalcItemTableColumn&>(*next);
+    if (CSelectListProducer::QualifierMatches(column, *from, *columns)) return;
+    const WString& q = column.TableAlias().empty() ? column.TableName() : column.TableAlias();
+    if (callMessage)
+      *callMessage = corvane::WFormat(OLESTR("Column '%s.%s' is not a column of %s."), q.c_str(),
+                                    column.ColumnName().c_str(), columns->Name.c_str());
+    badCall = E_FAIL;
+  };
   CWalkStack<const CSQLCalcItem*> items;
-  auto item = [&](const CSQLCalcItem* root) {
+  auto item = [&](const CSQLCalcItem* root, bool selected = false) {
     if (!root) return;
     if (root->Kind() == SQL_CALC_FUNCTION && SUCCEEDED(badCall)) badCall = CheckFunctionCalls(root, callMessage);
     items.Push(root);
     while (!items.Empty()) {
       const CSQLCalcItem* next = items.Pop();
       if (!next) continue;
+      if (next != root || !selected) qualifier(next);
       if (next->Kind() == SQL_CALC_PARAMETER) {
         const int n = static_cast<const CSQLCalcItemParameter*>(next)->Number();
         if (n > highest) highest = n;
@@ -79,7 +94,7 @@ HRESULT StatementPlan::Walk(WString* callMessage) {
   };
 
   const CSQLQueryInfo& q = *query;
-  for (const auto& c : q.SelectColumns()) item(c->Item());
+  for (const auto& c : q.SelectColumns()) item(c->Item(), true);
   for (const auto& f : q.FromItems())
     if (f->Kind() == SQL_SELECT_ITEM_SP)
       for (const auto& p : static_cast<const CSQLSelectItemSP&>(*f).Parameters()) item(p.get());
