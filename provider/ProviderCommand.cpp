@@ -248,11 +248,9 @@ HRESULT CProviderCommand::PrepareLocked() {
     CVTRACE(TRACE_ERROR, OLESTR("ERROR in CProviderCommand::Prepare, %s"), callMessage.c_str());
     return PostMessage(IID_ICommandPrepare, hr, callMessage.c_str());
   }
-  if (SUCCEEDED(hr) && plan->unknownColumn) {
-    const CSQLSelectColumn& column = *plan->unknownColumn;
-    const WString& qualifier = column.TableAlias().empty() ? column.TableName() : column.TableAlias();
-    const WString name = qualifier.empty() ? column.ColumnName() : qualifier + OLESTR(".") + column.ColumnName();
-    CVTRACE(TRACE_ERROR, OLESTR("Column '%s' is not a column of table '%s'"), name.c_str(), plan->source->Name.c_str());
+  if (SUCCEEDED(hr) && !plan->unknownColumn.empty()) {
+    CVTRACE(TRACE_ERROR, OLESTR("Column '%s' is not a column of table '%s'"), plan->unknownColumn.c_str(),
+            plan->source->Name.c_str());
     hr = DB_E_ERRORSINCOMMAND;
   }
   if (FAILED(hr)) {

@@ -28,17 +28,6 @@ size_t FieldOf(const TableInfo& table, const corvane::WString& name) {
   return kNoField;
 }
 
-// Every column an expression reads must be one of the table's (`*` counts rows).
-bool ColumnsKnown(const CSQLCalcItem* item, const TableInfo& table) {
-  if (!item) return true;
-  if (item->Kind() == SQL_CALC_TABLE_COLUMN)
-    return IsStar(item) || FieldOf(table, static_cast<const CSQLCalcItemTableColumn*>(item)->ColumnName()) != kNoField;
-  if (item->Kind() == SQL_CALC_FUNCTION) {
-    for (const auto& a : static_cast<const CSQLCalcItemFunction*>(item)->Arguments())
-      if (!ColumnsKnown(a.get(), table)) return false;
-  }
-  return true;
-}
 
 // A constant holding an evaluation result, as an aggregate is fed one per row.
 HRESULT ConstOf(SQLEvaluationResult& result, std::unique_ptr<CSQLCalcItem>* out) {
@@ -189,6 +178,24 @@ HRESULT TraceUnknownColumn() {
 
 }  // namespace
 
+// Every column an expression reads must be one of the table's (`*` counts rows), under
+// a qualifier that names the FROM item if it has one.
+const CSQLCalcItemTableColumn* CSelectListProducer::UnknownColumnIn(const CSQLCalcItem* item,
+                                                                     const CSQLSelectItem& from,
+                                                                     const TableInfo& table) {
+  if (!item) return nullptr;
+  if (item->Kind() == SQL_CALC_TABLE_COLUMN) {
+    const auto* column = static_cast<const CSQLCalcItemTableColumn*>(item);
+    const bool known = IsStar(item) || FieldOf(table, column->ColumnName()) != kNoField;
+    return known && QualifierMatches(*column, from, table) ? nullptr : column;
+  }
+  if (item->Kind() == SQL_CALC_FUNCTION) {
+    for (const auto& a : static_cast<const CSQLCalcItemFunction*>(item)->Arguments())
+      if (const CSQLCalcItemTableColumn* unknown = UnknownColumnIn(a.get(), from, table)) return unknown;
+  }
+  return nullptr;
+}
+
 // A qualifier must name the FROM item: by alias, by table or procedure name, or by
 // RAWDATA for the typed tables, whose columns are RAWDATA's.
 bool CSelectListProducer::QualifierMatches(const CSQLCalcItemTableColumn& column, const CSQLSelectItem& from,
@@ -245,7 +252,7 @@ HRESULT CSelectListProducer::DescribeOutputs(const CSQLQueryInfo& query, const T
       continue;
     }
 
-    if (!ColumnsKnown(item, table)) return TraceUnknownColumn();
+    if (UnknownColumnIn(item, from, table)) return TraceUnknownColumn();
     *plainColumnsOnly = false;
     std::unique_ptr<CSQLCalcItem> bound;
     HRESULT hr = ::Bind(item, context, &bound);

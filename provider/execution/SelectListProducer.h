@@ -44,6 +44,11 @@ class CSelectListProducer final : public CDataProvider {
   static bool QualifierMatches(const CSQLCalcItemTableColumn& column, const CSQLSelectItem& from,
                                const TableInfo& table);
 
+  // The first column `item` reads that `table` lacks (`*` is none) or whose qualifier
+  // fails QualifierMatches, or null.
+  static const CSQLCalcItemTableColumn* UnknownColumnIn(const CSQLCalcItem* item, const CSQLSelectItem& from,
+                                                        const TableInfo& table);
+
   // The shapes behind BindOutputs: the same checks, failures and order, without a
   // column record per output. `alias` points into the statement.
   static HRESULT DescribeOutputs(const CSQLQueryInfo& query, const TableInfo& table, const SQLBindContext& context,

@@ -62,8 +62,8 @@ HRESULT StatementPlan::Walk(WString* callMessage) {
   HRESULT badCall = S_OK;
   int highest = 0;
   // A qualifier must name the FROM item wherever a column is read, or a WHERE on X.TAGNAME
-  // would quietly read, change or delete the samples of TAGNAME. The select list's own
-  // columns are left to DescribeSelect, which answers them in the select list's words.
+  // would quietly read, change or delete the samples of TAGNAME. The select list is left
+  // to DescribeSelect, which answers it in the select list's words.
   const TableInfo* columns = source ? source : (table ? table : (procedure ? &procedure->Table : nullptr));
   auto qualifier = [&](const CSQLCalcItem* next) {
     if (next->Kind() != SQL_CALC_TABLE_COLUMN || !from || !columns || FAILED(badCall)) return;
@@ -83,7 +83,7 @@ HRESULT StatementPlan::Walk(WString* callMessage) {
     while (!items.Empty()) {
       const CSQLCalcItem* next = items.Pop();
       if (!next) continue;
-      if (next != root || !selected) qualifier(next);
+      if (!selected) qualifier(next);
       if (next->Kind() == SQL_CALC_PARAMETER) {
         const int n = static_cast<const CSQLCalcItemParameter*>(next)->Number();
         if (n > highest) highest = n;
@@ -157,6 +157,17 @@ HRESULT StatementPlan::DescribeSource() {
   return DescribeSelect();
 }
 
+namespace {
+
+// A column's name as the statement wrote it, with its qualifier.
+template <typename Column>
+WString WrittenName(const Column& column) {
+  const WString& qualifier = column.TableAlias().empty() ? column.TableName() : column.TableAlias();
+  return qualifier.empty() ? column.ColumnName() : qualifier + OLESTR(".") + column.ColumnName();
+}
+
+}  // namespace
+
 HRESULT StatementPlan::DescribeSelect() {
   auto sourceColumn = [this](const WString& name) -> const ColumnRecord* {
     for (const auto& c : source->Columns)
@@ -173,10 +184,16 @@ HRESULT StatementPlan::DescribeSelect() {
          (query->FromItems().size() == 1 &&
           !CSelectListProducer::QualifierMatches(static_cast<const CSQLCalcItemTableColumn&>(*item),
                                                  *query->FromItems()[0], *source)))) {
-      unknownColumn = column.get();
+      unknownColumn = WrittenName(*column);
       return S_OK;
     }
-    if (!item || item->Kind() != SQL_CALC_TABLE_COLUMN) computed = true;
+    // So is a column that an expression reads, COUNT(NOSUCHCOLUMN) as NOSUCHCOLUMN.
+    if (item && item->Kind() == SQL_CALC_TABLE_COLUMN) continue;
+    if (const CSQLCalcItemTableColumn* unknown = CSelectListProducer::UnknownColumnIn(item, *from, *source)) {
+      unknownColumn = WrittenName(*unknown);
+      return S_OK;
+    }
+    computed = true;
   }
 
   // The select list shaped with every `?` still empty: where that works, its columns are

@@ -59,7 +59,7 @@ struct StatementPlan {
   // are read from there and not copied; otherwise they are the plan's own.
   const std::vector<ColumnRecord>* catalogColumns = nullptr;
   std::vector<Column> columns;
-  const CSQLSelectColumn* unknownColumn = nullptr;
+  corvane::WString unknownColumn;  // as written, with its qualifier
 
   // A SELECT's select list over `source`, shaped here when nothing an execution brings
   // can change it: plain columns, or expressions without `?` (a `?` value's type can
