@@ -11,16 +11,6 @@ const OLECHAR* StatusCodeName(ULONG code) {
   return hit != end && hit->code == code ? hit->name : nullptr;
 }
 
-bool StatusCodeFromName(WStringView name, ULONG* code) {
-  for (size_t i = 0; i < kStatusCodeCount; ++i) {
-    if (name == WStringView(kStatusCodes[i].name)) {
-      if (code) *code = kStatusCodes[i].code;
-      return true;
-    }
-  }
-  return false;
-}
-
 const OLECHAR* QualityToStr(ULONG code) {
   switch (code >> 30) {
     case 0: return OLESTR("Good");

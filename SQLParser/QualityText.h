@@ -26,8 +26,6 @@ extern const size_t kStatusCodeCount;
 
 // The symbolic name of an exact code; null when it is not published.
 const OLECHAR* StatusCodeName(ULONG code);
-// The code of a symbolic name (exact spelling); false when there is none.
-bool StatusCodeFromName(WStringView name, ULONG* code);
 
 // "Good", "Uncertain", "Bad" or "Unknown" (both top bits set).
 const OLECHAR* QualityToStr(ULONG code);
