@@ -236,30 +236,29 @@ TEST_F(CommandExecution, RowAccessorsOfTheCommandReadItsRowsets) {
   EXPECT_EQ(DB_E_BADACCESSORTYPE, command_->Execute(nullptr, IID_IRowset, &params, nullptr, &rowset));
   TakeLastError();
 
-  for (int run = 0; run < 2; ++run) {  // every rowset of the command inherits it
-    ASSERT_EQ(S_OK, command_->Execute(nullptr, IID_IRowset, nullptr, nullptr, &rowset));
-    auto rows = QueryAs<IRowset>(rowset, IID_IRowset);
-    auto own = QueryAs<IAccessor>(rowset, IID_IAccessor);
-    DBCOUNTITEM obtained = 0;
-    HROW* handles = nullptr;
-    ASSERT_EQ(DB_S_ENDOFROWSET, rows->GetNextRows(DB_NULL_HCHAPTER, 0, 10, &obtained, &handles));
-    ASSERT_EQ(2u, obtained);
-    Cell cell{};
-    EXPECT_EQ(S_OK, rows->GetData(handles[1], handle, &cell));
-    EXPECT_EQ("Area1.Text", corvane::ToUtf8(cell.v.text));
-    // The rowset's own accessors get handles of their own.
-    HACCESSOR mine = DB_NULL_HACCESSOR;
-    ASSERT_EQ(S_OK, own->CreateAccessor(DBACCESSOR_ROWDATA, 1, &name, sizeof(Cell), &mine, nullptr));
-    EXPECT_NE(handle, mine);
-    EXPECT_EQ(S_OK, rows->GetData(handles[0], mine, &cell));
-    EXPECT_EQ("Area1.Temp", corvane::ToUtf8(cell.v.text));
-    rows->ReleaseRows(obtained, handles, nullptr, nullptr, nullptr);
-    CoTaskMemFree(handles);
-    own->ReleaseAccessor(mine, nullptr);
-    own.Reset();
-    rows.Reset();
-    rowset->Release();
-  }
+  // The command's rowset inherits the accessor.
+  ASSERT_EQ(S_OK, command_->Execute(nullptr, IID_IRowset, nullptr, nullptr, &rowset));
+  auto rows = QueryAs<IRowset>(rowset, IID_IRowset);
+  auto own = QueryAs<IAccessor>(rowset, IID_IAccessor);
+  DBCOUNTITEM obtained = 0;
+  HROW* handles = nullptr;
+  ASSERT_EQ(DB_S_ENDOFROWSET, rows->GetNextRows(DB_NULL_HCHAPTER, 0, 10, &obtained, &handles));
+  ASSERT_EQ(2u, obtained);
+  Cell cell{};
+  EXPECT_EQ(S_OK, rows->GetData(handles[1], handle, &cell));
+  EXPECT_EQ("Area1.Text", corvane::ToUtf8(cell.v.text));
+  // The rowset's own accessors get handles of their own.
+  HACCESSOR mine = DB_NULL_HACCESSOR;
+  ASSERT_EQ(S_OK, own->CreateAccessor(DBACCESSOR_ROWDATA, 1, &name, sizeof(Cell), &mine, nullptr));
+  EXPECT_NE(handle, mine);
+  EXPECT_EQ(S_OK, rows->GetData(handles[0], mine, &cell));
+  EXPECT_EQ("Area1.Temp", corvane::ToUtf8(cell.v.text));
+  rows->ReleaseRows(obtained, handles, nullptr, nullptr, nullptr);
+  CoTaskMemFree(handles);
+  own->ReleaseAccessor(mine, nullptr);
+  own.Reset();
+  rows.Reset();
+  rowset->Release();
 
   DBID id{};
   id.eKind = DBKIND_NAME;
