@@ -156,7 +156,7 @@ TEST_F(ErrorLookupConsumer, RecordsNobodyReadsLeaveNothingBehind) {
   const size_t held = CErrorLookup::HeldCount();
 #endif
   for (const std::string& sql : FailingStatements()) EXPECT_FALSE(RunToFailure(session_, sql).empty()) << sql;
-  corvane::test::CloseProvider(&dataSource_, &session_);
+  Close();
 #ifndef CORVANE_CONSUMER_OF_DLL
   EXPECT_EQ(held, CErrorLookup::HeldCount());
 #endif

@@ -4,6 +4,9 @@
 #endif
 #include "tests/session/ConsumerFixture.h"
 
+#include "base/ComPtr.h"
+
+#include <cstdio>
 #include <cstring>
 
 
@@ -15,6 +18,9 @@
 #endif
 
 namespace corvane::test {
+
+using corvane::ComPtr;
+using corvane::QueryAs;
 
 namespace {
 
@@ -43,44 +49,30 @@ using corvane::historian::CReferenceHistorian;
 
 void ConsumerTest::SetUp() {
   LeakCheckedTest::SetUp();
-#ifdef _WIN32
-  CoInitializeEx(nullptr, COINIT_MULTITHREADED);
-#endif
   ClearThreadErrors();
-  auto store = std::make_shared<CHistorianStore>();
   FILETIME now;
   GetSystemTimeAsFileTime(&now);
-  const ULONGLONG nowTicks = (static_cast<ULONGLONG>(now.dwHighDateTime) << 32) | now.dwLowDateTime;
   const ULONGLONG minute = 600000000ull;
   // Whole minutes, so that the times read back in text are exact.
-  firstSample_ = (nowTicks / minute) * minute - kSamples * minute;
+  firstSample_ = (FileTimeToU64(now) / minute) * minute - kSamples * minute;
   for (const bool text : {false, true}) {
     corvane::historian::TagDefinition tag;
     tag.name = text ? OLESTR("Area1.Text") : OLESTR("Area1.Temp");
     tag.description = text ? OLESTR("Operator note") : OLESTR("Reactor temperature");
     tag.vartype = text ? VT_BSTR : VT_R8;
-    ASSERT_EQ(S_OK, store->AddTag(tag));
-    ASSERT_EQ(S_OK, store->AppendGenerated(tag.name, kSamples, [&](size_t i, corvane::historian::SampleInput& s) {
+    ASSERT_EQ(S_OK, Store().AddTag(tag));
+    ASSERT_EQ(S_OK, Store().AppendGenerated(tag.name, kSamples, [&](size_t i, corvane::historian::SampleInput& s) {
       s.time = firstSample_ + i * minute;
       s.quality = 0xC0;
       s.number = 100.0 + i;
       if (text) s.text = corvane::WFormat(OLESTR("note %d"), static_cast<int>(i));
     }));
   }
-  host_ = static_cast<IRawDataProvider*>(NewHost(store));
-  hostRefs_ = RefCount(host_);
-
-  OpenProvider(host_, &dataSource_, &session_);
+  Open();
 }
 
 void ConsumerTest::TearDown() {
-  CloseProvider(&dataSource_, &session_);
-  if (host_) {
-    EXPECT_EQ(hostRefs_ - 1, host_->Release()) << "the provider released every host reference";
-  }
-#ifdef _WIN32
-  CoUninitialize();
-#endif
+  Close();
   LeakCheckedTest::TearDown();
 }
 
@@ -108,19 +100,17 @@ TextParameters::TextParameters(const std::vector<const OLECHAR*>& values) : slot
 }
 
 void OpenProvider(IUnknown* host, IUnknown** dataSource, IOpenRowset** session, const std::string& providerString) {
-  ICreateCorvaneOleDbProvider* creator = nullptr;
+  ComPtr<ICreateCorvaneOleDbProvider> creator;
 #ifdef CORVANE_CONSUMER_OF_DLL
   ASSERT_EQ(S_OK, CoCreateInstance(CLSID_CorvaneOleDbProvider, nullptr, CLSCTX_INPROC_SERVER,
-                                   IID_ICreateCorvaneOleDbProvider, reinterpret_cast<void**>(&creator)));
+                                   IID_ICreateCorvaneOleDbProvider, creator.PutVoid()));
 #else
   ASSERT_EQ(S_OK, CCreateCorvaneOleDbProviderImpl::CreateInstance(nullptr, IID_ICreateCorvaneOleDbProvider,
-                                                                  reinterpret_cast<void**>(&creator)));
+                                                                  creator.PutVoid()));
 #endif
   ASSERT_EQ(S_OK, creator->Create(host, dataSource));
-  creator->Release();
-
-  IDBProperties* props = ConsumerTest::Query<IDBProperties>(*dataSource, IID_IDBProperties);
-  ASSERT_NE(nullptr, props);
+  auto props = QueryAs<IDBProperties>(*dataSource, IID_IDBProperties);
+  ASSERT_TRUE(props);
   DBPROP prop[2] = {};
   prop[0].dwPropertyID = DBPROP_INIT_CATALOG;
   prop[0].vValue.vt = VT_BSTR;
@@ -132,25 +122,20 @@ void OpenProvider(IUnknown* host, IUnknown** dataSource, IOpenRowset** session, 
   EXPECT_EQ(S_OK, props->SetProperties(1, &set));
   VariantClear(&prop[0].vValue);
   VariantClear(&prop[1].vValue);
-  props->Release();
-  IDBInitialize* init = ConsumerTest::Query<IDBInitialize>(*dataSource, IID_IDBInitialize);
-  ASSERT_NE(nullptr, init);
+  auto init = QueryAs<IDBInitialize>(*dataSource, IID_IDBInitialize);
+  ASSERT_TRUE(init);
   ASSERT_EQ(S_OK, init->Initialize());
-  init->Release();
-  IDBCreateSession* create = ConsumerTest::Query<IDBCreateSession>(*dataSource, IID_IDBCreateSession);
-  ASSERT_NE(nullptr, create);
+  auto create = QueryAs<IDBCreateSession>(*dataSource, IID_IDBCreateSession);
+  ASSERT_TRUE(create);
   ASSERT_EQ(S_OK, create->CreateSession(nullptr, IID_IOpenRowset, reinterpret_cast<IUnknown**>(session)));
-  create->Release();
 }
 
 void CloseProvider(IUnknown** dataSource, IOpenRowset** session) {
   if (*session) (*session)->Release();
   *session = nullptr;
   if (*dataSource) {
-    IDBInitialize* init = ConsumerTest::Query<IDBInitialize>(*dataSource, IID_IDBInitialize);
-    if (init) {
+    if (auto init = QueryAs<IDBInitialize>(*dataSource, IID_IDBInitialize)) {
       EXPECT_EQ(S_OK, init->Uninitialize());
-      init->Release();
     }
     EXPECT_EQ(0u, (*dataSource)->Release()) << "nothing but the consumer holds the data source";
   }
@@ -158,26 +143,181 @@ void CloseProvider(IUnknown** dataSource, IOpenRowset** session) {
   ClearThreadErrors();
 }
 
+SqlConsumer::SqlConsumer(std::shared_ptr<historian::CHistorianStore> store) : store_(std::move(store)) {
+#ifdef _WIN32
+  CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+#endif
+  host_ = NewHost(store_);
+}
+
+SqlConsumer::~SqlConsumer() {
+  Close();
+#ifdef _WIN32
+  CoUninitialize();
+#endif
+}
+
+void SqlConsumer::Close() {
+  if (command_) {
+    EXPECT_EQ(0u, command_->Release()) << "a rowset kept the command";
+  }
+  command_ = nullptr;
+  CloseProvider(&dataSource_, &session_);
+  if (host_) {
+    EXPECT_EQ(0u, host_->Release()) << "the provider kept a host reference";
+  }
+  host_ = nullptr;
+}
+
+void SqlConsumer::Open(const std::string& providerString) {
+  OpenProvider(static_cast<IRawDataProvider*>(host_), &dataSource_, &session_, providerString);
+  if (!session_) return;
+  auto commands = QueryAs<IDBCreateCommand>(session_, IID_IDBCreateCommand);
+  ASSERT_TRUE(commands);
+  ASSERT_EQ(S_OK, commands->CreateCommand(nullptr, IID_ICommandText, reinterpret_cast<IUnknown**>(&command_)));
+}
+
+Outcome SqlConsumer::Run(const std::string& sql, const std::vector<Parameter>& parameters, DBROWCOUNT batch,
+                         IUnknown** open) {
+  Outcome out;
+  if (!command_) return out.hr = E_UNEXPECTED, out;
+  IUnknown* rowset = nullptr;
+  auto described = QueryAs<ICommandWithParameters>(command_, IID_ICommandWithParameters);
+  if (!sql.empty()) {
+    // Each statement starts without the parameter descriptions of the one before.
+    out.hr = described->SetParameterInfo(0, nullptr, nullptr);
+    if (SUCCEEDED(out.hr)) out.hr = command_->SetCommandText(DBGUID_DEFAULT, FromUtf8(sql).c_str());
+  }
+  auto accessor = QueryAs<IAccessor>(command_, IID_IAccessor);
+  HACCESSOR handle = DB_NULL_HACCESSOR;
+  std::vector<WString> texts, typeNames;
+  std::vector<const OLECHAR*> given;
+  for (const Parameter& p : parameters) texts.push_back(FromUtf8(p.value)), typeNames.push_back(FromUtf8(p.type));
+  for (size_t i = 0; i < parameters.size(); ++i) given.push_back(parameters[i].null ? nullptr : texts[i].c_str());
+  TextParameters values(given);
+  for (size_t i = 0; SUCCEEDED(out.hr) && i < parameters.size(); ++i) {
+    if (parameters[i].type.empty()) continue;
+    DBPARAMBINDINFO info{};
+    info.pwszDataSourceType = &typeNames[i][0];
+    info.dwFlags = DBPARAMFLAGS_ISINPUT;
+    const DB_UPARAMS ordinal = i + 1;
+    out.hr = described->SetParameterInfo(1, &ordinal, &info);
+  }
+  if (SUCCEEDED(out.hr) && !parameters.empty())
+    out.hr = accessor->CreateAccessor(DBACCESSOR_PARAMETERDATA, values.bindings.size(), values.bindings.data(),
+                                      values.slots.size() * sizeof(Cell), &handle, nullptr);
+  DBPARAMS params{values.slots.data(), 1, handle};
+  if (SUCCEEDED(out.hr))
+    out.hr = command_->Execute(nullptr, IID_IRowset, parameters.empty() ? nullptr : &params, &out.affected, &rowset);
+  if (FAILED(out.hr)) {
+    out.atExecute = true;
+    out.error = ConsumerTest::TakeLastError();
+  }
+  if (handle != DB_NULL_HACCESSOR) accessor->ReleaseAccessor(handle, nullptr);
+  if (open) *open = rowset;
+  else if (rowset) Read(rowset, batch, &out);
+  return out;
+}
+
+void SqlConsumer::Read(IUnknown* rowset, DBROWCOUNT batch, Outcome* out) {
+  out->columns = Columns(rowset);
+  HRESULT fetched = S_OK;
+  out->rows = ReadAll(rowset, {}, batch, &fetched, &out->error, true);
+  if (FAILED(fetched)) out->hr = fetched;
+  rowset->Release();
+}
+
+Outcome SqlConsumer::Prepare(const std::string& sql) {
+  Outcome out;
+  auto prepare = QueryAs<ICommandPrepare>(command_, IID_ICommandPrepare);
+  if (!prepare) return out.hr = E_UNEXPECTED, out;
+  out.hr = command_->SetCommandText(DBGUID_DEFAULT, FromUtf8(sql).c_str());
+  if (SUCCEEDED(out.hr)) out.hr = prepare->Prepare(1);
+  if (FAILED(out.hr)) out.atExecute = true, out.error = ConsumerTest::TakeLastError();
+  else out.columns = Columns(command_);
+  return out;
+}
+
+Outcome SqlConsumer::Schema(const std::string& request, DBROWCOUNT batch) {
+  static const std::pair<const char*, const GUID*> kSchemas[] = {
+      {"CATALOGS", &DBSCHEMA_CATALOGS},       {"COLUMNS", &DBSCHEMA_COLUMNS},
+      {"PROCEDURES", &DBSCHEMA_PROCEDURES},   {"PROCEDURE_PARAMETERS", &DBSCHEMA_PROCEDURE_PARAMETERS},
+      {"PROCEDURE_COLUMNS", &DBSCHEMA_PROCEDURE_COLUMNS}, {"PROVIDER_TYPES", &DBSCHEMA_PROVIDER_TYPES},
+      {"SCHEMATA", &DBSCHEMA_SCHEMATA},       {"TABLES", &DBSCHEMA_TABLES},
+      {"TABLES_INFO", &DBSCHEMA_TABLES_INFO}, {"VIEWS", &DBSCHEMA_VIEWS}};
+  Outcome out;
+  std::vector<std::string> parts(1);
+  for (char c : request) {
+    if (c == '|') parts.emplace_back();
+    else if (c != ' ') parts.back() += c;
+  }
+  const GUID* schema = nullptr;
+  for (const auto& [name, guid] : kSchemas)
+    if (parts[0] == name) schema = guid;
+  auto schemas = QueryAs<IDBSchemaRowset>(session_, IID_IDBSchemaRowset);
+  if (!schema || !schemas) return out.hr = E_UNEXPECTED, out;
+  std::vector<VARIANT> restrictions(parts.size() - 1);
+  for (size_t i = 0; i < restrictions.size(); ++i) {
+    VariantInit(&restrictions[i]);
+    const std::string& r = parts[i + 1];
+    if (!r.empty() && r.find_first_not_of("0123456789") == std::string::npos) {
+      V_VT(&restrictions[i]) = VT_I4, V_I4(&restrictions[i]) = std::atoi(r.c_str());
+    } else if (!r.empty()) {
+      V_VT(&restrictions[i]) = VT_BSTR, V_BSTR(&restrictions[i]) = SysAllocString(FromUtf8(r).c_str());
+    }
+  }
+  IUnknown* rowset = nullptr;
+  out.hr = schemas->GetRowset(nullptr, *schema, restrictions.size(), restrictions.data(), IID_IRowset, 0, nullptr,
+                              &rowset);
+  for (VARIANT& v : restrictions) VariantClear(&v);
+  if (FAILED(out.hr)) out.atExecute = true, out.error = ConsumerTest::TakeLastError();
+  if (rowset) Read(rowset, batch, &out);
+  return out;
+}
+
+Rows SqlConsumer::Contents() const {
+  Rows rows;
+  for (const historian::TagDefinition& tag : store_->ListTags(nullptr, nullptr)) {
+    historian::ReadCursor all;
+    all.tagKey = WUpper(tag.name);
+    all.high = ~0ull;
+    HistoryValueList* list = nullptr;
+    bool more = false;
+    EXPECT_EQ(S_OK, store_->ReadPage(all, 0, &list, &more));
+    for (ULONG i = 0; list && i < list->count; ++i) {
+      const HistoryValue& v = list->values[i];
+      VARIANT text;
+      VariantInit(&text);
+      VariantChangeType(&text, const_cast<VARIANT*>(&v.value), 0, VT_BSTR);
+      char quality[16];
+      std::snprintf(quality, sizeof quality, "%X", static_cast<unsigned>(v.quality));
+      const double seconds = (static_cast<double>(FileTimeToU64(v.timestamp)) - 132223104000000000.0) / 1e7;
+      char at[32];
+      std::snprintf(at, sizeof at, "%g", seconds);
+      rows.push_back({ToUtf8(tag.name), at, V_VT(&text) == VT_BSTR ? ToUtf8(V_BSTR(&text)) : std::string("?"), quality});
+      VariantClear(&text);
+    }
+    FreeHistoryValueList(list);
+  }
+  return rows;
+}
+
 LastError ConsumerTest::TakeLastError() {
   LastError last;
 #ifdef _WIN32
-  IErrorInfo* info = nullptr;
-  if (GetErrorInfo(0, &info) != S_OK || !info) return last;
-  IErrorRecords* records = Query<IErrorRecords>(info, IID_IErrorRecords);
-  IErrorInfo* described = nullptr;
+  ComPtr<IErrorInfo> info, described;
+  if (GetErrorInfo(0, info.Put()) != S_OK || !info) return last;
+  auto records = QueryAs<IErrorRecords>(info.Get(), IID_IErrorRecords);
   if (records && SUCCEEDED(records->GetRecordCount(&last.count)) && last.count) {
     ERRORINFO basic{};
     if (SUCCEEDED(records->GetBasicErrorInfo(last.count - 1, &basic))) last.hr = basic.hrError, last.iid = basic.iid;
     // The provider keeps each record's text in its custom error object.
-    IUnknown* custom = nullptr;
-    if (SUCCEEDED(records->GetCustomErrorObject(last.count - 1, IID_IErrorInfo, &custom)) && custom) {
-      described = Query<IErrorInfo>(custom, IID_IErrorInfo);
-      custom->Release();
-    }
+    ComPtr<IUnknown> custom;
+    if (SUCCEEDED(records->GetCustomErrorObject(last.count - 1, IID_IErrorInfo, custom.Put())))
+      described = QueryAs<IErrorInfo>(custom.Get(), IID_IErrorInfo);
   } else if (!records) {
     last.count = 1;
     described = info;
-    info->AddRef();
     info->GetGUID(&last.iid);
   }
   BSTR text = nullptr;
@@ -186,9 +326,6 @@ LastError ConsumerTest::TakeLastError() {
   text = nullptr;
   if (!records && described && SUCCEEDED(described->GetSource(&text)) && text) last.source = corvane::ToUtf8(text);
   SysFreeString(text);
-  if (described) described->Release();
-  if (records) records->Release();
-  info->Release();
 #else
   auto records = corvane::platform::TakeErrorRecords();
   last.count = static_cast<ULONG>(records.size());

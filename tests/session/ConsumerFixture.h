@@ -1,9 +1,10 @@
-// A consumer of the provider that uses OLE DB interfaces only: it creates the provider
-// over a reference historian holding two known tags, initialises it, opens a session,
-// and reads back error records; every test checks that nothing leaked and that the
-// host's reference count came back. Built with CORVANE_CONSUMER_OF_DLL (Windows) the
-// same suites create the provider from the registered DLL through the system's COM
-// runtime; the DLL traces into its own trace facility there, so trace checks are off.
+// The one consumer of the provider the suites share, using OLE DB interfaces only: a
+// reference historian behind the fault-injecting host, one data source, one session, one
+// command; statements run with their rows held until the end and read back as text, and
+// error records are read back. Closing it checks that nothing but the consumer held the
+// command, the data source or the host. Built with CORVANE_CONSUMER_OF_DLL (Windows) it
+// creates the provider from the registered DLL through the system's COM runtime; the DLL
+// traces into its own trace facility there, so trace checks are off.
 #pragma once
 #include <gtest/gtest.h>
 
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include "historian/Aggregates.h"
+#include "historian/HistorianStore.h"
 #include "historian/ReferenceHistorian.h"
 #include "platform/WideString.h"
 #include "provider/ICreateCorvaneOleDbProvider.h"
@@ -36,7 +38,72 @@ struct LastError {
   std::string description;  // empty where the system's records do not give it back
 };
 
-class ConsumerTest : public LeakCheckedTest {
+using Rows = std::vector<std::vector<std::string>>;
+using HostOp = testing::CFaultInjectingHost::Op;
+
+// One `?`: bound as text, described to the command as `type` unless that is empty.
+struct Parameter {
+  std::string type;
+  std::string value;
+  bool null = false;
+};
+
+struct Outcome {
+  HRESULT hr = S_OK;  // the first failure of Execute or GetNextRows
+  bool atExecute = false;
+  LastError error;  // the records of that failure
+  DBROWCOUNT affected = DB_COUNTUNAVAILABLE;  // what Execute counted
+  std::vector<std::pair<std::string, DBTYPE>> columns;
+  Rows rows;  // every row delivered before the end or the failure; a null reads "<null>"
+};
+
+class SqlConsumer {
+ public:
+  // The historian and the host; the provider comes with Open.
+  explicit SqlConsumer(std::shared_ptr<historian::CHistorianStore> store = std::make_shared<historian::CHistorianStore>());
+  ~SqlConsumer();
+  // Releases the command, closes the provider and checks that nothing but this consumer
+  // held the command, the data source and the host.
+  void Close();
+  SqlConsumer(const SqlConsumer&) = delete;
+  SqlConsumer& operator=(const SqlConsumer&) = delete;
+
+  historian::CHistorianStore& Store() { return *store_; }
+  testing::CFaultInjectingHost& Host() { return *host_; }
+  bool IsOpen() const { return command_ != nullptr; }
+
+  // Creates the provider over the host with catalog "Plant" and, when given, the
+  // provider string; initialises it and opens a session and a command.
+  void Open(const std::string& providerString = {});
+  // SetCommandText, Execute, then GetNextRows `batch` rows at a time until the end or a
+  // failure, holding every row; then GetData of each held row and one ReleaseRows.
+  // An empty `sql` executes the command's text again. With `open`, the rowset is handed
+  // back unread, to Read later.
+  Outcome Run(const std::string& sql, const std::vector<Parameter>& parameters = {}, DBROWCOUNT batch = 7,
+              IUnknown** open = nullptr);
+  // The columns and rows of a rowset, which is released.
+  static void Read(IUnknown* rowset, DBROWCOUNT batch, Outcome* out);
+  // SetCommandText and Prepare only; the columns are those the command describes.
+  Outcome Prepare(const std::string& sql);
+  // A schema rowset read like a statement's rows: `request` is "NAME | restriction | ...",
+  // NAME without its DBSCHEMA_ prefix; an empty restriction is none, digits are an I4.
+  Outcome Schema(const std::string& request, DBROWCOUNT batch = 7);
+  // Every sample of every tag, read from the store: tag | seconds after 2020-01-01 00:00:00 UTC | value |
+  // quality (hex).
+  Rows Contents() const;
+
+ protected:
+  std::shared_ptr<historian::CHistorianStore> store_;
+  testing::CFaultInjectingHost* host_ = nullptr;
+  IUnknown* dataSource_ = nullptr;
+  IOpenRowset* session_ = nullptr;
+  ICommandText* command_ = nullptr;
+};
+
+// The consumer as a fixture: a SqlConsumer, open, over "Area1.Temp" (VT_R8) and
+// "Area1.Text" (VT_BSTR), one sample every minute ending one minute before the test
+// starts, so that the default 72-hour range holds them all.
+class ConsumerTest : public LeakCheckedTest, public SqlConsumer {
  public:
   // The records of the failed call on this thread, taken (the thread is left clean).
   static LastError TakeLastError();
@@ -48,9 +115,6 @@ class ConsumerTest : public LeakCheckedTest {
   }
 
  protected:
-  // The samples of "Area1.Temp" (VT_R8) and "Area1.Text" (VT_BSTR): one every minute,
-  // ending one minute before the test starts, so that the default 72-hour range holds
-  // them all.
   static constexpr int kSamples = 30;
 
   void SetUp() override;
@@ -60,13 +124,7 @@ class ConsumerTest : public LeakCheckedTest {
     object->AddRef();
     return object->Release();
   }
-  IUnknown* dataSource_ = nullptr;
-  IOpenRowset* session_ = nullptr;
   ULONGLONG firstSample_ = 0;
-
- private:
-  IUnknown* host_ = nullptr;
-  ULONG hostRefs_ = 0;
 };
 
 // Input values of the `?` of a statement as wide texts, one Cell each; null gives DBSTATUS_S_ISNULL.

@@ -75,6 +75,8 @@ TEST_F(SessionObject, OpenSessionsKeepTheDataSourceInitialised) {
   IUnknown* rowset = nullptr;
   ASSERT_EQ(S_OK, command->Execute(nullptr, IID_IRowset, nullptr, nullptr, &rowset));
   command.Reset();
+  command_->Release();
+  command_ = nullptr;
   session_->Release();
   session_ = nullptr;
   EXPECT_EQ(DB_E_OBJECTOPEN, init->Uninitialize());
@@ -103,7 +105,6 @@ TEST_F(SessionObject, OpenRowsetReadsATableAndNamesWhatItCannotGiveOrHonour) {
   TraceCapture trace;
   EXPECT_EQ(E_NOINTERFACE, session_->OpenRowset(nullptr, &table, nullptr, kRowsetLocate, 0, nullptr, &rowset));
   EXPECT_EQ(nullptr, rowset);
-  EXPECT_TRACED(trace, "Failed to open rowset (80004002).");
   EXPECT_TRACED(trace, "Unsupported interface 'IRowsetLocate'.");
   auto error = TakeLastError();
   EXPECT_EQ(1u, error.count);
@@ -156,7 +157,6 @@ TEST_F(SessionObject, CreateCommandNamesAnUnknownInterfaceByItsGuid) {
 
   TraceCapture trace;
   EXPECT_EQ(E_NOINTERFACE, create->CreateCommand(nullptr, kMadeUp, &command));
-  EXPECT_TRACED(trace, "Failed to create command (80004002).");
   EXPECT_TRACED(trace, "Unsupported interface '{12345678-9ABC-DEF0-0123-456789ABCDEF}'.");
   auto error = TakeLastError();
   EXPECT_TRUE(IsEqualIID(IID_IDBCreateCommand, error.iid));
