@@ -144,6 +144,14 @@ class Soaker {
     return hr;
   }
 
+  // A statement whose rows nobody reads.
+  HRESULT RunUnread(const std::string& sql) {
+    IUnknown* rowset = nullptr;
+    const HRESULT hr = Execute(sql, &rowset);
+    if (rowset) rowset->Release();
+    return hr;
+  }
+
   // Runs `sql`, reads at most `limit` rows (all when negative) through `columns` in random
   // batches, and releases the rowset whether or not its worker is done. -1 when it failed.
   long Query(const std::string& sql, const CellColumns& columns, long limit,
@@ -212,30 +220,19 @@ class Soaker {
                2 * n);
   }
 
-  // On a session of its own. The settings belong to the data source, so another thread's
-  // update may show instead of this one's: any page size that some thread writes is right.
-  // Results do not depend on the page size, which the other checks keep verifying.
+  // The settings belong to the data source, so another thread's update may show instead of
+  // this one's: any page size that some thread writes is right. Results do not depend on the
+  // page size, which the other checks keep verifying.
   void UpdateSettings() {
-    IDBCreateCommand* shared = session_;
-    ICommandText* sharedCommand = command_;
-    command_ = nullptr;
-    if (OpenSession()) {
-      static const LONG pageSizes[] = {7, 100, 2000};
-      IUnknown* rowset = nullptr;
-      const HRESULT hr =
-          Execute("UPDATE QUERYSETTINGS SET MAX_ROWS_TO_RETURN = " + std::to_string(pageSizes[Pick(0, 2)]), &rowset);
-      Check(hr == S_OK, "UPDATE QUERYSETTINGS " + Hex(hr));
-      if (rowset) rowset->Release();
-      ExpectRows(Query("SELECT MAX_ROWS_TO_RETURN FROM QUERYSETTINGS", {{1, DBTYPE_UI4}}, -1,
-                       [&](long, const Row& r) {
-                         const ULONG v = r[0].v.ui4;
-                         Check(v == 7 || v == 100 || v == 2000, "MAX_ROWS_TO_RETURN " + std::to_string(v));
-                       }),
-                 1);
-      CloseSession();
-    }
-    session_ = shared;
-    command_ = sharedCommand;
+    static const LONG pageSizes[] = {7, 100, 2000};
+    const HRESULT hr = RunUnread("UPDATE QUERYSETTINGS SET MAX_ROWS_TO_RETURN = " + std::to_string(pageSizes[Pick(0, 2)]));
+    Check(hr == S_OK, "UPDATE QUERYSETTINGS " + Hex(hr));
+    ExpectRows(Query("SELECT MAX_ROWS_TO_RETURN FROM QUERYSETTINGS", {{1, DBTYPE_UI4}}, -1,
+                     [&](long, const Row& r) {
+                       const ULONG v = r[0].v.ui4;
+                       Check(v == 7 || v == 100 || v == 2000, "MAX_ROWS_TO_RETURN " + std::to_string(v));
+                     }),
+               1);
   }
 
   // Insert, update or delete on this thread's own tag, then maybe read it all back.
@@ -267,9 +264,7 @@ class Soaker {
         own_.erase(own_.lower_bound(t), own_.upper_bound(end));
       }
     }
-    IUnknown* rowset = nullptr;
-    const HRESULT hr = Execute(sql, &rowset);
-    if (rowset) rowset->Release();
+    const HRESULT hr = RunUnread(sql);
     if (FAILED(hr)) ConsumerTest::TakeLastError();
     Check(expected == S_OK ? SUCCEEDED(hr) : hr == expected, "write gave " + Hex(hr));
     if (Pick(0, 2)) return;
@@ -290,9 +285,7 @@ class Soaker {
 
   // A failing statement leaves its own error record on this thread, whatever the others do.
   void BadStatement() {
-    IUnknown* rowset = nullptr;
-    const HRESULT hr = Execute("SELECT * FROM NOSUCHTABLE" + std::to_string(index_), &rowset);
-    if (rowset) rowset->Release();
+    const HRESULT hr = RunUnread("SELECT * FROM NOSUCHTABLE" + std::to_string(index_));
     const LastError error = ConsumerTest::TakeLastError();
     Check(hr == static_cast<HRESULT>(0x8004C001L), "unknown table gave " + Hex(hr));
     Check(error.count >= 1 && error.hr == hr, "error record " + Hex(error.hr));
