@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <sstream>
 #include <string>
@@ -145,16 +146,25 @@ AggregateId Named(const std::string& name) {
   return static_cast<AggregateId>(std::stoul(name));
 }
 
+// The shortest text that reads back as the same double, so that equal texts mean equal bits.
+std::string Number(double d) {
+  char text[40];
+  std::snprintf(text, sizeof text, "%.15g", d);
+  if (std::strtod(text, nullptr) != d) std::snprintf(text, sizeof text, "%.17g", d);
+  return text;
+}
+
 std::string Show(const HistoryValue& v) {
-  char text[96];
-  std::string value = "?";
-  if (v.value.vt == VT_R8) value = (std::snprintf(text, sizeof text, "%.10g", v.value.dblVal), text);
+  char text[40];
+  std::string value = "vt" + std::to_string(v.value.vt);
+  if (v.value.vt == VT_R8) value = Number(v.value.dblVal);
   if (v.value.vt == VT_I4) value = "i" + std::to_string(v.value.lVal);
+  if (v.value.vt == VT_BOOL) value = "b" + std::to_string(v.value.boolVal);
   if (v.value.vt == VT_UI4) value = (std::snprintf(text, sizeof text, "u%X", unsigned(v.value.ulVal)), text);
   if (v.value.vt == VT_EMPTY) value = "-";
   if (v.value.vt == VT_BSTR) value = "'" + ToUtf8(v.value.bstrVal) + "'";
-  std::snprintf(text, sizeof text, " %X @%.10g", unsigned(v.quality), (double(FileTimeToU64(v.timestamp)) - kT0) / kSec);
-  return value + text;
+  std::snprintf(text, sizeof text, " %X @", unsigned(v.quality));
+  return value + text + Number((double(FileTimeToU64(v.timestamp)) - kT0) / kSec);
 }
 
 std::string Describe(const Answer& a, int interval) {
@@ -199,12 +209,12 @@ TEST_F(AggregatesTest, EachAggregateOfEachIntervalAsWorkedOut) {
       // [90, 120): no raw sample at all.
       {OLESTR("Flow"), 0, 120, 30000, 3, "MIN MAX AVG DELTA RANGE COUNT LAST WORST_QUALITY: - 809B0000 @90"},
       // Two samples at one time (the host answers the one at 10.5 s as at 10 s): the line jumps.
-      {OLESTR("Twin"), 0, 30, 0, 0, "TIME_AVG: 31.66666667 401 @0"},
+      {OLESTR("Twin"), 0, 30, 0, 0, "TIME_AVG: 31.666666666666668 401 @0"},
       // Texts count but have no numeric value.
       {OLESTR("Mode"), 0, 20, 0, 0, "MIN AVG TIME_AVG: - 809B0000 @0; COUNT: i2 401; LAST: 'B' * @10"},
       // Stepped [0, 30): 10 for 20 s, 30 for 10 s; [30, 60): 30 for 10 s, 10 for 20 s (the bad
       // sample @50 is bridged), 20 of 30 s good.
-      {OLESTR("FlowStep"), 0, 120, 30000, 0, "TIME_AVG: 16.66666667 401 @0 | 16.66666667 40A40401 @30"},
+      {OLESTR("FlowStep"), 0, 120, 30000, 0, "TIME_AVG: 16.666666666666668 401 @0 | 16.666666666666668 40A40401 @30"},
       {OLESTR("FlowStep"), 0, 120, 30000, 1, "INTERPOLATIVE: 30 402 @30"},
       // A tag the browse does not list: a boolean is stepped by its type alone.
       {OLESTR("HiddenBool"), 0, 10, 0, 0, "TIME_AVG: 0 401 @0"},
@@ -270,22 +280,11 @@ std::vector<AggregateId> AllAggregates() {
   return all;
 }
 
-// A whole answer to the bit (doubles included), as far as each value's type defines it.
+// A whole answer, every value of every aggregate.
 std::string Exact(const Answer& a) {
   std::string text = "hr " + std::to_string(a.hr);
-  for (ULONG e = 0; SUCCEEDED(a.hr) && e < a.entries; ++e) {
-    text += "\naggregate " + std::to_string(e) + ":";
-    for (ULONG k = 0; k < a.result[e].count; ++k) {
-      const HistoryValue& v = a.At(e, k);
-      // Only the bytes the type defines: a narrow value may leave the rest of the union unset.
-      const LONGLONG bits = v.value.vt == VT_R8     ? v.value.llVal
-                            : v.value.vt == VT_BOOL ? v.value.boolVal
-                            : v.value.vt == VT_EMPTY ? 0
-                                                     : v.value.lVal;
-      text += " " + std::to_string(v.value.vt) + "/" + std::to_string(bits) + "/" + std::to_string(v.quality) + "/" +
-              std::to_string(FileTimeToU64(v.timestamp));
-    }
-  }
+  for (ULONG e = 0; SUCCEEDED(a.hr) && e < a.entries; ++e)
+    for (ULONG k = 0; k < a.result[e].count; ++k) text += (k ? " | " : "\n") + Show(a.At(e, k));
   return text;
 }
 
