@@ -87,7 +87,8 @@ TEST(TraceEnvironment, ParsesLevelAndDestinationAndConfiguresTheFacility) {
     int level;
     const char* path;
   } cases[] = {{"100:/tmp/corvane.log", 100, "/tmp/corvane.log"}, {"700:C:\\logs\\c.log", 700, "C:\\logs\\c.log"},
-               {" 0 ", 0, ""}, {"", -1, ""}, {"4x0", -1, ""}, {"400:", -1, ""}, {"99999999999", -1, ""}};
+               {" 0 ", 0, ""}, {"", -1, ""}, {"4x0", -1, ""}, {"-5", -1, ""}, {"400:", -1, ""},
+               {"99999999999", -1, ""}};
   for (const auto& c : cases) {
     corvane::TraceSetting s;
     EXPECT_EQ(corvane::ParseTraceSetting(c.text, &s), c.level >= 0) << "'" << c.text << "'";
