@@ -67,8 +67,9 @@ TEST_F(CsvAccepted, TimestampForms) {
   EXPECT_EQ(0u, t);
   ASSERT_TRUE(CCsvLoader::ParseTimestamp("2000-02-29T23:59:59.9999999", &t));
   for (const char* bad : {"2023-02-29 00:00:00", "1900-02-29 00:00:00", "1600-12-31 23:59:59", "2024-01-01 00:00",
-                          "2024-01-01 00:00:60", "2024-1-01 00:00:00", "2024-01-01 00:00:00.", "2024-01-01 00:00:00Z",
-                          "2024-01-01T00:00:00+01:00", "2024-01-01T00:00:00.12345678", "2024-04-31T00:00:00"})
+                          "2024-01-01 24:00:00", "2024-01-01 00:00:60", "2024-1-01 00:00:00", "2024-01-01 00:00:00.",
+                          "2024-01-01 00:00:00Z", "2024-01-01T00:00:00+01:00", "2024-01-01T00:00:00.12345678",
+                          "2024-04-31T00:00:00"})
     EXPECT_FALSE(CCsvLoader::ParseTimestamp(bad, &t)) << bad;
 }
 
@@ -88,11 +89,7 @@ TEST_F(CsvRejected, EachProblemWithItsLineAndNothingLoaded) {
       {"", 0, "no header line"},
       {"tag,time,value,quality\nA,2024-01-01 00:00:00,1,0\n", 1, "header"},
       {head + "A,2024-01-01 00:00:01,1\n", 3, "expected 4 fields, found 3"},
-      {head + "A,2024-02-30 00:00:00,1,0\n", 3, "invalid timestamp '2024-02-30 00:00:00'"},
-      {head + "A,2024-01-01 24:00:00,1,0\n", 3, "invalid timestamp"},
       {head + "A,2024-01-01 00:00:01,1,0xZZ\n", 3, "invalid quality '0xZZ'"},
-      {head + "A,2024-01-01 00:00:01,1,-1\n", 3, "invalid quality"},
-      {head5 + "A,2024-01-01 00:00:01,1,0,VT_FOO\n", 3, "unknown vartype 'VT_FOO'"},
       {head + "Existing,2024-01-01 00:00:01,abc,0\n", 3, "value 'abc' is not a VT_I2"},
       {head + "Existing,2024-01-01 00:00:01,40000,0\n", 3, "out of range for VT_I2"},
       {head + "A,2024-01-01 00:00:01,xyz,0\n", 3, "is not a VT_R8"},
@@ -107,13 +104,11 @@ TEST_F(CsvRejected, EachProblemWithItsLineAndNothingLoaded) {
       {head + "B,2024-01-01 00:00:01,\xC3\x28,0\n", 3, "invalid UTF-8"},
       // A NUL would cut the field short; invisible characters are named in messages.
       {"tag,time\0stamp,value,quality\n"s, 1, "NUL byte in field 2"},
-      {head + "A\0B,2024-01-01 00:00:01,1,0\n"s, 3, "NUL byte in field 1"},
       {head + "\"multi\nline\",2024-01-01 00:00:01,\"a\0b\",0\n"s, 3, "NUL byte in field 3"},
-      {head + "A,2024-01-01 00:00:01,1,192\r", 3, "invalid quality '192\\r'"},
+      {head + "A,2024-01-01 00:00:01,1,1\xFF\r", 3, "invalid quality '1\\xFF\\r'"},
       {head + "A,\xEF\xBB\xBF" "2024-01-01\t00:00:01,1,0\n", 3, "invalid timestamp '\\uFEFF2024-01-01\\t00:00:01'"},
       {head5 + "A,2024-01-01 00:00:01,1,0,VT_R8\xC2\xA0\x01\n", 3, "unknown vartype 'VT_R8\\u00A0\\x01'"},
       {head + "A,2024-01-01 00:00:01,1\xE2\x80\x8B\xF0\x9F\x98\x80,0\n", 3, "value '1\\u200B\xF0\x9F\x98\x80' is not"},
-      {head + "A,2024-01-01 00:00:01,1,1\xFF\n", 3, "invalid quality '1\\xFF'"},
   };
   const size_t samples = store_->SampleCount(), tags = store_->TagCount();
   for (const Case& c : cases) {

@@ -1,6 +1,5 @@
 #include <cmath>
 #include <string>
-#include <thread>
 
 #include "tests/historian/HistorianTestUtil.h"
 
@@ -128,30 +127,6 @@ TEST_F(RawPaging, ContinuationPointsAreOwnedAndWritesBetweenPagesNeitherRepeatNo
     for (double v : ValuesOf(Take(list))) rest.push_back(v);
   }
   EXPECT_EQ((std::vector<double>{3, 4}), rest);
-}
-
-TEST_F(RawPaging, ConcurrentReadersSeeOrderedPagesWhileAWriterWorks) {
-  AddSeries(OLESTR("T"), 20000);
-  AddSeries(OLESTR("W"), 10);
-  std::vector<std::thread> readers;
-  std::atomic<int> problems{0};
-  for (int r = 0; r < 3; ++r)
-    readers.emplace_back([&] {
-      std::vector<Sample> all = ReadAll(OLESTR("T"), 0, 19999, 700);
-      if (all.size() != 20000) ++problems;
-      for (size_t i = 1; i < all.size(); ++i)
-        if (all[i].time <= all[i - 1].time) ++problems;
-    });
-  TagIdent w = Ident(OLESTR("W"));
-  for (int i = 0; i < 2000; ++i) {
-    EXPECT_EQ(S_OK, raw_->InsertValue(&w, Written(OLESTR("0"), 100 + i).P()));
-    if (i % 2) {
-      EXPECT_EQ(S_OK, raw_->DeleteValues(&w, At(100 + i), At(100 + i)));
-    }
-  }
-  for (auto& t : readers) t.join();
-  EXPECT_EQ(0, problems.load());
-  EXPECT_EQ(20000u + 10 + 1000, store_->SampleCount());
 }
 
 // What the write procedures answer (inserted, already present, unknown tag, not found, a
