@@ -43,8 +43,12 @@ TEST_F(QualityFunctions, TextsOfQualitiesAccessRightsAndDataTypes) {
       {"QualityToStr2(2150891549)", "BadNodeIdUnknown"},  // flags without the info type
       {"QualityToStr2(1888617476)", "UncertainInitialValue [Raw | Partial]"},  // reserved bits masked away
       {"QualityToStr2(2164458500)", "Bad (2164458500) [Raw | Partial]"},       // unpublished sub-code
+      {"QualityToStr2(3221225472)", "Unknown (3221225472)"},                   // past the last published code
+      {"AccessRightsToStr(0)", "TAG_ACCESS_RIGHTS_NONE"},
       {"AccessRightsToStr(3)", "TAG_ACCESS_RIGHTS_READ_WRITE"},
       {"AccessRightsToStr(-1)", "Unknown"},
+      {"DataTypeToStr(5)", "VT_R8"},
+      {"DataTypeToStr(11)", "VT_BOOL"},
       {"DataTypeToStr(21)", "VT_UI8"},
       {"DataTypeToStr(8)", "Unknown"},  // strings are not in the table
   };
@@ -140,6 +144,7 @@ TEST_F(Aggregates, FoldTheFedValuesFromTheirStartingValues) {
   EXPECT_EQ(Run("MAX(VALUE)", {-5, -3}), "VT_R8 2.2250738585072014e-308") << "MAX starts at the smallest normal";
   EXPECT_EQ(Run("MIN(VALUE)", {1e308, 1.7976931348623157e308}), "VT_R8 1e+308");
   EXPECT_EQ(Run("SUM(VALUE)", {}), "VT_EMPTY") << "no value fed yet";
+  EXPECT_EQ(Run("COUNT(VALUE)", {9, 9, 9}), "VT_UI4 3");
   // A later batch goes on from the earlier ones; an empty one keeps the result.
   EXPECT_EQ(Run("AVG(VALUE)", {2, 4}), "VT_R8 3");
   EXPECT_EQ(FeedAndEvaluate({9}), "VT_R8 5");

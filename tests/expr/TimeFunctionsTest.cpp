@@ -78,6 +78,7 @@ TEST_F(TimeText, TheFormsUsersTypeReadAsUtc) {
       {"2020-01-01T14:30:00+02:30", Utc(2020, 1, 1, 12)},
       {"1/15/2020", Utc(2020, 1, 15)},
       {"1/15/2020 3:04:05 PM", Utc(2020, 1, 15, 15, 4, 5)},
+      {"12/31/1999 11:59:59 PM", Utc(1999, 12, 31, 23, 59, 59)},
   };
   for (const Case& c : cases) {
     ULONG64 time = 0;

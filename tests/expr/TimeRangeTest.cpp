@@ -112,8 +112,16 @@ TEST_F(Binding, MakesANewTreeAndLeavesTheWrittenOneAlone) {
 
 TEST_F(Binding, UnknownFunctionsAndColumnsOutsideARowFail) {
   SQLEvaluationResult result;
+  EXPECT_EQ(Eval("Frobnicate(1)", &result), E_FAIL);
   EXPECT_EQ(Eval("IsGood(Frobnicate(1))", &result), E_FAIL);
   EXPECT_EQ(Eval("VALUE", &result), E_FAIL);
+  ASSERT_EQ(Eval("'text'", &result), S_OK);
+  // A time becomes a DATE where a value is wanted (INSERT and UPDATE values).
+  VARIANT value;
+  auto query = ParseOk("SELECT nowutc() FROM T");
+  ASSERT_EQ(EvaluateAsValue(query->SelectColumns()[0]->Item(), context, &value), S_OK);
+  EXPECT_EQ(value.vt, VT_DATE);
+  EXPECT_DOUBLE_EQ(value.date, 44348.0 + 10.0 / 24.0);  // 2021-06-01 10:00
 }
 
 }  // namespace
