@@ -9,6 +9,7 @@
 #include "provider/ErrorReporting.h"
 #include "provider/ICreateCorvaneOleDbProvider.h"
 #include "provider/Module.h"
+#include "tests/interop/ErrorRecords.h"
 #include "tests/support/LeakCheckedTest.h"
 
 using corvane::DescribeFailure;
@@ -144,6 +145,29 @@ TEST_F(ErrorLookupService, ThreadsPostAndLookUpAtOnce) {
     });
   for (auto& th : threads) th.join();
   EXPECT_EQ(0, wrong.load());
+}
+
+// The record a provider object posts: its ERRORINFO and lookup id give back, through the
+// service, the very texts the record carries itself.
+TEST_F(ErrorLookupService, EveryPostedRecordIsFoundByItsLookupId) {
+  corvane::ClearErrorRecords();
+  const corvane::WString message = DescribeFailure(IID_ICommandPrepare, OLESTR("Unable to create column bindings."));
+  corvane::PostFailure(IID_IDBInitialize, E_FAIL, OLESTR("CProviderDataSource class"));
+  corvane::PostErrorRecord(IID_ICommandPrepare, DB_E_ERRORSINCOMMAND, OLESTR("CProviderCommand class"),
+                           message.c_str());
+  const std::vector<ERRORINFO> infos = corvane::test::TakeRecords();
+  ASSERT_EQ(2u, infos.size());
+  const std::string expected[2][2] = {{"CProviderDataSource class", Describe(IID_IDBInitialize, E_FAIL)},
+                                      {"CProviderCommand class", ToUtf8(message)}};
+  IErrorLookup* lookup = NewLookup();
+  for (size_t i = 0; i < 2; ++i) {
+    const LookedUp found = LookUp(lookup, infos[i].hrError, infos[i].dwMinor);
+    EXPECT_EQ(S_OK, found.hr) << i;
+    EXPECT_EQ(expected[i][0], found.source);
+    EXPECT_EQ(expected[i][1], found.description);
+    lookup->ReleaseErrors(infos[i].dwMinor);
+  }
+  lookup->Release();
 }
 
 #ifndef _WIN32
