@@ -87,6 +87,7 @@ TEST(GuidText, WritesTheBracedUpperCaseFormAndReadsItBackWithTheWindowsCodes) {
       {u"{EFFACBC0-538B-4BC7-AFE1-2E90167424C}", CO_E_CLASSSTRING, nullptr},    // a length other than 38
       {u"{EFFACBC0-538B-4BC7-AFE1-2E90167424CG}", CO_E_CLASSSTRING, nullptr},   // not hexadecimal
       {u"{EFFACBC0+538B-4BC7-AFE1-2E90167424C6}", CO_E_CLASSSTRING, nullptr},   // wrong separator
+      {u"{EFFACBC0-538B-4BC7-AFE12E90167424C6-}", CO_E_CLASSSTRING, nullptr},   // separator misplaced
   };
   for (const auto& c : cases) {
     CLSID clsid = IID_IClassFactory;
@@ -145,6 +146,7 @@ TEST(ClassRegistry, CreatesAndNamesRegisteredClassesAndAnswersWithWindowsCodesOt
   EXPECT_EQ(CLSIDFromString(W("CORVANE.TESTWIDGET.1"), &clsid), S_OK) << "CLSIDFromString also takes a ProgID";
   EXPECT_TRUE(IsEqualCLSID(clsid, CLSID_TestWidget));
   EXPECT_EQ(CLSIDFromProgID(W("Corvane.NoSuchThing"), &clsid), CO_E_CLASSSTRING);
+  EXPECT_EQ(CLSIDFromProgID(W(""), &clsid), CO_E_CLASSSTRING);
   EXPECT_EQ(CLSIDFromProgID(nullptr, &clsid), E_INVALIDARG);
   EXPECT_EQ(CLSIDFromProgID(W("Corvane.TestWidget.1"), nullptr), E_INVALIDARG);
 

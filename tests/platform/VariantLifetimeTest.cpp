@@ -53,7 +53,7 @@ TEST(VariantLifetime, ClearReleasesWhatTheVariantOwnsAndRefusesWhatItCannotRead)
   EXPECT_EQ(VariantClear(&v), S_OK);
   SysFreeString(s);
   EXPECT_EQ(LiveBstrs(), base);
-  for (VARTYPE bad : {VARTYPE(15), VARTYPE(VT_BYREF | VT_NULL), VARTYPE(VT_VECTOR | VT_I4)}) {
+  for (VARTYPE bad : {VARTYPE(15), VARTYPE(0x7F), VARTYPE(VT_BYREF | VT_NULL), VARTYPE(VT_VECTOR | VT_I4)}) {
     v.vt = bad;
     EXPECT_EQ(VariantClear(&v), DISP_E_BADVARTYPE) << bad;
     EXPECT_EQ(v.vt, bad) << "left untouched";
