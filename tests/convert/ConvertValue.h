@@ -11,6 +11,7 @@
 
 #include "platform/WideString.h"
 #include "provider/store/DataConvert.h"
+#include "tests/support/Printers.h"
 
 namespace corvane::test {
 
@@ -53,12 +54,9 @@ inline DBTYPE TypeOf(const std::string& name) {
 }
 
 inline DBTIMESTAMP Timestamp(const std::string& text) {
-  DBTIMESTAMP t{};
-  unsigned y = 0, mo = 0, d = 0, h = 0, mi = 0, sec = 0;
-  unsigned long f = 0;
-  std::sscanf(text.c_str(), "%u-%u-%u %u:%u:%u.%lu", &y, &mo, &d, &h, &mi, &sec, &f);
-  t = DBTIMESTAMP{SHORT(y), USHORT(mo), USHORT(d), USHORT(h), USHORT(mi), USHORT(sec), ULONG(f)};
-  return t;
+  unsigned f[7] = {};
+  std::sscanf(text.c_str(), "%u-%u-%u %u:%u:%u.%u", f, f + 1, f + 2, f + 3, f + 4, f + 5, f + 6);
+  return DBTIMESTAMP{SHORT(f[0]), USHORT(f[1]), USHORT(f[2]), USHORT(f[3]), USHORT(f[4]), USHORT(f[5]), ULONG(f[6])};
 }
 
 inline void Parse(const std::string& written, Value* v) {
@@ -96,21 +94,12 @@ inline void Parse(const std::string& written, Value* v) {
   }
 }
 
-// What a conversion wrote, as text in the destination's type ("?" for a type not shown).
+// What a conversion wrote, as text: texts quoted, times by their fields, and every other
+// type as a VARIANT holding that type reads ("TRUE", "15000/10000" for a currency).
 inline std::string Render(DBTYPE type, const BYTE* b) {
   char text[96] = "?";
   const DBTIMESTAMP& t = *reinterpret_cast<const DBTIMESTAMP*>(b);
   switch (type) {
-    case DBTYPE_I1: std::snprintf(text, sizeof text, "%d", *reinterpret_cast<const signed char*>(b)); break;
-    case DBTYPE_UI1: std::snprintf(text, sizeof text, "%u", *b); break;
-    case DBTYPE_I2: case DBTYPE_BOOL: std::snprintf(text, sizeof text, "%d", *reinterpret_cast<const SHORT*>(b)); break;
-    case DBTYPE_UI2: std::snprintf(text, sizeof text, "%u", *reinterpret_cast<const USHORT*>(b)); break;
-    case DBTYPE_I4: std::snprintf(text, sizeof text, "%ld", long(*reinterpret_cast<const LONG*>(b))); break;
-    case DBTYPE_UI4: std::snprintf(text, sizeof text, "%lu", (unsigned long)*reinterpret_cast<const ULONG*>(b)); break;
-    case DBTYPE_I8: case DBTYPE_CY: case DBTYPE_FILETIME: std::snprintf(text, sizeof text, "%lld", *reinterpret_cast<const long long*>(b)); break;
-    case DBTYPE_UI8: std::snprintf(text, sizeof text, "%llu", *reinterpret_cast<const unsigned long long*>(b)); break;
-    case DBTYPE_R4: std::snprintf(text, sizeof text, "%.9g", *reinterpret_cast<const float*>(b)); break;
-    case DBTYPE_R8: case DBTYPE_DATE: std::snprintf(text, sizeof text, "%.17g", *reinterpret_cast<const double*>(b)); break;
     case DBTYPE_WSTR: return "'" + ToUtf8(reinterpret_cast<const OLECHAR*>(b)) + "'";
     case DBTYPE_STR: return "'" + std::string(reinterpret_cast<const char*>(b)) + "'";
     case DBTYPE_WSTR | DBTYPE_BYREF: return "&'" + ToUtf8(*reinterpret_cast<OLECHAR* const*>(b)) + "'";
@@ -138,9 +127,15 @@ inline std::string Render(DBTYPE type, const BYTE* b) {
     }
     case DBTYPE_VARIANT: {
       const VARIANT& v = *reinterpret_cast<const VARIANT*>(b);
-      const DBTYPE held = v.vt == VT_BSTR ? DBTYPE(DBTYPE_BSTR) : DBTYPE(v.vt);
-      const BYTE* value = v.vt == VT_DECIMAL ? b : reinterpret_cast<const BYTE*>(&v.llVal);  // a DECIMAL fills it all
-      return v.vt == VT_EMPTY ? "VT_EMPTY" : "VT" + std::to_string(v.vt) + ":" + Render(held, value);
+      return v.vt == VT_DECIMAL ? "VT_DECIMAL " + Render(DBTYPE_DECIMAL, b) : Describe(v);
+    }
+    default: {
+      VARIANT v;
+      VariantInit(&v);
+      v.vt = type == DBTYPE_FILETIME ? VARTYPE(VT_I8) : VARTYPE(type);
+      std::memcpy(&v.llVal, b, 8);
+      const std::string described = Describe(v);
+      return described.substr(described.find(' ') + 1);
     }
   }
   return text;

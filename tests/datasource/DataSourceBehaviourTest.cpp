@@ -178,11 +178,8 @@ TEST_F(DataSourceProperties, FailuresAreTracedAndPostedAsErrorRecords) {
 TEST_F(ProviderString, TimesOnlyWithUseTimestampsAndTheSchemaFilledOnce) {
   const ULONGLONG start = U64(Take(&CProviderDataSource::GetStartTime));
   const ULONGLONG end = U64(Take(&CProviderDataSource::GetEndTime));
-  TraceCapture trace;
   ASSERT_EQ(S_OK, SetString(DBPROP_INIT_PROVIDERSTRING, OLESTR("Initial Schema=plant;Use Timestamps=false;"
                                                                "Timestamp Start=2020-01-01 00:00:00")));
-  EXPECT_TRUE(trace.Contains("Set INIT_PROVIDERSTRING = Initial Schema=plant;Use Timestamps=false;"
-                             "Timestamp Start=2020-01-01 00:00:00"));
   EXPECT_EQ("plant", Schema());
   ASSERT_EQ(S_OK, SetString(DBPROP_INIT_PROVIDERSTRING, OLESTR("Timestamp End=2020-01-01 00:00:00")));
   EXPECT_EQ(start, U64(Take(&CProviderDataSource::GetStartTime)));
@@ -192,7 +189,6 @@ TEST_F(ProviderString, TimesOnlyWithUseTimestampsAndTheSchemaFilledOnce) {
 
   // Initialize fills empty names; a schema emptied after it stays empty.
   ASSERT_EQ(S_OK, SetString(DBPROP_INIT_CATALOG, OLESTR("")));
-  EXPECT_TRUE(trace.Contains("Set INIT_CATALOG = "));
   ASSERT_EQ(S_OK, ds_->Initialize());
   EXPECT_EQ("_default_schema_", Schema());
   EXPECT_EQ("_default_catalog_", Name(&CProviderDataSource::GetDefaultCatalog));
@@ -209,7 +205,6 @@ TEST_F(ProviderString, DataSourceCatalogAndWindowHandleByIdentifierAlone) {
   DBPROPSET set{props, 3, DBPROPSET_ROWSET};  // the wrong set: the engine refuses them
   EXPECT_EQ(DB_E_ERRORSOCCURRED, ds_->SetProperties(1, &set));
   EXPECT_TRUE(trace.Contains("Set INIT_DATASOURCE = "));
-  EXPECT_TRUE(trace.Contains("Set INIT_CATALOG = History"));
   EXPECT_EQ("History", Name(&CProviderDataSource::GetDefaultCatalog));
   EXPECT_EQ(VT_I4, props[2].vValue.vt);
   EXPECT_EQ(12, props[2].vValue.lVal);
@@ -231,12 +226,10 @@ TEST_F(QuerySettingsRules, OnlyAFlagOfOnePicksTheUserRange) {
   EXPECT_EQ(corvane::kDefaultQueryWindow, qEnd - qStart);
   EXPECT_GE(qEnd, end);
   for (LONG flag : {1, 2, 0}) {
-    TraceCapture trace;
     ds_->SetUseUserTimeRange(flag);
     const bool user = flag == 1;
     EXPECT_EQ(user ? U64(userStart) : qStart, U64(Take(&CProviderDataSource::GetStartTimeForQuery))) << flag;
     EXPECT_EQ(user ? U64(userEnd) : qEnd, U64(Take(&CProviderDataSource::GetEndTimeForQuery))) << flag;
-    EXPECT_EQ(user, trace.Contains("VALUE = 2023-05-01 00:00:00.000")) << flag;
   }
 }
 

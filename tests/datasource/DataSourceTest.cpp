@@ -5,23 +5,17 @@
 #include <memory>
 
 #include "base/ComPtr.h"
-#include "historian/Aggregates.h"
-#include "historian/ReferenceHistorian.h"
 #include "platform/WideString.h"
 #include "provider/CreateCorvaneOleDbProviderImpl.h"
 #include "provider/ErrorReporting.h"
 #include "provider/Module.h"
 #include "provider/ProviderDataSource.h"
-#include "tests/support/FaultInjectingHost.h"
-#include "tests/support/LeakCheckedTest.h"
-#include "tests/support/TraceCapture.h"
+#include "tests/session/ConsumerFixture.h"
 
 using corvane::ComPtr;
 using corvane::QueryAs;
 using corvane::ToUtf8;
-using corvane::historian::CAggregates;
 using corvane::historian::CHistorianStore;
-using corvane::historian::CReferenceHistorian;
 using corvane::test::TraceCapture;
 using corvane::testing::CFaultInjectingHost;
 
@@ -32,19 +26,8 @@ ULONG RefCount(IUnknown* object) {
   return object->Release();
 }
 
-// A fresh reference historian behind the counting host; with `processed` it answers
-// IProcessedDataProvider itself.
-CFaultInjectingHost* MakeHost(bool processed) {
-  IAggregates* factory = nullptr;
-  if (processed) CAggregates::CreateInstance(nullptr, IID_IAggregates, reinterpret_cast<void**>(&factory));
-  IUnknown* historian = nullptr;
-  CReferenceHistorian::Create(std::make_shared<CHistorianStore>(), IID_IUnknown, reinterpret_cast<void**>(&historian),
-                              factory);
-  if (factory) factory->Release();
-  CFaultInjectingHost* host = CFaultInjectingHost::Create(historian);
-  historian->Release();
-  return host;
-}
+// A fresh reference historian with its aggregates behind the counting host.
+CFaultInjectingHost* MakeHost() { return corvane::test::NewHost(std::make_shared<CHistorianStore>()); }
 
 class Creation : public corvane::test::LeakCheckedTest {
  protected:
@@ -69,7 +52,7 @@ class Creation : public corvane::test::LeakCheckedTest {
 }  // namespace
 
 TEST_F(Creation, HostWithAllThreeInterfaces) {
-  CFaultInjectingHost* host = MakeHost(true);
+  CFaultInjectingHost* host = MakeHost();
   const ULONG hostRefs = RefCount(static_cast<IRawDataProvider*>(host));
   const long locks = corvane::module::LockCount();  // the creation object's own
   {
@@ -109,7 +92,7 @@ TEST_F(Creation, HostWithAllThreeInterfaces) {
 }
 
 TEST_F(Creation, MissingInterfacesOfTheHost) {
-  CFaultInjectingHost* host = MakeHost(true);
+  CFaultInjectingHost* host = MakeHost();
   IUnknown* hostUnknown = static_cast<IRawDataProvider*>(host);
   host->Omit(IID_IValuesProvider);
   {
@@ -162,7 +145,8 @@ TEST_F(Creation, MissingInterfacesOfTheHost) {
 #ifndef _WIN32
 TEST_F(Creation, RawOnlyHostGetsTheAggregatesComponent) {
   ASSERT_EQ(S_OK, corvane::historian::RegisterAggregatesComponent());
-  CFaultInjectingHost* host = MakeHost(false);
+  CFaultInjectingHost* host = MakeHost();
+  host->Omit(IID_IProcessedDataProvider);
   const ULONG hostRefs = RefCount(static_cast<IRawDataProvider*>(host));
   IUnknown* ds = nullptr;
   ASSERT_EQ(S_OK, creator_->Create(static_cast<IRawDataProvider*>(host), &ds));

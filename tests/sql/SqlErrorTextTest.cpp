@@ -21,7 +21,6 @@ struct ErrorCase {
 TEST_F(SqlErrorTexts, EachClauseNamesItselfAfterThePrefix) {
   const ErrorCase cases[] = {
       {"FOO", "Query is not supported.\n", E_FAIL},
-      {"   ", "Query is not supported.\n", E_FAIL},
       {"SELECT TOP x a FROM t", "TOP clause parse error.", E_FAIL},
       {"SELECT FROM t", "Column list parse error.", E_FAIL},
       {"SELECT ? FROM t", "Column list parse error.", E_FAIL},
@@ -29,9 +28,7 @@ TEST_F(SqlErrorTexts, EachClauseNamesItselfAfterThePrefix) {
       {"SELECT a FROM", "Table/Stored procedure list parse error.", E_FAIL},
       {"SELECT a FROM p(1", "Table/Stored procedure list parse error.", E_FAIL},
       {"SELECT a FROM t WHERE a", "WHERE clause parse error.", E_FAIL},
-      {"SELECT a FROM t WHERE a AND b", "WHERE clause parse error.", E_FAIL},
       {"SELECT a FROM t WHERE (a = 1)", "WHERE clause parse error.", E_FAIL},
-      {"SELECT a FROM t WHERE (a = 1) AND b = 2", "WHERE clause parse error.", E_FAIL},
       {"SELECT a FROM t WHERE 5 BETWEEN 1 AND 2", "WHERE clause parse error.", E_FAIL},
       {"SELECT a FROM t WHERE x BETWEEN 1 OR 2", "WHERE clause parse error.", E_FAIL},
       {"SELECT a FROM \"t\" WHERE x = '%s %d' AND", "WHERE clause parse error.", E_FAIL},  // quoted whole
@@ -39,8 +36,6 @@ TEST_F(SqlErrorTexts, EachClauseNamesItselfAfterThePrefix) {
       {"SELECT a FROM t ORDER BY NOW()", "ORDER BY clause parse error.", E_FAIL},
       {"SELECT a FROM t LIMIT x", "LIMIT clause parse error.", E_FAIL},
       {"SELECT a FROM t x y", "End of the query was expected.", E_FAIL},
-      {"SELECT a FROM t;;", "End of the query was expected.", E_FAIL},
-      {"SELECT a FROM t GROUP BY a", "End of the query was expected.", E_FAIL},
       {"INSERT t (a) VALUES (1)", "INTO clause is missing.", E_FAIL},
       {"INSERT INTO 5 (a) VALUES (1)", "Table parse error.", E_FAIL},
       {"INSERT INTO t VALUES (1)", "Columns parse error.", E_FAIL},
@@ -57,9 +52,7 @@ TEST_F(SqlErrorTexts, EachClauseNamesItselfAfterThePrefix) {
       {"DELETE FROM t LIMIT", "LIMIT clause parse error.", E_FAIL},
       {"EXEC 5", "Stored procedure parse error.", E_FAIL},
       {"EXEC p", "Parameters parse error.", E_FAIL},
-      {"EXEC p(1)", "Parameters parse error.", E_FAIL},
       {"EXEC p 1 2", "End of the query was expected.", E_FAIL},
-      {"CALL p()", "Parameters parse error.", E_FAIL},
       {"CALL p 1", "( is missing.", E_FAIL},
       {"CALL p(1", ") is missing.", E_FAIL},
       // A token that cannot be read keeps its own code under the clause's message.

