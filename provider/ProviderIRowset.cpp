@@ -2,6 +2,7 @@
 
 #include "provider/ErrorReporting.h"
 
+#include <algorithm>
 #include <cstring>
 #include <new>
 
@@ -105,7 +106,6 @@ CProviderIRowset::~CProviderIRowset() {
   }
   // Rows before the store: they were laid out by its column description.
   m_Rows.ForEach([](RowHandleTable::Slot& held) { held.row.load(std::memory_order_relaxed)->Release(); });
-  m_Rows.Clear();
   m_Accessors.clear();
   for (PropertyValue& p : m_Properties) VariantClear(&p.value);
   m_pStore.reset();
@@ -221,20 +221,9 @@ HRESULT CProviderIRowset::GetNextRowsLocked(DBROWOFFSET lRowsOffset, DBROWCOUNT 
     *prghRows = array;
     allocated = true;
   }
-  HROW* handles = *prghRows;
-  size_t i = 0;
   try {
     m_Rows.Reserve(n);
-    for (; i < n; ++i) {
-      const HROW handle = m_RowHandleGenerator + 1;
-      m_Rows.Insert(handle, m_Batch[i]);
-      m_RowHandleGenerator = handle;
-      handles[i] = handle;
-      CVTRACE(TRACE_DETAIL, OLESTR("CCommandIRowset::GetNextRows -> m_RowHandleGenerator = %d"),
-              static_cast<int>(handle));
-    }
   } catch (const std::bad_alloc&) {
-    for (size_t k = 0; k < i; ++k) m_Rows.Erase(m_Rows.Find(handles[k]));
     for (CRefCountedDataStoreRow* row : m_Batch) row->Release();
     m_Batch.clear();
     if (allocated) {
@@ -242,6 +231,12 @@ HRESULT CProviderIRowset::GetNextRowsLocked(DBROWOFFSET lRowsOffset, DBROWCOUNT 
       *prghRows = nullptr;
     }
     return E_OUTOFMEMORY;
+  }
+  HROW* handles = *prghRows;
+  for (size_t i = 0; i < n; ++i) {
+    handles[i] = m_Rows.Insert(m_Batch[i]);
+    CVTRACE(TRACE_DETAIL, OLESTR("CCommandIRowset::GetNextRows -> m_RowHandleGenerator = %d"),
+            static_cast<int>(handles[i]));
   }
   m_Batch.clear();
   *pcRowsObtained = n;
@@ -755,21 +750,15 @@ HRESULT STDMETHODCALLTYPE CProviderIRowset::IsSameRow(HROW hThisRow, HROW hThatR
 
 // ---- Row handles
 
-void CProviderIRowset::RowHandleTable::Slot::Set(HROW h, CRefCountedDataStoreRow* r, DBREFCOUNT n) {
-  if (handle.load(std::memory_order_relaxed) != 0) {
-    handle.store(0, std::memory_order_relaxed);
-    std::atomic_thread_fence(std::memory_order_release);
-  }
-  row.store(r, std::memory_order_relaxed);
-  refs = n;
-  handle.store(h, std::memory_order_release);
-}
+static_assert(sizeof(HROW) == 8, "a handle holds a slot and its generation");
 
 CRefCountedDataStoreRow* CProviderIRowset::RowHandleTable::Peek(HROW handle) const {
-  if (handle == 0) return nullptr;
-  const Array* a = m_pCurrent.load(std::memory_order_acquire);
-  if (!a) return nullptr;
-  const Slot& slot = a->slots[static_cast<size_t>(handle) & a->mask];
+  const uint32_t slot1 = static_cast<uint32_t>(handle);
+  if (slot1 == 0) return nullptr;
+  uint64_t offset;
+  const Slot* block = m_Blocks[BlockOf(slot1 - 1, &offset)].load(std::memory_order_acquire);
+  if (!block) return nullptr;
+  const Slot& slot = block[offset];
   if (slot.handle.load(std::memory_order_acquire) != handle) return nullptr;
   CRefCountedDataStoreRow* row = slot.row.load(std::memory_order_relaxed);
   // The handle again: unchanged means the row read is the one it held.
@@ -778,75 +767,50 @@ CRefCountedDataStoreRow* CProviderIRowset::RowHandleTable::Peek(HROW handle) con
   return row;
 }
 
-CProviderIRowset::RowHandleTable::Slot* CProviderIRowset::RowHandleTable::Find(HROW handle) {
-  const Array* a = m_pCurrent.load(std::memory_order_relaxed);
-  if (handle == 0 || !a) return nullptr;
-  Slot& slot = a->slots[static_cast<size_t>(handle) & a->mask];
-  if (slot.handle.load(std::memory_order_relaxed) == handle) return &slot;
-  if (m_Aside.empty()) return nullptr;
-  auto it = m_Aside.find(handle);
-  return it == m_Aside.end() ? nullptr : &it->second;
+CProviderIRowset::RowHandleTable::Slot* CProviderIRowset::RowHandleTable::Find(HROW handle) const {
+  const uint32_t slot1 = static_cast<uint32_t>(handle);
+  if (slot1 == 0 || slot1 > m_Used) return nullptr;
+  Slot& slot = At(slot1 - 1);
+  return slot.handle.load(std::memory_order_relaxed) == handle ? &slot : nullptr;
 }
 
 void CProviderIRowset::RowHandleTable::Reserve(size_t more) {
-  Array* current = m_pCurrent.load(std::memory_order_relaxed);
-  size_t size = current ? current->mask + 1 : 16;
-  while (size / 2 < m_Count + more) size *= 2;
-  if (current && size == current->mask + 1) return;
-  auto grown = std::make_unique<Array>();
-  grown->mask = size - 1;
-  grown->slots = std::make_unique<Slot[]>(size);
-  std::unordered_map<HROW, Slot> aside;
-  m_Arrays.reserve(m_Arrays.size() + 1);
-  auto place = [&](const Slot& held) {
-    const HROW h = held.handle.load(std::memory_order_relaxed);
-    CRefCountedDataStoreRow* r = held.row.load(std::memory_order_relaxed);
-    Slot& slot = grown->slots[static_cast<size_t>(h) & grown->mask];
-    const HROW there = slot.handle.load(std::memory_order_relaxed);
-    if (!there) {
-      slot.Set(h, r, held.refs);
-    } else if (there < h) {
-      aside[there].Set(there, slot.row.load(std::memory_order_relaxed), slot.refs);
-      slot.Set(h, r, held.refs);
-    } else {
-      aside[h].Set(h, r, held.refs);
-    }
-  };
-  ForEach(place);
-  m_Aside.swap(aside);
-  m_pCurrent.store(grown.get(), std::memory_order_release);
-  m_Arrays.push_back(std::move(grown));
-  // A reader still looking at the old array finds no handle there and asks under the lock.
-  if (current) {
-    for (size_t i = 0; i <= current->mask; ++i) current->slots[i].handle.store(0, std::memory_order_release);
+  constexpr uint64_t kMaxSlots = 0xFFFFFFFFull;  // the low half of a handle is slot + 1
+  while (m_FreeCount + (m_Made - m_Used) < more) {
+    uint64_t offset;
+    const size_t k = BlockOf(m_Made, &offset);
+    const uint64_t size = kFirstBlock << k;
+    if (m_Made >= kMaxSlots) throw std::bad_alloc();
+    m_Owned[k] = std::make_unique<Slot[]>(static_cast<size_t>(size));
+    m_Blocks[k].store(m_Owned[k].get(), std::memory_order_release);
+    m_Made = std::min<uint64_t>(m_Made + size, kMaxSlots);
   }
 }
 
-void CProviderIRowset::RowHandleTable::Insert(HROW handle, CRefCountedDataStoreRow* row) {
-  if (!m_pCurrent.load(std::memory_order_relaxed)) Reserve(1);
-  Array* a = m_pCurrent.load(std::memory_order_relaxed);
-  Slot& slot = a->slots[static_cast<size_t>(handle) & a->mask];
-  if (const HROW older = slot.handle.load(std::memory_order_relaxed)) {
-    // The older row steps aside.
-    m_Aside[older].Set(older, slot.row.load(std::memory_order_relaxed), slot.refs);
+HROW CProviderIRowset::RowHandleTable::Insert(CRefCountedDataStoreRow* row) {
+  uint32_t index;
+  if (m_FreeHead) {
+    index = m_FreeHead - 1;
+    m_FreeHead = At(index).nextFree;
+    --m_FreeCount;
+  } else {
+    index = m_Used++;
   }
-  slot.Set(handle, row, 1);
-  ++m_Count;
+  Slot& slot = At(index);
+  const HROW handle = (static_cast<HROW>(slot.generation) << 32) | (static_cast<HROW>(index) + 1);
+  // Erase cleared the handle; a reader that sees the new row must see that first.
+  std::atomic_thread_fence(std::memory_order_release);
+  slot.row.store(row, std::memory_order_relaxed);
+  slot.refs = 1;
+  slot.handle.store(handle, std::memory_order_release);
+  return handle;
 }
 
 void CProviderIRowset::RowHandleTable::Erase(Slot* held) {
-  const Array* a = m_pCurrent.load(std::memory_order_relaxed);
-  if (a && held >= a->slots.get() && held <= a->slots.get() + a->mask) {
-    held->handle.store(0, std::memory_order_release);
-  } else {
-    m_Aside.erase(held->handle.load(std::memory_order_relaxed));
-  }
-  --m_Count;
-}
-
-void CProviderIRowset::RowHandleTable::Clear() {
-  m_pCurrent.store(nullptr, std::memory_order_release);
-  m_Arrays.clear();
-  m_Aside.clear();
-  m_Count = 0;
+  const uint32_t slot1 = static_cast<uint32_t>(held->handle.load(std::memory_order_relaxed));
+  held->handle.store(0, std::memory_order_relaxed);
+  if (++held->generation == 0) return;  // every handle of the slot was given: retired
+  held->nextFree = m_FreeHead;
+  m_FreeHead = slot1;
+  ++m_FreeCount;
 }

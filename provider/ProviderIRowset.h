@@ -102,62 +102,73 @@ class CProviderIRowset : public IRowset,
   virtual HRESULT QueryOtherInterface(REFIID riid, void** ppv);
 
  private:
-  // Row handle -> held row. Handles come from a counter and are mostly released in the
-  // order they were given, so a handle's low bits pick its slot directly. A row held
-  // for long loses its slot to the newer handle that lands there and moves aside, so
-  // the table grows with the rows held at once, never with the rows fetched.
+  // Row handle -> held row. A handle names a slot of the rowset's array of held rows
+  // and the slot's generation, (generation << 32) | (slot + 1), so that a lookup is an
+  // index and one compare. Releasing a row moves its slot to the next generation, which
+  // refuses the old handle; a slot whose generation would wrap is retired, so no handle
+  // is ever given twice. Free slots are reused newest first: a consumer that releases a
+  // batch and fetches the next one gets the same few cache lines back. Slots live in
+  // blocks that never move, block k holding kFirstBlock << k of them.
   //
   // GetData looks a handle up without the rowset's lock (Peek). That is safe because
   // (1) a handle is never given twice, so a slot read as holding `handle` before and
-  // after its row pointer was read held that row in between (every change of a slot
-  // first clears its handle); (2) the slot arrays a reader may still look at are kept
-  // until the rowset goes, their slots cleared when a larger array takes over; and (3)
-  // the row behind a handle lives until that handle is released, which a consumer
-  // cannot do while it still reads through it. Everything else happens under the lock.
+  // after its row pointer was read held that row in between (a slot's handle is cleared
+  // before its row changes); (2) blocks are kept until the rowset goes; and (3) the row
+  // behind a handle lives until that handle is released, which a consumer cannot do
+  // while it still reads through it. Everything else happens under the lock.
   class RowHandleTable {
    public:
     struct Slot {
       std::atomic<HROW> handle{0};  // 0: a free slot
       std::atomic<CRefCountedDataStoreRow*> row{nullptr};
       DBREFCOUNT refs = 0;
-      // Changes the slot so that a reader never pairs the old handle with the new row.
-      void Set(HROW h, CRefCountedDataStoreRow* r, DBREFCOUNT n);
+      uint32_t generation = 0;  // of the slot's next handle
+      uint32_t nextFree = 0;    // the next free slot + 1, 0 for none
     };
     RowHandleTable() = default;
     RowHandleTable(const RowHandleTable&) = delete;
     RowHandleTable& operator=(const RowHandleTable&) = delete;
 
-    // Without the lock: the row held under `handle`, or null when the handle is not in
-    // its slot (unknown, released, or moved aside: Find answers under the lock).
+    // Without the lock: the row held under `handle`, or null.
     CRefCountedDataStoreRow* Peek(HROW handle) const;
-    Slot* Find(HROW handle);
-    // Makes the table at least twice as large as the rows held plus `more`. Throws
-    // std::bad_alloc and then leaves the table as it was.
+    Slot* Find(HROW handle) const;
+    // Makes room for `more` handles. Throws std::bad_alloc and then leaves the table as
+    // it was.
     void Reserve(size_t more);
-    // Throws std::bad_alloc and then leaves the table as it was.
-    void Insert(HROW handle, CRefCountedDataStoreRow* row);
+    // The handle of `row`, held once; Reserve made room for it.
+    HROW Insert(CRefCountedDataStoreRow* row);
     void Erase(Slot* held);
     // Every held row, in no particular order.
     template <typename F>
     void ForEach(F f) {
-      if (Array* a = m_pCurrent.load(std::memory_order_relaxed)) {
-        for (size_t i = 0; i <= a->mask; ++i) {
-          if (a->slots[i].handle.load(std::memory_order_relaxed)) f(a->slots[i]);
-        }
+      for (uint32_t i = 0; i < m_Used; ++i) {
+        Slot& slot = At(i);
+        if (slot.handle.load(std::memory_order_relaxed)) f(slot);
       }
-      for (auto& aside : m_Aside) f(aside.second);
     }
-    void Clear();
 
    private:
-    struct Array {
-      size_t mask;  // slots - 1, the slots a power of two
-      std::unique_ptr<Slot[]> slots;
-    };
-    std::atomic<Array*> m_pCurrent{nullptr};
-    std::vector<std::unique_ptr<Array>> m_Arrays;  // the current one and those it replaced
-    std::unordered_map<HROW, Slot> m_Aside;
-    size_t m_Count = 0;
+    static constexpr unsigned kFirstBits = 10;
+    static constexpr uint64_t kFirstBlock = uint64_t{1} << kFirstBits;
+    static constexpr size_t kBlocks = 33 - kFirstBits;  // enough for 2^32 - 1 slots
+    static size_t BlockOf(uint64_t index, uint64_t* offset) {
+      const uint64_t j = index + kFirstBlock;
+      const unsigned k = static_cast<unsigned>(63 - __builtin_clzll(j)) - kFirstBits;
+      *offset = j - (kFirstBlock << k);
+      return k;
+    }
+    Slot& At(uint32_t index) const {
+      uint64_t offset;
+      const size_t k = BlockOf(index, &offset);
+      return m_Blocks[k].load(std::memory_order_relaxed)[offset];
+    }
+
+    std::atomic<Slot*> m_Blocks[kBlocks] = {};
+    std::unique_ptr<Slot[]> m_Owned[kBlocks];
+    uint64_t m_Made = 0;     // slots in the blocks made
+    uint32_t m_Used = 0;     // slots ever handed out; those after are fresh
+    uint32_t m_FreeHead = 0;  // the newest free slot + 1, 0 for none
+    uint64_t m_FreeCount = 0;
   };
   struct Accessor {
     // 0 once released: the object is kept for the next accessor, never freed while a
@@ -195,7 +206,6 @@ class CProviderIRowset : public IRowset,
   IDataConvert* m_pConvert = nullptr;
 
   RowHandleTable m_Rows;
-  HROW m_RowHandleGenerator = 0;
   bool m_bFetched = false;
   std::vector<CRefCountedDataStoreRow*> m_Batch;
 

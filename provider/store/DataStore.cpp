@@ -697,11 +697,16 @@ StoredText CDataStore::PlaceWideText(const StoreValue& value, const OLECHAR* tex
 }
 
 CRefCountedDataStoreRow* CDataStore::NewRow() {
+  CRefCountedDataStoreRow* row = nullptr;
+  return TakeRows(&row, 1) ? row : nullptr;
+}
+
+size_t CDataStore::TakeRows(CRefCountedDataStoreRow** rows, size_t count) {
   if (!m_pPool) {
     m_pPool = new (std::nothrow) CRefCountedDataStoreRow::Pool(m_pColumnInfo, m_cColumns, m_cbRowSize);
-    if (!m_pPool) return nullptr;
+    if (!m_pPool) return 0;
   }
-  return m_pPool->Take();
+  return m_pPool->TakeMany(rows, count);
 }
 
 HRESULT CDataStore::FillRow(const ProducedRecord& record, CRefCountedDataStoreRow* row, CellRunTimer& timer) {
@@ -830,6 +835,11 @@ HRESULT CDataStore::PullFromProducer(ULONGLONG wanted) {
   HRESULT result = S_OK;
   {
     CellRunTimer timer(m_Stopwatch);
+    // The pool hands out a portion of rows under one lock, not one row at a time.
+    constexpr size_t kPortion = 64;
+    CRefCountedDataStoreRow* rows[kPortion];
+    size_t taken = 0;
+    size_t used = 0;
     ULONGLONG made = 0;
     for (; m_IncomingNext < m_Incoming.size() && made < wanted; ++m_IncomingNext, ++made) {
       if (m_MaxRows != 0 && m_RowsQueued >= m_MaxRows) {
@@ -837,9 +847,23 @@ HRESULT CDataStore::PullFromProducer(ULONGLONG wanted) {
         m_bProducerDone = true;
         break;
       }
-      result = AppendTimed(m_Incoming[m_IncomingNext], timer);
-      if (FAILED(result)) break;
+      if (used == taken) {
+        // Only rows that will be filled: the records left, the rows asked for, the limit.
+        ULONGLONG n = std::min<ULONGLONG>({kPortion, m_Incoming.size() - m_IncomingNext, wanted - made});
+        if (m_MaxRows != 0) n = std::min(n, m_MaxRows - m_RowsQueued);
+        taken = TakeRows(rows, static_cast<size_t>(n));
+        used = 0;
+        if (taken == 0) {
+          result = E_OUTOFMEMORY;
+          break;
+        }
+      }
+      CRefCountedDataStoreRow* row = rows[used++];
+      FillRow(m_Incoming[m_IncomingNext], row, timer);
+      m_ReadRows.push_back(row);
+      ++m_RowsQueued;
     }
+    if (used < taken) m_pPool->GiveBackMany(rows + used, taken - used);
   }
   if (m_bProducerDone && m_IncomingNext >= m_Incoming.size()) m_bEndOfData = true;
   return result;

@@ -174,6 +174,8 @@ class CDataStore {
   }
   void FreeColumnInfo();
   CRefCountedDataStoreRow* NewRow();
+  // Up to `count` new rows from the pool; fewer only when memory runs out.
+  size_t TakeRows(CRefCountedDataStoreRow** rows, size_t count);
   HRESULT FillRow(const ProducedRecord& record, CRefCountedDataStoreRow* row, CellRunTimer& timer);
   HRESULT AppendTimed(const ProducedRecord& record, CellRunTimer& timer);
   HRESULT PullFromProducer(ULONGLONG wanted);

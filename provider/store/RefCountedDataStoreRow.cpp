@@ -122,17 +122,19 @@ CRefCountedDataStoreRow::Pool::~Pool() {
   for (OLECHAR* block : m_SharedBlocks) delete[] block;
 }
 
-CRefCountedDataStoreRow* CRefCountedDataStoreRow::Pool::Take() {
+size_t CRefCountedDataStoreRow::Pool::TakeMany(CRefCountedDataStoreRow** rows, size_t count) {
+  size_t reused = 0;
   Lock();
-  CRefCountedDataStoreRow* row = m_pFree;
-  if (row) {
-    m_pFree = row->m_pNext;
-    --m_cFree;
+  for (; reused < count && m_pFree; ++reused) {
+    rows[reused] = m_pFree;
+    m_pFree = m_pFree->m_pNext;
   }
-  ++m_cOut;
+  m_cFree -= reused;
+  m_cOut += count;
   Unlock();
 
-  if (row) {
+  for (size_t i = 0; i < reused; ++i) {
+    CRefCountedDataStoreRow* row = rows[i];
     row->m_pNext = nullptr;
     row->m_cRef.store(1, std::memory_order_relaxed);
     // Released contents are already empty cells; only the status bytes still say
@@ -144,26 +146,27 @@ CRefCountedDataStoreRow* CRefCountedDataStoreRow::Pool::Take() {
     } else {
       std::memset(row->m_pBuffer, 0, static_cast<size_t>(m_cbStatus));
     }
-    return row;
   }
 
-  // The row and its buffer in one block: a row's cells start in its own cache lines.
-  void* block = CoTaskMemAlloc(sizeof(CRefCountedDataStoreRow) + static_cast<size_t>(m_cbRowSize));
-  if (block) {
+  size_t made = reused;
+  for (; made < count; ++made) {
+    // The row and its buffer in one block: a row's cells start in its own cache lines.
+    void* block = CoTaskMemAlloc(sizeof(CRefCountedDataStoreRow) + static_cast<size_t>(m_cbRowSize));
+    if (!block) break;
     BYTE* buffer = static_cast<BYTE*>(block) + sizeof(CRefCountedDataStoreRow);
     std::memset(buffer, 0, static_cast<size_t>(m_cbRowSize));
     for (DBORDINAL i : m_Owning) {
       if (m_pColumns[i].wType == DBTYPE_VARIANT) VariantInit(reinterpret_cast<VARIANT*>(buffer + m_pColumns[i].cbOffset));
     }
-    row = new (block) CRefCountedDataStoreRow(this, buffer, m_pColumns, m_cColumns, m_cbRowSize);
-    return row;
+    rows[made] = new (block) CRefCountedDataStoreRow(this, buffer, m_pColumns, m_cColumns, m_cbRowSize);
   }
+  if (made == count) return made;
   Lock();
-  --m_cOut;
+  m_cOut -= count - made;
   const bool last = m_bDetached && m_cOut == 0;
   Unlock();
   if (last) delete this;
-  return nullptr;
+  return made;
 }
 
 void CRefCountedDataStoreRow::Pool::Destroy(CRefCountedDataStoreRow* row) {

@@ -97,8 +97,9 @@ class CRefCountedDataStoreRow::Pool {
   Pool(const Pool&) = delete;
   Pool& operator=(const Pool&) = delete;
 
-  // A row with one reference and every cell null; null when memory runs out.
-  CRefCountedDataStoreRow* Take();
+  // Up to `count` rows with one reference and every cell null into `rows`, the free ones
+  // under one lock: the number made, fewer than `count` only when memory runs out.
+  size_t TakeMany(CRefCountedDataStoreRow** rows, size_t count);
   // The last reference went: the row's contents are freed and the row kept or freed.
   void GiveBack(CRefCountedDataStoreRow* row) { GiveBackMany(&row, 1); }
   void GiveBackMany(CRefCountedDataStoreRow* const* rows, size_t count);

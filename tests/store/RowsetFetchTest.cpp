@@ -47,9 +47,8 @@ TEST_F(RowsetFetch, HandlesAreDistinctNonzeroInBothArrayForms) {
   ASSERT_EQ(DB_S_ENDOFROWSET, rowset_->GetNextRows(DB_NULL_HCHAPTER, 0, 8, &obtained, &inPlace));
   EXPECT_EQ(supplied, inPlace);
   ASSERT_EQ(6u, obtained);
-  std::set<HROW> seen;
-  for (int i = 0; i < 3; ++i) seen.insert(allocated[i]);
-  for (int i = 0; i < 6; ++i) seen.insert(supplied[i]);
+  std::set<HROW> seen(allocated, allocated + 3);
+  seen.insert(supplied, supplied + 6);
   EXPECT_EQ(9u, seen.size());
   EXPECT_EQ(0u, seen.count(DB_NULL_HROW));
   EXPECT_EQ(S_FALSE, SameRow(allocated[0], supplied[0]));
