@@ -10,6 +10,17 @@
 
 using corvane::WString;
 
+namespace {
+
+// A column's name as the statement wrote it, with its qualifier.
+template <typename Column>
+WString WrittenName(const Column& column) {
+  const WString& qualifier = column.TableAlias().empty() ? column.TableName() : column.TableAlias();
+  return qualifier.empty() ? column.ColumnName() : qualifier + OLESTR(".") + column.ColumnName();
+}
+
+}  // namespace
+
 HRESULT StatementPlan::Make(std::unique_ptr<CSQLQueryInfo> query, std::shared_ptr<const StatementPlan>* plan,
                             WString* callMessage) {
   if (!query || !plan) return E_INVALIDARG;
@@ -64,15 +75,14 @@ HRESULT StatementPlan::Walk(WString* callMessage) {
   // A qualifier must name the FROM item wherever a column is read, or a WHERE on X.TAGNAME
   // would quietly read, change or delete the samples of TAGNAME. The select list is left
   // to DescribeSelect, which answers it in the select list's words.
-  const TableInfo* columns = source ? source : (table ? table : (procedure ? &procedure->Table : nullptr));
+  const TableInfo* read = source ? source : (table ? table : (procedure ? &procedure->Table : nullptr));
   auto qualifier = [&](const CSQLCalcItem* next) {
-    if (next->Kind() != SQL_CALC_TABLE_COLUMN || !from || !columns || FAILED(badCall)) return;
+    if (next->Kind() != SQL_CALC_TABLE_COLUMN || !from || !read || FAILED(badCall)) return;
     const auto& column = static_cast<const CSQLCalcItemTableColumn&>(*next);
-    if (CSelectListProducer::QualifierMatches(column, *from, *columns)) return;
-    const WString& q = column.TableAlias().empty() ? column.TableName() : column.TableAlias();
+    if (CSelectListProducer::QualifierMatches(column, *from, *read)) return;
     if (callMessage)
-      *callMessage = corvane::WFormat(OLESTR("Column '%s.%s' is not a column of %s."), q.c_str(),
-                                    column.ColumnName().c_str(), columns->Name.c_str());
+      *callMessage = corvane::WFormat(OLESTR("Column '%s' is not a column of %s."), WrittenName(column).c_str(),
+                                      read->Name.c_str());
     badCall = E_FAIL;
   };
   CWalkStack<const CSQLCalcItem*> items;
@@ -156,17 +166,6 @@ HRESULT StatementPlan::DescribeSource() {
   }
   return DescribeSelect();
 }
-
-namespace {
-
-// A column's name as the statement wrote it, with its qualifier.
-template <typename Column>
-WString WrittenName(const Column& column) {
-  const WString& qualifier = column.TableAlias().empty() ? column.TableName() : column.TableAlias();
-  return qualifier.empty() ? column.ColumnName() : qualifier + OLESTR(".") + column.ColumnName();
-}
-
-}  // namespace
 
 HRESULT StatementPlan::DescribeSelect() {
   auto sourceColumn = [this](const WString& name) -> const ColumnRecord* {
