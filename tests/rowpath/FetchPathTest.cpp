@@ -18,8 +18,6 @@
 namespace corvane::test {
 namespace {
 
-constexpr DBTYPE kWStrRef = DBTYPE_WSTR | DBTYPE_BYREF;
-
 // Same type and value; the bytes of the union a smaller value leaves alone are not compared.
 bool SameVariant(const VARIANT& a, const VARIANT& b) {
   if (V_VT(&a) != V_VT(&b)) return false;

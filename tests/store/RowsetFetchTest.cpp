@@ -8,8 +8,6 @@
 namespace corvane::test {
 namespace {
 
-constexpr DBTYPE kWStrRef = DBTYPE_WSTR | DBTYPE_BYREF;
-
 class RowsetFetch : public RowsetTest {
  protected:
   HRESULT SameRow(HROW a, HROW b) {
