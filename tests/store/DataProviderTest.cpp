@@ -108,17 +108,6 @@ TEST_F(DataProviderWorker, AFailingStepEndsTheWorkerAndIsKept) {
             texts);
 }
 
-TEST_F(DataProviderWorker, DestructionWaitsForTheWaitingWorker) {
-  TraceCapture capture(TRACE_INFO);
-  {
-    CountingProvider provider;
-    ASSERT_EQ(S_OK, provider.StartWorker());
-    ASSERT_TRUE(WaitUntil([&] { return capture.Contains("[DATA PROVIDER] -> Thread worker started (event driven)."); }));
-    EXPECT_FALSE(capture.Contains("[DATA PROVIDER] -> Thread worker finished."));
-  }
-  EXPECT_TRUE(capture.Contains("[DATA PROVIDER] -> Thread worker finished."));
-}
-
 TEST_F(DataProviderWorker, AFetchWakesWhenRowsArriveOrTheWorkerEnds) {
   PagedProducer producer(3000, 1000);
   ASSERT_EQ(S_OK, producer.Execute());
