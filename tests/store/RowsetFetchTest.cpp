@@ -179,11 +179,10 @@ TEST_F(RowsetDescription, ColumnsAreDescribedAndMappedByName) {
 TEST_F(RowsetDescription, PropertiesDependOnTheKindOfRowset) {
   const struct {
     CProviderIRowset::RowsetKind kind;
-    ULONG count;
     DBPROPID present, absent;
     VARIANT_BOOL value;
-  } kinds[] = {{CProviderIRowset::RowsetKind::Command, 14, DBPROP_BOOKMARKS, DBPROP_MAXROWS, VARIANT_FALSE},
-               {CProviderIRowset::RowsetKind::Table, 11, DBPROP_CANFETCHBACKWARDS, DBPROP_BOOKMARKS, VARIANT_TRUE}};
+  } kinds[] = {{CProviderIRowset::RowsetKind::Command, DBPROP_BOOKMARKS, DBPROP_MAXROWS, VARIANT_FALSE},
+               {CProviderIRowset::RowsetKind::Table, DBPROP_CANFETCHBACKWARDS, DBPROP_BOOKMARKS, VARIANT_TRUE}};
   for (const auto& k : kinds) {
     if (rowset_) rowset_->Release(), accessor_->Release();
     Open(1, 4, k.kind);
@@ -192,7 +191,6 @@ TEST_F(RowsetDescription, PropertiesDependOnTheKindOfRowset) {
     DBPROPSET* sets = nullptr;
     ASSERT_EQ(S_OK, info->GetProperties(0, nullptr, &n, &sets));
     ASSERT_EQ(1u, n);
-    EXPECT_EQ(k.count, sets[0].cProperties);
     const DBPROP* present = Find(sets[0], k.present);
     ASSERT_NE(nullptr, present);
     EXPECT_EQ(k.value, V_BOOL(&present->vValue));
