@@ -62,7 +62,8 @@ inline ProducedRecord RawRecord(ULONGLONG i) {
 }
 
 // A worker-driven producer of `total` RAWDATA records, `page` per step; each fetch
-// that takes records lets it produce the next page.
+// that takes records lets it produce the next page. From step `failStep` on, a step
+// fails with `failAtStep` instead.
 class PagedProducer : public CDataProvider {
  public:
   PagedProducer(ULONGLONG total, ULONGLONG page, HRESULT failAtStep = S_OK, ULONGLONG failStep = 0)
@@ -74,7 +75,7 @@ class PagedProducer : public CDataProvider {
     return S_OK;
   }
   HRESULT ExecuteStep() override {
-    const ULONGLONG step = ++steps_;
+    const ULONGLONG step = ++steps;
     if (FAILED(failWith_) && step >= failStep_) return failWith_;
     ProducedRecordList page;
     const ULONGLONG end = std::min(total_, produced_.load() + page_);
@@ -87,11 +88,16 @@ class PagedProducer : public CDataProvider {
     }
     return S_OK;
   }
-  std::atomic<int> fetches{0};
   HRESULT FetchRows(ProducedRecordList& rows, size_t wanted) override {
     ++fetches;
     return CDataProvider::FetchRows(rows, wanted);
   }
+  using CDataProvider::EnableRecordReuse;
+  using CDataProvider::PushPendingItem;
+  using CDataProvider::SetMoreData;
+  using CDataProvider::TakeSpareRecords;
+  std::atomic<ULONGLONG> steps{0};
+  std::atomic<int> fetches{0};
 
  private:
   ULONGLONG total_;
@@ -99,7 +105,6 @@ class PagedProducer : public CDataProvider {
   HRESULT failWith_;
   ULONGLONG failStep_;
   std::atomic<ULONGLONG> produced_{0};
-  std::atomic<ULONGLONG> steps_{0};
 };
 
 inline DBBINDING Binding(DBORDINAL ordinal, DBTYPE type, DBBYTEOFFSET offset, DBLENGTH maxLen,
