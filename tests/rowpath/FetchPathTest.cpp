@@ -18,8 +18,6 @@
 namespace corvane::test {
 namespace {
 
-constexpr DBTYPE kWStrRef = DBTYPE_WSTR | DBTYPE_BYREF;
-
 // Same type and value; the bytes of the union a smaller value leaves alone are not compared.
 bool SameVariant(const VARIANT& a, const VARIANT& b) {
   if (V_VT(&a) != V_VT(&b)) return false;
@@ -65,31 +63,18 @@ class Handover {
   bool closed_ = false;
 };
 
-class RowRecycling : public LeakCheckedTest {
- protected:
-  std::vector<ColumnRecord> Columns() {
-    return {Column(OLESTR("V"), 1, DBTYPE_VARIANT, 24), Column(OLESTR("S"), 2, kWStrRef),
-            Column(OLESTR("Q"), 3, DBTYPE_UI4, 4), Column(OLESTR("T"), 4, DBTYPE_WSTR, 8)};
-  }
-  ProducedRecord Full(ULONG i) {
-    return {Bstr(OLESTR("owned text")), Bstr(OLESTR("by reference")), UI4(i), Bstr(OLESTR("tag"))};
-  }
-  static std::vector<CRefCountedDataStoreRow*> Take(CDataStore& store, ULONGLONG n) {
-    std::vector<CRefCountedDataStoreRow*> rows;
-    store.GetNextRows(0, n, rows);
-    return rows;
-  }
-  static void ReleaseAll(std::vector<CRefCountedDataStoreRow*>& rows) {
-    for (CRefCountedDataStoreRow* r : rows) r->Release();
-    rows.clear();
-  }
-};
+using RowRecycling = LeakCheckedTest;
 
 TEST_F(RowRecycling, ReusedRowsStartEmptyAndKeepNothingOfTheirPast) {
   CDataStore store;
-  ASSERT_EQ(S_OK, store.Initialize(nullptr, Columns()));
-  for (ULONG i = 0; i < 8; ++i) ASSERT_EQ(S_OK, store.AppendRecord(Full(i)));
-  auto rows = Take(store, 8);
+  const std::vector<ColumnRecord> columns = {Column(OLESTR("V"), 1, DBTYPE_VARIANT, 24),
+                                            Column(OLESTR("S"), 2, kWStrRef), Column(OLESTR("Q"), 3, DBTYPE_UI4, 4),
+                                            Column(OLESTR("T"), 4, DBTYPE_WSTR, 8)};
+  ASSERT_EQ(S_OK, store.Initialize(nullptr, columns));
+  for (ULONG i = 0; i < 8; ++i) {
+    ASSERT_EQ(S_OK, store.AppendRecord({Bstr(OLESTR("owned")), Bstr(OLESTR("by ref")), UI4(i), Bstr(OLESTR("tag"))}));
+  }
+  auto rows = TakeRows(store, 8);
   ASSERT_EQ(8u, rows.size());
   const platform::AllocCounts held = platform::CurrentAllocCounts();
   ReleaseAll(rows);
@@ -100,7 +85,7 @@ TEST_F(RowRecycling, ReusedRowsStartEmptyAndKeepNothingOfTheirPast) {
   EXPECT_EQ(held.comBlocks - 8, released.comBlocks);
 
   for (int i = 0; i < 8; ++i) ASSERT_EQ(S_OK, store.AppendRecord(ProducedRecord{R8(i + 0.5)}));
-  rows = Take(store, 8);
+  rows = TakeRows(store, 8);
   ASSERT_EQ(8u, rows.size());
   const DBBINDING b[] = {Binding(1, DBTYPE_R8, 0, 8), Binding(2, kWStrRef, 32, 8), Binding(3, DBTYPE_UI4, 64, 4),
                          Binding(4, DBTYPE_WSTR, 96, 40)};
@@ -121,7 +106,7 @@ TEST_F(RowRecycling, FreeRowsAreBoundedAndGoAtTheEndOfTheRows) {
   const platform::AllocCounts empty = platform::CurrentAllocCounts();
   const ULONGLONG kRows = 5000;
   for (ULONGLONG i = 0; i < kRows; ++i) ASSERT_EQ(S_OK, store.AppendRecord(RawRecord(i)));
-  auto rows = Take(store, kRows - 1);
+  auto rows = TakeRows(store, kRows - 1);
   ASSERT_EQ(kRows - 1, rows.size());
   ReleaseAll(rows);
   // The free rows (each with its text buffer) are bounded, whatever was released.
@@ -131,33 +116,10 @@ TEST_F(RowRecycling, FreeRowsAreBoundedAndGoAtTheEndOfTheRows) {
   EXPECT_LT(kept, 2 * static_cast<int64_t>(kRows - 1));
 
   store.SetEndOfData();
-  rows = Take(store, 10);
+  rows = TakeRows(store, 10);
   ASSERT_EQ(1u, rows.size());
   ReleaseAll(rows);
   EXPECT_EQ(empty.comBlocks, platform::CurrentAllocCounts().comBlocks);
-}
-
-TEST_F(RowRecycling, RowsReleasedOnAnotherThreadComeBackSafely) {
-  CDataStore store;
-  ASSERT_EQ(S_OK, store.Initialize(nullptr, Columns()));
-  Handover<CRefCountedDataStoreRow*> handover;
-  std::thread releaser([&] {
-    for (CRefCountedDataStoreRow* r; handover.Take(&r);) r->Release();
-  });
-  ULONG checksum = 0;
-  for (ULONG i = 0; i < 20000; ++i) {
-    ASSERT_EQ(S_OK, store.AppendRecord(Full(i)));
-    auto rows = Take(store, 1);
-    ASSERT_EQ(1u, rows.size());
-    const DBBINDING q = Binding(3, DBTYPE_UI4, 0, 4);
-    BYTE buffer[32];
-    ASSERT_EQ(S_OK, store.GetData(&q, 1, rows[0], buffer));
-    checksum += ReadAt<ULONG>(buffer, 0) == i ? 1 : 0;
-    handover.Put(rows[0]);
-  }
-  handover.Close();
-  releaser.join();
-  EXPECT_EQ(20000u, checksum);
 }
 
 using RowHandles = RowsetTest;
@@ -274,8 +236,8 @@ TEST_F(CellCopies, StoreAndConversionServiceAgree) {
   CDataStore store;
   ASSERT_EQ(S_OK, store.Initialize(nullptr, records));
   ASSERT_EQ(S_OK, store.AppendRecord(record));
-  std::vector<CRefCountedDataStoreRow*> rows;
-  ASSERT_EQ(S_OK, store.GetNextRows(0, 1, rows));
+  auto rows = TakeRows(store, 1);
+  ASSERT_EQ(1u, rows.size());
   IDataConvert* convert = nullptr;
   ASSERT_EQ(S_OK, CreateDataConvert(&convert));
   TraceCapture traces;
@@ -367,8 +329,8 @@ TEST_F(CellCopies, TimestampsFollowTheCalendarInAnyOrder) {
   CDataStore store;
   ASSERT_EQ(S_OK, store.Initialize(nullptr, {Column(OLESTR("T"), 1, DBTYPE_DBTIMESTAMP, 16)}));
   for (ULONGLONG t : times) ASSERT_EQ(S_OK, store.AppendRecord(ProducedRecord{StoreValue::FromTime(U64ToFileTime(t))}));
-  std::vector<CRefCountedDataStoreRow*> rows;
-  ASSERT_EQ(S_OK, store.GetNextRows(0, std::size(times), rows));
+  auto rows = TakeRows(store, std::size(times));
+  ASSERT_EQ(std::size(times), rows.size());
   for (size_t i = 0; i < rows.size(); ++i) {
     const DataStoreColumnInfo& info = store.ColumnInfo()[0];
     SYSTEMTIME st;
@@ -382,8 +344,8 @@ TEST_F(CellCopies, TimestampsFollowTheCalendarInAnyOrder) {
                 std::make_tuple(static_cast<WORD>(ts.year), ts.month, ts.day, ts.hour, ts.minute, ts.second)) << i;
       EXPECT_EQ(st.wMilliseconds * 1000000u, ts.fraction) << i;
     }
-    rows[i]->Release();
   }
+  ReleaseAll(rows);
 }
 
 }  // namespace

@@ -11,8 +11,6 @@
 namespace corvane::test {
 namespace {
 
-constexpr DBTYPE kWStrRef = DBTYPE_WSTR | DBTYPE_BYREF;
-
 using DataStoreLayout = LeakCheckedTest;
 
 // Every kept type in one row, between one-byte cells: each value aligned for its type,
@@ -76,9 +74,7 @@ class DataStoreRowTest : public LeakCheckedTest {
   void Build(std::vector<ColumnRecord> columns, const ProducedRecord& record = {}) {
     ASSERT_EQ(S_OK, store_->Initialize(nullptr, columns));
     ASSERT_EQ(S_OK, store_->AppendRecord(record));
-    std::vector<CRefCountedDataStoreRow*> rows;
-    ASSERT_EQ(S_OK, store_->GetNextRows(0, 1, rows));
-    row_ = rows[0];
+    row_ = TakeRows(*store_, 1).at(0);
   }
   void TearDown() override {
     if (row_) row_->Release();
@@ -195,7 +191,7 @@ TEST_F(DataStoreSetValue, LentTextIsSharedByRowsUntilItChanges) {
   EXPECT_NE(static_cast<const void*>(lent), CellText(rows[0], col).text);
   EXPECT_EQ(WString(OLESTR("Tank.Level")), CellWideText(rows[1], col));
   EXPECT_EQ(WString(OLESTR("Bank.Level")), CellWideText(rows[2], col));
-  for (CRefCountedDataStoreRow* r : rows) r->Release();
+  ReleaseAll(rows);
 }
 
 // Rows made from producer records take shortcuts for the usual cells; they must hold
@@ -235,8 +231,8 @@ TEST_F(DataStoreSetValue, RowsFilledFromRecordsHoldWhatSetValueWrites) {
   for (size_t r = 0; r < records.size(); ++r) {
     SCOPED_TRACE(r);
     ASSERT_EQ(S_OK, store_->AppendRecord(records[r]));
-    std::vector<CRefCountedDataStoreRow*> filled;
-    ASSERT_EQ(S_OK, store_->GetNextRows(0, 1, filled));
+    std::vector<CRefCountedDataStoreRow*> filled = TakeRows(*store_, 1);
+    ASSERT_EQ(1u, filled.size());
     for (size_t c = 0; c < records[r].size(); ++c) {
       if (!Set(records[r][c], static_cast<int>(c))) row_->Buffer()[columns[c].cbStatus] = 0;
     }

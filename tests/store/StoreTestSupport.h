@@ -13,6 +13,8 @@
 
 namespace corvane::test {
 
+constexpr DBTYPE kWStrRef = DBTYPE_WSTR | DBTYPE_BYREF;
+
 inline ColumnRecord Column(const OLECHAR* name, ULONGLONG ordinal, DBTYPE type, ULONGLONG size = 0) {
   ColumnRecord c;
   c.ColumnName = name;
@@ -29,13 +31,6 @@ inline std::vector<ColumnRecord> RawDataColumns() {
           Column(OLESTR("QUALITY"), 3, DBTYPE_UI4, 4), Column(OLESTR("VALUE"), 4, DBTYPE_VARIANT, 24)};
 }
 
-inline StoreValue Bstr(const OLECHAR* text) {
-  VARIANT v;
-  VariantInit(&v);
-  V_VT(&v) = VT_BSTR;
-  V_BSTR(&v) = SysAllocString(text);
-  return StoreValue::TakeVariant(&v);
-}
 // A VARIANT of type `vt` whose union holds `bits` (little-endian: V_I4 of 42 is 42).
 inline StoreValue Variant(VARTYPE vt, LONGLONG bits) {
   VARIANT v;
@@ -46,11 +41,12 @@ inline StoreValue Variant(VARTYPE vt, LONGLONG bits) {
 }
 inline StoreValue UI4(ULONG value) { return Variant(VT_UI4, value); }
 inline StoreValue R8(double value) {
-  VARIANT v;
-  VariantInit(&v);
-  V_VT(&v) = VT_R8;
-  V_R8(&v) = value;
-  return StoreValue::TakeVariant(&v);
+  LONGLONG bits;
+  std::memcpy(&bits, &value, sizeof bits);
+  return Variant(VT_R8, bits);
+}
+inline StoreValue Bstr(const OLECHAR* text) {
+  return Variant(VT_BSTR, reinterpret_cast<LONGLONG>(SysAllocString(text)));
 }
 // 2024-01-01 00:00:00 UTC.
 constexpr ULONGLONG kJan2024 = 133485408000000000ull;
@@ -66,7 +62,8 @@ inline ProducedRecord RawRecord(ULONGLONG i) {
 }
 
 // A worker-driven producer of `total` RAWDATA records, `page` per step; each fetch
-// that takes records lets it produce the next page.
+// that takes records lets it produce the next page. From step `failStep` on, a step
+// fails with `failAtStep` instead.
 class PagedProducer : public CDataProvider {
  public:
   PagedProducer(ULONGLONG total, ULONGLONG page, HRESULT failAtStep = S_OK, ULONGLONG failStep = 0)
@@ -78,7 +75,7 @@ class PagedProducer : public CDataProvider {
     return S_OK;
   }
   HRESULT ExecuteStep() override {
-    const ULONGLONG step = ++steps_;
+    const ULONGLONG step = ++steps;
     if (FAILED(failWith_) && step >= failStep_) return failWith_;
     ProducedRecordList page;
     const ULONGLONG end = std::min(total_, produced_.load() + page_);
@@ -91,11 +88,16 @@ class PagedProducer : public CDataProvider {
     }
     return S_OK;
   }
-  std::atomic<int> fetches{0};
   HRESULT FetchRows(ProducedRecordList& rows, size_t wanted) override {
     ++fetches;
     return CDataProvider::FetchRows(rows, wanted);
   }
+  using CDataProvider::EnableRecordReuse;
+  using CDataProvider::PushPendingItem;
+  using CDataProvider::SetMoreData;
+  using CDataProvider::TakeSpareRecords;
+  std::atomic<ULONGLONG> steps{0};
+  std::atomic<int> fetches{0};
 
  private:
   ULONGLONG total_;
@@ -103,7 +105,6 @@ class PagedProducer : public CDataProvider {
   HRESULT failWith_;
   ULONGLONG failStep_;
   std::atomic<ULONGLONG> produced_{0};
-  std::atomic<ULONGLONG> steps_{0};
 };
 
 inline DBBINDING Binding(DBORDINAL ordinal, DBTYPE type, DBBYTEOFFSET offset, DBLENGTH maxLen,
@@ -144,6 +145,17 @@ inline StoredText CellText(const CRefCountedDataStoreRow* row, const DataStoreCo
 inline WString CellWideText(const CRefCountedDataStoreRow* row, const DataStoreColumnInfo& col) {
   const StoredText t = CellText(row, col);
   return WString(static_cast<const OLECHAR*>(t.text), t.length);
+}
+
+// The next `n` rows of `store` (fewer at its end), and their release.
+inline std::vector<CRefCountedDataStoreRow*> TakeRows(CDataStore& store, ULONGLONG n) {
+  std::vector<CRefCountedDataStoreRow*> rows;
+  store.GetNextRows(0, n, rows);
+  return rows;
+}
+inline void ReleaseAll(std::vector<CRefCountedDataStoreRow*>& rows) {
+  for (CRefCountedDataStoreRow* r : rows) r->Release();
+  rows.clear();
 }
 
 // A rowset over a worker-driven producer of `rows` RAWDATA rows made `page` at a time,
