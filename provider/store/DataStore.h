@@ -204,7 +204,15 @@ class CDataStore {
     DBBYTEOFFSET status;    // usual cells never read the column description
   };
   std::vector<FillStep> m_FillSteps;
+  // The status bytes of a row whose cells all hold values, as one word in memory order
+  // (0: the layout has no such word), and the fields a record needs for it.
+  uint64_t m_FillStatusWord = 0;
+  size_t m_FillFields = 0;
   void PlanFill();
+  // The usual value of `step`'s column, in place without its status byte; false (the
+  // cell untouched) when the general writers have to take it.
+  bool FillUsual(const FillStep& step, const StoreValue& value, CRefCountedDataStoreRow* row, BYTE* buffer);
+  void FillOther(const FillStep& step, const StoreValue& value, CRefCountedDataStoreRow* row, CellRunTimer& timer);
   ULONGLONG m_MaxRows = 0;
   ULONGLONG m_RowsQueued = 0;
   bool m_bEndOfData = false;
