@@ -336,6 +336,17 @@ void CDataStore::PlanFill() {
     if (step.field == kNotFound) statusFirst = false;
     m_FillFields = std::max(m_FillFields, step.field + 1);
   }
+  // Every field of a record is read exactly once: a record whose cells were all usual
+  // holds nothing else.
+  std::vector<bool> read(m_FillFields, false);
+  m_FillCoversRecord = m_FillSteps.size() == m_FillFields;
+  for (const FillStep& step : m_FillSteps) {
+    if (step.field >= m_FillFields || read[step.field]) {
+      m_FillCoversRecord = false;
+      break;
+    }
+    read[step.field] = true;
+  }
   if (statusFirst && m_cColumns > 0 && firstValue >= sizeof(uint64_t)) {
     BYTE bytes[sizeof(uint64_t)] = {};
     std::memset(bytes, kStatusValue, static_cast<size_t>(m_cColumns));
@@ -733,7 +744,8 @@ inline bool CDataStore::FillUsual(const FillStep& step, const StoreValue& value,
   BYTE* cell = buffer + step.cell;
   switch (step.kind) {
     case FillStep::kWide:
-      if (value.Kind != StoreValue::kText) return false;
+      // Text and times hold no VARIANT as well, so that a usual cell is one that owns nothing.
+      if (value.Kind != StoreValue::kText || V_VT(&value.Value) != VT_EMPTY) return false;
       if (value.TextOwned) {
         // Text the record holds (a number's) is short and new with every row: it goes
         // straight into the row's text buffer, with no shared copy to look for.
@@ -757,7 +769,7 @@ inline bool CDataStore::FillUsual(const FillStep& step, const StoreValue& value,
         return true;
       }
     case FillStep::kTime: {
-      if (value.Kind != StoreValue::kTime) return false;
+      if (value.Kind != StoreValue::kTime || V_VT(&value.Value) != VT_EMPTY) return false;
       DBTIMESTAMP ts;
       if (!SameDay((static_cast<ULONGLONG>(value.Time.dwHighDateTime) << 32) | value.Time.dwLowDateTime, &ts))
         return false;
@@ -800,7 +812,7 @@ void CDataStore::FillOther(const FillStep& step, const StoreValue& value, CRefCo
   if (result != CellWrite::Written) row->Buffer()[step.status] = kStatusNull;
 }
 
-HRESULT CDataStore::FillRow(const ProducedRecord& record, CRefCountedDataStoreRow* row, CellRunTimer& timer) {
+bool CDataStore::FillRow(const ProducedRecord& record, CRefCountedDataStoreRow* row, CellRunTimer& timer) {
   const bool traced = corvane::TraceWanted(TRACE_DETAIL);
   const size_t fields = record.size();
   BYTE* buffer = row->Buffer();
@@ -809,11 +821,14 @@ HRESULT CDataStore::FillRow(const ProducedRecord& record, CRefCountedDataStoreRo
     // a value, and only a cell the general writers take changes its own status byte.
     std::memcpy(buffer, &m_FillStatusWord, sizeof m_FillStatusWord);
     const StoreValue* values = record.data();
+    bool usual = true;
     for (const FillStep& step : m_FillSteps) {
       timer.BeforeCell();
-      if (!FillUsual(step, values[step.field], row, buffer)) FillOther(step, values[step.field], row, timer);
+      if (FillUsual(step, values[step.field], row, buffer)) continue;
+      usual = false;
+      FillOther(step, values[step.field], row, timer);
     }
-    return S_OK;
+    return usual && m_FillCoversRecord && fields == m_FillFields;
   }
   for (const FillStep& step : m_FillSteps) {
     if (step.field >= fields) continue;  // the row starts with every cell null
@@ -830,7 +845,7 @@ HRESULT CDataStore::FillRow(const ProducedRecord& record, CRefCountedDataStoreRo
     }
     FillOther(step, value, row, timer);
   }
-  return S_OK;
+  return false;
 }
 
 HRESULT CDataStore::AppendTimed(const ProducedRecord& record, CellRunTimer& timer) {
@@ -854,8 +869,9 @@ HRESULT CDataStore::PullFromProducer(ULONGLONG wanted) {
   }
   if (m_IncomingNext >= m_Incoming.size()) {
     // Nothing left of the last take: ask the producer again.
-    m_pProducer->RecycleRecords(m_Incoming);
+    m_pProducer->RecycleRecords(m_Incoming, m_IncomingEmptied == m_Incoming.size());
     m_IncomingNext = 0;
+    m_IncomingEmptied = 0;
     const HRESULT hr = m_pProducer->FetchRows(m_Incoming, static_cast<size_t>(wanted));
     if (FAILED(hr)) {
       m_Incoming.clear();
@@ -892,7 +908,16 @@ HRESULT CDataStore::PullFromProducer(ULONGLONG wanted) {
         }
       }
       CRefCountedDataStoreRow* row = rows[used++];
-      FillRow(m_Incoming[m_IncomingNext], row, timer);
+      ProducedRecord& record = m_Incoming[m_IncomingNext];
+      if (FillRow(record, row, timer)) {
+        // Its values own nothing: emptied now, while they are in the cache, the record
+        // needs no second look when it goes back to the producer.
+        for (StoreValue& value : record) {
+          value.Kind = StoreValue::kNone;
+          V_VT(&value.Value) = VT_EMPTY;
+        }
+        ++m_IncomingEmptied;
+      }
       m_ReadRows.push_back(row);
       ++m_RowsQueued;
     }
