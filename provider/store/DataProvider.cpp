@@ -318,20 +318,23 @@ void CDataProvider::AppendRecords(ProducedRecordList&& records) {
   SignalRows();
 }
 
-void CDataProvider::RecycleRecords(ProducedRecordList& used) {
+void CDataProvider::RecycleRecords(ProducedRecordList& used, bool emptied) {
   if (!m_bReuseRecords) {
     used.clear();
     return;
   }
   // Values are dropped on the caller's thread, outside the lock the worker needs. Most
-  // hold a number, a time or lent text: nothing to free, so no call to VariantClear.
-  for (ProducedRecord& record : used) {
-    for (StoreValue& value : record) {
-      if (CRefCountedDataStoreRow::OwnsNothing(V_VT(&value.Value))) {
-        V_VT(&value.Value) = VT_EMPTY;
-        value.Kind = StoreValue::kNone;
-      } else {
-        value.Reset();
+  // hold a number, a time or lent text: nothing to free, so no call to VariantClear; and
+  // records the store emptied while reading them are not looked at again.
+  if (!emptied) {
+    for (ProducedRecord& record : used) {
+      for (StoreValue& value : record) {
+        if (CRefCountedDataStoreRow::OwnsNothing(V_VT(&value.Value))) {
+          V_VT(&value.Value) = VT_EMPTY;
+          value.Kind = StoreValue::kNone;
+        } else {
+          value.Reset();
+        }
       }
     }
   }

@@ -67,7 +67,8 @@ class CDataProvider {
   // the emptied records are kept for a producer that reuses them (see
   // EnableRecordReuse), so that a long read does not allocate and free every row on two
   // different threads.
-  void RecycleRecords(ProducedRecordList& used);
+  // `emptied`: the caller has already made every value of `used` kNone and VT_EMPTY.
+  void RecycleRecords(ProducedRecordList& used, bool emptied = false);
 
   HRESULT StartWorker();
   void SignalWorker();

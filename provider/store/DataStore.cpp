@@ -324,6 +324,34 @@ void CDataStore::PlanFill() {
     }
     m_FillSteps.push_back(step);
   }
+  // The status bytes are the row's first bytes, one a column; when they and the padding
+  // after them fill one word before the first value, a row's statuses are one store.
+  m_FillStatusWord = 0;
+  m_FillFields = 0;
+  DBBYTEOFFSET firstValue = m_cbRowSize;
+  bool statusFirst = m_cColumns <= sizeof(uint64_t);
+  for (const FillStep& step : m_FillSteps) {
+    firstValue = std::min(firstValue, step.cell);
+    statusFirst = statusFirst && step.status == step.column;
+    if (step.field == kNotFound) statusFirst = false;
+    m_FillFields = std::max(m_FillFields, step.field + 1);
+  }
+  // Every field of a record is read exactly once: a record whose cells were all usual
+  // holds nothing else.
+  std::vector<bool> read(m_FillFields, false);
+  m_FillCoversRecord = m_FillSteps.size() == m_FillFields;
+  for (const FillStep& step : m_FillSteps) {
+    if (step.field >= m_FillFields || read[step.field]) {
+      m_FillCoversRecord = false;
+      break;
+    }
+    read[step.field] = true;
+  }
+  if (statusFirst && m_cColumns > 0 && firstValue >= sizeof(uint64_t)) {
+    BYTE bytes[sizeof(uint64_t)] = {};
+    std::memset(bytes, kStatusValue, static_cast<size_t>(m_cColumns));
+    std::memcpy(&m_FillStatusWord, bytes, sizeof bytes);
+  }
 }
 
 HRESULT CDataStore::FindColumn(const std::vector<ColumnRecord>& columns, const OLECHAR* name, ULONGLONG ordinal,
@@ -709,10 +737,99 @@ size_t CDataStore::TakeRows(CRefCountedDataStoreRow** rows, size_t count) {
   return m_pPool->TakeMany(rows, count);
 }
 
-HRESULT CDataStore::FillRow(const ProducedRecord& record, CRefCountedDataStoreRow* row, CellRunTimer& timer) {
+inline bool CDataStore::FillUsual(const FillStep& step, const StoreValue& value, CRefCountedDataStoreRow* row,
+                                  BYTE* buffer) {
+  // The usual value for the column's type, written in place; the rows are this store's,
+  // so every cell fits. The caller writes the status byte.
+  BYTE* cell = buffer + step.cell;
+  switch (step.kind) {
+    case FillStep::kWide:
+      // Text and times hold no VARIANT as well, so that a usual cell is one that owns nothing.
+      if (value.Kind != StoreValue::kText || V_VT(&value.Value) != VT_EMPTY) return false;
+      if (value.TextOwned) {
+        // Text the record holds (a number's) is short and new with every row: it goes
+        // straight into the row's text buffer, with no shared copy to look for.
+        const size_t len = value.TextLength;
+        if (len > m_pColumnInfo[step.column].ulColumnSize) return false;
+        const size_t kept = UpToZero(value.Text, len);
+        const StoredText stored{row->StoreText(value.Text, kept * sizeof(OLECHAR), sizeof(OLECHAR)), kept};
+        if (!stored.text) return false;
+        std::memcpy(cell, &stored, sizeof stored);
+        return true;
+      } else {
+        const SharedTextHit& hit = m_LastShared[step.column];
+        // The same text as this column's last, by address and then, unless the producer
+        // keeps it unchanged, by content: it may lend other text from the same place.
+        if (hit.source != value.Text || hit.length != value.TextLength || !value.Text) return false;
+        if (!value.TextFixed &&
+            !(std::memcmp(value.Text, hit.cell.text, hit.cell.length * sizeof(OLECHAR)) == 0 &&
+              (hit.cell.length == hit.length || value.Text[hit.cell.length] == 0)))
+          return false;
+        std::memcpy(cell, &hit.cell, sizeof hit.cell);
+        return true;
+      }
+    case FillStep::kTime: {
+      if (value.Kind != StoreValue::kTime || V_VT(&value.Value) != VT_EMPTY) return false;
+      DBTIMESTAMP ts;
+      if (!SameDay((static_cast<ULONGLONG>(value.Time.dwHighDateTime) << 32) | value.Time.dwLowDateTime, &ts))
+        return false;
+      std::memcpy(cell, &ts, sizeof ts);
+      return true;
+    }
+    case FillStep::kVariant: {
+      if (value.Kind != StoreValue::kVariant || !CRefCountedDataStoreRow::OwnsNothing(V_VT(&value.Value)))
+        return false;
+      VARTYPE old;
+      std::memcpy(&old, cell, sizeof old);
+      if (!CRefCountedDataStoreRow::OwnsNothing(old)) return false;
+      std::memcpy(cell, &value.Value, sizeof(VARIANT));
+      return true;
+    }
+    case FillStep::kFixed1:
+    case FillStep::kFixed2:
+    case FillStep::kFixed4:
+    case FillStep::kFixed8:
+      if (value.Kind != StoreValue::kVariant || V_VT(&value.Value) != step.vt) return false;
+      switch (step.kind) {
+        case FillStep::kFixed1: std::memcpy(cell, &V_I8(&value.Value), 1); break;
+        case FillStep::kFixed2: std::memcpy(cell, &V_I8(&value.Value), 2); break;
+        case FillStep::kFixed4: std::memcpy(cell, &V_I8(&value.Value), 4); break;
+        default: std::memcpy(cell, &V_I8(&value.Value), 8); break;
+      }
+      return true;
+    case FillStep::kOther:
+      break;
+  }
+  return false;
+}
+
+void CDataStore::FillOther(const FillStep& step, const StoreValue& value, CRefCountedDataStoreRow* row,
+                           CellRunTimer& timer) {
+  const DataStoreColumnInfo& col = m_pColumnInfo[step.column];
+  if (WriteCommonCell(value, col, row)) return;
+  const CellWrite result = WriteCell(value, col, row);
+  timer.AfterCell(result);
+  if (result != CellWrite::Written) row->Buffer()[step.status] = kStatusNull;
+}
+
+bool CDataStore::FillRow(const ProducedRecord& record, CRefCountedDataStoreRow* row, CellRunTimer& timer) {
   const bool traced = corvane::TraceWanted(TRACE_DETAIL);
   const size_t fields = record.size();
   BYTE* buffer = row->Buffer();
+  if (m_FillStatusWord && !traced && fields >= m_FillFields) {
+    // Nearly every row: every field is there, so one store marks every cell as holding
+    // a value, and only a cell the general writers take changes its own status byte.
+    std::memcpy(buffer, &m_FillStatusWord, sizeof m_FillStatusWord);
+    const StoreValue* values = record.data();
+    bool usual = true;
+    for (const FillStep& step : m_FillSteps) {
+      timer.BeforeCell();
+      if (FillUsual(step, values[step.field], row, buffer)) continue;
+      usual = false;
+      FillOther(step, values[step.field], row, timer);
+    }
+    return usual && m_FillCoversRecord && fields == m_FillFields;
+  }
   for (const FillStep& step : m_FillSteps) {
     if (step.field >= fields) continue;  // the row starts with every cell null
     const StoreValue& value = record[step.field];
@@ -722,82 +839,13 @@ HRESULT CDataStore::FillRow(const ProducedRecord& record, CRefCountedDataStoreRo
       CVTRACE(TRACE_DETAIL, OLESTR("CDataStore::SetValue -> rColInfo.wType = %d, rColInfo.cbOffset = %d"),
               static_cast<int>(col.wType), static_cast<int>(col.cbOffset));
     }
-    // The usual value for the column's type, written in place; the rows are this
-    // store's, so every cell fits.
-    BYTE* cell = buffer + step.cell;
-    switch (step.kind) {
-      case FillStep::kWide:
-        if (value.Kind == StoreValue::kText && value.TextOwned) {
-          // Text the record holds (a number's) is short and new with every row: it goes
-          // straight into the row's text buffer, with no shared copy to look for.
-          const size_t len = value.TextLength;
-          if (len <= m_pColumnInfo[step.column].ulColumnSize) {
-            const size_t kept = UpToZero(value.Text, len);
-            const StoredText stored{row->StoreText(value.Text, kept * sizeof(OLECHAR), sizeof(OLECHAR)), kept};
-            if (stored.text) {
-              std::memcpy(cell, &stored, sizeof stored);
-              buffer[step.status] = kStatusValue;
-              continue;
-            }
-          }
-        } else if (value.Kind == StoreValue::kText) {
-          const SharedTextHit& hit = m_LastShared[step.column];
-          // The same text as this column's last, by address and then, unless the
-          // producer keeps it unchanged, by content: it may lend other text from the
-          // same place.
-          if (hit.source == value.Text && hit.length == value.TextLength && value.Text &&
-              (value.TextFixed ||
-               (std::memcmp(value.Text, hit.cell.text, hit.cell.length * sizeof(OLECHAR)) == 0 &&
-                (hit.cell.length == hit.length || value.Text[hit.cell.length] == 0)))) {
-            std::memcpy(cell, &hit.cell, sizeof hit.cell);
-            buffer[step.status] = kStatusValue;
-            continue;
-          }
-        }
-        break;
-      case FillStep::kTime:
-        if (value.Kind == StoreValue::kTime) {
-          DBTIMESTAMP ts;
-          if (SameDay((static_cast<ULONGLONG>(value.Time.dwHighDateTime) << 32) | value.Time.dwLowDateTime, &ts)) {
-            std::memcpy(cell, &ts, sizeof ts);
-            buffer[step.status] = kStatusValue;
-            continue;
-          }
-        }
-        break;
-      case FillStep::kVariant:
-        if (value.Kind == StoreValue::kVariant && CRefCountedDataStoreRow::OwnsNothing(V_VT(&value.Value))) {
-          VARTYPE old;
-          std::memcpy(&old, cell, sizeof old);
-          if (CRefCountedDataStoreRow::OwnsNothing(old)) {
-            std::memcpy(cell, &value.Value, sizeof(VARIANT));
-            buffer[step.status] = kStatusValue;
-            continue;
-          }
-        }
-        break;
-      case FillStep::kFixed1: case FillStep::kFixed2: case FillStep::kFixed4: case FillStep::kFixed8:
-        if (value.Kind == StoreValue::kVariant && V_VT(&value.Value) == step.vt) {
-          switch (step.kind) {
-            case FillStep::kFixed1: std::memcpy(cell, &V_I8(&value.Value), 1); break;
-            case FillStep::kFixed2: std::memcpy(cell, &V_I8(&value.Value), 2); break;
-            case FillStep::kFixed4: std::memcpy(cell, &V_I8(&value.Value), 4); break;
-            default: std::memcpy(cell, &V_I8(&value.Value), 8); break;
-          }
-          buffer[step.status] = kStatusValue;
-          continue;
-        }
-        break;
-      case FillStep::kOther:
-        break;
+    if (FillUsual(step, value, row, buffer)) {
+      buffer[step.status] = kStatusValue;
+      continue;
     }
-    const DataStoreColumnInfo& col = m_pColumnInfo[step.column];
-    if (WriteCommonCell(value, col, row)) continue;
-    const CellWrite result = WriteCell(value, col, row);
-    timer.AfterCell(result);
-    if (result != CellWrite::Written) buffer[step.status] = kStatusNull;
+    FillOther(step, value, row, timer);
   }
-  return S_OK;
+  return false;
 }
 
 HRESULT CDataStore::AppendTimed(const ProducedRecord& record, CellRunTimer& timer) {
@@ -821,8 +869,9 @@ HRESULT CDataStore::PullFromProducer(ULONGLONG wanted) {
   }
   if (m_IncomingNext >= m_Incoming.size()) {
     // Nothing left of the last take: ask the producer again.
-    m_pProducer->RecycleRecords(m_Incoming);
+    m_pProducer->RecycleRecords(m_Incoming, m_IncomingEmptied == m_Incoming.size());
     m_IncomingNext = 0;
+    m_IncomingEmptied = 0;
     const HRESULT hr = m_pProducer->FetchRows(m_Incoming, static_cast<size_t>(wanted));
     if (FAILED(hr)) {
       m_Incoming.clear();
@@ -859,7 +908,16 @@ HRESULT CDataStore::PullFromProducer(ULONGLONG wanted) {
         }
       }
       CRefCountedDataStoreRow* row = rows[used++];
-      FillRow(m_Incoming[m_IncomingNext], row, timer);
+      ProducedRecord& record = m_Incoming[m_IncomingNext];
+      if (FillRow(record, row, timer)) {
+        // Its values own nothing: emptied now, while they are in the cache, the record
+        // needs no second look when it goes back to the producer.
+        for (StoreValue& value : record) {
+          value.Kind = StoreValue::kNone;
+          V_VT(&value.Value) = VT_EMPTY;
+        }
+        ++m_IncomingEmptied;
+      }
       m_ReadRows.push_back(row);
       ++m_RowsQueued;
     }
@@ -953,6 +1011,34 @@ std::vector<CDataStore::BindingStep> CDataStore::PlanBindings(const DBBINDING* b
 
 namespace {
 
+// Copies `n` bytes, n even and at least 2: texts of a few dozen characters (a tag's
+// name, a number's text) are moved in overlapping words rather than through a call.
+inline void CopyText(BYTE* dst, const void* source, size_t n) {
+  const BYTE* src = static_cast<const BYTE*>(source);
+  // The first and the last `w` bytes: together every byte of [0, n) for w <= n <= 2w.
+  auto ends = [&](auto word, size_t at, size_t count) {
+    constexpr size_t w = sizeof word;
+    decltype(word) head;
+    decltype(word) tail;
+    std::memcpy(&head, src + at, w);
+    std::memcpy(&tail, src + at + count - w, w);
+    std::memcpy(dst + at, &head, w);
+    std::memcpy(dst + at + count - w, &tail, w);
+  };
+  if (n > 32) {
+    std::memcpy(dst, src, n);
+  } else if (n > 16) {
+    ends(uint64_t{}, 0, 16);
+    ends(uint64_t{}, n - 16, 16);
+  } else if (n >= 8) {
+    ends(uint64_t{}, 0, n);
+  } else if (n >= 4) {
+    ends(uint32_t{}, 0, n);
+  } else {
+    ends(uint16_t{}, 0, n);
+  }
+}
+
 // One planned binding of a row that holds a value: false when the general path has to
 // decide (the value needs the conversion service). *length receives the value's length.
 inline bool CopyStep(const CDataStore::BindingStep& step, const BYTE* row, BYTE* dst, DBLENGTH* length) {
@@ -978,7 +1064,7 @@ inline bool CopyStep(const CDataStore::BindingStep& step, const BYTE* row, BYTE*
       const DBLENGTH bytes = text.length * sizeof(OLECHAR);
       // Text that fits with its terminator is copied whole by every conversion library.
       if (bytes > step.maxLen - sizeof(OLECHAR)) return false;
-      std::memcpy(dst, text.text, static_cast<size_t>(bytes) + sizeof(OLECHAR));
+      CopyText(dst, text.text, static_cast<size_t>(bytes) + sizeof(OLECHAR));
       *length = bytes;
       return true;
     }

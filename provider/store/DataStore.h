@@ -176,7 +176,9 @@ class CDataStore {
   CRefCountedDataStoreRow* NewRow();
   // Up to `count` new rows from the pool; fewer only when memory runs out.
   size_t TakeRows(CRefCountedDataStoreRow** rows, size_t count);
-  HRESULT FillRow(const ProducedRecord& record, CRefCountedDataStoreRow* row, CellRunTimer& timer);
+  // Fills `row` from `record`; true when every value of the record was a usual cell,
+  // one that owns nothing.
+  bool FillRow(const ProducedRecord& record, CRefCountedDataStoreRow* row, CellRunTimer& timer);
   HRESULT AppendTimed(const ProducedRecord& record, CellRunTimer& timer);
   HRESULT PullFromProducer(ULONGLONG wanted);
   HRESULT Converter(IDataConvert** convert);
@@ -204,7 +206,16 @@ class CDataStore {
     DBBYTEOFFSET status;    // usual cells never read the column description
   };
   std::vector<FillStep> m_FillSteps;
+  // The status bytes of a row whose cells all hold values, as one word in memory order
+  // (0: the layout has no such word), and the fields a record needs for it.
+  uint64_t m_FillStatusWord = 0;
+  size_t m_FillFields = 0;
+  bool m_FillCoversRecord = false;  // the steps read each of a record's fields once
   void PlanFill();
+  // The usual value of `step`'s column, in place without its status byte; false (the
+  // cell untouched) when the general writers have to take it.
+  bool FillUsual(const FillStep& step, const StoreValue& value, CRefCountedDataStoreRow* row, BYTE* buffer);
+  void FillOther(const FillStep& step, const StoreValue& value, CRefCountedDataStoreRow* row, CellRunTimer& timer);
   ULONGLONG m_MaxRows = 0;
   ULONGLONG m_RowsQueued = 0;
   bool m_bEndOfData = false;
@@ -212,6 +223,7 @@ class CDataStore {
   // Records taken from the producer; those from m_IncomingNext on are not rows yet.
   ProducedRecordList m_Incoming;
   size_t m_IncomingNext = 0;
+  size_t m_IncomingEmptied = 0;  // of m_Incoming, emptied as they were read
 
   IDataConvert* m_pConvert = nullptr;
   std::vector<uint64_t> m_DstScratch;
