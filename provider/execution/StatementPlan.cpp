@@ -1,5 +1,6 @@
 #include "provider/execution/StatementPlan.h"
 
+#include <algorithm>
 #include <new>
 
 #include "SQLParser/SQLCalcItemFunction.h"
@@ -193,6 +194,20 @@ HRESULT StatementPlan::DescribeSelect() {
       return S_OK;
     }
     computed = true;
+  }
+  // ORDER BY only ever turns a time range around, but a name the source lacks is a
+  // mistake the user should hear of rather than an ordering silently not made. A
+  // select-list name (`VALUE AS V ... ORDER BY V`) is a name of the statement's own.
+  for (const SQLOrderingEntry& entry : query->Ordering()) {
+    const bool selectName = entry.column.TableName().empty() && entry.column.TableAlias().empty() &&
+                            std::any_of(query->SelectColumns().begin(), query->SelectColumns().end(),
+                                        [&entry](const auto& c) {
+                                          return corvane::WIEquals(c->DisplayName(), entry.column.ColumnName());
+                                        });
+    if (!selectName && CSelectListProducer::UnknownColumnIn(&entry.column, *from, *source)) {
+      unknownColumn = WrittenName(entry.column);
+      return S_OK;
+    }
   }
 
   // The select list shaped with every `?` still empty: where that works, its columns are
