@@ -163,7 +163,6 @@ INSTANTIATE_TEST_SUITE_P(
         Statement{"RawDataTop", "SELECT TOP 2 VALUE FROM RAWDATA WHERE TAGNAME = 'Flow'", Answer::Fails,
                   {Op::ReleaseContinuationPoint}, true},
         Statement{"Tags", "SELECT * FROM TAGS"},
-        Statement{"QuerySettings", "SELECT * FROM QUERYSETTINGS"},
         Statement{"GetValues", "EXEC GET_VALUES '2020-01-01 00:00:00', '2020-01-01 00:01:30', 0, 'Flow'"},
         Statement{"MostRecent", "EXEC GET_MOST_RECENT_VALUE 'Level'"},
         Statement{"SpRawData", "EXEC SP_RAWDATA '2020-01-01 00:00:00', '2020-01-01 00:01:30', 'Flow;Level'"},
