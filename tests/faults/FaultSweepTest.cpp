@@ -158,8 +158,6 @@ INSTANTIATE_TEST_SUITE_P(
     Statements, FaultSweep,
     ::testing::Values(
         Statement{"RawDataEveryTag", "SELECT * FROM RAWDATA"},
-        Statement{"RawDataDouble", "SELECT TAGNAME, VALUE FROM RAWDATA_DOUBLE WHERE TAGNAME = 'Flow' AND "
-                                   "TIMESTAMP >= '2020-01-01 00:00:20'"},
         Statement{"RawDataTop", "SELECT TOP 2 VALUE FROM RAWDATA WHERE TAGNAME = 'Flow'", Answer::Fails,
                   {Op::ReleaseContinuationPoint}, true},
         Statement{"Tags", "SELECT * FROM TAGS"},
