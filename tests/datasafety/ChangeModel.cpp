@@ -72,7 +72,7 @@ bool TextAsTime(const std::string& s, ULONG64* t) {
 // One per statement: written values are read once, the rest per sample.
 class Evaluator {
  public:
-  explicit Evaluator(const std::vector<VARIANT>& parameters) : parameters_(parameters) {}
+  explicit Evaluator(const std::vector<std::string>& parameters) : parameters_(parameters) {}
   bool modelable = true;
 
   Truth Matches(const CSQLConditionNode* condition, const ModelSample& sample) {
@@ -132,12 +132,14 @@ class Evaluator {
         auto cached = written_.find(item);
         if (cached != written_.end()) return cached->second;
         const int n = item->Kind() == SQL_CALC_PARAMETER ? static_cast<const CSQLCalcItemParameter*>(item)->Number() : 0;
-        if (item->Kind() == SQL_CALC_CONST)
+        if (item->Kind() == SQL_CALC_CONST) {
           v = Variant(static_cast<const CSQLCalcItemConst*>(item)->Value());
-        else if (n >= 1 && static_cast<size_t>(n) <= parameters_.size())
-          v = Variant(parameters_[n - 1]);
-        else
+        } else if (n >= 1 && static_cast<size_t>(n) <= parameters_.size()) {
+          v.kind = Val::kText;
+          v.text = parameters_[n - 1];
+        } else {
           modelable = false;
+        }
         v.constant = true;
         if (v.kind == Val::kText) {
           v.isNumber = TextAsNumber(std::string(v.text), &v.asNumber);
@@ -277,7 +279,7 @@ class Evaluator {
     return holds ? Truth::kTrue : Truth::kFalse;
   }
 
-  const std::vector<VARIANT>& parameters_;
+  const std::vector<std::string>& parameters_;
   const ModelSample* sample_ = nullptr;
   std::map<const CSQLCalcItem*, Val> written_;  // constants and `?` values, read once
   std::map<const CSQLCalcItem*, Column> columns_;
@@ -335,7 +337,7 @@ std::string Describe(const ModelStore& store) {
   return out.str();
 }
 
-bool ApplyChange(const CSQLQueryInfo& statement, const std::vector<VARIANT>& parameters, const ModelStore& before,
+bool ApplyChange(const CSQLQueryInfo& statement, const std::vector<std::string>& parameters, const ModelStore& before,
                  ModelStore* after) {
   const bool update = statement.StatementKind() == SQL_STATEMENT_UPDATE;
   bool setValue = false, setQuality = false;
