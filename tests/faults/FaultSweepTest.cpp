@@ -172,8 +172,6 @@ INSTANTIATE_TEST_SUITE_P(
         Statement{"FilteredStatistics",
                   "EXEC GET_FILTERED_TAG_STATISTICS '*', '', '', '2020-01-01 00:00:00', '2020-01-01 00:01:30', 1",
                   Answer::Fails, {Op::GetCapabilities}},
-        Statement{"RawDataInsertProcedure", "EXEC RAWDATA_INSERT 'Flow', '2020-01-01 00:00:05', '2.5', 192",
-                  Answer::InText, {}, false, true},
         Statement{"RawDataUpdateProcedure", "EXEC RAWDATA_UPDATE 'Flow', '2020-01-01 00:00:10', '7.25', 0",
                   Answer::InText, {}, false, true},
         Statement{"Insert", "INSERT INTO RAWDATA (TAGNAME, TIMESTAMP, VALUE, QUALITY) VALUES "
