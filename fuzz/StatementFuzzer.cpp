@@ -9,7 +9,6 @@
 // holds what the independent change model computes, where the model can.
 #include <algorithm>
 #include <cctype>
-#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -30,6 +29,7 @@
 #include "SQLParser/SQLParser.h"
 #include "fuzz/FuzzSupport.h"
 #include "tests/datasafety/ChangeModel.h"
+#include "tests/support/RowReader.h"
 
 namespace {
 
@@ -37,6 +37,8 @@ using corvane::ComPtr;
 using corvane::fuzz::Check;
 using corvane::QueryAs;
 using corvane::TaskMem;
+using corvane::test::Cell;
+using corvane::test::CellBinding;
 
 // 2026-01-01 00:00:00 UTC as FILETIME ticks.
 constexpr ULONGLONG kPlantNow = 134116992000000000ull;
@@ -115,28 +117,10 @@ std::vector<DBORDINAL> DescribeColumns(IUnknown* object, bool mustWork) {
 // that tag, time and count positions all see one.
 const OLECHAR* const kParameterValues[] = {OLESTR("Pump1.Flow"), OLESTR("2025-12-31 23:50:00"), OLESTR("5")};
 
-// One bound cell: a text for parameters, a VARIANT for row data.
-template <typename Value>
-struct Slot {
-  DBSTATUS status;
-  DBLENGTH length;
-  Value value;
-};
-using TextSlot = Slot<OLECHAR[64]>;
-
-template <typename Value>
-DBBINDING SlotBinding(size_t i, DBORDINAL ordinal, DBTYPE type, DBPARAMIO io) {
-  const size_t at = i * sizeof(Slot<Value>);
-  return DBBINDING{ordinal, at + offsetof(Slot<Value>, value), at + offsetof(Slot<Value>, length),
-                   at + offsetof(Slot<Value>, status), nullptr, nullptr, nullptr,
-                   DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS, DBMEMOWNER_CLIENTOWNED, io, sizeof(Value), 0, type,
-                   0, 0};
-}
-
 // Gives every `?` of the prepared statement its text value.
 struct Parameters {
   std::vector<DBBINDING> bindings;
-  std::vector<TextSlot> slots;
+  std::vector<Cell> slots;
   HACCESSOR handle = DB_NULL_HACCESSOR;
   ComPtr<IAccessor> accessor;
 
@@ -158,8 +142,8 @@ struct Parameters {
       const corvane::WStringView value(kParameterValues[i % 3]);
       slots[i].status = DBSTATUS_S_OK;
       slots[i].length = value.size() * sizeof(OLECHAR);
-      memcpy(slots[i].value, value.data(), slots[i].length);
-      bindings.push_back(SlotBinding<OLECHAR[64]>(i, i + 1, DBTYPE_WSTR, DBPARAMIO_INPUT));
+      memcpy(slots[i].v.text, value.data(), slots[i].length);
+      bindings.push_back(CellBinding(i, i + 1, DBTYPE_WSTR, DBPARAMIO_INPUT));
       bindInfo[i].pwszDataSourceType = const_cast<LPOLESTR>(OLESTR("DBTYPE_WSTR"));
       bindInfo[i].ulParamSize = 64;
       bindInfo[i].dwFlags = DBPARAMFLAGS_ISINPUT;
@@ -169,8 +153,7 @@ struct Parameters {
     if (FAILED(hr)) return hr;
     accessor = QueryAs<IAccessor>(command, IID_IAccessor);
     Check(bool(accessor), "command IAccessor");
-    return accessor->CreateAccessor(DBACCESSOR_PARAMETERDATA, count, bindings.data(), sizeof(TextSlot), &handle,
-                                    nullptr);
+    return accessor->CreateAccessor(DBACCESSOR_PARAMETERDATA, count, bindings.data(), sizeof(Cell), &handle, nullptr);
   }
   ~Parameters() {
     if (accessor && handle != DB_NULL_HACCESSOR) accessor->ReleaseAccessor(handle, nullptr);
@@ -191,13 +174,13 @@ void ReadAll(IUnknown* rowset) {
   const std::vector<DBORDINAL> ordinals = DescribeColumns(rowset, true);
   std::vector<DBBINDING> bindings;
   for (size_t i = 0; i < ordinals.size(); ++i)
-    bindings.push_back(SlotBinding<VARIANT>(i, ordinals[i], DBTYPE_VARIANT, DBPARAMIO_NOTPARAM));
+    bindings.push_back(CellBinding(i, ordinals[i], DBTYPE_VARIANT));
   HACCESSOR handle = DB_NULL_HACCESSOR;
   if (!bindings.empty())
     Check(SUCCEEDED(accessor->CreateAccessor(DBACCESSOR_ROWDATA, bindings.size(), bindings.data(),
-                                             bindings.size() * sizeof(Slot<VARIANT>), &handle, nullptr)),
+                                             bindings.size() * sizeof(Cell), &handle, nullptr)),
           "a VARIANT accessor over the described columns");
-  std::vector<Slot<VARIANT>> row(bindings.size());
+  std::vector<Cell> row(bindings.size());
   for (;;) {
     if (FAILED(hr)) {
       Check(obtained == 0 && rows == nullptr, "a failed fetch hands no rows out");
@@ -208,7 +191,7 @@ void ReadAll(IUnknown* rowset) {
       const HRESULT got = fetch->GetData(rows[r], handle, row.data());
       Check(got == S_OK || got == DB_S_ERRORSOCCURRED || got == DB_E_ERRORSOCCURRED, "GetData result");
       for (auto& cell : row)
-        if (cell.status == DBSTATUS_S_OK) VariantClear(&cell.value);
+        if (cell.status == DBSTATUS_S_OK) VariantClear(&cell.v.variant);
     }
     if (obtained) Check(SUCCEEDED(fetch->ReleaseRows(obtained, rows, nullptr, nullptr, nullptr)), "ReleaseRows");
     CoTaskMemFree(rows);
@@ -218,16 +201,6 @@ void ReadAll(IUnknown* rowset) {
     hr = fetch->GetNextRows(DB_NULL_HCHAPTER, 0, 64, &obtained, &rows);
   }
   if (handle != DB_NULL_HACCESSOR) accessor->ReleaseAccessor(handle, nullptr);
-}
-
-// The `?` values Parameters::Bind gives, as the change model reads them.
-std::vector<VARIANT> ParameterValues(size_t count) {
-  std::vector<VARIANT> values(count);
-  for (size_t i = 0; i < count; ++i) {
-    V_VT(&values[i]) = VT_BSTR;
-    V_BSTR(&values[i]) = SysAllocString(kParameterValues[i % 3]);
-  }
-  return values;
 }
 
 // The Execute outcome (a failure before Execute counts as one); *parameters receives
@@ -321,14 +294,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (change) {
       const corvane::test::ModelStore after = corvane::test::ReadStore(raw.Get());
       raw.Reset();
-      std::vector<VARIANT> values = ParameterValues(parameters);
+      std::vector<std::string> values;  // the `?` values Parameters::Bind gave
+      for (size_t i = 0; i < parameters; ++i) values.push_back(corvane::ToUtf8(kParameterValues[i % 3]));
       corvane::test::ModelStore expected;
       if (FAILED(executed)) {
         Check(after == before, "a data change that failed changed nothing");
       } else if (corvane::test::ApplyChange(*change, values, before, &expected)) {
         Check(after == expected, "a data change changed exactly the samples its condition describes");
       }
-      for (VARIANT& v : values) VariantClear(&v);
     }
     Check(init->Uninitialize() == S_OK, "Uninitialize after every object was released");
     init.Reset();

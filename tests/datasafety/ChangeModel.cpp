@@ -34,11 +34,6 @@ struct Val {
   ULONG64 asTime = 0;
 };
 
-std::string Upper(std::string s) {
-  for (char& c : s) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-  return s;
-}
-
 int CompareIgnoringCase(std::string_view a, std::string_view b) {
   for (size_t i = 0; i < a.size() && i < b.size(); ++i) {
     const int x = std::toupper(static_cast<unsigned char>(a[i])), y = std::toupper(static_cast<unsigned char>(b[i]));
@@ -77,7 +72,7 @@ bool TextAsTime(const std::string& s, ULONG64* t) {
 // One per statement: written values are read once, the rest per sample.
 class Evaluator {
  public:
-  explicit Evaluator(const std::vector<VARIANT>& parameters) : parameters_(parameters) {}
+  explicit Evaluator(const std::vector<std::string>& parameters) : parameters_(parameters) {}
   bool modelable = true;
 
   Truth Matches(const CSQLConditionNode* condition, const ModelSample& sample) {
@@ -137,12 +132,14 @@ class Evaluator {
         auto cached = written_.find(item);
         if (cached != written_.end()) return cached->second;
         const int n = item->Kind() == SQL_CALC_PARAMETER ? static_cast<const CSQLCalcItemParameter*>(item)->Number() : 0;
-        if (item->Kind() == SQL_CALC_CONST)
+        if (item->Kind() == SQL_CALC_CONST) {
           v = Variant(static_cast<const CSQLCalcItemConst*>(item)->Value());
-        else if (n >= 1 && static_cast<size_t>(n) <= parameters_.size())
-          v = Variant(parameters_[n - 1]);
-        else
+        } else if (n >= 1 && static_cast<size_t>(n) <= parameters_.size()) {
+          v.kind = Val::kText;
+          v.text = parameters_[n - 1];
+        } else {
           modelable = false;
+        }
         v.constant = true;
         if (v.kind == Val::kText) {
           v.isNumber = TextAsNumber(std::string(v.text), &v.asNumber);
@@ -231,16 +228,17 @@ class Evaluator {
         ULONG64 ticks;
       } kUnits[] = {{"SS", 10000000ull}, {"MI", 600000000ull}, {"HH", 36000000000ull}, {"DD", 864000000000ull}};
       v.kind = Val::kTime;
-      const std::string unit = Upper(std::string(args[0].text));
+      const std::string_view unit = args[0].text;
       bool known = false;
       for (const auto& u : kUnits)
-        if (unit == u.unit) {
+        if (CompareIgnoringCase(unit, u.unit) == 0) {
           const double moved = static_cast<double>(v.time) + args[1].number * static_cast<double>(u.ticks);
           if (moved < 1.0 || moved > 9.0e18) modelable = false;  // the provider refuses what leaves the range
           else v.time += static_cast<ULONG64>(static_cast<LONG64>(args[1].number) * static_cast<LONG64>(u.ticks));
           known = true;
         }
-      if (!known && (unit == "MS" || unit == "WK" || unit == "MM" || unit == "YY")) modelable = false;
+      for (const char* other : {"MS", "WK", "MM", "YY"})
+        if (!known && CompareIgnoringCase(unit, other) == 0) modelable = false;
       if (!known) v.time = 0;
     } else {
       modelable = false;
@@ -268,9 +266,7 @@ class Evaluator {
     if (a.kind != b.kind || a.kind == Val::kNull || a.kind == Val::kOpaque) return Truth::kUnknown;
     if (a.kind == Val::kNumber) order = a.number < b.number ? -1 : (a.number > b.number ? 1 : 0);
     if (a.kind == Val::kTime) order = a.time < b.time ? -1 : (a.time > b.time ? 1 : 0);
-    if (a.kind == Val::kText) {
-      order = CompareIgnoringCase(a.text, b.text);
-    }
+    if (a.kind == Val::kText) order = CompareIgnoringCase(a.text, b.text);
     bool holds = false;
     switch (op) {
       case SQL_COND_EQUAL: holds = order == 0; break;
@@ -283,7 +279,7 @@ class Evaluator {
     return holds ? Truth::kTrue : Truth::kFalse;
   }
 
-  const std::vector<VARIANT>& parameters_;
+  const std::vector<std::string>& parameters_;
   const ModelSample* sample_ = nullptr;
   std::map<const CSQLCalcItem*, Val> written_;  // constants and `?` values, read once
   std::map<const CSQLCalcItem*, Column> columns_;
@@ -341,7 +337,7 @@ std::string Describe(const ModelStore& store) {
   return out.str();
 }
 
-bool ApplyChange(const CSQLQueryInfo& statement, const std::vector<VARIANT>& parameters, const ModelStore& before,
+bool ApplyChange(const CSQLQueryInfo& statement, const std::vector<std::string>& parameters, const ModelStore& before,
                  ModelStore* after) {
   const bool update = statement.StatementKind() == SQL_STATEMENT_UPDATE;
   bool setValue = false, setQuality = false;
@@ -351,14 +347,14 @@ bool ApplyChange(const CSQLQueryInfo& statement, const std::vector<VARIANT>& par
     for (size_t i = 0; i < u.Columns().size(); ++i) {
       Evaluator constant(parameters);
       const Val v = constant.Value(u.Values()[i].get());
-      const std::string column = Upper(ToUtf8(static_cast<const CSQLCalcItemTableColumn&>(*u.Columns()[i]).ColumnName()));
+      const WString& column = static_cast<const CSQLCalcItemTableColumn&>(*u.Columns()[i]).ColumnName();
       if (!constant.modelable || (v.kind != Val::kNumber && v.kind != Val::kText)) return false;
-      if (column == "QUALITY" && v.kind == Val::kNumber) {
+      if (WIEquals(column, OLESTR("QUALITY")) && v.kind == Val::kNumber) {
         if (!(v.number >= 0 && v.number <= 4294967295.0) || v.number != static_cast<double>(static_cast<LONG64>(v.number)))
           return false;
         setQuality = true;
         written.quality = static_cast<DWORD>(v.number);
-      } else if (column == "VALUE") {
+      } else if (WIEquals(column, OLESTR("VALUE"))) {
         setValue = true;
         written.isText = v.kind == Val::kText;
         written.number = v.number;

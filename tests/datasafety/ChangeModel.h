@@ -34,10 +34,10 @@ ModelStore ReadStore(IRawDataProvider* raw);
 // One line per sample, for failure messages.
 std::string Describe(const ModelStore& store);
 
-// The store `before` after the DELETE or UPDATE `statement` with `parameters`. False
-// when the statement holds something the model does not evaluate (most functions, SET
-// expressions that read the row, values of types it does not know).
-bool ApplyChange(const CSQLQueryInfo& statement, const std::vector<VARIANT>& parameters, const ModelStore& before,
+// The store `before` after the DELETE or UPDATE `statement` with the texts `parameters`
+// for its `?`. False when the statement holds something the model does not evaluate
+// (most functions, SET expressions that read the row, values of types it does not know).
+bool ApplyChange(const CSQLQueryInfo& statement, const std::vector<std::string>& parameters, const ModelStore& before,
                  ModelStore* after);
 
 }  // namespace corvane::test

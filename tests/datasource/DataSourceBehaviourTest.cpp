@@ -1,6 +1,6 @@
 // The data source on its own (as Create makes it): property rules before and after
 // Initialize, what the provider string does not show through SQL (tests/cases/
-// datasource.test), the range a query reads, IDBInfo and the records of failed calls.
+// datasource.test), IDBInfo and the records of failed calls.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -17,15 +17,6 @@ using corvane::ToUtf8;
 using corvane::test::TraceCapture;
 
 namespace {
-
-ULONGLONG U64(const FILETIME& ft) { return (static_cast<ULONGLONG>(ft.dwHighDateTime) << 32) | ft.dwLowDateTime; }
-
-FILETIME Utc(WORD y, WORD mo, WORD d, WORD h, WORD mi, WORD s, WORD ms = 0) {
-  const SYSTEMTIME st{y, mo, 0, d, h, mi, s, ms};
-  FILETIME ft{};
-  SystemTimeToFileTime(&st, &ft);
-  return ft;
-}
 
 // A property of `vt` (BSTR, BOOL or I2) holding `text` or `n`.
 DBPROP Prop(DBPROPID id, VARTYPE vt, const OLECHAR* text, SHORT n = 0) {
@@ -66,24 +57,11 @@ class DataSourceTest : public corvane::test::LeakCheckedTest {
     return s;
   }
   std::string Schema() { return Name(&CProviderDataSource::GetDefaultSchema); }
-  LONG Setting(HRESULT (CProviderDataSource::*getter)(LONG*)) {
-    LONG value = -1;
-    EXPECT_EQ(S_OK, (ds_->*getter)(&value));
-    return value;
-  }
-  FILETIME Take(HRESULT (CProviderDataSource::*getter)(FILETIME**)) {
-    FILETIME* p = nullptr;
-    EXPECT_EQ(S_OK, (ds_->*getter)(&p));
-    FILETIME v = p ? *p : FILETIME{};
-    CoTaskMemFree(p);
-    return v;
-  }
   CProviderDataSource* ds_ = nullptr;
 };
 
 using DataSourceProperties = DataSourceTest;
 using ProviderString = DataSourceTest;
-using QuerySettingsRules = DataSourceTest;
 using DataSourceInfo = DataSourceTest;
 
 }  // namespace
@@ -169,22 +147,20 @@ TEST_F(DataSourceProperties, FailuresAreTracedAndPostedAsErrorRecords) {
   EXPECT_TRUE(trace.Contains("GetProperties, HR = 80070057"));
   ASSERT_EQ(1u, corvane::platform::ErrorRecordCount());
 #endif
+  // The internal interface's getters refuse a null pointer too.
+  EXPECT_EQ(E_INVALIDARG, ds_->GetPercentDataGood(nullptr));
+  EXPECT_EQ(E_INVALIDARG, ds_->GetStartTimeForQuery(nullptr));
   EXPECT_EQ(S_OK, ds_->InterfaceSupportsErrorInfo(IID_IDBInitialize));
   EXPECT_EQ(S_OK, ds_->InterfaceSupportsErrorInfo(IID_IProviderDataSource));
   EXPECT_EQ(S_FALSE, ds_->InterfaceSupportsErrorInfo(IID_IPersist));
 }
 
-// (What a true "Use Timestamps" does is read back through SQL in datasource.test.)
-TEST_F(ProviderString, TimesOnlyWithUseTimestampsAndTheSchemaFilledOnce) {
-  const ULONGLONG start = U64(Take(&CProviderDataSource::GetStartTime));
-  const ULONGLONG end = U64(Take(&CProviderDataSource::GetEndTime));
-  ASSERT_EQ(S_OK, SetString(DBPROP_INIT_PROVIDERSTRING, OLESTR("Initial Schema=plant;Use Timestamps=false;"
-                                                               "Timestamp Start=2020-01-01 00:00:00")));
+// (What the provider string's times and "Use Timestamps" do is read through SQL in
+// queryrange.test and datasource.test.)
+TEST_F(ProviderString, TheSchemaFollowsTheLastStringAndIsFilledOnce) {
+  ASSERT_EQ(S_OK, SetString(DBPROP_INIT_PROVIDERSTRING, OLESTR("Initial Schema=plant")));
   EXPECT_EQ("plant", Schema());
   ASSERT_EQ(S_OK, SetString(DBPROP_INIT_PROVIDERSTRING, OLESTR("Timestamp End=2020-01-01 00:00:00")));
-  EXPECT_EQ(start, U64(Take(&CProviderDataSource::GetStartTime)));
-  EXPECT_EQ(end, U64(Take(&CProviderDataSource::GetEndTime)));
-  EXPECT_EQ(0, Setting(&CProviderDataSource::GetUseUserTimeRange));
   EXPECT_EQ("", Schema()) << "a string without the schema item empties it";
 
   // Initialize fills empty names; a schema emptied after it stays empty.
@@ -209,28 +185,6 @@ TEST_F(ProviderString, DataSourceCatalogAndWindowHandleByIdentifierAlone) {
   EXPECT_EQ(VT_I4, props[2].vValue.vt);
   EXPECT_EQ(12, props[2].vValue.lVal);
   VariantClear(&props[1].vValue);
-}
-
-// (The defaults are read through SQL in datasource.test.)
-TEST_F(QuerySettingsRules, OnlyAFlagOfOnePicksTheUserRange) {
-  EXPECT_EQ(E_INVALIDARG, ds_->GetPercentDataGood(nullptr));
-  EXPECT_EQ(E_INVALIDARG, ds_->GetStartTimeForQuery(nullptr));
-  const ULONGLONG end = U64(Take(&CProviderDataSource::GetEndTime));
-  EXPECT_EQ(corvane::kDefaultQueryWindow, end - U64(Take(&CProviderDataSource::GetStartTime)));
-  const FILETIME userStart = Utc(2023, 5, 1, 0, 0, 0), userEnd = Utc(2023, 5, 2, 0, 0, 0);
-  ds_->SetStartTime(userStart);
-  ds_->SetEndTime(userEnd);
-  ASSERT_EQ(S_OK, ds_->UpdateQueryTimeRange());
-  const ULONGLONG qStart = U64(Take(&CProviderDataSource::GetStartTimeForQuery));
-  const ULONGLONG qEnd = U64(Take(&CProviderDataSource::GetEndTimeForQuery));
-  EXPECT_EQ(corvane::kDefaultQueryWindow, qEnd - qStart);
-  EXPECT_GE(qEnd, end);
-  for (LONG flag : {1, 2, 0}) {
-    ds_->SetUseUserTimeRange(flag);
-    const bool user = flag == 1;
-    EXPECT_EQ(user ? U64(userStart) : qStart, U64(Take(&CProviderDataSource::GetStartTimeForQuery))) << flag;
-    EXPECT_EQ(user ? U64(userEnd) : qEnd, U64(Take(&CProviderDataSource::GetEndTimeForQuery))) << flag;
-  }
 }
 
 TEST_F(DataSourceInfo, KeywordsLiteralsSessionAndClass) {

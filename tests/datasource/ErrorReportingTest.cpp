@@ -9,15 +9,10 @@
 #include "provider/ErrorReporting.h"
 #include "provider/ICreateCorvaneOleDbProvider.h"
 #include "provider/Module.h"
-#include "tests/interop/ErrorRecords.h"
 #include "tests/support/LeakCheckedTest.h"
 
 using corvane::DescribeFailure;
 using corvane::ToUtf8;
-
-namespace {
-std::string Describe(REFIID iid, HRESULT hr) { return ToUtf8(DescribeFailure(iid, hr)); }
-}  // namespace
 
 TEST(ErrorDescriptions, JoinInterfaceAndResultTexts) {
   // Provider codes without a text of their own (8004C006) fall through to the general one.
@@ -30,8 +25,6 @@ TEST(ErrorDescriptions, JoinInterfaceAndResultTexts) {
   } cases[] = {
       {IID_IDBInitialize, E_FAIL, "Failed to initialize/unitialize a data source (IID_IDBInitialize). Details: "
                                   "Returned E_FAIL."},
-      {IID_ICommandText, DB_E_ERRORSINCOMMAND, "Failed to run a command (IID_ICommandText). Details: No more details "
-                                               "(HRESULT = 80040E14)."},
       {IID_IDBProperties, HRESULT(0xC0041009), "Failed to get/set the properties (IID_IDBProperties). Details: The "
                                                "requested aggregate is not available from the provided item "
                                                "(C0041009)."},
@@ -48,7 +41,7 @@ TEST(ErrorDescriptions, JoinInterfaceAndResultTexts) {
       {IID_ICommand, CORVANE_E_NOT_ONE_FROM_ITEM, "Failed to execute a command (IID_ICommand). Details: No more "
                                                   "details (HRESULT = 8004C006)."},
   };
-  for (const auto& c : cases) EXPECT_EQ(Describe(c.iid, c.hr), c.text);
+  for (const auto& c : cases) EXPECT_EQ(ToUtf8(DescribeFailure(c.iid, c.hr)), c.text);
   EXPECT_EQ(ToUtf8(DescribeFailure(IID_ICommand, static_cast<const OLECHAR*>(nullptr))),
             "Failed to execute a command (IID_ICommand). Details: ");
 }
@@ -145,29 +138,6 @@ TEST_F(ErrorLookupService, ThreadsPostAndLookUpAtOnce) {
     });
   for (auto& th : threads) th.join();
   EXPECT_EQ(0, wrong.load());
-}
-
-// The record a provider object posts: its ERRORINFO and lookup id give back, through the
-// service, the very texts the record carries itself.
-TEST_F(ErrorLookupService, EveryPostedRecordIsFoundByItsLookupId) {
-  corvane::ClearErrorRecords();
-  const corvane::WString message = DescribeFailure(IID_ICommandPrepare, OLESTR("Unable to create column bindings."));
-  corvane::PostFailure(IID_IDBInitialize, E_FAIL, OLESTR("CProviderDataSource class"));
-  corvane::PostErrorRecord(IID_ICommandPrepare, DB_E_ERRORSINCOMMAND, OLESTR("CProviderCommand class"),
-                           message.c_str());
-  const std::vector<ERRORINFO> infos = corvane::test::TakeRecords();
-  ASSERT_EQ(2u, infos.size());
-  const std::string expected[2][2] = {{"CProviderDataSource class", Describe(IID_IDBInitialize, E_FAIL)},
-                                      {"CProviderCommand class", ToUtf8(message)}};
-  IErrorLookup* lookup = NewLookup();
-  for (size_t i = 0; i < 2; ++i) {
-    const LookedUp found = LookUp(lookup, infos[i].hrError, infos[i].dwMinor);
-    EXPECT_EQ(S_OK, found.hr) << i;
-    EXPECT_EQ(expected[i][0], found.source);
-    EXPECT_EQ(expected[i][1], found.description);
-    lookup->ReleaseErrors(infos[i].dwMinor);
-  }
-  lookup->Release();
 }
 
 #ifndef _WIN32

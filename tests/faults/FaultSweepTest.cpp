@@ -158,12 +158,9 @@ INSTANTIATE_TEST_SUITE_P(
     Statements, FaultSweep,
     ::testing::Values(
         Statement{"RawDataEveryTag", "SELECT * FROM RAWDATA"},
-        Statement{"RawDataDouble", "SELECT TAGNAME, VALUE FROM RAWDATA_DOUBLE WHERE TAGNAME = 'Flow' AND "
-                                   "TIMESTAMP >= '2020-01-01 00:00:20'"},
         Statement{"RawDataTop", "SELECT TOP 2 VALUE FROM RAWDATA WHERE TAGNAME = 'Flow'", Answer::Fails,
                   {Op::ReleaseContinuationPoint}, true},
         Statement{"Tags", "SELECT * FROM TAGS"},
-        Statement{"QuerySettings", "SELECT * FROM QUERYSETTINGS"},
         Statement{"GetValues", "EXEC GET_VALUES '2020-01-01 00:00:00', '2020-01-01 00:01:30', 0, 'Flow'"},
         Statement{"MostRecent", "EXEC GET_MOST_RECENT_VALUE 'Level'"},
         Statement{"SpRawData", "EXEC SP_RAWDATA '2020-01-01 00:00:00', '2020-01-01 00:01:30', 'Flow;Level'"},
@@ -175,8 +172,6 @@ INSTANTIATE_TEST_SUITE_P(
         Statement{"FilteredStatistics",
                   "EXEC GET_FILTERED_TAG_STATISTICS '*', '', '', '2020-01-01 00:00:00', '2020-01-01 00:01:30', 1",
                   Answer::Fails, {Op::GetCapabilities}},
-        Statement{"RawDataInsertProcedure", "EXEC RAWDATA_INSERT 'Flow', '2020-01-01 00:00:05', '2.5', 192",
-                  Answer::InText, {}, false, true},
         Statement{"RawDataUpdateProcedure", "EXEC RAWDATA_UPDATE 'Flow', '2020-01-01 00:00:10', '7.25', 0",
                   Answer::InText, {}, false, true},
         Statement{"Insert", "INSERT INTO RAWDATA (TAGNAME, TIMESTAMP, VALUE, QUALITY) VALUES "

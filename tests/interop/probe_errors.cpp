@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "base/ComPtr.h"
-#include "tests/interop/ErrorRecords.h"
+#include "platform/Platform.h"
 #include "tests/session/ConsumerFixture.h"
 #include "tests/support/Printers.h"
 
@@ -25,7 +25,6 @@ using corvane::ComPtr;
 using corvane::QueryAs;
 using corvane::test::ConsumerTest;
 using corvane::test::Hex;
-using corvane::test::TakeRecords;
 
 #ifndef CORVANE_CONSUMER_OF_DLL
 // What regsvr32 is to the DLL: the POSIX class registry learns both classes.
@@ -36,6 +35,27 @@ class RegisteredModule : public ::testing::Environment {
 };
 ::testing::Environment* const kRegisteredModule = ::testing::AddGlobalTestEnvironment(new RegisteredModule);
 #endif
+
+// The ERRORINFO of every error record a failed call left on this thread, oldest first
+// (the system's error object numbers them from the newest, the POSIX records from the
+// oldest); the records are dropped.
+std::vector<ERRORINFO> TakeRecords() {
+  std::vector<ERRORINFO> infos;
+#ifdef _WIN32
+  ComPtr<IErrorInfo> object;
+  if (GetErrorInfo(0, object.Put()) != S_OK) return infos;
+  ComPtr<IErrorRecords> records = QueryAs<IErrorRecords>(object.Get(), IID_IErrorRecords);
+  ULONG count = 0;
+  if (records) records->GetRecordCount(&count);
+  for (ULONG i = count; i-- > 0;) {
+    infos.emplace_back();
+    EXPECT_EQ(S_OK, records->GetBasicErrorInfo(i, &infos.back()));
+  }
+#else
+  for (const auto& record : corvane::platform::TakeErrorRecords()) infos.push_back(record.info);
+#endif
+  return infos;
+}
 
 std::vector<std::string> FailingStatements() {
   std::vector<std::string> statements;

@@ -11,12 +11,16 @@
 #include <string>
 
 #include "SQLParser/SQLSyntaxParser.h"
+#include "base/ComPtr.h"
 #include "tests/session/ConsumerFixture.h"
 #include "tests/support/Printers.h"
 
+using corvane::ComPtr;
+using corvane::QueryAs;
 using corvane::test::ConsumerTest;
 using corvane::test::Hex;
 using corvane::test::LastError;
+using corvane::test::SqlConsumer;
 
 namespace {
 
@@ -58,7 +62,7 @@ long StatusKb(const char*) { return -1; }
 void ResetPeakRss() {}
 #endif
 
-struct Outcome {
+struct Measured {
   HRESULT prepared = E_UNEXPECTED;
   HRESULT executed = E_UNEXPECTED;
   HRESULT fetched = S_OK;
@@ -79,32 +83,40 @@ std::string Repeat(const std::string& piece, size_t times, const std::string& se
   return out;
 }
 
+// Its own fetch loop, not the consumer's Run: that one holds every row, which would
+// defeat the bounds on memory measured here.
 class ResourceLimits : public ConsumerTest {
  protected:
-  void SetUp() override {
-    ConsumerTest::SetUp();
-    if (HasFatalFailure()) return;
-    IDBCreateCommand* create = Query<IDBCreateCommand>(session_, IID_IDBCreateCommand);
-    ASSERT_NE(nullptr, create);
-    ASSERT_EQ(S_OK, create->CreateCommand(nullptr, IID_ICommandText, reinterpret_cast<IUnknown**>(&text_)));
-    create->Release();
-  }
-  void TearDown() override {
-    if (text_) {
-      EXPECT_EQ(0u, text_->Release());
-    }
-    ConsumerTest::TearDown();
-  }
-
-  // Sets the text, prepares, executes and fetches every row (or only the first batch
-  // with `firstBatchOnly`, then releases the rowset as a consumer that stops reading).
-  Outcome Run(const std::string& statement, bool firstBatchOnly = false) {
-    const corvane::WString text = corvane::FromUtf8(statement);
-    Outcome out;
+  // Prepares, executes and fetches every row, releasing each batch (or only the first
+  // batch with `firstBatchOnly`, then releases the rowset as a consumer that stops reading).
+  Measured Measure(const std::string& statement, bool firstBatchOnly = false) {
+    Measured out;
     ResetPeakRss();
     const long before = StatusKb("VmRSS:");
     const auto start = std::chrono::steady_clock::now();
-    Drive(text, firstBatchOnly, &out);
+    IUnknown* rowset = nullptr;
+    corvane::test::Outcome step = Prepare(statement);
+    out.prepared = step.hr;
+    if (SUCCEEDED(step.hr)) {
+      step = SqlConsumer::Run("", {}, 0, &rowset);
+      out.executed = step.hr;
+    }
+    out.error = step.error;
+    if (rowset) {
+      out.columns = corvane::test::Columns(rowset).size();
+      const ComPtr<IRowset> fetch = QueryAs<IRowset>(rowset, IID_IRowset);
+      for (;;) {
+        DBCOUNTITEM obtained = 0;
+        HROW* handles = nullptr;
+        out.fetched = fetch->GetNextRows(DB_NULL_HCHAPTER, 0, 500, &obtained, &handles);
+        if (obtained) fetch->ReleaseRows(obtained, handles, nullptr, nullptr, nullptr);
+        CoTaskMemFree(handles);
+        out.rows += obtained;
+        if (FAILED(out.fetched)) out.error = TakeLastError();
+        if (out.fetched != S_OK || firstBatchOnly) break;
+      }
+      rowset->Release();
+    }
     out.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     const long peak = StatusKb("VmHWM:");
     out.growthKb = before < 0 || peak < 0 ? -1 : std::max(0L, peak - before);
@@ -116,7 +128,7 @@ class ResourceLimits : public ConsumerTest {
   }
 
   // Within `seconds` and `megabytes` (scaled); a failed step left a record saying why.
-  static void ExpectBounded(const Outcome& out, double seconds, long megabytes) {
+  static void ExpectBounded(const Measured& out, double seconds, long megabytes) {
     EXPECT_LT(out.seconds, seconds * Scale()) << "wall time";
     if (out.growthKb >= 0) {
       EXPECT_LT(out.growthKb, static_cast<long>(megabytes * 1024 * Scale())) << "KiB of growth";
@@ -127,48 +139,6 @@ class ResourceLimits : public ConsumerTest {
     EXPECT_FALSE(out.error.description.empty());
     EXPECT_LT(out.error.description.size(), 4096u) << "the record stays readable";
 #endif
-  }
-
-  ICommandText* text_ = nullptr;
-
- private:
-  void Drive(const corvane::WString& text, bool firstBatchOnly, Outcome* out) {
-    HRESULT hr = text_->SetCommandText(DBGUID_DEFAULT, text.c_str());
-    if (FAILED(hr)) {
-      out->prepared = hr;
-      out->error = TakeLastError();
-      return;
-    }
-    ICommandPrepare* prepare = Query<ICommandPrepare>(text_, IID_ICommandPrepare);
-    out->prepared = prepare->Prepare(1);
-    prepare->Release();
-    if (FAILED(out->prepared)) {
-      out->error = TakeLastError();
-      return;
-    }
-    IUnknown* rowset = nullptr;
-    out->executed = text_->Execute(nullptr, IID_IRowset, nullptr, nullptr, &rowset);
-    if (FAILED(out->executed) || !rowset) {
-      out->error = TakeLastError();
-      return;
-    }
-    out->columns = corvane::test::Columns(rowset).size();
-    IRowset* fetch = Query<IRowset>(rowset, IID_IRowset);
-    for (;;) {
-      DBCOUNTITEM obtained = 0;
-      HROW* handles = nullptr;
-      hr = fetch->GetNextRows(DB_NULL_HCHAPTER, 0, 500, &obtained, &handles);
-      if (obtained) {
-        fetch->ReleaseRows(obtained, handles, nullptr, nullptr, nullptr);
-        CoTaskMemFree(handles);
-      }
-      out->rows += obtained;
-      out->fetched = hr;
-      if (FAILED(hr)) out->error = TakeLastError();
-      if (hr != S_OK || firstBatchOnly) break;
-    }
-    fetch->Release();
-    rowset->Release();
   }
 };
 
@@ -250,7 +220,7 @@ TEST_F(ResourceLimits, OversizedInputWorksOrFailsWithinBounds) {
       {HdaStatement("HDA_ANALOG", "1000"), E_INVALIDARG, -1, -1, "", 10, 128, true}};
   for (const Limit& limit : limits) {
     SCOPED_TRACE(limit.sql.substr(0, 80));
-    const Outcome out = Run(limit.sql, limit.firstBatchOnly);
+    const Measured out = Measure(limit.sql, limit.firstBatchOnly);
     const HRESULT got = FAILED(out.prepared) ? out.prepared : FAILED(out.executed) ? out.executed : out.fetched;
     if (SUCCEEDED(limit.hr) || limit.hr == kAnyFailure)
       EXPECT_EQ(SUCCEEDED(limit.hr), SUCCEEDED(got)) << Hex(got) << " " << out.error.description.substr(0, 200);
