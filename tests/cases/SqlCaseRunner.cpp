@@ -293,7 +293,7 @@ class CaseTest : public ::testing::Test {
     if (unchanged && !listed) run.before = run.consumer->Contents();
     const std::string sql = header.execute ? std::string() : c.sql;
     IUnknown* rowset = nullptr;
-    const Outcome got = header.schema    ? run.consumer->Schema(c.sql, header.batch)
+    const Outcome got = header.schema    ? run.consumer->Schema(Cells(c.sql, '|'), header.batch)
                         : header.prepare ? run.consumer->Prepare(c.sql)
                                          : run.consumer->Run(sql, parameters, header.batch,
                                                              header.open ? &rowset : nullptr);

@@ -16,6 +16,7 @@ using corvane::QueryAs;
 using corvane::TaskMem;
 using corvane::test::Cell;
 using corvane::test::ConsumerTest;
+using corvane::test::Parameter;
 using corvane::test::ReadAll;
 using corvane::test::TextParameters;
 using corvane::test::TraceCapture;
@@ -316,7 +317,7 @@ TEST_F(CommandParameters, TypeNamesKeepTheirMappingAndUndescribedOnesAreVariants
   EXPECT_EQ(DBTYPE_UI4, mixed[1].type);
   // A value that does not read as its described type fails the execution (with
   // DISP_E_TYPEMISMATCH under Windows, DB_E_ERRORSOCCURRED on POSIX).
-  TextParameters bad({OLESTR("2000-01-01"), OLESTR("three")});
+  TextParameters bad({Parameter{"", "2000-01-01"}, Parameter{"", "three"}});
   DBPARAMS p{bad.slots.data(), 1, ParameterAccessor(bad)};
   IUnknown* rowset = nullptr;
   EXPECT_TRUE(FAILED(command_->Execute(nullptr, IID_IRowset, &p, nullptr, &rowset)));
@@ -327,7 +328,7 @@ TEST_F(CommandParameters, TypeNamesKeepTheirMappingAndUndescribedOnesAreVariants
 
 TEST_F(CommandExecution, ParameterSetsAndAccessorsAreChecked) {
   SetText(OLESTR("SELECT * FROM RAWDATA WHERE TAGNAME = ?"));
-  TextParameters values({OLESTR("Area1.Temp")});
+  TextParameters values({Parameter{"", "Area1.Temp"}});
   HACCESSOR handle = DB_NULL_HACCESSOR;
   // One accessor is not both kinds; output parameters do not exist.
   EXPECT_EQ(DB_E_BADACCESSORFLAGS, accessor_->CreateAccessor(DBACCESSOR_ROWDATA | DBACCESSOR_PARAMETERDATA, 1,
