@@ -107,6 +107,7 @@ TEST_F(SessionObject, AnswersItsInterfacesAndLeadsBackToItsDataSource) {
 TEST_F(SessionObject, OpenSessionsKeepTheDataSourceInitialised) {
   auto init = QueryAs<IDBInitialize>(dataSource_, IID_IDBInitialize);
   ASSERT_TRUE(init);
+  TraceCapture trace;
   EXPECT_EQ(DB_E_OBJECTOPEN, init->Uninitialize());
   auto error = TakeLastError();
   EXPECT_EQ(DB_E_OBJECTOPEN, error.hr);
@@ -209,6 +210,7 @@ TEST_F(SessionObject, CreateCommandNamesAnUnknownInterfaceByItsGuid) {
 // Every schema GetSchemas lists can be read.
 TEST_F(SessionObject, GetSchemasListsWhatTheSessionServes) {
   auto schemas = QueryAs<IDBSchemaRowset>(session_, IID_IDBSchemaRowset);
+  TraceCapture trace;
   ULONG n = 0;
   TaskMem<GUID> guids;
   TaskMem<ULONG> masks;
@@ -223,6 +225,7 @@ TEST_F(SessionObject, GetSchemasListsWhatTheSessionServes) {
 }
 
 TEST_F(CommandText, TextDialectAndPrepareWithoutText) {
+  TraceCapture trace;  // the trace lines of the failures are formatted too
   GUID dialect{};
   TaskMem<OLECHAR> none;
   EXPECT_EQ(DB_E_NOCOMMAND, command_->GetCommandText(&dialect, none.Put()));
@@ -425,6 +428,7 @@ TEST_F(CommandExecution, RowAccessorsOfTheCommandReadItsRowsets) {
 }
 
 TEST_F(CommandExecution, OpenRowsetsHoldTheCommand) {
+  TraceCapture trace;
   SetText(OLESTR("SELECT * FROM TAGS"));
   IUnknown* rowset = nullptr;
   ASSERT_EQ(S_OK, command_->Execute(nullptr, IID_IRowset, nullptr, nullptr, &rowset));
