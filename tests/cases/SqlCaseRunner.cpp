@@ -141,7 +141,7 @@ std::vector<Case> ParseFile(const std::string& path, std::string* error) {
     if (words.empty()) {
       ++i;
     } else if (words[0] == "tag" || words[0] == "provider" || words[0] == "host" || words[0] == "fail" ||
-               words[0] == "series" || words[0] == "restore") {
+               words[0] == "series") {
       setup.push_back(line);
       ++i;
     } else if (words[0] == "samples") {
@@ -224,7 +224,6 @@ struct FileRun {
   platform::AllocCounts baseline{};
   std::string providerString;
   std::vector<OpenRowset> open;
-  std::vector<Line> samples;  // the sample and series lines applied so far, which `restore` applies again
   Rows before;                // the historian's contents before a statement checked with `unchanged`
   size_t next = 0;            // the case to run next
 
@@ -293,7 +292,7 @@ class CaseTest : public ::testing::Test {
     if (unchanged && !listed) run.before = run.consumer->Contents();
     const std::string sql = header.execute ? std::string() : c.sql;
     IUnknown* rowset = nullptr;
-    const Outcome got = header.schema    ? run.consumer->Schema(c.sql, header.batch)
+    const Outcome got = header.schema    ? run.consumer->Schema(Cells(c.sql, '|'), header.batch)
                         : header.prepare ? run.consumer->Prepare(c.sql)
                                          : run.consumer->Run(sql, parameters, header.batch,
                                                              header.open ? &rowset : nullptr);
@@ -420,7 +419,6 @@ class CaseTest : public ::testing::Test {
       s.integer = std::atoll(cells[2].c_str());
       if (consumer.Store().AppendSamples(tag.name, {s}) != S_OK)
         ADD_FAILURE_AT(file, line.number) << "sample not added: " << line.text;
-      run.samples.push_back(line);
     } else if (words[0] == "series" && (words.size() == 3 || (words.size() == 4 && ParseHex(words[3], &hr)))) {
       // series NAME N [QUALITY hex]: value i at second i, for i below N.
       const size_t n = static_cast<size_t>(std::atol(words[2].c_str()));
@@ -431,13 +429,6 @@ class CaseTest : public ::testing::Test {
             s.quality = static_cast<DWORD>(hr);
           }) != S_OK)
         ADD_FAILURE_AT(file, line.number) << "series not added: " << line.text;
-      run.samples.push_back(line);
-    } else if (words[0] == "restore") {
-      for (const historian::TagDefinition& tag : consumer.Store().ListTags(nullptr, nullptr))
-        consumer.Store().Delete(tag.name, 0, 0x7FFFFFFFFFFFFFFFull);
-      std::vector<Line> samples;
-      samples.swap(run.samples);
-      for (const Line& sample : samples) Apply(file, sample, run);
     } else if (words[0] == "provider") {
       run.providerString = After(line.text, 1);
     } else if (words[0] == "host" && words.size() == 3 && words[1] == "omit") {
@@ -463,7 +454,6 @@ void FileRun::Finish() {
   consumer.reset();
   trace.reset();
   providerString.clear();
-  samples.clear();
   next = 0;
   LeakCheckedTest::ExpectNothingOutstandingSince(baseline);
 }

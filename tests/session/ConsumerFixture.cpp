@@ -4,12 +4,12 @@
 #endif
 #include "tests/session/ConsumerFixture.h"
 
-#include "base/ComPtr.h"
-
 #include <cstdio>
 #include <cstring>
 
-
+#include "base/Bstr.h"
+#include "base/ComPtr.h"
+#include "base/TaskMem.h"
 #ifdef CORVANE_CONSUMER_OF_DLL
 #include "tests/support/Registration.h"
 #else
@@ -19,8 +19,10 @@
 
 namespace corvane::test {
 
+using corvane::Bstr;
 using corvane::ComPtr;
 using corvane::QueryAs;
+using corvane::TaskMem;
 
 namespace {
 
@@ -54,7 +56,7 @@ void ConsumerTest::SetUp() {
   GetSystemTimeAsFileTime(&now);
   const ULONGLONG minute = 600000000ull;
   // Whole minutes, so that the times read back in text are exact.
-  firstSample_ = (FileTimeToU64(now) / minute) * minute - kSamples * minute;
+  const ULONGLONG first = (FileTimeToU64(now) / minute) * minute - kSamples * minute;
   for (const bool text : {false, true}) {
     corvane::historian::TagDefinition tag;
     tag.name = text ? OLESTR("Area1.Text") : OLESTR("Area1.Temp");
@@ -62,7 +64,7 @@ void ConsumerTest::SetUp() {
     tag.vartype = text ? VT_BSTR : VT_R8;
     ASSERT_EQ(S_OK, Store().AddTag(tag));
     ASSERT_EQ(S_OK, Store().AppendGenerated(tag.name, kSamples, [&](size_t i, corvane::historian::SampleInput& s) {
-      s.time = firstSample_ + i * minute;
+      s.time = first + i * minute;
       s.quality = 0xC0;
       s.number = 100.0 + i;
       if (text) s.text = corvane::WFormat(OLESTR("note %d"), static_cast<int>(i));
@@ -89,10 +91,10 @@ testing::CFaultInjectingHost* NewHost(std::shared_ptr<CHistorianStore> store) {
   return host;
 }
 
-TextParameters::TextParameters(const std::vector<const OLECHAR*>& values) : slots(values.size()) {
+TextParameters::TextParameters(const std::vector<Parameter>& values) : slots(values.size()) {
   for (size_t i = 0; i < values.size(); ++i) {
-    const WString text = values[i] ? WString(values[i]).substr(0, Cell::kTextChars - 1) : WString();
-    slots[i].status = values[i] ? DBSTATUS_S_OK : DBSTATUS_S_ISNULL;
+    const WString text = FromUtf8(values[i].value).substr(0, Cell::kTextChars - 1);
+    slots[i].status = values[i].null ? DBSTATUS_S_ISNULL : DBSTATUS_S_OK;
     slots[i].length = text.size() * sizeof(OLECHAR);
     std::memcpy(slots[i].v.text, text.c_str(), slots[i].length + sizeof(OLECHAR));
     bindings.push_back(CellBinding(i, i + 1, DBTYPE_WSTR, DBPARAMIO_INPUT));
@@ -181,39 +183,32 @@ Outcome SqlConsumer::Run(const std::string& sql, const std::vector<Parameter>& p
                          IUnknown** open) {
   Outcome out;
   if (!command_) return out.hr = E_UNEXPECTED, out;
-  IUnknown* rowset = nullptr;
   auto described = QueryAs<ICommandWithParameters>(command_, IID_ICommandWithParameters);
   if (!sql.empty()) {
     // Each statement starts without the parameter descriptions of the one before.
     out.hr = described->SetParameterInfo(0, nullptr, nullptr);
     if (SUCCEEDED(out.hr)) out.hr = command_->SetCommandText(DBGUID_DEFAULT, FromUtf8(sql).c_str());
   }
-  auto accessor = QueryAs<IAccessor>(command_, IID_IAccessor);
-  HACCESSOR handle = DB_NULL_HACCESSOR;
-  std::vector<WString> texts, typeNames;
-  std::vector<const OLECHAR*> given;
-  for (const Parameter& p : parameters) texts.push_back(FromUtf8(p.value)), typeNames.push_back(FromUtf8(p.type));
-  for (size_t i = 0; i < parameters.size(); ++i) given.push_back(parameters[i].null ? nullptr : texts[i].c_str());
-  TextParameters values(given);
   for (size_t i = 0; SUCCEEDED(out.hr) && i < parameters.size(); ++i) {
     if (parameters[i].type.empty()) continue;
+    WString type = FromUtf8(parameters[i].type);
     DBPARAMBINDINFO info{};
-    info.pwszDataSourceType = &typeNames[i][0];
+    info.pwszDataSourceType = &type[0];
     info.dwFlags = DBPARAMFLAGS_ISINPUT;
     const DB_UPARAMS ordinal = i + 1;
     out.hr = described->SetParameterInfo(1, &ordinal, &info);
   }
+  auto accessor = QueryAs<IAccessor>(command_, IID_IAccessor);
+  TextParameters values(parameters);
+  DBPARAMS params{values.slots.data(), 1, DB_NULL_HACCESSOR};
   if (SUCCEEDED(out.hr) && !parameters.empty())
     out.hr = accessor->CreateAccessor(DBACCESSOR_PARAMETERDATA, values.bindings.size(), values.bindings.data(),
-                                      values.slots.size() * sizeof(Cell), &handle, nullptr);
-  DBPARAMS params{values.slots.data(), 1, handle};
+                                      values.slots.size() * sizeof(Cell), &params.hAccessor, nullptr);
+  IUnknown* rowset = nullptr;
   if (SUCCEEDED(out.hr))
     out.hr = command_->Execute(nullptr, IID_IRowset, parameters.empty() ? nullptr : &params, &out.affected, &rowset);
-  if (FAILED(out.hr)) {
-    out.atExecute = true;
-    out.error = ConsumerTest::TakeLastError();
-  }
-  if (handle != DB_NULL_HACCESSOR) accessor->ReleaseAccessor(handle, nullptr);
+  if (FAILED(out.hr)) out.atExecute = true, out.error = ConsumerTest::TakeLastError();
+  if (params.hAccessor != DB_NULL_HACCESSOR) accessor->ReleaseAccessor(params.hAccessor, nullptr);
   if (open) *open = rowset;
   else if (rowset) Read(rowset, batch, &out);
   return out;
@@ -238,7 +233,7 @@ Outcome SqlConsumer::Prepare(const std::string& sql) {
   return out;
 }
 
-Outcome SqlConsumer::Schema(const std::string& request, DBROWCOUNT batch) {
+Outcome SqlConsumer::Schema(const std::vector<std::string>& request, DBROWCOUNT batch) {
   static const std::pair<const char*, const GUID*> kSchemas[] = {
       {"CATALOGS", &DBSCHEMA_CATALOGS},       {"COLUMNS", &DBSCHEMA_COLUMNS},
       {"PROCEDURES", &DBSCHEMA_PROCEDURES},   {"PROCEDURE_PARAMETERS", &DBSCHEMA_PROCEDURE_PARAMETERS},
@@ -246,20 +241,15 @@ Outcome SqlConsumer::Schema(const std::string& request, DBROWCOUNT batch) {
       {"SCHEMATA", &DBSCHEMA_SCHEMATA},       {"TABLES", &DBSCHEMA_TABLES},
       {"TABLES_INFO", &DBSCHEMA_TABLES_INFO}, {"VIEWS", &DBSCHEMA_VIEWS}};
   Outcome out;
-  std::vector<std::string> parts(1);
-  for (char c : request) {
-    if (c == '|') parts.emplace_back();
-    else if (c != ' ') parts.back() += c;
-  }
   const GUID* schema = nullptr;
   for (const auto& [name, guid] : kSchemas)
-    if (parts[0] == name) schema = guid;
+    if (request[0] == name) schema = guid;
   auto schemas = QueryAs<IDBSchemaRowset>(session_, IID_IDBSchemaRowset);
   if (!schema || !schemas) return out.hr = E_UNEXPECTED, out;
-  std::vector<VARIANT> restrictions(parts.size() - 1);
+  std::vector<VARIANT> restrictions(request.size() - 1);
   for (size_t i = 0; i < restrictions.size(); ++i) {
     VariantInit(&restrictions[i]);
-    const std::string& r = parts[i + 1];
+    const std::string& r = request[i + 1];
     if (!r.empty() && r.find_first_not_of("0123456789") == std::string::npos) {
       V_VT(&restrictions[i]) = VT_I4, V_I4(&restrictions[i]) = std::atoi(r.c_str());
     } else if (!r.empty()) {
@@ -320,12 +310,9 @@ LastError ConsumerTest::TakeLastError() {
     described = info;
     info->GetGUID(&last.iid);
   }
-  BSTR text = nullptr;
-  if (described && SUCCEEDED(described->GetDescription(&text)) && text) last.description = corvane::ToUtf8(text);
-  SysFreeString(text);
-  text = nullptr;
-  if (!records && described && SUCCEEDED(described->GetSource(&text)) && text) last.source = corvane::ToUtf8(text);
-  SysFreeString(text);
+  Bstr text;
+  if (described && SUCCEEDED(described->GetDescription(text.Put())) && text) last.description = ToUtf8(text.Get());
+  if (!records && described && SUCCEEDED(described->GetSource(text.Put())) && text) last.source = ToUtf8(text.Get());
 #else
   auto records = corvane::platform::TakeErrorRecords();
   last.count = static_cast<ULONG>(records.size());
@@ -365,16 +352,13 @@ std::vector<std::vector<std::string>> ReadAll(IUnknown* rowset, std::vector<DBOR
 
 std::vector<std::pair<std::string, DBTYPE>> Columns(IUnknown* object) {
   std::vector<std::pair<std::string, DBTYPE>> out;
-  IColumnsInfo* info = nullptr;
-  if (FAILED(object->QueryInterface(IID_IColumnsInfo, reinterpret_cast<void**>(&info)))) return out;
+  auto info = QueryAs<IColumnsInfo>(object, IID_IColumnsInfo);
+  if (!info) return out;
   DBORDINAL n = 0;
-  DBCOLUMNINFO* columns = nullptr;
-  OLECHAR* strings = nullptr;
-  EXPECT_EQ(S_OK, info->GetColumnInfo(&n, &columns, &strings));
-  for (DBORDINAL i = 0; i < n; ++i) out.emplace_back(corvane::ToUtf8(columns[i].pwszName), columns[i].wType);
-  CoTaskMemFree(columns);
-  CoTaskMemFree(strings);
-  info->Release();
+  TaskMem<DBCOLUMNINFO> columns;
+  TaskMem<OLECHAR> strings;
+  EXPECT_EQ(S_OK, info->GetColumnInfo(&n, columns.Put(), strings.Put()));
+  for (DBORDINAL i = 0; i < n; ++i) out.emplace_back(ToUtf8(columns[i].pwszName), columns[i].wType);
   return out;
 }
 

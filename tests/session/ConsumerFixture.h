@@ -85,9 +85,9 @@ class SqlConsumer {
   static void Read(IUnknown* rowset, DBROWCOUNT batch, Outcome* out);
   // SetCommandText and Prepare only; the columns are those the command describes.
   Outcome Prepare(const std::string& sql);
-  // A schema rowset read like a statement's rows: `request` is "NAME | restriction | ...",
-  // NAME without its DBSCHEMA_ prefix; an empty restriction is none, digits are an I4.
-  Outcome Schema(const std::string& request, DBROWCOUNT batch = 7);
+  // A schema rowset read like a statement's rows: `request` is its name without DBSCHEMA_,
+  // then its restrictions; an empty restriction is none, digits are an I4.
+  Outcome Schema(const std::vector<std::string>& request, DBROWCOUNT batch = 7);
   // Every sample of every tag, read from the store: tag | seconds after 2020-01-01 00:00:00 UTC | value |
   // quality (hex).
   Rows Contents() const;
@@ -119,19 +119,13 @@ class ConsumerTest : public LeakCheckedTest, public SqlConsumer {
 
   void SetUp() override;
   void TearDown() override;
-
-  static ULONG RefCount(IUnknown* object) {
-    object->AddRef();
-    return object->Release();
-  }
-  ULONGLONG firstSample_ = 0;
 };
 
-// Input values of the `?` of a statement as wide texts, one Cell each; null gives DBSTATUS_S_ISNULL.
+// The values of a statement's `?` as wide texts, one Cell each, bound for input.
 struct TextParameters {
   std::vector<Cell> slots;
   std::vector<DBBINDING> bindings;
-  explicit TextParameters(const std::vector<const OLECHAR*>& values);
+  explicit TextParameters(const std::vector<Parameter>& values);
 };
 
 // The reference historian over `store`, with its aggregates, behind a fault-injecting host
