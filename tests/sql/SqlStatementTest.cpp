@@ -8,8 +8,6 @@
 namespace {
 
 using sqltest::Describe;
-using sqltest::Parse;
-using sqltest::Render;
 
 class SqlStatements : public corvane::test::LeakCheckedTest {};
 
@@ -74,20 +72,6 @@ TEST_F(SqlStatements, WhereTreesKeepPrecedenceAndNumberParameters) {
     const std::string model = Describe(std::string("SELECT a FROM t WHERE ") + condition);
     EXPECT_EQ(std::string("SELECT cols=a from=CAT.SCH.t where=") + tree, model) << "condition: " << condition;
   }
-  // The two comparisons of BETWEEN own separate copies of the column.
-  auto p = Parse("SELECT a FROM t WHERE x BETWEEN 1 AND 5");
-  ASSERT_EQ(p.hr, S_OK) << p.error;
-  EXPECT_NE(p.query->Condition()->Left()->FirstOperand(), p.query->Condition()->Right()->FirstOperand());
-}
-
-TEST_F(SqlStatements, EmptyTextSucceedsWithoutAQuery) {
-  std::unique_ptr<CSQLQueryInfo> query = std::make_unique<CSQLQueryInfoDELETE>();
-  CSQLQueryInfo* before = query.get();
-  corvane::WString error = OLESTR("stale");
-  EXPECT_EQ(CSQLParser::ParseQuery({OLESTR("c"), OLESTR("s"), corvane::WStringView()}, &query, &error), S_OK);
-  EXPECT_EQ(query.get(), before);
-  EXPECT_TRUE(error.empty());
-  EXPECT_EQ(CSQLParser::ParseQuery({OLESTR(""), OLESTR(""), OLESTR("SELECT a FROM t")}, nullptr), E_INVALIDARG);
 }
 
 }  // namespace

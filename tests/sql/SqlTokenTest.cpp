@@ -78,19 +78,4 @@ TEST(SqlTokens, EachTextReadsAsItsTokens) {
   for (const auto& [text, tokens] : cases) EXPECT_EQ(tokens, Lex(text)) << "text: " << text;
 }
 
-TEST(SqlTokens, EachReadStartsFromAClearedTokenBehindThePrevious) {
-  const corvane::WString wide = corvane::FromUtf8("  12  ;");
-  SQLLexerState state;
-  state.text = wide;
-  CSQLToken token;
-  ASSERT_EQ(CSQLSyntaxParser::ReadToken(state, token), S_OK);
-  EXPECT_EQ(state.position, 4);
-  ASSERT_EQ(CSQLSyntaxParser::ReadToken(state, token), S_OK);
-  EXPECT_EQ(token.kind, SQL_TOKEN_TERMINATOR);
-  EXPECT_EQ(token.integerValue, 0);
-  EXPECT_EQ(corvane::ToUtf8(token.text), ";");
-  state.position = -1;
-  EXPECT_EQ(CSQLSyntaxParser::ReadToken(state, token), E_INVALIDARG);
-}
-
 }  // namespace
