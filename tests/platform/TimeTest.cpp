@@ -55,14 +55,3 @@ TEST(FileTimeCalendar, RandomInstantsRoundTripToTheMillisecond) {
     ASSERT_EQ(Ticks(back), ticks - ticks % 10000) << Text(st);
   }
 }
-
-// INSERT without a time stamps the sample with CoFileTimeNow, which must read the system
-// clock; the time probe compares that clock with the C runtime's.
-TEST(SystemClock, CoFileTimeNowIsTheSystemTime) {
-  FILETIME before{}, com{}, after{};
-  GetSystemTimeAsFileTime(&before);
-  ASSERT_EQ(CoFileTimeNow(&com), S_OK);
-  GetSystemTimeAsFileTime(&after);
-  EXPECT_LE(Ticks(before), Ticks(com));
-  EXPECT_LE(Ticks(com), Ticks(after));
-}
