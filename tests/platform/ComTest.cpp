@@ -1,6 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "platform/AllocCounters.h"
 #include "platform/Platform.h"
@@ -103,7 +107,7 @@ class WidgetFactory : public IClassFactory {
   }
   HRESULT STDMETHODCALLTYPE LockServer(BOOL) override { return S_OK; }
 
-  ULONG refs = 0;
+  std::atomic<ULONG> refs{0};
 };
 
 using corvane::platform::RegisterClass;
@@ -147,4 +151,34 @@ TEST(ClassRegistry, CreatesAndNamesRegisteredClassesAndAnswersWithWindowsCodesOt
   EXPECT_EQ(RegisterClass(CLSID_TestWidget, nullptr, nullptr), E_INVALIDARG);
 }
 
+TEST(ClassRegistry, StaysConsistentWhileClassesComeAndGoOnOtherThreads) {
+  WidgetFactory factory;
+  std::atomic<bool> stop{false};
+  std::atomic<int> created{0}, notRegistered{0}, other{0};
+  std::vector<std::thread> creators;
+  for (int t = 0; t < 3; ++t) {
+    creators.emplace_back([&] {
+      while (!stop) {
+        IUnknown* unk = nullptr;
+        HRESULT hr = CoCreateInstance(CLSID_TestWidget, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown, (void**)&unk);
+        if (hr == S_OK) unk->Release();
+        ++(hr == S_OK ? created : hr == REGDB_E_CLASSNOTREG ? notRegistered : other);
+      }
+    });
+  }
+  // Churn until the creators have seen the class both present and absent a fair number of times.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while ((created < 200 || notRegistered < 200) && std::chrono::steady_clock::now() < deadline) {
+    ASSERT_EQ(RegisterClass(CLSID_TestWidget, W("Corvane.TestWidget.1"), &factory), S_OK);
+    std::this_thread::yield();
+    ASSERT_EQ(UnregisterClass(CLSID_TestWidget), S_OK);
+    std::this_thread::yield();
+  }
+  stop = true;
+  for (auto& t : creators) t.join();
+  EXPECT_EQ(other, 0);
+  EXPECT_EQ(factory.refs, 0u) << "every reference taken by a creation was given back";
+  EXPECT_GE(created, 200);
+  EXPECT_GE(notRegistered, 200);
+}
 #endif  // !_WIN32
