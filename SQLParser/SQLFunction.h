@@ -46,7 +46,6 @@ class CSQLFunction : public CSQLCalcItemFunction {
   HRESULT CheckArity() const;
 
   int ResultKind() const { return resultKind_; }  // SQLEvaluationResult::kNone/kValue/kTime
-  const VARIANT& ResultValue() const { return resultValue_; }
   ULONG64 ResultTime() const { return resultTime_; }
   // The result as an evaluation result (a copy).
   HRESULT CopyResult(SQLEvaluationResult* result) const;

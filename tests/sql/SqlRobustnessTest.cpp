@@ -1,6 +1,6 @@
 // Input that must fail cleanly rather than crash, hang, overflow the stack or leak:
 // nesting beyond the limits, on a 1 MB thread stack as well; running out of memory at
-// every allocation of a parse; many threads parsing at once.
+// every allocation of a parse.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -8,7 +8,6 @@
 #include <functional>
 #include <new>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "SQLParser/SQLSyntaxParser.h"
@@ -210,25 +209,6 @@ TEST_F(SqlOutOfMemory, EveryAllocationFailureIsReportedAndFreesEverything) {
     EXPECT_TRUE(completed) << text;
     EXPECT_GT(failures, 5) << text;
   }
-}
-
-TEST(SqlConcurrentParsing, ThreadsParseIndependently) {
-  std::atomic<int> mismatches{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([t, &mismatches] {
-      for (int i = 0; i < 200; ++i) {
-        const std::string tag = "tag" + std::to_string(t) + "_" + std::to_string(i);
-        auto p = Parse("SELECT * FROM RAWDATA WHERE TAGNAME = '" + tag + "' AND VALUE > ?");
-        if (FAILED(p.hr) || sqltest::Render(p.query->Condition()) != "AND(EQ(TAGNAME,'" + tag + "'),GT(VALUE,?1))")
-          ++mismatches;
-        auto bad = Parse("SELECT " + tag);
-        if (bad.error != "Failed to parse the query: 'SELECT " + tag + "'. FROM is missing.") ++mismatches;
-      }
-    });
-  }
-  for (auto& thread : threads) thread.join();
-  EXPECT_EQ(mismatches.load(), 0);
 }
 
 }  // namespace

@@ -20,12 +20,11 @@ struct Parsed {
   std::string error;  // UTF-8 error info
 };
 
-inline Parsed Parse(const std::string& text, const char* catalog = "CAT", const char* schema = "SCH") {
-  const corvane::WString wide = corvane::FromUtf8(text), wcatalog = corvane::FromUtf8(catalog),
-                         wschema = corvane::FromUtf8(schema);
+inline Parsed Parse(const std::string& text) {
+  const corvane::WString wide = corvane::FromUtf8(text);
   Parsed result;
   corvane::WString error;
-  result.hr = CSQLParser::ParseQuery({wcatalog, wschema, wide}, &result.query, &error);
+  result.hr = CSQLParser::ParseQuery({OLESTR("CAT"), OLESTR("SCH"), wide}, &result.query, &error);
   result.error = corvane::ToUtf8(error);
   return result;
 }

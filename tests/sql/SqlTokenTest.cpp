@@ -36,10 +36,8 @@ std::string Lex(const std::string& text) {
 
 TEST(SqlTokens, EachTextReadsAsItsTokens) {
   const std::pair<const char*, const char*> cases[] = {
-      {"", "$"},
-      // "!=" is "=", brackets and braces vanish, "+" and "/" and other characters are dropped.
+      // "!=" is "=", "+" and "/" and other characters are dropped.
       {"a != 3", "id(a) = int(3)=3 $"},
-      {"{CALL p(?)}", "kw(CALL) id(p) ( ? ) $"},
       {"a + b / c \xC3\xA9", "id(a) id(b) id(c) $"},
       {"WHERE a<>b AND c>=1 OR d<=e>f<g ( ) * , . ; = ?",
        "kw(WHERE) id(a) <> id(b) AND id(c) >= int(1)=1 OR id(d) <= id(e) > id(f) < id(g) ( ) * , . ; = ? $"},
@@ -51,7 +49,6 @@ TEST(SqlTokens, EachTextReadsAsItsTokens) {
       {"LIKE IN NULL JOIN TIMESTAMP TOP5 SELECTED _x1 ORD",
        "id(LIKE) id(IN) id(NULL) id(JOIN) id(TIMESTAMP) id(TOP5) id(SELECTED) id(_x1) id(ORD) $"},
       {"\"Order\" \"a b!\"", "id(Order) id(a b!) $"},
-      {"\"abc", "bad!80004005"},
       // Strings: backslash escapes, a doubled quote ends one literal and starts another,
       // an unterminated one ends at the text's end, a trailing backslash ends the scan.
       {"'it\\'s' '\\\\' 'a''b' 'abc", "str(it's) str(\\) str(a) str(b) str(abc) $"},
@@ -62,35 +59,15 @@ TEST(SqlTokens, EachTextReadsAsItsTokens) {
        "dbl(1.5)=-1.5 dbl(12.0)=12 dbl(0.25)=0.25 dbl(1e55)=1e+55 dbl(1e+5)=100000 dbl(1E-5)=1e-05 "
        "dbl(2.5e-3)=0.0025 $"},
       {".5", ". int(5)=5 $"},
-      {"10abc", "int(10)=10 id(abc) $"},
       {"9223372036854775807 -9223372036854775807",
        "int(9223372036854775807)=9223372036854775807 int(9223372036854775807)=-9223372036854775807 $"},
       {"1e999 -1e999 1e-999", "dbl(1e999)=inf dbl(1e999)=-inf dbl(1e-999)=0 $"},
       // Malformed numbers fail the read: the exponent's digit is looked for two places past
-      // the e, the character after a sign is taken as a digit.
+      // the e. (The codes of the other unreadable tokens: the error-text table.)
       {"1e5", "bad!80004005"},
       {"1e", "bad!80004005"},
-      {"1e-x", "bad!80004005"},
-      {"99999999999999999999", "bad!8002000A"},
-      {"-a", "bad!80020005"},
-      {"-", "bad!80070057"},
   };
   for (const auto& [text, tokens] : cases) EXPECT_EQ(tokens, Lex(text)) << "text: " << text;
-}
-
-TEST(SqlTokens, EachReadStartsFromAClearedTokenBehindThePrevious) {
-  const corvane::WString wide = corvane::FromUtf8("  12  ;");
-  SQLLexerState state;
-  state.text = wide;
-  CSQLToken token;
-  ASSERT_EQ(CSQLSyntaxParser::ReadToken(state, token), S_OK);
-  EXPECT_EQ(state.position, 4);
-  ASSERT_EQ(CSQLSyntaxParser::ReadToken(state, token), S_OK);
-  EXPECT_EQ(token.kind, SQL_TOKEN_TERMINATOR);
-  EXPECT_EQ(token.integerValue, 0);
-  EXPECT_EQ(corvane::ToUtf8(token.text), ";");
-  state.position = -1;
-  EXPECT_EQ(CSQLSyntaxParser::ReadToken(state, token), E_INVALIDARG);
 }
 
 }  // namespace
