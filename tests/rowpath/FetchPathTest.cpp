@@ -203,6 +203,32 @@ TEST_F(RowHandles, ReadersOnOtherThreadsSeeTheirRowsWhileTheTableChanges) {
   EXPECT_EQ(0, wrong.load());
 }
 
+// GetData without the lock copies every binding of the usual accessor in one pass; it
+// must leave the consumer's buffer byte for byte as the locked path does.
+TEST_F(RowHandles, CopiesWithoutTheLockMatchTheLockedPath) {
+  ASSERT_NO_FATAL_FAILURE(Open(5, 5));
+  const DBBINDING b[] = {Binding(1, DBTYPE_WSTR, 0, 40), Binding(2, DBTYPE_DBTIMESTAMP, 64, 16),
+                         Binding(3, DBTYPE_UI4, 112, 4), Binding(4, DBTYPE_VARIANT, 144, 24)};
+  HACCESSOR all[2] = {};
+  for (HACCESSOR& h : all) ASSERT_EQ(S_OK, accessor_->CreateAccessor(DBACCESSOR_ROWDATA, 4, b, 0, &h, nullptr));
+  HROW handles[5];
+  HROW* out = handles;
+  DBCOUNTITEM obtained = 0;
+  ASSERT_EQ(S_OK, rowset_->GetNextRows(DB_NULL_HCHAPTER, 0, 5, &obtained, &out));
+  for (HROW h : handles) {
+    BYTE locked[224], unlocked[224];
+    std::memset(locked, 0xAA, sizeof locked);
+    std::memset(unlocked, 0xAA, sizeof unlocked);
+    // The first call of an accessor other than the last one used takes the lock.
+    ASSERT_EQ(S_OK, rowset_->GetData(h, all[1], locked));
+    ASSERT_EQ(S_OK, rowset_->GetData(h, all[0], locked));
+    ASSERT_EQ(S_OK, rowset_->GetData(h, all[0], unlocked));
+    EXPECT_EQ(0, std::memcmp(locked, unlocked, sizeof locked));
+    EXPECT_EQ(20u, ReadAt<DBLENGTH>(unlocked, b[0].obLength));  // "Plant.Tag1"
+  }
+  EXPECT_EQ(S_OK, rowset_->ReleaseRows(5, handles, nullptr, nullptr, nullptr));
+}
+
 class CellCopies : public LeakCheckedTest {};
 
 // Every binding of a cell gives the value, status and length the conversion service
