@@ -1006,6 +1006,11 @@ std::vector<CDataStore::BindingStep> CDataStore::PlanBindings(const DBBINDING* b
       step.size = static_cast<uint8_t>(n);
     }
   }
+  for (size_t i = plan.size(); i-- > 0;) {
+    const BindingStep& step = plan[i];
+    plan[i].plainRest = step.kind != BindingStep::kGeneral && step.length && step.state &&
+                        (i + 1 == plan.size() || plan[i + 1].plainRest);
+  }
   return plan;
 }
 
@@ -1112,6 +1117,22 @@ bool CDataStore::CopyPlanned(const DBBINDING* bindings, DBCOUNTITEM count, const
   const uint64_t start = timed ? CStopwatch::Ticks() : 0;
   (void)bindings;  // the plan holds what is needed of them
   const BYTE* rowBuffer = row->Buffer();
+  if (count && plan[0].plainRest) {
+    // Every binding a copy with its length and status: nothing to ask but null or not.
+    for (DBCOUNTITEM i = 0; i < count; ++i) {
+      const BindingStep& step = plan[i];
+      DBLENGTH length = 0;
+      DBSTATUS status = DBSTATUS_S_ISNULL;
+      if (rowBuffer[step.status] != kStatusNull) {
+        if (!CopyStep(step, rowBuffer, buffer + step.obValue, &length)) return false;
+        status = DBSTATUS_S_OK;
+      }
+      std::memcpy(buffer + step.obLength, &length, sizeof length);
+      std::memcpy(buffer + step.obStatus, &status, sizeof status);
+    }
+    if (timed) m_Stopwatch.Add((CStopwatch::Ticks() - start) * kPlannedSample);
+    return true;
+  }
   for (DBCOUNTITEM i = 0; i < count; ++i) {
     const BindingStep& step = plan[i];
     if (step.kind == BindingStep::kGeneral) return false;

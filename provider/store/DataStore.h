@@ -80,6 +80,9 @@ class CDataStore {
     DBBYTEOFFSET obLength = 0;
     DBBYTEOFFSET obStatus = 0;
     DBLENGTH maxLen = 0;
+    // This step and every later one copy without the service and bind length and
+    // status: the usual accessor, which CopyPlanned runs without asking per binding.
+    bool plainRest = false;
   };
   // The plan for `bindings` against the current layout, one step per binding.
   // LayoutGeneration() changes with the layout, and a plan made before no longer fits.

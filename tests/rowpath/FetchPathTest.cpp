@@ -124,9 +124,15 @@ TEST_F(RowRecycling, FreeRowsAreBoundedAndGoAtTheEndOfTheRows) {
 
 using RowHandles = RowsetTest;
 
+// Also: GetData without the lock copies every binding of the usual accessor in one pass,
+// and leaves the consumer's buffer byte for byte as the locked path does.
 TEST_F(RowHandles, OldHandlesStayValidAndDistinctInAnyReleaseOrder) {
   constexpr ULONGLONG kRows = 6000;
   ASSERT_NO_FATAL_FAILURE(Open(kRows, 500));
+  const DBBINDING b[] = {Binding(1, DBTYPE_WSTR, 0, 40), Binding(2, DBTYPE_DBTIMESTAMP, 64, 16),
+                         Binding(3, DBTYPE_UI4, 112, 4), Binding(4, DBTYPE_VARIANT, 144, 24)};
+  HACCESSOR all = 0;
+  ASSERT_EQ(S_OK, accessor_->CreateAccessor(DBACCESSOR_ROWDATA, 4, b, 0, &all, nullptr));
 
   std::set<HROW> seen;
   std::vector<std::pair<HROW, double>> kept;  // one row of every tenth batch, held to the end
@@ -144,6 +150,13 @@ TEST_F(RowHandles, OldHandlesStayValidAndDistinctInAnyReleaseOrder) {
     for (DBCOUNTITEM i = 0; i < obtained; ++i) {
       ASSERT_TRUE(seen.insert(handles[i]).second) << "handle given twice";
       ASSERT_DOUBLE_EQ(static_cast<double>(next + i), ValueOf(handles[i]));
+      BYTE locked[224], unlocked[224];
+      std::memset(locked, 0xAA, sizeof locked);
+      std::memset(unlocked, 0xAA, sizeof unlocked);
+      // After ValueOf's accessor this one takes the lock; used again, it does not.
+      ASSERT_EQ(S_OK, rowset_->GetData(handles[i], all, locked));
+      ASSERT_EQ(S_OK, rowset_->GetData(handles[i], all, unlocked));
+      ASSERT_EQ(0, std::memcmp(locked, unlocked, sizeof locked)) << next + i;
     }
     if (obtained && batch % 10 == 0) {
       kept.emplace_back(handles[obtained / 2], static_cast<double>(next + obtained / 2));

@@ -100,31 +100,27 @@ TEST_F(RowsetFetch, HeldRowsOutliveTheStoreQueueUntilReleased) {
   EXPECT_EQ(DB_E_BADROWHANDLE, SameRow(first, first));
 }
 
-TEST_F(RowsetAccessor, BindingsAreValidatedOneByOne) {
+// Bindings are checked one by one and the accessor is refused as a whole; an accepted
+// accessor is counted and gives back its bindings.
+TEST_F(RowsetAccessor, BindingsAreValidatedThenAccessorsAreCountedAndGiveBackTheirBindings) {
   Open(1);
-  DBBINDING b[] = {Binding(4, DBTYPE_R8, 0, 8), Binding(9, DBTYPE_R8, 0, 8),
-                   Binding(1, DBTYPE_WSTR, 0, 8, DBPART_VALUE, DBMEMOWNER_PROVIDEROWNED),
-                   Binding(3, DBTYPE_IUNKNOWN, 0, 8), Binding(1, DBTYPE_WSTR, 0, 8, 0)};
+  const DBBINDING bad[] = {Binding(4, DBTYPE_R8, 0, 8), Binding(9, DBTYPE_R8, 0, 8),
+                           Binding(1, DBTYPE_WSTR, 0, 8, DBPART_VALUE, DBMEMOWNER_PROVIDEROWNED),
+                           Binding(3, DBTYPE_IUNKNOWN, 0, 8), Binding(1, DBTYPE_WSTR, 0, 8, 0)};
   DBBINDSTATUS status[5];
   HACCESSOR h = 77;
-  EXPECT_EQ(DB_E_BADBINDINFO, accessor_->CreateAccessor(DBACCESSOR_ROWDATA, 5, b, 0, &h, status));
+  EXPECT_EQ(DB_E_BADBINDINFO, accessor_->CreateAccessor(DBACCESSOR_ROWDATA, 5, bad, 0, &h, status));
   EXPECT_EQ(DB_NULL_HACCESSOR, h);
-  EXPECT_EQ(static_cast<DBBINDSTATUS>(DBBINDSTATUS_OK), status[0]);
-  EXPECT_EQ(static_cast<DBBINDSTATUS>(DBBINDSTATUS_BADORDINAL), status[1]);
-  EXPECT_EQ(static_cast<DBBINDSTATUS>(DBBINDSTATUS_BADBINDINFO), status[2]);
-  EXPECT_EQ(static_cast<DBBINDSTATUS>(DBBINDSTATUS_UNSUPPORTEDCONVERSION), status[3]);
-  EXPECT_EQ(static_cast<DBBINDSTATUS>(DBBINDSTATUS_BADBINDINFO), status[4]);
-  EXPECT_EQ(DB_E_BADACCESSORFLAGS, accessor_->CreateAccessor(DBACCESSOR_PARAMETERDATA, 1, b, 0, &h, nullptr));
+  EXPECT_EQ((std::vector<DBBINDSTATUS>{DBBINDSTATUS_OK, DBBINDSTATUS_BADORDINAL, DBBINDSTATUS_BADBINDINFO,
+                                       DBBINDSTATUS_UNSUPPORTEDCONVERSION, DBBINDSTATUS_BADBINDINFO}),
+            std::vector<DBBINDSTATUS>(status, status + 5));
+  EXPECT_EQ(DB_E_BADACCESSORFLAGS, accessor_->CreateAccessor(DBACCESSOR_PARAMETERDATA, 1, bad, 0, &h, nullptr));
   EXPECT_EQ(DB_E_BYREFACCESSORNOTSUPPORTED,
-            accessor_->CreateAccessor(DBACCESSOR_ROWDATA | DBACCESSOR_PASSBYREF, 1, b, 0, &h, nullptr));
-  EXPECT_EQ(DB_E_NULLACCESSORNOTSUPPORTED, accessor_->CreateAccessor(DBACCESSOR_ROWDATA, 0, b, 0, &h, nullptr));
-}
+            accessor_->CreateAccessor(DBACCESSOR_ROWDATA | DBACCESSOR_PASSBYREF, 1, bad, 0, &h, nullptr));
+  EXPECT_EQ(DB_E_NULLACCESSORNOTSUPPORTED, accessor_->CreateAccessor(DBACCESSOR_ROWDATA, 0, bad, 0, &h, nullptr));
 
-TEST_F(RowsetAccessor, AccessorsAreCountedAndGiveBackTheirBindings) {
-  Open(1);
   const DBBINDING b[] = {Binding(1, kWStrRef, 0, 8, DBPART_VALUE, DBMEMOWNER_PROVIDEROWNED),
                          Binding(2, DBTYPE_DBTIMESTAMP, 16, 16)};
-  HACCESSOR h = 0;
   ASSERT_EQ(S_OK, accessor_->CreateAccessor(DBACCESSOR_ROWDATA, 2, b, 0, &h, nullptr));
   EXPECT_NE(DB_NULL_HACCESSOR, h);
   DBREFCOUNT refs = 0;
@@ -163,9 +159,8 @@ TEST_F(RowsetDescription, ColumnsAreDescribedAndMappedByName) {
   CoTaskMemFree(cols);
   CoTaskMemFree(strings);
   DBID ids[2] = {};
-  ids[0].eKind = DBKIND_NAME;
+  for (int i : {0, 1}) ids[i].eKind = DBKIND_NAME;
   ids[0].uName.pwszName = const_cast<LPOLESTR>(OLESTR("quality"));
-  ids[1].eKind = DBKIND_NAME;
   ids[1].uName.pwszName = const_cast<LPOLESTR>(OLESTR("MONEY"));
   DBORDINAL ordinals[2];
   EXPECT_EQ(DB_S_ERRORSOCCURRED, info->MapColumnIDs(2, ids, ordinals));
