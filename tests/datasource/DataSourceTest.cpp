@@ -21,11 +21,6 @@ using corvane::testing::CFaultInjectingHost;
 
 namespace {
 
-ULONG RefCount(IUnknown* object) {
-  object->AddRef();
-  return object->Release();
-}
-
 // A fresh reference historian with its aggregates behind the counting host.
 CFaultInjectingHost* MakeHost() { return corvane::test::NewHost(std::make_shared<CHistorianStore>()); }
 
@@ -123,6 +118,11 @@ TEST_F(Creation, MissingInterfacesOfTheHost) {
 }
 
 #ifndef _WIN32
+static ULONG RefCount(IUnknown* object) {
+  object->AddRef();
+  return object->Release();
+}
+
 TEST_F(Creation, RawOnlyHostGetsTheAggregatesComponent) {
   ASSERT_EQ(S_OK, corvane::historian::RegisterAggregatesComponent());
   CFaultInjectingHost* host = MakeHost();
