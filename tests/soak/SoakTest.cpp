@@ -1,6 +1,7 @@
-// Eight threads, each from its own seed, run a random mix of reads, a procedure, settings
-// updates, failing statements and writes to their own tags over one data source, releasing some rowsets while
-// the worker still reads. Rows are checked against the historian or the thread's writes; a
+// Eight threads, each from its own seed, run a random mix of reads, a procedure, tag
+// statistics paged through one processed provider, settings updates, failing statements
+// and writes to their own tags over one data source, releasing some rowsets while the
+// worker still reads. Rows are checked against the historian or the thread's writes; a
 // watchdog aborts, naming what each thread was doing, when one stops progressing.
 //   CORVANE_SOAK_SECONDS  run time, 8 by default; CORVANE_SOAK_SEED  base seed (thread i: seed + i)
 #include <gtest/gtest.h>
@@ -63,7 +64,7 @@ class Soaker {
  public:
   Soaker(int index, unsigned seed, IUnknown* dataSource) : index_(index), seed_(seed), rng_(seed) {
     dataSource->QueryInterface(IID_IDBCreateSession, reinterpret_cast<void**>(&create_));
-    own_tag_ = "Soak.Own" + std::to_string(index);
+    own_tag_ = "Own" + std::to_string(index);
   }
   ~Soaker() {
     if (create_) create_->Release();
@@ -115,11 +116,12 @@ class Soaker {
   }
 
   void Step() {
-    switch (Pick(0, 6)) {
+    switch (Pick(0, 7)) {
       case 0: case 1: return SelectRaw();
       case 2: return SpRawData();
       case 3: return UpdateSettings();
       case 4: case 5: return Write();
+      case 6: return Statistics();
       default: return BadStatement();
     }
   }
@@ -220,6 +222,20 @@ class Soaker {
                2 * n);
   }
 
+  // The two read-only series, one a page: every thread pages through the continuation
+  // points of the historian's one processed provider. Both ends of the range count.
+  void Statistics() {
+    const long a = Pick(0, kSamples - 1), b = std::min(kSamples - 1, a + Pick(0, 400));
+    ExpectRows(Query("EXEC GET_FILTERED_TAG_STATISTICS 'Soak.*', '', '', " + Sample(a) + ", " + Sample(b) + ", 1",
+                     {{1, DBTYPE_WSTR}, {2, DBTYPE_R8}, {4, DBTYPE_R8}, {8, DBTYPE_R8}}, -1,
+                     [&](long k, const Row& r) {
+                       Check(ToUtf8(r[0].v.text) == (k ? kSteps : kRamp), "tag name");
+                       Check(k || (r[1].v.r8 == Value(true, a) && r[2].v.r8 == Value(true, b) &&
+                                   r[3].v.r8 == b - a + 1), "statistics of the ramp");
+                     }),
+               2);
+  }
+
   // The settings belong to the data source, so another thread's update may show instead of
   // this one's: any page size that some thread writes is right. Results do not depend on the
   // page size, which the other checks keep verifying.
@@ -315,7 +331,7 @@ TEST_F(ConcurrencySoak, ThreadsSharingOneDataSourceSeeConsistentResults) {
   historian::CHistorianStore& store = world.Store();
   for (int i = -2; i < kThreads; ++i) {
     historian::TagDefinition def;
-    def.name = FromUtf8(i == -2 ? kRamp : i == -1 ? kSteps : "Soak.Own" + std::to_string(i));
+    def.name = FromUtf8(i == -2 ? kRamp : i == -1 ? kSteps : "Own" + std::to_string(i));
     def.vartype = i == -1 ? VT_I4 : VT_R8;
     ASSERT_EQ(S_OK, store.AddTag(def));
   }
