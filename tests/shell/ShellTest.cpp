@@ -334,7 +334,9 @@ TEST(ShellCharts, TextChartsFitTheTerminal) {
     EXPECT_LE(std::count_if(line.begin(), line.end(), [](char c) { return (c & 0xC0) != 0x80; }), 60) << line;
     EXPECT_TRUE(row >= 12 || line.find_first_of("\x82\xA4") != std::string::npos) << "12 rows of plot: " << line;
   }
+  EXPECT_EQ(0u, r.out.find("100%\xE2\x94\xA4")) << "value labels on the left, in percent of each range";
   EXPECT_NE(std::string::npos, r.out.find(" AVG_Value ")) << r.out;
+  EXPECT_NE(std::string::npos, r.out.find(" \xE2\x80\xA6 ")) << "each series' range in the legend";
   EXPECT_EQ(std::string::npos, r.out.find('\033')) << "no colours off a terminal";
 }
 
@@ -399,12 +401,14 @@ TEST(ShellInteractive, PromptMultiLineHistoryAndCtrlCStoppingALongFetch) {
     // A statement goes on until ';'; the up arrow brings the last one back from the history.
     // Every sample of every demo tag over a week is far more than a second's work, and the
     // table shows its first rows long before the end.
-    t.Converse({{"", "corvane> "}, {".tables\n", "RAWDATA_BOOLEAN"}, {"", "(15 rows)"}, {"SELECT TAGNAME\r", "...> "},
+    t.Converse({{"", "corvane> "}, {".tables\n", "RAWDATA_BOOLEAN"}, {"", " rows)"}, {"SELECT TAGNAME\r", "...> "},
                 {"FROM TAGS WHERE TAGNAME = 'Pump1.Flow';\r", "Pump1.Flow\r\n(1 row)"},
                 {"\x1b[A\r", "Pump1.Flow\r\n(1 row)"},
                 {"SELECT * FROM RAWDATA WHERE TIMESTAMP > DATEADD('dd', -7, NOWUTC());\r", "-+-"},
                 {"\x03", "cancelled after "},
-                {"SELECT TAGNAME FROM TAGS WHERE TAGNAME = 'Tank1.Level';\r", "\nTank1.Level"}});
+                {"SELECT TAGNAME FROM TAGS WHERE TAGNAME = 'Tank1.Level';\r", "\nTank1.Level"},
+                {".format chart\rEXEC HDA_ANALOG DATEADD('hh', -1, NOWUTC()), NOWUTC(), 60000, 'Tank1.Level';\r",
+                 "\033[34m\xE2\x94\x81\xE2\x94\x81"}});  // the legend in colour on a terminal
     if (HasFatalFailure()) return;
     t.Type(".quit\r");
     EXPECT_EQ(1, t.Wait()) << "the cancelled statement counts as failed";

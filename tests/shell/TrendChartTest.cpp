@@ -92,23 +92,5 @@ TEST(TrendChartDrawings, SvgEscapesNamesAndLabelsTimeInUnitsThatFit) {
   }
 }
 
-// How wide the text fits a terminal is checked by the shell tests.
-TEST(TrendChartDrawings, TextIsBrailleWithLabelsLegendAndColourOnRequest) {
-  CTrendChart chart(80);  // 40 characters of plot
-  chart.AddSeries("ramp");
-  chart.AddSeries("flat", true);
-  for (int i = 0; i < 100; ++i) chart.Add(0, kT0 + i * kSecond, i), chart.Add(1, kT0 + i * kSecond, 50);
-  for (bool color : {false, true}) {
-    const std::string text = chart.Text(10, color);
-    std::vector<std::string> lines;
-    for (size_t at = 0, end; (end = text.find('\n', at)) != std::string::npos; at = end + 1)
-      lines.push_back(text.substr(at, end - at));
-    ASSERT_EQ(14u, lines.size()) << text;  // plot, axis, labels, range, legend
-    EXPECT_EQ(0u, lines[0].find("100\xE2\x94\xA4")) << "value labels on the left: " << lines[0];
-    EXPECT_NE(std::string::npos, lines[13].find("ramp 0 \xE2\x80\xA6 99")) << lines[13];
-    EXPECT_EQ(color, text.find('\033') != std::string::npos);
-  }
-}
-
 }  // namespace
 }  // namespace corvane::shell
