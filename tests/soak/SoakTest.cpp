@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "SQLParser/TimeConversion.h"
+#include "base/ComPtr.h"
 #include "tests/cases/SqlConsumer.h"
 #include "tests/support/Printers.h"
 #include "tests/support/RowReader.h"
@@ -62,20 +63,17 @@ struct ComThread {
 // One thread of the soak and what it last did, for the watchdog and the final report.
 class Soaker {
  public:
-  Soaker(int index, unsigned seed, IUnknown* dataSource) : index_(index), seed_(seed), rng_(seed) {
-    dataSource->QueryInterface(IID_IDBCreateSession, reinterpret_cast<void**>(&create_));
-    own_tag_ = "Own" + std::to_string(index);
-  }
-  ~Soaker() {
-    if (create_) create_->Release();
-  }
+  Soaker(int index, unsigned seed, IUnknown* dataSource)
+      : index_(index), seed_(seed), rng_(seed), create_(QueryAs<IDBCreateSession>(dataSource, IID_IDBCreateSession)),
+        own_tag_("Own" + std::to_string(index)) {}
 
   void Run(const std::atomic<bool>& stop) {
     {
       ComThread com;
       while (!stop && OpenSession()) {
         for (int n = Pick(1, 8); n > 0 && !stop; --n) Step();
-        CloseSession();
+        command_.Reset();
+        session_.Reset();
       }
       ConsumerTest::TakeLastError();
     }
@@ -104,15 +102,10 @@ class Soaker {
     if (!ok && ++failureCount_ <= 10) failures_.push_back(what + " [" + Doing() + "]");
   }
   bool OpenSession() {
-    const HRESULT hr = create_->CreateSession(nullptr, IID_IDBCreateCommand, reinterpret_cast<IUnknown**>(&session_));
+    const HRESULT hr =
+        create_->CreateSession(nullptr, IID_IDBCreateCommand, reinterpret_cast<IUnknown**>(session_.Put()));
     Check(hr == S_OK, "CreateSession " + Hex(hr));
     return hr == S_OK;
-  }
-  void CloseSession() {
-    if (command_) command_->Release();
-    command_ = nullptr;
-    session_->Release();
-    session_ = nullptr;
   }
 
   void Step() {
@@ -133,12 +126,9 @@ class Soaker {
       doing_ = sql;
     }
     *rowset = nullptr;
-    if (command_ && Pick(0, 1)) {
-      command_->Release();
-      command_ = nullptr;
-    }
+    if (command_ && Pick(0, 1)) command_.Reset();
     HRESULT hr = command_ ? S_OK : session_->CreateCommand(nullptr, IID_ICommandText,
-                                                           reinterpret_cast<IUnknown**>(&command_));
+                                                           reinterpret_cast<IUnknown**>(command_.Put()));
     if (SUCCEEDED(hr)) hr = command_->SetCommandText(DBGUID_SQL, FromUtf8(sql).c_str());
     if (SUCCEEDED(hr)) hr = command_->Execute(nullptr, IID_IRowset, nullptr, nullptr, rowset);
     ++statements_;
@@ -148,25 +138,23 @@ class Soaker {
 
   // A statement whose rows nobody reads.
   HRESULT RunUnread(const std::string& sql) {
-    IUnknown* rowset = nullptr;
-    const HRESULT hr = Execute(sql, &rowset);
-    if (rowset) rowset->Release();
-    return hr;
+    ComPtr<IUnknown> rowset;
+    return Execute(sql, rowset.Put());
   }
 
   // Runs `sql`, reads at most `limit` rows (all when negative) through `columns` in random
   // batches, and releases the rowset whether or not its worker is done. -1 when it failed.
   long Query(const std::string& sql, const CellColumns& columns, long limit,
              const std::function<void(long, const Row&)>& check) {
-    IUnknown* rowset = nullptr;
-    const HRESULT executed = Execute(sql, &rowset);
+    ComPtr<IUnknown> rowset;
+    const HRESULT executed = Execute(sql, rowset.Put());
     if (!rowset) {
       Check(false, "Execute " + Hex(executed) + ": " + ConsumerTest::TakeLastError().description);
       return -1;
     }
     long count = 0;
     const HRESULT hr = ReadRows(
-        rowset, columns,
+        rowset.Get(), columns,
         [&](size_t n) { return limit < 0 ? Pick(1, 64) : std::min<long>(Pick(1, 64), limit - static_cast<long>(n)); },
         [&](const Row& row) {
           for (const Cell& c : row) Check(c.status == DBSTATUS_S_OK, "cell status " + std::to_string(c.status));
@@ -175,7 +163,6 @@ class Soaker {
           progress_ = Now();
           return true;
         });
-    rowset->Release();
     Check(hr == S_OK, "fetch " + Hex(hr));
     if (FAILED(hr)) ConsumerTest::TakeLastError();
     return count;
@@ -308,10 +295,10 @@ class Soaker {
   }
 
   std::mt19937 rng_;
-  IDBCreateSession* create_ = nullptr;
-  IDBCreateCommand* session_ = nullptr;
-  ICommandText* command_ = nullptr;
-  std::string own_tag_;
+  ComPtr<IDBCreateSession> create_;
+  const std::string own_tag_;
+  ComPtr<IDBCreateCommand> session_;
+  ComPtr<ICommandText> command_;
   std::map<ULONGLONG, std::pair<double, ULONG>> own_;  // what this thread wrote and did not delete
   std::mutex lock_;
   std::string doing_ = "starting";
