@@ -38,6 +38,23 @@ TEST(TrendChartLines, BoundedByTheWidthWhateverTheOrderAndKeepTheExtremes) {
   for (size_t k = 0; k < lines[0].size(); ++k) EXPECT_EQ(lines[0][k].value, reversed[0][k].value) << k;
 }
 
+// A bad sample breaks the line even where its column has good ones: after the last of
+// them (at 419 s) or before the first (at 700 s). A column is 20 s here.
+TEST(TrendChartLines, ABadSampleBreaksTheLineWithinItsColumn) {
+  CTrendChart chart(100);
+  chart.AddSeries("level");
+  for (int64_t i = 0; i < 1000; ++i) {
+    if (i == 419 || i == 700) chart.AddGap(0, kT0 + i * kSecond);
+    else chart.Add(0, kT0 + i * kSecond, static_cast<double>(i));
+  }
+  const Lines level = chart.Lines(0);
+  ASSERT_EQ(3u, level.size());
+  EXPECT_EQ(kT0 + 418 * kSecond, level[0].back().time);
+  EXPECT_EQ(kT0 + 420 * kSecond, level[1].front().time);
+  EXPECT_EQ(kT0 + 699 * kSecond, level[1].back().time);
+  EXPECT_EQ(kT0 + 701 * kSecond, level[2].front().time);
+}
+
 TEST(TrendChartDrawings, SvgEscapesNamesAndLabelsTimeInUnitsThatFit) {
   struct Case {
     int64_t span;
@@ -54,6 +71,22 @@ TEST(TrendChartDrawings, SvgEscapesNamesAndLabelsTimeInUnitsThatFit) {
     EXPECT_NE(std::string::npos, svg.find("SELECT 'x' &lt; 1"));
     EXPECT_EQ(std::string::npos, svg.find_first_of("\x01\xFF")) << "bytes that XML refuses";
   }
+}
+
+// How wide the text fits a terminal, and its colours there, are checked by the shell tests.
+TEST(TrendChartDrawings, TextIsBrailleWithLabelsAndLegend) {
+  CTrendChart chart(80);  // 40 characters of plot
+  chart.AddSeries("ramp");
+  chart.AddSeries("flat", true);
+  for (int i = 0; i < 100; ++i) chart.Add(0, kT0 + i * kSecond, i), chart.Add(1, kT0 + i * kSecond, 50);
+  const std::string text = chart.Text(10, false);
+  std::vector<std::string> lines;
+  for (size_t at = 0, end; (end = text.find('\n', at)) != std::string::npos; at = end + 1)
+    lines.push_back(text.substr(at, end - at));
+  ASSERT_EQ(14u, lines.size()) << text;  // plot, axis, labels, range, legend
+  EXPECT_EQ(0u, lines[0].find("100\xE2\x94\xA4")) << "value labels on the left: " << lines[0];
+  EXPECT_NE(std::string::npos, lines[13].find("ramp 0 \xE2\x80\xA6 99")) << lines[13];
+  EXPECT_EQ(std::string::npos, text.find('\033'));
 }
 
 }  // namespace
