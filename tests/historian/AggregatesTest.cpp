@@ -325,27 +325,6 @@ TEST_F(AggregatesTest, FailingRawReadsReleaseTheirContinuationPoints) {
   }
 }
 
-TEST_F(AggregatesTest, ReadsLeaveNothingBehindForTheNextOne) {
-  // The object hands one read's buffers to the next: after a longer read with other
-  // settings, one of "Late" (a single sample, nothing after it to slope towards) must
-  // come out exactly as from a fresh object.
-  const std::vector<AggregateId> all = AllAggregates();
-  Answer earlier, later, fresh;
-  Read(earlier, OLESTR("Flow"), -10, 130, 7000, all);
-  ASSERT_EQ(S_OK, earlier.hr);
-  request_.treatUncertainAsGood = 0;
-  Read(later, OLESTR("Late"), 40, 100, 20000, all);
-  IProcessedDataProvider* other = nullptr;
-  ASSERT_EQ(S_OK, CProcessedDataProvider::Create(host_, &other));
-  std::swap(other, processed_);
-  Read(fresh, OLESTR("Late"), 40, 100, 20000, all);
-  std::swap(other, processed_);
-  other->Release();
-  ASSERT_EQ(S_OK, fresh.hr);
-  ASSERT_EQ(3u, fresh.result[0].count);
-  EXPECT_EQ(Exact(fresh), Exact(later));
-}
-
 // ---- Filtered tag statistics: what the procedure pages through is in tests/cases/hda.test -------------
 
 struct Page {
