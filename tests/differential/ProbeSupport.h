@@ -78,23 +78,14 @@ inline std::string Bstr(BSTR s) { return s ? Text(s, SysStringLen(s)) : std::str
 
 // The 96-bit mantissa in decimal, the scale as a power of ten: "-150e-2".
 inline std::string Decimal(const DECIMAL& d) {
-  uint32_t parts[3] = {d.Lo32, d.Mid32, d.Hi32};
+  unsigned __int128 mantissa = (static_cast<unsigned __int128>(d.Hi32) << 64) | d.Lo64;
   std::string digits;
-  bool zero;
   do {
-    uint64_t rem = 0;
-    zero = true;
-    for (int i = 2; i >= 0; --i) {
-      uint64_t cur = (rem << 32) | parts[i];
-      parts[i] = static_cast<uint32_t>(cur / 10);
-      rem = cur % 10;
-      if (parts[i]) zero = false;
-    }
-    digits.insert(digits.begin(), static_cast<char>('0' + rem));
-  } while (!zero);
+    digits.insert(digits.begin(), static_cast<char>('0' + static_cast<int>(mantissa % 10)));
+    mantissa /= 10;
+  } while (mantissa);
   std::string out = (d.sign & DECIMAL_NEG) ? "-" : "";
-  out += digits;
-  out += "e-" + Int(d.scale);
+  out += digits + "e-" + Int(d.scale);
   if (d.sign & ~DECIMAL_NEG) out += " sign=" + Int(d.sign);
   return out;
 }

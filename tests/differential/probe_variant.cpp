@@ -166,22 +166,21 @@ void Odd(probe::Output& out) {
   VARIANT inner;
   inner.vt = VT_BSTR;
   inner.bstrVal = s;
+  const struct {
+    const char* id;
+    VARTYPE vt;
+    void* value;
+    std::initializer_list<VARTYPE> targets;
+  } byReference[] = {{"I4:77", VT_I4, &l, {VT_BSTR, VT_R8, VT_I1}}, {"BSTR", VT_BSTR, &s, {VT_R8, VT_I4, VT_BSTR}},
+                     {"R8:1.5", VT_R8, &d, {VT_I4}},                {"DEC:2.5", VT_DECIMAL, &dec, {VT_I4}},
+                     {"VARIANT(BSTR)", VT_VARIANT, &inner, {VT_R8}}};
   VARIANT v;
-  v.vt = VT_BYREF | VT_I4;
-  v.plVal = &l;
-  for (VARTYPE vt : {VT_BSTR, VT_R8, VT_I1}) Convert(out, "byref/I4:77/" + probe::VarTypeName(vt), v, kEnUs, 0, vt);
-  v.vt = VT_BYREF | VT_BSTR;
-  v.pbstrVal = &s;
-  for (VARTYPE vt : {VT_R8, VT_I4, VT_BSTR}) Convert(out, "byref/BSTR/" + probe::VarTypeName(vt), v, kEnUs, 0, vt);
-  v.vt = VT_BYREF | VT_R8;
-  v.pdblVal = &d;
-  Convert(out, "byref/R8:1.5/I4", v, kEnUs, 0, VT_I4);
-  v.vt = VT_BYREF | VT_DECIMAL;
-  v.pdecVal = &dec;
-  Convert(out, "byref/DEC:2.5/I4", v, kEnUs, 0, VT_I4);
-  v.vt = VT_BYREF | VT_VARIANT;
-  v.pvarVal = &inner;
-  Convert(out, "byref/VARIANT(BSTR)/R8", v, kEnUs, 0, VT_R8);
+  for (const auto& c : byReference) {
+    v.vt = VT_BYREF | c.vt;
+    v.byref = c.value;
+    for (VARTYPE vt : c.targets)
+      Convert(out, "byref/" + std::string(c.id) + "/" + probe::VarTypeName(vt), v, kEnUs, 0, vt);
+  }
   v.vt = VT_I4;
   v.lVal = 5;
   for (VARTYPE vt : {VARTYPE(VT_BYREF | VT_I4), VARTYPE(15), VARTYPE(VT_ERROR), VARTYPE(VT_VARIANT), VARTYPE(VT_UNKNOWN),

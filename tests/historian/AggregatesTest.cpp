@@ -8,7 +8,6 @@
 #include <cstring>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "historian/Aggregates.h"
@@ -326,27 +325,6 @@ TEST_F(AggregatesTest, FailingRawReadsReleaseTheirContinuationPoints) {
   }
 }
 
-TEST_F(AggregatesTest, ReadsLeaveNothingBehindForTheNextOne) {
-  // The object hands one read's buffers to the next: after a longer read with other
-  // settings, one of "Late" (a single sample, nothing after it to slope towards) must
-  // come out exactly as from a fresh object.
-  const std::vector<AggregateId> all = AllAggregates();
-  Answer earlier, later, fresh;
-  Read(earlier, OLESTR("Flow"), -10, 130, 7000, all);
-  ASSERT_EQ(S_OK, earlier.hr);
-  request_.treatUncertainAsGood = 0;
-  Read(later, OLESTR("Late"), 40, 100, 20000, all);
-  IProcessedDataProvider* other = nullptr;
-  ASSERT_EQ(S_OK, CProcessedDataProvider::Create(host_, &other));
-  std::swap(other, processed_);
-  Read(fresh, OLESTR("Late"), 40, 100, 20000, all);
-  std::swap(other, processed_);
-  other->Release();
-  ASSERT_EQ(S_OK, fresh.hr);
-  ASSERT_EQ(3u, fresh.result[0].count);
-  EXPECT_EQ(Exact(fresh), Exact(later));
-}
-
 // ---- Filtered tag statistics: what the procedure pages through is in tests/cases/hda.test -------------
 
 struct Page {
@@ -452,37 +430,6 @@ TEST_F(AggregatesTest, ComponentIsCreatedThroughItsProgId) {
   CoUninitialize();
   FreeLibrary(dll);
 #endif
-}
-
-// Statistics pages straight over the reference historian, whose columns several threads read at once.
-TEST_F(AggregatesTest, ConcurrentCallersPageIndependently) {
-  for (const OLECHAR* name : {OLESTR("A1"), OLESTR("A2"), OLESTR("A3")}) AddSeries(name, 50);
-  IProcessedDataProvider* processed = nullptr;
-  ASSERT_EQ(S_OK, CProcessedDataProvider::Create(raw_, &processed));
-  std::atomic<int> wrong{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&] {
-      for (int round = 0; round < 20; ++round) {
-        void* cp = nullptr;
-        int pages = 0;
-        do {
-          Page page;
-          page.Read(processed, OLESTR("A*"), nullptr, nullptr, 0, 49, nullptr, 1, &cp);
-          if (FAILED(page.hr) || page.n != 1 || page.values->values[3].value.lVal != 50) {
-            ++wrong;
-            break;
-          }
-          ++pages;
-        } while (cp);
-        if (pages != 3) ++wrong;
-      }
-    });
-  }
-  for (std::thread& t : threads) t.join();
-  EXPECT_EQ(0, wrong.load());
-  EXPECT_EQ(0u, static_cast<CProcessedDataProvider*>(processed)->PendingStatistics());
-  processed->Release();
 }
 
 }  // namespace

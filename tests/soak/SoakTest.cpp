@@ -1,6 +1,7 @@
-// Eight threads, each from its own seed, run a random mix of reads, a procedure, settings
-// updates, failing statements and writes to their own tags over one data source, releasing some rowsets while
-// the worker still reads. Rows are checked against the historian or the thread's writes; a
+// Eight threads, each from its own seed, run a random mix of reads, a procedure, tag
+// statistics paged through one processed provider, settings updates, failing statements
+// and writes to their own tags over one data source, releasing some rowsets while the
+// worker still reads. Rows are checked against the historian or the thread's writes; a
 // watchdog aborts, naming what each thread was doing, when one stops progressing.
 //   CORVANE_SOAK_SECONDS  run time, 8 by default; CORVANE_SOAK_SEED  base seed (thread i: seed + i)
 #include <gtest/gtest.h>
@@ -18,6 +19,7 @@
 #include <vector>
 
 #include "SQLParser/TimeConversion.h"
+#include "base/ComPtr.h"
 #include "tests/cases/SqlConsumer.h"
 #include "tests/support/Printers.h"
 #include "tests/support/RowReader.h"
@@ -61,20 +63,17 @@ struct ComThread {
 // One thread of the soak and what it last did, for the watchdog and the final report.
 class Soaker {
  public:
-  Soaker(int index, unsigned seed, IUnknown* dataSource) : index_(index), seed_(seed), rng_(seed) {
-    dataSource->QueryInterface(IID_IDBCreateSession, reinterpret_cast<void**>(&create_));
-    own_tag_ = "Soak.Own" + std::to_string(index);
-  }
-  ~Soaker() {
-    if (create_) create_->Release();
-  }
+  Soaker(int index, unsigned seed, IUnknown* dataSource)
+      : index_(index), seed_(seed), rng_(seed), create_(QueryAs<IDBCreateSession>(dataSource, IID_IDBCreateSession)),
+        own_tag_("Own" + std::to_string(index)) {}
 
   void Run(const std::atomic<bool>& stop) {
     {
       ComThread com;
       while (!stop && OpenSession()) {
         for (int n = Pick(1, 8); n > 0 && !stop; --n) Step();
-        CloseSession();
+        command_.Reset();
+        session_.Reset();
       }
       ConsumerTest::TakeLastError();
     }
@@ -103,23 +102,19 @@ class Soaker {
     if (!ok && ++failureCount_ <= 10) failures_.push_back(what + " [" + Doing() + "]");
   }
   bool OpenSession() {
-    const HRESULT hr = create_->CreateSession(nullptr, IID_IDBCreateCommand, reinterpret_cast<IUnknown**>(&session_));
+    const HRESULT hr =
+        create_->CreateSession(nullptr, IID_IDBCreateCommand, reinterpret_cast<IUnknown**>(session_.Put()));
     Check(hr == S_OK, "CreateSession " + Hex(hr));
     return hr == S_OK;
   }
-  void CloseSession() {
-    if (command_) command_->Release();
-    command_ = nullptr;
-    session_->Release();
-    session_ = nullptr;
-  }
 
   void Step() {
-    switch (Pick(0, 6)) {
+    switch (Pick(0, 7)) {
       case 0: case 1: return SelectRaw();
       case 2: return SpRawData();
       case 3: return UpdateSettings();
       case 4: case 5: return Write();
+      case 6: return Statistics();
       default: return BadStatement();
     }
   }
@@ -131,12 +126,9 @@ class Soaker {
       doing_ = sql;
     }
     *rowset = nullptr;
-    if (command_ && Pick(0, 1)) {
-      command_->Release();
-      command_ = nullptr;
-    }
+    if (command_ && Pick(0, 1)) command_.Reset();
     HRESULT hr = command_ ? S_OK : session_->CreateCommand(nullptr, IID_ICommandText,
-                                                           reinterpret_cast<IUnknown**>(&command_));
+                                                           reinterpret_cast<IUnknown**>(command_.Put()));
     if (SUCCEEDED(hr)) hr = command_->SetCommandText(DBGUID_SQL, FromUtf8(sql).c_str());
     if (SUCCEEDED(hr)) hr = command_->Execute(nullptr, IID_IRowset, nullptr, nullptr, rowset);
     ++statements_;
@@ -146,25 +138,23 @@ class Soaker {
 
   // A statement whose rows nobody reads.
   HRESULT RunUnread(const std::string& sql) {
-    IUnknown* rowset = nullptr;
-    const HRESULT hr = Execute(sql, &rowset);
-    if (rowset) rowset->Release();
-    return hr;
+    ComPtr<IUnknown> rowset;
+    return Execute(sql, rowset.Put());
   }
 
   // Runs `sql`, reads at most `limit` rows (all when negative) through `columns` in random
   // batches, and releases the rowset whether or not its worker is done. -1 when it failed.
   long Query(const std::string& sql, const CellColumns& columns, long limit,
              const std::function<void(long, const Row&)>& check) {
-    IUnknown* rowset = nullptr;
-    const HRESULT executed = Execute(sql, &rowset);
+    ComPtr<IUnknown> rowset;
+    const HRESULT executed = Execute(sql, rowset.Put());
     if (!rowset) {
       Check(false, "Execute " + Hex(executed) + ": " + ConsumerTest::TakeLastError().description);
       return -1;
     }
     long count = 0;
     const HRESULT hr = ReadRows(
-        rowset, columns,
+        rowset.Get(), columns,
         [&](size_t n) { return limit < 0 ? Pick(1, 64) : std::min<long>(Pick(1, 64), limit - static_cast<long>(n)); },
         [&](const Row& row) {
           for (const Cell& c : row) Check(c.status == DBSTATUS_S_OK, "cell status " + std::to_string(c.status));
@@ -173,7 +163,6 @@ class Soaker {
           progress_ = Now();
           return true;
         });
-    rowset->Release();
     Check(hr == S_OK, "fetch " + Hex(hr));
     if (FAILED(hr)) ConsumerTest::TakeLastError();
     return count;
@@ -218,6 +207,20 @@ class Soaker {
                        ExpectSample(k < n, a + k % n, r[1].v.ts, r[2].v.ui4, r[3].v.r8);
                      }),
                2 * n);
+  }
+
+  // The two read-only series, one a page: every thread pages through the continuation
+  // points of the historian's one processed provider. Both ends of the range count.
+  void Statistics() {
+    const long a = Pick(0, kSamples - 1), b = std::min(kSamples - 1, a + Pick(0, 400));
+    ExpectRows(Query("EXEC GET_FILTERED_TAG_STATISTICS 'Soak.*', '', '', " + Sample(a) + ", " + Sample(b) + ", 1",
+                     {{1, DBTYPE_WSTR}, {2, DBTYPE_R8}, {4, DBTYPE_R8}, {8, DBTYPE_R8}}, -1,
+                     [&](long k, const Row& r) {
+                       Check(ToUtf8(r[0].v.text) == (k ? kSteps : kRamp), "tag name");
+                       Check(k || (r[1].v.r8 == Value(true, a) && r[2].v.r8 == Value(true, b) &&
+                                   r[3].v.r8 == b - a + 1), "statistics of the ramp");
+                     }),
+               2);
   }
 
   // The settings belong to the data source, so another thread's update may show instead of
@@ -292,10 +295,10 @@ class Soaker {
   }
 
   std::mt19937 rng_;
-  IDBCreateSession* create_ = nullptr;
-  IDBCreateCommand* session_ = nullptr;
-  ICommandText* command_ = nullptr;
-  std::string own_tag_;
+  ComPtr<IDBCreateSession> create_;
+  const std::string own_tag_;
+  ComPtr<IDBCreateCommand> session_;
+  ComPtr<ICommandText> command_;
   std::map<ULONGLONG, std::pair<double, ULONG>> own_;  // what this thread wrote and did not delete
   std::mutex lock_;
   std::string doing_ = "starting";
@@ -315,7 +318,7 @@ TEST_F(ConcurrencySoak, ThreadsSharingOneDataSourceSeeConsistentResults) {
   historian::CHistorianStore& store = world.Store();
   for (int i = -2; i < kThreads; ++i) {
     historian::TagDefinition def;
-    def.name = FromUtf8(i == -2 ? kRamp : i == -1 ? kSteps : "Soak.Own" + std::to_string(i));
+    def.name = FromUtf8(i == -2 ? kRamp : i == -1 ? kSteps : "Own" + std::to_string(i));
     def.vartype = i == -1 ? VT_I4 : VT_R8;
     ASSERT_EQ(S_OK, store.AddTag(def));
   }
