@@ -115,6 +115,17 @@ HRESULT StatementPlan::Walk(WString* callMessage) {
     const CSQLConditionNode* node = nodes.Pop();
     item(node->FirstOperand());
     item(node->SecondOperand());
+    // A name the source lacks must not reach the read: a table read takes TAGNAME = FOO
+    // as no tag named at all and would answer every tag.
+    for (const CSQLCalcItem* operand : {node->FirstOperand(), node->SecondOperand()}) {
+      const CSQLCalcItemTableColumn* unknown =
+          from && read && SUCCEEDED(badCall) ? CSelectListProducer::UnknownColumnIn(operand, *from, *read) : nullptr;
+      if (!unknown) continue;
+      if (callMessage)
+        *callMessage = corvane::WFormat(OLESTR("Column '%s' is not a column of %s."), WrittenName(*unknown).c_str(),
+                                        read->Name.c_str());
+      badCall = E_FAIL;
+    }
     const int op = node->Operator();
     if (given != GivenComparisons::kNone && op >= SQL_COND_EQUAL && op <= SQL_COND_NOT_EQUAL) {
       auto names = [node](const OLECHAR* column) {
