@@ -104,6 +104,18 @@ HRESULT StatementPlan::Walk(WString* callMessage) {
     }
   };
 
+  // Outside the select list, which DescribeSelect answers in its own words, a column
+  // the source lacks fails the statement here, before anything is read or changed.
+  auto known = [&](const CSQLCalcItem* root) {
+    const CSQLCalcItemTableColumn* unknown =
+        from && read && SUCCEEDED(badCall) ? CSelectListProducer::UnknownColumnIn(root, *from, *read) : nullptr;
+    if (!unknown) return;
+    if (callMessage)
+      *callMessage = corvane::WFormat(OLESTR("Column '%s' is not a column of %s."), WrittenName(*unknown).c_str(),
+                                      read->Name.c_str());
+    badCall = E_FAIL;
+  };
+
   const CSQLQueryInfo& q = *query;
   for (const auto& c : q.SelectColumns()) item(c->Item(), true);
   for (const auto& f : q.FromItems())
@@ -117,15 +129,8 @@ HRESULT StatementPlan::Walk(WString* callMessage) {
     item(node->SecondOperand());
     // A name the source lacks must not reach the read: a table read takes TAGNAME = FOO
     // as no tag named at all and would answer every tag.
-    for (const CSQLCalcItem* operand : {node->FirstOperand(), node->SecondOperand()}) {
-      const CSQLCalcItemTableColumn* unknown =
-          from && read && SUCCEEDED(badCall) ? CSelectListProducer::UnknownColumnIn(operand, *from, *read) : nullptr;
-      if (!unknown) continue;
-      if (callMessage)
-        *callMessage = corvane::WFormat(OLESTR("Column '%s' is not a column of %s."), WrittenName(*unknown).c_str(),
-                                        read->Name.c_str());
-      badCall = E_FAIL;
-    }
+    known(node->FirstOperand());
+    known(node->SecondOperand());
     const int op = node->Operator();
     if (given != GivenComparisons::kNone && op >= SQL_COND_EQUAL && op <= SQL_COND_NOT_EQUAL) {
       auto names = [node](const OLECHAR* column) {
@@ -143,8 +148,14 @@ HRESULT StatementPlan::Walk(WString* callMessage) {
     if (node->Left()) nodes.Push(node->Left());
   }
   auto lists = [&](const auto& info) {
-    for (const auto& c : info.Columns()) item(c.get());
-    for (const auto& v : info.Values()) item(v.get());
+    for (const auto& c : info.Columns()) {
+      item(c.get());
+      known(c.get());
+    }
+    for (const auto& v : info.Values()) {
+      item(v.get());
+      known(v.get());
+    }
   };
   if (q.StatementKind() == SQL_STATEMENT_INSERT) lists(static_cast<const CSQLQueryInfoINSERT&>(q));
   if (q.StatementKind() == SQL_STATEMENT_UPDATE) lists(static_cast<const CSQLQueryInfoUPDATE&>(q));
