@@ -1,6 +1,8 @@
 #include "provider/execution/CommandProviderRowset.h"
 
+#include <iterator>
 #include <new>
+#include <vector>
 
 #include "SQLParser/SQLCalcItemConst.h"
 #include "SQLParser/SQLCalcItemParameter.h"
@@ -375,43 +377,60 @@ HRESULT UpdateQuerySettingsTable(Execution& ex) {
     return E_INVALIDARG;
   const auto& update = static_cast<const CSQLQueryInfoUPDATE&>(ex.query);
   if (update.Columns().size() != update.Values().size()) return E_INVALIDARG;
-  IProviderDataSource* ds = ex.dataSource;
-  for (size_t i = 0; i < update.Columns().size(); ++i) {
-    const CSQLCalcItem* column = update.Columns()[i].get();
+  // VT_DATE stands for a timestamp, read as EvaluateAsTime reads one.
+  static const struct {
+    const OLECHAR* name;
+    VARTYPE type;
+    const OLECHAR* takes;
+  } kSettings[] = {
+      {OLESTR("TIMESTAMP_START"), VT_DATE, OLESTR("a date and time such as '2024-01-31 08:00:00'")},
+      {OLESTR("TIMESTAMP_END"), VT_DATE, OLESTR("a date and time such as '2024-01-31 08:00:00'")},
+      {OLESTR("MAX_ROWS_TO_RETURN"), VT_UI4, OLESTR("a whole number from 0 to 4294967295")},
+      {OLESTR("TREAT_UNCERTAIN_AS_GOOD"), VT_BOOL, OLESTR("0 (false) or another number (true)")},
+      {OLESTR("PERCENT_DATA_BAD"), VT_UI1, OLESTR("a whole number from 0 to 255")},
+      {OLESTR("PERCENT_DATA_GOOD"), VT_UI1, OLESTR("a whole number from 0 to 255")},
+      {OLESTR("ALLOW_EMPTY_TAG"), VT_BOOL, OLESTR("0 (false) or another number (true)")},
+      {OLESTR("USE_USER_TIME_RANGE"), VT_BOOL, OLESTR("0 (false) or another number (true)")},
+  };
+  // Every value is evaluated and converted before any is stored, so that a statement
+  // that fails leaves every setting as it was.
+  struct Change {
+    size_t setting;
+    ULONG64 ticks = 0;
+    corvane::Variant value;
+  };
+  std::vector<Change> changes(update.Columns().size());
+  for (size_t i = 0; i < changes.size(); ++i) {
+    Change& change = changes[i];
     const CSQLCalcItem* item = update.Values()[i].get();
-    HRESULT hr;
-    if (IsColumnNamed(column, OLESTR("TIMESTAMP_START")) || IsColumnNamed(column, OLESTR("TIMESTAMP_END"))) {
-      ULONG64 ticks = 0;
-      hr = EvaluateAsTime(item, ex.request.binding, &ticks);
-      if (FAILED(hr)) return hr;
-      hr = IsColumnNamed(column, OLESTR("TIMESTAMP_START")) ? ds->SetStartTime(corvane::TicksToFileTime(ticks))
-                                                              : ds->SetEndTime(corvane::TicksToFileTime(ticks));
-      if (FAILED(hr)) return hr;
-      continue;
+    change.setting = std::size(kSettings);
+    for (size_t k = 0; k < std::size(kSettings); ++k)
+      if (IsColumnNamed(update.Columns()[i].get(), kSettings[k].name)) change.setting = k;
+    if (change.setting == std::size(kSettings)) return E_INVALIDARG;
+    const auto& setting = kSettings[change.setting];
+    VARIANT* v = change.value.Get();
+    HRESULT hr = setting.type == VT_DATE ? EvaluateAsTime(item, ex.request.binding, &change.ticks)
+                                         : EvaluateAsValue(item, ex.request.binding, v);
+    if (SUCCEEDED(hr) && setting.type != VT_DATE) hr = VariantChangeType(v, v, 0, setting.type);
+    if (FAILED(hr)) {
+      ex.message = corvane::WFormat(OLESTR("Cannot set %s: it takes %s (HRESULT = %X)."), setting.name,
+                                    setting.takes, static_cast<unsigned>(hr));
+      return hr;
     }
-    static const struct {
-      const OLECHAR* name;
-      VARTYPE type;
-    } kSettings[] = {
-        {OLESTR("MAX_ROWS_TO_RETURN"), VT_UI4}, {OLESTR("TREAT_UNCERTAIN_AS_GOOD"), VT_BOOL},
-        {OLESTR("PERCENT_DATA_BAD"), VT_UI1},   {OLESTR("PERCENT_DATA_GOOD"), VT_UI1},
-        {OLESTR("ALLOW_EMPTY_TAG"), VT_BOOL},   {OLESTR("USE_USER_TIME_RANGE"), VT_BOOL},
-    };
-    int which = -1;
-    for (int k = 0; k < 6; ++k)
-      if (IsColumnNamed(column, kSettings[k].name)) which = k;
-    if (which < 0) return E_INVALIDARG;
-    corvane::Variant held;
-    VARIANT* v = held.Get();
-    hr = EvaluateAsValue(item, ex.request.binding, v);
-    if (SUCCEEDED(hr)) hr = VariantChangeType(v, v, 0, kSettings[which].type);
-    if (FAILED(hr)) return hr;
-    switch (which) {
-      case 0: hr = ds->SetMaxRowsToReturn(static_cast<LONG>(V_UI4(v))); break;
-      case 1: hr = ds->SetTreatUncertainAsGood(V_BOOL(v) ? 1 : 0); break;
-      case 2: hr = ds->SetPercentDataBad(V_UI1(v)); break;
-      case 3: hr = ds->SetPercentDataGood(V_UI1(v)); break;
-      case 4: hr = ds->SetAllowEmptyTag(V_BOOL(v) ? 1 : 0); break;
+  }
+  IProviderDataSource* ds = ex.dataSource;
+  for (const Change& change : changes) {
+    const VARIANT* v = change.value.Get();
+    const FILETIME time = corvane::TicksToFileTime(change.ticks);
+    HRESULT hr;
+    switch (change.setting) {
+      case 0: hr = ds->SetStartTime(time); break;
+      case 1: hr = ds->SetEndTime(time); break;
+      case 2: hr = ds->SetMaxRowsToReturn(static_cast<LONG>(V_UI4(v))); break;
+      case 3: hr = ds->SetTreatUncertainAsGood(V_BOOL(v) ? 1 : 0); break;
+      case 4: hr = ds->SetPercentDataBad(V_UI1(v)); break;
+      case 5: hr = ds->SetPercentDataGood(V_UI1(v)); break;
+      case 6: hr = ds->SetAllowEmptyTag(V_BOOL(v) ? 1 : 0); break;
       default: hr = ds->SetUseUserTimeRange(V_BOOL(v) ? 1 : 0); break;
     }
     if (FAILED(hr)) return hr;
