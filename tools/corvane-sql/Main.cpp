@@ -34,7 +34,8 @@ const char kUsage[] =
     "  --format table|csv|json|chart  output format (default: table on a terminal, csv\n"
     "                             otherwise); chart draws each result as a text trend\n"
     "  --chart FILE.svg           draw the first statement's result as an SVG trend chart\n"
-    "  --param [DBTYPE_X:]VALUE   value of the next '?' (repeatable; DBTYPE_WSTR by default)\n"
+    "  --param [DBTYPE_X:]VALUE   value of the next '?' (repeatable; DBTYPE_WSTR by default);\n"
+    "                             every statement takes its values from the first --param on\n"
     "  --provider-string TEXT     the provider string, e.g. \"Use Timestamps=true\"\n"
     "  --catalog NAME             the initial catalog\n"
     "  --trace LEVEL[:FILE]       trace lines at or above LEVEL (100..800 or detail, info,\n"
@@ -197,6 +198,16 @@ int Run(const CommandLine& cl, std::vector<Input> inputs, COutput& out) {
     }
   }
   if (shell.OutputFailed()) return kOutputFailed;
+  // Every statement takes its values from the first --param on, so a value no statement
+  // took was most likely meant for a statement that got another one: say so.
+  const size_t unused = cl.parameters.size() - shell.ParametersUsed();
+  if (!interactive && unused && !shell.QuitRequested()) {
+    fprintf(stderr,
+            "corvane-sql: %zu --param value(s) from '%s' on were taken by no statement (every statement "
+            "takes its values from the first --param on)\n",
+            unused, cl.parameters[shell.ParametersUsed()].value.c_str());
+    return 1;
+  }
   return shell.AnyFailed() ? 1 : 0;
 }
 

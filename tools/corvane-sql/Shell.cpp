@@ -1,5 +1,6 @@
 #include "tools/corvane-sql/Shell.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -237,7 +238,9 @@ bool CShell::RunSql(const std::string& sql) {
   HRESULT hr;
   {
     CProgress progress(showProgress_);
-    hr = connection_.Execute(text, parameters_, out, g_cancel, std::ref(progress), &failure);
+    size_t used = 0;
+    hr = connection_.Execute(text, parameters_, out, g_cancel, std::ref(progress), &failure, &used);
+    parametersUsed_ = std::max(parametersUsed_, std::min(used, parameters_.size()));
   }
   g_statementRunning.store(false);
   results_ = out.Results();
@@ -262,7 +265,9 @@ bool CShell::RunChart(const std::string& sql) {
   HRESULT hr;
   {
     CProgress progress(showProgress_);
-    hr = connection_.Execute(sql, parameters_, chart, g_cancel, std::ref(progress), &failure);
+    size_t used = 0;
+    hr = connection_.Execute(sql, parameters_, chart, g_cancel, std::ref(progress), &failure, &used);
+    parametersUsed_ = std::max(parametersUsed_, std::min(used, parameters_.size()));
   }
   g_statementRunning.store(false);
   if (hr == E_ABORT) return Stopped(chart.Rows());

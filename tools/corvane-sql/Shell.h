@@ -41,6 +41,8 @@ class CShell {
   void DiscardPending() { splitter_.Reset(); }
 
   bool AnyFailed() const { return anyFailed_; }
+  // How many of the --param values the statements run so far took (the most any took).
+  size_t ParametersUsed() const { return parametersUsed_; }
   // True once a write to the output failed (after saying so on stderr).
   bool OutputFailed() const { return out_.Failed(); }
   bool QuitRequested() const { return quit_ || out_.Failed(); }
@@ -72,6 +74,7 @@ class CShell {
   bool outputReported_ = false;
   std::string chartFile_;
   size_t results_ = 0;  // results written to stdout so far
+  size_t parametersUsed_ = 0;
 };
 
 }  // namespace corvane::shell

@@ -456,7 +456,7 @@ void CShellConnection::Close() {
 
 HRESULT CShellConnection::Execute(const std::string& sql, const std::vector<Parameter>& parameters, IRowSink& sink,
                                   const std::atomic<bool>& cancel, const ProgressCallback& progress,
-                                  Failure* failure) {
+                                  Failure* failure, size_t* used) {
   ComPtr<IDBCreateCommand> create = QueryAs<IDBCreateCommand>(session_.Get(), IID_IDBCreateCommand);
   if (!create) return *failure = Failure{E_NOINTERFACE, {"no open session"}}, E_NOINTERFACE;
   ComPtr<ICommandText> command;
@@ -479,6 +479,7 @@ HRESULT CShellConnection::Execute(const std::string& sql, const std::vector<Para
       TakeFailure(S_OK);  // nothing described is no failure of the statement
     }
   }
+  if (used) *used = static_cast<size_t>(count);
   if (count > parameters.size()) {
     *failure = Failure{DB_E_PARAMNOTOPTIONAL, {"the statement has " + std::to_string(count) + " parameter(s) but " +
                                                    std::to_string(parameters.size()) + " --param value(s) were given"}};

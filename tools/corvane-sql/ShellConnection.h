@@ -52,9 +52,11 @@ class CShellConnection {
   void Close();
 
   // Runs one statement. A failure fills `failure` from the error records; a fetch
-  // stopped by `cancel` returns E_ABORT after the rowset has been released.
+  // stopped by `cancel` returns E_ABORT after the rowset has been released. `used`, when
+  // given, receives how many of `parameters` the statement takes (once it is prepared).
   HRESULT Execute(const std::string& sql, const std::vector<Parameter>& parameters, IRowSink& sink,
-                  const std::atomic<bool>& cancel, const ProgressCallback& progress, Failure* failure);
+                  const std::atomic<bool>& cancel, const ProgressCallback& progress, Failure* failure,
+                  size_t* used = nullptr);
 
   // A schema rowset (DBSCHEMA_TABLES...), restricted by text values in order (empty
   // entries are no restriction), written to `sink`.
