@@ -2,8 +2,6 @@
 
 #include <cmath>
 
-#include "historian/ReferenceHistorian.h"
-
 namespace corvane::historian {
 
 namespace {
@@ -287,19 +285,6 @@ HRESULT CDemoPlant::Populate(CHistorianStore& store, const DemoPlantOptions& opt
     if (FAILED(hr)) return hr;
   }
   return S_OK;
-}
-
-HRESULT CDemoPlant::CreateHost(const DemoPlantOptions& options, REFIID riid, void** host) {
-  if (!host) return E_INVALIDARG;
-  *host = nullptr;
-  std::shared_ptr<CHistorianStore> store;
-  try {
-    store = std::make_shared<CHistorianStore>();
-  } catch (const std::bad_alloc&) {
-    return E_OUTOFMEMORY;
-  }
-  HRESULT hr = Populate(*store, options);
-  return FAILED(hr) ? hr : CReferenceHistorian::Create(std::move(store), riid, host);
 }
 
 }  // namespace corvane::historian

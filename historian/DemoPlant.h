@@ -27,10 +27,6 @@ class CDemoPlant {
   // Adds the demo tags to `store` and records their history. Fails (0x800700B7, nothing
   // added) when any demo tag exists already; E_INVALIDARG for a zero `now` or `days`.
   static HRESULT Populate(CHistorianStore& store, const DemoPlantOptions& options);
-
-  // A reference historian over a fresh store holding the demo plant: what the SQL shell
-  // and the examples run against. Returns interface `riid` of the host object.
-  static HRESULT CreateHost(const DemoPlantOptions& options, REFIID riid, void** host);
 };
 
 }  // namespace corvane::historian

@@ -426,11 +426,6 @@ HRESULT STDMETHODCALLTYPE CProcessedDataProvider::GetFilteredTagStatistics(
   }
 }
 
-size_t CProcessedDataProvider::PendingStatistics() const {
-  std::lock_guard<std::mutex> lock(cursorLock_);
-  return cursors_.size();
-}
-
 std::unique_ptr<CProcessedDataProvider::StatisticsCursor> CProcessedDataProvider::TakeCursor(void* token) {
   std::lock_guard<std::mutex> lock(cursorLock_);
   auto it = cursors_.find(token);

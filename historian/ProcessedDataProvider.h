@@ -147,9 +147,6 @@ class CProcessedDataProvider final : public IProcessedDataProvider {
                                                      void** continuation, DWORD reserved, ULONG* nameCount,
                                                      BSTR** names, HistoryValueList** values) override;
 
-  // Statistics continuation points currently held (for tests and diagnostics).
-  size_t PendingStatistics() const;
-
  private:
   struct StatisticsCursor {
     WString filters[3];

@@ -10,11 +10,10 @@ FILETIME At(double seconds) { return Ft(kT0 + ULONGLONG(seconds * kSecond)); }
 // A value as the procedures write it: a text the tag converts to its own type.
 struct Written {
   HistoryValue hv{};
-  Written(const OLECHAR* text, double seconds, DWORD quality = 0) {
+  Written(const OLECHAR* text, double seconds) {
     hv.value.vt = VT_BSTR;
     hv.value.bstrVal = SysAllocString(text);
     hv.timestamp = At(seconds);
-    hv.quality = quality;
   }
   ~Written() { VariantClear(&hv.value); }
   const HistoryValue* P() const { return &hv; }
