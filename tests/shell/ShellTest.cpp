@@ -154,10 +154,13 @@ TEST(ShellRuns, EachGivesItsStatusErrorsAndOutput) {
        "{\"TAGNAME\":\"On\",\"TIMESTAMP\":\"2024-01-01T00:00:00.000Z\",\"VALUE\":true}\n"
        "]\n"
        "[]\n"},
-      // Every statement takes its values from the first --param on.
+      // Every statement takes its values from the first --param on; a value none takes fails the run.
       {{"--param", "Flow", "-e", "SELECT VALUE FROM RAWDATA WHERE TAGNAME = ? AND "s + kDay, "-e",
-        "SELECT TAGNAME FROM TAGS WHERE TAGNAME = ?"},
-       "", "0 ", "VALUE\r\n1.5\r\n0.1\r\n\r\nTAGNAME\r\nFlow\r\n"},
+        "SELECT TAGNAME FROM TAGS WHERE TAGNAME = ?", "--param", "Note"},
+       "",
+       "1 corvane-sql: 1 --param value(s) from 'Note' on were taken by no statement (every statement takes its "
+       "values from the first --param on)\n",
+       "VALUE\r\n1.5\r\n0.1\r\n\r\nTAGNAME\r\nFlow\r\n"},
       // Typed values: times, and a period the procedure takes as a number (as a text it would
       // read one interval), so the intervals are one minute long.
       {{"--param", "DBTYPE_DBTIMESTAMP:2024-01-01 00:00:00", "--param", "DBTYPE_DBTIMESTAMP:2024-01-01 00:02:00",
