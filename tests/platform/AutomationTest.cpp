@@ -1,6 +1,6 @@
 // The Automation types the POSIX layer provides as Windows does: BSTRs, VARIANT
-// lifetimes and the ISO date texts. Under Wine the first two run against the
-// system's own.
+// lifetimes, the ISO date texts and the calendar of FILETIME. Under Wine the first two
+// run against the system's own.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -165,8 +165,6 @@ TEST(VariantLifetime, CopiesDuplicateStringsAddReferencesAndFollowOneLevelOfRefe
   EXPECT_EQ(LiveBstrs(), base);
 }
 
-}  // namespace
-
 // What VariantChangeType answers for each value is compared with the system's own
 // conversions by the differential probe (tests/differential/probe_variant.cpp), and the
 // strings of the conversions the provider makes are counted by the leak checks of the
@@ -191,4 +189,24 @@ TEST(VariantDateConversion, IsoTextWithTZoneAndFractionReads) {
     EXPECT_NEAR(date, c.date, 1e-9);
   }
 }
+
+// FILETIME <-> SYSTEMTIME: named instants, random instants, the limits and each invalid
+// field are compared with the system's answers by the differential probe
+// (tests/differential/probe_time.cpp). Kept here: the cases where Wine, which runs the
+// Windows build, answers differently from Windows.
+SYSTEMTIME St(WORD y, WORD mo, WORD d) { return SYSTEMTIME{y, mo, 0, d, 0, 0, 0, 0}; }
+
+TEST(FileTimeCalendar, OnlyRealDatesUpToTheYear30827Convert) {
+  // Wine converts any year whose instant still fits, and takes 29 February in every year.
+  for (const SYSTEMTIME& st : {St(30828, 1, 1), St(2021, 2, 29), St(1900, 2, 29), St(2100, 2, 29)}) {
+    FILETIME ft{0x12345678, 0x9ABC};
+    EXPECT_FALSE(SystemTimeToFileTime(&st, &ft)) << st.wYear << "-" << st.wMonth << "-" << st.wDay;
+  }
+  for (const SYSTEMTIME& st : {St(2000, 2, 29), St(2024, 2, 29)}) {
+    FILETIME ft{};
+    EXPECT_TRUE(SystemTimeToFileTime(&st, &ft)) << st.wYear;
+  }
+}
 #endif
+
+}  // namespace
