@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "base/ComPtr.h"
+#include "base/TaskMem.h"
 #include "base/Variant.h"
 #include "platform/WideString.h"
 #include "provider/store/DataConvert.h"
@@ -22,10 +23,6 @@
 namespace corvane {
 namespace {
 
-using test::Parse;
-using test::Render;
-using test::TypeOf;
-using test::Value;
 
 struct Outcome {
   HRESULT hr;
@@ -131,27 +128,27 @@ TEST_F(DataConvertTest, EachConversionGivesItsStatusLengthAndValue) {
       {"STR abc", "VARIANT", "0 0 24 VT_BSTR \"abc\""},
   };
   for (const Row& row : rows) {
-    Value source, out;
-    Parse(row.source, &source);
-    out.type = TypeOf(row.destination);
+    test::Value source;
+    test::Parse(row.source, &source);
+    const DBTYPE type = test::TypeOf(row.destination);
     BYTE destination[128];
     std::memset(destination, 0xCC, sizeof destination);
-    Outcome o = Convert(source.type, out.type, source.Data(), destination, row.max, row.flags, row.sourceLength,
+    Outcome o = Convert(source.type, type, source.Data(), destination, row.max, row.flags, row.sourceLength,
                         row.precision, row.scale);
     char head[64];
     std::snprintf(head, sizeof head, "%X %lu %llu ", unsigned(o.hr), (unsigned long)o.status,
                   (unsigned long long)o.length);
     const bool untouched = std::all_of(destination, destination + sizeof destination, [](BYTE b) { return b == 0xCC; });
-    const std::string got = head + (untouched ? std::string("untouched") : Render(out.type, destination));
+    const std::string got = head + (untouched ? std::string("untouched") : test::Render(type, destination));
     // Text destinations never see a byte written past their buffer's whole characters.
-    const size_t limit = out.type == DBTYPE_WSTR ? row.max / 2 * 2 : out.type == DBTYPE_STR ? row.max : sizeof destination;
+    const size_t limit = type == DBTYPE_WSTR ? row.max / 2 * 2 : type == DBTYPE_STR ? row.max : sizeof destination;
     EXPECT_TRUE(std::all_of(destination + limit, destination + sizeof destination, [](BYTE b) { return b == 0xCC; }))
         << row.source << " -> " << row.destination << " wrote past " << limit << " bytes";
     // The expectation may stop after the status or the length.
     const std::string want = row.expected;
     EXPECT_TRUE(got == want || (got.compare(0, want.size(), want) == 0 && got[want.size()] == ' '))
         << row.source << " -> " << row.destination << ": expected " << want << ", got " << got;
-    if (!untouched) test::Release(out.type, destination);
+    if (!untouched) test::Release(type, destination);
   }
   // A null source status wins over whatever the source holds.
   double r8 = 1;
@@ -208,19 +205,17 @@ TEST_F(DataConvertService, InterfacesAndVersion) {
   ComPtr<IDCInfo> info;
   ASSERT_EQ(S_OK, convert_->QueryInterface(IID_IDCInfo, info.PutVoid()));
   DCINFOTYPE type = DCINFOTYPE_VERSION;
-  DCINFO* got = nullptr;
-  ASSERT_EQ(S_OK, info->GetInfo(1, &type, &got));
+  TaskMem<DCINFO> got;
+  ASSERT_EQ(S_OK, info->GetInfo(1, &type, got.Put()));
   EXPECT_EQ(VT_UI4, V_VT(&got[0].vData));
   EXPECT_EQ(0x200u, V_UI4(&got[0].vData));
-  CoTaskMemFree(got);
   DCINFO set{};
   set.eInfoType = DCINFOTYPE_VERSION;
   V_VT(&set.vData) = VT_UI4;
   V_UI4(&set.vData) = 0x250;
   EXPECT_EQ(S_OK, info->SetInfo(1, &set));
-  ASSERT_EQ(S_OK, info->GetInfo(1, &type, &got));
+  ASSERT_EQ(S_OK, info->GetInfo(1, &type, got.Put()));
   EXPECT_EQ(0x250u, V_UI4(&got[0].vData));
-  CoTaskMemFree(got);
   V_VT(&set.vData) = VT_BSTR;
   EXPECT_EQ(DB_E_BADTYPE, info->SetInfo(1, &set));
 
