@@ -116,7 +116,7 @@ inline std::string Describe(const std::string& text) {
   if (kind == SQL_STATEMENT_INSERT) {
     const auto& insert = static_cast<const CSQLQueryInfoINSERT&>(q);
     list("set", insert.Columns().size(), [&insert](size_t i) {
-      return Render(insert.Columns()[i].get()) + "=" + Render(insert.Values().at(i).get());  // at: counts may differ
+      return Render(insert.Columns()[i].get()) + "=" + Render(insert.Values().at(i).get());
     });
   }
   if (q.Condition()) out += " where=" + Render(q.Condition());
