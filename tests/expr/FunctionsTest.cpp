@@ -23,9 +23,9 @@ TEST_F(QualityFunctions, SeverityTestsReadTheTwoTopBits) {
   };
   for (const Case& c : cases) {
     const std::string arg = std::string("(") + c.code + ")";
-    EXPECT_EQ(EvalUnsigned("IsGood" + arg), c.good) << c.code;
-    EXPECT_EQ(EvalUnsigned("IsBad" + arg), c.bad) << c.code;
-    EXPECT_EQ(EvalUnsigned("IsUncertain" + arg), c.uncertain) << c.code;
+    EXPECT_EQ(EvalText("IsGood" + arg), "VT_UI4 " + std::to_string(c.good)) << c.code;
+    EXPECT_EQ(EvalText("IsBad" + arg), "VT_UI4 " + std::to_string(c.bad)) << c.code;
+    EXPECT_EQ(EvalText("IsUncertain" + arg), "VT_UI4 " + std::to_string(c.uncertain)) << c.code;
     EXPECT_EQ(EvalText("QualityToStr" + arg), c.word) << c.code;
   }
 }
