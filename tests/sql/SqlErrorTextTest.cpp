@@ -25,7 +25,6 @@ TEST_F(SqlErrorTexts, EachClauseNamesItselfAfterThePrefix) {
       {"SELECT a", "FROM is missing.", E_FAIL},
       {"SELECT a FROM", "Table/Stored procedure list parse error.", E_FAIL},
       {"SELECT a FROM p(1", "Table/Stored procedure list parse error.", E_FAIL},
-      {"SELECT a FROM t WHERE a", "WHERE clause parse error.", E_FAIL},
       {"SELECT a FROM t WHERE (a = 1)", "WHERE clause parse error.", E_FAIL},
       {"SELECT a FROM t WHERE 5 BETWEEN 1 AND 2", "WHERE clause parse error.", E_FAIL},
       {"SELECT a FROM t WHERE x BETWEEN 1 OR 2", "WHERE clause parse error.", E_FAIL},

@@ -87,11 +87,6 @@ std::string NestedParens(int depth) {
 }
 std::string AndChain(int terms) { return "SELECT a FROM t WHERE a = 1" + Repeat(" AND a = 1", terms - 1); }
 
-std::string Message(const std::string& error) {
-  const size_t at = error.rfind("'. ");
-  return at == std::string::npos ? error : error.substr(at + 3);
-}
-
 // Runs `body` on a thread with the stack of a default Windows thread (1 MB).
 void RunOnOneMegabyteStack(std::function<void()> body) {
   constexpr size_t kStack = 1 << 20;
@@ -147,7 +142,9 @@ TEST_F(SqlNestingLimits, TheDeepestAcceptedInputParsesAndDeeperFailsWithTheClaus
   RunOnOneMegabyteStack([&] {
     for (const auto& c : cases) {
       const auto p = Parse(c.first);
-      got.push_back(p.hr == S_OK ? "" : p.hr == E_FAIL ? Message(p.error) : "hr " + std::to_string(p.hr));
+      got.push_back(p.hr == S_OK     ? ""
+                    : p.hr == E_FAIL ? p.error.substr(p.error.rfind("'. ") + 3)  // after the quoted statement
+                                     : "hr " + std::to_string(p.hr));
     }
   });
   ASSERT_EQ(got.size(), sizeof cases / sizeof cases[0]);

@@ -113,13 +113,10 @@ inline std::string Describe(const std::string& text) {
     for (size_t a = 0; a < sp.Parameters().size(); ++a) text += (a ? " " : "") + Render(sp.Parameters()[a].get());
     return text + ")";
   });
-  if (kind == SQL_STATEMENT_INSERT || kind == SQL_STATEMENT_UPDATE) {
-    const auto& columns = kind == SQL_STATEMENT_INSERT ? static_cast<const CSQLQueryInfoINSERT&>(q).Columns()
-                                                       : static_cast<const CSQLQueryInfoUPDATE&>(q).Columns();
-    const auto& values = kind == SQL_STATEMENT_INSERT ? static_cast<const CSQLQueryInfoINSERT&>(q).Values()
-                                                      : static_cast<const CSQLQueryInfoUPDATE&>(q).Values();
-    list("set", columns.size(), [&](size_t i) {
-      return Render(columns[i].get()) + "=" + (i < values.size() ? Render(values[i].get()) : "?");
+  if (kind == SQL_STATEMENT_INSERT) {
+    const auto& insert = static_cast<const CSQLQueryInfoINSERT&>(q);
+    list("set", insert.Columns().size(), [&insert](size_t i) {
+      return Render(insert.Columns()[i].get()) + "=" + Render(insert.Values().at(i).get());
     });
   }
   if (q.Condition()) out += " where=" + Render(q.Condition());

@@ -37,13 +37,11 @@ std::string Lex(const std::string& text) {
 TEST(SqlTokens, EachTextReadsAsItsTokens) {
   const std::pair<const char*, const char*> cases[] = {
       // "!=" is "=", "+" and "/" and other characters are dropped.
-      {"a != 3", "id(a) = int(3)=3 $"},
-      {"a + b / c \xC3\xA9", "id(a) id(b) id(c) $"},
+      {"a != 3 + b / c \xC3\xA9", "id(a) = int(3)=3 id(b) id(c) $"},
       {"WHERE a<>b AND c>=1 OR d<=e>f<g ( ) * , . ; = ?",
        "kw(WHERE) id(a) <> id(b) AND id(c) >= int(1)=1 OR id(d) <= id(e) > id(f) < id(g) ( ) * , . ; = ? $"},
-      {"and Or NOT", "AND OR NOT $"},
       // Keywords ignore case and keep their text (which keyword each is: the statement suite).
-      {"Between CaLL tOp", "kw(Between) kw(CaLL) kw(tOp) $"},
+      {"and Or NOT Between CaLL tOp", "AND OR NOT kw(Between) kw(CaLL) kw(tOp) $"},
       // Words that only look like keywords stay names; a quoted name is never a keyword
       // and keeps blanks and unknown characters.
       {"LIKE IN NULL JOIN TIMESTAMP TOP5 SELECTED _x1 ORD",
