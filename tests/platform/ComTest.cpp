@@ -6,9 +6,20 @@
 #include <thread>
 #include <vector>
 
+#include "platform/AllocCounters.h"
 #include "platform/Platform.h"
 
 namespace {
+
+// Allocated by a static initialiser, before any test could start counting.
+void* g_blockFromBeforeCounting = CoTaskMemAlloc(64);
+
+// Outstanding task-memory blocks and BSTRs: the leak checks of every suite, and the shell's
+// --leak-check, stand on them.
+corvane::platform::AllocCounts Live() {
+  corvane::platform::StartAllocCounting();
+  return corvane::platform::CurrentAllocCounts();
+}
 
 #define W(s) reinterpret_cast<LPCOLESTR>(u##s)
 
@@ -18,6 +29,32 @@ std::u16string GuidText(REFGUID g) {
 }
 
 }  // namespace
+
+TEST(TaskAllocator, CountsBlocksAndStringsUntilFreed) {
+  const auto before = Live();
+  void* a = CoTaskMemAlloc(16);
+  void* b = CoTaskMemAlloc(0);  // a zero-byte request still gives a block to free
+  ASSERT_NE(a, nullptr);
+  ASSERT_NE(b, nullptr);
+  EXPECT_EQ(Live().comBlocks - before.comBlocks, 2);
+#ifndef _WIN32
+  // The system's string cache makes these inexact on Windows; blocks must suit any type here.
+  EXPECT_EQ(reinterpret_cast<uintptr_t>(b) % alignof(std::max_align_t), 0u);
+  BSTR s = SysAllocString(OLESTR("a")), t = SysAllocStringLen(nullptr, 10);
+  EXPECT_EQ(Live().bstrs - before.bstrs, 2);
+  EXPECT_EQ(Live().comBlocks - before.comBlocks, 2) << "a BSTR is not a task-memory block";
+  SysFreeString(s);
+  SysFreeString(t);
+#endif
+  CoTaskMemFree(a);
+  CoTaskMemFree(b);
+  CoTaskMemFree(nullptr);
+  ASSERT_NE(g_blockFromBeforeCounting, nullptr);
+  CoTaskMemFree(g_blockFromBeforeCounting);  // leaves the counters alone
+  g_blockFromBeforeCounting = nullptr;
+  EXPECT_EQ(Live().comBlocks, before.comBlocks);
+  EXPECT_EQ(Live().bstrs, before.bstrs);
+}
 
 TEST(GuidText, WritesTheBracedUpperCaseFormAndReadsItBackWithTheWindowsCodes) {
   OLECHAR buf[39];
