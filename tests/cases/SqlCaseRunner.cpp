@@ -227,11 +227,6 @@ struct FileRun {
   Rows before;                // the historian's contents before a statement checked with `unchanged`
   size_t next = 0;            // the case to run next
 
-  void Start() {
-    baseline = platform::CurrentAllocCounts();
-    consumer = std::make_unique<SqlConsumer>();
-    trace = std::make_unique<TraceCapture>(TRACE_DETAIL);
-  }
   void Finish();
 };
 
@@ -243,7 +238,11 @@ class CaseTest : public ::testing::Test {
     static std::map<std::string, FileRun> runs;
     FileRun& run = runs[(*cases_)[index_].path];
     if (run.next > index_) run.Finish();
-    if (!run.consumer) run.Start();
+    if (!run.consumer) {
+      run.baseline = platform::CurrentAllocCounts();
+      run.consumer = std::make_unique<SqlConsumer>();
+      run.trace = std::make_unique<TraceCapture>(TRACE_DETAIL);
+    }
     // Cases left out by a filter still set the scene for this one.
     for (; run.next < index_; ++run.next) Execute((*cases_)[run.next], run, false);
     Execute((*cases_)[index_], run, true);
@@ -275,7 +274,6 @@ class CaseTest : public ::testing::Test {
       Parameter parameter;
       if (words.size() >= 3 && words[1].rfind("DBTYPE_", 0) == 0) parameter.type = words[1];
       parameter.value = After(p.text, parameter.type.empty() ? 1 : 2);
-      parameter.null = parameter.value == "<null>";
       parameters.push_back(parameter);
     }
     ULONG callsBefore[static_cast<int>(HostOp::Count)];

@@ -45,7 +45,6 @@ using HostOp = testing::CFaultInjectingHost::Op;
 struct Parameter {
   std::string type;
   std::string value;
-  bool null = false;
 };
 
 struct Outcome {
@@ -107,12 +106,6 @@ class ConsumerTest : public LeakCheckedTest, public SqlConsumer {
  public:
   // The records of the failed call on this thread, taken (the thread is left clean).
   static LastError TakeLastError();
-  template <typename T>
-  static T* Query(IUnknown* object, REFIID iid) {
-    T* p = nullptr;
-    if (FAILED(object->QueryInterface(iid, reinterpret_cast<void**>(&p)))) return nullptr;
-    return p;
-  }
 
  protected:
   static constexpr int kSamples = 30;
