@@ -1,7 +1,5 @@
-// The session and its command as a consumer drives them: interfaces, opening tables,
-// creating commands, text and dialect, Prepare, parameters described by type name and
-// given through an accessor, the command's accessors and rowsets, and the failures with
-// their error records. What statements and schema rowsets answer is in tests/cases.
+// The session and its command as a consumer drives them through OLE DB, failures and their error
+// records included; what statements and schema rowsets answer is in tests/cases.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -252,8 +250,7 @@ TEST_F(CommandParameters, TypeNamesKeepTheirMappingAndUndescribedOnesAreVariants
   TaskMem<OLECHAR> noNames;
   EXPECT_EQ(DB_E_NOTPREPARED, Params()->GetParameterInfo(&n, none.Put(), noNames.Put()));
 
-  // Names ignore case; NVARCHAR arrives by reference and WVARCHAR by value, which
-  // consumers rely on; an unknown type name is no type. Given in reverse order.
+  // Names ignore case; consumers rely on NVARCHAR by reference and WVARCHAR by value. Given in reverse order.
   const struct { const OLECHAR *type, *name; DBTYPE mapped; } cases[] = {
       {OLESTR("DBTYPE_GUID"), OLESTR("@c"), DBTYPE_EMPTY},
       {OLESTR("DBTYPE_WVARCHAR"), OLESTR("@b"), DBTYPE_WSTR},
@@ -282,8 +279,7 @@ TEST_F(CommandParameters, TypeNamesKeepTheirMappingAndUndescribedOnesAreVariants
   EXPECT_EQ(2, found[0]);
   EXPECT_EQ(0, found[1]);
 
-  // Descriptions dropped again, the prepared statement tells how many `?` it has, however
-  // deeply they are nested: "? = (? = (...))" keeps many subtrees pending while it is walked.
+  // Without descriptions Prepare counts the `?`, however deeply nested: many subtrees pend while it walks.
   ASSERT_EQ(S_OK, Params()->SetParameterInfo(0, nullptr, nullptr));
   constexpr int kNested = 40;
   std::string nested = "SELECT * FROM RAWDATA WHERE ";
@@ -296,8 +292,7 @@ TEST_F(CommandParameters, TypeNamesKeepTheirMappingAndUndescribedOnesAreVariants
   EXPECT_EQ(static_cast<DBORDINAL>(kNested + 1), many.back().ordinal);
   EXPECT_EQ(DBTYPE_VARIANT, many[0].type);
 
-  // An undescribed parameter is listed beside a described one (what a described count
-  // does to the rows is in tests/cases/procedures.test).
+  // An undescribed parameter is listed beside a described one (its effect: tests/cases/procedures.test).
   SetText(OLESTR("SELECT * FROM GET_VALUES(?, '2100-01-01', ?, 'Area1.Temp')"));
   ASSERT_EQ(S_OK, Prepare());
   DBPARAMBINDINFO info{};
@@ -309,8 +304,7 @@ TEST_F(CommandParameters, TypeNamesKeepTheirMappingAndUndescribedOnesAreVariants
   ASSERT_EQ(2u, mixed.size());
   EXPECT_EQ(DBTYPE_VARIANT, mixed[0].type);
   EXPECT_EQ(DBTYPE_UI4, mixed[1].type);
-  // A value that does not read as its described type fails the execution (with
-  // DISP_E_TYPEMISMATCH under Windows, DB_E_ERRORSOCCURRED on POSIX).
+  // A value that does not read as its described type fails the execution (the code differs by platform).
   TextParameters bad({Parameter{"", "2000-01-01"}, Parameter{"", "three"}});
   DBPARAMS p{bad.slots.data(), 1, ParameterAccessor(bad)};
   IUnknown* rowset = nullptr;
@@ -367,7 +361,6 @@ TEST_F(CommandExecution, RowAccessorsOfTheCommandReadItsRowsets) {
   ASSERT_EQ(S_OK, Accessor()->CreateAccessor(DBACCESSOR_ROWDATA, 1, &name, sizeof(Cell), &stale, nullptr));
   ASSERT_EQ(S_OK, Accessor()->CreateAccessor(DBACCESSOR_ROWDATA, 1, &name, sizeof(Cell), &handle, nullptr));
   EXPECT_EQ(S_OK, Accessor()->ReleaseAccessor(stale, nullptr));
-  // Not an accessor for parameters.
   DBPARAMS params{nullptr, 1, handle};
   IUnknown* rowset = nullptr;
   EXPECT_EQ(DB_E_BADACCESSORTYPE, command_->Execute(nullptr, IID_IRowset, &params, nullptr, &rowset));
@@ -444,16 +437,14 @@ TEST_F(CommandExecution, OpenRowsetsHoldTheCommand) {
   EXPECT_EQ(S_OK, command_->SetCommandText(DBGUID_DEFAULT, OLESTR("SELECT * FROM RAWDATA")));
   EXPECT_EQ(S_OK, Params()->SetParameterInfo(1, &ordinal, &bind));
 
-  // An interface the command rowset lacks: the statement is fine, the request is not,
-  // and the command is free again afterwards.
+  // An interface the command rowset lacks is refused, and the command is free again afterwards.
   EXPECT_EQ(E_NOINTERFACE, command_->Execute(nullptr, kRowsetChange, nullptr, nullptr, &rowset));
   TakeLastError();
   EXPECT_EQ(S_OK, command_->SetCommandText(DBGUID_DEFAULT, OLESTR("SELECT * FROM TAGS")));
 }
 
 TEST_F(CommandExecution, EachExecutionHasItsOwnNow) {
-  // NOWUTC() is read once per execution: every row of one execution shows the same
-  // instant, and the next execution a later one.
+  // NOWUTC() is read once per execution: one instant on every row, a later one in the next execution.
   SetText(OLESTR("SELECT NOWUTC(), TAGNAME FROM TAGS"));
   std::vector<std::string> nows;
   for (int run = 0; run < 2; ++run) {
