@@ -81,7 +81,7 @@ ULONG CFaultInjectingHost::Release() {
 }
 
 // Each forwarding operation: count, wait, maybe fail with nulled outputs, else pass on.
-#define FIH_ENTER(op, ...)                          \
+#define FIH_ENTER(op, ...)                            \
   if (HRESULT injected_; Enter(Op::op, &injected_)) { \
     __VA_ARGS__;                                      \
     return injected_;                                 \
