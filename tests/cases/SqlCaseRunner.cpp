@@ -1,7 +1,6 @@
-// Runs the plain-text SQL case files of this directory (*.test, described in README.md
-// here) through OLE DB as a consumer does. Each case is one test, named after its file
-// and line; the cases of a file run in order against one historian and one connection,
-// which are checked for leaks when the file's last case ends.
+// Runs the plain-text SQL case files of this directory (README.md) through OLE DB as a consumer does:
+// each case is one test, named after its file and line; a file's cases share one historian and one
+// connection, checked for leaks when its last case ends.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -174,8 +173,7 @@ std::vector<Case> ParseFile(const std::string& path, std::string* error) {
   return cases;
 }
 
-// What a case's header asks for: "query [columns] [count] [schema] [prepare] [execute]
-// [open] [batch N] [affected N] [error HRESULT [description]]".
+// What a case's header asks for (README.md lists its words).
 struct Header {
   bool columns = false, count = false, schema = false, prepare = false, execute = false, open = false;
   DBROWCOUNT batch = 7;
@@ -227,11 +225,6 @@ struct FileRun {
   Rows before;                // the historian's contents before a statement checked with `unchanged`
   size_t next = 0;            // the case to run next
 
-  void Start() {
-    baseline = platform::CurrentAllocCounts();
-    consumer = std::make_unique<SqlConsumer>();
-    trace = std::make_unique<TraceCapture>(TRACE_DETAIL);
-  }
   void Finish();
 };
 
@@ -243,7 +236,11 @@ class CaseTest : public ::testing::Test {
     static std::map<std::string, FileRun> runs;
     FileRun& run = runs[(*cases_)[index_].path];
     if (run.next > index_) run.Finish();
-    if (!run.consumer) run.Start();
+    if (!run.consumer) {
+      run.baseline = platform::CurrentAllocCounts();
+      run.consumer = std::make_unique<SqlConsumer>();
+      run.trace = std::make_unique<TraceCapture>(TRACE_DETAIL);
+    }
     // Cases left out by a filter still set the scene for this one.
     for (; run.next < index_; ++run.next) Execute((*cases_)[run.next], run, false);
     Execute((*cases_)[index_], run, true);
@@ -272,11 +269,8 @@ class CaseTest : public ::testing::Test {
     std::vector<Parameter> parameters;
     for (const Line& p : c.parameters) {
       const std::vector<std::string> words = Words(p.text);
-      Parameter parameter;
-      if (words.size() >= 3 && words[1].rfind("DBTYPE_", 0) == 0) parameter.type = words[1];
-      parameter.value = After(p.text, parameter.type.empty() ? 1 : 2);
-      parameter.null = parameter.value == "<null>";
-      parameters.push_back(parameter);
+      const bool typed = words.size() >= 3 && words[1].rfind("DBTYPE_", 0) == 0;
+      parameters.push_back({typed ? words[1] : std::string(), After(p.text, typed ? 2 : 1)});
     }
     ULONG callsBefore[static_cast<int>(HostOp::Count)];
     for (int op = 0; op < static_cast<int>(HostOp::Count); ++op)
@@ -290,11 +284,10 @@ class CaseTest : public ::testing::Test {
       listed = listed || Words(check.first.text)[0] == "contents";
     }
     if (unchanged && !listed) run.before = run.consumer->Contents();
-    const std::string sql = header.execute ? std::string() : c.sql;
     IUnknown* rowset = nullptr;
     const Outcome got = header.schema    ? run.consumer->Schema(Cells(c.sql, '|'), header.batch)
                         : header.prepare ? run.consumer->Prepare(c.sql)
-                                         : run.consumer->Run(sql, parameters, header.batch,
+                                         : run.consumer->Run(c.sql, parameters, header.batch,
                                                              header.open ? &rowset : nullptr);
     if (rowset) return run.open.push_back({&c, header, rowset, check});
     if (!check) return;
@@ -458,8 +451,7 @@ void FileRun::Finish() {
   LeakCheckedTest::ExpectNothingOutstandingSince(baseline);
 }
 
-// Registers the cases of every file before main runs, as TEST does; a file that does not
-// parse is one failing test.
+// Registers the cases of every file before main runs, as TEST does; a file that does not parse is one failing test.
 const bool kRegistered = [] {
   std::string directory = CORVANE_CASE_DIR;
 #ifdef _WIN32

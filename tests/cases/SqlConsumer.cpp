@@ -4,15 +4,9 @@
 
 namespace corvane::test {
 
-namespace {
-
-const char* const kOpNames[] = {"GetTagInfo",    "GetTimeBounds",    "BrowseTags",      "GetCapabilities",
-                                "ReadRaw",       "ReleaseContinuationPoint", "InsertValue", "DeleteValues",
-                                "UpdateValue",   "ReadProcessed",    "GetFilteredTagStatistics",
-                                "GetMostRecentValue", "GetGoodValues", "GetBadValues", "GetAllValues"};
-static_assert(sizeof(kOpNames) / sizeof(kOpNames[0]) == static_cast<size_t>(HostOp::Count), "a name per operation");
-
-}  // namespace
+#define CORVANE_HOST_OP_NAME(name) #name,
+const char* const kOpNames[] = {CORVANE_HOST_OPERATIONS(CORVANE_HOST_OP_NAME)};
+#undef CORVANE_HOST_OP_NAME
 
 bool HostOpNamed(const std::string& name, HostOp* op) {
   for (int i = 0; i < static_cast<int>(HostOp::Count); ++i)

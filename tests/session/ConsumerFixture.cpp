@@ -94,7 +94,7 @@ testing::CFaultInjectingHost* NewHost(std::shared_ptr<CHistorianStore> store) {
 TextParameters::TextParameters(const std::vector<Parameter>& values) : slots(values.size()) {
   for (size_t i = 0; i < values.size(); ++i) {
     const WString text = FromUtf8(values[i].value).substr(0, Cell::kTextChars - 1);
-    slots[i].status = values[i].null ? DBSTATUS_S_ISNULL : DBSTATUS_S_OK;
+    slots[i].status = DBSTATUS_S_OK;
     slots[i].length = text.size() * sizeof(OLECHAR);
     std::memcpy(slots[i].v.text, text.c_str(), slots[i].length + sizeof(OLECHAR));
     bindings.push_back(CellBinding(i, i + 1, DBTYPE_WSTR, DBPARAMIO_INPUT));

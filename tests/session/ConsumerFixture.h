@@ -1,10 +1,6 @@
-// The one consumer of the provider the suites share, using OLE DB interfaces only: a
-// reference historian behind the fault-injecting host, one data source, one session, one
-// command; statements run with their rows held until the end and read back as text, and
-// error records are read back. Closing it checks that nothing but the consumer held the
-// command, the data source or the host. Built with CORVANE_CONSUMER_OF_DLL (Windows) it
-// creates the provider from the registered DLL through the system's COM runtime; the DLL
-// traces into its own trace facility there, so trace checks are off.
+// The one consumer of the provider the suites share, through OLE DB interfaces only, over a reference
+// historian behind the fault-injecting host. Built with CORVANE_CONSUMER_OF_DLL (Windows) it creates the
+// provider from the registered DLL, which traces into its own facility, so trace checks are off there.
 #pragma once
 #include <gtest/gtest.h>
 
@@ -45,7 +41,6 @@ using HostOp = testing::CFaultInjectingHost::Op;
 struct Parameter {
   std::string type;
   std::string value;
-  bool null = false;
 };
 
 struct Outcome {
@@ -107,12 +102,6 @@ class ConsumerTest : public LeakCheckedTest, public SqlConsumer {
  public:
   // The records of the failed call on this thread, taken (the thread is left clean).
   static LastError TakeLastError();
-  template <typename T>
-  static T* Query(IUnknown* object, REFIID iid) {
-    T* p = nullptr;
-    if (FAILED(object->QueryInterface(iid, reinterpret_cast<void**>(&p)))) return nullptr;
-    return p;
-  }
 
  protected:
   static constexpr int kSamples = 30;

@@ -1,7 +1,5 @@
-// The session and its command as a consumer drives them: interfaces, opening tables,
-// creating commands, text and dialect, Prepare, parameters described by type name and
-// given through an accessor, the command's accessors and rowsets, and the failures with
-// their error records. What statements and schema rowsets answer is in tests/cases.
+// The session and its command as a consumer drives them through OLE DB, failures and their error
+// records included; what statements and schema rowsets answer is in tests/cases.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -41,17 +39,10 @@ using SessionObject = ConsumerTest;
 
 class CommandTest : public ConsumerTest {
  protected:
-  // The consumer's command, whose last reference Close checks.
-  void SetUp() override {
-    ConsumerTest::SetUp();
-    if (HasFatalFailure()) return;
-    ASSERT_TRUE(accessor_ = QueryAs<IAccessor>(command_, IID_IAccessor));
-    ASSERT_TRUE(params_ = QueryAs<ICommandWithParameters>(command_, IID_ICommandWithParameters));
-  }
-  void TearDown() override {
-    params_.Reset();
-    accessor_.Reset();
-    ConsumerTest::TearDown();
+  // Taken afresh for each use: Close checks that nothing but the consumer holds the command.
+  ComPtr<IAccessor> Accessor() { return QueryAs<IAccessor>(command_, IID_IAccessor); }
+  ComPtr<ICommandWithParameters> Params() {
+    return QueryAs<ICommandWithParameters>(command_, IID_ICommandWithParameters);
   }
   HRESULT Prepare() { return QueryAs<ICommandPrepare>(command_, IID_ICommandPrepare)->Prepare(1); }
   std::string Text(GUID* dialect) {
@@ -62,15 +53,15 @@ class CommandTest : public ConsumerTest {
   void SetText(const OLECHAR* sql) { ASSERT_EQ(S_OK, command_->SetCommandText(DBGUID_DEFAULT, sql)); }
   HACCESSOR ParameterAccessor(const TextParameters& values) {
     HACCESSOR handle = DB_NULL_HACCESSOR;
-    EXPECT_EQ(S_OK, accessor_->CreateAccessor(DBACCESSOR_PARAMETERDATA, values.bindings.size(), values.bindings.data(),
-                                              0, &handle, nullptr));
+    EXPECT_EQ(S_OK, Accessor()->CreateAccessor(DBACCESSOR_PARAMETERDATA, values.bindings.size(), values.bindings.data(),
+                                               0, &handle, nullptr));
     return handle;
   }
   std::vector<ParamInfo> Parameters() {
     DB_UPARAMS n = 0;
     TaskMem<DBPARAMINFO> infos;
     TaskMem<OLECHAR> names;
-    EXPECT_EQ(S_OK, params_->GetParameterInfo(&n, infos.Put(), names.Put()));
+    EXPECT_EQ(S_OK, Params()->GetParameterInfo(&n, infos.Put(), names.Put()));
     std::vector<ParamInfo> result;
     for (DB_UPARAMS i = 0; i < n; ++i)
       result.push_back(
@@ -78,8 +69,6 @@ class CommandTest : public ConsumerTest {
            infos[i].ulParamSize});
     return result;
   }
-  ComPtr<IAccessor> accessor_;
-  ComPtr<ICommandWithParameters> params_;
 };
 
 using CommandText = CommandTest;
@@ -259,10 +248,9 @@ TEST_F(CommandParameters, TypeNamesKeepTheirMappingAndUndescribedOnesAreVariants
   DB_UPARAMS n = 0;
   TaskMem<DBPARAMINFO> none;
   TaskMem<OLECHAR> noNames;
-  EXPECT_EQ(DB_E_NOTPREPARED, params_->GetParameterInfo(&n, none.Put(), noNames.Put()));
+  EXPECT_EQ(DB_E_NOTPREPARED, Params()->GetParameterInfo(&n, none.Put(), noNames.Put()));
 
-  // Names ignore case; NVARCHAR arrives by reference and WVARCHAR by value, which
-  // consumers rely on; an unknown type name is no type. Given in reverse order.
+  // Names ignore case; consumers rely on NVARCHAR by reference and WVARCHAR by value. Given in reverse order.
   const struct { const OLECHAR *type, *name; DBTYPE mapped; } cases[] = {
       {OLESTR("DBTYPE_GUID"), OLESTR("@c"), DBTYPE_EMPTY},
       {OLESTR("DBTYPE_WVARCHAR"), OLESTR("@b"), DBTYPE_WSTR},
@@ -276,7 +264,7 @@ TEST_F(CommandParameters, TypeNamesKeepTheirMappingAndUndescribedOnesAreVariants
     bind[i].ulParamSize = 10 + i;
     bind[i].dwFlags = DBPARAMFLAGS_ISINPUT;
   }
-  ASSERT_EQ(S_OK, params_->SetParameterInfo(bind.size(), ordinals.data(), bind.data()));
+  ASSERT_EQ(S_OK, Params()->SetParameterInfo(bind.size(), ordinals.data(), bind.data()));
   const auto described = Parameters();
   ASSERT_EQ(3u, described.size());
   for (size_t i = 0; i < 3; ++i) {  // ordered by ordinal
@@ -287,13 +275,12 @@ TEST_F(CommandParameters, TypeNamesKeepTheirMappingAndUndescribedOnesAreVariants
   }
   const OLECHAR* lookup[] = {OLESTR("@B"), OLESTR("@nobody")};
   DB_LPARAMS found[2] = {};
-  EXPECT_EQ(DB_S_ERRORSOCCURRED, params_->MapParameterNames(2, lookup, found));
+  EXPECT_EQ(DB_S_ERRORSOCCURRED, Params()->MapParameterNames(2, lookup, found));
   EXPECT_EQ(2, found[0]);
   EXPECT_EQ(0, found[1]);
 
-  // Descriptions dropped again, the prepared statement tells how many `?` it has, however
-  // deeply they are nested: "? = (? = (...))" keeps many subtrees pending while it is walked.
-  ASSERT_EQ(S_OK, params_->SetParameterInfo(0, nullptr, nullptr));
+  // Without descriptions Prepare counts the `?`, however deeply nested: many subtrees pend while it walks.
+  ASSERT_EQ(S_OK, Params()->SetParameterInfo(0, nullptr, nullptr));
   constexpr int kNested = 40;
   std::string nested = "SELECT * FROM RAWDATA WHERE ";
   for (int i = 0; i < kNested; ++i) nested += "? = (";
@@ -305,28 +292,26 @@ TEST_F(CommandParameters, TypeNamesKeepTheirMappingAndUndescribedOnesAreVariants
   EXPECT_EQ(static_cast<DBORDINAL>(kNested + 1), many.back().ordinal);
   EXPECT_EQ(DBTYPE_VARIANT, many[0].type);
 
-  // An undescribed parameter is listed beside a described one (what a described count
-  // does to the rows is in tests/cases/procedures.test).
+  // An undescribed parameter is listed beside a described one (its effect: tests/cases/procedures.test).
   SetText(OLESTR("SELECT * FROM GET_VALUES(?, '2100-01-01', ?, 'Area1.Temp')"));
   ASSERT_EQ(S_OK, Prepare());
   DBPARAMBINDINFO info{};
   info.pwszDataSourceType = const_cast<LPOLESTR>(OLESTR("DBTYPE_UI4"));
   info.dwFlags = DBPARAMFLAGS_ISINPUT;
   const DB_UPARAMS second = 2;
-  ASSERT_EQ(S_OK, params_->SetParameterInfo(1, &second, &info));
+  ASSERT_EQ(S_OK, Params()->SetParameterInfo(1, &second, &info));
   const auto mixed = Parameters();
   ASSERT_EQ(2u, mixed.size());
   EXPECT_EQ(DBTYPE_VARIANT, mixed[0].type);
   EXPECT_EQ(DBTYPE_UI4, mixed[1].type);
-  // A value that does not read as its described type fails the execution (with
-  // DISP_E_TYPEMISMATCH under Windows, DB_E_ERRORSOCCURRED on POSIX).
+  // A value that does not read as its described type fails the execution (the code differs by platform).
   TextParameters bad({Parameter{"", "2000-01-01"}, Parameter{"", "three"}});
   DBPARAMS p{bad.slots.data(), 1, ParameterAccessor(bad)};
   IUnknown* rowset = nullptr;
   EXPECT_TRUE(FAILED(command_->Execute(nullptr, IID_IRowset, &p, nullptr, &rowset)));
   EXPECT_EQ(nullptr, rowset);
   TakeLastError();
-  accessor_->ReleaseAccessor(p.hAccessor, nullptr);
+  Accessor()->ReleaseAccessor(p.hAccessor, nullptr);
 }
 
 TEST_F(CommandExecution, ParameterSetsAndAccessorsAreChecked) {
@@ -334,12 +319,12 @@ TEST_F(CommandExecution, ParameterSetsAndAccessorsAreChecked) {
   TextParameters values({Parameter{"", "Area1.Temp"}});
   HACCESSOR handle = DB_NULL_HACCESSOR;
   // One accessor is not both kinds; output parameters do not exist.
-  EXPECT_EQ(DB_E_BADACCESSORFLAGS, accessor_->CreateAccessor(DBACCESSOR_ROWDATA | DBACCESSOR_PARAMETERDATA, 1,
+  EXPECT_EQ(DB_E_BADACCESSORFLAGS, Accessor()->CreateAccessor(DBACCESSOR_ROWDATA | DBACCESSOR_PARAMETERDATA, 1,
                                                               values.bindings.data(), 0, &handle, nullptr));
   DBBINDING output = values.bindings[0];
   output.eParamIO = DBPARAMIO_OUTPUT;
   DBBINDSTATUS status = DBBINDSTATUS_OK;
-  EXPECT_EQ(DB_E_ERRORSOCCURRED, accessor_->CreateAccessor(DBACCESSOR_PARAMETERDATA, 1, &output, 0, &handle, &status));
+  EXPECT_EQ(DB_E_ERRORSOCCURRED, Accessor()->CreateAccessor(DBACCESSOR_PARAMETERDATA, 1, &output, 0, &handle, &status));
   EXPECT_EQ(DBBINDSTATUS_BADBINDINFO, status);
   handle = ParameterAccessor(values);
 
@@ -360,7 +345,7 @@ TEST_F(CommandExecution, ParameterSetsAndAccessorsAreChecked) {
   // No parameters at all for a statement that has one.
   EXPECT_EQ(DB_E_PARAMNOTOPTIONAL, command_->Execute(nullptr, IID_IRowset, nullptr, nullptr, &rowset));
   EXPECT_EQ(DB_E_PARAMNOTOPTIONAL, TakeLastError().hr);
-  accessor_->ReleaseAccessor(handle, nullptr);
+  Accessor()->ReleaseAccessor(handle, nullptr);
 }
 
 TEST_F(CommandExecution, RowAccessorsOfTheCommandReadItsRowsets) {
@@ -373,10 +358,9 @@ TEST_F(CommandExecution, RowAccessorsOfTheCommandReadItsRowsets) {
   EXPECT_EQ(DB_E_NOTPREPARED, info->GetColumnInfo(&n, columns.Put(), strings.Put()));
   const DBBINDING name = corvane::test::CellBinding(0, 2, DBTYPE_WSTR);
   HACCESSOR stale = DB_NULL_HACCESSOR, handle = DB_NULL_HACCESSOR;
-  ASSERT_EQ(S_OK, accessor_->CreateAccessor(DBACCESSOR_ROWDATA, 1, &name, sizeof(Cell), &stale, nullptr));
-  ASSERT_EQ(S_OK, accessor_->CreateAccessor(DBACCESSOR_ROWDATA, 1, &name, sizeof(Cell), &handle, nullptr));
-  EXPECT_EQ(S_OK, accessor_->ReleaseAccessor(stale, nullptr));
-  // Not an accessor for parameters.
+  ASSERT_EQ(S_OK, Accessor()->CreateAccessor(DBACCESSOR_ROWDATA, 1, &name, sizeof(Cell), &stale, nullptr));
+  ASSERT_EQ(S_OK, Accessor()->CreateAccessor(DBACCESSOR_ROWDATA, 1, &name, sizeof(Cell), &handle, nullptr));
+  EXPECT_EQ(S_OK, Accessor()->ReleaseAccessor(stale, nullptr));
   DBPARAMS params{nullptr, 1, handle};
   IUnknown* rowset = nullptr;
   EXPECT_EQ(DB_E_BADACCESSORTYPE, command_->Execute(nullptr, IID_IRowset, &params, nullptr, &rowset));
@@ -414,17 +398,17 @@ TEST_F(CommandExecution, RowAccessorsOfTheCommandReadItsRowsets) {
   beyond.iOrdinal = 3;
   HACCESSOR late = DB_NULL_HACCESSOR;
   DBBINDSTATUS status = DBBINDSTATUS_OK;
-  EXPECT_EQ(DB_E_ERRORSOCCURRED, accessor_->CreateAccessor(DBACCESSOR_ROWDATA, 1, &beyond, 0, &late, &status));
+  EXPECT_EQ(DB_E_ERRORSOCCURRED, Accessor()->CreateAccessor(DBACCESSOR_ROWDATA, 1, &beyond, 0, &late, &status));
   EXPECT_EQ(DBBINDSTATUS_BADORDINAL, status);
   EXPECT_EQ(S_OK, QueryAs<ICommandPrepare>(command_, IID_ICommandPrepare)->Unprepare());
-  ASSERT_EQ(S_OK, accessor_->CreateAccessor(DBACCESSOR_ROWDATA, 1, &beyond, 0, &late, nullptr));
+  ASSERT_EQ(S_OK, Accessor()->CreateAccessor(DBACCESSOR_ROWDATA, 1, &beyond, 0, &late, nullptr));
   EXPECT_EQ(DB_E_BADBINDINFO, command_->Execute(nullptr, IID_IRowset, nullptr, nullptr, &rowset));
   EXPECT_EQ(nullptr, rowset);
   EXPECT_EQ(DB_E_BADBINDINFO, TakeLastError().hr);
-  EXPECT_EQ(S_OK, accessor_->ReleaseAccessor(late, nullptr));
+  EXPECT_EQ(S_OK, Accessor()->ReleaseAccessor(late, nullptr));
   // No rowset is left open by the refused execution.
   EXPECT_EQ(S_OK, command_->SetCommandText(DBGUID_DEFAULT, OLESTR("SELECT * FROM TAGS")));
-  EXPECT_EQ(S_OK, accessor_->ReleaseAccessor(handle, nullptr));
+  EXPECT_EQ(S_OK, Accessor()->ReleaseAccessor(handle, nullptr));
 }
 
 TEST_F(CommandExecution, OpenRowsetsHoldTheCommand) {
@@ -439,7 +423,7 @@ TEST_F(CommandExecution, OpenRowsetsHoldTheCommand) {
   DB_UPARAMS ordinal = 1;
   DBPARAMBINDINFO bind{};
   bind.pwszDataSourceType = const_cast<LPOLESTR>(OLESTR("DBTYPE_I4"));
-  EXPECT_EQ(DB_E_OBJECTOPEN, params_->SetParameterInfo(1, &ordinal, &bind));
+  EXPECT_EQ(DB_E_OBJECTOPEN, Params()->SetParameterInfo(1, &ordinal, &bind));
 
   // The rowset names its command as its creator.
   ComPtr<IUnknown> creator;
@@ -451,18 +435,16 @@ TEST_F(CommandExecution, OpenRowsetsHoldTheCommand) {
   rowset->Release();
 
   EXPECT_EQ(S_OK, command_->SetCommandText(DBGUID_DEFAULT, OLESTR("SELECT * FROM RAWDATA")));
-  EXPECT_EQ(S_OK, params_->SetParameterInfo(1, &ordinal, &bind));
+  EXPECT_EQ(S_OK, Params()->SetParameterInfo(1, &ordinal, &bind));
 
-  // An interface the command rowset lacks: the statement is fine, the request is not,
-  // and the command is free again afterwards.
+  // An interface the command rowset lacks is refused, and the command is free again afterwards.
   EXPECT_EQ(E_NOINTERFACE, command_->Execute(nullptr, kRowsetChange, nullptr, nullptr, &rowset));
   TakeLastError();
   EXPECT_EQ(S_OK, command_->SetCommandText(DBGUID_DEFAULT, OLESTR("SELECT * FROM TAGS")));
 }
 
 TEST_F(CommandExecution, EachExecutionHasItsOwnNow) {
-  // NOWUTC() is read once per execution: every row of one execution shows the same
-  // instant, and the next execution a later one.
+  // NOWUTC() is read once per execution: one instant on every row, a later one in the next execution.
   SetText(OLESTR("SELECT NOWUTC(), TAGNAME FROM TAGS"));
   std::vector<std::string> nows;
   for (int run = 0; run < 2; ++run) {

@@ -81,14 +81,11 @@ ULONG CFaultInjectingHost::Release() {
 }
 
 // Each forwarding operation: count, wait, maybe fail with nulled outputs, else pass on.
-#define FIH_ENTER(op, ...)           \
-  do {                               \
-    HRESULT injected_;               \
-    if (Enter(Op::op, &injected_)) { \
-      __VA_ARGS__;                   \
-      return injected_;              \
-    }                                \
-  } while (0)
+#define FIH_ENTER(op, ...)                            \
+  if (HRESULT injected_; Enter(Op::op, &injected_)) { \
+    __VA_ARGS__;                                      \
+    return injected_;                                 \
+  }
 
 HRESULT CFaultInjectingHost::GetTagInfo(const TagIdent* tag, VARTYPE* vartype) {
   FIH_ENTER(GetTagInfo, (void)0);

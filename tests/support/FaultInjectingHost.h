@@ -10,28 +10,20 @@
 
 #include "base/HistorianInterfaces.h"
 
+// The host operations the wrapper counts and can fail, in the one list that gives both
+// the enum and the names that case files and the fault sweep's reports use.
+#define CORVANE_HOST_OPERATIONS(X)                                                                       \
+  X(GetTagInfo) X(GetTimeBounds) X(BrowseTags) X(GetCapabilities) X(ReadRaw) X(ReleaseContinuationPoint) \
+  X(InsertValue) X(DeleteValues) X(UpdateValue) X(ReadProcessed) X(GetFilteredTagStatistics)            \
+  X(GetMostRecentValue) X(GetGoodValues) X(GetBadValues) X(GetAllValues)
+
 namespace corvane::testing {
 
 class CFaultInjectingHost final : public IRawDataProvider, public IProcessedDataProvider, public IValuesProvider {
  public:
-  enum class Op {
-    GetTagInfo,
-    GetTimeBounds,
-    BrowseTags,
-    GetCapabilities,
-    ReadRaw,
-    ReleaseContinuationPoint,
-    InsertValue,
-    DeleteValues,
-    UpdateValue,
-    ReadProcessed,
-    GetFilteredTagStatistics,
-    GetMostRecentValue,
-    GetGoodValues,
-    GetBadValues,
-    GetAllValues,
-    Count
-  };
+#define CORVANE_HOST_OP_ENUMERATOR(name) name,
+  enum class Op { CORVANE_HOST_OPERATIONS(CORVANE_HOST_OP_ENUMERATOR) Count };
+#undef CORVANE_HOST_OP_ENUMERATOR
 
   // Wraps `inner` (which it holds a reference to); the new object has one reference.
   static CFaultInjectingHost* Create(IUnknown* inner);

@@ -1,16 +1,6 @@
 #include "tests/support/Printers.h"
 
-#include <cstdio>
-
 namespace corvane::test {
-
-std::string Hex(HRESULT hr) {
-  char text[16];
-  std::snprintf(text, sizeof text, "%08X", static_cast<unsigned>(hr));
-  return text;
-}
-
-std::string Utf8(const OLECHAR* s) { return s ? ToUtf8(s) : std::string("(null)"); }
 
 std::string Describe(const VARIANT& v) {
   char buf[64];

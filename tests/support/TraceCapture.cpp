@@ -4,25 +4,14 @@
 
 namespace corvane::test {
 
-class TraceCapture::Sink : public ITraceSink {
- public:
+struct TraceCapture::Sink : ITraceSink {
   void Write(const TraceLine& line) override {
     CapturedLine c{line.level, line.source, line.line, ToUtf8(line.text)};
-    std::lock_guard<std::mutex> lock(mutex_);
-    lines_.push_back(std::move(c));
+    std::lock_guard<std::mutex> lock(mutex);
+    lines.push_back(std::move(c));
   }
-  std::vector<CapturedLine> Lines() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return lines_;
-  }
-  void Clear() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    lines_.clear();
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<CapturedLine> lines_;
+  mutable std::mutex mutex;
+  std::vector<CapturedLine> lines;
 };
 
 TraceCapture::TraceCapture(int threshold)
@@ -36,11 +25,14 @@ TraceCapture::~TraceCapture() {
   SetTraceSink(previousSink_);
 }
 
-std::vector<CapturedLine> TraceCapture::Lines() const { return sink_->Lines(); }
+std::vector<CapturedLine> TraceCapture::Lines() const {
+  std::lock_guard<std::mutex> lock(sink_->mutex);
+  return sink_->lines;
+}
 
 std::vector<std::string> TraceCapture::Texts() const {
   std::vector<std::string> out;
-  for (auto& l : sink_->Lines()) out.push_back(l.text);
+  for (auto& l : Lines()) out.push_back(l.text);
   return out;
 }
 
@@ -49,6 +41,9 @@ bool TraceCapture::Contains(const std::string& text) const {
   return std::find(texts.begin(), texts.end(), text) != texts.end();
 }
 
-void TraceCapture::Clear() { sink_->Clear(); }
+void TraceCapture::Clear() {
+  std::lock_guard<std::mutex> lock(sink_->mutex);
+  sink_->lines.clear();
+}
 
 }  // namespace corvane::test

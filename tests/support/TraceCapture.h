@@ -31,7 +31,7 @@ class TraceCapture {
   void Clear();
 
  private:
-  class Sink;
+  struct Sink;
   std::shared_ptr<Sink> sink_;
   std::shared_ptr<ITraceSink> previousSink_;
   int previousThreshold_;
