@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 
 #include "historian/CsvLoader.h"
@@ -138,7 +139,9 @@ TEST_F(CsvAccepted, AFileLoadsInBlocksAsTextLoadsWhole) {
     if (i % 1000 == 0) text += longName + "," + time + ",1,0\n";
   }
   ASSERT_GT(text.size(), 2u << 20);  // three blocks and more
-  const std::string path = ::testing::TempDir() + "corvane_csv_blocks_test.csv";
+  // A name of this run's own: builds in other checkouts run this test at the same time.
+  const std::string path = ::testing::TempDir() + "corvane_csv_blocks_" +
+                           std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()) + ".csv";
   auto write = [&](const std::string& contents) {
     FILE* f = std::fopen(path.c_str(), "wb");
     ASSERT_NE(nullptr, f);
