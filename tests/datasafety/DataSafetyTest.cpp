@@ -144,13 +144,9 @@ TEST_F(DataSafety, RandomChangesLeaveWhatTheModelComputes) {
       ++accepted;
       EXPECT_FALSE(reversed);
       const WString text = FromUtf8(sql);
-      SQLParseRequest request;
-      request.defaultCatalog = OLESTR("plant");
-      request.defaultSchema = OLESTR("main");
-      request.queryText = text;
       std::unique_ptr<CSQLQueryInfo> query;
       ModelStore expected;
-      ASSERT_EQ(S_OK, CSQLParser::ParseQuery(request, &query));
+      ASSERT_EQ(S_OK, CSQLParser::ParseQuery({OLESTR("plant"), OLESTR("main"), text}, &query));
       if (ApplyChange(*query, texts, before, &expected)) {
         EXPECT_TRUE(expected == after) << "expected\n" << Describe(expected) << "found\n" << Describe(after);
       }
