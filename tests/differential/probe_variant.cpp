@@ -220,12 +220,9 @@ void Dates(probe::Output& out) {
   }
   // Year 99 (two digits), beyond 9999, month 13, day 32, month 0, and milliseconds, which
   // the system ignores.
-  struct St {
-    WORD y, mo, d, h, mi, s, ms;
-  } sts[] = {{99, 1, 1, 0, 0, 0, 0},   {10000, 1, 1, 0, 0, 0, 0}, {2020, 13, 1, 0, 0, 0, 0},
-             {2020, 1, 32, 0, 0, 0, 0}, {2020, 0, 1, 0, 0, 0, 0},   {2020, 1, 2, 15, 4, 5, 500}};
-  for (const St& x : sts) {
-    SYSTEMTIME st{x.y, x.mo, 0, x.d, x.h, x.mi, x.s, x.ms};
+  for (SYSTEMTIME st : {SYSTEMTIME{99, 1, 0, 1, 0, 0, 0, 0}, SYSTEMTIME{10000, 1, 0, 1, 0, 0, 0, 0},
+                         SYSTEMTIME{2020, 13, 0, 1, 0, 0, 0, 0}, SYSTEMTIME{2020, 1, 0, 32, 0, 0, 0, 0},
+                         SYSTEMTIME{2020, 0, 0, 1, 0, 0, 0, 0}, SYSTEMTIME{2020, 1, 0, 2, 15, 4, 5, 500}}) {
     DOUBLE d = -12345;
     INT ok = SystemTimeToVariantTime(&st, &d);
     out.Line("SystemTimeToVariantTime/" + probe::SystemTime(st), ok, "DATE", ok ? probe::Double(d) : "");
