@@ -181,10 +181,10 @@ TEST_F(Creation, RawOnlyHostGetsTheAggregatesComponent) {
 #endif
 
 TEST(ErrorDescriptions, JoinInterfaceAndResultTexts) {
-  // One row per kind of text; provider codes without a text of their own (8004C006) fall
-  // through to the general one. (Through SQL: ICommand's and IDBSchemaRowset's names and
-  // provider texts, procedures.test and schemas.test; IRowset's identifier as its name,
-  // execution.test; a historian code's text, execution.test; a caller's text, tests/session.)
+  // One row per kind of text, and the provider texts no statement reaches; provider codes
+  // without a text of their own (8004C006) fall through to the general one. (Through SQL:
+  // ICommand's name and 8004C007's text, procedures.test; IRowset's identifier as its name
+  // and a historian code's text, execution.test; a caller's text, tests/session.)
   const struct {
     const IID& iid;
     HRESULT hr;
@@ -197,6 +197,8 @@ TEST(ErrorDescriptions, JoinInterfaceAndResultTexts) {
                                                "(C0041009)."},
       {IID_ICommandPrepare, CORVANE_E_MISSING_PARAMETER, "Failed to prepare a command (IID_ICommandPrepare). Details: "
                                                          "Missing required parameter."},
+      {IID_IDBSchemaRowset, CORVANE_E_TAG_PATH_NOT_FOUND, "Failed to get a rowset or schema (IID_IDBSchemaRowset). "
+                                                          "Details: Required tag path doesn't exist."},
       {IID_IDBCreateSession, DISP_E_TYPEMISMATCH, "Failed to create a session (IID_IDBCreateSession). Details: Type "
                                                   "mismatch."},
       {IID_IDBInfo, E_OUTOFMEMORY, "Failed to get keywords or literals (IID_IDBInfo). Details: No more details "
