@@ -137,16 +137,14 @@ struct Parameters {
     count = std::min<DB_UPARAMS>(count, 64);
     slots.resize(count);
     std::vector<DB_UPARAMS> ordinals;
-    std::vector<DBPARAMBINDINFO> bindInfo(count);
+    std::vector<DBPARAMBINDINFO> bindInfo;
     for (DB_UPARAMS i = 0; i < count; ++i) {
       const corvane::WStringView value(kParameterValues[i % 3]);
       slots[i].status = DBSTATUS_S_OK;
       slots[i].length = value.size() * sizeof(OLECHAR);
       memcpy(slots[i].v.text, value.data(), slots[i].length);
       bindings.push_back(CellBinding(i, i + 1, DBTYPE_WSTR, DBPARAMIO_INPUT));
-      bindInfo[i].pwszDataSourceType = const_cast<LPOLESTR>(OLESTR("DBTYPE_WSTR"));
-      bindInfo[i].ulParamSize = 64;
-      bindInfo[i].dwFlags = DBPARAMFLAGS_ISINPUT;
+      bindInfo.push_back({const_cast<LPOLESTR>(OLESTR("DBTYPE_WSTR")), nullptr, 64, DBPARAMFLAGS_ISINPUT, 0, 0});
       ordinals.push_back(i + 1);
     }
     const HRESULT hr = with->SetParameterInfo(count, ordinals.data(), bindInfo.data());
@@ -169,8 +167,8 @@ void ReadAll(IUnknown* rowset) {
   Check(fetch && accessor, "rowset interfaces");
   DescribeColumns(rowset, true);
   DBCOUNTITEM obtained = 0, fetched = 0;
-  HROW* rows = nullptr;
-  HRESULT hr = fetch->GetNextRows(DB_NULL_HCHAPTER, 0, 64, &obtained, &rows);
+  TaskMem<HROW> rows;
+  HRESULT hr = fetch->GetNextRows(DB_NULL_HCHAPTER, 0, 64, &obtained, rows.Put());
   const std::vector<DBORDINAL> ordinals = DescribeColumns(rowset, true);
   std::vector<DBBINDING> bindings;
   for (size_t i = 0; i < ordinals.size(); ++i)
@@ -183,7 +181,7 @@ void ReadAll(IUnknown* rowset) {
   std::vector<Cell> row(bindings.size());
   for (;;) {
     if (FAILED(hr)) {
-      Check(obtained == 0 && rows == nullptr, "a failed fetch hands no rows out");
+      Check(obtained == 0 && !rows, "a failed fetch hands no rows out");
       break;
     }
     for (DBCOUNTITEM r = 0; r < obtained && !bindings.empty(); ++r) {
@@ -193,12 +191,10 @@ void ReadAll(IUnknown* rowset) {
       for (auto& cell : row)
         if (cell.status == DBSTATUS_S_OK) VariantClear(&cell.v.variant);
     }
-    if (obtained) Check(SUCCEEDED(fetch->ReleaseRows(obtained, rows, nullptr, nullptr, nullptr)), "ReleaseRows");
-    CoTaskMemFree(rows);
-    rows = nullptr;
+    if (obtained) Check(SUCCEEDED(fetch->ReleaseRows(obtained, rows.Get(), nullptr, nullptr, nullptr)), "ReleaseRows");
     fetched += obtained;
     if (hr != S_OK || obtained == 0 || fetched >= kRowBudget) break;
-    hr = fetch->GetNextRows(DB_NULL_HCHAPTER, 0, 64, &obtained, &rows);
+    hr = fetch->GetNextRows(DB_NULL_HCHAPTER, 0, 64, &obtained, rows.Put());
   }
   if (handle != DB_NULL_HACCESSOR) accessor->ReleaseAccessor(handle, nullptr);
 }

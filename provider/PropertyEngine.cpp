@@ -1,5 +1,5 @@
 // Status and result rules follow OLE DB: a property is checked on its own (option,
-// support, type, settability, value, conflicts) and the call's result says whether
+// support, type, settability, value) and the call's result says whether
 // none, some or all of them failed. Everything handed out is CoTaskMemAlloc memory
 // (strings in VARIANTs are BSTRs) that the consumer frees.
 #include "provider/PropertyEngine.h"
@@ -129,11 +129,6 @@ const CPropertyEngine::Slot* CPropertyEngine::Find(const GUID& set, DBPROPID id)
   return const_cast<CPropertyEngine*>(this)->Find(set, id);
 }
 
-const VARIANT* CPropertyEngine::ValueLocked(const GUID& set, DBPROPID id) const {
-  const Slot* slot = Find(set, id);
-  return slot ? &slot->value : nullptr;
-}
-
 HRESULT CPropertyEngine::GetValue(const GUID& set, DBPROPID id, VARIANT* out) const {
   if (!out) return E_INVALIDARG;
   std::lock_guard<std::recursive_mutex> guard(lock_);
@@ -170,10 +165,6 @@ DBPROPSTATUS CPropertyEngine::Check(const DBPROP& prop, const Slot* slot) const 
     return DBPROPSTATUS_NOTSETTABLE;
   }
   if (!(slot->set->group & settable_)) return DBPROPSTATUS_NOTSETTABLE;
-  if (v.vt != VT_EMPTY && validator_ && !validator_(*slot->set->set, slot->def->id, v))
-    return DBPROPSTATUS_BADVALUE;
-  if (v.vt != VT_EMPTY && conflict_ && conflict_(*this, *slot->set->set, slot->def->id, v))
-    return prop.dwOptions == DBPROPOPTIONS_OPTIONAL ? DBPROPSTATUS_NOTSET : DBPROPSTATUS_CONFLICTING;
   return DBPROPSTATUS_OK;
 }
 
@@ -186,8 +177,8 @@ HRESULT CPropertyEngine::SetProperties(ULONG cPropertySets, DBPROPSET rgProperty
   inError_.clear();
   ULONG total = 0, failed = 0;
   bool requiredFailed = false;
-  // Checked one by one and applied at once (unless a required one fails in AllRequired
-  // mode), so a later property's conflict check sees the earlier ones of the same call.
+  // Applied as each passes its check, and undone if a required one fails in AllRequired
+  // mode, so that a failed open changes nothing.
   std::vector<std::pair<Slot*, VARIANT*>> accepted;
   std::vector<VARIANT> previous;
   for (ULONG s = 0; s < cPropertySets; ++s) {

@@ -5,7 +5,6 @@
 // required versus optional, DBPROPSET_PROPERTIESINERROR, the special "ALL" sets of
 // GetPropertyInfo) and all out-memory allocated with CoTaskMemAlloc.
 #pragma once
-#include <functional>
 #include <mutex>
 #include <vector>
 
@@ -58,22 +57,11 @@ class CPropertyEngine {
     AllRequired,
   };
 
-  // Decides whether a value acceptable by type is valid (false: DBPROPSTATUS_BADVALUE).
-  using Validator = std::function<bool(const GUID& set, DBPROPID id, const VARIANT& value)>;
-  // Decides whether a value conflicts with the values already set (true:
-  // DBPROPSTATUS_CONFLICTING for a required property, DBPROPSTATUS_NOTSET for an
-  // optional one). Called with the engine's lock held; use ValueLocked to read others.
-  using ConflictCheck = std::function<bool(const CPropertyEngine& engine, const GUID& set, DBPROPID id,
-                                           const VARIANT& value)>;
-
   // `sets` must outlive the engine (static tables).
   CPropertyEngine(const PropertySetDefinition* sets, size_t count);
   ~CPropertyEngine();
   CPropertyEngine(const CPropertyEngine&) = delete;
   CPropertyEngine& operator=(const CPropertyEngine&) = delete;
-
-  void SetValidator(Validator validator) { validator_ = std::move(validator); }
-  void SetConflictCheck(ConflictCheck check) { conflict_ = std::move(check); }
 
   // Groups whose properties exist for the consumer right now (others answer
   // NOTSUPPORTED), and groups whose writable properties may be changed right now (the
@@ -91,8 +79,6 @@ class CPropertyEngine {
   // (VariantInit'ed by the caller); DB_E_NOTFOUND for an unknown property.
   HRESULT GetValue(const GUID& set, DBPROPID id, VARIANT* out) const;
   HRESULT SetValue(const GUID& set, DBPROPID id, const VARIANT& value);
-  // For ConflictCheck: the current value without copying; null when unknown.
-  const VARIANT* ValueLocked(const GUID& set, DBPROPID id) const;
 
   // Properties flagged DBPROPFLAGS_REQUIRED that the consumer has not set: an object
   // that needs them refuses to initialise/open and they become the properties in error.
@@ -127,8 +113,6 @@ class CPropertyEngine {
   std::vector<InError> inError_;
   DBPROPFLAGS visible_ = ~0u;
   DBPROPFLAGS settable_ = ~0u;
-  Validator validator_;
-  ConflictCheck conflict_;
   mutable std::recursive_mutex lock_;
 };
 

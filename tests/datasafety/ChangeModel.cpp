@@ -179,8 +179,7 @@ class Evaluator {
 
   Val Variant(const VARIANT& value) {
     Val v;
-    VARIANT r8;
-    VariantInit(&r8);
+    VARIANT r8{};
     if (V_VT(&value) == VT_BSTR) {
       v.kind = Val::kText;
       v.text = owned_.emplace_back(
@@ -316,8 +315,7 @@ ModelStore ReadStore(IRawDataProvider* raw) {
       } else if (s.isText) {
         s.text = ToUtf8(WStringView(h.value.bstrVal ? h.value.bstrVal : OLESTR(""), SysStringLen(h.value.bstrVal)));
       } else {
-        VARIANT r8;
-        VariantInit(&r8);
+        VARIANT r8{};
         if (SUCCEEDED(VariantChangeType(&r8, const_cast<VARIANT*>(&h.value), 0, VT_R8))) s.number = V_R8(&r8);
       }
       store.push_back(s);

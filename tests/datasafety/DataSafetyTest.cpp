@@ -134,29 +134,23 @@ TEST_F(DataSafety, RandomChangesLeaveWhatTheModelComputes) {
     SCOPED_TRACE("CORVANE_PROPERTY_SEED=" + std::to_string(seed) + ", statement " + std::to_string(round) + ": " + sql);
     const ModelStore before = ReadStore(&consumer.Host());
     const Outcome got = consumer.Run(sql, given);
-    const HRESULT hr = got.hr;
     const ModelStore after = ReadStore(&consumer.Host());
-    const std::string& message = got.error.description;
-    if (FAILED(hr)) {
-      EXPECT_TRUE(before == after) << message;
-      EXPECT_FALSE(mustAccept) << std::hex << hr << " " << message;
+    if (FAILED(got.hr)) {
+      EXPECT_TRUE(before == after) << got.error.description;
+      EXPECT_FALSE(mustAccept) << std::hex << got.hr << " " << got.error.description;
     } else {
       ++accepted;
       EXPECT_FALSE(reversed);
       const WString text = FromUtf8(sql);
-      SQLParseRequest request;
-      request.defaultCatalog = OLESTR("plant");
-      request.defaultSchema = OLESTR("main");
-      request.queryText = text;
       std::unique_ptr<CSQLQueryInfo> query;
       ModelStore expected;
-      ASSERT_EQ(S_OK, CSQLParser::ParseQuery(request, &query));
+      ASSERT_EQ(S_OK, CSQLParser::ParseQuery({OLESTR("plant"), OLESTR("main"), text}, &query));
       if (ApplyChange(*query, texts, before, &expected)) {
         EXPECT_TRUE(expected == after) << "expected\n" << Describe(expected) << "found\n" << Describe(after);
       }
     }
     if (reversed) {
-      EXPECT_EQ(kRefused, hr) << message;
+      EXPECT_EQ(kRefused, got.hr) << got.error.description;
     }
   }
   EXPECT_GT(accepted, 250) << "seed " << seed;  // the accepted forms are exercised, not only refusals

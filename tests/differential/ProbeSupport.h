@@ -63,13 +63,9 @@ inline std::string Text(const OLECHAR* s, size_t n) {
   for (size_t i = 0; i < n; ++i) {
     unsigned c = static_cast<unsigned>(s[i]);
     if (c == '"' || c == '\\') out += '\\';
-    if (c >= 0x20 && c < 0x7F) {
-      out += static_cast<char>(c);
-    } else {
-      char buf[8];
-      std::snprintf(buf, sizeof buf, "\\u%04X", c);
-      out += buf;
-    }
+    char buf[8];
+    std::snprintf(buf, sizeof buf, c >= 0x20 && c < 0x7F ? "%c" : "\\u%04X", c);
+    out += buf;
   }
   return out + "\"";
 }

@@ -25,12 +25,9 @@ std::vector<BSTR> g_strings;  // freed at the end
 
 template <typename Set>
 void Add(const std::string& id, VARTYPE vt, Set set) {
-  Source s;
-  s.id = id;
-  VariantInit(&s.v);
-  set(s.v);
-  s.v.vt = vt;
-  g_sources.push_back(s);
+  g_sources.push_back({id, VARIANT{}});
+  set(g_sources.back().v);
+  g_sources.back().v.vt = vt;
 }
 
 // One source per value, its id the type's name and the value as `render` writes it.
@@ -97,8 +94,7 @@ const VARTYPE kTargets[] = {VT_EMPTY, VT_NULL, VT_I1, VT_I2,   VT_I4,  VT_I8,   
 void Convert(probe::Output& out, const std::string& id, const VARIANT& source, LCID lcid, USHORT flags, VARTYPE vt,
              bool useEx = true) {
   VARIANT src = source;  // the system's declarations take the source as non-const
-  VARIANT dst;
-  VariantInit(&dst);
+  VARIANT dst{};
   HRESULT hr = useEx ? VariantChangeTypeEx(&dst, &src, lcid, flags, vt) : VariantChangeType(&dst, &src, flags, vt);
   out.Line(id, hr, probe::VarTypeName(dst.vt), probe::Value(dst));
   VariantClear(&dst);
@@ -145,10 +141,8 @@ void InPlace(probe::Output& out) {
   for (const auto& [id, vt] : cases) {
     for (const Source& s : g_sources) {
       if (s.id != id) continue;
-      VARIANT source = s.v;  // the system's declarations take the source as non-const
-      VARIANT v;
-      VariantInit(&v);
-      VariantCopy(&v, &source);
+      VARIANT v{};
+      VariantCopy(&v, const_cast<VARIANT*>(&s.v));  // the system's declarations take the source as non-const
       const HRESULT hr = VariantChangeTypeEx(&v, &v, kEnUs, 0, vt);
       out.Line("inplace/" + s.id + "/" + probe::VarTypeName(vt), hr, probe::VarTypeName(v.vt), probe::Value(v));
       VariantClear(&v);
@@ -226,12 +220,9 @@ void Dates(probe::Output& out) {
   }
   // Year 99 (two digits), beyond 9999, month 13, day 32, month 0, and milliseconds, which
   // the system ignores.
-  struct St {
-    WORD y, mo, d, h, mi, s, ms;
-  } sts[] = {{99, 1, 1, 0, 0, 0, 0},   {10000, 1, 1, 0, 0, 0, 0}, {2020, 13, 1, 0, 0, 0, 0},
-             {2020, 1, 32, 0, 0, 0, 0}, {2020, 0, 1, 0, 0, 0, 0},   {2020, 1, 2, 15, 4, 5, 500}};
-  for (const St& x : sts) {
-    SYSTEMTIME st{x.y, x.mo, 0, x.d, x.h, x.mi, x.s, x.ms};
+  for (SYSTEMTIME st : {SYSTEMTIME{99, 1, 0, 1, 0, 0, 0, 0}, SYSTEMTIME{10000, 1, 0, 1, 0, 0, 0, 0},
+                         SYSTEMTIME{2020, 13, 0, 1, 0, 0, 0, 0}, SYSTEMTIME{2020, 1, 0, 32, 0, 0, 0, 0},
+                         SYSTEMTIME{2020, 0, 0, 1, 0, 0, 0, 0}, SYSTEMTIME{2020, 1, 0, 2, 15, 4, 5, 500}}) {
     DOUBLE d = -12345;
     INT ok = SystemTimeToVariantTime(&st, &d);
     out.Line("SystemTimeToVariantTime/" + probe::SystemTime(st), ok, "DATE", ok ? probe::Double(d) : "");
@@ -281,15 +272,11 @@ void VarFunctions(probe::Output& out) {
     SysFreeString(b);
   }
   for (Source& s : g_sources) {
-    if (s.v.vt == VT_DECIMAL) {
-      DOUBLE d = 0;
-      HRESULT hr = VarR8FromDec(&s.v.decVal, &d);
-      out.Line("VarR8FromDec/" + s.id, hr, "R8", SUCCEEDED(hr) ? probe::Double(d) : "");
-    } else if (s.v.vt == VT_CY) {
-      DOUBLE d = 0;
-      HRESULT hr = VarR8FromCy(s.v.cyVal, &d);
-      out.Line("VarR8FromCy/" + s.id, hr, "R8", SUCCEEDED(hr) ? probe::Double(d) : "");
-    }
+    if (s.v.vt != VT_DECIMAL && s.v.vt != VT_CY) continue;
+    DOUBLE d = 0;
+    const HRESULT hr = s.v.vt == VT_CY ? VarR8FromCy(s.v.cyVal, &d) : VarR8FromDec(&s.v.decVal, &d);
+    out.Line((s.v.vt == VT_CY ? "VarR8FromCy/" : "VarR8FromDec/") + s.id, hr, "R8",
+             SUCCEEDED(hr) ? probe::Double(d) : "");
   }
 }
 

@@ -13,6 +13,7 @@
 #endif
 
 #include "SQLParser/TimeConversion.h"
+#include "base/ComPtr.h"
 #include "tests/cases/SqlConsumer.h"
 #include "tests/support/RowReader.h"
 
@@ -79,12 +80,12 @@ class SelectStreaming : public LeakCheckedTest {
   // Runs SELECT * FROM RAWDATA and reads it `kBatch` rows at a time until `onRow` or
   // `batch` stops; each row's cells are checked against the series, counting from 0.
   HRESULT Select(const std::function<DBROWCOUNT(size_t)>& batch, const std::function<bool(size_t)>& onRow) {
-    IUnknown* rowset = nullptr;
-    HRESULT hr = consumer_->Run("SELECT * FROM RAWDATA", {}, 0, &rowset).hr;
+    ComPtr<IUnknown> rowset;
+    HRESULT hr = consumer_->Run("SELECT * FROM RAWDATA", {}, 0, rowset.Put()).hr;
     size_t index = 0;
     if (SUCCEEDED(hr)) {
-      hr = ReadRows(rowset, {{1, DBTYPE_WSTR}, {2, DBTYPE_DBTIMESTAMP}, {3, DBTYPE_UI4}, {4, DBTYPE_VARIANT}}, batch,
-                    [&](const Row& r) {
+      hr = ReadRows(rowset.Get(), {{1, DBTYPE_WSTR}, {2, DBTYPE_DBTIMESTAMP}, {3, DBTYPE_UI4}, {4, DBTYPE_VARIANT}},
+                    batch, [&](const Row& r) {
                       ULONG64 ticks = 0;
                       DBTimestampToFileTime(r[1].v.ts, &ticks);
                       const char* why = WStringView(r[0].v.text) != WStringView(OLESTR("Plant.Flow")) ? "tag"
@@ -97,18 +98,15 @@ class SelectStreaming : public LeakCheckedTest {
                       return onRow(index++);
                     });
     }
-    if (rowset) rowset->Release();
     return hr;
   }
 
-  static std::shared_ptr<historian::CHistorianStore> store_;
-  static long residentAfterLoad_;
+  static inline std::shared_ptr<historian::CHistorianStore> store_;
+  static inline long residentAfterLoad_ = -1;
   std::unique_ptr<SqlConsumer> consumer_;
   size_t wrong_ = 0;
 };
 
-std::shared_ptr<historian::CHistorianStore> SelectStreaming::store_;
-long SelectStreaming::residentAfterLoad_ = -1;
 
 TEST_F(SelectStreaming, EverySampleArrivesInOrderWhileMemoryStaysBounded) {
   const platform::AllocCounts base = platform::CurrentAllocCounts();

@@ -16,12 +16,11 @@
 namespace {
 
 using corvane::test::Hex;
-using corvane::test::HostOp;
 using corvane::test::HostOpName;
 using corvane::test::Outcome;
 using corvane::test::Rows;
 using corvane::test::SqlConsumer;
-using Op = HostOp;
+using Op = corvane::test::HostOp;
 using corvane::historian::SampleInput;
 
 constexpr int kOps = static_cast<int>(Op::Count);

@@ -9,7 +9,9 @@
 #include <string>
 #include <vector>
 
+#include "base/Bstr.h"
 #include "base/ComPtr.h"
+#include "base/TaskMem.h"
 #include "tests/session/ConsumerFixture.h"
 #include <msdasc.h>  // the data links service, from oledb32
 
@@ -52,8 +54,6 @@ namespace {
 
 using corvane::ComPtr;
 using corvane::ToUtf8;
-using corvane::test::ConsumerTest;
-using corvane::test::SqlConsumer;
 
 constexpr CLSID kRecordsetClass = {0x00000535, 0x0000, 0x0010, {0x80, 0x00, 0x00, 0xAA, 0x00, 0x6D, 0x2E, 0xA4}};
 // Recordset15 as ADO 2.x numbers it, and as ADO 6.1 renumbered it.
@@ -74,36 +74,29 @@ std::vector<Column> ProviderColumns(IUnknown* rowset) {
   ComPtr<IColumnsInfo> info;
   if (FAILED(rowset->QueryInterface(IID_IColumnsInfo, info.PutVoid()))) return out;
   DBORDINAL n = 0;
-  DBCOLUMNINFO* columns = nullptr;
-  OLECHAR* strings = nullptr;
-  EXPECT_EQ(S_OK, info->GetColumnInfo(&n, &columns, &strings));
+  corvane::TaskMem<DBCOLUMNINFO> columns;
+  corvane::TaskMem<OLECHAR> strings;
+  EXPECT_EQ(S_OK, info->GetColumnInfo(&n, columns.Put(), strings.Put()));
   for (DBORDINAL i = 0; i < n; ++i)
     if (columns[i].iOrdinal != 0)
       out.push_back({ToUtf8(columns[i].pwszName), columns[i].wType, columns[i].ulColumnSize, columns[i].dwFlags});
-  CoTaskMemFree(columns);
-  CoTaskMemFree(strings);
   return out;
 }
 
-// A recordset of Wine's ADO over `rowset`.
-void MakeRecordset(IUnknown* rowset, ComPtr<AdoRecordset>& recordset) {
+// ADO's view of `rowset`, through a recordset of Wine's ADO over it: every field, by
+// position and again by name, is the column the provider describes.
+void ExpectAdoSeesTheColumns(IUnknown* rowset, const std::string& what) {
+  const std::vector<Column> columns = ProviderColumns(rowset);
+  ASSERT_FALSE(columns.empty()) << what;
   ComPtr<IUnknown> object;
   ASSERT_EQ(S_OK, CoCreateInstance(kRecordsetClass, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown, object.PutVoid()));
+  ComPtr<AdoRecordset> recordset;
   for (const IID& iid : kRecordsets)
     if (!recordset && FAILED(object->QueryInterface(iid, recordset.PutVoid()))) recordset.Reset();
   ASSERT_TRUE(recordset) << "no Recordset15";
   ComPtr<AdoRecordsetConstruction> construction;
   ASSERT_EQ(S_OK, object->QueryInterface(kRecordsetConstruction, construction.PutVoid()));
-  ASSERT_EQ(S_OK, construction->put_Rowset(rowset));
-}
-
-// ADO's view of `rowset`: every field, by position and again by name, is the column the
-// provider describes.
-void ExpectAdoSeesTheColumns(IUnknown* rowset, const std::string& what) {
-  const std::vector<Column> columns = ProviderColumns(rowset);
-  ASSERT_FALSE(columns.empty()) << what;
-  ComPtr<AdoRecordset> recordset;
-  ASSERT_NO_FATAL_FAILURE(MakeRecordset(rowset, recordset)) << what;
+  ASSERT_EQ(S_OK, construction->put_Rowset(rowset)) << what;
   ComPtr<AdoFields> fields;
   ASSERT_EQ(S_OK, recordset->get_Fields(fields.Put())) << what;
   LONG count = -1;
@@ -111,34 +104,32 @@ void ExpectAdoSeesTheColumns(IUnknown* rowset, const std::string& what) {
   ASSERT_EQ(static_cast<LONG>(columns.size()), count) << what;
   for (size_t i = 0; i < columns.size(); ++i) {
     const Column& c = columns[i];
-    BSTR byName = SysAllocString(corvane::FromUtf8(c.name).c_str());
+    const corvane::Bstr byName(SysAllocString(corvane::FromUtf8(c.name).c_str()));
     for (int way = 0; way < 2; ++way) {  // by position, then by name
       VARIANT key;
       key.vt = way ? VT_BSTR : VT_I4;
-      if (way) key.bstrVal = byName; else key.lVal = static_cast<LONG>(i);
+      if (way) key.bstrVal = byName.Get(); else key.lVal = static_cast<LONG>(i);
       ComPtr<AdoField> field;
       EXPECT_EQ(S_OK, fields->get_Item(key, field.Put())) << what << "." << c.name << (way ? " by name" : " by position");
       if (!field) continue;
-      BSTR name = nullptr;
+      corvane::Bstr name;
       LONG type = -1, attributes = -1;
       LONG_PTR size = -1;
-      EXPECT_EQ(S_OK, field->get_Name(&name));
+      EXPECT_EQ(S_OK, field->get_Name(name.Put()));
       EXPECT_EQ(S_OK, field->get_Type(&type));
       EXPECT_EQ(S_OK, field->get_DefinedSize(&size));
       EXPECT_EQ(S_OK, field->get_Attributes(&attributes));
-      EXPECT_EQ(c.name, ToUtf8(name)) << what << (way ? " by name" : " by position");
+      EXPECT_EQ(c.name, ToUtf8(name.Get())) << what << (way ? " by name" : " by position");
       EXPECT_EQ(c.type, type) << what << "." << c.name;
       EXPECT_EQ(static_cast<LONG_PTR>(c.size), size) << what << "." << c.name;
       EXPECT_EQ(static_cast<LONG>(c.flags), attributes) << what << "." << c.name;
-      SysFreeString(name);
     }
-    SysFreeString(byName);
   }
 }
 
 }  // namespace
 
-using AdoConsumer = ConsumerTest;
+using AdoConsumer = corvane::test::ConsumerTest;
 
 TEST_F(AdoConsumer, FieldsMatchTheColumnsOfEveryKindOfRowset) {
   const char* const statements[] = {
@@ -150,28 +141,24 @@ TEST_F(AdoConsumer, FieldsMatchTheColumnsOfEveryKindOfRowset) {
       "EXEC HDA_ANALOG DATEADD('hh', -2, NOWUTC()), NOWUTC(), 1800000, 'Area1.Temp'",
   };
   for (const char* sql : statements) {
-    IUnknown* rowset = nullptr;
-    ASSERT_EQ(S_OK, SqlConsumer::Run(sql, {}, 7, &rowset).hr) << sql;
-    ExpectAdoSeesTheColumns(rowset, sql);
+    ComPtr<IUnknown> rowset;
+    ASSERT_EQ(S_OK, corvane::test::SqlConsumer::Run(sql, {}, 7, rowset.Put()).hr) << sql;
+    ExpectAdoSeesTheColumns(rowset.Get(), sql);
     // ADO handed the rowset back untouched: its rows are all there.
-    EXPECT_FALSE(corvane::test::ReadAll(rowset, {1}).empty()) << sql;
-    rowset->Release();
+    EXPECT_FALSE(corvane::test::ReadAll(rowset.Get(), {1}).empty()) << sql;
   }
 
   ComPtr<IDBSchemaRowset> schemas;
   ASSERT_EQ(S_OK, session_->QueryInterface(IID_IDBSchemaRowset, schemas.PutVoid()));
   ULONG count = 0;
-  GUID* guids = nullptr;
-  ULONG* restrictions = nullptr;
-  ASSERT_EQ(S_OK, schemas->GetSchemas(&count, &guids, &restrictions));
+  corvane::TaskMem<GUID> guids;
+  corvane::TaskMem<ULONG> restrictions;
+  ASSERT_EQ(S_OK, schemas->GetSchemas(&count, guids.Put(), restrictions.Put()));
   for (ULONG i = 0; i < count; ++i) {
-    IUnknown* rowset = nullptr;
-    ASSERT_EQ(S_OK, schemas->GetRowset(nullptr, guids[i], 0, nullptr, IID_IRowset, 0, nullptr, &rowset));
-    ExpectAdoSeesTheColumns(rowset, "schema rowset " + std::to_string(i));
-    rowset->Release();
+    ComPtr<IUnknown> rowset;
+    ASSERT_EQ(S_OK, schemas->GetRowset(nullptr, guids[i], 0, nullptr, IID_IRowset, 0, nullptr, rowset.Put()));
+    ExpectAdoSeesTheColumns(rowset.Get(), "schema rowset " + std::to_string(i));
   }
-  CoTaskMemFree(guids);
-  CoTaskMemFree(restrictions);
 }
 
 TEST_F(AdoConsumer, DataLinksDescribeTheInitialisedDataSource) {
@@ -179,11 +166,9 @@ TEST_F(AdoConsumer, DataLinksDescribeTheInitialisedDataSource) {
   ASSERT_EQ(S_OK, CoCreateInstance(CLSID_MSDAINITIALIZE, nullptr, CLSCTX_INPROC_SERVER, IID_IDataInitialize,
                                    links.PutVoid()));
   auto initString = [&](BOOL password) {
-    LPOLESTR text = nullptr;
-    EXPECT_EQ(S_OK, links->GetInitializationString(dataSource_, password, &text));
-    const std::string result = text ? ToUtf8(reinterpret_cast<const OLECHAR*>(text)) : "<none>";
-    CoTaskMemFree(text);
-    return result;
+    corvane::TaskMem<OLECHAR> text;
+    EXPECT_EQ(S_OK, links->GetInitializationString(dataSource_, password, text.Put()));
+    return text ? ToUtf8(text.Get()) : std::string("<none>");
   };
   // Wine writes the provider's versioned ProgID (from the data source's class) and then
   // only the first of its initialisation properties, the password; without the password

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "base/Bstr.h"
 #include "base/ComPtr.h"
 #include "platform/Platform.h"
 #include "tests/session/ConsumerFixture.h"
@@ -23,7 +24,6 @@ namespace {
 
 using corvane::ComPtr;
 using corvane::QueryAs;
-using corvane::test::ConsumerTest;
 using corvane::test::Hex;
 
 #ifndef CORVANE_CONSUMER_OF_DLL
@@ -117,18 +117,14 @@ std::string RunToFailure(IOpenRowset* session, const std::string& sql) {
 // keeps one record per line.
 std::string Escaped(BSTR text) {
   std::string escaped;
-  for (char c : corvane::ToUtf8(text)) {
-    if (c == '\n' || c == '\r' || c == '\t')
-      escaped += c == '\n' ? "\\n" : c == '\r' ? "\\r" : "\\t";
-    else
-      escaped += c;
-  }
+  for (char c : corvane::ToUtf8(text))
+    escaped += c == '\n' ? "\\n" : c == '\r' ? "\\r" : c == '\t' ? "\\t" : std::string(1, c);
   return escaped;
 }
 
 }  // namespace
 
-class ErrorLookupConsumer : public ConsumerTest {};
+class ErrorLookupConsumer : public corvane::test::ConsumerTest {};
 
 TEST_F(ErrorLookupConsumer, EveryRecordOfEveryFailureHasItsTextsThroughTheRegisteredService) {
   const std::vector<std::string> statements = FailingStatements();
@@ -145,14 +141,12 @@ TEST_F(ErrorLookupConsumer, EveryRecordOfEveryFailureHasItsTextsThroughTheRegist
     for (size_t i = 0; i < records.size(); ++i) {
       const ERRORINFO& info = records[i];
       EXPECT_TRUE(IsEqualCLSID(CLSID_CorvaneOleDbProvider, info.clsid)) << what;
-      BSTR source = nullptr, description = nullptr;
-      const HRESULT hr =
-          lookup->GetErrorDescription(info.hrError, info.dwMinor, nullptr, LOCALE_USER_DEFAULT, &source, &description);
+      corvane::Bstr source, description;
+      const HRESULT hr = lookup->GetErrorDescription(info.hrError, info.dwMinor, nullptr, LOCALE_USER_DEFAULT,
+                                                     source.Put(), description.Put());
       EXPECT_EQ(S_OK, hr) << what << " #" << i;
       out << what << " #" << i << '\t' << phase << ' ' << Hex(info.hrError) << " | "
-          << (SUCCEEDED(hr) ? Escaped(source) + " | " + Escaped(description) : "lookup " + Hex(hr)) << '\n';
-      SysFreeString(source);
-      SysFreeString(description);
+          << (SUCCEEDED(hr) ? Escaped(source.Get()) + " | " + Escaped(description.Get()) : "lookup " + Hex(hr)) << '\n';
     }
   };
   for (const std::string& sql : statements) report(sql, RunToFailure(session_, sql));
@@ -161,10 +155,10 @@ TEST_F(ErrorLookupConsumer, EveryRecordOfEveryFailureHasItsTextsThroughTheRegist
   DBID table{};
   table.eKind = DBKIND_NAME;
   table.uName.pwszName = const_cast<LPOLESTR>(OLESTR("NO_SUCH_TABLE"));
-  IUnknown* rowset = nullptr;
+  ComPtr<IUnknown> rowset;
   report("OpenRowset NO_SUCH_TABLE",
-         FAILED(session_->OpenRowset(nullptr, &table, nullptr, IID_IRowset, 0, nullptr, &rowset)) ? "OpenRowset" : "");
-  if (rowset) rowset->Release();
+         FAILED(session_->OpenRowset(nullptr, &table, nullptr, IID_IRowset, 0, nullptr, rowset.Put())) ? "OpenRowset"
+                                                                                                      : "");
   report("Initialize again",
          FAILED(QueryAs<IDBInitialize>(dataSource_, IID_IDBInitialize)->Initialize()) ? "Initialize" : "");
 }
