@@ -543,6 +543,7 @@ CDataStore::CellWrite CDataStore::WriteCell(const StoreValue& value, const DataS
         VariantClear(&old);
       }
       std::memcpy(cell, &copy, sizeof copy);
+      if (!CRefCountedDataStoreRow::OwnsNothing(V_VT(&copy))) row->MarkOwning();
       setStatus(kStatusValue);
       return CellWrite::Written;
     }
@@ -602,6 +603,7 @@ CDataStore::CellWrite CDataStore::WriteCell(const StoreValue& value, const DataS
       std::memcpy(&old, cell, sizeof old);
       CoTaskMemFree(old);
       std::memcpy(cell, &copy, sizeof copy);
+      row->MarkOwning();
       setStatus(kStatusValue);
       return CellWrite::Written;
     }

@@ -70,6 +70,8 @@ class CRefCountedDataStoreRow {
   ~CRefCountedDataStoreRow();
   // Clears owning VARIANT cells, frees by-reference strings and forgets the text.
   void ReleaseContents(const std::vector<DBORDINAL>& owning);
+  // Called by the writers that leave memory in the row for its release to free.
+  void MarkOwning() { m_bOwns = true; }
 
   std::atomic<ULONG> m_cRef{1};
   BYTE* m_pBuffer;
@@ -81,6 +83,10 @@ class CRefCountedDataStoreRow {
   BYTE* m_pText = nullptr;
   size_t m_cbTextUsed = 0;
   size_t m_cbTextCapacity = 0;
+  // Set by a cell that owns memory (a VARIANT that is not its bytes, a by-reference
+  // string) or a text buffer too large to keep: most rows hold neither, and giving them
+  // back then only forgets their text instead of looking at every owning column.
+  bool m_bOwns = false;
   // Links in the store's queue of rows not yet handed out, or in the pool's free list.
   CRefCountedDataStoreRow* m_pPrev = nullptr;
   CRefCountedDataStoreRow* m_pNext = nullptr;
