@@ -74,6 +74,11 @@ class CRefCountedDataStoreRow {
   void MarkOwning() { m_bOwns = true; }
 
   std::atomic<ULONG> m_cRef{1};
+  // Set by a cell that owns memory (a VARIANT that is not its bytes, a by-reference
+  // string) or a text buffer too large to keep: most rows hold neither, and giving them
+  // back then only forgets their text instead of looking at every owning column. Beside
+  // the count, in what was padding: the row stays the size it was.
+  bool m_bOwns = false;
   BYTE* m_pBuffer;
   const DataStoreColumnInfo* m_pColumns;
   DBORDINAL m_cColumns;
@@ -83,10 +88,6 @@ class CRefCountedDataStoreRow {
   BYTE* m_pText = nullptr;
   size_t m_cbTextUsed = 0;
   size_t m_cbTextCapacity = 0;
-  // Set by a cell that owns memory (a VARIANT that is not its bytes, a by-reference
-  // string) or a text buffer too large to keep: most rows hold neither, and giving them
-  // back then only forgets their text instead of looking at every owning column.
-  bool m_bOwns = false;
   // Links in the store's queue of rows not yet handed out, or in the pool's free list.
   CRefCountedDataStoreRow* m_pPrev = nullptr;
   CRefCountedDataStoreRow* m_pNext = nullptr;
