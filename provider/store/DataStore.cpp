@@ -373,7 +373,9 @@ HRESULT CDataStore::FindColumn(const std::vector<ColumnRecord>& columns, const O
 
 // ---- Row queue
 
-void CDataStore::RowQueue::push_back(CRefCountedDataStoreRow* row) {
+// Every row passes through both once; inline, since the library's position-independent
+// build would otherwise call them.
+inline void CDataStore::RowQueue::push_back(CRefCountedDataStoreRow* row) {
   row->m_pNext = nullptr;
   row->m_pPrev = m_pTail;
   if (m_pTail) {
@@ -385,7 +387,7 @@ void CDataStore::RowQueue::push_back(CRefCountedDataStoreRow* row) {
   ++m_Count;
 }
 
-CRefCountedDataStoreRow* CDataStore::RowQueue::pop_front() {
+inline CRefCountedDataStoreRow* CDataStore::RowQueue::pop_front() {
   CRefCountedDataStoreRow* row = m_pHead;
   if (!row) return nullptr;
   m_pHead = row->m_pNext;
