@@ -73,6 +73,76 @@ bool IsVariableLength(DBTYPE base) { return base == DBTYPE_STR || base == DBTYPE
 
 }  // namespace
 
+// ---- Row handles
+
+// Defined before their callers: each is a few instructions of every row's fetch, read
+// and release, and worth inlining there.
+
+static_assert(sizeof(HROW) == 8, "a handle holds a slot and its generation");
+
+inline CRefCountedDataStoreRow* CProviderIRowset::RowHandleTable::Peek(HROW handle) const {
+  const uint32_t slot1 = static_cast<uint32_t>(handle);
+  if (slot1 == 0) return nullptr;
+  uint64_t offset;
+  const Slot* block = m_Blocks[BlockOf(slot1 - 1, &offset)].load(std::memory_order_acquire);
+  if (!block) return nullptr;
+  const Slot& slot = block[offset];
+  if (slot.handle.load(std::memory_order_acquire) != handle) return nullptr;
+  CRefCountedDataStoreRow* row = slot.row.load(std::memory_order_relaxed);
+  // The handle again: unchanged means the row read is the one it held.
+  std::atomic_thread_fence(std::memory_order_acquire);
+  if (slot.handle.load(std::memory_order_relaxed) != handle) return nullptr;
+  return row;
+}
+
+inline CProviderIRowset::RowHandleTable::Slot* CProviderIRowset::RowHandleTable::Find(HROW handle) const {
+  const uint32_t slot1 = static_cast<uint32_t>(handle);
+  if (slot1 == 0 || slot1 > m_Used) return nullptr;
+  Slot& slot = At(slot1 - 1);
+  return slot.handle.load(std::memory_order_relaxed) == handle ? &slot : nullptr;
+}
+
+void CProviderIRowset::RowHandleTable::Reserve(size_t more) {
+  constexpr uint64_t kMaxSlots = 0xFFFFFFFFull;  // the low half of a handle is slot + 1
+  while (m_FreeCount + (m_Made - m_Used) < more) {
+    uint64_t offset;
+    const size_t k = BlockOf(m_Made, &offset);
+    const uint64_t size = kFirstBlock << k;
+    if (m_Made >= kMaxSlots) throw std::bad_alloc();
+    m_Owned[k] = std::make_unique<Slot[]>(static_cast<size_t>(size));
+    m_Blocks[k].store(m_Owned[k].get(), std::memory_order_release);
+    m_Made = std::min<uint64_t>(m_Made + size, kMaxSlots);
+  }
+}
+
+inline HROW CProviderIRowset::RowHandleTable::Insert(CRefCountedDataStoreRow* row) {
+  uint32_t index;
+  if (m_FreeHead) {
+    index = m_FreeHead - 1;
+    m_FreeHead = At(index).nextFree;
+    --m_FreeCount;
+  } else {
+    index = m_Used++;
+  }
+  Slot& slot = At(index);
+  const HROW handle = (static_cast<HROW>(slot.generation) << 32) | (static_cast<HROW>(index) + 1);
+  // Erase cleared the handle; a reader that sees the new row must see that first.
+  std::atomic_thread_fence(std::memory_order_release);
+  slot.row.store(row, std::memory_order_relaxed);
+  slot.refs = 1;
+  slot.handle.store(handle, std::memory_order_release);
+  return handle;
+}
+
+inline void CProviderIRowset::RowHandleTable::Erase(Slot* held) {
+  const uint32_t slot1 = static_cast<uint32_t>(held->handle.load(std::memory_order_relaxed));
+  held->handle.store(0, std::memory_order_relaxed);
+  if (++held->generation == 0) return;  // every handle of the slot was given: retired
+  held->nextFree = m_FreeHead;
+  m_FreeHead = slot1;
+  ++m_FreeCount;
+}
+
 using corvane::platform::CriticalSectionLock;
 
 CProviderIRowset::CProviderIRowset(std::unique_ptr<CDataStore> store, RowsetKind kind, IUnknown* creator)
@@ -746,71 +816,4 @@ HRESULT STDMETHODCALLTYPE CProviderIRowset::IsSameRow(HROW hThisRow, HROW hThatR
   const RowHandleTable::Slot* b = m_Rows.Find(hThatRow);
   if (!a || !b) return DB_E_BADROWHANDLE;
   return a->row.load(std::memory_order_relaxed) == b->row.load(std::memory_order_relaxed) ? S_OK : S_FALSE;
-}
-
-// ---- Row handles
-
-static_assert(sizeof(HROW) == 8, "a handle holds a slot and its generation");
-
-CRefCountedDataStoreRow* CProviderIRowset::RowHandleTable::Peek(HROW handle) const {
-  const uint32_t slot1 = static_cast<uint32_t>(handle);
-  if (slot1 == 0) return nullptr;
-  uint64_t offset;
-  const Slot* block = m_Blocks[BlockOf(slot1 - 1, &offset)].load(std::memory_order_acquire);
-  if (!block) return nullptr;
-  const Slot& slot = block[offset];
-  if (slot.handle.load(std::memory_order_acquire) != handle) return nullptr;
-  CRefCountedDataStoreRow* row = slot.row.load(std::memory_order_relaxed);
-  // The handle again: unchanged means the row read is the one it held.
-  std::atomic_thread_fence(std::memory_order_acquire);
-  if (slot.handle.load(std::memory_order_relaxed) != handle) return nullptr;
-  return row;
-}
-
-CProviderIRowset::RowHandleTable::Slot* CProviderIRowset::RowHandleTable::Find(HROW handle) const {
-  const uint32_t slot1 = static_cast<uint32_t>(handle);
-  if (slot1 == 0 || slot1 > m_Used) return nullptr;
-  Slot& slot = At(slot1 - 1);
-  return slot.handle.load(std::memory_order_relaxed) == handle ? &slot : nullptr;
-}
-
-void CProviderIRowset::RowHandleTable::Reserve(size_t more) {
-  constexpr uint64_t kMaxSlots = 0xFFFFFFFFull;  // the low half of a handle is slot + 1
-  while (m_FreeCount + (m_Made - m_Used) < more) {
-    uint64_t offset;
-    const size_t k = BlockOf(m_Made, &offset);
-    const uint64_t size = kFirstBlock << k;
-    if (m_Made >= kMaxSlots) throw std::bad_alloc();
-    m_Owned[k] = std::make_unique<Slot[]>(static_cast<size_t>(size));
-    m_Blocks[k].store(m_Owned[k].get(), std::memory_order_release);
-    m_Made = std::min<uint64_t>(m_Made + size, kMaxSlots);
-  }
-}
-
-HROW CProviderIRowset::RowHandleTable::Insert(CRefCountedDataStoreRow* row) {
-  uint32_t index;
-  if (m_FreeHead) {
-    index = m_FreeHead - 1;
-    m_FreeHead = At(index).nextFree;
-    --m_FreeCount;
-  } else {
-    index = m_Used++;
-  }
-  Slot& slot = At(index);
-  const HROW handle = (static_cast<HROW>(slot.generation) << 32) | (static_cast<HROW>(index) + 1);
-  // Erase cleared the handle; a reader that sees the new row must see that first.
-  std::atomic_thread_fence(std::memory_order_release);
-  slot.row.store(row, std::memory_order_relaxed);
-  slot.refs = 1;
-  slot.handle.store(handle, std::memory_order_release);
-  return handle;
-}
-
-void CProviderIRowset::RowHandleTable::Erase(Slot* held) {
-  const uint32_t slot1 = static_cast<uint32_t>(held->handle.load(std::memory_order_relaxed));
-  held->handle.store(0, std::memory_order_relaxed);
-  if (++held->generation == 0) return;  // every handle of the slot was given: retired
-  held->nextFree = m_FreeHead;
-  m_FreeHead = slot1;
-  ++m_FreeCount;
 }

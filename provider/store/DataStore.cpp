@@ -373,7 +373,9 @@ HRESULT CDataStore::FindColumn(const std::vector<ColumnRecord>& columns, const O
 
 // ---- Row queue
 
-void CDataStore::RowQueue::push_back(CRefCountedDataStoreRow* row) {
+// Every row passes through both once; inline, since the library's position-independent
+// build would otherwise call them.
+inline void CDataStore::RowQueue::push_back(CRefCountedDataStoreRow* row) {
   row->m_pNext = nullptr;
   row->m_pPrev = m_pTail;
   if (m_pTail) {
@@ -385,7 +387,7 @@ void CDataStore::RowQueue::push_back(CRefCountedDataStoreRow* row) {
   ++m_Count;
 }
 
-CRefCountedDataStoreRow* CDataStore::RowQueue::pop_front() {
+inline CRefCountedDataStoreRow* CDataStore::RowQueue::pop_front() {
   CRefCountedDataStoreRow* row = m_pHead;
   if (!row) return nullptr;
   m_pHead = row->m_pNext;
@@ -543,6 +545,7 @@ CDataStore::CellWrite CDataStore::WriteCell(const StoreValue& value, const DataS
         VariantClear(&old);
       }
       std::memcpy(cell, &copy, sizeof copy);
+      if (!CRefCountedDataStoreRow::OwnsNothing(V_VT(&copy))) row->MarkOwning();
       setStatus(kStatusValue);
       return CellWrite::Written;
     }
@@ -602,6 +605,7 @@ CDataStore::CellWrite CDataStore::WriteCell(const StoreValue& value, const DataS
       std::memcpy(&old, cell, sizeof old);
       CoTaskMemFree(old);
       std::memcpy(cell, &copy, sizeof copy);
+      row->MarkOwning();
       setStatus(kStatusValue);
       return CellWrite::Written;
     }

@@ -67,6 +67,7 @@ const void* CRefCountedDataStoreRow::StoreText(const void* bytes, size_t n, size
     CoTaskMemFree(m_pText);
     m_pText = grown;
     m_cbTextCapacity = capacity;
+    if (capacity > Pool::kMaxKeptText) m_bOwns = true;
   }
   BYTE* copy = m_pText + start;
   if (n) std::memcpy(copy, bytes, n);
@@ -95,6 +96,7 @@ void CRefCountedDataStoreRow::ReleaseContents(const std::vector<DBORDINAL>& owni
     }
   }
   m_cbTextUsed = 0;
+  m_bOwns = false;
   if (m_cbTextCapacity > Pool::kMaxKeptText) {
     CoTaskMemFree(m_pText);
     m_pText = nullptr;
@@ -175,7 +177,14 @@ void CRefCountedDataStoreRow::Pool::Destroy(CRefCountedDataStoreRow* row) {
 }
 
 void CRefCountedDataStoreRow::Pool::GiveBackMany(CRefCountedDataStoreRow* const* rows, size_t count) {
-  for (size_t i = 0; i < count; ++i) rows[i]->ReleaseContents(m_Owning);
+  for (size_t i = 0; i < count; ++i) {
+    CRefCountedDataStoreRow* row = rows[i];
+    if (row->m_bOwns) {
+      row->ReleaseContents(m_Owning);
+    } else {
+      row->m_cbTextUsed = 0;
+    }
+  }
   CRefCountedDataStoreRow* spare = nullptr;  // rows the free list has no room for
   Lock();
   m_cOut -= count;

@@ -70,8 +70,15 @@ class CRefCountedDataStoreRow {
   ~CRefCountedDataStoreRow();
   // Clears owning VARIANT cells, frees by-reference strings and forgets the text.
   void ReleaseContents(const std::vector<DBORDINAL>& owning);
+  // Called by the writers that leave memory in the row for its release to free.
+  void MarkOwning() { m_bOwns = true; }
 
   std::atomic<ULONG> m_cRef{1};
+  // Set by a cell that owns memory (a VARIANT that is not its bytes, a by-reference
+  // string) or a text buffer too large to keep: most rows hold neither, and giving them
+  // back then only forgets their text instead of looking at every owning column. Beside
+  // the count, in what was padding: the row stays the size it was.
+  bool m_bOwns = false;
   BYTE* m_pBuffer;
   const DataStoreColumnInfo* m_pColumns;
   DBORDINAL m_cColumns;

@@ -3,9 +3,7 @@
 #include <chrono>
 #include <thread>
 
-#include "provider/store/DataProvider.h"
 #include "tests/store/StoreTestSupport.h"
-#include "tests/support/LeakCheckedTest.h"
 #include "tests/support/TraceCapture.h"
 
 namespace corvane::test {
@@ -32,7 +30,6 @@ TEST_F(DataProviderWorker, SpareRecordsAreTakenAtMostAPageAtATimeAndKeptEmptied)
   ProducedRecordList used(5, ProducedRecord(2));
   for (ProducedRecord& r : used) r[1].SetText(OLESTR("x"), 1);
   provider.RecycleRecords(used);
-  size_t taken = 0;
   for (size_t expected : {3u, 2u, 0u}) {
     const ProducedRecordList spare = provider.TakeSpareRecords(3);
     EXPECT_EQ(expected, spare.size());
@@ -40,15 +37,14 @@ TEST_F(DataProviderWorker, SpareRecordsAreTakenAtMostAPageAtATimeAndKeptEmptied)
       ASSERT_EQ(2u, r.size());
       EXPECT_EQ(StoreValue::kNone, r[1].Kind);
     }
-    taken += spare.size();
   }
-  EXPECT_EQ(5u, taken);
 }
 
 // A signal before the worker runs is lost; a second start while it runs is refused and
-// leaves the first worker its events.
-TEST_F(DataProviderWorker, SignalsReachOnlyTheOneRunningWorker) {
-  PagedProducer provider(10, 1);
+// leaves the first worker its events. A failing step ends the worker and is kept.
+TEST_F(DataProviderWorker, SignalsReachOnlyTheRunningWorkerAndAFailingStepEndsIt) {
+  TraceCapture capture(TRACE_INFO);
+  PagedProducer provider(10, 1, E_ACCESSDENIED, 2);
   provider.SignalWorker();
   ASSERT_EQ(S_OK, provider.StartWorker());
   EXPECT_EQ(E_FAIL, provider.StartWorker());
@@ -57,16 +53,9 @@ TEST_F(DataProviderWorker, SignalsReachOnlyTheOneRunningWorker) {
   provider.SignalWorker();
   EXPECT_TRUE(WaitUntil([&] { return provider.steps.load() == 1u; }));
   EXPECT_TRUE(provider.IsWorkerRunning());
-  provider.StopWorker();
-  EXPECT_FALSE(provider.IsWorkerRunning());
-}
-
-TEST_F(DataProviderWorker, AFailingStepEndsTheWorkerAndIsKept) {
-  TraceCapture capture(TRACE_INFO);
-  PagedProducer provider(10, 1, E_ACCESSDENIED, 1);
-  ASSERT_EQ(S_OK, provider.Execute());
+  provider.SignalWorker();
   ASSERT_TRUE(WaitUntil([&] { return !provider.IsWorkerRunning(); }));
-  EXPECT_EQ(1u, provider.steps.load());
+  EXPECT_EQ(2u, provider.steps.load());
   EXPECT_EQ(E_ACCESSDENIED, provider.LastResult());
   // Only the more-data flag and the pending items answer now.
   EXPECT_EQ(1, provider.IsDataPending());
@@ -77,13 +66,16 @@ TEST_F(DataProviderWorker, AFailingStepEndsTheWorkerAndIsKept) {
   EXPECT_EQ(1, provider.IsDataPending());
   provider.SignalWorker();  // no worker any more: nothing runs
   std::this_thread::sleep_for(20ms);
-  EXPECT_EQ(1u, provider.steps.load());
+  EXPECT_EQ(2u, provider.steps.load());
   std::vector<std::string> texts = capture.Texts();
-  std::sort(texts.begin(), texts.end());  // the last two come from two threads
-  EXPECT_EQ((std::vector<std::string>{"[DATA PROVIDER] -> Thread worker finished.",
+  std::sort(texts.begin(), texts.end());  // they come from two threads
+  EXPECT_EQ((std::vector<std::string>{"[DATA PROVIDER] -> Failed to initialaze the thread worker, error: 0.",
+                                      "[DATA PROVIDER] -> Thread worker finished.",
                                       "[DATA PROVIDER] -> Thread worker initialized.",
                                       "[DATA PROVIDER] -> Thread worker started (event driven)."}),
             texts);
+  provider.StopWorker();
+  EXPECT_FALSE(provider.IsWorkerRunning());
 }
 
 TEST_F(DataProviderWorker, AFetchWakesWhenRowsArriveOrTheWorkerEnds) {

@@ -4,9 +4,7 @@
 #include <cstring>
 #include <string>
 
-#include "provider/store/DataStore.h"
 #include "tests/store/StoreTestSupport.h"
-#include "tests/support/LeakCheckedTest.h"
 
 namespace corvane::test {
 namespace {
@@ -21,8 +19,7 @@ TEST_F(DataStoreLayout, CellsAreAlignedAndDisjointAfterTheStatusBytes) {
     ULONGLONG size;
     DBTYPE reported;
     DBLENGTH reportedSize;
-    size_t bytes;  // the value in the row
-    size_t alignment;
+    size_t bytes, alignment;  // of the value in the row
   };
   const Case cases[] = {
       {DBTYPE_I2, 2, DBTYPE_I2, 2, 2, 2}, {DBTYPE_BOOL, 2, DBTYPE_BOOL, 2, 2, 2}, {DBTYPE_UI2, 2, DBTYPE_UI2, 2, 2, 2},
@@ -69,7 +66,7 @@ TEST_F(DataStoreLayout, CellsAreAlignedAndDisjointAfterTheStatusBytes) {
 }
 
 // A store of `columns` holding one row made from `record`.
-class DataStoreRowTest : public LeakCheckedTest {
+class DataStoreSetValue : public LeakCheckedTest {
  protected:
   void Build(std::vector<ColumnRecord> columns, const ProducedRecord& record = {}) {
     ASSERT_EQ(S_OK, store_->Initialize(nullptr, columns));
@@ -93,7 +90,6 @@ class DataStoreRowTest : public LeakCheckedTest {
   std::unique_ptr<CDataStore> store_ = std::make_unique<CDataStore>();
   CRefCountedDataStoreRow* row_ = nullptr;
 };
-class DataStoreSetValue : public DataStoreRowTest {};
 
 // A value the cell cannot hold exactly (another variant type, an unsupported column type,
 // a cell that would end past the row) is refused and leaves the cell null.
@@ -119,26 +115,6 @@ TEST_F(DataStoreSetValue, ValuesTheCellCannotHoldAreRefused) {
   other.cbOffset = row_->Size() - 4;  // the value would end past the row
   EXPECT_TRUE(store_->SetValue(R8(1.5), other, row_));
   EXPECT_EQ(0, row_->Buffer()[other.cbStatus]);
-}
-
-// Wide and ANSI cells (the ANSI code page) are cut to the column size with status 254.
-TEST_F(DataStoreSetValue, TextIsTruncatedToTheColumnSizeWithStatus254) {
-  Build({RawDataColumns()[0], Column(OLESTR("S"), 2, DBTYPE_STR, 3)});
-  const WString fits(4096, OLESTR('x'));
-  EXPECT_TRUE(Set(Bstr(fits.c_str()), 0));
-  EXPECT_EQ(255, Status(0));
-  WString tooLong(4096, OLESTR('y'));
-  tooLong += OLESTR('z');
-  EXPECT_TRUE(Set(Bstr(tooLong.c_str()), 0));
-  EXPECT_EQ(254, Status(0));
-  EXPECT_EQ(WString(4096, OLESTR('y')), Text(0));
-  EXPECT_EQ(0, static_cast<const OLECHAR*>(CellText(row_, store_->ColumnInfo()[0]).text)[4096]);
-  EXPECT_TRUE(Set(Bstr(OLESTR("\u00e9t\u00e9")), 1));
-  EXPECT_EQ(255, Status(1));
-  EXPECT_EQ(std::string("\xe9t\xe9"), Ansi(1));
-  EXPECT_TRUE(Set(Bstr(OLESTR("abcd")), 1));
-  EXPECT_EQ(254, Status(1));
-  EXPECT_EQ(std::string("abc"), Ansi(1));
 }
 
 // Text given as a BSTR or lent (only its length counts) fills every text cell alike, and
@@ -170,6 +146,15 @@ TEST_F(DataStoreSetValue, TextFromABstrOrLentFillsEveryTextCellWithItsOwnCopy) {
     EXPECT_EQ(WString(OLESTR("Tag.AB")), WString(V_BSTR(&stored), SysStringLen(V_BSTR(&stored))));
     EXPECT_FALSE(Set(text, 6));  // text is not a number
   }
+  // A text that just fits is whole; a cut one ends in a terminator; ANSI cells take the
+  // ANSI code page.
+  EXPECT_TRUE(Set(Bstr(OLESTR("Tag.")), 0));
+  EXPECT_EQ(255, Status(0));
+  EXPECT_TRUE(Set(Bstr(OLESTR("Tag.ABCDE")), 0));
+  EXPECT_EQ(0, static_cast<const OLECHAR*>(CellText(row_, store_->ColumnInfo()[0]).text)[4]);
+  EXPECT_TRUE(Set(Bstr(OLESTR("\u00e9t\u00e9 abcdef")), 1));
+  EXPECT_EQ(254, Status(1));
+  EXPECT_EQ(std::string("\xe9t\xe9 abcd"), Ansi(1));
 }
 
 // Lent text repeated row after row (a tag's name, a status text) is kept once for all
@@ -272,46 +257,39 @@ TEST(DataStoreFindColumn, OrdinalMatchWinsElseLastNameMatch) {
   EXPECT_EQ(E_FAIL, CDataStore::FindColumn(columns, nullptr, 1, &index));
 }
 
-class DataStoreGetData : public DataStoreRowTest {
- protected:
-  void SetUp() override {
-    DataStoreRowTest::SetUp();
-    Build({Column(OLESTR("TAG"), 1, DBTYPE_WSTR, 16), Column(OLESTR("N"), 2, DBTYPE_I4, 4),
-           Column(OLESTR("V"), 3, DBTYPE_VARIANT, 24), Column(OLESTR("R"), 4, DBTYPE_BSTR)},
-          {Bstr(OLESTR("Tag.A")), Variant(VT_I4, 42), R8(1e20), StoreValue()});
-  }
-  DBSTATUS StatusOf(const DBBINDING& b) { return ReadAt<DBSTATUS>(buffer_, b.obStatus); }
-  DBLENGTH LengthOf(const DBBINDING& b) { return ReadAt<DBLENGTH>(buffer_, b.obLength); }
-  BYTE buffer_[512] = {};
-};
-
 // Each cell's own value, status and length against the conversion service:
 // CellCopies.StoreAndConversionServiceAgree. Here, null cells, provider-owned references
 // and what several bindings answer together.
-TEST_F(DataStoreGetData, NullsReferencesAndMixedResults) {
+TEST_F(DataStoreSetValue, GetDataOfNullsReferencesAndMixedResults) {
+  Build({Column(OLESTR("TAG"), 1, DBTYPE_WSTR, 16), Column(OLESTR("N"), 2, DBTYPE_I4, 4),
+         Column(OLESTR("V"), 3, DBTYPE_VARIANT, 24), Column(OLESTR("R"), 4, DBTYPE_BSTR)},
+        {Bstr(OLESTR("Tag.A")), Variant(VT_I4, 42), R8(1e20), StoreValue()});
+  BYTE buffer[512];
+  auto StatusOf = [&](const DBBINDING& b) { return ReadAt<DBSTATUS>(buffer, b.obStatus); };
+  auto LengthOf = [&](const DBBINDING& b) { return ReadAt<DBLENGTH>(buffer, b.obLength); };
   const DBBINDING nulls[] = {Binding(4, DBTYPE_WSTR, 0, 40), Binding(4, kWStrRef, 64, 8)};
-  std::memset(buffer_, 0xAB, sizeof buffer_);
-  EXPECT_EQ(S_OK, store_->GetData(nulls, 2, row_, buffer_));
+  std::memset(buffer, 0xAB, sizeof buffer);
+  EXPECT_EQ(S_OK, store_->GetData(nulls, 2, row_, buffer));
   EXPECT_EQ(static_cast<DBSTATUS>(DBSTATUS_S_ISNULL), StatusOf(nulls[0]));
   EXPECT_EQ(0u, LengthOf(nulls[0]));
-  EXPECT_EQ(nullptr, ReadAt<void*>(buffer_, 64));
+  EXPECT_EQ(nullptr, ReadAt<void*>(buffer, 64));
 
   const DBBINDING owned = Binding(1, kWStrRef, 0, 8, DBPART_VALUE | DBPART_LENGTH | DBPART_STATUS,
                                   DBMEMOWNER_PROVIDEROWNED);
-  EXPECT_EQ(S_OK, store_->GetData(&owned, 1, row_, buffer_));
-  const OLECHAR* pointer = ReadAt<const OLECHAR*>(buffer_, 0);
+  EXPECT_EQ(S_OK, store_->GetData(&owned, 1, row_, buffer));
+  const OLECHAR* pointer = ReadAt<const OLECHAR*>(buffer, 0);
   EXPECT_EQ(CellText(row_, store_->ColumnInfo()[0]).text, pointer);
   EXPECT_EQ(WString(OLESTR("Tag.A")), pointer);
   EXPECT_EQ(10u, LengthOf(owned));
   EXPECT_EQ(static_cast<DBSTATUS>(DBSTATUS_S_OK), StatusOf(owned));
 
   const DBBINDING mixed[] = {Binding(2, DBTYPE_R8, 0, 8), Binding(3, DBTYPE_I4, 64, 4)};
-  EXPECT_EQ(DB_S_ERRORSOCCURRED, store_->GetData(mixed, 2, row_, buffer_));
-  EXPECT_DOUBLE_EQ(42.0, ReadAt<double>(buffer_, 0));
+  EXPECT_EQ(DB_S_ERRORSOCCURRED, store_->GetData(mixed, 2, row_, buffer));
+  EXPECT_DOUBLE_EQ(42.0, ReadAt<double>(buffer, 0));
   EXPECT_EQ(static_cast<DBSTATUS>(DBSTATUS_E_DATAOVERFLOW), StatusOf(mixed[1]));
-  EXPECT_EQ(DB_E_ERRORSOCCURRED, store_->GetData(&mixed[1], 1, row_, buffer_));
+  EXPECT_EQ(DB_E_ERRORSOCCURRED, store_->GetData(&mixed[1], 1, row_, buffer));
   const DBBINDING badOrdinal = Binding(5, DBTYPE_I4, 0, 4);
-  EXPECT_EQ(DB_E_BADORDINAL, store_->GetData(&badOrdinal, 1, row_, buffer_));
+  EXPECT_EQ(DB_E_BADORDINAL, store_->GetData(&badOrdinal, 1, row_, buffer));
 }
 
 }  // namespace

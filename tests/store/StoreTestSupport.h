@@ -19,7 +19,6 @@ inline ColumnRecord Column(const OLECHAR* name, ULONGLONG ordinal, DBTYPE type, 
   ColumnRecord c;
   c.ColumnName = name;
   c.ColumnAlias = name;
-  c.TableName = OLESTR("RAWDATA");
   c.Ordinal = ordinal;
   c.wType = type;
   c.ColumnSize = size;
@@ -52,13 +51,8 @@ inline StoreValue Bstr(const OLECHAR* text) {
 constexpr ULONGLONG kJan2024 = 133485408000000000ull;
 
 inline ProducedRecord RawRecord(ULONGLONG i) {
-  ProducedRecord r;
-  r.reserve(4);
-  r.push_back(Bstr(OLESTR("Plant.Tag1")));
-  r.push_back(StoreValue::FromTime(U64ToFileTime(kJan2024 + i * 10000000ull)));
-  r.push_back(UI4(192));
-  r.push_back(R8(static_cast<double>(i)));
-  return r;
+  return {Bstr(OLESTR("Plant.Tag1")), StoreValue::FromTime(U64ToFileTime(kJan2024 + i * 10000000ull)), UI4(192),
+          R8(static_cast<double>(i))};
 }
 
 // A worker-driven producer of `total` RAWDATA records, `page` per step; each fetch
