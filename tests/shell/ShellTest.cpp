@@ -417,6 +417,17 @@ TEST(ShellInteractive, PromptMultiLineHistoryAndCtrlCStoppingALongFetch) {
   unsetenv("CORVANE_SQL_HISTORY");
 }
 
+TEST(ShellInteractive, CtrlCStopsAScriptAtOnce) {
+  // With statements given, the shell is no prompt even on a terminal: Ctrl-C in the first
+  // stops the run, and the second never starts.
+  Terminal t({"-e", "SELECT * FROM RAWDATA WHERE TIMESTAMP > DATEADD('dd', -7, NOWUTC())", "-e",
+              "SELECT COUNT(*) FROM TAGS"});
+  t.Converse({{"", "-+-"}, {"\x03", "cancelled after "}});
+  if (HasFatalFailure()) return;
+  EXPECT_FALSE(t.WaitFor("COUNT")) << "the second statement ran";
+  EXPECT_EQ(130, t.Wait());
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {

@@ -44,7 +44,8 @@ const char kUsage[] =
     "  -h, --help                 this text\n"
     "\n"
     "Exit status: 0 all statements succeeded, 1 one or more failed, 2 bad command line or\n"
-    "unreadable file, 3 the output could not be written (closed pipe, full disk...).\n";
+    "unreadable file, 3 the output could not be written (closed pipe, full disk...), 130 a\n"
+    "script stopped by Ctrl-C (at the prompt, Ctrl-C stops only the statement running).\n";
 
 // Distinct from a failed statement: the results did not reach their reader.
 constexpr int kOutputFailed = 3;
@@ -198,6 +199,7 @@ int Run(const CommandLine& cl, std::vector<Input> inputs, COutput& out) {
     }
   }
   if (shell.OutputFailed()) return kOutputFailed;
+  if (shell.Interrupted() && !interactive) return 130;
   // Every statement takes its values from the first --param on, so a value no statement
   // took was most likely meant for a statement that got another one: say so.
   const size_t unused = cl.parameters.size() - shell.ParametersUsed();

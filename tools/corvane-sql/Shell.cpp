@@ -187,6 +187,10 @@ bool CShell::Stopped(size_t rows) {
   } else {
     fprintf(stderr, "cancelled after %llu rows\n", static_cast<unsigned long long>(rows));
     g_cancel.store(false);
+    // At the prompt Ctrl-C stops one statement; a script stops altogether, as it does
+    // when Ctrl-C comes between its statements.
+    interrupted_ = true;
+    if (!g_interactive) quit_ = true;
   }
   fflush(stderr);
   return false;

@@ -46,6 +46,8 @@ class CShell {
   // True once a write to the output failed (after saying so on stderr).
   bool OutputFailed() const { return out_.Failed(); }
   bool QuitRequested() const { return quit_ || out_.Failed(); }
+  // True once Ctrl-C stopped a statement.
+  bool Interrupted() const { return interrupted_; }
   void SetShowProgress(bool show) { showProgress_ = show; }
   // The next statement's result is drawn as an SVG chart into `path`.
   void SetChartFile(const std::string& path) { chartFile_ = path; }
@@ -70,6 +72,7 @@ class CShell {
   CStatementSplitter splitter_;
   bool anyFailed_ = false;
   bool quit_ = false;
+  bool interrupted_ = false;
   bool showProgress_ = false;
   bool outputReported_ = false;
   std::string chartFile_;
