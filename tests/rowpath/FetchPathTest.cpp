@@ -67,6 +67,16 @@ TEST_F(RowRecycling, ReusedRowsStartEmptyAndKeepNothingOfTheirPast) {
     EXPECT_EQ(nullptr, ReadAt<void*>(buffer, 32));
   }
   ReleaseAll(rows);
+
+  // A row's text buffer larger than a free row may keep goes with the row's release.
+  CDataStore wide;
+  ASSERT_EQ(S_OK, wide.Initialize(nullptr, {Column(OLESTR("T"), 1, DBTYPE_WSTR, 4096)}));
+  ASSERT_EQ(S_OK, wide.AppendRecord({Bstr(WString(3000, OLESTR('x')).c_str())}));
+  rows = TakeRows(wide, 1);
+  ASSERT_EQ(1u, rows.size());
+  const auto blocks = platform::CurrentAllocCounts().comBlocks;
+  ReleaseAll(rows);
+  EXPECT_EQ(blocks - 1, platform::CurrentAllocCounts().comBlocks);
 }
 
 TEST_F(RowRecycling, FreeRowsAreBoundedAndGoAtTheEndOfTheRows) {
