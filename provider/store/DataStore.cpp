@@ -912,6 +912,8 @@ HRESULT CDataStore::PullFromProducer(ULONGLONG wanted) {
         }
       }
       CRefCountedDataStoreRow* row = rows[used++];
+      if (m_IncomingNext + kPrefetchRecordsAhead < m_Incoming.size())
+        PrefetchRecord(m_Incoming[m_IncomingNext + kPrefetchRecordsAhead]);
       ProducedRecord& record = m_Incoming[m_IncomingNext];
       if (FillRow(record, row, timer)) {
         // Its values own nothing: emptied now, while they are in the cache, the record

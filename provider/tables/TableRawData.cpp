@@ -164,6 +164,7 @@ HRESULT CTableRawData::Step() {
     size_t used = 0;
     for (ULONG i = 0; i < list->count; ++i) {
       HistoryValue& sample = list->values[i];
+      if (used + kPrefetchRecordsAhead < records.size()) PrefetchRecord(records[used + kPrefetchRecordsAhead]);
       if (used == records.size()) records.emplace_back();
       ProducedRecord& record = records[used];
       record.resize(4);
