@@ -321,6 +321,12 @@ HRESULT InsertIntoRawDataTable(Execution& ex) {
   if (FAILED(hr)) return hr;
   WString tagName;
   bool haveValue = false;
+  // Each failure says which part of the sample it concerns: the codes alone (a type
+  // mismatch, an overflow, the historian's own) do not.
+  auto refuse = [&ex](HRESULT failure, const WString& what) {
+    ex.message = what + corvane::WFormat(OLESTR(" (HR = %X): nothing was inserted."), static_cast<unsigned>(failure));
+    return failure;
+  };
   for (size_t i = 0; i < insert.Columns().size() && SUCCEEDED(hr); ++i) {
     const CSQLCalcItem* column = insert.Columns()[i].get();
     const CSQLCalcItem* item = insert.Values()[i].get();
@@ -332,7 +338,10 @@ HRESULT InsertIntoRawDataTable(Execution& ex) {
     } else if (IsColumnNamed(column, OLESTR("TIMESTAMP"))) {
       ULONG64 ticks = 0;
       hr = EvaluateAsTime(item, ex.request.binding, &ticks);
-      if (SUCCEEDED(hr)) sample.timestamp = corvane::TicksToFileTime(ticks);
+      if (SUCCEEDED(hr))
+        sample.timestamp = corvane::TicksToFileTime(ticks);
+      else
+        refuse(hr, OLESTR("The TIMESTAMP to insert is not a date and time such as '2024-01-31 08:00:00'"));
     } else if (IsColumnNamed(column, OLESTR("VALUE"))) {
       VariantClear(&sample.value);
       hr = ValueOf(ex, item, &sample.value);
@@ -340,13 +349,26 @@ HRESULT InsertIntoRawDataTable(Execution& ex) {
     } else if (IsColumnNamed(column, OLESTR("QUALITY"))) {
       ULONG quality = 0;
       hr = EvaluateAsUnsigned(item, ex.request.binding, &quality);
-      if (SUCCEEDED(hr)) sample.quality = quality;
+      if (SUCCEEDED(hr))
+        sample.quality = quality;
+      else
+        refuse(hr, OLESTR("The QUALITY to insert must be a number from 0 to 4294967295"));
     } else {
       hr = E_INVALIDARG;
     }
   }
-  if (SUCCEEDED(hr) && (tagName.empty() || !haveValue)) hr = CORVANE_E_MISSING_PARAMETER;
-  if (SUCCEEDED(hr)) hr = InsertSample(ex, *table, tagName, &sample);
+  if (SUCCEEDED(hr) && (tagName.empty() || !haveValue)) {
+    hr = CORVANE_E_MISSING_PARAMETER;
+    refuse(hr, OLESTR("An INSERT needs a TAGNAME and a VALUE"));
+  }
+  if (SUCCEEDED(hr)) {
+    hr = InsertSample(ex, *table, tagName, &sample);
+    if (hr == HIST_E_TAG_NOT_FOUND)
+      refuse(hr, corvane::WFormat(OLESTR("Tag '%s' does not exist"), TagInMessage(tagName).c_str()));
+    else if (hr == DISP_E_TYPEMISMATCH || hr == DISP_E_OVERFLOW)
+      refuse(hr, corvane::WFormat(OLESTR("The VALUE to insert cannot be stored in tag '%s'"),
+                                  TagInMessage(tagName).c_str()));
+  }
   VariantClear(&sample.value);
   return hr;
 }

@@ -109,6 +109,12 @@ TimeRange Span(const TimeRange& a, const TimeRange& b) {
 
 }  // namespace
 
+corvane::WString TagInMessage(const corvane::WString& name) {
+  constexpr size_t kMostQuoted = 200;
+  if (name.size() <= kMostQuoted) return name;
+  return name.substr(0, kMostQuoted) + OLESTR("...");
+}
+
 struct CRawDataChange::Plan {
   const TableInfo* columns = nullptr;
   WString catalog, schema;
@@ -273,10 +279,11 @@ HRESULT CRawDataChange::CheckTags(IRawDataProvider* raw, const Plan& plan, std::
     if (SUCCEEDED(hr)) hr = raw->GetTagInfo(tag, &changes.type);
     FreeTagIdent(tag);
     if (hr == HIST_E_TAG_NOT_FOUND || hr == E_INVALIDARG)
-      return Refuse(message, corvane::WFormat(OLESTR("Tag '%s' does not exist: nothing was %s."), name.c_str(), Verb()));
+      return Refuse(message, corvane::WFormat(OLESTR("Tag '%s' does not exist: nothing was %s."),
+                                              TagInMessage(name).c_str(), Verb()));
     if (FAILED(hr)) {
       *message = corvane::WFormat(OLESTR("The historian could not check tag '%s' (HR = %X): nothing was %s."),
-                                  name.c_str(), static_cast<unsigned>(hr), Verb());
+                                  TagInMessage(name).c_str(), static_cast<unsigned>(hr), Verb());
       return hr;
     }
   }
@@ -298,7 +305,7 @@ HRESULT CRawDataChange::Collect(IRawDataProvider* raw, Plan& plan, TagChanges& c
     if (SUCCEEDED(hr) && !list) hr = E_INVALIDARG;
     if (FAILED(hr)) {
       *message = corvane::WFormat(OLESTR("The historian could not read the samples of '%s' (HR = %X): nothing was %s."),
-                                  changes.name.c_str(), static_cast<unsigned>(hr), Verb());
+                                  TagInMessage(changes.name).c_str(), static_cast<unsigned>(hr), Verb());
       break;
     }
     for (ULONG i = 0; i < list->count && SUCCEEDED(hr); ++i) {
@@ -354,7 +361,7 @@ HRESULT CRawDataChange::Collect(IRawDataProvider* raw, Plan& plan, TagChanges& c
           hr = VariantChangeType(&updated.value, &updated.value, 0, changes.type);
           if (FAILED(hr))
             *message = corvane::WFormat(OLESTR("The VALUE to set cannot be stored in tag '%s' (HR = %X): nothing was %s."),
-                                        changes.name.c_str(), static_cast<unsigned>(hr), Verb());
+                                        TagInMessage(changes.name).c_str(), static_cast<unsigned>(hr), Verb());
         }
       } else {
         hr = VariantCopy(&updated.value, &record[kValueField].Value);
@@ -370,8 +377,9 @@ HRESULT CRawDataChange::Collect(IRawDataProvider* raw, Plan& plan, TagChanges& c
           if (SUCCEEDED(hr))
             updated.quality = V_UI4(word.Get());
           else
-            *message = corvane::WFormat(OLESTR("The QUALITY to set is not a number (HR = %X): nothing was %s."),
-                                        static_cast<unsigned>(hr), Verb());
+            *message = corvane::WFormat(
+                OLESTR("The QUALITY to set must be a number from 0 to 4294967295 (HR = %X): nothing was %s."),
+                static_cast<unsigned>(hr), Verb());
         }
       }
       if (FAILED(hr)) {
@@ -409,7 +417,7 @@ HRESULT CRawDataChange::Apply(IRawDataProvider* raw, const Plan& plan, std::vect
       for (const TagChanges& t : tags)
         if (t.changed) done += (done.empty() ? WString() : WString(OLESTR(", "))) + OLESTR("'") + t.name + OLESTR("'");
       *message = corvane::WFormat(OLESTR("The historian failed while samples of '%s' were %s (HR = %X). %s"),
-                                  changes.name.c_str(), Verb(), static_cast<unsigned>(hr),
+                                  TagInMessage(changes.name).c_str(), Verb(), static_cast<unsigned>(hr),
                                   done.empty() ? OLESTR("No samples were changed.")
                                                : (OLESTR("Samples of ") + done + OLESTR(" were changed.")).c_str());
       return hr;

@@ -24,6 +24,10 @@
 
 struct TableInfo;
 
+// A tag's name as a message about a data change quotes it: whole when short; a long one
+// would turn every error record into a copy of it, so only its beginning is shown.
+corvane::WString TagInMessage(const corvane::WString& name);
+
 class CRawDataChange {
  public:
   enum class Kind { kDelete, kUpdate };
