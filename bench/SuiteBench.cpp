@@ -3,9 +3,9 @@
 //   1. rows/s and process CPU per row of the parameterised range SELECT over one tag's
 //      series through OLE DB (ICommandWithParameters, a parameter accessor, GetNextRows
 //      of 1000, GetData per row), against the bare rowset (the same consumer loop over
-//      a rowset with nothing behind it but the historian's pages: the floor), the
-//      historian's paged raw read and SQLite stepping a prepared statement over an
-//      indexed in-memory table;
+//      a rowset with nothing behind it but the historian's pages: the floor, read before
+//      and after the SELECT, the faster counting), the historian's paged raw read and
+//      SQLite stepping a prepared statement over an indexed in-memory table;
 //   2. the same query through RAWDATA_DOUBLE and RAWDATA_STRING, against the floor;
 //   3. time from Execute to the first row's GetData;
 //   4. latency and page faults of small statements, text and Prepare included: a
@@ -463,15 +463,20 @@ int main(int argc, char** argv) {
 
   // 1: the floor, the provider, and the further anchors: the raw read and SQLite.
   std::printf("\n[1] fetch throughput, %s rows, median of %d reads each\n", rows.c_str(), options.runs);
-  const Rate bareRate = MeasureRate(options.runs, n, [&] {
-    return corvane::bench::ReadBareRowset(raw, range.first, lastSample, &checksum);
-  });
-  PrintRate("bare rowset over the pages (the floor)", bareRate);
+  auto readBare = [&] { return corvane::bench::ReadBareRowset(raw, range.first, lastSample, &checksum); };
+  const Rate bareBefore = MeasureRate(options.runs, n, readBare);
+  PrintRate("bare rowset over the pages (the floor)", bareBefore);
   const Rate selectRate = MeasureRate(options.runs, n, [&] {
     FetchStats stats;
     return FetchRange(consumer, OLESTR("RAWDATA"), ValueAs::kVariant, range, &stats, &checksum);
   });
   PrintRate("SELECT ... FROM RAWDATA, parameters, OLE DB", selectRate);
+  // The floor again: a floor measured while another program held the machine would be
+  // too low and could turn a target MET. The faster of the two counts.
+  const Rate bareAfter = MeasureRate(options.runs, n, readBare);
+  PrintRate("bare rowset again (the faster one counts)", bareAfter);
+  const Rate bareRate = !bareAfter.error.empty() || bareAfter.rowsPerSecond < bareBefore.rowsPerSecond ? bareBefore
+                                                                                                        : bareAfter;
   const Rate rawRate = MeasureRate(options.runs, n, [&] {
     return corvane::bench::ReadRawPaged(raw, corvane::e2e::kTagName, range.first, lastSample, kRawPage, &checksum);
   });
