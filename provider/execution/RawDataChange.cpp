@@ -415,7 +415,8 @@ HRESULT CRawDataChange::Apply(IRawDataProvider* raw, const Plan& plan, std::vect
     if (FAILED(hr)) {
       WString done;
       for (const TagChanges& t : tags)
-        if (t.changed) done += (done.empty() ? WString() : WString(OLESTR(", "))) + OLESTR("'") + t.name + OLESTR("'");
+        if (t.changed)
+          done += (done.empty() ? WString() : WString(OLESTR(", "))) + OLESTR("'") + TagInMessage(t.name) + OLESTR("'");
       *message = corvane::WFormat(OLESTR("The historian failed while samples of '%s' were %s (HR = %X). %s"),
                                   TagInMessage(changes.name).c_str(), Verb(), static_cast<unsigned>(hr),
                                   done.empty() ? OLESTR("No samples were changed.")
