@@ -33,18 +33,20 @@ bool COutput::Flush() {
   return ok;
 }
 
-void COutput::DropPending() {
+size_t COutput::DropPending() {
   if (error_ || atLineStart_) {
     buffer_.clear();
-    return;
+    return 0;
   }
   const size_t end = buffer_.find('\n');
+  size_t kept = buffer_.size();
   if (end == std::string::npos) {
     buffer_ += '\n';
   } else {
-    buffer_.resize(end + 1);
+    kept = end + 1;
+    buffer_.resize(kept);
   }
-  Flush();
+  return Flush() ? kept : 0;
 }
 
 bool COutput::WriteOut(const char* data, size_t size) {

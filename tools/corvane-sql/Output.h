@@ -20,7 +20,9 @@ class COutput {
   bool Flush();
   // Forgets what is buffered beyond the end of the line already begun on the
   // descriptor, which is finished so that the next output starts on a line of its own.
-  void DropPending();
+  // Returns how many of the buffered bytes went out (a newline it adds not counted).
+  size_t DropPending();
+  size_t Buffered() const { return buffer_.size(); }
 
   bool Failed() const { return error_ != 0; }
   int Error() const { return error_; }  // the errno of the failed write

@@ -121,6 +121,8 @@ void CResultFormatter::Begin(const std::vector<Column>& columns) {
   firstBatch_.clear();
   tableStarted_ = stopped_ = false;
   rows_ = 0;
+  rowsOut_ = 0;
+  pendingEnds_.clear();
   if (format_ == OutputFormat::Csv) {
     if (results_) out_.Write("\r\n");
     std::vector<Cell> header;
@@ -134,16 +136,27 @@ void CResultFormatter::Begin(const std::vector<Column>& columns) {
 
 bool CResultFormatter::Row(const std::vector<Cell>& cells) {
   if (cancel_ && cancel_->load()) {
-    out_.DropPending();
+    // Only the rows whose text went out count as written.
+    const size_t kept = out_.DropPending();
+    for (size_t end : pendingEnds_)
+      if (end <= kept) ++rowsOut_;
+    pendingEnds_.clear();
     stopped_ = true;
     return false;
   }
   switch (format_) {
     case OutputFormat::Table:
-      if (tableStarted_) WriteTableRow(cells);
-      else firstBatch_.push_back(cells);
+      if (tableStarted_) {
+        WriteTableRow(cells);
+        RowBuffered();
+      } else {
+        firstBatch_.push_back(cells);
+      }
       break;
-    case OutputFormat::Csv: WriteCsvLine(cells); break;
+    case OutputFormat::Csv:
+      WriteCsvLine(cells);
+      RowBuffered();
+      break;
     case OutputFormat::Chart: break;  // the shell draws charts itself
     case OutputFormat::Json: {
       std::string line = rows_ ? ",\n{" : "\n{";
@@ -153,6 +166,7 @@ bool CResultFormatter::Row(const std::vector<Cell>& cells) {
       }
       line += "}";
       out_.Write(line);
+      RowBuffered();
       break;
     }
   }
@@ -165,6 +179,7 @@ bool CResultFormatter::EndBatch() {
   if (stopped_) return false;
   if (format_ == OutputFormat::Table && !tableStarted_) StartTable();
   stopped_ = !out_.Flush();
+  Flushed();
   return !stopped_;
 }
 
@@ -177,6 +192,23 @@ void CResultFormatter::End(bool) {
     out_.Write(rows_ ? "\n]\n" : "]\n");
   }
   out_.Flush();
+  Flushed();
+}
+
+void CResultFormatter::RowBuffered() {
+  if (out_.Buffered() == 0) {
+    // The write went out with everything buffered before it.
+    Flushed();
+    if (!out_.Failed()) ++rowsOut_;
+  } else {
+    pendingEnds_.push_back(out_.Buffered());
+  }
+}
+
+void CResultFormatter::Flushed() {
+  if (out_.Buffered() != 0 || out_.Failed()) return;
+  rowsOut_ += pendingEnds_.size();
+  pendingEnds_.clear();
 }
 
 void CResultFormatter::WriteCsvLine(const std::vector<Cell>& cells) {
@@ -202,7 +234,10 @@ void CResultFormatter::StartTable() {
   head.erase(head.find_last_not_of(' ') + 1);
   out_.Write(head + "\n" + rule + "\n");
   tableStarted_ = true;
-  for (const auto& row : firstBatch_) WriteTableRow(row);
+  for (const auto& row : firstBatch_) {
+    WriteTableRow(row);
+    RowBuffered();
+  }
   firstBatch_.clear();
   firstBatch_.shrink_to_fit();
 }

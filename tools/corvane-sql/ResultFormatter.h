@@ -53,6 +53,8 @@ class CResultFormatter : public IRowSink {
   bool EndBatch() override;
   void End(bool complete) override;
   size_t Rows() const { return rows_; }
+  // Rows whose text went out whole: Ctrl-C drops the buffered rest.
+  size_t RowsWritten() const { return rowsOut_; }
   size_t Results() const { return results_; }
 
   // Parses "table", "csv", "json" or "chart"; false for anything else.
@@ -63,6 +65,9 @@ class CResultFormatter : public IRowSink {
   void WriteCsvLine(const std::vector<Cell>& cells);
   void WriteTableRow(const std::vector<Cell>& cells);
   void StartTable();
+  // After a row's text was handed to the output: which rows are out, which buffered.
+  void RowBuffered();
+  void Flushed();
 
   OutputFormat format_;
   COutput& out_;
@@ -73,6 +78,8 @@ class CResultFormatter : public IRowSink {
   bool tableStarted_ = false;
   bool stopped_ = false;
   size_t rows_ = 0;
+  size_t rowsOut_ = 0;
+  std::vector<size_t> pendingEnds_;  // where each buffered row ends in the output's buffer
   size_t results_ = 0;  // results written so far, to separate CSV blocks
 };
 

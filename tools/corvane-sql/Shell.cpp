@@ -248,7 +248,7 @@ bool CShell::RunSql(const std::string& sql) {
   }
   g_statementRunning.store(false);
   results_ = out.Results();
-  if (hr == E_ABORT || out_.Failed()) return Stopped(out.Rows());
+  if (hr == E_ABORT || out_.Failed()) return Stopped(out.RowsWritten());
   if (FAILED(hr)) {
     Report(failure);
     return false;
@@ -391,7 +391,7 @@ bool CShell::RunDotCommand(const std::string& line) {
     return false;
   }
   results_ = out.Results();
-  if (hr == E_ABORT || out_.Failed()) return Stopped(out.Rows());
+  if (hr == E_ABORT || out_.Failed()) return Stopped(out.RowsWritten());
   if (FAILED(hr)) {
     Report(failure);
     return false;
