@@ -169,6 +169,7 @@ HRESULT CDataProvider::FetchRows(ProducedRecordList& rows, size_t wanted) {
     bool took = false;
     bool pending;
     HRESULT last;
+    RecordBatchList batches;
     {
       CriticalSectionLock lock(m_StateLock);
       if (!m_Produced.empty()) {
@@ -180,25 +181,48 @@ HRESULT CDataProvider::FetchRows(ProducedRecordList& rows, size_t wanted) {
           m_Produced.clear();
         }
       }
+      if (!m_Batches.empty()) {
+        took = true;
+        batches.swap(m_Batches);
+        if (m_bAcceptBatches) m_TakenRecords += m_BatchRecords;
+        m_BatchRecords = 0;
+      }
       last = m_hrLastResult;
       pending = IsDataPending() != 0;
+    }
+    if (!batches.empty()) {
+      if (m_bAcceptBatches) {
+        for (auto& batch : batches) m_Taken.push_back(std::move(batch));
+      } else {
+        const HRESULT made = MakeRecords(batches, rows);
+        if (FAILED(made)) {
+          SetFailure(made, corvane::WString());
+          last = made;
+        }
+      }
     }
     if (FAILED(last)) {
       // What the worker queued before it failed was read well: it goes out first, and
       // the failure comes with the next fetch, which finds nothing queued.
-      if (!rows.empty()) return S_OK;
+      if (!rows.empty() || m_TakenRecords != 0) return S_OK;
       return last;
     }
     if (took) OnRowsTaken();
-    if (rows.size() >= wanted) return S_OK;
+    if (rows.size() + m_TakenRecords >= wanted) return S_OK;
     if (!pending) {
       // The worker may have queued its last records between the take and the check.
       CriticalSectionLock lock(m_StateLock);
-      if (m_Produced.empty()) return DB_S_ENDOFROWSET;
+      if (m_Produced.empty() && m_Batches.empty()) return DB_S_ENDOFROWSET;
       continue;
     }
     WaitForRows(kFetchWaitMs);
   }
+}
+
+void CDataProvider::TakeBatches(RecordBatchList& batches) {
+  for (auto& batch : m_Taken) batches.push_back(std::move(batch));
+  m_Taken.clear();
+  m_TakenRecords = 0;
 }
 
 void CDataProvider::OnRowsTaken() {
@@ -268,6 +292,22 @@ HRESULT CDataProvider::Filter(ProducedRecordList& records) {
   return hr;
 }
 
+namespace {
+// Records queued behind a batch: they wait in the batches' queue, as a batch too.
+class CRecordListBatch : public CRecordBatch {
+ public:
+  explicit CRecordListBatch(ProducedRecordList&& records) : m_Records(std::move(records)) {}
+  size_t Count() const override { return m_Records.size(); }
+  HRESULT Make(size_t i, ProducedRecord& record) override {
+    record.swap(m_Records[i]);
+    return S_OK;
+  }
+
+ private:
+  ProducedRecordList m_Records;
+};
+}  // namespace
+
 void CDataProvider::AppendRecord(ProducedRecord&& record) {
   if (m_pFilter) {
     ProducedRecordList one;
@@ -277,7 +317,14 @@ void CDataProvider::AppendRecord(ProducedRecord&& record) {
   }
   {
     CriticalSectionLock lock(m_StateLock);
-    m_Produced.push_back(std::move(record));
+    if (m_Batches.empty()) {
+      m_Produced.push_back(std::move(record));
+    } else {
+      ProducedRecordList one;
+      one.push_back(std::move(record));
+      m_BatchRecords += 1;
+      m_Batches.push_back(std::make_unique<CRecordListBatch>(std::move(one)));
+    }
   }
   SignalRows();
 }
@@ -292,6 +339,52 @@ void CDataProvider::SignalRows() {
   }
 }
 
+HRESULT CDataProvider::MakeRecords(RecordBatchList& batches, ProducedRecordList& records) {
+  size_t count = 0;
+  for (const auto& batch : batches) count += batch->Count();
+  ProducedRecordList spare = TakeSpareRecords(count);
+  HRESULT hr = S_OK;
+  try {
+    records.reserve(records.size() + count);
+    for (const auto& batch : batches) {
+      for (size_t i = 0; i < batch->Count() && SUCCEEDED(hr); ++i) {
+        if (spare.empty()) {
+          records.emplace_back();
+        } else {
+          records.push_back(std::move(spare.back()));
+          spare.pop_back();
+        }
+        hr = batch->Make(i, records.back());
+        if (FAILED(hr)) records.pop_back();
+      }
+    }
+  } catch (const std::bad_alloc&) {
+    hr = E_OUTOFMEMORY;
+  }
+  batches.clear();
+  return hr;
+}
+
+void CDataProvider::AppendBatch(std::unique_ptr<CRecordBatch> batch) {
+  if (!batch || batch->Count() == 0) return;
+  if (m_pFilter) {
+    // The filter tests records: the batch's are made here, and those it keeps are queued.
+    RecordBatchList one;
+    one.push_back(std::move(batch));
+    ProducedRecordList records;
+    const HRESULT hr = MakeRecords(one, records);
+    AppendRecords(std::move(records));
+    if (FAILED(hr)) SetFailure(hr, corvane::WString());
+    return;
+  }
+  {
+    CriticalSectionLock lock(m_StateLock);
+    m_BatchRecords += batch->Count();
+    m_Batches.push_back(std::move(batch));
+  }
+  SignalRows();
+}
+
 void CDataProvider::AppendRecords(ProducedRecordList&& records) {
   HRESULT failed = S_OK;
   if (m_pFilter) {
@@ -304,7 +397,11 @@ void CDataProvider::AppendRecords(ProducedRecordList&& records) {
   const bool queued = !records.empty();
   if (queued) {
     CriticalSectionLock lock(m_StateLock);
-    if (m_Produced.empty()) {
+    if (!m_Batches.empty()) {
+      // Behind a batch not yet taken: in the batches' queue, so that the order holds.
+      m_BatchRecords += records.size();
+      m_Batches.push_back(std::make_unique<CRecordListBatch>(std::move(records)));
+    } else if (m_Produced.empty()) {
       m_Produced.swap(records);
     } else {
       for (ProducedRecord& r : records) m_Produced.push_back(std::move(r));
@@ -379,7 +476,7 @@ ProducedRecordList CDataProvider::TakeSpareRecords(size_t most) {
 
 size_t CDataProvider::QueuedRecordCount() {
   CriticalSectionLock lock(m_StateLock);
-  return m_Produced.size();
+  return m_Produced.size() + m_BatchRecords;
 }
 
 void CDataProvider::PushPendingItem(const void* item) {

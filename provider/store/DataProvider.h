@@ -27,6 +27,20 @@ class CRecordFilter {
   virtual const corvane::WString& Message() const = 0;
 };
 
+// Records a producer hands over in a compact form of its own (a page of history as the
+// historian gave it, say) rather than one record at a time. The fetch makes the records
+// on its own thread, one after another into a record it reuses: what crosses from the
+// worker to the consumer is the compact form (32 bytes a sample against a record's 256),
+// and nothing goes back.
+class CRecordBatch {
+ public:
+  virtual ~CRecordBatch() = default;
+  virtual size_t Count() const = 0;
+  // Makes `record` (emptied, or new) the i-th record. Each record is made once, in order.
+  virtual HRESULT Make(size_t i, ProducedRecord& record) = 0;
+};
+using RecordBatchList = std::vector<std::unique_ptr<CRecordBatch>>;
+
 class CDataProvider {
  public:
   // A fetch waits for the worker at most this long per round; it wakes earlier as soon
@@ -46,6 +60,12 @@ class CDataProvider {
   // nothing more (with or without rows), or the failure that ended the worker (rows
   // taken in that call are dropped).
   virtual HRESULT FetchRows(ProducedRecordList& rows, size_t wanted);
+  // The caller of FetchRows takes batches as they are, with TakeBatches after each
+  // FetchRows: FetchRows then counts their records as taken. Without it FetchRows makes
+  // the records of a batch itself.
+  void AcceptBatches() { m_bAcceptBatches = true; }
+  // The batches the last FetchRows took, after its records and in the order produced.
+  void TakeBatches(RecordBatchList& batches);
   // 1 while the more-data flag is set, the worker runs, or pending items remain.
   virtual BOOL IsDataPending();
   // Configures the reading and starts it: by default StartWorker, then SignalWorker.
@@ -90,6 +110,9 @@ class CDataProvider {
   // step (nothing produced later is queued).
   void AppendRecord(ProducedRecord&& record);
   void AppendRecords(ProducedRecordList&& records);
+  // Queues a batch as AppendRecords queues its records. With a record filter its records
+  // are made and tested here, on the producing thread.
+  void AppendBatch(std::unique_ptr<CRecordBatch> batch);
   // Records the failure and its message as the outcome of the reading.
   void SetFailure(HRESULT hr, corvane::WString message);
   size_t QueuedRecordCount();
@@ -126,6 +149,9 @@ class CDataProvider {
   // rest are dropped (or kept for reuse). The filter's failure, if it failed: the kept
   // records are those before the failing one.
   HRESULT Filter(ProducedRecordList& records);
+  // Appends the records of `batches` to `records`, reusing spare records first; on a
+  // failure to make one (memory), those before it.
+  HRESULT MakeRecords(RecordBatchList& batches, ProducedRecordList& records);
 
   corvane::platform::CriticalSection m_StateLock;
   DWORD m_bMoreData = 1;
@@ -135,6 +161,13 @@ class CDataProvider {
   corvane::WString m_FailureMessage;
   std::unique_ptr<CRecordFilter> m_pFilter;
   ProducedRecordList m_Produced;
+  // Batches queued, and after the first one every record too (wrapped in a batch), so
+  // that m_Produced is always older than m_Batches.
+  RecordBatchList m_Batches;
+  size_t m_BatchRecords = 0;  // in m_Batches
+  bool m_bAcceptBatches = false;
+  RecordBatchList m_Taken;  // the consumer's: taken by FetchRows, not yet by TakeBatches
+  size_t m_TakenRecords = 0;
   ProducedRecordList m_Spare;  // one batch of emptied records, for reuse
   bool m_bReuseRecords = false;
 

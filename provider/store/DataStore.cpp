@@ -299,6 +299,7 @@ HRESULT CDataStore::Initialize(std::unique_ptr<CDataProvider> producer, const st
     for (DBORDINAL j = 0; j < m_cColumns; ++j) m_FieldOfColumn[j] = m_ColumnSource[j];
   }
   m_pProducer = std::move(producer);
+  if (m_pProducer) m_pProducer->AcceptBatches();
   PlanFill();
   return S_OK;
 }
@@ -871,17 +872,22 @@ HRESULT CDataStore::PullFromProducer(ULONGLONG wanted) {
     m_bEndOfData = true;
     return S_OK;
   }
-  if (m_IncomingNext >= m_Incoming.size()) {
+  if (m_IncomingNext >= m_Incoming.size() && m_Batches.empty()) {
     // Nothing left of the last take: ask the producer again.
     m_pProducer->RecycleRecords(m_Incoming, m_IncomingEmptied == m_Incoming.size());
     m_IncomingNext = 0;
     m_IncomingEmptied = 0;
+    m_BatchNext = 0;
     const HRESULT hr = m_pProducer->FetchRows(m_Incoming, static_cast<size_t>(wanted));
+    m_pProducer->TakeBatches(m_Batches);
     if (FAILED(hr)) {
       m_Incoming.clear();
+      m_Batches.clear();
       return hr;
     }
     if (hr == DB_S_ENDOFROWSET) m_bProducerDone = true;
+    m_BatchRecordsLeft = 0;
+    for (const auto& batch : m_Batches) m_BatchRecordsLeft += batch->Count();
   }
   // Only the rows asked for become rows: a producer may hand over far more records than
   // that (a whole page or chunk), and a row can be many times larger than its record.
@@ -893,16 +899,19 @@ HRESULT CDataStore::PullFromProducer(ULONGLONG wanted) {
     CRefCountedDataStoreRow* rows[kPortion];
     size_t taken = 0;
     size_t used = 0;
-    ULONGLONG made = 0;
-    for (; m_IncomingNext < m_Incoming.size() && made < wanted; ++m_IncomingNext, ++made) {
+    for (ULONGLONG made = 0; made < wanted; ++made) {
+      const size_t left = (m_Incoming.size() - m_IncomingNext) + m_BatchRecordsLeft;
+      if (left == 0) break;
       if (m_MaxRows != 0 && m_RowsQueued >= m_MaxRows) {
         m_IncomingNext = m_Incoming.size();
+        m_Batches.clear();
+        m_BatchRecordsLeft = 0;
         m_bProducerDone = true;
         break;
       }
       if (used == taken) {
         // Only rows that will be filled: the records left, the rows asked for, the limit.
-        ULONGLONG n = std::min<ULONGLONG>({kPortion, m_Incoming.size() - m_IncomingNext, wanted - made});
+        ULONGLONG n = std::min<ULONGLONG>({kPortion, left, wanted - made});
         if (m_MaxRows != 0) n = std::min(n, m_MaxRows - m_RowsQueued);
         taken = TakeRows(rows, static_cast<size_t>(n));
         used = 0;
@@ -911,25 +920,48 @@ HRESULT CDataStore::PullFromProducer(ULONGLONG wanted) {
           break;
         }
       }
-      CRefCountedDataStoreRow* row = rows[used++];
-      if (m_IncomingNext + kPrefetchRecordsAhead < m_Incoming.size())
-        PrefetchRecord(m_Incoming[m_IncomingNext + kPrefetchRecordsAhead]);
-      ProducedRecord& record = m_Incoming[m_IncomingNext];
-      if (FillRow(record, row, timer)) {
+      CRefCountedDataStoreRow* row = rows[used];
+      ProducedRecord* record;
+      if (m_IncomingNext < m_Incoming.size()) {
+        if (m_IncomingNext + kPrefetchRecordsAhead < m_Incoming.size())
+          PrefetchRecord(m_Incoming[m_IncomingNext + kPrefetchRecordsAhead]);
+        record = &m_Incoming[m_IncomingNext++];
+      } else {
+        // A batch's record is made into the same record row after row, which stays in
+        // this thread's cache.
+        CRecordBatch& batch = *m_Batches.front();
+        const HRESULT hr = batch.Make(m_BatchNext, m_BatchRecord);
+        if (FAILED(hr)) {
+          m_Batches.clear();
+          m_BatchRecordsLeft = 0;
+          result = hr;
+          break;
+        }
+        --m_BatchRecordsLeft;
+        if (++m_BatchNext == batch.Count()) {
+          m_Batches.erase(m_Batches.begin());
+          m_BatchNext = 0;
+        }
+        record = &m_BatchRecord;
+      }
+      ++used;
+      if (FillRow(*record, row, timer)) {
         // Its values own nothing: emptied now, while they are in the cache, the record
         // needs no second look when it goes back to the producer.
-        for (StoreValue& value : record) {
+        for (StoreValue& value : *record) {
           value.Kind = StoreValue::kNone;
           V_VT(&value.Value) = VT_EMPTY;
         }
-        ++m_IncomingEmptied;
+        if (record != &m_BatchRecord) ++m_IncomingEmptied;
+      } else if (record == &m_BatchRecord) {
+        for (StoreValue& value : m_BatchRecord) value.Reset();
       }
       m_ReadRows.push_back(row);
       ++m_RowsQueued;
     }
     if (used < taken) m_pPool->GiveBackMany(rows + used, taken - used);
   }
-  if (m_bProducerDone && m_IncomingNext >= m_Incoming.size()) m_bEndOfData = true;
+  if (m_bProducerDone && m_IncomingNext >= m_Incoming.size() && m_Batches.empty()) m_bEndOfData = true;
   return result;
 }
 

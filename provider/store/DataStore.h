@@ -227,6 +227,12 @@ class CDataStore {
   ProducedRecordList m_Incoming;
   size_t m_IncomingNext = 0;
   size_t m_IncomingEmptied = 0;  // of m_Incoming, emptied as they were read
+  // Batches taken from the producer after m_Incoming, the next record of the first, the
+  // records left in all, and the record each of theirs is made into in turn.
+  RecordBatchList m_Batches;
+  size_t m_BatchNext = 0;
+  size_t m_BatchRecordsLeft = 0;
+  ProducedRecord m_BatchRecord;
 
   IDataConvert* m_pConvert = nullptr;
   std::vector<uint64_t> m_DstScratch;

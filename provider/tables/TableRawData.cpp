@@ -1,5 +1,9 @@
 #include "provider/tables/TableRawData.h"
 
+#include <cstring>
+#include <memory>
+#include <new>
+
 #include "provider/ErrorReporting.h"
 #include "provider/store/DataConvert.h"
 #include "base/Trace.h"
@@ -24,6 +28,68 @@ bool Movable(VARTYPE vt) {
 }
 // The types whose value is its bytes: nothing a conversion to the same type could change.
 bool Plain(VARTYPE vt) { return vt != VT_BSTR && Movable(vt); }
+
+// A page of samples as the historian gave it, its values already converted for the
+// table, handed to the fetch whole: the records are made from it on the fetch's thread.
+// The text-typed table's numbers are written as text here, on the worker, into one
+// buffer for the page.
+class CRawPageBatch : public CRecordBatch {
+ public:
+  CRawPageBatch(HistoryValueList* page, const corvane::WString& tagName) : m_pPage(page), m_TagName(tagName) {}
+  ~CRawPageBatch() override { FreeHistoryValueList(m_pPage); }
+  CRawPageBatch(const CRawPageBatch&) = delete;
+  CRawPageBatch& operator=(const CRawPageBatch&) = delete;
+
+  size_t Count() const override { return m_pPage->count; }
+  // Room for the next sample's value as text (null when memory runs out); KeepText
+  // makes it sample i's value.
+  OLECHAR* TextRoom() {
+    try {
+      if (m_TextLength.empty()) m_TextLength.assign(m_pPage->count, 0);
+      m_Text.resize(m_TextEnd + corvane::kNumberTextChars);
+    } catch (const std::bad_alloc&) {
+      return nullptr;
+    }
+    return m_Text.data() + m_TextEnd;
+  }
+  void KeepText(size_t i, size_t length) {
+    m_TextLength[i] = static_cast<uint8_t>(length);
+    m_TextEnd += length;
+  }
+
+  HRESULT Make(size_t i, ProducedRecord& record) override {
+    HistoryValue& sample = m_pPage->values[i];
+    record.resize(4);
+    const size_t textLength = m_TextLength.empty() ? 0 : m_TextLength[i];
+    if (textLength) {
+      OLECHAR* room = record[3].OwnTextRoom(textLength);
+      if (!room) return E_OUTOFMEMORY;
+      std::memcpy(room, m_Text.data() + m_TextRead, textLength * sizeof(OLECHAR));
+      m_TextRead += textLength;
+      record[3].SetOwnText(textLength);
+    } else {
+      // Taken from the page, which is freed with the batch anyway.
+      record[3].Take(&sample.value);
+    }
+    // The tag's name lives unchanged as long as the table (the names are settled in
+    // Prepare), so the row only points at it.
+    record[0].SetText(m_TagName.data(), m_TagName.size(), true);
+    record[1].SetTime(sample.timestamp);
+    VARIANT q;
+    V_VT(&q) = VT_UI4;
+    V_UI4(&q) = sample.quality;
+    record[2].Take(&q);
+    return S_OK;
+  }
+
+ private:
+  HistoryValueList* m_pPage;
+  const corvane::WString& m_TagName;
+  std::vector<OLECHAR> m_Text;
+  std::vector<uint8_t> m_TextLength;  // per sample, 0 for a value kept as a VARIANT
+  size_t m_TextEnd = 0;
+  size_t m_TextRead = 0;  // records are made in order
+};
 }  // namespace
 
 CTableRawData::CTableRawData(const TableCreateArgs& args) : CTableRawData(OLESTR("RAWDATA"), args, {VT_EMPTY, nullptr}) {
@@ -159,16 +225,13 @@ HRESULT CTableRawData::Step() {
     readFailed = true;
   }
   if (!readFailed) {
-    // Records of earlier pages come back emptied from the store and are filled again.
-    ProducedRecordList records = TakeSpareRecords(list->count);
-    size_t used = 0;
-    for (ULONG i = 0; i < list->count; ++i) {
+    std::unique_ptr<CRawPageBatch> batch(new (std::nothrow) CRawPageBatch(list, tagName));
+    if (!batch) {
+      FreeHistoryValueList(list);
+      hr = E_OUTOFMEMORY;
+    }
+    for (ULONG i = 0; batch && i < list->count; ++i) {
       HistoryValue& sample = list->values[i];
-      if (used + kPrefetchRecordsAhead < records.size()) PrefetchRecord(records[used + kPrefetchRecordsAhead]);
-      if (used == records.size()) records.emplace_back();
-      ProducedRecord& record = records[used];
-      record.resize(4);
-      DWORD quality = sample.quality;
       if (!Movable(V_VT(&sample.value))) {
         VARIANT copy;
         VariantInit(&copy);
@@ -177,44 +240,30 @@ HRESULT CTableRawData::Step() {
         VariantClear(&sample.value);
         sample.value = copy;
       }
-      // A number of the text-typed table is written as text straight into the record,
-      // whose buffer serves row after row: no string is made per row on this thread to
-      // be freed on the consumer's.
-      size_t numberText = 0;
+      // A number of the text-typed table is written as text into the page's buffer: no
+      // string is made per row on this thread to be freed on the consumer's.
       if (m_Conversion.type == VT_BSTR) {
-        OLECHAR* room = record[3].OwnTextRoom(corvane::kNumberTextChars);
+        OLECHAR* room = batch->TextRoom();
         if (!room) {
           hr = E_OUTOFMEMORY;
           break;
         }
-        numberText = corvane::NumberText(sample.value, room);
-      }
-      if (numberText) {
-        record[3].SetOwnText(numberText);  // a number owns nothing to clear in the page
-      } else {
-        // A value already of the table's type stays as it is: a change to its own type
-        // only copies it.
-        if (m_bTyped && !(V_VT(&sample.value) == m_Conversion.type && Plain(m_Conversion.type))) {
-          hr = ConvertTyped(&sample.value, &quality);
-          if (FAILED(hr)) break;
-          hr = S_OK;
+        const size_t n = corvane::NumberText(sample.value, room);
+        if (n) {
+          batch->KeepText(i, n);
+          VariantClear(&sample.value);  // a number: owns nothing
+          continue;
         }
-        // The value is taken from the page, which is freed below anyway.
-        record[3].Take(&sample.value);
       }
-      // The tag's name lives unchanged as long as this table (the names are settled in
-      // Prepare), so the row only points at it.
-      record[0].SetText(tagName.data(), tagName.size(), true);
-      record[1].SetTime(sample.timestamp);
-      VARIANT q;
-      V_VT(&q) = VT_UI4;
-      V_UI4(&q) = quality;
-      record[2].Take(&q);
-      ++used;
+      // A value already of the table's type stays as it is: a change to its own type
+      // only copies it.
+      if (m_bTyped && !(V_VT(&sample.value) == m_Conversion.type && Plain(m_Conversion.type))) {
+        hr = ConvertTyped(&sample.value, &sample.quality);
+        if (FAILED(hr)) break;
+        hr = S_OK;
+      }
     }
-    records.resize(used);
-    FreeHistoryValueList(list);
-    if (SUCCEEDED(hr)) AppendRecords(std::move(records));
+    if (SUCCEEDED(hr)) AppendBatch(std::move(batch));  // else the page goes with the batch
   }
   if (FAILED(hr)) {
     ReleaseContinuationPoint();
