@@ -78,6 +78,31 @@ TEST_F(DataProviderWorker, SignalsReachOnlyTheRunningWorkerAndAFailingStepEndsIt
   EXPECT_FALSE(provider.IsWorkerRunning());
 }
 
+// Pages queued as records, a batch, and records again (queued behind the batch) come out
+// in that order, whether the fetch takes the batches or has their records made for it.
+TEST_F(DataProviderWorker, RecordsAndBatchesLeaveInTheOrderProduced) {
+  for (const bool accept : {false, true}) {
+    PagedProducer provider(6, 2);
+    if (accept) provider.AcceptBatches();
+    for (int i = 0; i < 3; ++i) ASSERT_EQ(S_OK, provider.ExecuteStep());
+    EXPECT_EQ(6u, provider.QueuedRecordCount());
+    ProducedRecordList rows;
+    EXPECT_EQ(DB_S_ENDOFROWSET, provider.FetchRows(rows, 7));
+    RecordBatchList batches;
+    provider.TakeBatches(batches);
+    EXPECT_EQ(accept ? 2u : 0u, batches.size());
+    for (auto& batch : batches) {
+      for (size_t i = 0; i < batch->Count(); ++i) {
+        rows.emplace_back();
+        ASSERT_EQ(S_OK, batch->Make(i, rows.back()));
+      }
+    }
+    ASSERT_EQ(6u, rows.size());
+    for (size_t i = 0; i < rows.size(); ++i)
+      EXPECT_EQ(kJan2024 + i * 10000000ull, FileTimeToU64(rows[i][1].Time)) << accept << " " << i;
+  }
+}
+
 TEST_F(DataProviderWorker, AFetchWakesWhenRowsArriveOrTheWorkerEnds) {
   PagedProducer producer(3000, 1000);
   ASSERT_EQ(S_OK, producer.Execute());

@@ -55,9 +55,24 @@ inline ProducedRecord RawRecord(ULONGLONG i) {
           R8(static_cast<double>(i))};
 }
 
-// A worker-driven producer of `total` RAWDATA records, `page` per step; each fetch
-// that takes records lets it produce the next page. From step `failStep` on, a step
-// fails with `failAtStep` instead.
+// RawRecord(first) .. RawRecord(first + count - 1), made when asked for.
+class RawBatch : public CRecordBatch {
+ public:
+  RawBatch(ULONGLONG first, size_t count) : first_(first), count_(count) {}
+  size_t Count() const override { return count_; }
+  HRESULT Make(size_t i, ProducedRecord& record) override {
+    record = RawRecord(first_ + i);
+    return S_OK;
+  }
+
+ private:
+  ULONGLONG first_;
+  size_t count_;
+};
+
+// A worker-driven producer of `total` RAWDATA records, `page` per step, as records on
+// odd steps and as a batch on even ones; each fetch that takes records lets it produce
+// the next page. From step `failStep` on, a step fails with `failAtStep` instead.
 class PagedProducer : public CDataProvider {
  public:
   PagedProducer(ULONGLONG total, ULONGLONG page, HRESULT failAtStep = S_OK, ULONGLONG failStep = 0)
@@ -73,9 +88,13 @@ class PagedProducer : public CDataProvider {
     if (FAILED(failWith_) && step >= failStep_) return failWith_;
     ProducedRecordList page;
     const ULONGLONG end = std::min(total_, produced_.load() + page_);
-    for (ULONGLONG i = produced_.load(); i < end; ++i) page.push_back(RawRecord(i));
+    if (step % 2 == 0) {
+      AppendBatch(std::make_unique<RawBatch>(produced_.load(), static_cast<size_t>(end - produced_.load())));
+    } else {
+      for (ULONGLONG i = produced_.load(); i < end; ++i) page.push_back(RawRecord(i));
+      AppendRecords(std::move(page));
+    }
     produced_ = end;
-    AppendRecords(std::move(page));
     if (end == total_) {
       SetMoreData(false);
       RequestStop();
@@ -88,6 +107,7 @@ class PagedProducer : public CDataProvider {
   }
   using CDataProvider::EnableRecordReuse;
   using CDataProvider::PushPendingItem;
+  using CDataProvider::QueuedRecordCount;
   using CDataProvider::SetMoreData;
   using CDataProvider::TakeSpareRecords;
   std::atomic<ULONGLONG> steps{0};
