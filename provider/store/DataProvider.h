@@ -15,6 +15,7 @@
 
 #include "platform/Platform.h"
 #include "platform/WideString.h"
+#include "provider/store/RefCountedDataStoreRow.h"
 #include "provider/store/StoreValue.h"
 
 // A test that every record passes before it is queued for the fetch, made by execution
@@ -34,10 +35,29 @@ class CRecordFilter {
 // and nothing goes back.
 class CRecordBatch {
  public:
+  // Where a field of the batch's records lies, for a store that reads it there rather than
+  // asking for the record: one value for every record, or record i's at base + i * stride.
+  struct Field {
+    enum Form : uint8_t {
+      kElsewhere,  // only Make gives it
+      kShared,     // `shared`, the same value in every record
+      kTime,       // a FILETIME
+      kUI4,        // a 4-byte unsigned number
+      kVariant,    // a VARIANT, lent: it stays the batch's
+      kText        // a StoredText; a null text: only Make gives the value
+    };
+    Form form = kElsewhere;
+    const BYTE* base = nullptr;
+    size_t stride = 0;
+    const StoreValue* shared = nullptr;
+  };
+
   virtual ~CRecordBatch() = default;
   virtual size_t Count() const = 0;
-  // Makes `record` (emptied, or new) the i-th record. Each record is made once, in order.
+  // Makes `record` (emptied, or new) the i-th record; each is made at most once.
   virtual HRESULT Make(size_t i, ProducedRecord& record) = 0;
+  // Where each field lies, in record order; empty (the default) when only Make gives them.
+  virtual std::vector<Field> Layout() const { return {}; }
 };
 using RecordBatchList = std::vector<std::unique_ptr<CRecordBatch>>;
 

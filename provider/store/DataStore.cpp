@@ -921,41 +921,29 @@ HRESULT CDataStore::PullFromProducer(ULONGLONG wanted) {
         }
       }
       CRefCountedDataStoreRow* row = rows[used];
-      ProducedRecord* record;
       if (m_IncomingNext < m_Incoming.size()) {
         if (m_IncomingNext + kPrefetchRecordsAhead < m_Incoming.size())
           PrefetchRecord(m_Incoming[m_IncomingNext + kPrefetchRecordsAhead]);
-        record = &m_Incoming[m_IncomingNext++];
+        ProducedRecord& record = m_Incoming[m_IncomingNext++];
+        if (FillRow(record, row, timer)) {
+          // Its values own nothing: emptied now, while they are in the cache, the record
+          // needs no second look when it goes back to the producer.
+          for (StoreValue& value : record) {
+            value.Kind = StoreValue::kNone;
+            V_VT(&value.Value) = VT_EMPTY;
+          }
+          ++m_IncomingEmptied;
+        }
       } else {
-        // A batch's record is made into the same record row after row, which stays in
-        // this thread's cache.
-        CRecordBatch& batch = *m_Batches.front();
-        const HRESULT hr = batch.Make(m_BatchNext, m_BatchRecord);
+        const HRESULT hr = FillFromBatch(row, timer);
         if (FAILED(hr)) {
           m_Batches.clear();
           m_BatchRecordsLeft = 0;
           result = hr;
           break;
         }
-        --m_BatchRecordsLeft;
-        if (++m_BatchNext == batch.Count()) {
-          m_Batches.erase(m_Batches.begin());
-          m_BatchNext = 0;
-        }
-        record = &m_BatchRecord;
       }
       ++used;
-      if (FillRow(*record, row, timer)) {
-        // Its values own nothing: emptied now, while they are in the cache, the record
-        // needs no second look when it goes back to the producer.
-        for (StoreValue& value : *record) {
-          value.Kind = StoreValue::kNone;
-          V_VT(&value.Value) = VT_EMPTY;
-        }
-        if (record != &m_BatchRecord) ++m_IncomingEmptied;
-      } else if (record == &m_BatchRecord) {
-        for (StoreValue& value : m_BatchRecord) value.Reset();
-      }
       m_ReadRows.push_back(row);
       ++m_RowsQueued;
     }
@@ -963,6 +951,133 @@ HRESULT CDataStore::PullFromProducer(ULONGLONG wanted) {
   }
   if (m_bProducerDone && m_IncomingNext >= m_Incoming.size() && m_Batches.empty()) m_bEndOfData = true;
   return result;
+}
+
+HRESULT CDataStore::FillFromBatch(CRefCountedDataStoreRow* row, CellRunTimer& timer) {
+  CRecordBatch& batch = *m_Batches.front();
+  const size_t i = m_BatchNext;
+  if (i == 0 || m_BatchPlan.empty() || !FillDirect(i, row)) {
+    // Made into the same record row after row, which stays in this thread's cache.
+    const HRESULT hr = batch.Make(i, m_BatchRecord);
+    if (FAILED(hr)) return hr;
+    if (FillRow(m_BatchRecord, row, timer)) {
+      for (StoreValue& value : m_BatchRecord) {
+        value.Kind = StoreValue::kNone;
+        V_VT(&value.Value) = VT_EMPTY;
+      }
+    } else {
+      for (StoreValue& value : m_BatchRecord) value.Reset();
+    }
+    if (i == 0) PlanBatch(batch);
+  } else {
+    timer.BeforeCell();
+  }
+  --m_BatchRecordsLeft;
+  if (++m_BatchNext == batch.Count()) {
+    m_Batches.erase(m_Batches.begin());
+    m_BatchNext = 0;
+    m_BatchPlan.clear();
+  }
+  return S_OK;
+}
+
+void CDataStore::PlanBatch(const CRecordBatch& batch) {
+  using Field = CRecordBatch::Field;
+  m_BatchPlan.clear();
+  // Only rows whose every cell the steps write, under the one status word.
+  if (!m_FillStatusWord || !m_FillCoversRecord) return;
+  const std::vector<Field> fields = batch.Layout();
+  if (fields.size() != m_FillFields) return;
+  std::vector<DirectStep> plan;
+  for (const FillStep& step : m_FillSteps) {
+    const Field& field = fields[step.field];
+    DirectStep d{step.kind, field.form, step.vt, step.cell, field.base, field.stride, StoredText{nullptr, 0},
+                 static_cast<size_t>(m_pColumnInfo[step.column].ulColumnSize)};
+    bool fits = false;
+    switch (field.form) {
+      case Field::kShared: {
+        // Lent text that the first row shares: every row gets the same cell.
+        const SharedTextHit& hit = m_LastShared[step.column];
+        const StoreValue* v = field.shared;
+        fits = step.kind == FillStep::kWide && v && v->Kind == StoreValue::kText && !v->TextOwned &&
+               hit.source == v->Text && hit.length == v->TextLength && hit.cell.text;
+        d.shared = hit.cell;
+        break;
+      }
+      case Field::kTime: fits = step.kind == FillStep::kTime; break;
+      case Field::kUI4: fits = step.kind == FillStep::kFixed4 && step.vt == VT_UI4; break;
+      case Field::kVariant:
+        fits = step.kind == FillStep::kVariant || step.kind == FillStep::kFixed1 || step.kind == FillStep::kFixed2 ||
+               step.kind == FillStep::kFixed4 || step.kind == FillStep::kFixed8;
+        break;
+      case Field::kText: fits = step.kind == FillStep::kWide; break;
+      case Field::kElsewhere: break;
+    }
+    if (!fits) return;
+    plan.push_back(d);
+  }
+  m_BatchPlan.swap(plan);
+}
+
+bool CDataStore::FillDirect(size_t i, CRefCountedDataStoreRow* row) {
+  if (corvane::TraceWanted(TRACE_DETAIL)) return false;
+  BYTE* buffer = row->Buffer();
+  for (const DirectStep& step : m_BatchPlan) {
+    BYTE* cell = buffer + step.cell;
+    const BYTE* source = step.base + i * step.stride;
+    switch (step.form) {
+      case CRecordBatch::Field::kShared:
+        std::memcpy(cell, &step.shared, sizeof step.shared);
+        break;
+      case CRecordBatch::Field::kTime: {
+        FILETIME time;
+        std::memcpy(&time, source, sizeof time);
+        DBTIMESTAMP ts;
+        if (!SameDay((static_cast<ULONGLONG>(time.dwHighDateTime) << 32) | time.dwLowDateTime, &ts)) return false;
+        std::memcpy(cell, &ts, sizeof ts);
+        break;
+      }
+      case CRecordBatch::Field::kUI4:
+        std::memcpy(cell, source, 4);
+        break;
+      case CRecordBatch::Field::kVariant: {
+        VARTYPE vt;
+        std::memcpy(&vt, source, sizeof vt);
+        if (step.kind == FillStep::kVariant) {
+          // As FillUsual: a VARIANT that owns nothing, over a cell that owns nothing.
+          VARTYPE old;
+          std::memcpy(&old, cell, sizeof old);
+          if (!CRefCountedDataStoreRow::OwnsNothing(vt) || !CRefCountedDataStoreRow::OwnsNothing(old)) return false;
+          std::memcpy(cell, source, sizeof(VARIANT));
+          break;
+        }
+        if (vt != step.vt) return false;
+        const BYTE* bits = source + kVariantValueOffset;
+        switch (step.kind) {
+          case FillStep::kFixed1: std::memcpy(cell, bits, 1); break;
+          case FillStep::kFixed2: std::memcpy(cell, bits, 2); break;
+          case FillStep::kFixed4: std::memcpy(cell, bits, 4); break;
+          default: std::memcpy(cell, bits, 8); break;
+        }
+        break;
+      }
+      case CRecordBatch::Field::kText: {
+        StoredText text;
+        std::memcpy(&text, source, sizeof text);
+        if (!text.text || text.length > step.room) return false;
+        const OLECHAR* chars = static_cast<const OLECHAR*>(text.text);
+        const size_t kept = UpToZero(chars, text.length);
+        const StoredText stored{row->StoreText(chars, kept * sizeof(OLECHAR), sizeof(OLECHAR)), kept};
+        if (!stored.text) return false;
+        std::memcpy(cell, &stored, sizeof stored);
+        break;
+      }
+      case CRecordBatch::Field::kElsewhere:
+        return false;
+    }
+  }
+  std::memcpy(buffer, &m_FillStatusWord, sizeof m_FillStatusWord);
+  return true;
 }
 
 HRESULT CDataStore::GetNextRows(ULONGLONG skip, ULONGLONG count, std::vector<CRefCountedDataStoreRow*>& rows) {

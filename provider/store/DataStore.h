@@ -233,6 +233,26 @@ class CDataStore {
   size_t m_BatchNext = 0;
   size_t m_BatchRecordsLeft = 0;
   ProducedRecord m_BatchRecord;
+  // How the cells of the first batch's rows are written straight from where its Layout
+  // says the fields lie: a FillStep with its field's place. Empty when a cell cannot be
+  // (the rows are then made through Make and FillRow).
+  struct DirectStep {
+    FillStep::Kind kind;
+    CRecordBatch::Field::Form form;
+    VARTYPE vt;
+    DBBYTEOFFSET cell;
+    const BYTE* base;
+    size_t stride;
+    StoredText shared;  // kShared: the cell of the batch's first row
+    size_t room;        // kText: the column's size in characters
+  };
+  std::vector<DirectStep> m_BatchPlan;
+  // Plans the cells of `batch`, whose first row was just filled from its first record.
+  void PlanBatch(const CRecordBatch& batch);
+  // Fills `row` from record i of the planned batch; false when a cell needs the record.
+  bool FillDirect(size_t i, CRefCountedDataStoreRow* row);
+  // Fills `row` from the first batch's next record, and moves on.
+  HRESULT FillFromBatch(CRefCountedDataStoreRow* row, CellRunTimer& timer);
 
   IDataConvert* m_pConvert = nullptr;
   std::vector<uint64_t> m_DstScratch;

@@ -1,5 +1,6 @@
 #include "provider/tables/TableRawData.h"
 
+#include <cstddef>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -30,22 +31,30 @@ bool Movable(VARTYPE vt) {
 bool Plain(VARTYPE vt) { return vt != VT_BSTR && Movable(vt); }
 
 // A page of samples as the historian gave it, its values already converted for the
-// table, handed to the fetch whole: the records are made from it on the fetch's thread.
-// The text-typed table's numbers are written as text here, on the worker, into one
-// buffer for the page.
+// table, handed to the fetch whole: the store reads the rows' cells straight from the
+// page, or has records made from it, on the fetch's thread. The text-typed table's
+// numbers are written as text here, on the worker, into one buffer for the page.
 class CRawPageBatch : public CRecordBatch {
  public:
-  CRawPageBatch(HistoryValueList* page, const corvane::WString& tagName) : m_pPage(page), m_TagName(tagName) {}
+  CRawPageBatch(HistoryValueList* page, const corvane::WString& tagName) : m_pPage(page) {
+    // The tag's name lives unchanged as long as the table (the names are settled in
+    // Prepare), so the rows only point at it.
+    m_TagName.SetText(tagName.data(), tagName.size(), true);
+  }
   ~CRawPageBatch() override { FreeHistoryValueList(m_pPage); }
   CRawPageBatch(const CRawPageBatch&) = delete;
   CRawPageBatch& operator=(const CRawPageBatch&) = delete;
 
   size_t Count() const override { return m_pPage->count; }
+
   // Room for the next sample's value as text (null when memory runs out); KeepText
-  // makes it sample i's value.
+  // makes it sample i's value, and EndTexts ends the writing.
   OLECHAR* TextRoom() {
     try {
-      if (m_TextLength.empty()) m_TextLength.assign(m_pPage->count, 0);
+      if (m_TextStart.empty()) {
+        m_TextStart.assign(m_pPage->count, kNoText);
+        m_TextLength.assign(m_pPage->count, 0);
+      }
       m_Text.resize(m_TextEnd + corvane::kNumberTextChars);
     } catch (const std::bad_alloc&) {
       return nullptr;
@@ -53,27 +62,36 @@ class CRawPageBatch : public CRecordBatch {
     return m_Text.data() + m_TextEnd;
   }
   void KeepText(size_t i, size_t length) {
+    m_TextStart[i] = static_cast<uint32_t>(m_TextEnd);
     m_TextLength[i] = static_cast<uint8_t>(length);
     m_TextEnd += length;
+  }
+  HRESULT EndTexts() {
+    if (m_TextStart.empty()) return S_OK;
+    try {
+      m_TextCells.assign(m_pPage->count, StoredText{nullptr, 0});
+    } catch (const std::bad_alloc&) {
+      return E_OUTOFMEMORY;
+    }
+    for (size_t i = 0; i < m_TextStart.size(); ++i)
+      if (m_TextStart[i] != kNoText) m_TextCells[i] = StoredText{m_Text.data() + m_TextStart[i], m_TextLength[i]};
+    return S_OK;
   }
 
   HRESULT Make(size_t i, ProducedRecord& record) override {
     HistoryValue& sample = m_pPage->values[i];
     record.resize(4);
-    const size_t textLength = m_TextLength.empty() ? 0 : m_TextLength[i];
-    if (textLength) {
-      OLECHAR* room = record[3].OwnTextRoom(textLength);
+    const StoredText text = m_TextCells.empty() ? StoredText{nullptr, 0} : m_TextCells[i];
+    if (text.text) {
+      OLECHAR* room = record[3].OwnTextRoom(text.length);
       if (!room) return E_OUTOFMEMORY;
-      std::memcpy(room, m_Text.data() + m_TextRead, textLength * sizeof(OLECHAR));
-      m_TextRead += textLength;
-      record[3].SetOwnText(textLength);
+      std::memcpy(room, text.text, text.length * sizeof(OLECHAR));
+      record[3].SetOwnText(text.length);
     } else {
       // Taken from the page, which is freed with the batch anyway.
       record[3].Take(&sample.value);
     }
-    // The tag's name lives unchanged as long as the table (the names are settled in
-    // Prepare), so the row only points at it.
-    record[0].SetText(m_TagName.data(), m_TagName.size(), true);
+    record[0].SetText(m_TagName.Text, m_TagName.TextLength, true);
     record[1].SetTime(sample.timestamp);
     VARIANT q;
     V_VT(&q) = VT_UI4;
@@ -82,13 +100,26 @@ class CRawPageBatch : public CRecordBatch {
     return S_OK;
   }
 
+  std::vector<Field> Layout() const override {
+    const BYTE* first = reinterpret_cast<const BYTE*>(m_pPage->values);
+    const size_t stride = sizeof(HistoryValue);
+    Field value{Field::kVariant, first + offsetof(HistoryValue, value), stride, nullptr};
+    if (!m_TextCells.empty())
+      value = Field{Field::kText, reinterpret_cast<const BYTE*>(m_TextCells.data()), sizeof(StoredText), nullptr};
+    return {Field{Field::kShared, nullptr, 0, &m_TagName},
+            Field{Field::kTime, first + offsetof(HistoryValue, timestamp), stride, nullptr},
+            Field{Field::kUI4, first + offsetof(HistoryValue, quality), stride, nullptr}, value};
+  }
+
  private:
+  static constexpr uint32_t kNoText = UINT32_MAX;
   HistoryValueList* m_pPage;
-  const corvane::WString& m_TagName;
+  StoreValue m_TagName;
   std::vector<OLECHAR> m_Text;
-  std::vector<uint8_t> m_TextLength;  // per sample, 0 for a value kept as a VARIANT
   size_t m_TextEnd = 0;
-  size_t m_TextRead = 0;  // records are made in order
+  std::vector<uint32_t> m_TextStart;  // per sample, kNoText for a value kept as a VARIANT
+  std::vector<uint8_t> m_TextLength;
+  std::vector<StoredText> m_TextCells;  // once the texts are written: each sample's, or none
 };
 }  // namespace
 
@@ -263,6 +294,7 @@ HRESULT CTableRawData::Step() {
         hr = S_OK;
       }
     }
+    if (SUCCEEDED(hr)) hr = batch->EndTexts();
     if (SUCCEEDED(hr)) AppendBatch(std::move(batch));  // else the page goes with the batch
   }
   if (FAILED(hr)) {
