@@ -984,10 +984,11 @@ HRESULT CDataStore::FillFromBatch(CRefCountedDataStoreRow* row, CellRunTimer& ti
 void CDataStore::PlanBatch(const CRecordBatch& batch) {
   using Field = CRecordBatch::Field;
   m_BatchPlan.clear();
-  // Only rows whose every cell the steps write, under the one status word.
-  if (!m_FillStatusWord || !m_FillCoversRecord) return;
+  // Only rows whose every cell a step writes, under the one status word; a field no
+  // column reads is left where it is.
+  if (!m_FillStatusWord) return;
   const std::vector<Field> fields = batch.Layout();
-  if (fields.size() != m_FillFields) return;
+  if (fields.size() < m_FillFields) return;
   std::vector<DirectStep> plan;
   for (const FillStep& step : m_FillSteps) {
     const Field& field = fields[step.field];
