@@ -899,7 +899,8 @@ HRESULT CDataStore::PullFromProducer(ULONGLONG wanted) {
     CRefCountedDataStoreRow* rows[kPortion];
     size_t taken = 0;
     size_t used = 0;
-    for (ULONGLONG made = 0; made < wanted; ++made) {
+    ULONGLONG made = 0;
+    while (made < wanted) {
       const size_t left = (m_Incoming.size() - m_IncomingNext) + m_BatchRecordsLeft;
       if (left == 0) break;
       if (m_MaxRows != 0 && m_RowsQueued >= m_MaxRows) {
@@ -920,12 +921,13 @@ HRESULT CDataStore::PullFromProducer(ULONGLONG wanted) {
           break;
         }
       }
-      CRefCountedDataStoreRow* row = rows[used];
+      // The rows taken are no more than those asked for and allowed: a run of them all is.
+      size_t run = 1;
       if (m_IncomingNext < m_Incoming.size()) {
         if (m_IncomingNext + kPrefetchRecordsAhead < m_Incoming.size())
           PrefetchRecord(m_Incoming[m_IncomingNext + kPrefetchRecordsAhead]);
         ProducedRecord& record = m_Incoming[m_IncomingNext++];
-        if (FillRow(record, row, timer)) {
+        if (FillRow(record, rows[used], timer)) {
           // Its values own nothing: emptied now, while they are in the cache, the record
           // needs no second look when it goes back to the producer.
           for (StoreValue& value : record) {
@@ -935,7 +937,7 @@ HRESULT CDataStore::PullFromProducer(ULONGLONG wanted) {
           ++m_IncomingEmptied;
         }
       } else {
-        const HRESULT hr = FillFromBatch(row, timer);
+        const HRESULT hr = FillFromBatch(rows + used, taken - used, timer, &run);
         if (FAILED(hr)) {
           m_Batches.clear();
           m_BatchRecordsLeft = 0;
@@ -943,9 +945,10 @@ HRESULT CDataStore::PullFromProducer(ULONGLONG wanted) {
           break;
         }
       }
-      ++used;
-      m_ReadRows.push_back(row);
-      ++m_RowsQueued;
+      for (size_t k = 0; k < run; ++k) m_ReadRows.push_back(rows[used + k]);
+      used += run;
+      made += run;
+      m_RowsQueued += run;
     }
     if (used < taken) m_pPool->GiveBackMany(rows + used, taken - used);
   }
@@ -953,30 +956,40 @@ HRESULT CDataStore::PullFromProducer(ULONGLONG wanted) {
   return result;
 }
 
-HRESULT CDataStore::FillFromBatch(CRefCountedDataStoreRow* row, CellRunTimer& timer) {
+HRESULT CDataStore::FillFromBatch(CRefCountedDataStoreRow** rows, size_t room, CellRunTimer& timer, size_t* run) {
   CRecordBatch& batch = *m_Batches.front();
-  const size_t i = m_BatchNext;
-  if (i == 0 || m_BatchPlan.empty() || !FillDirect(i, row)) {
-    // Made into the same record row after row, which stays in this thread's cache.
-    const HRESULT hr = batch.Make(i, m_BatchRecord);
-    if (FAILED(hr)) return hr;
-    if (FillRow(m_BatchRecord, row, timer)) {
-      for (StoreValue& value : m_BatchRecord) {
-        value.Kind = StoreValue::kNone;
-        V_VT(&value.Value) = VT_EMPTY;
-      }
-    } else {
-      for (StoreValue& value : m_BatchRecord) value.Reset();
-    }
-    if (i == 0) PlanBatch(batch);
+  const size_t first = m_BatchNext;
+  HRESULT hr = S_OK;
+  if (first == 0 || m_BatchPlan.empty() || corvane::TraceWanted(TRACE_DETAIL)) {
+    *run = 1;
+    hr = FillFromRecord(batch, first, rows[0], timer);
+    if (first == 0 && SUCCEEDED(hr)) PlanBatch(batch);
   } else {
-    timer.BeforeCell();
+    *run = std::min({room, batch.Count() - first, kDirectRunMax});
+    hr = FillDirect(batch, first, rows, *run, timer);
   }
-  --m_BatchRecordsLeft;
-  if (++m_BatchNext == batch.Count()) {
+  if (FAILED(hr)) return hr;
+  m_BatchRecordsLeft -= *run;
+  m_BatchNext += *run;
+  if (m_BatchNext == batch.Count()) {
     m_Batches.erase(m_Batches.begin());
     m_BatchNext = 0;
     m_BatchPlan.clear();
+  }
+  return S_OK;
+}
+
+HRESULT CDataStore::FillFromRecord(CRecordBatch& batch, size_t i, CRefCountedDataStoreRow* row, CellRunTimer& timer) {
+  // Made into the same record row after row, which stays in this thread's cache.
+  const HRESULT hr = batch.Make(i, m_BatchRecord);
+  if (FAILED(hr)) return hr;
+  if (FillRow(m_BatchRecord, row, timer)) {
+    for (StoreValue& value : m_BatchRecord) {
+      value.Kind = StoreValue::kNone;
+      V_VT(&value.Value) = VT_EMPTY;
+    }
+  } else {
+    for (StoreValue& value : m_BatchRecord) value.Reset();
   }
   return S_OK;
 }
@@ -1020,65 +1033,93 @@ void CDataStore::PlanBatch(const CRecordBatch& batch) {
   m_BatchPlan.swap(plan);
 }
 
-bool CDataStore::FillDirect(size_t i, CRefCountedDataStoreRow* row) {
-  if (corvane::TraceWanted(TRACE_DETAIL)) return false;
-  BYTE* buffer = row->Buffer();
+HRESULT CDataStore::FillDirect(CRecordBatch& batch, size_t first, CRefCountedDataStoreRow** rows, size_t n,
+                               CellRunTimer& timer) {
+  // A column at a time: one decision per column for the whole run, not per cell. A row
+  // with a cell the plan cannot write is marked and made through its record at the end.
+  static_assert(kDirectRunMax <= 64, "one bit a row");
+  uint64_t failed = 0;
+  timer.BeforeCell();
   for (const DirectStep& step : m_BatchPlan) {
-    BYTE* cell = buffer + step.cell;
-    const BYTE* source = step.base + i * step.stride;
+    const BYTE* source = step.base + first * step.stride;
     switch (step.form) {
       case CRecordBatch::Field::kShared:
-        std::memcpy(cell, &step.shared, sizeof step.shared);
+        for (size_t k = 0; k < n; ++k) std::memcpy(rows[k]->Buffer() + step.cell, &step.shared, sizeof step.shared);
         break;
-      case CRecordBatch::Field::kTime: {
-        FILETIME time;
-        std::memcpy(&time, source, sizeof time);
-        DBTIMESTAMP ts;
-        if (!SameDay((static_cast<ULONGLONG>(time.dwHighDateTime) << 32) | time.dwLowDateTime, &ts)) return false;
-        std::memcpy(cell, &ts, sizeof ts);
+      case CRecordBatch::Field::kTime:
+        for (size_t k = 0; k < n; ++k, source += step.stride) {
+          FILETIME time;
+          std::memcpy(&time, source, sizeof time);
+          DBTIMESTAMP ts;
+          if (SameDay((static_cast<ULONGLONG>(time.dwHighDateTime) << 32) | time.dwLowDateTime, &ts))
+            std::memcpy(rows[k]->Buffer() + step.cell, &ts, sizeof ts);
+          else
+            failed |= uint64_t{1} << k;
+        }
         break;
-      }
       case CRecordBatch::Field::kUI4:
-        std::memcpy(cell, source, 4);
+        for (size_t k = 0; k < n; ++k, source += step.stride) std::memcpy(rows[k]->Buffer() + step.cell, source, 4);
         break;
-      case CRecordBatch::Field::kVariant: {
-        VARTYPE vt;
-        std::memcpy(&vt, source, sizeof vt);
-        if (step.kind == FillStep::kVariant) {
-          // As FillUsual: a VARIANT that owns nothing, over a cell that owns nothing.
-          VARTYPE old;
-          std::memcpy(&old, cell, sizeof old);
-          if (!CRefCountedDataStoreRow::OwnsNothing(vt) || !CRefCountedDataStoreRow::OwnsNothing(old)) return false;
-          std::memcpy(cell, source, sizeof(VARIANT));
-          break;
+      case CRecordBatch::Field::kVariant:
+        for (size_t k = 0; k < n; ++k, source += step.stride) {
+          BYTE* cell = rows[k]->Buffer() + step.cell;
+          VARTYPE vt;
+          std::memcpy(&vt, source, sizeof vt);
+          if (step.kind == FillStep::kVariant) {
+            // As FillUsual: a VARIANT that owns nothing, over a cell that owns nothing.
+            VARTYPE old;
+            std::memcpy(&old, cell, sizeof old);
+            if (CRefCountedDataStoreRow::OwnsNothing(vt) && CRefCountedDataStoreRow::OwnsNothing(old))
+              std::memcpy(cell, source, sizeof(VARIANT));
+            else
+              failed |= uint64_t{1} << k;
+            continue;
+          }
+          if (vt != step.vt) {
+            failed |= uint64_t{1} << k;
+            continue;
+          }
+          const BYTE* bits = source + kVariantValueOffset;
+          switch (step.kind) {
+            case FillStep::kFixed1: std::memcpy(cell, bits, 1); break;
+            case FillStep::kFixed2: std::memcpy(cell, bits, 2); break;
+            case FillStep::kFixed4: std::memcpy(cell, bits, 4); break;
+            default: std::memcpy(cell, bits, 8); break;
+          }
         }
-        if (vt != step.vt) return false;
-        const BYTE* bits = source + kVariantValueOffset;
-        switch (step.kind) {
-          case FillStep::kFixed1: std::memcpy(cell, bits, 1); break;
-          case FillStep::kFixed2: std::memcpy(cell, bits, 2); break;
-          case FillStep::kFixed4: std::memcpy(cell, bits, 4); break;
-          default: std::memcpy(cell, bits, 8); break;
+        break;
+      case CRecordBatch::Field::kText:
+        for (size_t k = 0; k < n; ++k, source += step.stride) {
+          StoredText text;
+          std::memcpy(&text, source, sizeof text);
+          if (!text.text || text.length > step.room || (failed >> k & 1)) {
+            failed |= uint64_t{1} << k;
+            continue;
+          }
+          const OLECHAR* chars = static_cast<const OLECHAR*>(text.text);
+          const size_t kept = UpToZero(chars, text.length);
+          const StoredText stored{rows[k]->StoreText(chars, kept * sizeof(OLECHAR), sizeof(OLECHAR)), kept};
+          if (!stored.text) {
+            failed |= uint64_t{1} << k;
+            continue;
+          }
+          std::memcpy(rows[k]->Buffer() + step.cell, &stored, sizeof stored);
         }
         break;
-      }
-      case CRecordBatch::Field::kText: {
-        StoredText text;
-        std::memcpy(&text, source, sizeof text);
-        if (!text.text || text.length > step.room) return false;
-        const OLECHAR* chars = static_cast<const OLECHAR*>(text.text);
-        const size_t kept = UpToZero(chars, text.length);
-        const StoredText stored{row->StoreText(chars, kept * sizeof(OLECHAR), sizeof(OLECHAR)), kept};
-        if (!stored.text) return false;
-        std::memcpy(cell, &stored, sizeof stored);
-        break;
-      }
       case CRecordBatch::Field::kElsewhere:
-        return false;
+        failed = ~uint64_t{0};
+        break;
     }
   }
-  std::memcpy(buffer, &m_FillStatusWord, sizeof m_FillStatusWord);
-  return true;
+  for (size_t k = 0; k < n; ++k) {
+    if (failed >> k & 1) {
+      const HRESULT hr = FillFromRecord(batch, first + k, rows[k], timer);
+      if (FAILED(hr)) return hr;
+    } else {
+      std::memcpy(rows[k]->Buffer(), &m_FillStatusWord, sizeof m_FillStatusWord);
+    }
+  }
+  return S_OK;
 }
 
 HRESULT CDataStore::GetNextRows(ULONGLONG skip, ULONGLONG count, std::vector<CRefCountedDataStoreRow*>& rows) {

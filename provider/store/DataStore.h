@@ -249,10 +249,15 @@ class CDataStore {
   std::vector<DirectStep> m_BatchPlan;
   // Plans the cells of `batch`, whose first row was just filled from its first record.
   void PlanBatch(const CRecordBatch& batch);
-  // Fills `row` from record i of the planned batch; false when a cell needs the record.
-  bool FillDirect(size_t i, CRefCountedDataStoreRow* row);
-  // Fills `row` from the first batch's next record, and moves on.
-  HRESULT FillFromBatch(CRefCountedDataStoreRow* row, CellRunTimer& timer);
+  // Fills rows[0..n) from the records first.. of the planned batch.
+  HRESULT FillDirect(CRecordBatch& batch, size_t first, CRefCountedDataStoreRow** rows, size_t n,
+                     CellRunTimer& timer);
+  static constexpr size_t kDirectRunMax = 64;
+  // Fills `row` from record i of `batch`, through the record.
+  HRESULT FillFromRecord(CRecordBatch& batch, size_t i, CRefCountedDataStoreRow* row, CellRunTimer& timer);
+  // Fills rows from the first batch's next records, at most `room` of them, and moves
+  // on: *run is how many.
+  HRESULT FillFromBatch(CRefCountedDataStoreRow** rows, size_t room, CellRunTimer& timer, size_t* run);
 
   IDataConvert* m_pConvert = nullptr;
   std::vector<uint64_t> m_DstScratch;
