@@ -29,10 +29,10 @@ class CRecordFilter {
 };
 
 // Records a producer hands over in a compact form of its own (a page of history as the
-// historian gave it, say) rather than one record at a time. The fetch makes the records
-// on its own thread, one after another into a record it reuses: what crosses from the
-// worker to the consumer is the compact form (32 bytes a sample against a record's 256),
-// and nothing goes back.
+// historian gave it, say) rather than one record at a time: what crosses from the
+// worker's thread to the fetch's is the compact form (32 bytes a sample against a
+// record's 256), and nothing goes back. A store writes the rows' cells from where Layout
+// says the fields lie, and asks Make for a record only where it cannot.
 class CRecordBatch {
  public:
   // Where a field of the batch's records lies, for a store that reads it there rather than
