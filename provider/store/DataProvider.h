@@ -44,7 +44,7 @@ class CRecordBatch {
       kTime,       // a FILETIME
       kUI4,        // a 4-byte unsigned number
       kVariant,    // a VARIANT, lent: it stays the batch's
-      kText        // a StoredText; a null text: only Make gives the value
+      kText        // a StoredText of characters none of which is zero; a null text: only Make gives it
     };
     Form form = kElsewhere;
     const BYTE* base = nullptr;

@@ -1096,9 +1096,8 @@ HRESULT CDataStore::FillDirect(CRecordBatch& batch, size_t first, CRefCountedDat
             failed |= uint64_t{1} << k;
             continue;
           }
-          const OLECHAR* chars = static_cast<const OLECHAR*>(text.text);
-          const size_t kept = UpToZero(chars, text.length);
-          const StoredText stored{rows[k]->StoreText(chars, kept * sizeof(OLECHAR), sizeof(OLECHAR)), kept};
+          const StoredText stored{rows[k]->StoreText(text.text, text.length * sizeof(OLECHAR), sizeof(OLECHAR)),
+                                  text.length};
           if (!stored.text) {
             failed |= uint64_t{1} << k;
             continue;

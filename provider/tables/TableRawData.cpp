@@ -1,5 +1,6 @@
 #include "provider/tables/TableRawData.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
 #include <memory>
@@ -64,7 +65,9 @@ class CRawPageBatch : public CRecordBatch {
         m_TextStart.assign(m_pPage->count, kNoText);
         m_TextLength.assign(m_pPage->count, 0);
       }
-      m_Text.resize(m_TextEnd + corvane::kNumberTextChars);
+      // Grown by doubling, not a text's room at a time: a resize fills what it adds.
+      if (m_Text.size() < m_TextEnd + corvane::kNumberTextChars)
+        m_Text.resize(std::max(2 * m_Text.size(), m_TextEnd + corvane::kNumberTextChars * 64));
     } catch (const std::bad_alloc&) {
       return nullptr;
     }
