@@ -20,6 +20,10 @@ CRefCountedDataStoreRow::CRefCountedDataStoreRow(Pool* pool, BYTE* buffer, const
 CRefCountedDataStoreRow::~CRefCountedDataStoreRow() { CoTaskMemFree(m_pText); }
 
 ULONG CRefCountedDataStoreRow::Release() {
+  if (LastReference()) {
+    m_pPool->GiveBack(this);
+    return 0;
+  }
   const ULONG left = m_cRef.fetch_sub(1, std::memory_order_acq_rel) - 1;
   if (left == 0) m_pPool->GiveBack(this);
   return left;
@@ -35,7 +39,7 @@ void CRefCountedDataStoreRow::ReleaseMany(CRefCountedDataStoreRow* const* rows, 
   };
   for (size_t i = 0; i < count; ++i) {
     CRefCountedDataStoreRow* row = rows[i];
-    if (row->m_cRef.fetch_sub(1, std::memory_order_acq_rel) != 1) continue;
+    if (!row->LastReference() && row->m_cRef.fetch_sub(1, std::memory_order_acq_rel) != 1) continue;
     if (n == std::size(done) || (n && done[0]->m_pPool != row->m_pPool)) flush();
     done[n++] = row;
   }
@@ -71,7 +75,13 @@ const void* CRefCountedDataStoreRow::StoreText(const void* bytes, size_t n, size
   }
   BYTE* copy = m_pText + start;
   if (n) std::memcpy(copy, bytes, n);
-  std::memset(copy + n, 0, terminator);
+  // A wide character's terminator is two stores, not a call: this runs for each text cell.
+  if (terminator == 2) {
+    copy[n] = 0;
+    copy[n + 1] = 0;
+  } else if (terminator) {
+    std::memset(copy + n, 0, terminator);
+  }
   m_cbTextUsed = end;
   return copy;
 }
@@ -118,6 +128,8 @@ CRefCountedDataStoreRow::Pool::Pool(const DataStoreColumnInfo* columns, DBORDINA
   m_bStatusWord = firstValue >= sizeof(uint64_t);
   const size_t perRow = sizeof(CRefCountedDataStoreRow) + static_cast<size_t>(rowSize);
   m_MaxFree = std::min<size_t>(kMaxFreeRows, kMaxFreeBytes / perRow);
+  m_pFreeRows.reset(new (std::nothrow) CRefCountedDataStoreRow*[m_MaxFree]);
+  if (!m_pFreeRows) m_MaxFree = 0;  // rows are then freed when given back
 }
 
 CRefCountedDataStoreRow::Pool::~Pool() {
@@ -127,10 +139,8 @@ CRefCountedDataStoreRow::Pool::~Pool() {
 size_t CRefCountedDataStoreRow::Pool::TakeMany(CRefCountedDataStoreRow** rows, size_t count) {
   size_t reused = 0;
   Lock();
-  for (; reused < count && m_pFree; ++reused) {
-    rows[reused] = m_pFree;
-    m_pFree = m_pFree->m_pNext;
-  }
+  // Newest first: the rows given back last are the likeliest still in the cache.
+  for (; reused < count && reused < m_cFree; ++reused) rows[reused] = m_pFreeRows[m_cFree - 1 - reused];
   m_cFree -= reused;
   m_cOut += count;
   Unlock();
@@ -191,9 +201,7 @@ void CRefCountedDataStoreRow::Pool::GiveBackMany(CRefCountedDataStoreRow* const*
   for (size_t i = 0; i < count; ++i) {
     CRefCountedDataStoreRow* row = rows[i];
     if (!m_bDetached && m_cFree < m_MaxFree) {
-      row->m_pNext = m_pFree;
-      m_pFree = row;
-      ++m_cFree;
+      m_pFreeRows[m_cFree++] = row;
     } else {
       row->m_pNext = spare;
       spare = row;
@@ -211,16 +219,12 @@ void CRefCountedDataStoreRow::Pool::GiveBackMany(CRefCountedDataStoreRow* const*
 
 void CRefCountedDataStoreRow::Pool::Trim() {
   Lock();
-  CRefCountedDataStoreRow* free = m_pFree;
-  m_pFree = nullptr;
+  std::unique_ptr<CRefCountedDataStoreRow*[]> free = std::move(m_pFreeRows);
+  const size_t count = m_cFree;
   m_cFree = 0;
   m_MaxFree = 0;
   Unlock();
-  while (free) {
-    CRefCountedDataStoreRow* next = free->m_pNext;
-    Destroy(free);
-    free = next;
-  }
+  for (size_t i = 0; i < count; ++i) Destroy(free[i]);
 }
 
 void CRefCountedDataStoreRow::Pool::Detach() {

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <unordered_map>
 #include <vector>
 
@@ -68,6 +69,10 @@ class CRefCountedDataStoreRow {
   CRefCountedDataStoreRow(Pool* pool, BYTE* buffer, const DataStoreColumnInfo* columns, DBORDINAL count,
                           DBLENGTH size);
   ~CRefCountedDataStoreRow();
+  // The caller's reference is the only one: no other holder is left to add or drop one,
+  // so the count needs no atomic change (an uncontended one still costs a full barrier
+  // per row). The load acquires what earlier holders wrote before their release.
+  bool LastReference() const { return m_cRef.load(std::memory_order_acquire) == 1; }
   // Clears owning VARIANT cells, frees by-reference strings and forgets the text.
   void ReleaseContents(const std::vector<DBORDINAL>& owning);
   // Called by the writers that leave memory in the row for its release to free.
@@ -147,7 +152,9 @@ class CRefCountedDataStoreRow::Pool {
   bool m_bStatusWord = false;       // they and the padding after them fit in 8 bytes
   std::vector<DBORDINAL> m_Owning;  // VARIANT and by-reference columns
   size_t m_MaxFree;
-  CRefCountedDataStoreRow* m_pFree = nullptr;
+  // The free rows, newest last, in an array rather than linked through the rows: taking
+  // a portion reads no row, where a list would wait for each row's line in turn.
+  std::unique_ptr<CRefCountedDataStoreRow*[]> m_pFreeRows;
   size_t m_cFree = 0;
   size_t m_cOut = 0;  // rows taken and not yet given back
   bool m_bDetached = false;
