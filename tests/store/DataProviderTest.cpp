@@ -103,6 +103,22 @@ TEST_F(DataProviderWorker, RecordsAndBatchesLeaveInTheOrderProduced) {
   }
 }
 
+// A fetch that makes a batch's records for its caller (a computed select list) reuses the
+// records given back; otherwise they would pile up, a page a fetch, while the read runs.
+TEST_F(DataProviderWorker, RecordsMadeFromBatchesReuseTheRecordsGivenBack) {
+  PagedProducer provider(40, 2);
+  provider.EnableRecordReuse();
+  ProducedRecordList rows;
+  for (int step = 0; step < 20; ++step) {
+    ASSERT_EQ(S_OK, provider.ExecuteStep());
+    rows.clear();
+    provider.FetchRows(rows, 1);
+    ASSERT_EQ(2u, rows.size());
+    provider.RecycleRecords(rows);
+  }
+  EXPECT_LE(provider.TakeSpareRecords(100).size(), 2u);
+}
+
 TEST_F(DataProviderWorker, AFetchWakesWhenRowsArriveOrTheWorkerEnds) {
   PagedProducer producer(3000, 1000);
   ASSERT_EQ(S_OK, producer.Execute());

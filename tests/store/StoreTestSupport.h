@@ -91,7 +91,10 @@ class PagedProducer : public CDataProvider {
     if (step % 2 == 0) {
       AppendBatch(std::make_unique<RawBatch>(produced_.load(), static_cast<size_t>(end - produced_.load())));
     } else {
-      for (ULONGLONG i = produced_.load(); i < end; ++i) page.push_back(RawRecord(i));
+      // In records given back, when there are (as a producer that reuses them would).
+      page = TakeSpareRecords(static_cast<size_t>(end - produced_.load()));
+      page.resize(static_cast<size_t>(end - produced_.load()));
+      for (ULONGLONG i = produced_.load(); i < end; ++i) page[static_cast<size_t>(i - produced_.load())] = RawRecord(i);
       AppendRecords(std::move(page));
     }
     produced_ = end;
