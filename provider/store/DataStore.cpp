@@ -378,7 +378,6 @@ HRESULT CDataStore::FindColumn(const std::vector<ColumnRecord>& columns, const O
 // build would otherwise call them.
 inline void CDataStore::RowQueue::push_back(CRefCountedDataStoreRow* row) {
   row->m_pNext = nullptr;
-  row->m_pPrev = m_pTail;
   if (m_pTail) {
     m_pTail->m_pNext = row;
   } else {
@@ -392,12 +391,8 @@ inline CRefCountedDataStoreRow* CDataStore::RowQueue::pop_front() {
   CRefCountedDataStoreRow* row = m_pHead;
   if (!row) return nullptr;
   m_pHead = row->m_pNext;
-  if (m_pHead) {
-    m_pHead->m_pPrev = nullptr;
-  } else {
-    m_pTail = nullptr;
-  }
-  row->m_pNext = row->m_pPrev = nullptr;
+  if (!m_pHead) m_pTail = nullptr;
+  row->m_pNext = nullptr;
   --m_Count;
   return row;
 }

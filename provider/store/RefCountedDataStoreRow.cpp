@@ -13,9 +13,7 @@ bool IsTextCell(DBTYPE type) { return type == DBTYPE_WSTR || type == DBTYPE_STR;
 
 }  // namespace
 
-CRefCountedDataStoreRow::CRefCountedDataStoreRow(Pool* pool, BYTE* buffer, const DataStoreColumnInfo* columns,
-                                                 DBORDINAL count, DBLENGTH size)
-    : m_pBuffer(buffer), m_pColumns(columns), m_cColumns(count), m_cbSize(size), m_pPool(pool) {}
+CRefCountedDataStoreRow::CRefCountedDataStoreRow(Pool* pool, BYTE* buffer) : m_pBuffer(buffer), m_pPool(pool) {}
 
 CRefCountedDataStoreRow::~CRefCountedDataStoreRow() { CoTaskMemFree(m_pText); }
 
@@ -47,18 +45,20 @@ void CRefCountedDataStoreRow::ReleaseMany(CRefCountedDataStoreRow* const* rows, 
 }
 
 const void* CRefCountedDataStoreRow::StoreText(const void* bytes, size_t n, size_t terminator) {
-  const size_t start = (m_cbTextUsed + 1) & ~size_t{1};
+  const size_t start = (size_t{m_cbTextUsed} + 1) & ~size_t{1};
   const size_t end = start + n + terminator;
-  if (end < start) return nullptr;
+  if (end < start || end > UINT32_MAX) return nullptr;
   if (end > m_cbTextCapacity) {
     size_t capacity = std::max<size_t>(64, m_cbTextCapacity);
     while (capacity < end) capacity *= 2;
+    capacity = std::min<size_t>(capacity, UINT32_MAX);
     auto* grown = static_cast<BYTE*>(CoTaskMemAlloc(capacity));
     if (!grown) return nullptr;
     if (m_cbTextUsed) std::memcpy(grown, m_pText, m_cbTextUsed);
     // The cells written so far point into the old buffer.
-    for (DBORDINAL i = 0; i < m_cColumns; ++i) {
-      const DataStoreColumnInfo& col = m_pColumns[i];
+    const DataStoreColumnInfo* columns = Columns();
+    for (DBORDINAL i = 0, count = ColumnCount(); i < count; ++i) {
+      const DataStoreColumnInfo& col = columns[i];
       if (!IsTextCell(col.wType) || m_pBuffer[col.cbStatus] == 0) continue;
       StoredText cell;
       std::memcpy(&cell, m_pBuffer + col.cbOffset, sizeof cell);
@@ -70,7 +70,7 @@ const void* CRefCountedDataStoreRow::StoreText(const void* bytes, size_t n, size
     }
     CoTaskMemFree(m_pText);
     m_pText = grown;
-    m_cbTextCapacity = capacity;
+    m_cbTextCapacity = static_cast<uint32_t>(capacity);
     if (capacity > Pool::kMaxKeptText) m_bOwns = true;
   }
   BYTE* copy = m_pText + start;
@@ -82,13 +82,14 @@ const void* CRefCountedDataStoreRow::StoreText(const void* bytes, size_t n, size
   } else if (terminator) {
     std::memset(copy + n, 0, terminator);
   }
-  m_cbTextUsed = end;
+  m_cbTextUsed = static_cast<uint32_t>(end);
   return copy;
 }
 
 void CRefCountedDataStoreRow::ReleaseContents(const std::vector<DBORDINAL>& owning) {
+  const DataStoreColumnInfo* columns = Columns();
   for (DBORDINAL i : owning) {
-    const DataStoreColumnInfo& col = m_pColumns[i];
+    const DataStoreColumnInfo& col = columns[i];
     BYTE* value = m_pBuffer + col.cbOffset;
     if (col.wType == DBTYPE_VARIANT) {
       VARTYPE vt;
@@ -170,7 +171,7 @@ size_t CRefCountedDataStoreRow::Pool::TakeMany(CRefCountedDataStoreRow** rows, s
     for (DBORDINAL i : m_Owning) {
       if (m_pColumns[i].wType == DBTYPE_VARIANT) VariantInit(reinterpret_cast<VARIANT*>(buffer + m_pColumns[i].cbOffset));
     }
-    rows[made] = new (block) CRefCountedDataStoreRow(this, buffer, m_pColumns, m_cColumns, m_cbRowSize);
+    rows[made] = new (block) CRefCountedDataStoreRow(this, buffer);
   }
   if (made == count) return made;
   Lock();

@@ -45,11 +45,12 @@ class CRefCountedDataStoreRow {
   static void ReleaseMany(CRefCountedDataStoreRow* const* rows, size_t count);
 
   BYTE* Buffer() const { return m_pBuffer; }
-  DBLENGTH Size() const { return m_cbSize; }
-  const DataStoreColumnInfo* Columns() const { return m_pColumns; }
-  DBORDINAL ColumnCount() const { return m_cColumns; }
+  // The layout is the pool's, the same for all its rows.
+  inline DBLENGTH Size() const;
+  inline const DataStoreColumnInfo* Columns() const;
+  inline DBORDINAL ColumnCount() const;
   // Bytes the row takes with its text, for memory accounting.
-  size_t Footprint() const { return sizeof(*this) + static_cast<size_t>(m_cbSize) + m_cbTextCapacity; }
+  size_t Footprint() const { return sizeof(*this) + static_cast<size_t>(Size()) + m_cbTextCapacity; }
 
   // Copies `bytes` and `terminator` zero bytes into the row's text buffer and returns
   // the copy, 2-byte aligned; null when memory runs out. Text cells already written
@@ -66,8 +67,7 @@ class CRefCountedDataStoreRow {
  private:
   friend class CDataStore;
 
-  CRefCountedDataStoreRow(Pool* pool, BYTE* buffer, const DataStoreColumnInfo* columns, DBORDINAL count,
-                          DBLENGTH size);
+  CRefCountedDataStoreRow(Pool* pool, BYTE* buffer);
   ~CRefCountedDataStoreRow();
   // The caller's reference is the only one: no other holder is left to add or drop one,
   // so the count needs no atomic change (an uncontended one still costs a full barrier
@@ -84,17 +84,16 @@ class CRefCountedDataStoreRow {
   // back then only forgets their text instead of looking at every owning column. Beside
   // the count, in what was padding: the row stays the size it was.
   bool m_bOwns = false;
+  // The row is read and written on every fetch, so it holds only what differs from row
+  // to row (the layout is the pool's): with the cells after it, a history row takes two
+  // cache lines rather than three or four.
   BYTE* m_pBuffer;
-  const DataStoreColumnInfo* m_pColumns;
-  DBORDINAL m_cColumns;
-  DBLENGTH m_cbSize;
   Pool* m_pPool;
   // The text of text cells that is not shared: one buffer, kept for the next row.
   BYTE* m_pText = nullptr;
-  size_t m_cbTextUsed = 0;
-  size_t m_cbTextCapacity = 0;
-  // Links in the store's queue of rows not yet handed out, or in the pool's free list.
-  CRefCountedDataStoreRow* m_pPrev = nullptr;
+  uint32_t m_cbTextUsed = 0;
+  uint32_t m_cbTextCapacity = 0;
+  // The link in the store's queue of rows not yet handed out.
   CRefCountedDataStoreRow* m_pNext = nullptr;
 };
 
@@ -125,6 +124,10 @@ class CRefCountedDataStoreRow::Pool {
   // shared texts are full, and the caller then stores the text in the row. Only the
   // store's filling thread calls this; rows read the copies until the pool goes.
   const OLECHAR* ShareText(const OLECHAR* text, size_t length);
+
+  DBLENGTH RowSize() const { return m_cbRowSize; }
+  const DataStoreColumnInfo* Columns() const { return m_pColumns; }
+  DBORDINAL ColumnCount() const { return m_cColumns; }
 
   // Free rows kept at most, whatever the row size.
   static constexpr size_t kMaxFreeBytes = 32u << 20;
@@ -164,3 +167,7 @@ class CRefCountedDataStoreRow::Pool {
   size_t m_SharedTotal = 0;  // characters in all blocks
   std::unordered_map<corvane::WStringView, const OLECHAR*> m_Shared;
 };
+
+inline DBLENGTH CRefCountedDataStoreRow::Size() const { return m_pPool->RowSize(); }
+inline const DataStoreColumnInfo* CRefCountedDataStoreRow::Columns() const { return m_pPool->Columns(); }
+inline DBORDINAL CRefCountedDataStoreRow::ColumnCount() const { return m_pPool->ColumnCount(); }
