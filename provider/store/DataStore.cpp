@@ -737,6 +737,16 @@ size_t CDataStore::TakeRows(CRefCountedDataStoreRow** rows, size_t count) {
   return m_pPool->TakeMany(rows, count);
 }
 
+inline void CDataStore::CopyFixed(FillStep::Kind kind, BYTE* cell, const void* bits) {
+  // Constant sizes: a move each, not a call.
+  switch (kind) {
+    case FillStep::kFixed1: std::memcpy(cell, bits, 1); break;
+    case FillStep::kFixed2: std::memcpy(cell, bits, 2); break;
+    case FillStep::kFixed4: std::memcpy(cell, bits, 4); break;
+    default: std::memcpy(cell, bits, 8); break;
+  }
+}
+
 inline bool CDataStore::FillUsual(const FillStep& step, const StoreValue& value, CRefCountedDataStoreRow* row,
                                   BYTE* buffer) {
   // The usual value for the column's type, written in place; the rows are this store's,
@@ -790,12 +800,7 @@ inline bool CDataStore::FillUsual(const FillStep& step, const StoreValue& value,
     case FillStep::kFixed4:
     case FillStep::kFixed8:
       if (value.Kind != StoreValue::kVariant || V_VT(&value.Value) != step.vt) return false;
-      switch (step.kind) {
-        case FillStep::kFixed1: std::memcpy(cell, &V_I8(&value.Value), 1); break;
-        case FillStep::kFixed2: std::memcpy(cell, &V_I8(&value.Value), 2); break;
-        case FillStep::kFixed4: std::memcpy(cell, &V_I8(&value.Value), 4); break;
-        default: std::memcpy(cell, &V_I8(&value.Value), 8); break;
-      }
+      CopyFixed(step.kind, cell, &V_I8(&value.Value));
       return true;
     case FillStep::kOther:
       break;
@@ -1074,13 +1079,7 @@ HRESULT CDataStore::FillDirect(CRecordBatch& batch, size_t first, CRefCountedDat
             failed |= uint64_t{1} << k;
             continue;
           }
-          const BYTE* bits = source + kVariantValueOffset;
-          switch (step.kind) {
-            case FillStep::kFixed1: std::memcpy(cell, bits, 1); break;
-            case FillStep::kFixed2: std::memcpy(cell, bits, 2); break;
-            case FillStep::kFixed4: std::memcpy(cell, bits, 4); break;
-            default: std::memcpy(cell, bits, 8); break;
-          }
+          CopyFixed(step.kind, cell, source + kVariantValueOffset);
         }
         break;
       case CRecordBatch::Field::kText:

@@ -209,6 +209,8 @@ class CDataStore {
     DBBYTEOFFSET status;    // usual cells never read the column description
   };
   std::vector<FillStep> m_FillSteps;
+  // The fixed-size value at `bits` into `cell`, `kind` being one of kFixed1..kFixed8.
+  static void CopyFixed(FillStep::Kind kind, BYTE* cell, const void* bits);
   // The status bytes of a row whose cells all hold values, as one word in memory order
   // (0: the layout has no such word), and the fields a record needs for it.
   uint64_t m_FillStatusWord = 0;
