@@ -104,11 +104,12 @@ inline CProviderIRowset::RowHandleTable::Slot* CProviderIRowset::RowHandleTable:
 
 void CProviderIRowset::RowHandleTable::Reserve(size_t more) {
   constexpr uint64_t kMaxSlots = 0xFFFFFFFFull;  // the low half of a handle is slot + 1
-  while (m_FreeCount + (m_Made - m_Used) < more) {
+  while (m_Free.size() + (m_Made - m_Used) < more) {
     uint64_t offset;
     const size_t k = BlockOf(m_Made, &offset);
     const uint64_t size = kFirstBlock << k;
     if (m_Made >= kMaxSlots) throw std::bad_alloc();
+    m_Free.reserve(static_cast<size_t>(std::min<uint64_t>(m_Made + size, kMaxSlots)));
     m_Owned[k] = std::make_unique<Slot[]>(static_cast<size_t>(size));
     m_Blocks[k].store(m_Owned[k].get(), std::memory_order_release);
     m_Made = std::min<uint64_t>(m_Made + size, kMaxSlots);
@@ -117,10 +118,9 @@ void CProviderIRowset::RowHandleTable::Reserve(size_t more) {
 
 inline HROW CProviderIRowset::RowHandleTable::Insert(CRefCountedDataStoreRow* row) {
   uint32_t index;
-  if (m_FreeHead) {
-    index = m_FreeHead - 1;
-    m_FreeHead = At(index).nextFree;
-    --m_FreeCount;
+  if (!m_Free.empty()) {
+    index = m_Free.back();
+    m_Free.pop_back();
   } else {
     index = m_Used++;
   }
@@ -138,9 +138,7 @@ inline void CProviderIRowset::RowHandleTable::Erase(Slot* held) {
   const uint32_t slot1 = static_cast<uint32_t>(held->handle.load(std::memory_order_relaxed));
   held->handle.store(0, std::memory_order_relaxed);
   if (++held->generation == 0) return;  // every handle of the slot was given: retired
-  held->nextFree = m_FreeHead;
-  m_FreeHead = slot1;
-  ++m_FreeCount;
+  m_Free.push_back(slot1 - 1);  // within the room Reserve made
 }
 
 using corvane::platform::CriticalSectionLock;

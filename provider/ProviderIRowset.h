@@ -123,7 +123,6 @@ class CProviderIRowset : public IRowset,
       std::atomic<CRefCountedDataStoreRow*> row{nullptr};
       DBREFCOUNT refs = 0;
       uint32_t generation = 0;  // of the slot's next handle
-      uint32_t nextFree = 0;    // the next free slot + 1, 0 for none
     };
     RowHandleTable() = default;
     RowHandleTable(const RowHandleTable&) = delete;
@@ -167,8 +166,10 @@ class CProviderIRowset : public IRowset,
     std::unique_ptr<Slot[]> m_Owned[kBlocks];
     uint64_t m_Made = 0;     // slots in the blocks made
     uint32_t m_Used = 0;     // slots ever handed out; those after are fresh
-    uint32_t m_FreeHead = 0;  // the newest free slot + 1, 0 for none
-    uint64_t m_FreeCount = 0;
+    // The free slots, newest last. An array rather than a list through the slots: a
+    // fetch of a thousand rows would otherwise wait for each slot's line in turn. Its
+    // room is every slot made, so that Erase never allocates.
+    std::vector<uint32_t> m_Free;
   };
   struct Accessor {
     // 0 once released: the object is kept for the next accessor, never freed while a

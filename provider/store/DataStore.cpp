@@ -374,26 +374,24 @@ HRESULT CDataStore::FindColumn(const std::vector<ColumnRecord>& columns, const O
 
 // ---- Row queue
 
-// Every row passes through both once; inline, since the library's position-independent
-// build would otherwise call them.
-inline void CDataStore::RowQueue::push_back(CRefCountedDataStoreRow* row) {
-  row->m_pNext = nullptr;
-  if (m_pTail) {
-    m_pTail->m_pNext = row;
-  } else {
-    m_pHead = row;
+void CDataStore::RowQueue::Reserve(size_t more) {
+  // Rows handed out leave their places at the front: reused before the array grows.
+  if (m_Head != 0) {
+    m_Rows.erase(m_Rows.begin(), m_Rows.begin() + static_cast<std::ptrdiff_t>(m_Head));
+    m_Head = 0;
   }
-  m_pTail = row;
-  ++m_Count;
+  if (m_Rows.capacity() - m_Rows.size() < more) m_Rows.reserve(std::max(m_Rows.size() + more, 2 * m_Rows.size()));
 }
 
+// Every row passes through it once; inline, since the library's position-independent
+// build would otherwise call it.
 inline CRefCountedDataStoreRow* CDataStore::RowQueue::pop_front() {
-  CRefCountedDataStoreRow* row = m_pHead;
-  if (!row) return nullptr;
-  m_pHead = row->m_pNext;
-  if (!m_pHead) m_pTail = nullptr;
-  row->m_pNext = nullptr;
-  --m_Count;
+  if (empty()) return nullptr;
+  CRefCountedDataStoreRow* row = m_Rows[m_Head++];
+  if (empty()) {
+    m_Rows.clear();
+    m_Head = 0;
+  }
   return row;
 }
 
@@ -854,6 +852,11 @@ bool CDataStore::FillRow(const ProducedRecord& record, CRefCountedDataStoreRow* 
 }
 
 HRESULT CDataStore::AppendTimed(const ProducedRecord& record, CellRunTimer& timer) {
+  try {
+    m_ReadRows.Reserve(1);
+  } catch (const std::bad_alloc&) {
+    return E_OUTOFMEMORY;
+  }
   CRefCountedDataStoreRow* row = NewRow();
   if (!row) return E_OUTOFMEMORY;
   FillRow(record, row, timer);
@@ -914,6 +917,12 @@ HRESULT CDataStore::PullFromProducer(ULONGLONG wanted) {
         // Only rows that will be filled: the records left, the rows asked for, the limit.
         ULONGLONG n = std::min<ULONGLONG>({kPortion, left, wanted - made});
         if (m_MaxRows != 0) n = std::min(n, m_MaxRows - m_RowsQueued);
+        try {
+          m_ReadRows.Reserve(static_cast<size_t>(n));
+        } catch (const std::bad_alloc&) {
+          result = E_OUTOFMEMORY;
+          break;
+        }
         taken = TakeRows(rows, static_cast<size_t>(n));
         used = 0;
         if (taken == 0) {

@@ -148,7 +148,6 @@ size_t CRefCountedDataStoreRow::Pool::TakeMany(CRefCountedDataStoreRow** rows, s
 
   for (size_t i = 0; i < reused; ++i) {
     CRefCountedDataStoreRow* row = rows[i];
-    row->m_pNext = nullptr;
     row->m_cRef.store(1, std::memory_order_relaxed);
     // Released contents are already empty cells; only the status bytes still say
     // what the previous row held.
@@ -196,25 +195,15 @@ void CRefCountedDataStoreRow::Pool::GiveBackMany(CRefCountedDataStoreRow* const*
       row->m_cbTextUsed = 0;
     }
   }
-  CRefCountedDataStoreRow* spare = nullptr;  // rows the free list has no room for
   Lock();
   m_cOut -= count;
-  for (size_t i = 0; i < count; ++i) {
-    CRefCountedDataStoreRow* row = rows[i];
-    if (!m_bDetached && m_cFree < m_MaxFree) {
-      m_pFreeRows[m_cFree++] = row;
-    } else {
-      row->m_pNext = spare;
-      spare = row;
-    }
-  }
+  // The free array keeps what it has room for; the rest are freed outside the lock.
+  const size_t kept = m_bDetached ? 0 : std::min(count, m_MaxFree - m_cFree);
+  if (kept) std::memcpy(m_pFreeRows.get() + m_cFree, rows, kept * sizeof *rows);
+  m_cFree += kept;
   const bool last = m_bDetached && m_cOut == 0;
   Unlock();
-  while (spare) {
-    CRefCountedDataStoreRow* next = spare->m_pNext;
-    Destroy(spare);
-    spare = next;
-  }
+  for (size_t i = kept; i < count; ++i) Destroy(rows[i]);
   if (last) delete this;
 }
 

@@ -93,8 +93,6 @@ class CRefCountedDataStoreRow {
   BYTE* m_pText = nullptr;
   uint32_t m_cbTextUsed = 0;
   uint32_t m_cbTextCapacity = 0;
-  // The link in the store's queue of rows not yet handed out.
-  CRefCountedDataStoreRow* m_pNext = nullptr;
 };
 
 // Every row of a store has the store's layout, so a released row serves the next row as
