@@ -13,7 +13,7 @@ bool IsTextCell(DBTYPE type) { return type == DBTYPE_WSTR || type == DBTYPE_STR;
 
 }  // namespace
 
-CRefCountedDataStoreRow::CRefCountedDataStoreRow(Pool* pool, BYTE* buffer) : m_pBuffer(buffer), m_pPool(pool) {}
+CRefCountedDataStoreRow::CRefCountedDataStoreRow(Pool* pool) : m_pPool(pool) {}
 
 CRefCountedDataStoreRow::~CRefCountedDataStoreRow() { CoTaskMemFree(m_pText); }
 
@@ -59,13 +59,13 @@ const void* CRefCountedDataStoreRow::StoreText(const void* bytes, size_t n, size
     const DataStoreColumnInfo* columns = Columns();
     for (DBORDINAL i = 0, count = ColumnCount(); i < count; ++i) {
       const DataStoreColumnInfo& col = columns[i];
-      if (!IsTextCell(col.wType) || m_pBuffer[col.cbStatus] == 0) continue;
+      if (!IsTextCell(col.wType) || Buffer()[col.cbStatus] == 0) continue;
       StoredText cell;
-      std::memcpy(&cell, m_pBuffer + col.cbOffset, sizeof cell);
+      std::memcpy(&cell, Buffer() + col.cbOffset, sizeof cell);
       const BYTE* at = static_cast<const BYTE*>(cell.text);
       if (m_pText && at >= m_pText && at < m_pText + m_cbTextUsed) {
         cell.text = grown + (at - m_pText);
-        std::memcpy(m_pBuffer + col.cbOffset, &cell, sizeof cell);
+        std::memcpy(Buffer() + col.cbOffset, &cell, sizeof cell);
       }
     }
     CoTaskMemFree(m_pText);
@@ -90,7 +90,7 @@ void CRefCountedDataStoreRow::ReleaseContents(const std::vector<DBORDINAL>& owni
   const DataStoreColumnInfo* columns = Columns();
   for (DBORDINAL i : owning) {
     const DataStoreColumnInfo& col = columns[i];
-    BYTE* value = m_pBuffer + col.cbOffset;
+    BYTE* value = Buffer() + col.cbOffset;
     if (col.wType == DBTYPE_VARIANT) {
       VARTYPE vt;
       std::memcpy(&vt, value, sizeof vt);
@@ -154,9 +154,9 @@ size_t CRefCountedDataStoreRow::Pool::TakeMany(CRefCountedDataStoreRow** rows, s
     if (m_bStatusWord) {
       // Most rows have few columns: one store, over the padding before the first value.
       const uint64_t none = 0;
-      std::memcpy(row->m_pBuffer, &none, sizeof none);
+      std::memcpy(row->Buffer(), &none, sizeof none);
     } else {
-      std::memset(row->m_pBuffer, 0, static_cast<size_t>(m_cbStatus));
+      std::memset(row->Buffer(), 0, static_cast<size_t>(m_cbStatus));
     }
   }
 
@@ -170,7 +170,7 @@ size_t CRefCountedDataStoreRow::Pool::TakeMany(CRefCountedDataStoreRow** rows, s
     for (DBORDINAL i : m_Owning) {
       if (m_pColumns[i].wType == DBTYPE_VARIANT) VariantInit(reinterpret_cast<VARIANT*>(buffer + m_pColumns[i].cbOffset));
     }
-    rows[made] = new (block) CRefCountedDataStoreRow(this, buffer);
+    rows[made] = new (block) CRefCountedDataStoreRow(this);
   }
   if (made == count) return made;
   Lock();

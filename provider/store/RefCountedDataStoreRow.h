@@ -44,7 +44,9 @@ class CRefCountedDataStoreRow {
   // their pool in one step.
   static void ReleaseMany(CRefCountedDataStoreRow* const* rows, size_t count);
 
-  BYTE* Buffer() const { return m_pBuffer; }
+  // The cells follow the row in the same block: found without a load, so that a read of
+  // a cell does not first wait for the row's line.
+  BYTE* Buffer() const { return reinterpret_cast<BYTE*>(const_cast<CRefCountedDataStoreRow*>(this) + 1); }
   // The layout is the pool's, the same for all its rows.
   inline DBLENGTH Size() const;
   inline const DataStoreColumnInfo* Columns() const;
@@ -67,7 +69,7 @@ class CRefCountedDataStoreRow {
  private:
   friend class CDataStore;
 
-  CRefCountedDataStoreRow(Pool* pool, BYTE* buffer);
+  explicit CRefCountedDataStoreRow(Pool* pool);
   ~CRefCountedDataStoreRow();
   // The caller's reference is the only one: no other holder is left to add or drop one,
   // so the count needs no atomic change (an uncontended one still costs a full barrier
@@ -87,7 +89,6 @@ class CRefCountedDataStoreRow {
   // The row is read and written on every fetch, so it holds only what differs from row
   // to row (the layout is the pool's): with the cells after it, a history row takes two
   // cache lines rather than three or four.
-  BYTE* m_pBuffer;
   Pool* m_pPool;
   // The text of text cells that is not shared: one buffer, kept for the next row.
   BYTE* m_pText = nullptr;
@@ -165,6 +166,9 @@ class CRefCountedDataStoreRow::Pool {
   size_t m_SharedTotal = 0;  // characters in all blocks
   std::unordered_map<corvane::WStringView, const OLECHAR*> m_Shared;
 };
+
+// The cells right after the row keep the alignment of every cell type (VARIANT's 8).
+static_assert(sizeof(CRefCountedDataStoreRow) % 8 == 0, "cells follow the row aligned");
 
 inline DBLENGTH CRefCountedDataStoreRow::Size() const { return m_pPool->RowSize(); }
 inline const DataStoreColumnInfo* CRefCountedDataStoreRow::Columns() const { return m_pPool->Columns(); }
