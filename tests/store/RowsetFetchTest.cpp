@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <set>
+#include <tuple>
+#include <vector>
 
 #include "provider/PropertyEngine.h"
 #include "tests/store/StoreTestSupport.h"
@@ -89,6 +91,66 @@ TEST_F(RowsetFetch, ArgumentsAreCheckedThenHandlesAreDistinctAndHeldRowsCounted)
   EXPECT_EQ(DB_E_ERRORSOCCURRED, rowset_->ReleaseRows(1, &first, nullptr, nullptr, nullptr));
   EXPECT_EQ(DB_E_BADROWHANDLE, SameRow(first, first));
   EXPECT_EQ(DB_E_CANNOTRESTART, rowset_->RestartPosition(DB_NULL_HCHAPTER));
+}
+
+// The same samples as records and as a page: the page's rows are written a column at a
+// time from where the page lies, the records' rows one record at a time, and each pair
+// answers alike, whether the accessor copies (planned) or converts, across the
+// calendar's edges; the rows are read after the store moved past the page.
+ULONGLONG EdgeTick(ULONGLONG i) {
+  // A page: kJan2024, 12:34:56.789 and the last tick of that day (the fill's quick path,
+  // on the day of the page's first row), 1601-01-01, 1900-02-28 23:59:59.999, 1900-03-01,
+  // 2000-02-29 12:34:56.789, a tick before 2025, the last millisecond of 9999,
+  // 10000-01-01, and a time FileTimeToSystemTime refuses.
+  static const ULONGLONG kEdges[] = {kJan2024,           133485860967890000,  133486271999999999,
+                                     0,                  94405823999990000,   94405824000000000,
+                                     125963012967890000, 133801631999999999,  2650467743999990000,
+                                     2650467744000000000, 0x8000000000000000};
+  return kEdges[i % std::size(kEdges)];
+}
+
+TEST_F(RowsetFetch, RowsOfAPageAnswerAsTheirTwinsFromRecords) {
+  constexpr DBCOUNTITEM kPage = 11;
+  Open(2 * kPage, kPage, CProviderIRowset::RowsetKind::Command, RawDataColumns(), EdgeTick);
+  const DBBINDING copies[] = {Binding(1, DBTYPE_WSTR, 0, 64), Binding(2, DBTYPE_DBTIMESTAMP, 80, 16),
+                              Binding(3, DBTYPE_UI4, 112, 4), Binding(4, DBTYPE_VARIANT, 128, 24)};
+  const DBBINDING converts[] = {Binding(2, DBTYPE_WSTR, 0, 64), Binding(4, DBTYPE_WSTR, 80, 64)};
+  HACCESSOR planned = DB_NULL_HACCESSOR, general = DB_NULL_HACCESSOR;
+  ASSERT_EQ(S_OK, accessor_->CreateAccessor(DBACCESSOR_ROWDATA, 4, copies, 0, &planned, nullptr));
+  ASSERT_EQ(S_OK, accessor_->CreateAccessor(DBACCESSOR_ROWDATA, 2, converts, 0, &general, nullptr));
+  DBCOUNTITEM obtained = 0;
+  HROW rows[2 * kPage];
+  HROW* out = rows;
+  ASSERT_EQ(DB_S_ENDOFROWSET, rowset_->GetNextRows(DB_NULL_HCHAPTER, 0, 2 * kPage + 1, &obtained, &out));
+  ASSERT_EQ(2 * kPage, obtained);
+  auto read = [&](HROW row, HACCESSOR accessor, HRESULT* hr) {
+    std::vector<BYTE> buffer(192, 0xCD);
+    *hr = rowset_->GetData(row, accessor, buffer.data());
+    return buffer;
+  };
+  for (DBCOUNTITEM i = 1; i < kPage; ++i) {
+    HRESULT hrRecord, hrPage;
+    const std::vector<BYTE> record = read(rows[i], planned, &hrRecord), page = read(rows[kPage + i], planned, &hrPage);
+    EXPECT_EQ(hrRecord, hrPage) << i;
+    EXPECT_EQ(0, std::memcmp(record.data(), page.data(), 128)) << i;  // all but VALUE, which is the row's number
+    EXPECT_EQ(static_cast<DBSTATUS>(DBSTATUS_S_OK), ReadAt<DBSTATUS>(page.data(), copies[3].obStatus)) << i;
+    EXPECT_EQ(static_cast<double>(kPage + i), V_R8(reinterpret_cast<const VARIANT*>(page.data() + 128))) << i;
+    SYSTEMTIME st;
+    const FILETIME ft = U64ToFileTime(EdgeTick(i));
+    if (FileTimeToSystemTime(&ft, &st) && st.wYear <= 9999) {
+      ASSERT_EQ(static_cast<DBSTATUS>(DBSTATUS_S_OK), ReadAt<DBSTATUS>(page.data(), copies[1].obStatus)) << i;
+      const DBTIMESTAMP ts = ReadAt<DBTIMESTAMP>(page.data(), 80);
+      EXPECT_EQ(std::make_tuple(st.wYear, st.wMonth, st.wDay, st.wHour, st.wMinute, st.wSecond, st.wMilliseconds * 1000000u),
+                std::make_tuple(static_cast<WORD>(ts.year), ts.month, ts.day, ts.hour, ts.minute, ts.second, ts.fraction))
+          << i;
+    }
+    const std::vector<BYTE> recordText = read(rows[i], general, &hrRecord), pageText = read(rows[kPage + i], general, &hrPage);
+    EXPECT_EQ(hrRecord, hrPage) << i;
+    EXPECT_EQ(0, std::memcmp(recordText.data(), pageText.data(), 80)) << i;  // the timestamp as text
+  }
+  EXPECT_EQ(S_OK, rowset_->ReleaseRows(2 * kPage, rows, nullptr, nullptr, nullptr));
+  accessor_->ReleaseAccessor(planned, nullptr);
+  accessor_->ReleaseAccessor(general, nullptr);
 }
 
 // Bindings are checked one by one and the accessor is refused as a whole; an accepted

@@ -49,25 +49,53 @@ inline StoreValue Bstr(const OLECHAR* text) {
 }
 // 2024-01-01 00:00:00 UTC.
 constexpr ULONGLONG kJan2024 = 133485408000000000ull;
+// The timestamp of record i: one a second from kJan2024, unless a producer says otherwise.
+using TickOf = ULONGLONG (*)(ULONGLONG i);
+inline ULONGLONG SecondsFromJan2024(ULONGLONG i) { return kJan2024 + i * 10000000ull; }
 
-inline ProducedRecord RawRecord(ULONGLONG i) {
-  return {Bstr(OLESTR("Plant.Tag1")), StoreValue::FromTime(U64ToFileTime(kJan2024 + i * 10000000ull)), UI4(192),
+inline ProducedRecord RawRecord(ULONGLONG i, TickOf tick = SecondsFromJan2024) {
+  return {Bstr(OLESTR("Plant.Tag1")), StoreValue::FromTime(U64ToFileTime(tick(i))), UI4(192),
           R8(static_cast<double>(i))};
 }
 
-// RawRecord(first) .. RawRecord(first + count - 1), made when asked for.
+// RawRecord(first) .. RawRecord(first + count - 1) laid out as a history page: the tag's
+// name lent once, then a sample a record, from which the store may write rows directly.
 class RawBatch : public CRecordBatch {
  public:
-  RawBatch(ULONGLONG first, size_t count) : first_(first), count_(count) {}
-  size_t Count() const override { return count_; }
+  RawBatch(ULONGLONG first, size_t count, TickOf tick = SecondsFromJan2024) : samples_(count) {
+    tag_.SetText(kTag, std::size(kTag) - 1, true);
+    for (size_t i = 0; i < count; ++i) {
+      samples_[i].time = U64ToFileTime(tick(first + i));
+      V_VT(&samples_[i].value) = VT_R8;
+      V_R8(&samples_[i].value) = static_cast<double>(first + i);
+    }
+  }
+  size_t Count() const override { return samples_.size(); }
   HRESULT Make(size_t i, ProducedRecord& record) override {
-    record = RawRecord(first_ + i);
+    record.resize(4);
+    record[0].SetText(kTag, std::size(kTag) - 1, true);
+    record[1].SetTime(samples_[i].time);
+    record[2] = UI4(samples_[i].quality);
+    record[3].Take(&samples_[i].value);
     return S_OK;
+  }
+  std::vector<Field> Layout() const override {
+    const auto at = [](const void* field) { return static_cast<const BYTE*>(field); };
+    return {{Field::kShared, nullptr, 0, &tag_},
+            {Field::kTime, at(&samples_[0].time), sizeof(Sample), nullptr},
+            {Field::kUI4, at(&samples_[0].quality), sizeof(Sample), nullptr},
+            {Field::kVariant, at(&samples_[0].value), sizeof(Sample), nullptr}};
   }
 
  private:
-  ULONGLONG first_;
-  size_t count_;
+  static constexpr OLECHAR kTag[] = OLESTR("Plant.Tag1");
+  struct Sample {
+    FILETIME time;
+    ULONG quality = 192;
+    VARIANT value;
+  };
+  StoreValue tag_;
+  std::vector<Sample> samples_;
 };
 
 // A worker-driven producer of `total` RAWDATA records, `page` per step, as records on
@@ -75,8 +103,9 @@ class RawBatch : public CRecordBatch {
 // the next page. From step `failStep` on, a step fails with `failAtStep` instead.
 class PagedProducer : public CDataProvider {
  public:
-  PagedProducer(ULONGLONG total, ULONGLONG page, HRESULT failAtStep = S_OK, ULONGLONG failStep = 0)
-      : total_(total), page_(page), failWith_(failAtStep), failStep_(failStep) {}
+  PagedProducer(ULONGLONG total, ULONGLONG page, HRESULT failAtStep = S_OK, ULONGLONG failStep = 0,
+                TickOf tick = SecondsFromJan2024)
+      : total_(total), page_(page), failWith_(failAtStep), failStep_(failStep), tick_(tick) {}
   ~PagedProducer() override { StopWorker(); }
 
   HRESULT GetColumns(std::vector<ColumnRecord>& columns) override {
@@ -89,12 +118,13 @@ class PagedProducer : public CDataProvider {
     ProducedRecordList page;
     const ULONGLONG end = std::min(total_, produced_.load() + page_);
     if (step % 2 == 0) {
-      AppendBatch(std::make_unique<RawBatch>(produced_.load(), static_cast<size_t>(end - produced_.load())));
+      AppendBatch(std::make_unique<RawBatch>(produced_.load(), static_cast<size_t>(end - produced_.load()), tick_));
     } else {
       // In records given back, when there are (as a producer that reuses them would).
       page = TakeSpareRecords(static_cast<size_t>(end - produced_.load()));
       page.resize(static_cast<size_t>(end - produced_.load()));
-      for (ULONGLONG i = produced_.load(); i < end; ++i) page[static_cast<size_t>(i - produced_.load())] = RawRecord(i);
+      for (ULONGLONG i = produced_.load(); i < end; ++i)
+        page[static_cast<size_t>(i - produced_.load())] = RawRecord(i, tick_);
       AppendRecords(std::move(page));
     }
     produced_ = end;
@@ -121,6 +151,7 @@ class PagedProducer : public CDataProvider {
   ULONGLONG page_;
   HRESULT failWith_;
   ULONGLONG failStep_;
+  TickOf tick_;
   std::atomic<ULONGLONG> produced_{0};
 };
 
@@ -180,8 +211,8 @@ inline void ReleaseAll(std::vector<CRefCountedDataStoreRow*>& rows) {
 class RowsetTest : public LeakCheckedTest {
  protected:
   void Open(ULONGLONG rows, ULONGLONG page = 4, CProviderIRowset::RowsetKind kind = CProviderIRowset::RowsetKind::Command,
-            std::vector<ColumnRecord> columns = RawDataColumns()) {
-    auto producer = std::make_unique<PagedProducer>(rows, page);
+            std::vector<ColumnRecord> columns = RawDataColumns(), TickOf tick = SecondsFromJan2024) {
+    auto producer = std::make_unique<PagedProducer>(rows, page, S_OK, 0, tick);
     producer_ = producer.get();
     ASSERT_EQ(S_OK, producer->Execute());
     auto store = std::make_unique<CDataStore>();
