@@ -375,8 +375,10 @@ HRESULT CDataStore::FindColumn(const std::vector<ColumnRecord>& columns, const O
 // ---- Row queue
 
 void CDataStore::RowQueue::Reserve(size_t more) {
-  // Rows handed out leave their places at the front: reused before the array grows.
-  if (m_Head != 0) {
+  if (m_Rows.capacity() - m_Rows.size() >= more) return;
+  // The places of rows handed out are reused once they are half the array or more: the
+  // rows moved are then never more than those handed out since the last move.
+  if (m_Head != 0 && 2 * m_Head >= m_Rows.size()) {
     m_Rows.erase(m_Rows.begin(), m_Rows.begin() + static_cast<std::ptrdiff_t>(m_Head));
     m_Head = 0;
   }
