@@ -1,6 +1,5 @@
 #include "tests/support/FaultInjectingHost.h"
 
-
 namespace corvane::testing {
 
 CFaultInjectingHost* CFaultInjectingHost::Create(IUnknown* inner) {
@@ -80,78 +79,31 @@ ULONG CFaultInjectingHost::Release() {
   return left;
 }
 
-// Each forwarding operation: count, wait, maybe fail with nulled outputs, else pass on.
-#define FIH_ENTER(op, ...)                            \
-  if (HRESULT injected_; Enter(Op::op, &injected_)) { \
-    __VA_ARGS__;                                      \
-    return injected_;                                 \
-  }
-
-HRESULT CFaultInjectingHost::GetTagInfo(const TagIdent* tag, VARTYPE* vartype) {
-  FIH_ENTER(GetTagInfo, (void)0);
-  return raw_ ? raw_->GetTagInfo(tag, vartype) : E_NOINTERFACE;
-}
-
-HRESULT CFaultInjectingHost::GetTimeBounds(const TagIdent* tag, FILETIME* first, FILETIME* last) {
-  FIH_ENTER(GetTimeBounds, (void)0);
-  return raw_ ? raw_->GetTimeBounds(tag, first, last) : E_NOINTERFACE;
-}
-
-HRESULT CFaultInjectingHost::BrowseTags(LPCOLESTR nameFilter, LPCOLESTR descriptionFilter, ULONG* count,
-                                        TagRecord** tags, BOOL* truncated) {
-  FIH_ENTER(BrowseTags, if (count) *count = 0; if (tags) *tags = nullptr);
-  return raw_ ? raw_->BrowseTags(nameFilter, descriptionFilter, count, tags, truncated) : E_NOINTERFACE;
-}
-
-HRESULT CFaultInjectingHost::GetCapabilities(const TagIdent* tag, DWORD* capabilities) {
-  FIH_ENTER(GetCapabilities, if (capabilities) *capabilities = 0);
-  return raw_ ? raw_->GetCapabilities(tag, capabilities) : E_NOINTERFACE;
-}
-
 HRESULT CFaultInjectingHost::ReadRaw(const TagIdent* tag, FILETIME start, FILETIME end, ULONG maxValues,
                                      DWORD flags, void** continuation, HistoryValueList** values) {
-  FIH_ENTER(ReadRaw, if (values) *values = nullptr);
-  if (!raw_) return E_NOINTERFACE;
-  if (ULONG forced = pageSize_.load()) maxValues = forced;
-  void* before = continuation ? *continuation : nullptr;
-  HRESULT hr = raw_->ReadRaw(tag, start, end, maxValues, flags, continuation, values);
-  if (continuation) Track(before, *continuation);
-  if (SUCCEEDED(hr) && values && *values && restampFrom_.load())
-    for (ULONG i = 0; i < (*values)->count; ++i)
-      if (FileTimeToU64((*values)->values[i].timestamp) == restampFrom_.load())
-        (*values)->values[i].timestamp = U64ToFileTime(restampTo_.load());
-  return hr;
+  return Pass(
+      Op::ReadRaw, raw_,
+      [&] {
+        void* before = continuation ? *continuation : nullptr;
+        const ULONG forced = pageSize_.load();
+        const HRESULT hr = raw_->ReadRaw(tag, start, end, forced ? forced : maxValues, flags, continuation, values);
+        if (continuation) Track(before, *continuation);
+        if (SUCCEEDED(hr) && values && *values && restampFrom_.load())
+          for (ULONG i = 0; i < (*values)->count; ++i)
+            if (FileTimeToU64((*values)->values[i].timestamp) == restampFrom_.load())
+              (*values)->values[i].timestamp = U64ToFileTime(restampTo_.load());
+        return hr;
+      },
+      values);
 }
 
 HRESULT CFaultInjectingHost::ReleaseContinuationPoint(void** continuation) {
-  FIH_ENTER(ReleaseContinuationPoint, (void)0);
-  if (!raw_) return E_NOINTERFACE;
-  void* before = continuation ? *continuation : nullptr;
-  HRESULT hr = raw_->ReleaseContinuationPoint(continuation);
-  if (SUCCEEDED(hr)) Track(before, nullptr);
-  return hr;
-}
-
-HRESULT CFaultInjectingHost::InsertValue(const TagIdent* tag, const HistoryValue* value) {
-  FIH_ENTER(InsertValue, (void)0);
-  return raw_ ? raw_->InsertValue(tag, value) : E_NOINTERFACE;
-}
-
-HRESULT CFaultInjectingHost::DeleteValues(const TagIdent* tag, FILETIME start, FILETIME end) {
-  FIH_ENTER(DeleteValues, (void)0);
-  return raw_ ? raw_->DeleteValues(tag, start, end) : E_NOINTERFACE;
-}
-
-HRESULT CFaultInjectingHost::UpdateValue(const TagIdent* tag, const HistoryValue* value) {
-  FIH_ENTER(UpdateValue, (void)0);
-  return raw_ ? raw_->UpdateValue(tag, value) : E_NOINTERFACE;
-}
-
-HRESULT CFaultInjectingHost::ReadProcessed(const TagIdent* tag, const ProcessedReadRequest* request,
-                                           ULONG aggregateCount, const AggregateId* aggregates,
-                                           ProcessedResult** results) {
-  FIH_ENTER(ReadProcessed, if (results) *results = nullptr);
-  return processed_ ? processed_->ReadProcessed(tag, request, aggregateCount, aggregates, results) : E_NOINTERFACE;
+  return Pass(Op::ReleaseContinuationPoint, raw_, [&] {
+    void* before = continuation ? *continuation : nullptr;
+    const HRESULT hr = raw_->ReleaseContinuationPoint(continuation);
+    if (SUCCEEDED(hr)) Track(before, nullptr);
+    return hr;
+  });
 }
 
 HRESULT CFaultInjectingHost::GetFilteredTagStatistics(LPCOLESTR filter1, LPCOLESTR filter2, LPCOLESTR filter3,
@@ -159,39 +111,17 @@ HRESULT CFaultInjectingHost::GetFilteredTagStatistics(LPCOLESTR filter1, LPCOLES
                                                       const ProcessedReadRequest* request, ULONG maxNames,
                                                       void** continuation, DWORD reserved, ULONG* nameCount,
                                                       BSTR** names, HistoryValueList** values) {
-  FIH_ENTER(GetFilteredTagStatistics, if (nameCount) *nameCount = 0; if (names) *names = nullptr;
-            if (values) *values = nullptr);
-  if (!processed_) return E_NOINTERFACE;
-  void* before = continuation ? *continuation : nullptr;
-  HRESULT hr = processed_->GetFilteredTagStatistics(filter1, filter2, filter3, start, end, request, maxNames,
-                                                    continuation, reserved, nameCount, names, values);
-  if (continuation) Track(before, *continuation);
-  return hr;
+  return Pass(
+      Op::GetFilteredTagStatistics, processed_,
+      [&] {
+        void* before = continuation ? *continuation : nullptr;
+        const HRESULT hr = processed_->GetFilteredTagStatistics(filter1, filter2, filter3, start, end, request,
+                                                                maxNames, continuation, reserved, nameCount, names,
+                                                                values);
+        if (continuation) Track(before, *continuation);
+        return hr;
+      },
+      nameCount, names, values);
 }
-
-HRESULT CFaultInjectingHost::GetMostRecentValue(const TagIdent* tag, HistoryValue** value) {
-  FIH_ENTER(GetMostRecentValue, if (value) *value = nullptr);
-  return values_ ? values_->GetMostRecentValue(tag, value) : E_NOINTERFACE;
-}
-
-HRESULT CFaultInjectingHost::GetGoodValues(const TagIdent* tag, FILETIME start, FILETIME end, ULONG count,
-                                           HistoryValueList** values) {
-  FIH_ENTER(GetGoodValues, if (values) *values = nullptr);
-  return values_ ? values_->GetGoodValues(tag, start, end, count, values) : E_NOINTERFACE;
-}
-
-HRESULT CFaultInjectingHost::GetBadValues(const TagIdent* tag, FILETIME start, FILETIME end, ULONG count,
-                                          HistoryValueList** values) {
-  FIH_ENTER(GetBadValues, if (values) *values = nullptr);
-  return values_ ? values_->GetBadValues(tag, start, end, count, values) : E_NOINTERFACE;
-}
-
-HRESULT CFaultInjectingHost::GetAllValues(const TagIdent* tag, FILETIME start, FILETIME end, ULONG count,
-                                          HistoryValueList** values) {
-  FIH_ENTER(GetAllValues, if (values) *values = nullptr);
-  return values_ ? values_->GetAllValues(tag, start, end, count, values) : E_NOINTERFACE;
-}
-
-#undef FIH_ENTER
 
 }  // namespace corvane::testing

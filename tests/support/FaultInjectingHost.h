@@ -51,22 +51,42 @@ class CFaultInjectingHost final : public IRawDataProvider, public IProcessedData
   ULONG STDMETHODCALLTYPE Release() override;
 
   // IRawDataProvider
-  HRESULT STDMETHODCALLTYPE GetTagInfo(const TagIdent* tag, VARTYPE* vartype) override;
-  HRESULT STDMETHODCALLTYPE GetTimeBounds(const TagIdent* tag, FILETIME* first, FILETIME* last) override;
+  HRESULT STDMETHODCALLTYPE GetTagInfo(const TagIdent* tag, VARTYPE* vartype) override {
+    return Pass(Op::GetTagInfo, raw_, [&] { return raw_->GetTagInfo(tag, vartype); });
+  }
+  HRESULT STDMETHODCALLTYPE GetTimeBounds(const TagIdent* tag, FILETIME* first, FILETIME* last) override {
+    return Pass(Op::GetTimeBounds, raw_, [&] { return raw_->GetTimeBounds(tag, first, last); });
+  }
   HRESULT STDMETHODCALLTYPE BrowseTags(LPCOLESTR nameFilter, LPCOLESTR descriptionFilter, ULONG* count,
-                                       TagRecord** tags, BOOL* truncated) override;
-  HRESULT STDMETHODCALLTYPE GetCapabilities(const TagIdent* tag, DWORD* capabilities) override;
+                                       TagRecord** tags, BOOL* truncated) override {
+    return Pass(
+        Op::BrowseTags, raw_, [&] { return raw_->BrowseTags(nameFilter, descriptionFilter, count, tags, truncated); },
+        count, tags);
+  }
+  HRESULT STDMETHODCALLTYPE GetCapabilities(const TagIdent* tag, DWORD* capabilities) override {
+    return Pass(Op::GetCapabilities, raw_, [&] { return raw_->GetCapabilities(tag, capabilities); }, capabilities);
+  }
   HRESULT STDMETHODCALLTYPE ReadRaw(const TagIdent* tag, FILETIME start, FILETIME end, ULONG maxValues,
                                     DWORD flags, void** continuation, HistoryValueList** values) override;
   HRESULT STDMETHODCALLTYPE ReleaseContinuationPoint(void** continuation) override;
-  HRESULT STDMETHODCALLTYPE InsertValue(const TagIdent* tag, const HistoryValue* value) override;
-  HRESULT STDMETHODCALLTYPE DeleteValues(const TagIdent* tag, FILETIME start, FILETIME end) override;
-  HRESULT STDMETHODCALLTYPE UpdateValue(const TagIdent* tag, const HistoryValue* value) override;
+  HRESULT STDMETHODCALLTYPE InsertValue(const TagIdent* tag, const HistoryValue* value) override {
+    return Pass(Op::InsertValue, raw_, [&] { return raw_->InsertValue(tag, value); });
+  }
+  HRESULT STDMETHODCALLTYPE DeleteValues(const TagIdent* tag, FILETIME start, FILETIME end) override {
+    return Pass(Op::DeleteValues, raw_, [&] { return raw_->DeleteValues(tag, start, end); });
+  }
+  HRESULT STDMETHODCALLTYPE UpdateValue(const TagIdent* tag, const HistoryValue* value) override {
+    return Pass(Op::UpdateValue, raw_, [&] { return raw_->UpdateValue(tag, value); });
+  }
 
   // IProcessedDataProvider
   HRESULT STDMETHODCALLTYPE ReadProcessed(const TagIdent* tag, const ProcessedReadRequest* request,
                                           ULONG aggregateCount, const AggregateId* aggregates,
-                                          ProcessedResult** results) override;
+                                          ProcessedResult** results) override {
+    return Pass(
+        Op::ReadProcessed, processed_,
+        [&] { return processed_->ReadProcessed(tag, request, aggregateCount, aggregates, results); }, results);
+  }
   HRESULT STDMETHODCALLTYPE GetFilteredTagStatistics(LPCOLESTR filter1, LPCOLESTR filter2, LPCOLESTR filter3,
                                                      FILETIME start, FILETIME end,
                                                      const ProcessedReadRequest* request, ULONG maxNames,
@@ -74,19 +94,39 @@ class CFaultInjectingHost final : public IRawDataProvider, public IProcessedData
                                                      BSTR** names, HistoryValueList** values) override;
 
   // IValuesProvider
-  HRESULT STDMETHODCALLTYPE GetMostRecentValue(const TagIdent* tag, HistoryValue** value) override;
+  HRESULT STDMETHODCALLTYPE GetMostRecentValue(const TagIdent* tag, HistoryValue** value) override {
+    return Pass(Op::GetMostRecentValue, values_, [&] { return values_->GetMostRecentValue(tag, value); }, value);
+  }
   HRESULT STDMETHODCALLTYPE GetGoodValues(const TagIdent* tag, FILETIME start, FILETIME end, ULONG count,
-                                          HistoryValueList** values) override;
+                                          HistoryValueList** values) override {
+    return Pass(Op::GetGoodValues, values_, [&] { return values_->GetGoodValues(tag, start, end, count, values); },
+                values);
+  }
   HRESULT STDMETHODCALLTYPE GetBadValues(const TagIdent* tag, FILETIME start, FILETIME end, ULONG count,
-                                         HistoryValueList** values) override;
+                                         HistoryValueList** values) override {
+    return Pass(Op::GetBadValues, values_, [&] { return values_->GetBadValues(tag, start, end, count, values); },
+                values);
+  }
   HRESULT STDMETHODCALLTYPE GetAllValues(const TagIdent* tag, FILETIME start, FILETIME end, ULONG count,
-                                         HistoryValueList** values) override;
+                                         HistoryValueList** values) override {
+    return Pass(Op::GetAllValues, values_, [&] { return values_->GetAllValues(tag, start, end, count, values); },
+                values);
+  }
 
  private:
   explicit CFaultInjectingHost(IUnknown* inner);
   ~CFaultInjectingHost();
   // Counts the call and tells whether it must fail (and with what).
   bool Enter(Op op, HRESULT* hr);
+  // Each forwarding operation: counted, then failed with its outputs nulled as a failing host would, or passed on
+  // to the wrapped interface `to` (E_NOINTERFACE without one).
+  template <typename Call, typename... Out>
+  HRESULT Pass(Op op, const void* to, Call call, Out*... outs) {
+    HRESULT injected = S_OK;
+    if (!Enter(op, &injected)) return to ? call() : E_NOINTERFACE;
+    ((outs ? void(*outs = {}) : void()), ...);
+    return injected;
+  }
   void Track(void* before, void* after);
 
   struct Rule {
