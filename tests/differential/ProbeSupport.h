@@ -7,7 +7,6 @@
 #include <cinttypes>
 #include <cmath>
 #include <cstdio>
-#include <cstring>
 #include <string>
 
 #include "platform/Platform.h"

@@ -7,7 +7,6 @@
 #define DBINITCONSTANTS  // the SDK defines its OLE DB GUIDs only on request
 #include <cinttypes>
 #include <cstdint>
-#include <string>
 #include <type_traits>
 
 #include "ProbeSupport.h"

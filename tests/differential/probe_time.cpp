@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <ctime>
 #include <string>
-#include <vector>
 
 #include "ProbeSupport.h"
 

@@ -1,7 +1,6 @@
 // Runs VARIANT conversions, date/text parsing and formatting, and the SYSTEMTIME
 // conversions through the platform layer (natively) or the system's OLE Automation
 // (Windows build under Wine), one output line per case.
-#include <cfloat>
 #include <cstdint>
 #include <initializer_list>
 #include <limits>

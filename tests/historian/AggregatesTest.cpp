@@ -2,10 +2,8 @@
 // samples the suite states; every expected number is worked out by hand beside it.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cmath>
 #include <cstdlib>
-#include <cstring>
 #include <sstream>
 #include <string>
 #include <vector>

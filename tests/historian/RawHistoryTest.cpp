@@ -1,5 +1,3 @@
-#include <string>
-
 #include "tests/historian/HistorianTestUtil.h"
 
 namespace corvane::historian::test {

@@ -5,7 +5,6 @@
 // (IColumnsInfo) and the rows are read through OLE DB directly.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <string>
 #include <vector>
 
