@@ -39,28 +39,19 @@ class ComTest : public corvane::test::LeakCheckedTest {
 #ifdef _WIN32
     CoInitializeEx(nullptr, COINIT_MULTITHREADED);
 #endif
+    ASSERT_EQ(S_OK, CCreateCorvaneOleDbProviderImpl::CreateInstance(nullptr, IID_ICreateCorvaneOleDbProvider,
+                                                                    creator_.PutVoid()));
   }
   void TearDown() override {
+    creator_.Reset();
 #ifdef _WIN32
     CoUninitialize();
 #endif
     LeakCheckedTest::TearDown();
   }
+  ComPtr<ICreateCorvaneOleDbProvider> creator_;
 };
-
-class Creation : public ComTest {
- protected:
-  void SetUp() override {
-    ComTest::SetUp();
-    ASSERT_EQ(S_OK, CCreateCorvaneOleDbProviderImpl::CreateInstance(nullptr, IID_ICreateCorvaneOleDbProvider,
-                                                                    reinterpret_cast<void**>(&creator_)));
-  }
-  void TearDown() override {
-    creator_->Release();
-    ComTest::TearDown();
-  }
-  ICreateCorvaneOleDbProvider* creator_ = nullptr;
-};
+using Creation = ComTest;
 
 // A lookup as an OLE DB error object makes it: by HRESULT and lookup id only.
 struct LookedUp {
@@ -148,7 +139,7 @@ TEST_F(Creation, MissingInterfacesOfTheHost) {
 
   // An object that is no historian at all.
   TraceCapture trace;
-  EXPECT_EQ(E_NOINTERFACE, creator_->Create(creator_, &ds));
+  EXPECT_EQ(E_NOINTERFACE, creator_->Create(creator_.Get(), &ds));
   EXPECT_EQ(std::vector<std::string>{"Unable to initialize IRawDataProvider interface"}, trace.Texts());
 }
 

@@ -152,9 +152,7 @@ TEST_F(ErrorLookupConsumer, EveryRecordOfEveryFailureHasItsTextsThroughTheRegist
   for (const std::string& sql : statements) report(sql, RunToFailure(session_, sql));
 
   // The session's and the data source's own records.
-  DBID table{};
-  table.eKind = DBKIND_NAME;
-  table.uName.pwszName = const_cast<LPOLESTR>(OLESTR("NO_SUCH_TABLE"));
+  DBID table{{}, DBKIND_NAME, {const_cast<LPOLESTR>(OLESTR("NO_SUCH_TABLE"))}};
   ComPtr<IUnknown> rowset;
   report("OpenRowset NO_SUCH_TABLE",
          FAILED(session_->OpenRowset(nullptr, &table, nullptr, IID_IRowset, 0, nullptr, rowset.Put())) ? "OpenRowset"

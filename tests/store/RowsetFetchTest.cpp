@@ -149,10 +149,8 @@ TEST_F(RowsetDescription, ColumnsAreDescribedAndMappedByName) {
   EXPECT_EQ(DBTYPE_DBTIMESTAMP, cols[1].wType);
   CoTaskMemFree(cols);
   CoTaskMemFree(strings);
-  DBID ids[2] = {};
-  for (int i : {0, 1}) ids[i].eKind = DBKIND_NAME;
-  ids[0].uName.pwszName = const_cast<LPOLESTR>(OLESTR("quality"));
-  ids[1].uName.pwszName = const_cast<LPOLESTR>(OLESTR("MONEY"));
+  DBID ids[2] = {{{}, DBKIND_NAME, {const_cast<LPOLESTR>(OLESTR("quality"))}},
+                 {{}, DBKIND_NAME, {const_cast<LPOLESTR>(OLESTR("MONEY"))}}};
   DBORDINAL ordinals[2];
   EXPECT_EQ(DB_S_ERRORSOCCURRED, info->MapColumnIDs(2, ids, ordinals));
   EXPECT_EQ(4u, ordinals[0]);
