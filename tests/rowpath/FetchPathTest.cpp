@@ -186,9 +186,8 @@ TEST_F(RowHandles, ReadersOnOtherThreadsSeeTheirRowsWhileTheTableChanges) {
       if (static_cast<ULONGLONG>(next.second) % 97 == 0) held.push_back(next);
       else if (rowset_->ReleaseRows(1, &next.first, nullptr, nullptr, nullptr) != S_OK) ++wrong;
     }
-    for (const auto& h : held) {
+    for (const auto& h : held)
       if (ValueOf(h.first) != h.second || rowset_->ReleaseRows(1, &h.first, nullptr, nullptr, nullptr) != S_OK) ++wrong;
-    }
   };
   std::thread readers[] = {std::thread(reader), std::thread(reader)};
   ULONGLONG next = 0;
