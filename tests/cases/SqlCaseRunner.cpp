@@ -18,10 +18,7 @@
 namespace corvane::test {
 namespace {
 
-struct Line {
-  int number = 0;
-  std::string text;
-};
+struct Line { int number = 0; std::string text; };
 
 struct Case {
   std::string path;
@@ -208,12 +205,7 @@ Header ReadHeader(const Case& c) {
 }
 
 // A rowset left open by a case, read when the next case that does not keep its own starts.
-struct OpenRowset {
-  const Case* c;
-  Header header;
-  IUnknown* rowset;
-  bool check;
-};
+struct OpenRowset { const Case* c; Header header; IUnknown* rowset; bool check; };
 
 // One file's historian and connection, shared by its cases in order.
 struct FileRun {

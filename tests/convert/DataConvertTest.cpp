@@ -24,11 +24,7 @@ namespace corvane {
 namespace {
 
 
-struct Outcome {
-  HRESULT hr;
-  DBSTATUS status;
-  DBLENGTH length;
-};
+struct Outcome { HRESULT hr; DBSTATUS status; DBLENGTH length; };
 
 class DataConvertTest : public test::LeakCheckedTest {
  protected:

@@ -97,8 +97,7 @@ class PropertyRules : public corvane::test::LeakCheckedTest {
     return out;
   }
   LONG Limit() {
-    VARIANT v;
-    VariantInit(&v);
+    VARIANT v{};
     engine_.GetValue(DBPROPSET_ROWSET, kLimit, &v);
     return v.lVal;
   }

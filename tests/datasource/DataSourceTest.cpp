@@ -54,10 +54,7 @@ class ComTest : public corvane::test::LeakCheckedTest {
 using Creation = ComTest;
 
 // A lookup as an OLE DB error object makes it: by HRESULT and lookup id only.
-struct LookedUp {
-  HRESULT hr;
-  std::string source, description;
-};
+struct LookedUp { HRESULT hr; std::string source, description; };
 LookedUp LookUp(IErrorLookup* lookup, HRESULT hr, DWORD id, LCID lcid = LOCALE_USER_DEFAULT) {
   corvane::Bstr source, description;
   LookedUp r{lookup->GetErrorDescription(hr, id, nullptr, lcid, source.Put(), description.Put()), {}, {}};
@@ -176,11 +173,7 @@ TEST(ErrorDescriptions, JoinInterfaceAndResultTexts) {
   // without a text of their own (8004C006) fall through to the general one. (Through SQL:
   // ICommand's name and 8004C007's text, procedures.test; IRowset's identifier as its name
   // and a historian code's text, execution.test; a caller's text, tests/session.)
-  const struct {
-    const IID& iid;
-    HRESULT hr;
-    const char* text;
-  } cases[] = {
+  const struct { const IID& iid; HRESULT hr; const char* text; } cases[] = {
       {IID_IDBInitialize, E_FAIL, "Failed to initialize/unitialize a data source (IID_IDBInitialize). Details: "
                                   "Returned E_FAIL."},
       {IID_IDBProperties, HRESULT(0xC0041009), "Failed to get/set the properties (IID_IDBProperties). Details: The "

@@ -14,10 +14,7 @@ namespace {
 
 const LCID kEnUs = 0x0409;
 
-struct Source {
-  std::string id;
-  VARIANT v;
-};
+struct Source { std::string id; VARIANT v; };
 
 std::vector<Source> g_sources;
 std::vector<BSTR> g_strings;  // freed at the end

@@ -10,11 +10,7 @@ namespace {
 class QualityFunctions : public ExprTest {};
 
 TEST_F(QualityFunctions, SeverityTestsReadTheTwoTopBits) {
-  struct Case {
-    const char* code;
-    ULONG good, bad, uncertain;
-    const char* word;
-  } cases[] = {
+  struct Case { const char* code; ULONG good, bad, uncertain; const char* word; } cases[] = {
       {"1073741823", 1, 0, 0, "Good"},        // 0x3FFFFFFF
       {"1073741824", 0, 0, 1, "Uncertain"},   // 0x40000000
       {"2150891520", 0, 1, 0, "Bad"},         // 0x80340000
@@ -51,11 +47,7 @@ TEST_F(QualityFunctions, TextsAndValuesOfTheOtherFunctions) {
 class FunctionArguments : public ExprTest {};
 
 TEST_F(FunctionArguments, WrongCountsAndUnreadableValuesFailWithTheirMessages) {
-  struct Case {
-    const char* expr;
-    HRESULT hr;
-    const char* message;
-  } cases[] = {
+  struct Case { const char* expr; HRESULT hr; const char* message; } cases[] = {
       {"LocalTimeToUTC(5)", E_FAIL, "SQL function LocalTimeToUTC calculation error: Cannot get parameter value (HR = 80004005)."},
       {"UTCToLocalTime(5)", E_FAIL, "SQL function UTCToLocalTime calculation error: Cannot get parameter value (HR: return 80004005)."},
       {"GetMsecs('noon')", DISP_E_TYPEMISMATCH, "SQL function GetMsecs calculation error: Cannot get parameter value (HR = 80020005)."},

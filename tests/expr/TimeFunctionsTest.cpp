@@ -17,11 +17,7 @@ class DateAdd : public ExprTest {};
 // outside the FILETIME range overflows however large the count, because the products of
 // the fixed units are checked before they are made.
 TEST_F(DateAdd, EachCallGivesItsTimeOrItsCode) {
-  const struct {
-    std::string expr;
-    HRESULT hr;
-    ULONG64 expected;
-  } cases[] = {
+  const struct { std::string expr; HRESULT hr; ULONG64 expected; } cases[] = {
       {"DATEADD('ms', 750, '2020-01-01 12:00:00.250')", S_OK, Utc(2020, 1, 1, 12, 0, 1)},
       {"DATEADD('hh', -13, '2020-01-01 12:00:00.250')", S_OK, Utc(2019, 12, 31, 23, 0, 0, 250)},
       {"DATEADD('fortnight', 1, '2020-01-01')", S_OK, 0},  // no unit: the zero timestamp
@@ -58,10 +54,7 @@ TEST_F(DateAdd, EachCallGivesItsTimeOrItsCode) {
 class TimeText : public ExprTest {};
 
 TEST_F(TimeText, TheFormsUsersTypeReadAsUtc) {
-  struct Case {
-    const char* text;
-    ULONG64 expected;
-  } cases[] = {
+  struct Case { const char* text; ULONG64 expected; } cases[] = {
       {"2020-01-01", 132223104000000000ull},
       {"  2020-01-01 12:00  ", Utc(2020, 1, 1, 12)},
       {"2020-01-01T12:00:00Z", Utc(2020, 1, 1, 12)},

@@ -82,11 +82,7 @@ TEST_F(CsvRejected, EachProblemWithItsLineAndNothingLoaded) {
   ASSERT_EQ(S_OK, store_->AppendSamples(OLESTR("Existing"), {SampleInput{kT0, 0, 0, 1, {}}}));
   const std::string head = "tag,timestamp,value,quality\nA,2024-01-01 00:00:00,1,0\n";
   const std::string head5 = "tag,timestamp,value,quality,vartype\nA,2024-01-01 00:00:00,1,0,\n";
-  struct Case {
-    std::string text;
-    size_t line;
-    const char* reason;
-  } cases[] = {
+  struct Case { std::string text; size_t line; const char* reason; } cases[] = {
       {"", 0, "no header line"},
       {"tag,time,value,quality\nA,2024-01-01 00:00:00,1,0\n", 1, "header"},
       {head + "A,2024-01-01 00:00:01,1\n", 3, "expected 4 fields, found 3"},

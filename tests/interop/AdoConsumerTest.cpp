@@ -60,12 +60,7 @@ constexpr IID kRecordsets[] = {{0x0000050E, 0x0000, 0x0010, {0x80, 0x00, 0x00, 0
                                {0x0000150E, 0x0000, 0x0010, {0x80, 0x00, 0x00, 0xAA, 0x00, 0x6D, 0x2E, 0xA4}}};
 constexpr IID kRecordsetConstruction = {0x00000283, 0x0000, 0x0010, {0x80, 0x00, 0x00, 0xAA, 0x00, 0x6D, 0x2E, 0xA4}};
 
-struct Column {
-  std::string name;
-  DBTYPE type;
-  DBLENGTH size;
-  DBCOLUMNFLAGS flags;
-};
+struct Column { std::string name; DBTYPE type; DBLENGTH size; DBCOLUMNFLAGS flags; };
 
 // The columns the provider describes, without the bookmark (ADO shows no field for it).
 std::vector<Column> ProviderColumns(IUnknown* rowset) {

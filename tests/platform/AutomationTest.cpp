@@ -174,11 +174,7 @@ TEST(VariantLifetime, CopiesDuplicateStringsAddReferencesAndFollowOneLevelOfRefe
 #ifndef _WIN32
 TEST(VariantDateConversion, IsoTextWithTZoneAndFractionReads) {
   const DATE jan2 = 43832;  // 2020-01-02
-  const struct {
-    std::u16string text;
-    HRESULT hr;
-    DATE date;
-  } cases[] = {
+  const struct { std::u16string text; HRESULT hr; DATE date; } cases[] = {
       {u"2020-01-02T15:04:05Z", S_OK, jan2 + (15 * 3600 + 4 * 60 + 5) / 86400.0},
       {u"2020-01-02T15:04:05.250", S_OK, jan2 + (15 * 3600 + 4 * 60 + 5.25) / 86400.0},
       {u"2020-01-02T25:00:00", DISP_E_TYPEMISMATCH, -1},

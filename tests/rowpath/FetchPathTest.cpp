@@ -213,11 +213,7 @@ class CellCopies : public LeakCheckedTest {};
 // gives for the same source, whichever way the store copies it, with or without an
 // accessor's plan.
 TEST_F(CellCopies, StoreAndConversionServiceAgree) {
-  struct Col {
-    DBTYPE type;
-    ULONGLONG size;
-    StoreValue value;
-  };
+  struct Col { DBTYPE type; ULONGLONG size; StoreValue value; };
   // The second timestamp is in year 30000, which only some conversion libraries take.
   std::vector<Col> cols = {
       {DBTYPE_I1, 1, Variant(VT_I1, -5)}, {DBTYPE_UI2, 2, Variant(VT_UI2, 65535)},

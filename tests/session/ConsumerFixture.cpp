@@ -271,8 +271,7 @@ Rows SqlConsumer::Contents() const {
     EXPECT_EQ(S_OK, store_->ReadPage(all, 0, &list, &more));
     for (ULONG i = 0; list && i < list->count; ++i) {
       const HistoryValue& v = list->values[i];
-      VARIANT text;
-      VariantInit(&text);
+      VARIANT text{};
       VariantChangeType(&text, const_cast<VARIANT*>(&v.value), 0, VT_BSTR);
       char quality[16];
       std::snprintf(quality, sizeof quality, "%X", static_cast<unsigned>(v.quality));

@@ -38,10 +38,7 @@ using Rows = std::vector<std::vector<std::string>>;
 using HostOp = testing::CFaultInjectingHost::Op;
 
 // One `?`: bound as text, described to the command as `type` unless that is empty.
-struct Parameter {
-  std::string type;
-  std::string value;
-};
+struct Parameter { std::string type; std::string value; };
 
 struct Outcome {
   HRESULT hr = S_OK;  // the first failure of Execute or GetNextRows

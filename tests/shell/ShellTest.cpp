@@ -27,11 +27,7 @@ std::string g_readme;
 // the shell holds.
 constexpr bool kMemoryMeasurable = !CORVANE_SANITIZED;
 
-struct Result {
-  int status = -1;
-  std::string out, err;
-  long maxRssKb = 0;
-};
+struct Result { int status = -1; std::string out, err; long maxRssKb = 0; };
 
 std::string TempDir() {
   static std::string dir = [] {
@@ -117,10 +113,7 @@ std::vector<std::string> WithData(std::vector<std::string> args) {
 }
 
 // Runs: arguments, stdin, then "status stderr" and stdout, whole.
-struct Case {
-  std::vector<std::string> args;
-  std::string input, failure, out;
-};
+struct Case { std::vector<std::string> args; std::string input, failure, out; };
 
 TEST(ShellRuns, EachGivesItsStatusErrorsAndOutput) {
   using namespace std::string_literals;

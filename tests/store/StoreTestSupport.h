@@ -32,8 +32,7 @@ inline std::vector<ColumnRecord> RawDataColumns() {
 
 // A VARIANT of type `vt` whose union holds `bits` (little-endian: V_I4 of 42 is 42).
 inline StoreValue Variant(VARTYPE vt, LONGLONG bits) {
-  VARIANT v;
-  VariantInit(&v);
+  VARIANT v{};
   V_VT(&v) = vt;
   V_I8(&v) = bits;
   return StoreValue::TakeVariant(&v);
