@@ -36,17 +36,13 @@ class ComTest : public corvane::test::LeakCheckedTest {
  protected:
   void SetUp() override {
     LeakCheckedTest::SetUp();
-#ifdef _WIN32
     CoInitializeEx(nullptr, COINIT_MULTITHREADED);
-#endif
     ASSERT_EQ(S_OK, CCreateCorvaneOleDbProviderImpl::CreateInstance(nullptr, IID_ICreateCorvaneOleDbProvider,
                                                                     creator_.PutVoid()));
   }
   void TearDown() override {
     creator_.Reset();
-#ifdef _WIN32
     CoUninitialize();
-#endif
     LeakCheckedTest::TearDown();
   }
   ComPtr<ICreateCorvaneOleDbProvider> creator_;

@@ -26,15 +26,9 @@ using corvane::TaskMem;
 
 namespace {
 
-void ClearThreadErrors() {
 #ifdef CORVANE_CONSUMER_OF_DLL
-  SetErrorInfo(0, nullptr);
-#else
-  corvane::ClearErrorRecords();
-#endif
-}
+void ClearThreadErrors() { SetErrorInfo(0, nullptr); }
 
-#ifdef CORVANE_CONSUMER_OF_DLL
 // The DLL is registered for the whole run and unregistered at its end.
 class RegisteredDll : public ::testing::Environment {
  public:
@@ -42,6 +36,8 @@ class RegisteredDll : public ::testing::Environment {
   void TearDown() override { EXPECT_EQ(0u, Regsvr32(L"/u", WindowsPath(CORVANE_PROVIDER_MODULE))); }
 };
 ::testing::Environment* const kRegisteredDll = ::testing::AddGlobalTestEnvironment(new RegisteredDll);
+#else
+void ClearThreadErrors() { corvane::ClearErrorRecords(); }
 #endif
 
 }  // namespace
@@ -142,17 +138,13 @@ void CloseProvider(IUnknown** dataSource, IOpenRowset** session) {
 }
 
 SqlConsumer::SqlConsumer(std::shared_ptr<historian::CHistorianStore> store) : store_(std::move(store)) {
-#ifdef _WIN32
   CoInitializeEx(nullptr, COINIT_MULTITHREADED);
-#endif
   host_ = NewHost(store_);
 }
 
 SqlConsumer::~SqlConsumer() {
   Close();
-#ifdef _WIN32
   CoUninitialize();
-#endif
 }
 
 void SqlConsumer::Close() {
