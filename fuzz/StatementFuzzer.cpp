@@ -153,9 +153,7 @@ struct Parameters {
     Check(bool(accessor), "command IAccessor");
     return accessor->CreateAccessor(DBACCESSOR_PARAMETERDATA, count, bindings.data(), sizeof(Cell), &handle, nullptr);
   }
-  ~Parameters() {
-    if (accessor && handle != DB_NULL_HACCESSOR) accessor->ReleaseAccessor(handle, nullptr);
-  }
+  ~Parameters() { if (accessor && handle != DB_NULL_HACCESSOR) accessor->ReleaseAccessor(handle, nullptr); }
 };
 
 // Every row through a VARIANT accessor, up to kRowBudget. The columns are described once

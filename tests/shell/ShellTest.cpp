@@ -20,8 +20,7 @@
 
 namespace {
 
-std::string g_shell;
-std::string g_readme;
+std::string g_shell, g_readme;
 
 // The sanitizers' own bookkeeping (freed blocks held back, shadow memory) swamps what
 // the shell holds.

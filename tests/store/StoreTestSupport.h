@@ -116,8 +116,7 @@ class PagedProducer : public CDataProvider {
   std::atomic<int> fetches{0};
 
  private:
-  ULONGLONG total_;
-  ULONGLONG page_;
+  ULONGLONG total_, page_;
   HRESULT failWith_;
   ULONGLONG failStep_;
   std::atomic<ULONGLONG> produced_{0};

@@ -141,8 +141,7 @@ class CFaultInjectingHost final : public IRawDataProvider, public IProcessedData
   IRawDataProvider* raw_ = nullptr;
   IProcessedDataProvider* processed_ = nullptr;
   IValuesProvider* values_ = nullptr;
-  bool omitProcessed_ = false;
-  bool omitValues_ = false;
+  bool omitProcessed_ = false, omitValues_ = false;
   std::atomic<ULONG> pageSize_{0};
   std::atomic<ULONGLONG> restampFrom_{0}, restampTo_{0};
   std::atomic<ULONG> calls_[static_cast<int>(Op::Count)] = {};

@@ -13,9 +13,7 @@ using corvane::WString;
 namespace {
 // Formats and returns UTF-8, so failures print readable text.
 template <typename... Args>
-std::string F(const OLECHAR* fmt, Args... args) {
-  return ToUtf8(WFormat(fmt, args...));
-}
+std::string F(const OLECHAR* fmt, Args... args) { return ToUtf8(WFormat(fmt, args...)); }
 }  // namespace
 
 // The provider's texts and traces use %d, %u, %X and %s with widths and precisions; a
