@@ -1,8 +1,7 @@
-// The data source on its own (as Create makes it): property rules before and after
-// Initialize, what the provider string does not show through SQL (tests/cases/
-// datasource.test), IDBInfo and the records of failed calls; and the property engine's
-// rules on a small table of its own (a writable integer, a read-only text, a required
-// flag), where every status can be provoked.
+// The data source on its own (as Create makes it): property rules before and after Initialize, what the provider string
+// does not show through SQL (tests/cases/ datasource.test), IDBInfo and the records of failed calls; and the property
+// engine's rules on a small table of its own (a writable integer, a read-only text, a required flag), where every
+// status can be provoked.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -197,8 +196,7 @@ TEST_F(DataSourceTest, TheSchemaFollowsTheLastStringAndIsFilledOnce) {
   ASSERT_EQ(S_OK, SetString(DBPROP_INIT_PROVIDERSTRING, OLESTR("Timestamp End=2020-01-01 00:00:00")));
   EXPECT_EQ("", Schema()) << "a string without the schema item empties it";
 
-  // Initialize fills empty names (the schema's shows in schemas.test); a schema emptied
-  // after it stays empty.
+  // Initialize fills empty names (the schema's shows in schemas.test); a schema emptied after it stays empty.
   ASSERT_EQ(S_OK, SetString(DBPROP_INIT_CATALOG, OLESTR("")));
   ASSERT_EQ(S_OK, ds_->Initialize());
   EXPECT_EQ("_default_catalog_", Name(&CProviderDataSource::GetDefaultCatalog));

@@ -165,10 +165,9 @@ TEST_F(Creation, RawOnlyHostGetsTheAggregatesComponent) {
 #endif
 
 TEST(ErrorDescriptions, JoinInterfaceAndResultTexts) {
-  // One row per kind of text, and the provider texts no statement reaches; provider codes
-  // without a text of their own (8004C006) fall through to the general one. (Through SQL:
-  // ICommand's name and 8004C007's text, procedures.test; IRowset's identifier as its name
-  // and a historian code's text, execution.test; a caller's text, tests/session.)
+  // One row per kind of text, and the provider texts no statement reaches; provider codes without a text of their own
+  // (8004C006) fall through to the general one. (Through SQL: ICommand's name and 8004C007's text, procedures.test;
+  // IRowset's identifier as its name and a historian code's text, execution.test; a caller's text, tests/session.)
   const struct { const IID& iid; HRESULT hr; const char* text; } cases[] = {
       {IID_IDBInitialize, E_FAIL, "Failed to initialize/unitialize a data source (IID_IDBInitialize). Details: "
                                   "Returned E_FAIL."},

@@ -1,6 +1,5 @@
-// Runs VARIANT conversions, date/text parsing and formatting, and the SYSTEMTIME
-// conversions through the platform layer (natively) or the system's OLE Automation
-// (Windows build under Wine), one output line per case.
+// Runs VARIANT conversions, date/text parsing and formatting, and the SYSTEMTIME conversions through the platform layer
+// (natively) or the system's OLE Automation (Windows build under Wine), one output line per case.
 #include <cstdint>
 #include <initializer_list>
 #include <limits>
@@ -214,8 +213,7 @@ void Dates(probe::Output& out) {
       SysFreeString(b);
     }
   }
-  // Year 99 (two digits), beyond 9999, month 13, day 32, month 0, and milliseconds, which
-  // the system ignores.
+  // Year 99 (two digits), beyond 9999, month 13, day 32, month 0, and milliseconds, which the system ignores.
   for (SYSTEMTIME st : {SYSTEMTIME{99, 1, 0, 1, 0, 0, 0, 0}, SYSTEMTIME{10000, 1, 0, 1, 0, 0, 0, 0},
                          SYSTEMTIME{2020, 13, 0, 1, 0, 0, 0, 0}, SYSTEMTIME{2020, 1, 0, 32, 0, 0, 0, 0},
                          SYSTEMTIME{2020, 0, 0, 1, 0, 0, 0, 0}, SYSTEMTIME{2020, 1, 0, 2, 15, 4, 5, 500}}) {

@@ -1,6 +1,5 @@
-// Helpers of the expression suites: expressions and conditions written in SQL and
-// parsed by the real front end, bound with a fixed context, and UTC instants built
-// from calendar fields by the platform's SystemTimeToFileTime.
+// Helpers of the expression suites: expressions and conditions written in SQL and parsed by the real front end, bound
+// with a fixed context, and UTC instants built from calendar fields by the platform's SystemTimeToFileTime.
 #pragma once
 #include <memory>
 #include <string>

@@ -1,6 +1,5 @@
-// The SQL functions: quality tests and texts over the status-word layout, the values of
-// the others, and argument checks with their exact messages. What aggregates fold over
-// a whole result is in tests/cases/aggregates.test.
+// The SQL functions: quality tests and texts over the status-word layout, the values of the others, and argument checks
+// with their exact messages. What aggregates fold over a whole result is in tests/cases/aggregates.test.
 #include "tests/expr/ExprTestSupport.h"
 
 using namespace exprtest;

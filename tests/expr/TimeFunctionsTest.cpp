@@ -12,10 +12,9 @@ namespace {
 
 class DateAdd : public ExprTest {};
 
-// One row per call: fixed units add their tick counts, months step across year ends and
-// keep the day (never clamped: 30 January plus a month has no date), and a result
-// outside the FILETIME range overflows however large the count, because the products of
-// the fixed units are checked before they are made.
+// One row per call: fixed units add their tick counts, months step across year ends and keep the day (never clamped: 30
+// January plus a month has no date), and a result outside the FILETIME range overflows however large the count, because
+// the products of the fixed units are checked before they are made.
 TEST_F(DateAdd, EachCallGivesItsTimeOrItsCode) {
   const struct { std::string expr; HRESULT hr; ULONG64 expected; } cases[] = {
       {"DATEADD('ms', 750, '2020-01-01 12:00:00.250')", S_OK, Utc(2020, 1, 1, 12, 0, 1)},
@@ -113,8 +112,7 @@ TEST_F(LocalTime, BothSidesOfTheSpringChangeShiftByTheBiasInForceNow) {
   ULONG64 roundTrip = 0;
   ASSERT_EQ(EvalTime("LocalTimeToUTC(UTCToLocalTime('2023-10-29 00:30:00'))", &roundTrip), S_OK);
   EXPECT_EQ(roundTrip, Utc(2023, 10, 29, 0, 30));
-  // A text is UTC whatever the zone: 02:30 on the spring day is no local time in
-  // Berlin, yet reads exactly.
+  // A text is UTC whatever the zone: 02:30 on the spring day is no local time in Berlin, yet reads exactly.
   ULONG64 time = 0;
   ASSERT_EQ(corvane::TextToFileTime(OLESTR("2023-03-26 02:30:00"), &time), S_OK);
   EXPECT_EQ(time, Utc(2023, 3, 26, 2, 30));

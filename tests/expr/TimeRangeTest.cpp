@@ -25,9 +25,8 @@ class TimeRangeReduction : public ExprTest {
 };
 
 TEST_F(TimeRangeReduction, EachWhereGivesItsRangeOrItsFailure) {
-  // Every reduction starts from [1, 2]; a refused comparison keeps what the earlier ones
-  // set; a TIMESTAMP on the right is not mirrored; OR narrows like AND (the later
-  // comparison wins); NOT is looked through.
+  // Every reduction starts from [1, 2]; a refused comparison keeps what the earlier ones set; a TIMESTAMP on the right
+  // is not mirrored; OR narrows like AND (the later comparison wins); NOT is looked through.
   const ULONG64 local = context.nowLocal, utc = context.nowUtc;
   const struct { const char* where; HRESULT hr; ULONG64 start, end; } cases[] = {
       {"TIMESTAMP > DATEADD('hh', -1, NOW()) AND TIMESTAMP < NOWUTC()", S_OK, local - kHour, utc},

@@ -121,11 +121,10 @@ class AggregatesTest : public HistorianFixture {
 
 // ---- One read per row ----------------------------------------------------------------------
 
-// A value as "10 400 @0": the value, the status in hex and the time in seconds ("i4" an I4
-// value, "u80000000" a UI4, "'B'" a text, "-" none). An interval is described alike, "n4"
-// is the number of intervals and "hr80070057" a refused read. Several values are parted by
-// " | "; each expected part may stop early, and "*" skips a word. A row's expectations are
-// "AGGREGATE ...: values", parted by "; ": each aggregate is read alone and answers so.
+// A value as "10 400 @0": the value, the status in hex and the time in seconds ("i4" an I4 value, "u80000000" a UI4,
+// "'B'" a text, "-" none). An interval is described alike, "n4" is the number of intervals and "hr80070057" a refused
+// read. Several values are parted by " | "; each expected part may stop early, and "*" skips a word. A row's
+// expectations are "AGGREGATE ...: values", parted by "; ": each aggregate is read alone and answers so.
 struct Row {
   const OLECHAR* tag;
   double from, to, periodMs;
@@ -276,9 +275,8 @@ std::string Exact(const Answer& a) {
   return text;
 }
 
-// The reference historian shows a numeric or boolean tag's range as columns instead of
-// pages: every aggregate must come out bit for bit as through the pages, NaN, bad and
-// uncertain samples included.
+// The reference historian shows a numeric or boolean tag's range as columns instead of pages: every aggregate must come
+// out bit for bit as through the pages, NaN, bad and uncertain samples included.
 TEST_F(AggregatesTest, StoreColumnsGiveWhatPagesGive) {
   TagDefinition noisy;
   noisy.name = OLESTR("Noisy");
@@ -354,8 +352,7 @@ TEST_F(AggregatesTest, StatisticsContinuationPointsAreOwnedAndChecked) {
   EXPECT_EQ(E_INVALIDARG, ended.Read(processed_, nullptr, nullptr, nullptr, 200, 0, nullptr, 2, &stale));
   EXPECT_NE(nullptr, stale);
 
-  // Abandoned points stay bounded, the oldest forgotten first, and die with the provider
-  // (ASan checks the memory).
+  // Abandoned points stay bounded, the oldest forgotten first, and die with the provider (ASan checks the memory).
   std::vector<void*> pending(CProcessedDataProvider::kMaxPendingStatistics + 1);
   for (void*& point : pending) {
     Page p;

@@ -120,10 +120,9 @@ TEST_F(CsvRejected, EachProblemWithItsLineAndNothingLoaded) {
 }
 
 
-// A file is read a block at a time: records that straddle blocks (a quoted text with
-// line breaks, a CRLF split in two, a long tag name) load as from memory, a refused
-// sample is named by its line when the file has to be read again to find it, and a
-// missing file is named in the error.
+// A file is read a block at a time: records that straddle blocks (a quoted text with line breaks, a CRLF split in two,
+// a long tag name) load as from memory, a refused sample is named by its line when the file has to be read again to
+// find it, and a missing file is named in the error.
 TEST_F(CsvAccepted, AFileLoadsInBlocksAsTextLoadsWhole) {
   std::string text = "tag,timestamp,value,quality\r\n";
   const std::string longName(300, 'L');

@@ -1,6 +1,5 @@
-// Shared pieces of the historian suites: a fixture with a store and a reference
-// historian over it that checks, after every test, that no continuation point, COM
-// object, task-allocator block or BSTR is left behind.
+// Shared pieces of the historian suites: a fixture with a store and a reference historian over it that checks, after
+// every test, that no continuation point, COM object, task-allocator block or BSTR is left behind.
 #pragma once
 #include <gtest/gtest.h>
 

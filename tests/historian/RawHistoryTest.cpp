@@ -33,9 +33,8 @@ class RawFixture : public HistorianFixture {
 using RawPaging = RawFixture;
 using RawWrites = RawFixture;
 
-// Statements always ask for both ends (tests/cases/execution.test reads them, fetch23.test
-// pages through a tag, the soak reads newest first across pages); without the flag a read
-// leaves them out.
+// Statements always ask for both ends (tests/cases/execution.test reads them, fetch23.test pages through a tag, the
+// soak reads newest first across pages); without the flag a read leaves them out.
 TEST_F(RawPaging, WithoutTheBoundsFlagBothEndsAreLeftOut) {
   AddSeries(OLESTR("T"), 10);
   EXPECT_EQ((std::vector<double>{3, 4}), ValuesOf(ReadAll(OLESTR("T"), 2, 5, 0)));
@@ -78,9 +77,8 @@ TEST_F(RawPaging, ContinuationPointsAreOwnedAndWritesBetweenPagesNeitherRepeatNo
   EXPECT_EQ((std::vector<double>{3, 4}), rest);
 }
 
-// What the write procedures answer (inserted, already present, unknown tag, not found, a
-// text the type cannot hold, a read-only tag) is in tests/cases/procedures.test and
-// history.test; here is what no statement reaches.
+// What the write procedures answer (inserted, already present, unknown tag, not found, a text the type cannot hold, a
+// read-only tag) is in tests/cases/procedures.test and history.test; here is what no statement reaches.
 TEST_F(RawWrites, RefusedReadsBoundsAndDeletesWithTheirResultCodes) {
   AddSeries(OLESTR("T"), 10);
   TagIdent t = Ident(OLESTR("T")), missing = Ident(OLESTR("Nope")), noSchema = t;

@@ -3,8 +3,7 @@
 namespace corvane::historian::test {
 namespace {
 
-// What the value procedures and TAGS show of the values by quality and of the browse is in
-// tests/cases/history.test.
+// What the value procedures and TAGS show of the values by quality and of the browse is in tests/cases/history.test.
 using TagBrowse = HistorianFixture;
 
 TEST_F(TagBrowse, WildcardsMatchWholeNames) {

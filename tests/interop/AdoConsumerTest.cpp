@@ -1,7 +1,6 @@
-// Consumers nobody here wrote, from Wine's system DLLs, over the registered provider:
-// ADO (msado15) given the provider's rowsets through ADORecordsetConstruction, and the
-// data links service (oledb32) describing an initialised data source. Wine's ADO does
-// not fetch rows yet, so its Fields are checked against what the provider describes
+// Consumers nobody here wrote, from Wine's system DLLs, over the registered provider: ADO (msado15) given the
+// provider's rowsets through ADORecordsetConstruction, and the data links service (oledb32) describing an initialised
+// data source. Wine's ADO does not fetch rows yet, so its Fields are checked against what the provider describes
 // (IColumnsInfo) and the rows are read through OLE DB directly.
 #include <gtest/gtest.h>
 
@@ -14,11 +13,10 @@
 #include "tests/session/ConsumerFixture.h"
 #include <msdasc.h>  // the data links service, from oledb32
 
-// The parts of ADO's interfaces this consumer calls, in their published vtable order and
-// with 64-bit ADO's widths (its ADO_LONGPTR is pointer-wide); SDK headers of ADO do not
-// build here. Slots this consumer does not call are placeholders. They stay outside the
-// anonymous namespace: there the compiler would know that nothing implements them and
-// would drop the calls.
+// The parts of ADO's interfaces this consumer calls, in their published vtable order and with 64-bit ADO's widths (its
+// ADO_LONGPTR is pointer-wide); SDK headers of ADO do not build here. Slots this consumer does not call are
+// placeholders. They stay outside the anonymous namespace: there the compiler would know that nothing implements them
+// and would drop the calls.
 #define ADO_UNUSED(n) virtual HRESULT STDMETHODCALLTYPE Unused##n() = 0
 struct AdoObject : IDispatch {
   virtual HRESULT STDMETHODCALLTYPE get_Properties(IUnknown** properties) = 0;

@@ -1,6 +1,5 @@
-// The Automation types the POSIX layer provides as Windows does: BSTRs, VARIANT
-// lifetimes, the ISO date texts and the calendar of FILETIME. Under Wine the first two
-// run against the system's own.
+// The Automation types the POSIX layer provides as Windows does: BSTRs, VARIANT lifetimes, the ISO date texts and the
+// calendar of FILETIME. Under Wine the first two run against the system's own.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -165,12 +164,10 @@ TEST(VariantLifetime, CopiesDuplicateStringsAddReferencesAndFollowOneLevelOfRefe
   EXPECT_EQ(LiveBstrs(), base);
 }
 
-// What VariantChangeType answers for each value is compared with the system's own
-// conversions by the differential probe (tests/differential/probe_variant.cpp), and the
-// strings of the conversions the provider makes are counted by the leak checks of the
-// conversion and expression suites. What is left here is what neither can see: the ISO
-// forms the layer reads beyond the system's parser, whose values the probe only lists
-// as differences.
+// What VariantChangeType answers for each value is compared with the system's own conversions by the differential probe
+// (tests/differential/probe_variant.cpp), and the strings of the conversions the provider makes are counted by the leak
+// checks of the conversion and expression suites. What is left here is what neither can see: the ISO forms the layer
+// reads beyond the system's parser, whose values the probe only lists as differences.
 #ifndef _WIN32
 TEST(VariantDateConversion, IsoTextWithTZoneAndFractionReads) {
   const DATE jan2 = 43832;  // 2020-01-02
@@ -186,10 +183,9 @@ TEST(VariantDateConversion, IsoTextWithTZoneAndFractionReads) {
   }
 }
 
-// FILETIME <-> SYSTEMTIME: named instants, random instants, the limits and each invalid
-// field are compared with the system's answers by the differential probe
-// (tests/differential/probe_time.cpp). Kept here: the cases where Wine, which runs the
-// Windows build, answers differently from Windows.
+// FILETIME <-> SYSTEMTIME: named instants, random instants, the limits and each invalid field are compared with the
+// system's answers by the differential probe (tests/differential/probe_time.cpp). Kept here: the cases where Wine,
+// which runs the Windows build, answers differently from Windows.
 SYSTEMTIME St(WORD y, WORD mo, WORD d) { return SYSTEMTIME{y, mo, 0, d, 0, 0, 0, 0}; }
 
 TEST(FileTimeCalendar, OnlyRealDatesUpToTheYear30827Convert) {

@@ -61,8 +61,7 @@ TEST(GuidText, WritesTheBracedUpperCaseFormAndReadsItBackWithTheWindowsCodes) {
   EXPECT_EQ(StringFromGUID2(IID_IClassFactory, buf, 39), 39);
   EXPECT_EQ(GuidText(IID_IClassFactory), u"{00000001-0000-0000-C000-000000000046}");
   EXPECT_EQ(StringFromGUID2(IID_IClassFactory, buf, 38), 0) << "no room for the terminator";
-  // Text, then what CLSIDFromString answers and the GUID it reads (either case; null text
-  // is the null GUID).
+  // Text, then what CLSIDFromString answers and the GUID it reads (either case; null text is the null GUID).
   const struct { const char16_t* text; HRESULT hr; const char16_t* read; } cases[] = {
       {u"{effacbc0-538b-4bc7-afe1-2e90167424c6}", S_OK, u"{EFFACBC0-538B-4BC7-AFE1-2E90167424C6}"},
       {nullptr, S_OK, u"{00000000-0000-0000-0000-000000000000}"},

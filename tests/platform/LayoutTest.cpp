@@ -63,9 +63,8 @@ SIZE(OLECHAR, 2) SIZE(CY, 8) SIZE(HRESULT, 4) SIZE(ULONG, 4) SIZE(LONG, 4)
 #undef AT
 
 namespace {
-// Slot of a virtual method in its vtable. Every compiler we build with (g++ and clang on
-// Linux, mingw g++ for Windows) follows the Itanium C++ ABI, where a pointer to a
-// virtual member function holds 1 + the slot's byte offset.
+// Slot of a virtual method in its vtable. Every compiler we build with (g++ and clang on Linux, mingw g++ for Windows)
+// follows the Itanium C++ ABI, where a pointer to a virtual member function holds 1 + the slot's byte offset.
 template <typename Method>
 size_t Slot(Method method) {
   static_assert(sizeof(Method) == 2 * sizeof(uintptr_t), "Itanium member-function pointer");

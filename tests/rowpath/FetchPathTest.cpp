@@ -209,9 +209,8 @@ TEST_F(RowHandles, ReadersOnOtherThreadsSeeTheirRowsWhileTheTableChanges) {
 
 class CellCopies : public LeakCheckedTest {};
 
-// Every binding of a cell gives the value, status and length the conversion service
-// gives for the same source, whichever way the store copies it, with or without an
-// accessor's plan.
+// Every binding of a cell gives the value, status and length the conversion service gives for the same source,
+// whichever way the store copies it, with or without an accessor's plan.
 TEST_F(CellCopies, StoreAndConversionServiceAgree) {
   struct Col { DBTYPE type; ULONGLONG size; StoreValue value; };
   // The second timestamp is in year 30000, which only some conversion libraries take.

@@ -67,10 +67,9 @@ class SqlConsumer {
   // Creates the provider over the host with catalog "Plant" and, when given, the
   // provider string; initialises it and opens a session and a command.
   void Open(const std::string& providerString = {});
-  // SetCommandText, Execute, then GetNextRows `batch` rows at a time until the end or a
-  // failure, holding every row; then GetData of each held row and one ReleaseRows.
-  // An empty `sql` executes the command's text again. With `open`, the rowset is handed
-  // back unread, to Read later.
+  // SetCommandText, Execute, then GetNextRows `batch` rows at a time until the end or a failure, holding every row;
+  // then GetData of each held row and one ReleaseRows. An empty `sql` executes the command's text again. With `open`,
+  // the rowset is handed back unread, to Read later.
   Outcome Run(const std::string& sql, const std::vector<Parameter>& parameters = {}, DBROWCOUNT batch = 7,
               IUnknown** open = nullptr);
   // The columns and rows of a rowset, which is released.
@@ -92,9 +91,8 @@ class SqlConsumer {
   ICommandText* command_ = nullptr;
 };
 
-// The consumer as a fixture: a SqlConsumer, open, over "Area1.Temp" (VT_R8) and
-// "Area1.Text" (VT_BSTR), one sample every minute ending one minute before the test
-// starts, so that the default 72-hour range holds them all.
+// The consumer as a fixture: a SqlConsumer, open, over "Area1.Temp" (VT_R8) and "Area1.Text" (VT_BSTR), one sample
+// every minute ending one minute before the test starts, so that the default 72-hour range holds them all.
 class ConsumerTest : public LeakCheckedTest, public SqlConsumer {
  public:
   // The records of the failed call on this thread, taken (the thread is left clean).
@@ -114,8 +112,7 @@ struct TextParameters {
   explicit TextParameters(const std::vector<Parameter>& values);
 };
 
-// The reference historian over `store`, with its aggregates, behind a fault-injecting host
-// that has one reference.
+// The reference historian over `store`, with its aggregates, behind a fault-injecting host that has one reference.
 testing::CFaultInjectingHost* NewHost(std::shared_ptr<historian::CHistorianStore> store);
 // Creates the provider over `host` (linked in, or the registered DLL), sets its catalog
 // to "Plant", initialises it and opens a session.

@@ -1,6 +1,5 @@
-// Input that must fail cleanly rather than crash, hang, overflow the stack or leak:
-// nesting beyond the limits, on a 1 MB thread stack as well; running out of memory at
-// every allocation of a parse.
+// Input that must fail cleanly rather than crash, hang, overflow the stack or leak: nesting beyond the limits, on a 1
+// MB thread stack as well; running out of memory at every allocation of a parse.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -17,10 +16,9 @@
 #include <pthread.h>
 #endif
 
-// ---- allocation failure injection -------------------------------------------------
-// While armed, the n-th operator new of the process fails and every new/delete is
-// counted, so a test can check that a failed parse gives back all it took.
-// ThreadSanitizer's runtime owns operator new; that build only checks the threads.
+// ---- allocation failure injection ------------------------------------------------- While armed, the n-th operator
+// new of the process fails and every new/delete is counted, so a test can check that a failed parse gives back all it
+// took. ThreadSanitizer's runtime owns operator new; that build only checks the threads.
 #if CORVANE_THREAD_SANITIZER
 #define SQL_TEST_NO_NEW_HOOK 1
 #endif

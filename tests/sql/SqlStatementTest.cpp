@@ -1,6 +1,5 @@
-// Each statement kind's accepted forms and the query model it yields, WHERE trees
-// (precedence, the exclusive BETWEEN, parentheses) and the numbering of `?`: one row
-// per statement, the model compared whole.
+// Each statement kind's accepted forms and the query model it yields, WHERE trees (precedence, the exclusive BETWEEN,
+// parentheses) and the numbering of `?`: one row per statement, the model compared whole.
 #include <gtest/gtest.h>
 
 #include "SqlTestSupport.h"

@@ -57,8 +57,7 @@ inline std::string Render(const CSQLCalcItem* item) {
   return "?item";
 }
 
-// "OR(EQ(a,1),AND(GT(b,2),LT(b,5)))"; a comparison with a condition on its right side
-// shows it after the operands.
+// "OR(EQ(a,1),AND(GT(b,2),LT(b,5)))"; a comparison with a condition on its right side shows it after the operands.
 inline std::string Render(const CSQLConditionNode* node) {
   if (!node) return "null";
   static const char* const kNames[] = {"OPERAND", "EQ", "GT", "LT", "GE", "LE", "NE", "OR", "AND", "NOT"};
@@ -75,10 +74,9 @@ inline std::string Render(const CSQLConditionNode* node) {
 
 inline std::string W8(const corvane::WString& s) { return corvane::ToUtf8(s); }
 
-// The whole query model on one line, for exact comparisons:
-// "SELECT limit=0,10 aggregate cols=r.VALUE:VALUE@r as v from=CAT.SCH.RAWDATA r where=EQ(a,1) order=TIMESTAMP DESC";
-// a select column shows its item, then its column name and display name where they
-// differ; "FAILED: <error info>" when the text does not parse.
+// The whole query model on one line, for exact comparisons: "SELECT limit=0,10 aggregate cols=r.VALUE:VALUE@r as v
+// from=CAT.SCH.RAWDATA r where=EQ(a,1) order=TIMESTAMP DESC"; a select column shows its item, then its column name and
+// display name where they differ; "FAILED: <error info>" when the text does not parse.
 inline std::string Describe(const std::string& text) {
   const Parsed p = Parse(text);
   if (FAILED(p.hr)) return "FAILED: " + p.error;

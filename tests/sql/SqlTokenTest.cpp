@@ -51,8 +51,7 @@ TEST(SqlTokens, EachTextReadsAsItsTokens) {
       // an unterminated one ends at the text's end, a trailing backslash ends the scan.
       {"'it\\'s' '\\\\' 'a''b' 'abc", "str(it's) str(\\) str(a) str(b) str(abc) $"},
       {"'abc\\", "str(abc) $"},
-      // Numbers: a sign belongs to the number (the text keeps the digits only); a number
-      // ends where its digits end.
+      // Numbers: a sign belongs to the number (the text keeps the digits only); a number ends where its digits end.
       {"-1.5 12. 0.25 1e55 1e+5 1E-5 2.5e-3",
        "dbl(1.5)=-1.5 dbl(12.0)=12 dbl(0.25)=0.25 dbl(1e55)=1e+55 dbl(1e+5)=100000 dbl(1E-5)=1e-05 "
        "dbl(2.5e-3)=0.0025 $"},

@@ -21,9 +21,8 @@ bool WaitUntil(const std::function<bool()>& done) {
 
 class DataProviderWorker : public LeakCheckedTest {};
 
-// A step takes no more emptied records than its page needs and the rest wait for the
-// next step, emptied of what they held; dropping them would free and remake records
-// every page.
+// A step takes no more emptied records than its page needs and the rest wait for the next step, emptied of what they
+// held; dropping them would free and remake records every page.
 TEST_F(DataProviderWorker, SpareRecordsAreTakenAtMostAPageAtATimeAndKeptEmptied) {
   PagedProducer provider(10, 1);
   provider.EnableRecordReuse();

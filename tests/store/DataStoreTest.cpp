@@ -146,8 +146,7 @@ TEST_F(DataStoreSetValue, TextFromABstrOrLentFillsEveryTextCellWithItsOwnCopy) {
     EXPECT_EQ(WString(OLESTR("Tag.AB")), WString(V_BSTR(&stored), SysStringLen(V_BSTR(&stored))));
     EXPECT_FALSE(Set(text, 6));  // text is not a number
   }
-  // A text that just fits is whole; a cut one ends in a terminator; ANSI cells take the
-  // ANSI code page.
+  // A text that just fits is whole; a cut one ends in a terminator; ANSI cells take the ANSI code page.
   EXPECT_TRUE(Set(Bstr(OLESTR("Tag.")), 0));
   EXPECT_EQ(255, Status(0));
   EXPECT_TRUE(Set(Bstr(OLESTR("Tag.ABCDE")), 0));
@@ -256,9 +255,8 @@ TEST(DataStoreFindColumn, OrdinalMatchWinsElseLastNameMatch) {
   EXPECT_EQ(E_FAIL, CDataStore::FindColumn(columns, nullptr, 1, &index));
 }
 
-// Each cell's own value, status and length against the conversion service:
-// CellCopies.StoreAndConversionServiceAgree. Here, null cells, provider-owned references
-// and what several bindings answer together.
+// Each cell's own value, status and length against the conversion service: CellCopies.StoreAndConversionServiceAgree.
+// Here, null cells, provider-owned references and what several bindings answer together.
 TEST_F(DataStoreSetValue, GetDataOfNullsReferencesAndMixedResults) {
   Build({Column(OLESTR("TAG"), 1, DBTYPE_WSTR, 16), Column(OLESTR("N"), 2, DBTYPE_I4, 4),
          Column(OLESTR("V"), 3, DBTYPE_VARIANT, 24), Column(OLESTR("R"), 4, DBTYPE_BSTR)},

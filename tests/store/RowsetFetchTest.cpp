@@ -158,8 +158,7 @@ TEST_F(RowsetDescription, ColumnsAreDescribedAndMappedByName) {
   info->Release();
 }
 
-// A table rowset can fetch backwards and has no bookmarks; a command rowset offers the
-// bookmark properties as false.
+// A table rowset can fetch backwards and has no bookmarks; a command rowset offers the bookmark properties as false.
 TEST_F(RowsetDescription, PropertiesDependOnTheKindOfRowset) {
   const struct {
     CProviderIRowset::RowsetKind kind;

@@ -146,8 +146,7 @@ T ReadAt(const BYTE* buffer, size_t offset) {
   return value;
 }
 
-// A cell of `row` as the store laid it out: its status byte, its value, and for a text
-// column the text it points at.
+// A cell of `row` as the store laid it out: its status byte, its value, and for a text column the text it points at.
 inline BYTE CellStatus(const CRefCountedDataStoreRow* row, const DataStoreColumnInfo& col) {
   return row->Buffer()[col.cbStatus];
 }
@@ -173,8 +172,7 @@ inline void ReleaseAll(std::vector<CRefCountedDataStoreRow*>& rows) {
   rows.clear();
 }
 
-// A rowset over a worker-driven producer of `rows` RAWDATA rows made `page` at a time,
-// with an accessor of VALUE as R8.
+// A rowset over a worker-driven producer of `rows` RAWDATA rows made `page` at a time, with an accessor of VALUE as R8.
 class RowsetTest : public LeakCheckedTest {
  protected:
   void Open(ULONGLONG rows, ULONGLONG page = 4, CProviderIRowset::RowsetKind kind = CProviderIRowset::RowsetKind::Command,

@@ -1,7 +1,6 @@
-// A test host that wraps any historian host object and misbehaves on request: it fails
-// a chosen call of a chosen operation with a chosen HRESULT, forces the page size of raw
-// reads, hides the processed or values interface, and counts the continuation points
-// that callers have not finished or released.
+// A test host that wraps any historian host object and misbehaves on request: it fails a chosen call of a chosen
+// operation with a chosen HRESULT, forces the page size of raw reads, hides the processed or values interface, and
+// counts the continuation points that callers have not finished or released.
 #pragma once
 #include <atomic>
 #include <mutex>
@@ -28,9 +27,8 @@ class CFaultInjectingHost final : public IRawDataProvider, public IProcessedData
   // Wraps `inner` (which it holds a reference to); the new object has one reference.
   static CFaultInjectingHost* Create(IUnknown* inner);
 
-  // Call number `n` (1-based, counted over the host's life) of `op` returns `hr` without
-  // reaching the wrapped host; n = 0 fails every call from now on. Out-pointers are
-  // nulled as a failing host would.
+  // Call number `n` (1-based, counted over the host's life) of `op` returns `hr` without reaching the wrapped host;
+  // n = 0 fails every call from now on. Out-pointers are nulled as a failing host would.
   void FailCall(Op op, ULONG n, HRESULT hr);
   // Raw reads ask the wrapped host for at most this many samples (0: as the caller asks).
   void ForcePageSize(ULONG maxValues) { pageSize_ = maxValues; }
@@ -41,8 +39,7 @@ class CFaultInjectingHost final : public IRawDataProvider, public IProcessedData
   void Omit(REFIID iid);
 
   ULONG Calls(Op op) const { return calls_[static_cast<int>(op)].load(); }
-  // Continuation points handed out (by raw slot 7 or processed slot 4) and neither
-  // exhausted nor released yet.
+  // Continuation points handed out (by raw slot 7 or processed slot 4) and neither exhausted nor released yet.
   size_t OutstandingContinuationPoints() const;
 
   // IUnknown

@@ -10,8 +10,7 @@ namespace corvane::test {
 
 class LeakCheckedTest : public ::testing::Test {
  public:
-  // Adds a non-fatal failure naming the counts when more blocks or BSTRs are
-  // outstanding now than at `baseline`.
+  // Adds a non-fatal failure naming the counts when more blocks or BSTRs are outstanding now than at `baseline`.
   static void ExpectNothingOutstandingSince(const platform::AllocCounts& baseline);
 
  protected:

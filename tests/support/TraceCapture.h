@@ -1,6 +1,5 @@
-// Captures trace lines for a test: while it lives, lines at or above its threshold go
-// to memory instead of the configured destination; the previous destination and
-// threshold come back when it is destroyed.
+// Captures trace lines for a test: while it lives, lines at or above its threshold go to memory instead of the
+// configured destination; the previous destination and threshold come back when it is destroyed.
 #pragma once
 #include <memory>
 #include <mutex>

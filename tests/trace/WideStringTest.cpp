@@ -33,8 +33,7 @@ TEST(WideFormat, TheConversionsTheProviderWrites) {
   ASSERT_EQ(8u, text.size());
   EXPECT_EQ(ToUtf8(WFormat(OLESTR("<%s>"), text.c_str())), "<T\xC3\xA4g\xE2\x82\xAC\xF0\x9F\x98\x80\xF4\x8F\xBF\xBF>");
   EXPECT_EQ(F(OLESTR("100%% %d%%"), 5), "100% 5%");
-  // An unknown conversion shows as written and takes no argument; a lone '%' at the
-  // end stays.
+  // An unknown conversion shows as written and takes no argument; a lone '%' at the end stays.
   EXPECT_EQ(F(OLESTR("%y %d %"), 3), "%y 3 %");
   EXPECT_EQ(ToUtf8(corvane::WFormat(nullptr)), "");
   // A huge width is capped rather than allocating without bound.
