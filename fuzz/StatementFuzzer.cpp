@@ -222,8 +222,7 @@ HRESULT RunStatement(IUnknown* dataSource, const corvane::WString& text, size_t*
   DBPARAMS params{parameters.slots.data(), 1, parameters.handle};
   ComPtr<IUnknown> rowset;
   DBROWCOUNT affected = 0;
-  hr = command->Execute(nullptr, IID_IRowset, parameters.bindings.empty() ? nullptr : &params, &affected,
-                        rowset.Put());
+  hr = command->Execute(nullptr, IID_IRowset, parameters.bindings.empty() ? nullptr : &params, &affected, rowset.Put());
   if (FAILED(hr)) {
     Check(!rowset, "a failed Execute hands no rowset out");
     return hr;

@@ -191,8 +191,7 @@ TEST_F(DataConvertService, RefusesWhatItCannotDoAndSizesWhatItCan) {
     EXPECT_EQ(c.size, size) << c.src << "->" << c.dst;
   }
   DBLENGTH size = 0;
-  EXPECT_EQ(DB_E_UNSUPPORTEDCONVERSION,
-            convert_->GetConversionSize(DBTYPE_I4, DBTYPE_GUID, nullptr, &size, nullptr));
+  EXPECT_EQ(DB_E_UNSUPPORTEDCONVERSION, convert_->GetConversionSize(DBTYPE_I4, DBTYPE_GUID, nullptr, &size, nullptr));
 }
 
 TEST_F(DataConvertService, InterfacesAndVersion) {

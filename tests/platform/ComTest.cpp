@@ -83,8 +83,7 @@ TEST(GuidText, WritesTheBracedUpperCaseFormAndReadsItBackWithTheWindowsCodes) {
 namespace {
 
 CORVANE_DEFINE_GUID(CLSID_TestWidget, 0x6B1D0F4A, 0x1C2B, 0x4E55, 0x9A, 0x10, 0x32, 0x44, 0x55, 0x66, 0x77, 0x88);
-CORVANE_DEFINE_GUID(CLSID_NeverRegistered, 0x6B1D0F4C, 0x1C2B, 0x4E55, 0x9A, 0x10, 0x32, 0x44, 0x55, 0x66, 0x77,
-                    0x88);
+CORVANE_DEFINE_GUID(CLSID_NeverRegistered, 0x6B1D0F4C, 0x1C2B, 0x4E55, 0x9A, 0x10, 0x32, 0x44, 0x55, 0x66, 0x77, 0x88);
 
 // A factory on the test's stack that counts its references and hands itself out as the
 // instance, so every instance not released shows as a reference too many.
@@ -147,8 +146,7 @@ TEST(ClassRegistry, CreatesAndNamesRegisteredClassesAndAnswersWithWindowsCodesOt
 
   EXPECT_EQ(UnregisterClass(CLSID_TestWidget), S_OK);
   EXPECT_EQ(factory.refs, 0u) << "unregistering releases the registry's reference";
-  EXPECT_EQ(CoCreateInstance(CLSID_TestWidget, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown, &out),
-            REGDB_E_CLASSNOTREG);
+  EXPECT_EQ(CoCreateInstance(CLSID_TestWidget, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown, &out), REGDB_E_CLASSNOTREG);
   EXPECT_EQ(CLSIDFromProgID(W("Corvane.TestWidget.1"), &clsid), CO_E_CLASSSTRING) << "its ProgID goes with it";
   EXPECT_EQ(UnregisterClass(CLSID_TestWidget), REGDB_E_CLASSNOTREG);
   EXPECT_EQ(RegisterClass(CLSID_TestWidget, nullptr, nullptr), E_INVALIDARG);

@@ -116,8 +116,7 @@ struct TextParameters {
 testing::CFaultInjectingHost* NewHost(std::shared_ptr<historian::CHistorianStore> store);
 // Creates the provider over `host` (linked in, or the registered DLL), sets its catalog
 // to "Plant", initialises it and opens a session.
-void OpenProvider(IUnknown* host, IUnknown** dataSource, IOpenRowset** session,
-                  const std::string& providerString = {});
+void OpenProvider(IUnknown* host, IUnknown** dataSource, IOpenRowset** session, const std::string& providerString = {});
 // Releases the session, uninitialises the data source and checks that its last
 // reference goes with the consumer's; clears the thread's error records.
 void CloseProvider(IUnknown** dataSource, IOpenRowset** session);
