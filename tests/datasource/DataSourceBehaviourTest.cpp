@@ -16,11 +16,7 @@
 #include "tests/support/LeakCheckedTest.h"
 #include "tests/support/TraceCapture.h"
 
-using corvane::CPropertyEngine;
-using corvane::PropertyDefault;
-using corvane::PropertyDefinition;
-using corvane::ToUtf8;
-using corvane::test::TraceCapture;
+namespace corvane::test {
 
 namespace {
 
@@ -347,3 +343,5 @@ TEST_F(PropertyRules, PropertyInfoWithDescriptionsAndGroups) {
   EXPECT_EQ(nullptr, infos[0].rgPropertyInfos[0].pwszDescription);
   CPropertyEngine::FreePropertyInfoSets(n, infos, nullptr);
 }
+
+}  // namespace corvane::test

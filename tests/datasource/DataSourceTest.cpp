@@ -18,18 +18,14 @@
 #include "provider/ProviderDataSource.h"
 #include "tests/session/ConsumerFixture.h"
 
-using corvane::ComPtr;
-using corvane::DescribeFailure;
-using corvane::QueryAs;
-using corvane::ToUtf8;
-using corvane::historian::CHistorianStore;
-using corvane::test::TraceCapture;
-using corvane::testing::CFaultInjectingHost;
+namespace corvane::test {
+
+using testing::CFaultInjectingHost;
 
 namespace {
 
 // A fresh reference historian with its aggregates behind the counting host.
-CFaultInjectingHost* MakeHost() { return corvane::test::NewHost(std::make_shared<CHistorianStore>()); }
+CFaultInjectingHost* MakeHost() { return corvane::test::NewHost(std::make_shared<historian::CHistorianStore>()); }
 
 // On Windows the system's error object and the provider's classes need COM on the thread.
 class ComTest : public corvane::test::LeakCheckedTest {
@@ -267,3 +263,5 @@ TEST_F(ErrorLookupService, DroppedRecordsReleaseTheirTextsWhereTheServiceIsRegis
   EXPECT_EQ(S_OK, CErrorLookup::Drop(record.dynamicErrorId));
 }
 #endif
+
+}  // namespace corvane::test

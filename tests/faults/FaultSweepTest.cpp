@@ -13,15 +13,10 @@
 #include "tests/cases/SqlConsumer.h"
 #include "tests/support/Printers.h"
 
+namespace corvane::test {
 namespace {
 
-using corvane::test::Hex;
-using corvane::test::HostOpName;
-using corvane::test::Outcome;
-using corvane::test::Rows;
-using corvane::test::SqlConsumer;
-using Op = corvane::test::HostOp;
-using corvane::historian::SampleInput;
+using Op = HostOp;
 
 constexpr int kOps = static_cast<int>(Op::Count);
 // Calls of one operation failed per statement: the first pages are where a read starts,
@@ -59,7 +54,7 @@ class World : public SqlConsumer {
       corvane::historian::TagDefinition tag;
       tag.name = t == 0 ? OLESTR("Flow") : OLESTR("Level");
       EXPECT_EQ(S_OK, Store().AddTag(tag));
-      EXPECT_EQ(S_OK, Store().AppendGenerated(tag.name, t == 0 ? 10 : 4, [&](size_t i, SampleInput& s) {
+      EXPECT_EQ(S_OK, Store().AppendGenerated(tag.name, t == 0 ? 10 : 4, [&](size_t i, historian::SampleInput& s) {
         s.time = base + (t == 0 ? 10 * i : 5 + 10 * i) * 10000000ull;
         s.number = t == 0 ? i + 1 : 100 + i;
         s.quality = (t == 0 && i == 3) ? OPCUA_BAD : OPCUA_GOOD;
@@ -186,3 +181,4 @@ INSTANTIATE_TEST_SUITE_P(
     [](const ::testing::TestParamInfo<Statement>& info) { return std::string(info.param.name); });
 
 }  // namespace
+}  // namespace corvane::test

@@ -19,11 +19,6 @@
 
 namespace corvane::test {
 
-using corvane::Bstr;
-using corvane::ComPtr;
-using corvane::QueryAs;
-using corvane::TaskMem;
-
 namespace {
 
 #ifdef CORVANE_CONSUMER_OF_DLL

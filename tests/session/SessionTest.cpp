@@ -9,15 +9,7 @@
 #include "base/TaskMem.h"
 #include "tests/session/ConsumerFixture.h"
 
-using corvane::ComPtr;
-using corvane::QueryAs;
-using corvane::TaskMem;
-using corvane::test::Cell;
-using corvane::test::ConsumerTest;
-using corvane::test::Parameter;
-using corvane::test::ReadAll;
-using corvane::test::TextParameters;
-using corvane::test::TraceCapture;
+namespace corvane::test {
 
 namespace {
 
@@ -446,3 +438,5 @@ TEST_F(CommandExecution, EachExecutionHasItsOwnNow) {
   }
   EXPECT_NE(nows[0], nows[1]) << nows[0];
 }
+
+}  // namespace corvane::test
