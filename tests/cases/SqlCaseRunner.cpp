@@ -315,7 +315,7 @@ class CaseTest : public ::testing::Test {
       std::vector<std::string> actual;
       for (size_t i = 0; i < got.columns.size(); ++i) {
         const bool typed = i < names.size() && names[i].find(':') != std::string::npos;
-        actual.push_back(got.columns[i].first + (typed ? ":" + TypeName(got.columns[i].second) : ""));
+        actual.push_back(got.columns[i].name + (typed ? ":" + TypeName(got.columns[i].type) : ""));
       }
       if (actual != names) ADD_FAILURE_AT(c.path.c_str(), c.line) << statement << "  columns: " << Show({actual});
       first = 1;

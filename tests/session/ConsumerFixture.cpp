@@ -331,15 +331,17 @@ std::vector<std::vector<std::string>> ReadAll(IUnknown* rowset, std::vector<DBOR
   return rows;
 }
 
-std::vector<std::pair<std::string, DBTYPE>> Columns(IUnknown* object) {
-  std::vector<std::pair<std::string, DBTYPE>> out;
+std::vector<ColumnInfo> Columns(IUnknown* object) {
+  std::vector<ColumnInfo> out;
   auto info = QueryAs<IColumnsInfo>(object, IID_IColumnsInfo);
   if (!info) return out;
   DBORDINAL n = 0;
   TaskMem<DBCOLUMNINFO> columns;
   TaskMem<OLECHAR> strings;
   EXPECT_EQ(S_OK, info->GetColumnInfo(&n, columns.Put(), strings.Put()));
-  for (DBORDINAL i = 0; i < n; ++i) out.emplace_back(ToUtf8(columns[i].pwszName), columns[i].wType);
+  for (DBORDINAL i = 0; i < n; ++i)
+    out.push_back({ToUtf8(columns[i].pwszName), columns[i].wType, columns[i].ulColumnSize, columns[i].dwFlags,
+                   columns[i].iOrdinal});
   return out;
 }
 

@@ -40,12 +40,15 @@ using HostOp = testing::CFaultInjectingHost::Op;
 // One `?`: bound as text, described to the command as `type` unless that is empty.
 struct Parameter { std::string type; std::string value; };
 
+// A column as IColumnsInfo describes it.
+struct ColumnInfo { std::string name; DBTYPE type; DBLENGTH size; DBCOLUMNFLAGS flags; DBORDINAL ordinal; };
+
 struct Outcome {
   HRESULT hr = S_OK;  // the first failure of Execute or GetNextRows
   bool atExecute = false;
   LastError error;  // the records of that failure
   DBROWCOUNT affected = DB_COUNTUNAVAILABLE;  // what Execute counted
-  std::vector<std::pair<std::string, DBTYPE>> columns;
+  std::vector<ColumnInfo> columns;
   Rows rows;  // every row delivered before the end or the failure; a null reads "<null>"
 };
 
@@ -127,7 +130,7 @@ void CloseProvider(IUnknown** dataSource, IOpenRowset** session);
 std::vector<std::vector<std::string>> ReadAll(IUnknown* rowset, std::vector<DBORDINAL> columns,
                                               DBROWCOUNT batch = 7, HRESULT* failure = nullptr,
                                               LastError* error = nullptr, bool hold = false);
-// Column names and types of a rowset or prepared command (IColumnsInfo).
-std::vector<std::pair<std::string, DBTYPE>> Columns(IUnknown* object);
+// The columns of a rowset or prepared command.
+std::vector<ColumnInfo> Columns(IUnknown* object);
 
 }  // namespace corvane::test
