@@ -45,8 +45,6 @@ class DataConvertTest : public test::LeakCheckedTest {
   ComPtr<IDataConvert> convert_;
 };
 
-// ---- One conversion per row
-
 TEST_F(DataConvertTest, EachConversionGivesItsStatusLengthAndValue) {
   constexpr DBDATACONVERT kNts = DBDATACONVERT_LENGTHFROMNTS;
   struct Row {
@@ -162,8 +160,6 @@ TEST_F(DataConvertTest, ADecimalInAVariantConvertsByItsValue) {
   EXPECT_EQ(S_OK, Convert(DBTYPE_VARIANT, DBTYPE_R8, src.Get(), &r8).hr);
   EXPECT_EQ(-123.45, r8);
 }
-
-// ---- The object around the conversions
 
 using DataConvertService = DataConvertTest;
 

@@ -95,11 +95,6 @@ void Convert(probe::Output& out, const std::string& id, const VARIANT& source, L
   VariantClear(&dst);
 }
 
-void ConversionMatrix(probe::Output& out) {
-  for (const Source& s : g_sources)
-    for (VARTYPE vt : kTargets) Convert(out, "conv/" + s.id + "/" + probe::VarTypeName(vt), s.v, kEnUs, 0, vt);
-}
-
 // The default and neutral locales must behave like en-US here.
 void Locales(probe::Output& out) {
   for (const Source& s : g_sources) {
@@ -280,7 +275,8 @@ int main(int argc, char** argv) {
   probe::Output out(argc, argv);
   if (!out.ok()) return 2;
   BuildSources();
-  ConversionMatrix(out);
+  for (const Source& s : g_sources)
+    for (VARTYPE vt : kTargets) Convert(out, "conv/" + s.id + "/" + probe::VarTypeName(vt), s.v, kEnUs, 0, vt);
   Locales(out);
   Flags(out);
   InPlace(out);

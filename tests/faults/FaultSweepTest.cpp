@@ -131,14 +131,10 @@ TEST_P(FaultSweep, EveryHostCallFailsInTurn) {
           std::set<std::string> keys;
           for (auto [rows, m] : {std::pair{world.Contents(), &state}, {oldState, &before}, {newState, &after}})
             for (const auto& r : rows) keys.insert(r[0] + " " + r[1]), (*m)[r[0] + " " + r[1]] = r[2] + " " + r[3];
-          for (const std::string& key : keys) {
-            auto in = [&key](const std::map<std::string, std::string>& m) {
-              auto it = m.find(key);
-              return it == m.end() ? std::string("<absent>") : it->second;
-            };
-            EXPECT_TRUE(in(state) == in(before) || in(state) == in(after))
-                << key << " holds " << in(state) << ", was " << in(before) << ", would be " << in(after);
-          }
+          auto in = [](auto& m, const std::string& key) { return m.count(key) ? m[key] : std::string("<absent>"); };
+          for (const std::string& key : keys)
+            EXPECT_TRUE(in(state, key) == in(before, key) || in(state, key) == in(after, key))
+                << key << " holds " << in(state, key) << ", was " << in(before, key) << ", would be " << in(after, key);
         }
         ExpectNothingOutstandingSince(baseline);
       }

@@ -119,8 +119,6 @@ class AggregatesTest : public HistorianFixture {
   long objectsBefore_ = 0;
 };
 
-// ---- One read per row ----------------------------------------------------------------------
-
 // A value as "10 400 @0": the value, the status in hex and the time in seconds ("i4" an I4 value, "u80000000" a UI4,
 // "'B'" a text, "-" none). An interval is described alike, "n4" is the number of intervals and "hr80070057" a refused
 // read. Several values are parted by " | "; each expected part may stop early, and "*" skips a word. A row's
@@ -314,7 +312,7 @@ TEST_F(AggregatesTest, FailingRawReadsReleaseTheirContinuationPoints) {
   }
 }
 
-// ---- Filtered tag statistics: what the procedure pages through is in tests/cases/hda.test -------------
+// Filtered tag statistics (what the procedure pages through is in tests/cases/hda.test).
 
 struct Page {
   HRESULT hr = E_FAIL;
@@ -362,8 +360,6 @@ TEST_F(AggregatesTest, StatisticsContinuationPointsAreOwnedAndChecked) {
   EXPECT_EQ(E_INVALIDARG, ended.Read(processed_, nullptr, nullptr, nullptr, 0, 200, nullptr, 1, &pending[0]));
   EXPECT_EQ(S_OK, resumed.Read(processed_, nullptr, nullptr, nullptr, 0, 200, nullptr, 1, &pending[1]));
 }
-
-// ---- The component -----------------------------------------------------------------------------------
 
 TEST_F(AggregatesTest, ComponentIsCreatedThroughItsProgId) {
 #ifdef _WIN32

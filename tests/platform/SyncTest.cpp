@@ -7,10 +7,8 @@
 
 #include "platform/Sync.h"
 
-using corvane::platform::CriticalSection;
-using corvane::platform::CriticalSectionLock;
-using corvane::platform::Event;
-using corvane::platform::WorkerThread;
+namespace corvane::platform {
+
 using Clock = std::chrono::steady_clock;
 
 namespace {
@@ -118,3 +116,4 @@ TEST(Workers, RunTheBodyOnAnotherThreadJoinAndAreWaitedForOnDestruction) {
   EXPECT_TRUE(finished) << "the destructor waits for the body";
 }
 
+}  // namespace corvane::platform

@@ -5,10 +5,7 @@
 
 #include "platform/WideString.h"
 
-using corvane::FromUtf8;
-using corvane::ToUtf8;
-using corvane::WFormat;
-using corvane::WString;
+namespace corvane {
 
 namespace {
 // Formats and returns UTF-8, so failures print readable text.
@@ -73,3 +70,5 @@ TEST(WideCompare, CaseBlindForAsciiAndLatin1) {
             "STRA\xC3\x9F" "E \xC3\x84\xC3\xB7\xC5\xB8");  // ß stays, ÷ stays, ÿ -> Ÿ
   EXPECT_EQ(corvane::WLen(nullptr), 0u);
 }
+
+}  // namespace corvane
