@@ -12,7 +12,7 @@
 #include <map>
 #include <sstream>
 
-#include "tests/cases/SqlConsumer.h"
+#include "tests/session/ConsumerFixture.h"
 #include "tests/support/Printers.h"
 
 namespace corvane::test {

@@ -9,7 +9,7 @@
 
 #include "SQLParser/SQLParser.h"
 #include "SQLParser/TimeConversion.h"
-#include "tests/cases/SqlConsumer.h"
+#include "tests/session/ConsumerFixture.h"
 #include "tests/datasafety/ChangeModel.h"
 
 namespace corvane::test {

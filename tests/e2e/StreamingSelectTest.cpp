@@ -13,7 +13,7 @@
 
 #include "SQLParser/TimeConversion.h"
 #include "base/ComPtr.h"
-#include "tests/cases/SqlConsumer.h"
+#include "tests/session/ConsumerFixture.h"
 #include "tests/support/RowReader.h"
 
 // Ten million samples natively; the sanitizer and Windows (Wine) builds stream fewer

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/cases/SqlConsumer.h"
+#include "tests/session/ConsumerFixture.h"
 #include "tests/support/Printers.h"
 
 namespace corvane::test {

@@ -132,5 +132,11 @@ std::vector<std::vector<std::string>> ReadAll(IUnknown* rowset, std::vector<DBOR
                                               LastError* error = nullptr, bool hold = false);
 // The columns of a rowset or prepared command.
 std::vector<ColumnInfo> Columns(IUnknown* object);
+// The host operation of a name ("ReadRaw"...), as case files and the fault sweep's reports write them; false for an
+// unknown name.
+bool HostOpNamed(const std::string& name, HostOp* op);
+const char* HostOpName(HostOp op);
+// "2020-01-01 00:00:05" (".250" when there are milliseconds), as case files write times.
+std::string TimeText(ULONGLONG ticks);
 
 }  // namespace corvane::test

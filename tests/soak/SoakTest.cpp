@@ -18,7 +18,7 @@
 
 #include "SQLParser/TimeConversion.h"
 #include "base/ComPtr.h"
-#include "tests/cases/SqlConsumer.h"
+#include "tests/session/ConsumerFixture.h"
 #include "tests/support/Printers.h"
 #include "tests/support/RowReader.h"
 
