@@ -68,9 +68,9 @@ class ExprTest : public corvane::test::LeakCheckedTest {
 
 class DateAdd : public ExprTest {};
 
-// One row per call: fixed units add their tick counts, months step across year ends and keep the day (never clamped: 30
-// January plus a month has no date), and a result outside the FILETIME range overflows however large the count, because
-// the products of the fixed units are checked before they are made.
+// One row per call: fixed units add their tick counts, months step across year ends and keep the day (never clamped:
+// 30 January plus a month has no date), and a result outside the FILETIME range overflows however large the count,
+// because the products of the fixed units are checked before they are made.
 TEST_F(DateAdd, EachCallGivesItsTimeOrItsCode) {
   const struct { std::string expr; HRESULT hr; ULONG64 expected; } cases[] = {
       {"DATEADD('ms', 750, '2020-01-01 12:00:00.250')", S_OK, Utc(2020, 1, 1, 12, 0, 1)},
