@@ -188,10 +188,10 @@ TEST_F(AggregatesTest, EachAggregateOfEachIntervalAsWorkedOut) {
       // TIME_AVG the mean of y = t, over [15.5, 20.5) from the sample @21.
       {OLESTR("Ramp"), 10.5, 20.5, 5000, 0, "AVG: 13 401 @10.5 | *; TIME_AVG: 13 401 @10.5 | 18 401 @15.5; "
                                             "INTERPOLATIVE: 10.5 402 @10.5 | 15.5 402 @15.5"},
-      // Refused: a reversed range, an unknown aggregate, a period below the clock's step (an
-      // unknown tag is in TagsAndExposureTest).
+      // Refused: a reversed range, an unknown aggregate or tag, a period below the clock's step.
       {OLESTR("Flow"), 10, 0, 1000, 0, "MIN: hr80070057"},
       {OLESTR("Flow"), 0, 10, 1000, 0, "19: hrC0041009"},
+      {OLESTR("Nope"), 0, 10, 1000, 0, "MIN: hrC0040011"},
       {OLESTR("Flow"), 0, 10, 0.00001, 0, "MIN: hr80070057"},
       // Raw values. [0, 30): 10 @0, 30 @20; [30, 60): 10 @40 good, 20 @50 bad: one of two
       // samples usable, so uncertain; LAST keeps the bad sample.
