@@ -84,10 +84,11 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   corvane::WString text;
-  if (size > 0 && data[0] == 0xFF)
+  if (size > 0 && data[0] == 0xFF) {
     for (size_t i = 1; i + 1 < size; i += 2) text.push_back(static_cast<OLECHAR>(data[i] | (data[i + 1] << 8)));
-  else
+  } else {
     for (size_t i = 0; i < size; ++i) text.push_back(static_cast<OLECHAR>(data[i]));
+  }
   std::unique_ptr<CSQLQueryInfo> query;
   corvane::WString error;
   const HRESULT hr = CSQLParser::ParseQuery({OLESTR("CAT"), OLESTR("SCH"), text}, &query, &error);

@@ -285,10 +285,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       std::vector<std::string> values;  // the `?` values Parameters::Bind gave
       for (size_t i = 0; i < parameters; ++i) values.push_back(corvane::ToUtf8(kParameterValues[i % 3]));
       corvane::test::ModelStore expected;
-      if (FAILED(executed))
+      if (FAILED(executed)) {
         Check(after == before, "a data change that failed changed nothing");
-      else if (corvane::test::ApplyChange(*change, values, before, &expected))
+      } else if (corvane::test::ApplyChange(*change, values, before, &expected)) {
         Check(after == expected, "a data change changed exactly the samples its condition describes");
+      }
     }
     Check(init->Uninitialize() == S_OK, "Uninitialize after every object was released");
     init.Reset();

@@ -106,14 +106,24 @@ class Evaluator {
         }
         const ModelSample& sample = *sample_;
         const Column column = ColumnOf(item);
-        const VARTYPE t = sample.type;
-        if (column == Column::kTagName) v.kind = Val::kText, v.text = sample.tag;
-        else if (column == Column::kTimestamp) v.kind = Val::kTime, v.time = sample.time;
-        else if (column == Column::kQuality) v.kind = Val::kNumber, v.number = sample.quality;
-        else if (column == Column::kOther) modelable = false;
-        else v.kind = sample.isText ? Val::kText : Val::kNumber, v.number = sample.number, v.text = sample.text;
-        if (column == Column::kValue && (t == VT_DATE || t == VT_CY || t == VT_EMPTY || t == VT_NULL))
+        if (column == Column::kTagName) {
+          v.kind = Val::kText;
+          v.text = sample.tag;
+        } else if (column == Column::kTimestamp) {
+          v.kind = Val::kTime;
+          v.time = sample.time;
+        } else if (column == Column::kQuality) {
+          v.kind = Val::kNumber;
+          v.number = sample.quality;
+        } else if (column == Column::kValue) {
+          const VARTYPE t = sample.type;
+          if (t == VT_DATE || t == VT_CY || t == VT_EMPTY || t == VT_NULL) modelable = false;
+          v.kind = sample.isText ? Val::kText : Val::kNumber;
+          v.number = sample.number;
+          v.text = sample.text;
+        } else {
           modelable = false;
+        }
         return v;
       }
       case SQL_CALC_CONST:

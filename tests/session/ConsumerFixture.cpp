@@ -233,10 +233,11 @@ Outcome SqlConsumer::Schema(const std::vector<std::string>& request, DBROWCOUNT 
   for (size_t i = 0; i < restrictions.size(); ++i) {
     VariantInit(&restrictions[i]);
     const std::string& r = request[i + 1];
-    if (!r.empty() && r.find_first_not_of("0123456789") == std::string::npos)
+    if (!r.empty() && r.find_first_not_of("0123456789") == std::string::npos) {
       V_VT(&restrictions[i]) = VT_I4, V_I4(&restrictions[i]) = std::atoi(r.c_str());
-    else if (!r.empty())
+    } else if (!r.empty()) {
       V_VT(&restrictions[i]) = VT_BSTR, V_BSTR(&restrictions[i]) = SysAllocString(FromUtf8(r).c_str());
+    }
   }
   IUnknown* rowset = nullptr;
   out.hr = schemas->GetRowset(nullptr, *schema, restrictions.size(), restrictions.data(), IID_IRowset, 0, nullptr,

@@ -435,8 +435,9 @@ TEST_F(DataStoreSetValue, RowsFilledFromRecordsHoldWhatSetValueWrites) {
     ASSERT_EQ(S_OK, store_->AppendRecord(records[r]));
     std::vector<CRefCountedDataStoreRow*> filled = TakeRows(*store_, 1);
     ASSERT_EQ(1u, filled.size());
-    for (size_t c = 0; c < records[r].size(); ++c)
+    for (size_t c = 0; c < records[r].size(); ++c) {
       if (!Set(records[r][c], static_cast<int>(c))) row_->Buffer()[columns[c].cbStatus] = 0;
+    }
     for (size_t c = 0; c < records[r].size(); ++c) {
       SCOPED_TRACE(c);
       ASSERT_EQ(CellStatus(row_, columns[c]), CellStatus(filled[0], columns[c]));
