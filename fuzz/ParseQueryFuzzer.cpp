@@ -1,7 +1,6 @@
-// Feeds arbitrary text to CSQLParser::ParseQuery with rule tracing on, checks the
-// result's promises and walks every node of the model, so that the sanitizers see each
-// pointer used. Input bytes are Latin-1 code units (the seeds read as written); an
-// input starting with 0xFF is raw UTF-16 instead.
+// Feeds arbitrary text to CSQLParser::ParseQuery with rule tracing on, checks the result's promises and walks every
+// node of the model, so that the sanitizers see each pointer used. Input bytes are Latin-1 code units (the seeds read
+// as written); an input starting with 0xFF is raw UTF-16 instead.
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -105,8 +104,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
   } else {
     Check(query == nullptr);
-    // Clause messages quote the text after the common prefix, cut to its beginning and
-    // an ellipsis when it is long.
+    // Clause messages quote the text after the common prefix, cut to its beginning and an ellipsis when it is long.
     const size_t kQuoted = CSQLSyntaxParser::kMaxQuotedStatement;
     const corvane::WString quoted = text.size() <= kQuoted ? text : text.substr(0, kQuoted) + OLESTR("...");
     const corvane::WString prefix = corvane::WString(OLESTR("Failed to parse the query: '")) + quoted + OLESTR("'.");

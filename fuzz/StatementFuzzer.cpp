@@ -1,12 +1,10 @@
-// Runs arbitrary UTF-8 statements through the whole consumer path with OLE DB
-// interfaces only: data source over the demo plant, session, command, Prepare, the
-// columns, text parameters for every `?`, Execute, every row through a VARIANT
-// accessor, then everything released. Work per input is bounded as a consumer bounds
-// it (one day of plant ending 2026-01-01, the last hour as the user range, pages of
-// 200, at most kRowBudget rows, then the rowset is released, which must stop the
-// producer): anything that still runs for seconds is a finding. A DELETE or UPDATE of
-// RAWDATA meets the data-safety oracle: failed, the historian is unchanged; done, it
-// holds what the independent change model computes, where the model can.
+// Runs arbitrary UTF-8 statements through the whole consumer path with OLE DB interfaces only: data source over the
+// demo plant, session, command, Prepare, the columns, text parameters for every `?`, Execute, every row through a
+// VARIANT accessor, then everything released. Work per input is bounded as a consumer bounds it (one day of plant
+// ending 2026-01-01, the last hour as the user range, pages of 200, at most kRowBudget rows, then the rowset is
+// released, which must stop the producer): anything that still runs for seconds is a finding. A DELETE or UPDATE of
+// RAWDATA meets the data-safety oracle: failed, the historian is unchanged; done, it holds what the independent change
+// model computes, where the model can.
 #include <algorithm>
 #include <cctype>
 #include <cstdint>
@@ -153,14 +151,11 @@ struct Parameters {
     Check(bool(accessor), "command IAccessor");
     return accessor->CreateAccessor(DBACCESSOR_PARAMETERDATA, count, bindings.data(), sizeof(Cell), &handle, nullptr);
   }
-  ~Parameters() {
-    if (accessor && handle != DB_NULL_HACCESSOR) accessor->ReleaseAccessor(handle, nullptr);
-  }
+  ~Parameters() { if (accessor && handle != DB_NULL_HACCESSOR) accessor->ReleaseAccessor(handle, nullptr); }
 };
 
-// Every row through a VARIANT accessor, up to kRowBudget. The columns are described once
-// before any row, as most consumers do, and again after the first batch, when a
-// procedure's worker has started.
+// Every row through a VARIANT accessor, up to kRowBudget. The columns are described once before any row, as most
+// consumers do, and again after the first batch, when a procedure's worker has started.
 void ReadAll(IUnknown* rowset) {
   ComPtr<IRowset> fetch = QueryAs<IRowset>(rowset, IID_IRowset);
   ComPtr<IAccessor> accessor = QueryAs<IAccessor>(rowset, IID_IAccessor);
@@ -199,8 +194,7 @@ void ReadAll(IUnknown* rowset) {
   if (handle != DB_NULL_HACCESSOR) accessor->ReleaseAccessor(handle, nullptr);
 }
 
-// The Execute outcome (a failure before Execute counts as one); *parameters receives
-// the number of `?` bound.
+// The Execute outcome (a failure before Execute counts as one); *parameters receives the number of `?` bound.
 HRESULT RunStatement(IUnknown* dataSource, const corvane::WString& text, size_t* parameters_out) {
   ComPtr<IDBCreateSession> createSession = QueryAs<IDBCreateSession>(dataSource, IID_IDBCreateSession);
   ComPtr<IDBCreateCommand> session;
@@ -228,8 +222,7 @@ HRESULT RunStatement(IUnknown* dataSource, const corvane::WString& text, size_t*
   DBPARAMS params{parameters.slots.data(), 1, parameters.handle};
   ComPtr<IUnknown> rowset;
   DBROWCOUNT affected = 0;
-  hr = command->Execute(nullptr, IID_IRowset, parameters.bindings.empty() ? nullptr : &params, &affected,
-                        rowset.Put());
+  hr = command->Execute(nullptr, IID_IRowset, parameters.bindings.empty() ? nullptr : &params, &affected, rowset.Put());
   if (FAILED(hr)) {
     Check(!rowset, "a failed Execute hands no rowset out");
     return hr;
@@ -255,8 +248,7 @@ std::unique_ptr<CSQLQueryInfo> RawDataChange(const corvane::WString& text) {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   corvane::SetTraceSink(std::make_shared<corvane::fuzz::DiscardSink>());
-  // Every message from information up is formatted; the per-cell detail lines would
-  // only slow each input down.
+  // Every message from information up is formatted; the per-cell detail lines would only slow each input down.
   corvane::SetTraceThreshold(TRACE_INFO);
   corvane::platform::StartAllocCounting();
   BuildHost();

@@ -12,16 +12,13 @@
 #include <map>
 #include <sstream>
 
-#include "tests/cases/SqlConsumer.h"
+#include "tests/session/ConsumerFixture.h"
 #include "tests/support/Printers.h"
 
 namespace corvane::test {
 namespace {
 
-struct Line {
-  int number = 0;
-  std::string text;
-};
+struct Line { int number = 0; std::string text; };
 
 struct Case {
   std::string path;
@@ -208,12 +205,7 @@ Header ReadHeader(const Case& c) {
 }
 
 // A rowset left open by a case, read when the next case that does not keep its own starts.
-struct OpenRowset {
-  const Case* c;
-  Header header;
-  IUnknown* rowset;
-  bool check;
-};
+struct OpenRowset { const Case* c; Header header; IUnknown* rowset; bool check; };
 
 // One file's historian and connection, shared by its cases in order.
 struct FileRun {
@@ -323,7 +315,7 @@ class CaseTest : public ::testing::Test {
       std::vector<std::string> actual;
       for (size_t i = 0; i < got.columns.size(); ++i) {
         const bool typed = i < names.size() && names[i].find(':') != std::string::npos;
-        actual.push_back(got.columns[i].first + (typed ? ":" + TypeName(got.columns[i].second) : ""));
+        actual.push_back(got.columns[i].name + (typed ? ":" + TypeName(got.columns[i].type) : ""));
       }
       if (actual != names) ADD_FAILURE_AT(c.path.c_str(), c.line) << statement << "  columns: " << Show({actual});
       first = 1;

@@ -28,12 +28,7 @@ bool Converted(const Result& r) { return r.status == DBSTATUS_S_OK || r.status =
 // A difference is expected when the case's labels match (a whole label such as
 // "VARIANT BOOL -1", its type such as "VARIANT", or "*") and the two results look as described.
 using R = const Result&;
-struct Expected {
-  const char* source;
-  const char* destination;
-  bool (*applies)(R own, R system);
-  const char* reason;
-};
+struct Expected { const char* source; const char* destination; bool (*applies)(R own, R system); const char* reason; };
 
 const auto kSystemRefuses = [](R own, R sys) {
   return sys.hr == DB_E_UNSUPPORTEDCONVERSION && own.hr != DB_E_UNSUPPORTEDCONVERSION;
@@ -84,12 +79,7 @@ bool Matches(const char* pattern, const std::string& label) {
   return label.compare(0, label.find(' '), pattern) == 0 && std::strchr(pattern, ' ') == nullptr;
 }
 
-struct DestinationCase {
-  std::string label;
-  DBTYPE type;
-  DBLENGTH max = 0;
-  BYTE precision = 0, scale = 0;
-};
+struct DestinationCase { std::string label; DBTYPE type; DBLENGTH max = 0; BYTE precision = 0, scale = 0; };
 
 std::string Describe(const Result& r) {
   char buf[96];

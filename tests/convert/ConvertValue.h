@@ -130,8 +130,7 @@ inline std::string Render(DBTYPE type, const BYTE* b) {
       return v.vt == VT_DECIMAL ? "VT_DECIMAL " + Render(DBTYPE_DECIMAL, b) : Describe(v);
     }
     default: {
-      VARIANT v;
-      VariantInit(&v);
+      VARIANT v{};
       v.vt = type == DBTYPE_FILETIME ? VARTYPE(VT_I8) : VARTYPE(type);
       std::memcpy(&v.llVal, b, 8);
       const std::string described = Describe(v);

@@ -24,11 +24,7 @@ namespace corvane {
 namespace {
 
 
-struct Outcome {
-  HRESULT hr;
-  DBSTATUS status;
-  DBLENGTH length;
-};
+struct Outcome { HRESULT hr; DBSTATUS status; DBLENGTH length; };
 
 class DataConvertTest : public test::LeakCheckedTest {
  protected:
@@ -48,8 +44,6 @@ class DataConvertTest : public test::LeakCheckedTest {
 
   ComPtr<IDataConvert> convert_;
 };
-
-// ---- One conversion per row
 
 TEST_F(DataConvertTest, EachConversionGivesItsStatusLengthAndValue) {
   constexpr DBDATACONVERT kNts = DBDATACONVERT_LENGTHFROMNTS;
@@ -77,9 +71,8 @@ TEST_F(DataConvertTest, EachConversionGivesItsStatusLengthAndValue) {
       {"I4 123456", "NUMERIC", "80040E21 6", 64, kNts, 4, 0},
       {"I4 7", "NUMERIC", "80040E08", 64, kNts, 4, 5},
       {"R8 1.5", "CY", "0 0 8 15000/10000"},
-      // Text: the length is the whole value's; truncation keeps the terminator and writes
-      // nothing past the buffer's whole characters; without the NTS flag the source length
-      // counts, in bytes (an odd byte is dropped).
+      // Text: the length is the whole value's; truncation keeps the terminator and writes nothing past the buffer's
+      // whole characters; without the NTS flag the source length counts, in bytes (an odd byte is dropped).
       {"WSTR hello", "WSTR", "0 0 4 'he'", 64, DBDATACONVERT_DEFAULT, 0, 0, 5},
       {"WSTR hello", "WSTR", "0 4 10 'he'", 7},
       {"WSTR hello", "WSTR", "80040E21 6", 1},  // no room even for the terminator
@@ -118,8 +111,7 @@ TEST_F(DataConvertTest, EachConversionGivesItsStatusLengthAndValue) {
       {"FILETIME 864010000005", "DBTIMESTAMP", "0 0 16 1601-01-02 00:00:01.500"},
       {"DBTIMESTAMP 1600-12-31 00:00:00.0", "FILETIME", "80040E21 6"},
       {"I4 5", "DBTIMESTAMP", "80040E1D 1"},  // only dates, text and variants become points in time
-      // A VARIANT converts by what it holds; a null is reported, not converted, as is a null
-      // source status.
+      // A VARIANT converts by what it holds; a null is reported, not converted, as is a null source status.
       {"VARIANT EMPTY", "WSTR", "0 0 0 ''"},
       {"VARIANT DATE 37623.5", "DBTIMESTAMP", "0 0 16 2003-01-02 12:00:00.0"},
       {"VARIANT NULL", "I4", "0 3 0 untouched"},
@@ -169,8 +161,6 @@ TEST_F(DataConvertTest, ADecimalInAVariantConvertsByItsValue) {
   EXPECT_EQ(-123.45, r8);
 }
 
-// ---- The object around the conversions
-
 using DataConvertService = DataConvertTest;
 
 TEST_F(DataConvertService, RefusesWhatItCannotDoAndSizesWhatItCan) {
@@ -197,8 +187,7 @@ TEST_F(DataConvertService, RefusesWhatItCannotDoAndSizesWhatItCan) {
     EXPECT_EQ(c.size, size) << c.src << "->" << c.dst;
   }
   DBLENGTH size = 0;
-  EXPECT_EQ(DB_E_UNSUPPORTEDCONVERSION,
-            convert_->GetConversionSize(DBTYPE_I4, DBTYPE_GUID, nullptr, &size, nullptr));
+  EXPECT_EQ(DB_E_UNSUPPORTEDCONVERSION, convert_->GetConversionSize(DBTYPE_I4, DBTYPE_GUID, nullptr, &size, nullptr));
 }
 
 TEST_F(DataConvertService, InterfacesAndVersion) {
@@ -223,10 +212,9 @@ TEST_F(DataConvertService, InterfacesAndVersion) {
   EXPECT_EQ(E_INVALIDARG, CreateDataConvert(nullptr));
 }
 
-// Numbers written straight as text (the text-typed table, the service's number to WSTR)
-// must give the very text VariantChangeType gives: short decimals of every scale and
-// sign, the edges of the positional form, and random bit patterns that mostly take the
-// general route. The service's WSTR of a double is held to the same text.
+// Numbers written straight as text (the text-typed table, the service's number to WSTR) must give the very text
+// VariantChangeType gives: short decimals of every scale and sign, the edges of the positional form, and random bit
+// patterns that mostly take the general route. The service's WSTR of a double is held to the same text.
 TEST_F(DataConvertTest, NumbersWrittenStraightAsTextMatchVariantChangeType) {
   std::deque<Variant> values;
   auto add = [&](VARTYPE vt, auto set) {

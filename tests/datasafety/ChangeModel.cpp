@@ -28,8 +28,7 @@ struct Val {
   bool constant = false;  // written in the statement: may be read as a number or a time
   // A written text read as a number and as a time, worked out once per statement: the
   // model compares it with every sample of the plant.
-  bool isNumber = false;
-  bool isTime = false;
+  bool isNumber = false, isTime = false;
   double asNumber = 0;
   ULONG64 asTime = 0;
 };

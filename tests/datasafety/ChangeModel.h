@@ -1,9 +1,8 @@
-// An independent model of what a DELETE or UPDATE on RAWDATA must leave in the
-// historian: it evaluates the statement's WHERE tree on every sample by its own small
-// rules (three-valued logic, texts ignoring case, a text constant read as a number or
-// a time where the other side is one) and applies the change to the matching samples.
-// Shared by the data-safety suites and the statement fuzzer, which both compare the
-// historian's whole contents after a statement with the model's.
+// An independent model of what a DELETE or UPDATE on RAWDATA must leave in the historian: it evaluates the statement's
+// WHERE tree on every sample by its own small rules (three-valued logic, texts ignoring case, a text constant read as a
+// number or a time where the other side is one) and applies the change to the matching samples. Shared by the
+// data-safety suites and the statement fuzzer, which both compare the historian's whole contents after a statement with
+// the model's.
 #pragma once
 #include <string>
 #include <vector>

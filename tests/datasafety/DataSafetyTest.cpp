@@ -9,7 +9,7 @@
 
 #include "SQLParser/SQLParser.h"
 #include "SQLParser/TimeConversion.h"
-#include "tests/cases/SqlConsumer.h"
+#include "tests/session/ConsumerFixture.h"
 #include "tests/datasafety/ChangeModel.h"
 
 namespace corvane::test {
@@ -18,11 +18,10 @@ constexpr HRESULT kRefused = static_cast<HRESULT>(0x8004C004L);
 
 using DataSafety = LeakCheckedTest;
 
-// Random statements from the accepted and the refused forms, `?` included. After each
-// one either it failed and the historian is unchanged, or the historian holds what the
-// change model computes by evaluating the condition on every sample; the plainly
-// accepted forms must succeed and a reversed range must be refused.
-// CORVANE_PROPERTY_SEED=n replays the run that printed seed n.
+// Random statements from the accepted and the refused forms, `?` included. After each one either it failed and the
+// historian is unchanged, or the historian holds what the change model computes by evaluating the condition on every
+// sample; the plainly accepted forms must succeed and a reversed range must be refused. CORVANE_PROPERTY_SEED=n replays
+// the run that printed seed n.
 TEST_F(DataSafety, RandomChangesLeaveWhatTheModelComputes) {
   SqlConsumer consumer;
   for (const OLECHAR* name : {OLESTR("A"), OLESTR("B")}) {

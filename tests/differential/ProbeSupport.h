@@ -1,13 +1,11 @@
-// Shared by the differential probes: each probe runs a table of cases through the
-// platform layer (natively) or through the system DLLs (Windows build, run under Wine)
-// and writes one line per case, "<case id>\t<hresult hex>\t<result vt>\t<rendered
-// result>", to the file named by argv[1]. The renderings are exact (doubles with 17
-// significant digits, strings escaped) so that equal lines mean equal results.
+// Shared by the differential probes: each probe runs a table of cases through the platform layer (natively) or through
+// the system DLLs (Windows build, run under Wine) and writes one line per case, "<case id>\t<hresult hex>\t<result
+// vt>\t<rendered result>", to the file named by argv[1]. The renderings are exact (doubles with 17 significant digits,
+// strings escaped) so that equal lines mean equal results.
 #pragma once
 #include <cinttypes>
 #include <cmath>
 #include <cstdio>
-#include <cstring>
 #include <string>
 
 #include "platform/Platform.h"
@@ -38,8 +36,7 @@ class Output {
   int cases_ = 0;
 };
 
-// Exact and identical on both C runtimes (which disagree on NaN, infinities and the
-// number of exponent digits).
+// Exact and identical on both C runtimes (which disagree on NaN, infinities and the number of exponent digits).
 inline std::string Double(double d) {
   if (std::isnan(d)) return "nan";
   if (std::isinf(d)) return d < 0 ? "-inf" : "inf";

@@ -1,13 +1,10 @@
-// Prints the value of every constant, result code and GUID that the POSIX layer
-// declares and the Windows SDK also has, one line per name. Natively the values come
-// from platform/posix/*.h; the Windows build compiles the same list against the SDK
-// headers, so comparing the two outputs checks every published value we copied.
-// list_constants.py writes the list from the layer's headers, so a new constant is
-// compared as soon as it is declared.
+// Prints the value of every constant, result code and GUID that the POSIX layer declares and the Windows SDK also has,
+// one line per name. Natively the values come from platform/posix/*.h; the Windows build compiles the same list against
+// the SDK headers, so comparing the two outputs checks every published value we copied. list_constants.py writes the
+// list from the layer's headers, so a new constant is compared as soon as it is declared.
 #define DBINITCONSTANTS  // the SDK defines its OLE DB GUIDs only on request
 #include <cinttypes>
 #include <cstdint>
-#include <string>
 #include <type_traits>
 
 #include "ProbeSupport.h"

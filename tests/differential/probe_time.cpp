@@ -1,13 +1,11 @@
-// Runs the FILETIME / SYSTEMTIME conversions, their limits and invalid inputs, and the
-// local-time conversions through the platform layer (natively) or the system (Windows
-// build under Wine), one output line per case. Each line's status column is the BOOL
-// the function returned. The zone's description is printed on lines of its own, and
-// local conversions print only their shift from UTC, so a difference in how the two
-// systems read the zone shows up once and not in every case.
+// Runs the FILETIME / SYSTEMTIME conversions, their limits and invalid inputs, and the local-time conversions through
+// the platform layer (natively) or the system (Windows build under Wine), one output line per case. Each line's status
+// column is the BOOL the function returned. The zone's description is printed on lines of its own, and local
+// conversions print only their shift from UTC, so a difference in how the two systems read the zone shows up once and
+// not in every case.
 #include <cstdint>
 #include <ctime>
 #include <string>
-#include <vector>
 
 #include "ProbeSupport.h"
 

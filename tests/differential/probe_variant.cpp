@@ -1,7 +1,5 @@
-// Runs VARIANT conversions, date/text parsing and formatting, and the SYSTEMTIME
-// conversions through the platform layer (natively) or the system's OLE Automation
-// (Windows build under Wine), one output line per case.
-#include <cfloat>
+// Runs VARIANT conversions, date/text parsing and formatting, and the SYSTEMTIME conversions through the platform layer
+// (natively) or the system's OLE Automation (Windows build under Wine), one output line per case.
 #include <cstdint>
 #include <initializer_list>
 #include <limits>
@@ -15,10 +13,7 @@ namespace {
 
 const LCID kEnUs = 0x0409;
 
-struct Source {
-  std::string id;
-  VARIANT v;
-};
+struct Source { std::string id; VARIANT v; };
 
 std::vector<Source> g_sources;
 std::vector<BSTR> g_strings;  // freed at the end
@@ -98,11 +93,6 @@ void Convert(probe::Output& out, const std::string& id, const VARIANT& source, L
   HRESULT hr = useEx ? VariantChangeTypeEx(&dst, &src, lcid, flags, vt) : VariantChangeType(&dst, &src, flags, vt);
   out.Line(id, hr, probe::VarTypeName(dst.vt), probe::Value(dst));
   VariantClear(&dst);
-}
-
-void ConversionMatrix(probe::Output& out) {
-  for (const Source& s : g_sources)
-    for (VARTYPE vt : kTargets) Convert(out, "conv/" + s.id + "/" + probe::VarTypeName(vt), s.v, kEnUs, 0, vt);
 }
 
 // The default and neutral locales must behave like en-US here.
@@ -218,8 +208,7 @@ void Dates(probe::Output& out) {
       SysFreeString(b);
     }
   }
-  // Year 99 (two digits), beyond 9999, month 13, day 32, month 0, and milliseconds, which
-  // the system ignores.
+  // Year 99 (two digits), beyond 9999, month 13, day 32, month 0, and milliseconds, which the system ignores.
   for (SYSTEMTIME st : {SYSTEMTIME{99, 1, 0, 1, 0, 0, 0, 0}, SYSTEMTIME{10000, 1, 0, 1, 0, 0, 0, 0},
                          SYSTEMTIME{2020, 13, 0, 1, 0, 0, 0, 0}, SYSTEMTIME{2020, 1, 0, 32, 0, 0, 0, 0},
                          SYSTEMTIME{2020, 0, 0, 1, 0, 0, 0, 0}, SYSTEMTIME{2020, 1, 0, 2, 15, 4, 5, 500}}) {
@@ -286,7 +275,8 @@ int main(int argc, char** argv) {
   probe::Output out(argc, argv);
   if (!out.ok()) return 2;
   BuildSources();
-  ConversionMatrix(out);
+  for (const Source& s : g_sources)
+    for (VARTYPE vt : kTargets) Convert(out, "conv/" + s.id + "/" + probe::VarTypeName(vt), s.v, kEnUs, 0, vt);
   Locales(out);
   Flags(out);
   InPlace(out);

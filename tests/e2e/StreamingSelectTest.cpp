@@ -1,7 +1,6 @@
-// SELECT * FROM RAWDATA over one long tag, driven through OLE DB interfaces only: the
-// rows stream while the worker is still reading the historian, so the first rows come
-// after one page's read, memory holds a few pages whatever the length of the series,
-// and a consumer that stops early leaves nothing open in the historian.
+// SELECT * FROM RAWDATA over one long tag, driven through OLE DB interfaces only: the rows stream while the worker is
+// still reading the historian, so the first rows come after one page's read, memory holds a few pages whatever the
+// length of the series, and a consumer that stops early leaves nothing open in the historian.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -14,7 +13,7 @@
 
 #include "SQLParser/TimeConversion.h"
 #include "base/ComPtr.h"
-#include "tests/cases/SqlConsumer.h"
+#include "tests/session/ConsumerFixture.h"
 #include "tests/support/RowReader.h"
 
 // Ten million samples natively; the sanitizer and Windows (Wine) builds stream fewer
@@ -145,9 +144,8 @@ TEST_F(SelectStreaming, EverySampleArrivesInOrderWhileMemoryStaysBounded) {
               residentAfterLoad_, resident);
 }
 
-// A consumer that reads one batch and releases the rowset: the worker stops at once and
-// the read's continuation point goes back to the historian. The same data source then
-// reads the series from its start again.
+// A consumer that reads one batch and releases the rowset: the worker stops at once and the read's continuation point
+// goes back to the historian. The same data source then reads the series from its start again.
 TEST_F(SelectStreaming, ReleasingTheRowsetMidStreamStopsTheRead) {
   for (int run = 0; run < 2; ++run) {
     size_t rows = 0;

@@ -10,18 +10,13 @@
 #include <string>
 #include <vector>
 
-#include "tests/cases/SqlConsumer.h"
+#include "tests/session/ConsumerFixture.h"
 #include "tests/support/Printers.h"
 
+namespace corvane::test {
 namespace {
 
-using corvane::test::Hex;
-using corvane::test::HostOpName;
-using corvane::test::Outcome;
-using corvane::test::Rows;
-using corvane::test::SqlConsumer;
-using Op = corvane::test::HostOp;
-using corvane::historian::SampleInput;
+using Op = HostOp;
 
 constexpr int kOps = static_cast<int>(Op::Count);
 // Calls of one operation failed per statement: the first pages are where a read starts,
@@ -59,7 +54,7 @@ class World : public SqlConsumer {
       corvane::historian::TagDefinition tag;
       tag.name = t == 0 ? OLESTR("Flow") : OLESTR("Level");
       EXPECT_EQ(S_OK, Store().AddTag(tag));
-      EXPECT_EQ(S_OK, Store().AppendGenerated(tag.name, t == 0 ? 10 : 4, [&](size_t i, SampleInput& s) {
+      EXPECT_EQ(S_OK, Store().AppendGenerated(tag.name, t == 0 ? 10 : 4, [&](size_t i, historian::SampleInput& s) {
         s.time = base + (t == 0 ? 10 * i : 5 + 10 * i) * 10000000ull;
         s.number = t == 0 ? i + 1 : 100 + i;
         s.quality = (t == 0 && i == 3) ? OPCUA_BAD : OPCUA_GOOD;
@@ -136,14 +131,10 @@ TEST_P(FaultSweep, EveryHostCallFailsInTurn) {
           std::set<std::string> keys;
           for (auto [rows, m] : {std::pair{world.Contents(), &state}, {oldState, &before}, {newState, &after}})
             for (const auto& r : rows) keys.insert(r[0] + " " + r[1]), (*m)[r[0] + " " + r[1]] = r[2] + " " + r[3];
-          for (const std::string& key : keys) {
-            auto in = [&key](const std::map<std::string, std::string>& m) {
-              auto it = m.find(key);
-              return it == m.end() ? std::string("<absent>") : it->second;
-            };
-            EXPECT_TRUE(in(state) == in(before) || in(state) == in(after))
-                << key << " holds " << in(state) << ", was " << in(before) << ", would be " << in(after);
-          }
+          auto in = [](auto& m, const std::string& key) { return m.count(key) ? m[key] : std::string("<absent>"); };
+          for (const std::string& key : keys)
+            EXPECT_TRUE(in(state, key) == in(before, key) || in(state, key) == in(after, key))
+                << key << " holds " << in(state, key) << ", was " << in(before, key) << ", would be " << in(after, key);
         }
         ExpectNothingOutstandingSince(baseline);
       }
@@ -186,3 +177,4 @@ INSTANTIATE_TEST_SUITE_P(
     [](const ::testing::TestParamInfo<Statement>& info) { return std::string(info.param.name); });
 
 }  // namespace
+}  // namespace corvane::test

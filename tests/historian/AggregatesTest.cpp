@@ -2,10 +2,8 @@
 // samples the suite states; every expected number is worked out by hand beside it.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cmath>
 #include <cstdlib>
-#include <cstring>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -121,13 +119,10 @@ class AggregatesTest : public HistorianFixture {
   long objectsBefore_ = 0;
 };
 
-// ---- One read per row ----------------------------------------------------------------------
-
-// A value as "10 400 @0": the value, the status in hex and the time in seconds ("i4" an I4
-// value, "u80000000" a UI4, "'B'" a text, "-" none). An interval is described alike, "n4"
-// is the number of intervals and "hr80070057" a refused read. Several values are parted by
-// " | "; each expected part may stop early, and "*" skips a word. A row's expectations are
-// "AGGREGATE ...: values", parted by "; ": each aggregate is read alone and answers so.
+// A value as "10 400 @0": the value, the status in hex and the time in seconds ("i4" an I4 value, "u80000000" a UI4,
+// "'B'" a text, "-" none). An interval is described alike, "n4" is the number of intervals and "hr80070057" a refused
+// read. Several values are parted by " | "; each expected part may stop early, and "*" skips a word. A row's
+// expectations are "AGGREGATE ...: values", parted by "; ": each aggregate is read alone and answers so.
 struct Row {
   const OLECHAR* tag;
   double from, to, periodMs;
@@ -193,10 +188,10 @@ TEST_F(AggregatesTest, EachAggregateOfEachIntervalAsWorkedOut) {
       // TIME_AVG the mean of y = t, over [15.5, 20.5) from the sample @21.
       {OLESTR("Ramp"), 10.5, 20.5, 5000, 0, "AVG: 13 401 @10.5 | *; TIME_AVG: 13 401 @10.5 | 18 401 @15.5; "
                                             "INTERPOLATIVE: 10.5 402 @10.5 | 15.5 402 @15.5"},
-      // Refused: a reversed range, an unknown aggregate, a period below the clock's step (an
-      // unknown tag is in TagsAndExposureTest).
+      // Refused: a reversed range, an unknown aggregate or tag, a period below the clock's step.
       {OLESTR("Flow"), 10, 0, 1000, 0, "MIN: hr80070057"},
       {OLESTR("Flow"), 0, 10, 1000, 0, "19: hrC0041009"},
+      {OLESTR("Nope"), 0, 10, 1000, 0, "MIN: hrC0040011"},
       {OLESTR("Flow"), 0, 10, 0.00001, 0, "MIN: hr80070057"},
       // Raw values. [0, 30): 10 @0, 30 @20; [30, 60): 10 @40 good, 20 @50 bad: one of two
       // samples usable, so uncertain; LAST keeps the bad sample.
@@ -278,9 +273,8 @@ std::string Exact(const Answer& a) {
   return text;
 }
 
-// The reference historian shows a numeric or boolean tag's range as columns instead of
-// pages: every aggregate must come out bit for bit as through the pages, NaN, bad and
-// uncertain samples included.
+// The reference historian shows a numeric or boolean tag's range as columns instead of pages: every aggregate must come
+// out bit for bit as through the pages, NaN, bad and uncertain samples included.
 TEST_F(AggregatesTest, StoreColumnsGiveWhatPagesGive) {
   TagDefinition noisy;
   noisy.name = OLESTR("Noisy");
@@ -318,7 +312,7 @@ TEST_F(AggregatesTest, FailingRawReadsReleaseTheirContinuationPoints) {
   }
 }
 
-// ---- Filtered tag statistics: what the procedure pages through is in tests/cases/hda.test -------------
+// Filtered tag statistics (what the procedure pages through is in tests/cases/hda.test).
 
 struct Page {
   HRESULT hr = E_FAIL;
@@ -356,8 +350,7 @@ TEST_F(AggregatesTest, StatisticsContinuationPointsAreOwnedAndChecked) {
   EXPECT_EQ(E_INVALIDARG, ended.Read(processed_, nullptr, nullptr, nullptr, 200, 0, nullptr, 2, &stale));
   EXPECT_NE(nullptr, stale);
 
-  // Abandoned points stay bounded, the oldest forgotten first, and die with the provider
-  // (ASan checks the memory).
+  // Abandoned points stay bounded, the oldest forgotten first, and die with the provider (ASan checks the memory).
   std::vector<void*> pending(CProcessedDataProvider::kMaxPendingStatistics + 1);
   for (void*& point : pending) {
     Page p;
@@ -367,8 +360,6 @@ TEST_F(AggregatesTest, StatisticsContinuationPointsAreOwnedAndChecked) {
   EXPECT_EQ(E_INVALIDARG, ended.Read(processed_, nullptr, nullptr, nullptr, 0, 200, nullptr, 1, &pending[0]));
   EXPECT_EQ(S_OK, resumed.Read(processed_, nullptr, nullptr, nullptr, 0, 200, nullptr, 1, &pending[1]));
 }
-
-// ---- The component -----------------------------------------------------------------------------------
 
 TEST_F(AggregatesTest, ComponentIsCreatedThroughItsProgId) {
 #ifdef _WIN32

@@ -1,6 +1,5 @@
-// Shared pieces of the historian suites: a fixture with a store and a reference
-// historian over it that checks, after every test, that no continuation point, COM
-// object, task-allocator block or BSTR is left behind.
+// Shared pieces of the historian suites: a fixture with a store and a reference historian over it that checks, after
+// every test, that no continuation point, COM object, task-allocator block or BSTR is left behind.
 #pragma once
 #include <gtest/gtest.h>
 
@@ -41,8 +40,7 @@ inline std::vector<Sample> Take(HistoryValueList* list) {
   std::vector<Sample> out;
   for (ULONG i = 0; list && i < list->count; ++i) {
     const HistoryValue& hv = list->values[i];
-    VARIANT d;
-    VariantInit(&d);
+    VARIANT d{};
     const double v = VariantChangeType(&d, const_cast<VARIANT*>(&hv.value), 0, VT_R8) == S_OK ? d.dblVal : -1;
     out.push_back({FileTimeToU64(hv.timestamp), hv.quality, hv.value.vt, v,
                    hv.value.vt == VT_BSTR ? WString(hv.value.bstrVal) : WString()});

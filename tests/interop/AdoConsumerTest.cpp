@@ -1,11 +1,10 @@
-// Consumers nobody here wrote, from Wine's system DLLs, over the registered provider:
-// ADO (msado15) given the provider's rowsets through ADORecordsetConstruction, and the
-// data links service (oledb32) describing an initialised data source. Wine's ADO does
-// not fetch rows yet, so its Fields are checked against what the provider describes
+// Consumers nobody here wrote, from Wine's system DLLs, over the registered provider: ADO (msado15) given the
+// provider's rowsets through ADORecordsetConstruction, and the data links service (oledb32) describing an initialised
+// data source. Wine's ADO does not fetch rows yet, so its Fields are checked against what the provider describes
 // (IColumnsInfo) and the rows are read through OLE DB directly.
 #include <gtest/gtest.h>
 
-#include <cstdio>
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -15,11 +14,10 @@
 #include "tests/session/ConsumerFixture.h"
 #include <msdasc.h>  // the data links service, from oledb32
 
-// The parts of ADO's interfaces this consumer calls, in their published vtable order and
-// with 64-bit ADO's widths (its ADO_LONGPTR is pointer-wide); SDK headers of ADO do not
-// build here. Slots this consumer does not call are placeholders. They stay outside the
-// anonymous namespace: there the compiler would know that nothing implements them and
-// would drop the calls.
+// The parts of ADO's interfaces this consumer calls, in their published vtable order and with 64-bit ADO's widths (its
+// ADO_LONGPTR is pointer-wide); SDK headers of ADO do not build here. Slots this consumer does not call are
+// placeholders. They stay outside the anonymous namespace: there the compiler would know that nothing implements them
+// and would drop the calls.
 #define ADO_UNUSED(n) virtual HRESULT STDMETHODCALLTYPE Unused##n() = 0
 struct AdoObject : IDispatch {
   virtual HRESULT STDMETHODCALLTYPE get_Properties(IUnknown** properties) = 0;
@@ -61,32 +59,13 @@ constexpr IID kRecordsets[] = {{0x0000050E, 0x0000, 0x0010, {0x80, 0x00, 0x00, 0
                                {0x0000150E, 0x0000, 0x0010, {0x80, 0x00, 0x00, 0xAA, 0x00, 0x6D, 0x2E, 0xA4}}};
 constexpr IID kRecordsetConstruction = {0x00000283, 0x0000, 0x0010, {0x80, 0x00, 0x00, 0xAA, 0x00, 0x6D, 0x2E, 0xA4}};
 
-struct Column {
-  std::string name;
-  DBTYPE type;
-  DBLENGTH size;
-  DBCOLUMNFLAGS flags;
-};
-
-// The columns the provider describes, without the bookmark (ADO shows no field for it).
-std::vector<Column> ProviderColumns(IUnknown* rowset) {
-  std::vector<Column> out;
-  ComPtr<IColumnsInfo> info;
-  if (FAILED(rowset->QueryInterface(IID_IColumnsInfo, info.PutVoid()))) return out;
-  DBORDINAL n = 0;
-  corvane::TaskMem<DBCOLUMNINFO> columns;
-  corvane::TaskMem<OLECHAR> strings;
-  EXPECT_EQ(S_OK, info->GetColumnInfo(&n, columns.Put(), strings.Put()));
-  for (DBORDINAL i = 0; i < n; ++i)
-    if (columns[i].iOrdinal != 0)
-      out.push_back({ToUtf8(columns[i].pwszName), columns[i].wType, columns[i].ulColumnSize, columns[i].dwFlags});
-  return out;
-}
-
 // ADO's view of `rowset`, through a recordset of Wine's ADO over it: every field, by
 // position and again by name, is the column the provider describes.
 void ExpectAdoSeesTheColumns(IUnknown* rowset, const std::string& what) {
-  const std::vector<Column> columns = ProviderColumns(rowset);
+  std::vector<corvane::test::ColumnInfo> columns = corvane::test::Columns(rowset);
+  // ADO shows no field for the bookmark.
+  columns.erase(std::remove_if(columns.begin(), columns.end(), [](const auto& c) { return c.ordinal == 0; }),
+                columns.end());
   ASSERT_FALSE(columns.empty()) << what;
   ComPtr<IUnknown> object;
   ASSERT_EQ(S_OK, CoCreateInstance(kRecordsetClass, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown, object.PutVoid()));
@@ -103,7 +82,7 @@ void ExpectAdoSeesTheColumns(IUnknown* rowset, const std::string& what) {
   ASSERT_EQ(S_OK, fields->get_Count(&count));
   ASSERT_EQ(static_cast<LONG>(columns.size()), count) << what;
   for (size_t i = 0; i < columns.size(); ++i) {
-    const Column& c = columns[i];
+    const auto& c = columns[i];
     const corvane::Bstr byName(SysAllocString(corvane::FromUtf8(c.name).c_str()));
     for (int way = 0; way < 2; ++way) {  // by position, then by name
       VARIANT key;

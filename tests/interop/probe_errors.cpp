@@ -1,8 +1,7 @@
-// Reads the errors of failing statements as an OLE DB error object on Windows does: each
-// record's ERRORINFO, the ExtendedErrors service registered under its class, and that
-// service's GetErrorDescription, asked after the command and rowset are gone. One line a
-// record, "<statement> #<record><TAB><phase> <HRESULT> | <source> | <description>", goes
-// to the file scripts/differential.sh compares between the POSIX and the Wine builds.
+// Reads the errors of failing statements as an OLE DB error object on Windows does: each record's ERRORINFO, the
+// ExtendedErrors service registered under its class, and that service's GetErrorDescription, asked after the command
+// and rowset are gone. One line a record, "<statement> #<record><TAB><phase> <HRESULT> | <source> | <description>",
+// goes to the file scripts/differential.sh compares between the POSIX and the Wine builds.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -36,9 +35,8 @@ class RegisteredModule : public ::testing::Environment {
 ::testing::Environment* const kRegisteredModule = ::testing::AddGlobalTestEnvironment(new RegisteredModule);
 #endif
 
-// The ERRORINFO of every error record a failed call left on this thread, oldest first
-// (the system's error object numbers them from the newest, the POSIX records from the
-// oldest); the records are dropped.
+// The ERRORINFO of every error record a failed call left on this thread, oldest first (the system's error object
+// numbers them from the newest, the POSIX records from the oldest); the records are dropped.
 std::vector<ERRORINFO> TakeRecords() {
   std::vector<ERRORINFO> infos;
 #ifdef _WIN32
@@ -113,8 +111,7 @@ std::string RunToFailure(IOpenRowset* session, const std::string& sql) {
   return "";
 }
 
-// Texts may hold line breaks (a parse error's message ends in one); the compared file
-// keeps one record per line.
+// Texts may hold line breaks (a parse error's message ends in one); the compared file keeps one record per line.
 std::string Escaped(BSTR text) {
   std::string escaped;
   for (char c : corvane::ToUtf8(text))
@@ -152,9 +149,7 @@ TEST_F(ErrorLookupConsumer, EveryRecordOfEveryFailureHasItsTextsThroughTheRegist
   for (const std::string& sql : statements) report(sql, RunToFailure(session_, sql));
 
   // The session's and the data source's own records.
-  DBID table{};
-  table.eKind = DBKIND_NAME;
-  table.uName.pwszName = const_cast<LPOLESTR>(OLESTR("NO_SUCH_TABLE"));
+  DBID table{{}, DBKIND_NAME, {const_cast<LPOLESTR>(OLESTR("NO_SUCH_TABLE"))}};
   ComPtr<IUnknown> rowset;
   report("OpenRowset NO_SUCH_TABLE",
          FAILED(session_->OpenRowset(nullptr, &table, nullptr, IID_IRowset, 0, nullptr, rowset.Put())) ? "OpenRowset"

@@ -59,9 +59,8 @@ TEST(RegisteredProvider, RegistersCreatesAndUnregistersUnderTheSystemComRuntime)
   info->Release();
   library->Release();
 
-  // Created by CLSID and by ProgID. (Data sources of the registered DLL, their
-  // properties and error records are what every consumer suite of the Windows build
-  // runs on: tests/session/ConsumerFixture.cpp.)
+  // Created by CLSID and by ProgID. (Data sources of the registered DLL, their properties and error records are what
+  // every consumer suite of the Windows build runs on: tests/session/ConsumerFixture.cpp.)
   CLSID clsid{};
   ASSERT_EQ(S_OK, CLSIDFromProgID(kProgId.c_str(), &clsid));
   EXPECT_TRUE(IsEqualCLSID(CLSID_CorvaneOleDbProvider, clsid));

@@ -19,22 +19,11 @@
 
 namespace corvane::test {
 
-using corvane::Bstr;
-using corvane::ComPtr;
-using corvane::QueryAs;
-using corvane::TaskMem;
-
 namespace {
 
-void ClearThreadErrors() {
 #ifdef CORVANE_CONSUMER_OF_DLL
-  SetErrorInfo(0, nullptr);
-#else
-  corvane::ClearErrorRecords();
-#endif
-}
+void ClearThreadErrors() { SetErrorInfo(0, nullptr); }
 
-#ifdef CORVANE_CONSUMER_OF_DLL
 // The DLL is registered for the whole run and unregistered at its end.
 class RegisteredDll : public ::testing::Environment {
  public:
@@ -42,6 +31,8 @@ class RegisteredDll : public ::testing::Environment {
   void TearDown() override { EXPECT_EQ(0u, Regsvr32(L"/u", WindowsPath(CORVANE_PROVIDER_MODULE))); }
 };
 ::testing::Environment* const kRegisteredDll = ::testing::AddGlobalTestEnvironment(new RegisteredDll);
+#else
+void ClearThreadErrors() { corvane::ClearErrorRecords(); }
 #endif
 
 }  // namespace
@@ -113,17 +104,13 @@ void OpenProvider(IUnknown* host, IUnknown** dataSource, IOpenRowset** session, 
   ASSERT_EQ(S_OK, creator->Create(host, dataSource));
   auto props = QueryAs<IDBProperties>(*dataSource, IID_IDBProperties);
   ASSERT_TRUE(props);
-  DBPROP prop[2] = {};
-  prop[0].dwPropertyID = DBPROP_INIT_CATALOG;
-  prop[0].vValue.vt = VT_BSTR;
+  DBPROP prop[2] = {{DBPROP_INIT_CATALOG, 0, 0, {}, {}}, {DBPROP_INIT_PROVIDERSTRING, 0, 0, {}, {}}};
+  for (DBPROP& p : prop) p.vValue.vt = VT_BSTR;
   prop[0].vValue.bstrVal = SysAllocString(OLESTR("Plant"));
-  prop[1].dwPropertyID = DBPROP_INIT_PROVIDERSTRING;
-  prop[1].vValue.vt = VT_BSTR;
   prop[1].vValue.bstrVal = SysAllocString(FromUtf8(providerString).c_str());
   DBPROPSET set{prop, providerString.empty() ? 1u : 2u, DBPROPSET_DBINIT};
   EXPECT_EQ(S_OK, props->SetProperties(1, &set));
-  VariantClear(&prop[0].vValue);
-  VariantClear(&prop[1].vValue);
+  for (DBPROP& p : prop) VariantClear(&p.vValue);
   auto init = QueryAs<IDBInitialize>(*dataSource, IID_IDBInitialize);
   ASSERT_TRUE(init);
   ASSERT_EQ(S_OK, init->Initialize());
@@ -146,17 +133,13 @@ void CloseProvider(IUnknown** dataSource, IOpenRowset** session) {
 }
 
 SqlConsumer::SqlConsumer(std::shared_ptr<historian::CHistorianStore> store) : store_(std::move(store)) {
-#ifdef _WIN32
   CoInitializeEx(nullptr, COINIT_MULTITHREADED);
-#endif
   host_ = NewHost(store_);
 }
 
 SqlConsumer::~SqlConsumer() {
   Close();
-#ifdef _WIN32
   CoUninitialize();
-#endif
 }
 
 void SqlConsumer::Close() {
@@ -276,8 +259,7 @@ Rows SqlConsumer::Contents() const {
     EXPECT_EQ(S_OK, store_->ReadPage(all, 0, &list, &more));
     for (ULONG i = 0; list && i < list->count; ++i) {
       const HistoryValue& v = list->values[i];
-      VARIANT text;
-      VariantInit(&text);
+      VARIANT text{};
       VariantChangeType(&text, const_cast<VARIANT*>(&v.value), 0, VT_BSTR);
       char quality[16];
       std::snprintf(quality, sizeof quality, "%X", static_cast<unsigned>(v.quality));
@@ -350,15 +332,44 @@ std::vector<std::vector<std::string>> ReadAll(IUnknown* rowset, std::vector<DBOR
   return rows;
 }
 
-std::vector<std::pair<std::string, DBTYPE>> Columns(IUnknown* object) {
-  std::vector<std::pair<std::string, DBTYPE>> out;
+std::vector<ColumnInfo> Columns(IUnknown* object) {
+  std::vector<ColumnInfo> out;
   auto info = QueryAs<IColumnsInfo>(object, IID_IColumnsInfo);
   if (!info) return out;
   DBORDINAL n = 0;
   TaskMem<DBCOLUMNINFO> columns;
   TaskMem<OLECHAR> strings;
   EXPECT_EQ(S_OK, info->GetColumnInfo(&n, columns.Put(), strings.Put()));
-  for (DBORDINAL i = 0; i < n; ++i) out.emplace_back(ToUtf8(columns[i].pwszName), columns[i].wType);
+  for (DBORDINAL i = 0; i < n; ++i)
+    out.push_back({ToUtf8(columns[i].pwszName), columns[i].wType, columns[i].ulColumnSize, columns[i].dwFlags,
+                   columns[i].iOrdinal});
+  return out;
+}
+
+#define CORVANE_HOST_OP_NAME(name) #name,
+const char* const kOpNames[] = {CORVANE_HOST_OPERATIONS(CORVANE_HOST_OP_NAME)};
+#undef CORVANE_HOST_OP_NAME
+
+bool HostOpNamed(const std::string& name, HostOp* op) {
+  for (int i = 0; i < static_cast<int>(HostOp::Count); ++i)
+    if (name == kOpNames[i]) return *op = static_cast<HostOp>(i), true;
+  return false;
+}
+
+const char* HostOpName(HostOp op) { return kOpNames[static_cast<int>(op)]; }
+
+std::string TimeText(ULONGLONG ticks) {
+  const FILETIME ft = U64ToFileTime(ticks);
+  SYSTEMTIME st{};
+  FileTimeToSystemTime(&ft, &st);
+  char text[40];
+  std::snprintf(text, sizeof text, "%04u-%02u-%02u %02u:%02u:%02u", st.wYear, st.wMonth, st.wDay, st.wHour,
+                st.wMinute, st.wSecond);
+  std::string out = text;
+  if (st.wMilliseconds) {
+    std::snprintf(text, sizeof text, ".%03u", st.wMilliseconds);
+    out += text;
+  }
   return out;
 }
 

@@ -38,17 +38,17 @@ using Rows = std::vector<std::vector<std::string>>;
 using HostOp = testing::CFaultInjectingHost::Op;
 
 // One `?`: bound as text, described to the command as `type` unless that is empty.
-struct Parameter {
-  std::string type;
-  std::string value;
-};
+struct Parameter { std::string type; std::string value; };
+
+// A column as IColumnsInfo describes it.
+struct ColumnInfo { std::string name; DBTYPE type; DBLENGTH size; DBCOLUMNFLAGS flags; DBORDINAL ordinal; };
 
 struct Outcome {
   HRESULT hr = S_OK;  // the first failure of Execute or GetNextRows
   bool atExecute = false;
   LastError error;  // the records of that failure
   DBROWCOUNT affected = DB_COUNTUNAVAILABLE;  // what Execute counted
-  std::vector<std::pair<std::string, DBTYPE>> columns;
+  std::vector<ColumnInfo> columns;
   Rows rows;  // every row delivered before the end or the failure; a null reads "<null>"
 };
 
@@ -70,10 +70,9 @@ class SqlConsumer {
   // Creates the provider over the host with catalog "Plant" and, when given, the
   // provider string; initialises it and opens a session and a command.
   void Open(const std::string& providerString = {});
-  // SetCommandText, Execute, then GetNextRows `batch` rows at a time until the end or a
-  // failure, holding every row; then GetData of each held row and one ReleaseRows.
-  // An empty `sql` executes the command's text again. With `open`, the rowset is handed
-  // back unread, to Read later.
+  // SetCommandText, Execute, then GetNextRows `batch` rows at a time until the end or a failure, holding every row;
+  // then GetData of each held row and one ReleaseRows. An empty `sql` executes the command's text again. With `open`,
+  // the rowset is handed back unread, to Read later.
   Outcome Run(const std::string& sql, const std::vector<Parameter>& parameters = {}, DBROWCOUNT batch = 7,
               IUnknown** open = nullptr);
   // The columns and rows of a rowset, which is released.
@@ -95,9 +94,8 @@ class SqlConsumer {
   ICommandText* command_ = nullptr;
 };
 
-// The consumer as a fixture: a SqlConsumer, open, over "Area1.Temp" (VT_R8) and
-// "Area1.Text" (VT_BSTR), one sample every minute ending one minute before the test
-// starts, so that the default 72-hour range holds them all.
+// The consumer as a fixture: a SqlConsumer, open, over "Area1.Temp" (VT_R8) and "Area1.Text" (VT_BSTR), one sample
+// every minute ending one minute before the test starts, so that the default 72-hour range holds them all.
 class ConsumerTest : public LeakCheckedTest, public SqlConsumer {
  public:
   // The records of the failed call on this thread, taken (the thread is left clean).
@@ -117,13 +115,11 @@ struct TextParameters {
   explicit TextParameters(const std::vector<Parameter>& values);
 };
 
-// The reference historian over `store`, with its aggregates, behind a fault-injecting host
-// that has one reference.
+// The reference historian over `store`, with its aggregates, behind a fault-injecting host that has one reference.
 testing::CFaultInjectingHost* NewHost(std::shared_ptr<historian::CHistorianStore> store);
 // Creates the provider over `host` (linked in, or the registered DLL), sets its catalog
 // to "Plant", initialises it and opens a session.
-void OpenProvider(IUnknown* host, IUnknown** dataSource, IOpenRowset** session,
-                  const std::string& providerString = {});
+void OpenProvider(IUnknown* host, IUnknown** dataSource, IOpenRowset** session, const std::string& providerString = {});
 // Releases the session, uninitialises the data source and checks that its last
 // reference goes with the consumer's; clears the thread's error records.
 void CloseProvider(IUnknown** dataSource, IOpenRowset** session);
@@ -134,7 +130,13 @@ void CloseProvider(IUnknown** dataSource, IOpenRowset** session);
 std::vector<std::vector<std::string>> ReadAll(IUnknown* rowset, std::vector<DBORDINAL> columns,
                                               DBROWCOUNT batch = 7, HRESULT* failure = nullptr,
                                               LastError* error = nullptr, bool hold = false);
-// Column names and types of a rowset or prepared command (IColumnsInfo).
-std::vector<std::pair<std::string, DBTYPE>> Columns(IUnknown* object);
+// The columns of a rowset or prepared command.
+std::vector<ColumnInfo> Columns(IUnknown* object);
+// The host operation of a name ("ReadRaw"...), as case files and the fault sweep's reports write them; false for an
+// unknown name.
+bool HostOpNamed(const std::string& name, HostOp* op);
+const char* HostOpName(HostOp op);
+// "2020-01-01 00:00:05" (".250" when there are milliseconds), as case files write times.
+std::string TimeText(ULONGLONG ticks);
 
 }  // namespace corvane::test

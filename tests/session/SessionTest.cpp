@@ -9,15 +9,7 @@
 #include "base/TaskMem.h"
 #include "tests/session/ConsumerFixture.h"
 
-using corvane::ComPtr;
-using corvane::QueryAs;
-using corvane::TaskMem;
-using corvane::test::Cell;
-using corvane::test::ConsumerTest;
-using corvane::test::Parameter;
-using corvane::test::ReadAll;
-using corvane::test::TextParameters;
-using corvane::test::TraceCapture;
+namespace corvane::test {
 
 namespace {
 
@@ -28,12 +20,7 @@ const GUID kRowsetLocate = {0x0C733A7D, 0x2A1C, 0x11CE, {0xAD, 0xE5, 0x00, 0xAA,
 const GUID kRowsetChange = {0x0C733A05, 0x2A1C, 0x11CE, {0xAD, 0xE5, 0x00, 0xAA, 0x00, 0x44, 0x77, 0x3D}};
 const GUID kMadeUp = {0x12345678, 0x9ABC, 0xDEF0, {0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF}};
 
-DBID Named(const OLECHAR* name) {
-  DBID id{};
-  id.eKind = DBKIND_NAME;
-  id.uName.pwszName = const_cast<LPOLESTR>(name);
-  return id;
-}
+DBID Named(const OLECHAR* name) { return DBID{{}, DBKIND_NAME, {const_cast<LPOLESTR>(name)}}; }
 
 using SessionObject = ConsumerTest;
 
@@ -160,9 +147,7 @@ TEST_F(SessionObject, OpenRowsetReadsATableAndNamesWhatItCannotGiveOrHonour) {
 
   // Required rowset properties are honoured or refused.
   table = Named(OLESTR("TAGS"));
-  DBPROP prop{};
-  prop.dwPropertyID = DBPROP_BOOKMARKS;  // the table rowsets have no bookmarks
-  prop.dwOptions = DBPROPOPTIONS_REQUIRED;
+  DBPROP prop{DBPROP_BOOKMARKS, DBPROPOPTIONS_REQUIRED, 0, {}, {}};  // the table rowsets have no bookmarks
   prop.vValue.vt = VT_BOOL;
   prop.vValue.boolVal = VARIANT_TRUE;
   DBPROPSET set{&prop, 1, DBPROPSET_ROWSET};
@@ -258,12 +243,9 @@ TEST_F(CommandParameters, TypeNamesKeepTheirMappingAndUndescribedOnesAreVariants
   };
   std::vector<DB_UPARAMS> ordinals = {3, 2, 1};
   std::vector<DBPARAMBINDINFO> bind(3);
-  for (size_t i = 0; i < 3; ++i) {
-    bind[i].pwszDataSourceType = const_cast<LPOLESTR>(cases[i].type);
-    bind[i].pwszName = const_cast<LPOLESTR>(cases[i].name);
-    bind[i].ulParamSize = 10 + i;
-    bind[i].dwFlags = DBPARAMFLAGS_ISINPUT;
-  }
+  for (size_t i = 0; i < 3; ++i)
+    bind[i] = {const_cast<LPOLESTR>(cases[i].type), const_cast<LPOLESTR>(cases[i].name), 10 + i,
+               DBPARAMFLAGS_ISINPUT, 0, 0};
   ASSERT_EQ(S_OK, Params()->SetParameterInfo(bind.size(), ordinals.data(), bind.data()));
   const auto described = Parameters();
   ASSERT_EQ(3u, described.size());
@@ -295,9 +277,7 @@ TEST_F(CommandParameters, TypeNamesKeepTheirMappingAndUndescribedOnesAreVariants
   // An undescribed parameter is listed beside a described one (its effect: tests/cases/procedures.test).
   SetText(OLESTR("SELECT * FROM GET_VALUES(?, '2100-01-01', ?, 'Area1.Temp')"));
   ASSERT_EQ(S_OK, Prepare());
-  DBPARAMBINDINFO info{};
-  info.pwszDataSourceType = const_cast<LPOLESTR>(OLESTR("DBTYPE_UI4"));
-  info.dwFlags = DBPARAMFLAGS_ISINPUT;
+  DBPARAMBINDINFO info{const_cast<LPOLESTR>(OLESTR("DBTYPE_UI4")), nullptr, 0, DBPARAMFLAGS_ISINPUT, 0, 0};
   const DB_UPARAMS second = 2;
   ASSERT_EQ(S_OK, Params()->SetParameterInfo(1, &second, &info));
   const auto mixed = Parameters();
@@ -421,8 +401,7 @@ TEST_F(CommandExecution, OpenRowsetsHoldTheCommand) {
   EXPECT_EQ(DB_E_OBJECTOPEN, command_->SetCommandText(DBGUID_DEFAULT, OLESTR("SELECT * FROM RAWDATA")));
   EXPECT_EQ(DB_E_OBJECTOPEN, TakeLastError().hr);
   DB_UPARAMS ordinal = 1;
-  DBPARAMBINDINFO bind{};
-  bind.pwszDataSourceType = const_cast<LPOLESTR>(OLESTR("DBTYPE_I4"));
+  DBPARAMBINDINFO bind{const_cast<LPOLESTR>(OLESTR("DBTYPE_I4")), nullptr, 0, 0, 0, 0};
   EXPECT_EQ(DB_E_OBJECTOPEN, Params()->SetParameterInfo(1, &ordinal, &bind));
 
   // The rowset names its command as its creator.
@@ -459,3 +438,5 @@ TEST_F(CommandExecution, EachExecutionHasItsOwnNow) {
   }
   EXPECT_NE(nows[0], nows[1]) << nows[0];
 }
+
+}  // namespace corvane::test

@@ -1,5 +1,4 @@
-// The shell's output and result formatter alone: what Ctrl-C leaves written, and what
-// the shell then says it wrote.
+// The shell's output and result formatter alone: what Ctrl-C leaves written, and what the shell then says it wrote.
 #include <gtest/gtest.h>
 #include <unistd.h>
 

@@ -20,18 +20,12 @@
 
 namespace {
 
-std::string g_shell;
-std::string g_readme;
+std::string g_shell, g_readme;
 
-// The sanitizers' own bookkeeping (freed blocks held back, shadow memory) swamps what
-// the shell holds.
+// The sanitizers' own bookkeeping (freed blocks held back, shadow memory) swamps what the shell holds.
 constexpr bool kMemoryMeasurable = !CORVANE_SANITIZED;
 
-struct Result {
-  int status = -1;
-  std::string out, err;
-  long maxRssKb = 0;
-};
+struct Result { int status = -1; std::string out, err; long maxRssKb = 0; };
 
 std::string TempDir() {
   static std::string dir = [] {
@@ -65,8 +59,7 @@ std::string ReadFile(const std::string& path) {
 // SIGPIPE ignored as supervisors and Python's subprocess leave it.
 const char kClosedPipe[] = "closed pipe";
 
-// Runs the shell with `args`, `input` on stdin, and collects its outputs; killed
-// after two minutes.
+// Runs the shell with `args`, `input` on stdin, and collects its outputs; killed after two minutes.
 Result RunShell(const std::vector<std::string>& args, const std::string& input = "", std::string out = "") {
   const std::string in = WriteFile("stdin", input), err = TempDir() + "/stderr";
   const bool pipeOut = out == kClosedPipe, ownOut = out.empty();
@@ -117,10 +110,7 @@ std::vector<std::string> WithData(std::vector<std::string> args) {
 }
 
 // Runs: arguments, stdin, then "status stderr" and stdout, whole.
-struct Case {
-  std::vector<std::string> args;
-  std::string input, failure, out;
-};
+struct Case { std::vector<std::string> args; std::string input, failure, out; };
 
 TEST(ShellRuns, EachGivesItsStatusErrorsAndOutput) {
   using namespace std::string_literals;
@@ -396,9 +386,8 @@ TEST(ShellInteractive, PromptMultiLineHistoryAndCtrlCStoppingALongFetch) {
   setenv("CORVANE_SQL_HISTORY", history.c_str(), 1);
   {
     Terminal t({"--leak-check"});
-    // A statement goes on until ';'; the up arrow brings the last one back from the history.
-    // Every sample of every demo tag over a week is far more than a second's work, and the
-    // table shows its first rows long before the end.
+    // A statement goes on until ';'; the up arrow brings the last one back from the history. Every sample of every demo
+    // tag over a week is far more than a second's work, and the table shows its first rows long before the end.
     t.Converse({{"", "corvane> "}, {".tables\n", "RAWDATA_BOOLEAN"}, {"", " rows)"}, {"SELECT TAGNAME\r", "...> "},
                 {"FROM TAGS WHERE TAGNAME = 'Pump1.Flow';\r", "Pump1.Flow\r\n(1 row)"},
                 {"\x1b[A\r", "Pump1.Flow\r\n(1 row)"},

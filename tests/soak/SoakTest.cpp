@@ -1,8 +1,7 @@
-// Eight threads, each from its own seed, run a random mix of reads, a procedure, tag
-// statistics paged through one processed provider, settings updates, failing statements
-// and writes to their own tags over one data source, releasing some rowsets while the
-// worker still reads. Rows are checked against the historian or the thread's writes; a
-// deadlock is left to the test's timeout.
+// Eight threads, each from its own seed, run a random mix of reads, a procedure, tag statistics paged through one
+// processed provider, settings updates, failing statements and writes to their own tags over one data source, releasing
+// some rowsets while the worker still reads. Rows are checked against the historian or the thread's writes; a deadlock
+// is left to the test's timeout.
 //   CORVANE_SOAK_SECONDS  run time, 8 by default; CORVANE_SOAK_SEED  base seed (thread i: seed + i)
 #include <gtest/gtest.h>
 
@@ -19,7 +18,7 @@
 
 #include "SQLParser/TimeConversion.h"
 #include "base/ComPtr.h"
-#include "tests/cases/SqlConsumer.h"
+#include "tests/session/ConsumerFixture.h"
 #include "tests/support/Printers.h"
 #include "tests/support/RowReader.h"
 
@@ -201,9 +200,8 @@ class Soaker {
                2);
   }
 
-  // The settings belong to the data source, so another thread's update may show instead of
-  // this one's: any page size that some thread writes is right. Results do not depend on the
-  // page size, which the other checks keep verifying.
+  // The settings belong to the data source, so another thread's update may show instead of this one's: any page size
+  // that some thread writes is right. Results do not depend on the page size, which the other checks keep verifying.
   void UpdateSettings() {
     static const LONG pageSizes[] = {7, 100, 2000};
     const HRESULT hr = RunUnread("UPDATE QUERYSETTINGS SET MAX_ROWS_TO_RETURN = " + std::to_string(pageSizes[Pick(0, 2)]));

@@ -27,12 +27,11 @@ using CellColumns = std::vector<std::pair<DBORDINAL, DBTYPE>>;
 // A binding of `ordinal` as `type` to cell `i` of an array of Cell.
 DBBINDING CellBinding(size_t i, DBORDINAL ordinal, DBTYPE type, DBPARAMIO io = DBPARAMIO_NOTPARAM);
 
-// Reads `rowset` through one accessor of `columns`: GetNextRows of `batch(rowsSoFar)`
-// rows (0 stops before fetching), GetData of each row into one buffer that `onRow` sees
-// (false stops after the batch; VARIANT cells are cleared after it), ReleaseRows of each
-// batch. With `hold`, every row is fetched and held first, then read and released.
-// `failed` sees a failing GetNextRows at once, before any held row is read. Returns the
-// first failure of CreateAccessor, GetNextRows or GetData, else S_OK.
+// Reads `rowset` through one accessor of `columns`: GetNextRows of `batch(rowsSoFar)` rows (0 stops before fetching),
+// GetData of each row into one buffer that `onRow` sees (false stops after the batch; VARIANT cells are cleared after
+// it), ReleaseRows of each batch. With `hold`, every row is fetched and held first, then read and released. `failed`
+// sees a failing GetNextRows at once, before any held row is read. Returns the first failure of CreateAccessor,
+// GetNextRows or GetData, else S_OK.
 HRESULT ReadRows(IUnknown* rowset, const CellColumns& columns, const std::function<DBROWCOUNT(size_t)>& batch,
                  const std::function<bool(const Row&)>& onRow, bool hold = false,
                  const std::function<void(HRESULT)>& failed = {});
