@@ -16,6 +16,7 @@ class CTableRawData : public CBaseTable {
 
   bool HasMoreData() override;
   HRESULT Prepare() override;
+  // Reads m_StepPages pages, or kStepRecords samples, up to the data's end or a failure.
   HRESULT Step() override;
   // The value and the quality unchanged.
   HRESULT ConvertValue(const VARIANT& value, DWORD quality, VARIANT* outValue, DWORD* outQuality) override;
@@ -32,6 +33,11 @@ class CTableRawData : public CBaseTable {
   // Converts `value` in place to the table's type; on failure the type's default with
   // the bad quality 0x80AB0000 (S_FALSE).
   HRESULT ConvertTyped(VARIANT* value, DWORD* quality);
+  // One page of the current tag: *read samples queued; *finished when no tag is left.
+  HRESULT ReadPage(size_t* read, bool* finished);
+  static constexpr size_t kStepRecords = 8192;
+  static constexpr size_t kStepPages = 16;
+  size_t m_StepPages = 1;  // pages the next step reads at most
   void ReleaseContinuationPoint();
   void FreeRequests();
 

@@ -125,9 +125,10 @@ TEST_F(SelectStreaming, EverySampleArrivesInOrderWhileMemoryStaysBounded) {
   const long resident = PeakResidentKiB();
   EXPECT_EQ(kSamples, rows);
   EXPECT_EQ(0u, wrong_);
-  // The first rows are served from the first page: the worker has not read ahead.
+  // The first rows are served from the first page, which the first step reads alone; the
+  // second step, started when the consumer took that page, reads two.
   EXPECT_GE(readsAtFirstRow, 1u);
-  EXPECT_LE(readsAtFirstRow, 2u);
+  EXPECT_LE(readsAtFirstRow, 3u);
   EXPECT_GE(Host().Calls(Op::ReadRaw), (kSamples + kPage - 1) / kPage);
   EXPECT_LE(Host().Calls(Op::ReadRaw), (kSamples + kPage - 1) / kPage + 1);
   // Each row of the store is one task-allocator block: a page read, a page in the
