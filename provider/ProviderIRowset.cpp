@@ -117,15 +117,14 @@ void CProviderIRowset::RowHandleTable::Reserve(size_t more) {
 }
 
 inline HROW CProviderIRowset::RowHandleTable::Insert(CRefCountedDataStoreRow* row) {
-  uint32_t index;
+  HROW handle;
   if (!m_Free.empty()) {
-    index = m_Free.back();
+    handle = m_Free.back();
     m_Free.pop_back();
   } else {
-    index = m_Used++;
+    handle = static_cast<HROW>(m_Used++) + 1;  // generation 0
   }
-  Slot& slot = At(index);
-  const HROW handle = (static_cast<HROW>(slot.generation) << 32) | (static_cast<HROW>(index) + 1);
+  Slot& slot = At(static_cast<uint32_t>(handle) - 1);
   // Erase cleared the handle; a reader that sees the new row must see that first.
   std::atomic_thread_fence(std::memory_order_release);
   slot.row.store(row, std::memory_order_relaxed);
@@ -135,10 +134,11 @@ inline HROW CProviderIRowset::RowHandleTable::Insert(CRefCountedDataStoreRow* ro
 }
 
 inline void CProviderIRowset::RowHandleTable::Erase(Slot* held) {
-  const uint32_t slot1 = static_cast<uint32_t>(held->handle.load(std::memory_order_relaxed));
+  const HROW handle = held->handle.load(std::memory_order_relaxed);
   held->handle.store(0, std::memory_order_relaxed);
-  if (++held->generation == 0) return;  // every handle of the slot was given: retired
-  m_Free.push_back(slot1 - 1);  // within the room Reserve made
+  const uint32_t generation = static_cast<uint32_t>(handle >> 32) + 1;
+  if (generation == 0) return;  // every handle of the slot was given: retired
+  m_Free.push_back((static_cast<HROW>(generation) << 32) | static_cast<uint32_t>(handle));  // within Reserve's room
 }
 
 using corvane::platform::CriticalSectionLock;

@@ -122,7 +122,6 @@ class CProviderIRowset : public IRowset,
       std::atomic<HROW> handle{0};  // 0: a free slot
       std::atomic<CRefCountedDataStoreRow*> row{nullptr};
       DBREFCOUNT refs = 0;
-      uint32_t generation = 0;  // of the slot's next handle
     };
     RowHandleTable() = default;
     RowHandleTable(const RowHandleTable&) = delete;
@@ -166,10 +165,11 @@ class CProviderIRowset : public IRowset,
     std::unique_ptr<Slot[]> m_Owned[kBlocks];
     uint64_t m_Made = 0;     // slots in the blocks made
     uint32_t m_Used = 0;     // slots ever handed out; those after are fresh
-    // The free slots, newest last. An array rather than a list through the slots: a
-    // fetch of a thousand rows would otherwise wait for each slot's line in turn. Its
-    // room is every slot made, so that Erase never allocates.
-    std::vector<uint32_t> m_Free;
+    // The free slots, newest last, each as the next handle it gives. An array rather
+    // than a list through the slots: a fetch of a thousand rows would otherwise wait for
+    // each slot's line in turn; and it holds the handle, so that Insert only writes the
+    // slot. Its room is every slot made, so that Erase never allocates.
+    std::vector<HROW> m_Free;
   };
   struct Accessor {
     // 0 once released: the object is kept for the next accessor, never freed while a

@@ -266,7 +266,7 @@ class CDataStore {
   IDataConvert* m_pConvert = nullptr;
   std::vector<uint64_t> m_DstScratch;
   // GetData without the lock reads the clock for one call in kPlannedSample.
-  static constexpr uint32_t kPlannedSample = 16;
+  static constexpr uint32_t kPlannedSample = 256;
   std::atomic<uint32_t> m_PlannedCalls{0};
 
   // The last lent text each column shared: producers lend the same text row after row.
