@@ -319,7 +319,8 @@ HRESULT STDMETHODCALLTYPE CProviderIRowset::ReleaseRows(DBCOUNTITEM cRows, const
   if (cRows && !rghRows) return E_INVALIDARG;
   CriticalSectionLock lock(m_Lock);
   DBCOUNTITEM ok = 0, failed = 0;
-  m_Released.clear();
+  // The batch's rows go back to the store's pool a portion at a time.
+  CRefCountedDataStoreRow::BatchRelease release;
   for (DBCOUNTITEM i = 0; i < cRows; ++i) {
     RowHandleTable::Slot* held = m_Rows.Find(rghRows[i]);
     DBREFCOUNT left = 0;
@@ -330,22 +331,14 @@ HRESULT STDMETHODCALLTYPE CProviderIRowset::ReleaseRows(DBCOUNTITEM cRows, const
     } else {
       left = --held->refs;
       if (left == 0) {
-        CRefCountedDataStoreRow* row = held->row.load(std::memory_order_relaxed);
+        release.Add(held->row.load(std::memory_order_relaxed));
         m_Rows.Erase(held);
-        try {
-          m_Released.push_back(row);
-        } catch (const std::bad_alloc&) {
-          row->Release();
-        }
       }
       ++ok;
     }
     if (rgRefCounts) rgRefCounts[i] = left;
     if (rgRowStatus) rgRowStatus[i] = status;
   }
-  // The batch's rows go back to the store's pool in one step.
-  CRefCountedDataStoreRow::ReleaseMany(m_Released.data(), m_Released.size());
-  m_Released.clear();
   return Outcome(ok, failed);
 }
 

@@ -215,7 +215,6 @@ class CProviderIRowset : public IRowset,
   HACCESSOR m_AccessorGenerator = 0;
   // The accessor GetData used last, since a consumer reads every row with the same one.
   std::atomic<Accessor*> m_pLastAccessor{nullptr};
-  std::vector<CRefCountedDataStoreRow*> m_Released;  // ReleaseRows' rows to give back
 
   std::vector<PropertyValue> m_Properties;
 

@@ -28,20 +28,8 @@ ULONG CRefCountedDataStoreRow::Release() {
 }
 
 void CRefCountedDataStoreRow::ReleaseMany(CRefCountedDataStoreRow* const* rows, size_t count) {
-  // Consecutive rows of one pool go back together: one lock for a whole batch.
-  CRefCountedDataStoreRow* done[256];
-  size_t n = 0;
-  auto flush = [&] {
-    if (n) done[0]->m_pPool->GiveBackMany(done, n);
-    n = 0;
-  };
-  for (size_t i = 0; i < count; ++i) {
-    CRefCountedDataStoreRow* row = rows[i];
-    if (!row->LastReference() && row->m_cRef.fetch_sub(1, std::memory_order_acq_rel) != 1) continue;
-    if (n == std::size(done) || (n && done[0]->m_pPool != row->m_pPool)) flush();
-    done[n++] = row;
-  }
-  flush();
+  BatchRelease release;
+  for (size_t i = 0; i < count; ++i) release.Add(rows[i]);
 }
 
 const void* CRefCountedDataStoreRow::StoreText(const void* bytes, size_t n, size_t terminator) {
@@ -149,6 +137,9 @@ size_t CRefCountedDataStoreRow::Pool::TakeMany(CRefCountedDataStoreRow** rows, s
   for (size_t i = 0; i < reused; ++i) {
     CRefCountedDataStoreRow* row = rows[i];
     row->m_cRef.store(1, std::memory_order_relaxed);
+    // Its text is forgotten here, where the row's line is written anyway, and not when it
+    // is given back.
+    row->m_cbTextUsed = 0;
     // Released contents are already empty cells; only the status bytes still say
     // what the previous row held.
     if (m_bStatusWord) {
@@ -187,13 +178,9 @@ void CRefCountedDataStoreRow::Pool::Destroy(CRefCountedDataStoreRow* row) {
 }
 
 void CRefCountedDataStoreRow::Pool::GiveBackMany(CRefCountedDataStoreRow* const* rows, size_t count) {
+  // Rows that own nothing keep their cells and text as they are: TakeMany makes them empty.
   for (size_t i = 0; i < count; ++i) {
-    CRefCountedDataStoreRow* row = rows[i];
-    if (row->m_bOwns) {
-      row->ReleaseContents(m_Owning);
-    } else {
-      row->m_cbTextUsed = 0;
-    }
+    if (rows[i]->m_bOwns) rows[i]->ReleaseContents(m_Owning);
   }
   Lock();
   m_cOut -= count;

@@ -40,6 +40,7 @@ class CRefCountedDataStoreRow {
   ULONG AddRef() { return m_cRef.fetch_add(1, std::memory_order_relaxed) + 1; }
   // Frees the contents and gives the row back to its pool on the last release.
   ULONG Release();
+  class BatchRelease;
   // Release of each of `rows`, with the rows whose last reference went given back to
   // their pool in one step.
   static void ReleaseMany(CRefCountedDataStoreRow* const* rows, size_t count);
@@ -165,6 +166,32 @@ class CRefCountedDataStoreRow::Pool {
   size_t m_SharedUsed = 0;   // characters used in the last block
   size_t m_SharedTotal = 0;  // characters in all blocks
   std::unordered_map<corvane::WStringView, const OLECHAR*> m_Shared;
+};
+
+// Releases rows one by one and gives those whose last reference went back to their pool
+// a portion at a time, under one lock per portion: a rowset releasing a batch hands each
+// row over as it finds it, with nothing to collect first.
+class CRefCountedDataStoreRow::BatchRelease {
+ public:
+  BatchRelease() = default;
+  BatchRelease(const BatchRelease&) = delete;
+  BatchRelease& operator=(const BatchRelease&) = delete;
+  ~BatchRelease() { Flush(); }
+
+  void Add(CRefCountedDataStoreRow* row) {
+    if (!row->LastReference() && row->m_cRef.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+    if (m_Count == kPortion || (m_Count && m_Rows[0]->m_pPool != row->m_pPool)) Flush();
+    m_Rows[m_Count++] = row;
+  }
+  void Flush() {
+    if (m_Count) m_Rows[0]->m_pPool->GiveBackMany(m_Rows, m_Count);
+    m_Count = 0;
+  }
+
+ private:
+  static constexpr size_t kPortion = 256;
+  CRefCountedDataStoreRow* m_Rows[kPortion];
+  size_t m_Count = 0;
 };
 
 // The cells right after the row keep the alignment of every cell type (VARIANT's 8).
