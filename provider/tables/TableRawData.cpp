@@ -302,8 +302,15 @@ HRESULT CTableRawData::ReadPage(size_t* read, bool* finished) {
       hr = E_OUTOFMEMORY;
     }
     bool owning = false;
+    // The values that need nothing done here, nearly all: those that own nothing, in the
+    // table that keeps values as they are, and those already of a typed table's plain type.
+    const VARTYPE kept = !m_bTyped                    ? static_cast<VARTYPE>(VT_EMPTY)
+                         : Plain(m_Conversion.type) ? m_Conversion.type
+                                                    : static_cast<VARTYPE>(VT_ILLEGAL);
     for (ULONG i = 0; batch && i < list->count; ++i) {
       HistoryValue& sample = list->values[i];
+      const VARTYPE vt = V_VT(&sample.value);
+      if (vt == kept || (kept == VT_EMPTY && CRefCountedDataStoreRow::OwnsNothing(vt))) continue;
       if (!Movable(V_VT(&sample.value))) {
         VARIANT copy;
         VariantInit(&copy);
