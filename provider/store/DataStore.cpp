@@ -397,6 +397,16 @@ inline CRefCountedDataStoreRow* CDataStore::RowQueue::pop_front() {
   return row;
 }
 
+void CDataStore::RowQueue::MoveFront(size_t n, std::vector<CRefCountedDataStoreRow*>& out) {
+  const auto first = m_Rows.begin() + static_cast<std::ptrdiff_t>(m_Head);
+  out.insert(out.end(), first, first + static_cast<std::ptrdiff_t>(n));
+  m_Head += n;
+  if (empty()) {
+    m_Rows.clear();
+    m_Head = 0;
+  }
+}
+
 // ---- Cells
 
 // Filling a page means thousands of cells in a row; reading the counter around each
@@ -1144,19 +1154,18 @@ HRESULT CDataStore::GetNextRows(ULONGLONG skip, ULONGLONG count, std::vector<CRe
     Clear();
     return DB_S_ENDOFROWSET;
   }
-  ULONGLONG removed = 0;
-  ULONGLONG delivered = 0;
-  while (removed < wanted && !m_ReadRows.empty()) {
-    CRefCountedDataStoreRow* row = m_ReadRows.pop_front();
-    if (removed < skip) {
-      row->Release();
-    } else {
-      rows.push_back(row);
-      ++delivered;
-    }
-    ++removed;
+  // The rows handed out leave as one block of pointers; room for them is made first, so
+  // that a failure leaves the queue as it was.
+  const size_t delivered = static_cast<size_t>(std::min<ULONGLONG>(count, m_ReadRows.size() - skip));
+  try {
+    rows.reserve(rows.size() + delivered);
+  } catch (const std::bad_alloc&) {
+    m_Stopwatch.Stop();
+    return E_OUTOFMEMORY;
   }
-  CVTRACE(TRACE_DETAIL, OLESTR("CDataStore::GetNextRows -> lRowsRemoved = %d"), static_cast<int>(removed));
+  for (ULONGLONG i = 0; i < skip; ++i) m_ReadRows.pop_front()->Release();
+  m_ReadRows.MoveFront(delivered, rows);
+  CVTRACE(TRACE_DETAIL, OLESTR("CDataStore::GetNextRows -> lRowsRemoved = %d"), static_cast<int>(skip + delivered));
   // Past the last row no row is made again: the kept free rows can go now.
   if (m_bEndOfData && m_ReadRows.empty() && m_pPool) m_pPool->Trim();
   m_Stopwatch.Stop();

@@ -136,6 +136,8 @@ class CDataStore {
     void Reserve(size_t more);
     void push_back(CRefCountedDataStoreRow* row) { m_Rows.push_back(row); }
     CRefCountedDataStoreRow* pop_front();
+    // Appends the first `n` rows (n <= size()) to `out`, which has room for them.
+    void MoveFront(size_t n, std::vector<CRefCountedDataStoreRow*>& out);
 
    private:
     std::vector<CRefCountedDataStoreRow*> m_Rows;
