@@ -259,7 +259,8 @@ HRESULT CTableRawData::Step() {
     bool finished = false;
     const HRESULT hr = ReadPage(&read, &finished);
     if (FAILED(hr) || finished) return hr;
-    if (page == 0 && read) NotifyRowsAvailable();
+    // Only for rows it can take: a filter may have kept none of the page.
+    if (page == 0 && read && QueuedRecordCount() != 0) NotifyRowsAvailable();
     samples += read;
   }
   m_StepPages = std::min(2 * m_StepPages, kStepPages);
