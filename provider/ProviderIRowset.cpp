@@ -318,28 +318,39 @@ HRESULT STDMETHODCALLTYPE CProviderIRowset::ReleaseRows(DBCOUNTITEM cRows, const
   CVTRACE(TRACE_DETAIL, OLESTR("Called CProviderIRowset::ReleaseRows"));
   if (cRows && !rghRows) return E_INVALIDARG;
   CriticalSectionLock lock(m_Lock);
-  DBCOUNTITEM ok = 0, failed = 0;
+  DBCOUNTITEM failed = 0;
   // The batch's rows go back to the store's pool a portion at a time.
   CRefCountedDataStoreRow::BatchRelease release;
-  for (DBCOUNTITEM i = 0; i < cRows; ++i) {
-    RowHandleTable::Slot* held = m_Rows.Find(rghRows[i]);
-    DBREFCOUNT left = 0;
-    DBROWSTATUS status = DBROWSTATUS_S_OK;
+  // False for a handle not held; *left: the references the row keeps.
+  auto releaseOne = [&](HROW handle, DBREFCOUNT* left) {
+    RowHandleTable::Slot* held = m_Rows.Find(handle);
     if (!held) {
-      status = DBROWSTATUS_E_INVALID;
-      ++failed;
-    } else {
-      left = --held->refs;
-      if (left == 0) {
-        release.Add(held->row.load(std::memory_order_relaxed));
-        m_Rows.Erase(held);
-      }
-      ++ok;
+      *left = 0;
+      return false;
     }
-    if (rgRefCounts) rgRefCounts[i] = left;
-    if (rgRowStatus) rgRowStatus[i] = status;
+    *left = --held->refs;
+    if (*left == 0) {
+      release.Add(held->row.load(std::memory_order_relaxed));
+      m_Rows.Erase(held);
+    }
+    return true;
+  };
+  if (!rgRefCounts && !rgRowStatus) {
+    // The usual call: a fetched batch let go, nothing asked back.
+    for (DBCOUNTITEM i = 0; i < cRows; ++i) {
+      DBREFCOUNT left;
+      if (!releaseOne(rghRows[i], &left)) ++failed;
+    }
+  } else {
+    for (DBCOUNTITEM i = 0; i < cRows; ++i) {
+      DBREFCOUNT left;
+      const bool held = releaseOne(rghRows[i], &left);
+      if (!held) ++failed;
+      if (rgRefCounts) rgRefCounts[i] = left;
+      if (rgRowStatus) rgRowStatus[i] = held ? DBROWSTATUS_S_OK : DBROWSTATUS_E_INVALID;
+    }
   }
-  return Outcome(ok, failed);
+  return Outcome(cRows - failed, failed);
 }
 
 HRESULT STDMETHODCALLTYPE CProviderIRowset::AddRefRows(DBCOUNTITEM cRows, const HROW rghRows[],
@@ -386,11 +397,12 @@ HRESULT STDMETHODCALLTYPE CProviderIRowset::GetData(HROW hRow, HACCESSOR hAccess
         return S_OK;
     }
   }
-  CriticalSectionLock lock(m_Lock);
-  return GetDataLocked(hRow, hAccessor, pData);
+  return GetDataWithLock(hRow, hAccessor, pData);
 }
 
-HRESULT CProviderIRowset::GetDataLocked(HROW hRow, HACCESSOR hAccessor, void* pData) {
+HRESULT CProviderIRowset::GetDataWithLock(HROW hRow, HACCESSOR hAccessor, void* pData) {
+  // Out of line, so that the common call above saves and restores no more than it uses.
+  CriticalSectionLock lock(m_Lock);
   const RowHandleTable::Slot* row = m_Rows.Find(hRow);
   if (!row) return DB_E_BADROWHANDLE;
   auto found = m_Accessors.find(hAccessor);

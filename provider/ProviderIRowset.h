@@ -193,7 +193,8 @@ class CProviderIRowset : public IRowset,
   DBBINDSTATUS ValidateBinding(const DBBINDING& binding);
   // Under the lock: the accessor's plan for the store's layout of now.
   void PlanAccessor(Accessor& accessor);
-  HRESULT GetDataLocked(HROW hRow, HACCESSOR hAccessor, void* pData);
+  // Takes the lock: every call the lock-free path in GetData does not answer.
+  HRESULT GetDataWithLock(HROW hRow, HACCESSOR hAccessor, void* pData);
   HRESULT ConversionService(IDataConvert** convert);
   HRESULT FillPropertySet(const DBPROPIDSET* request, DBPROPSET* out, ULONG* okCount, ULONG* errorCount);
   HRESULT GetNextRowsLocked(DBROWOFFSET lRowsOffset, DBROWCOUNT cRows, DBCOUNTITEM* pcRowsObtained,

@@ -1219,6 +1219,15 @@ std::vector<CDataStore::BindingStep> CDataStore::PlanBindings(const DBBINDING* b
     plan[i].plainRest = step.kind != BindingStep::kGeneral && step.length && step.state &&
                         (i + 1 == plan.size() || plan[i + 1].plainRest);
   }
+  if (!plan.empty() && plan[0].plainRest && m_cbRowSize >= sizeof(uint64_t)) {
+    BYTE mask[sizeof(uint64_t)] = {};
+    bool fits = true;
+    for (const BindingStep& step : plan) {
+      fits = fits && step.status < sizeof mask;
+      if (fits) mask[step.status] = kStatusValue;
+    }
+    if (fits) std::memcpy(&plan[0].valuesMask, mask, sizeof mask);
+  }
   return plan;
 }
 
@@ -1327,6 +1336,22 @@ bool CDataStore::CopyPlanned(const DBBINDING* bindings, DBCOUNTITEM count, const
   (void)bindings;  // the plan holds what is needed of them
   const BYTE* rowBuffer = row->Buffer();
   if (count && plan[0].plainRest) {
+    const uint64_t mask = plan[0].valuesMask;
+    uint64_t statuses = 0;
+    if (mask) std::memcpy(&statuses, rowBuffer, sizeof statuses);
+    if (mask && (statuses & mask) == mask) {
+      // Every bound column holds a value: each binding is its copy, its length and S_OK.
+      for (DBCOUNTITEM i = 0; i < count; ++i) {
+        const BindingStep& step = plan[i];
+        DBLENGTH length;
+        if (!CopyStep(step, rowBuffer, buffer + step.obValue, &length)) return false;
+        const DBSTATUS ok = DBSTATUS_S_OK;
+        std::memcpy(buffer + step.obLength, &length, sizeof length);
+        std::memcpy(buffer + step.obStatus, &ok, sizeof ok);
+      }
+      if (timed) m_Stopwatch.Add((CStopwatch::Ticks() - start) * kPlannedSample);
+      return true;
+    }
     // Every binding a copy with its length and status: nothing to ask but null or not.
     for (DBCOUNTITEM i = 0; i < count; ++i) {
       const BindingStep& step = plan[i];

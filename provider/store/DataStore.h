@@ -83,6 +83,11 @@ class CDataStore {
     // This step and every later one copy without the service and bind length and
     // status: the usual accessor, which CopyPlanned runs without asking per binding.
     bool plainRest = false;
+    // On the first step of a plan whose steps are all plain: the bytes of the row's
+    // first word that hold the bound columns' statuses. A row whose bound columns all
+    // hold values is told by one compare, not one a binding. 0 when a status lies past
+    // that word.
+    uint64_t valuesMask = 0;
   };
   // The plan for `bindings` against the current layout, one step per binding.
   // LayoutGeneration() changes with the layout, and a plan made before no longer fits.
