@@ -125,6 +125,10 @@ CRefCountedDataStoreRow::Pool::~Pool() {
   for (OLECHAR* block : m_SharedBlocks) delete[] block;
 }
 
+namespace {
+constexpr size_t kLine = 64;
+}  // namespace
+
 size_t CRefCountedDataStoreRow::Pool::TakeMany(CRefCountedDataStoreRow** rows, size_t count) {
   size_t reused = 0;
   Lock();
@@ -154,14 +158,17 @@ size_t CRefCountedDataStoreRow::Pool::TakeMany(CRefCountedDataStoreRow** rows, s
   size_t made = reused;
   for (; made < count; ++made) {
     // The row and its buffer in one block: a row's cells start in its own cache lines.
-    void* block = CoTaskMemAlloc(sizeof(CRefCountedDataStoreRow) + static_cast<size_t>(m_cbRowSize));
-    if (!block) break;
-    BYTE* buffer = static_cast<BYTE*>(block) + sizeof(CRefCountedDataStoreRow);
+    void* raw = CoTaskMemAlloc(kLine + sizeof(CRefCountedDataStoreRow) + static_cast<size_t>(m_cbRowSize));
+    if (!raw) break;
+    const size_t shift = (kLine - reinterpret_cast<uintptr_t>(raw) % kLine) % kLine;
+    BYTE* block = static_cast<BYTE*>(raw) + shift;
+    BYTE* buffer = block + sizeof(CRefCountedDataStoreRow);
     std::memset(buffer, 0, static_cast<size_t>(m_cbRowSize));
     for (DBORDINAL i : m_Owning) {
       if (m_pColumns[i].wType == DBTYPE_VARIANT) VariantInit(reinterpret_cast<VARIANT*>(buffer + m_pColumns[i].cbOffset));
     }
     rows[made] = new (block) CRefCountedDataStoreRow(this);
+    rows[made]->m_Shift = static_cast<uint8_t>(shift);
   }
   if (made == count) return made;
   Lock();
@@ -173,8 +180,9 @@ size_t CRefCountedDataStoreRow::Pool::TakeMany(CRefCountedDataStoreRow** rows, s
 }
 
 void CRefCountedDataStoreRow::Pool::Destroy(CRefCountedDataStoreRow* row) {
+  const size_t shift = row->m_Shift;
   row->~CRefCountedDataStoreRow();
-  CoTaskMemFree(row);
+  CoTaskMemFree(reinterpret_cast<BYTE*>(row) - shift);
 }
 
 void CRefCountedDataStoreRow::Pool::GiveBackMany(CRefCountedDataStoreRow* const* rows, size_t count) {

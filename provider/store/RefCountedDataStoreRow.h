@@ -87,6 +87,8 @@ class CRefCountedDataStoreRow {
   // back then only forgets their text instead of looking at every owning column. Beside
   // the count, in what was padding: the row stays the size it was.
   bool m_bOwns = false;
+  // How far the row lies past the start of its block: rows start on a cache line.
+  uint8_t m_Shift = 0;
   // The row is read and written on every fetch, so it holds only what differs from row
   // to row (the layout is the pool's): with the cells after it, a history row takes two
   // cache lines rather than three or four.

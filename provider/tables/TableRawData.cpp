@@ -308,10 +308,18 @@ HRESULT CTableRawData::ReadPage(size_t* read, bool* finished) {
     const VARTYPE kept = !m_bTyped                    ? static_cast<VARTYPE>(VT_EMPTY)
                          : Plain(m_Conversion.type) ? m_Conversion.type
                                                     : static_cast<VARTYPE>(VT_ILLEGAL);
-    for (ULONG i = 0; batch && i < list->count; ++i) {
+    const ULONG count = batch ? list->count : 0;
+    const HistoryValue* const values = list ? list->values : nullptr;
+    for (ULONG i = 0; i < count; ++i) {
+      // A tight scan to the next value that needs something: the page is passed over in
+      // a few instructions a sample, the loop below runs for the rare ones.
+      if (kept == VT_EMPTY) {
+        while (i < count && CRefCountedDataStoreRow::OwnsNothing(V_VT(&values[i].value))) ++i;
+      } else {
+        while (i < count && V_VT(&values[i].value) == kept) ++i;
+      }
+      if (i == count) break;
       HistoryValue& sample = list->values[i];
-      const VARTYPE vt = V_VT(&sample.value);
-      if (vt == kept || (kept == VT_EMPTY && CRefCountedDataStoreRow::OwnsNothing(vt))) continue;
       if (!Movable(V_VT(&sample.value))) {
         VARIANT copy;
         VariantInit(&copy);
