@@ -83,8 +83,8 @@ static_assert(sizeof(HROW) == 8, "a handle holds a slot and its generation");
 inline CRefCountedDataStoreRow* CProviderIRowset::RowHandleTable::Peek(HROW handle) const {
   const uint32_t slot1 = static_cast<uint32_t>(handle);
   if (slot1 == 0) return nullptr;
-  uint64_t offset;
-  const Slot* block = m_Blocks[BlockOf(slot1 - 1, &offset)].load(std::memory_order_acquire);
+  uint64_t offset = slot1 - 1;
+  const Slot* block = m_Blocks[offset < kFirstBlock ? 0 : BlockOf(slot1 - 1, &offset)].load(std::memory_order_acquire);
   if (!block) return nullptr;
   const Slot& slot = block[offset];
   if (slot.handle.load(std::memory_order_acquire) != handle) return nullptr;

@@ -156,6 +156,8 @@ class CProviderIRowset : public IRowset,
       return k;
     }
     Slot& At(uint32_t index) const {
+      // A rowset rarely holds more handles than the first block has: no bit scan then.
+      if (index < kFirstBlock) return m_Blocks[0].load(std::memory_order_relaxed)[index];
       uint64_t offset;
       const size_t k = BlockOf(index, &offset);
       return m_Blocks[k].load(std::memory_order_relaxed)[offset];

@@ -117,6 +117,14 @@ bool StatusIsSuccess(DBSTATUS s) {
 // A VARIANT's value follows its type and three reserved words on every target.
 constexpr size_t kVariantValueOffset = 8;
 
+// A VARIANT that a fetch copies as its bytes: it owns nothing, and it is neither a null
+// nor an error code, which are statuses to the conversion service rather than values.
+// Every planned copy of a VARIANT asks, so it is one bit test.
+inline bool CopiedAsBytes(VARTYPE vt) {
+  constexpr uint32_t kCopied = CRefCountedDataStoreRow::kPlainTypes & ~((1u << VT_NULL) | (1u << VT_ERROR));
+  return vt < 32 && ((kCopied >> vt) & 1u) != 0;
+}
+
 // Bytes of a cell type that the conversion service copies unchanged into a binding of
 // the same type; 0 for the types it has to look into.
 size_t VerbatimSize(DBTYPE type) {
@@ -155,8 +163,7 @@ bool CDataStore::CopyVerbatim(DBTYPE colType, DBTYPE bindType, const BYTE* sourc
   if (colType == DBTYPE_VARIANT) {
     VARTYPE vt;
     std::memcpy(&vt, source, sizeof vt);
-    // A null or an error code is a status to the service, not a value.
-    if (!CRefCountedDataStoreRow::OwnsNothing(vt) || vt == VT_NULL || vt == VT_ERROR) return false;
+    if (!CopiedAsBytes(vt)) return false;
     if (bindType == DBTYPE_VARIANT) {
       std::memcpy(dst, source, sizeof(VARIANT));
       *length = sizeof(VARIANT);
@@ -1293,8 +1300,7 @@ inline bool CopyStep(const CDataStore::BindingStep& step, const BYTE* row, BYTE*
     case Step::kVariant: {
       VARTYPE vt;
       std::memcpy(&vt, source, sizeof vt);
-      // A null or an error code is a status to the service, not a value.
-      if (!CRefCountedDataStoreRow::OwnsNothing(vt) || vt == VT_NULL || vt == VT_ERROR) return false;
+      if (!CopiedAsBytes(vt)) return false;
       std::memcpy(dst, source, sizeof(VARIANT));
       *length = sizeof(VARIANT);
       return true;

@@ -60,12 +60,10 @@ class CRefCountedDataStoreRow {
   // keep pointing at their text when the buffer has to grow.
   const void* StoreText(const void* bytes, size_t n, size_t terminator);
 
-  static bool OwnsNothing(VARTYPE vt) {
-    // EMPTY..DATE, ERROR, BOOL and I1..UINT: the types whose VARIANT is its bytes. The
-    // row's cells and every fetch ask this, so it is a bit test rather than a call.
-    constexpr uint32_t kPlain = 0x00FF0CFFu;
-    return vt < 32 && ((kPlain >> vt) & 1u) != 0;
-  }
+  // EMPTY..DATE, ERROR, BOOL and I1..UINT: the types whose VARIANT is its bytes, one bit
+  // a type. The row's cells and every fetch ask this, so it is a bit test, not a call.
+  static constexpr uint32_t kPlainTypes = 0x00FF0CFFu;
+  static bool OwnsNothing(VARTYPE vt) { return vt < 32 && ((kPlainTypes >> vt) & 1u) != 0; }
 
  private:
   friend class CDataStore;
