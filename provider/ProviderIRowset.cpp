@@ -104,13 +104,17 @@ inline CProviderIRowset::RowHandleTable::Slot* CProviderIRowset::RowHandleTable:
 
 void CProviderIRowset::RowHandleTable::Reserve(size_t more) {
   constexpr uint64_t kMaxSlots = 0xFFFFFFFFull;  // the low half of a handle is slot + 1
-  while (m_Free.size() + (m_Made - m_Used) < more) {
+  while (m_cFree + (m_Made - m_Used) < more) {
     uint64_t offset;
     const size_t k = BlockOf(m_Made, &offset);
     const uint64_t size = kFirstBlock << k;
     if (m_Made >= kMaxSlots) throw std::bad_alloc();
-    m_Free.reserve(static_cast<size_t>(std::min<uint64_t>(m_Made + size, kMaxSlots)));
-    m_Owned[k] = std::make_unique<Slot[]>(static_cast<size_t>(size));
+    // Both allocations first: a failure leaves the table as it was.
+    auto free = std::make_unique<HROW[]>(static_cast<size_t>(std::min<uint64_t>(m_Made + size, kMaxSlots)));
+    auto block = std::make_unique<Slot[]>(static_cast<size_t>(size));
+    if (m_cFree) std::memcpy(free.get(), m_Free.get(), m_cFree * sizeof(HROW));
+    m_Free = std::move(free);
+    m_Owned[k] = std::move(block);
     m_Blocks[k].store(m_Owned[k].get(), std::memory_order_release);
     m_Made = std::min<uint64_t>(m_Made + size, kMaxSlots);
   }
@@ -118,9 +122,8 @@ void CProviderIRowset::RowHandleTable::Reserve(size_t more) {
 
 inline HROW CProviderIRowset::RowHandleTable::Insert(CRefCountedDataStoreRow* row) {
   HROW handle;
-  if (!m_Free.empty()) {
-    handle = m_Free.back();
-    m_Free.pop_back();
+  if (m_cFree) {
+    handle = m_Free[--m_cFree];
   } else {
     handle = static_cast<HROW>(m_Used++) + 1;  // generation 0
   }
@@ -138,7 +141,7 @@ inline void CProviderIRowset::RowHandleTable::Erase(Slot* held) {
   held->handle.store(0, std::memory_order_relaxed);
   const uint32_t generation = static_cast<uint32_t>(handle >> 32) + 1;
   if (generation == 0) return;  // every handle of the slot was given: retired
-  m_Free.push_back((static_cast<HROW>(generation) << 32) | static_cast<uint32_t>(handle));  // within Reserve's room
+  m_Free[m_cFree++] = (static_cast<HROW>(generation) << 32) | static_cast<uint32_t>(handle);  // within Reserve's room
 }
 
 using corvane::platform::CriticalSectionLock;

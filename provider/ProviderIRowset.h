@@ -170,8 +170,9 @@ class CProviderIRowset : public IRowset,
     // The free slots, newest last, each as the next handle it gives. An array rather
     // than a list through the slots: a fetch of a thousand rows would otherwise wait for
     // each slot's line in turn; and it holds the handle, so that Insert only writes the
-    // slot. Its room is every slot made, so that Erase never allocates.
-    std::vector<HROW> m_Free;
+    // slot. Its room is every slot made, so that Erase never allocates or checks.
+    std::unique_ptr<HROW[]> m_Free;
+    size_t m_cFree = 0;
   };
   struct Accessor {
     // 0 once released: the object is kept for the next accessor, never freed while a

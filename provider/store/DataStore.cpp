@@ -1089,11 +1089,11 @@ HRESULT CDataStore::FillDirect(CRecordBatch& batch, size_t first, CRefCountedDat
         for (size_t k = 0; k < n; ++k, source += step.stride) std::memcpy(rows[k]->Buffer() + step.cell, source, 4);
         break;
       case CRecordBatch::Field::kVariant:
-        for (size_t k = 0; k < n; ++k, source += step.stride) {
-          BYTE* cell = rows[k]->Buffer() + step.cell;
-          VARTYPE vt;
-          std::memcpy(&vt, source, sizeof vt);
-          if (step.kind == FillStep::kVariant) {
+        if (step.kind == FillStep::kVariant) {
+          for (size_t k = 0; k < n; ++k, source += step.stride) {
+            BYTE* cell = rows[k]->Buffer() + step.cell;
+            VARTYPE vt;
+            std::memcpy(&vt, source, sizeof vt);
             // As FillUsual: a VARIANT that owns nothing, over a cell that owns nothing.
             VARTYPE old;
             std::memcpy(&old, cell, sizeof old);
@@ -1101,8 +1101,13 @@ HRESULT CDataStore::FillDirect(CRecordBatch& batch, size_t first, CRefCountedDat
               std::memcpy(cell, source, sizeof(VARIANT));
             else
               failed |= uint64_t{1} << k;
-            continue;
           }
+          break;
+        }
+        for (size_t k = 0; k < n; ++k, source += step.stride) {
+          BYTE* cell = rows[k]->Buffer() + step.cell;
+          VARTYPE vt;
+          std::memcpy(&vt, source, sizeof vt);
           if (vt != step.vt) {
             failed |= uint64_t{1} << k;
             continue;
@@ -1254,11 +1259,21 @@ inline void CopyText(BYTE* dst, const void* source, size_t n) {
     std::memcpy(dst + at, &head, w);
     std::memcpy(dst + at + count - w, &tail, w);
   };
+  struct Chunk {
+    uint64_t half[2];
+  };
   if (n > 32) {
-    std::memcpy(dst, src, n);
+    // 16 bytes at a time, the last chunk overlapping the one before: no call, so that
+    // the fetch's copy saves no registers for it.
+    size_t at = 0;
+    for (; at + 16 < n; at += 16) {
+      Chunk c;
+      std::memcpy(&c, src + at, sizeof c);
+      std::memcpy(dst + at, &c, sizeof c);
+    }
+    ends(Chunk{}, n - 16, 16);
   } else if (n > 16) {
-    ends(uint64_t{}, 0, 16);
-    ends(uint64_t{}, n - 16, 16);
+    ends(Chunk{}, 0, n);
   } else if (n >= 8) {
     ends(uint64_t{}, 0, n);
   } else if (n >= 4) {

@@ -180,11 +180,14 @@ class CRefCountedDataStoreRow::BatchRelease {
 
   void Add(CRefCountedDataStoreRow* row) {
     if (!row->LastReference() && row->m_cRef.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
-    if (m_Count == kPortion || (m_Count && m_Rows[0]->m_pPool != row->m_pPool)) Flush();
+    if (m_Count == kPortion || row->m_pPool != m_pPool) {
+      Flush();
+      m_pPool = row->m_pPool;
+    }
     m_Rows[m_Count++] = row;
   }
   void Flush() {
-    if (m_Count) m_Rows[0]->m_pPool->GiveBackMany(m_Rows, m_Count);
+    if (m_Count) m_pPool->GiveBackMany(m_Rows, m_Count);
     m_Count = 0;
   }
 
@@ -192,6 +195,7 @@ class CRefCountedDataStoreRow::BatchRelease {
   static constexpr size_t kPortion = 256;
   CRefCountedDataStoreRow* m_Rows[kPortion];
   size_t m_Count = 0;
+  Pool* m_pPool = nullptr;  // the pool of the rows held
 };
 
 // The cells right after the row keep the alignment of every cell type (VARIANT's 8).
