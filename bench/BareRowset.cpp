@@ -1,5 +1,6 @@
 #include "bench/BareRowset.h"
 
+#include <chrono>
 #include <cstring>
 #include <vector>
 
@@ -151,31 +152,23 @@ size_t ReadBareRowset(IRawDataProvider* raw, ULONGLONG first, ULONGLONG last, do
   using corvane::e2e::ConsumerRow;
   DBBINDING bindings[4];
   corvane::e2e::RowBindings(corvane::e2e::ValueAs::kVariant, bindings);
-  constexpr DBROWCOUNT kBatch = corvane::e2e::SelectConsumer::kBatch;
-  std::vector<ConsumerRow> rows(kBatch);
-  std::memset(static_cast<void*>(rows.data()), 0, rows.size() * sizeof(ConsumerRow));
-  std::vector<HRESULT> results(kBatch);
-  std::vector<HROW> handles(kBatch);
-  size_t fetched = 0;
   IRowset* rowset = new CBareRowset(raw, first, last, bindings, 4);
-  HRESULT hr = S_OK;
-  while (hr == S_OK) {
-    DBCOUNTITEM obtained = 0;
-    HROW* handleArray = handles.data();
-    hr = rowset->GetNextRows(DB_NULL_HCHAPTER, 0, kBatch, &obtained, &handleArray);
-    if (FAILED(hr)) break;
-    for (DBCOUNTITEM i = 0; i < obtained; ++i) results[i] = rowset->GetData(handles[i], 0, &rows[i]);
-    for (DBCOUNTITEM i = 0; i < obtained; ++i) {
-      if (results[i] != S_OK) hr = results[i];
-      *checksum += V_R8(&rows[i].value) + rows[i].quality + rows[i].timestamp.second + rows[i].tag[0];
-    }
-    for (DBCOUNTITEM i = 0; i < obtained; ++i) VariantClear(&rows[i].value);
-    rowset->ReleaseRows(obtained, handles.data(), nullptr, nullptr, nullptr);
-    fetched += obtained;
-    if (obtained == 0) break;
-  }
+  corvane::e2e::FetchStats stats;
+  bool ok = true;
+  // The accessor handle is not looked at: the bindings were given to the rowset.
+  const HRESULT hr = corvane::e2e::ReadRowset(
+      rowset, DB_NULL_HACCESSOR, corvane::e2e::SelectConsumer::kBatch, std::chrono::steady_clock::now(), &stats,
+      [&](const ConsumerRow* rows, const HRESULT* results, size_t count) {
+        for (size_t i = 0; i < count; ++i) {
+          if (results[i] != S_OK) return ok = false;
+          const ConsumerRow& r = rows[i];
+          *checksum += V_R8(&r.value) + r.quality + r.timestamp.second + r.tag[0];
+        }
+        return true;
+      },
+      nullptr);
   rowset->Release();
-  return FAILED(hr) ? 0 : fetched;
+  return FAILED(hr) || !ok ? 0 : stats.rows;
 }
 
 }  // namespace corvane::bench

@@ -12,8 +12,9 @@
 namespace corvane::bench {
 
 // Reads [first, last] of the e2e series' tag through the bare rowset with the bindings
-// of corvane::e2e::RowBindings(kVariant), in GetNextRows batches of SelectConsumer's
-// size, GetData per row, the consumer's checksum and VariantClear, then ReleaseRows.
+// of corvane::e2e::RowBindings(kVariant), by corvane::e2e::ReadRowset, the loop that reads
+// the provider's rowsets: batches of SelectConsumer's size, GetData per row through the
+// rowset's interface, the consumer's checksum and VariantClear, then ReleaseRows.
 // Returns the rows read, 0 when a call failed.
 size_t ReadBareRowset(IRawDataProvider* raw, ULONGLONG first, ULONGLONG last, double* checksum);
 

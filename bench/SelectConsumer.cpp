@@ -247,17 +247,48 @@ HRESULT SelectConsumer::UseTimeRange(ULONGLONG first, ULONGLONG last) {
   return Run(text.c_str());
 }
 
-HRESULT SelectConsumer::Select(
-    const OLECHAR* text, FetchStats* stats,
-    const std::function<bool(const ConsumerRow* rows, const HRESULT* results, size_t count)>& onBatch,
-    const std::function<void()>& afterFirstFetch) {
+HRESULT SelectConsumer::Select(const OLECHAR* text, FetchStats* stats, const BatchHandler& onBatch,
+                               const std::function<void()>& afterFirstFetch) {
   return Select(text, SelectOptions(), stats, onBatch, afterFirstFetch);
 }
 
-HRESULT SelectConsumer::Select(
-    const OLECHAR* text, const SelectOptions& options, FetchStats* stats,
-    const std::function<bool(const ConsumerRow* rows, const HRESULT* results, size_t count)>& onBatch,
-    const std::function<void()>& afterFirstFetch) {
+HRESULT ReadRowset(IRowset* rowset, HACCESSOR accessor, DBROWCOUNT batch, Clock::time_point start, FetchStats* out,
+                   const BatchHandler& onBatch, const std::function<void()>& afterFirstFetch) {
+  if (batch <= 0) return E_INVALIDARG;
+  std::vector<ConsumerRow> rows(static_cast<size_t>(batch));
+  std::memset(static_cast<void*>(rows.data()), 0, rows.size() * sizeof(ConsumerRow));
+  std::vector<HRESULT> results(static_cast<size_t>(batch));
+  std::vector<HROW> handles(static_cast<size_t>(batch));
+  HRESULT hr = S_OK;
+  bool more = true;
+  while (more) {
+    DBCOUNTITEM obtained = 0;
+    HROW* handleArray = handles.data();
+    hr = rowset->GetNextRows(DB_NULL_HCHAPTER, 0, batch, &obtained, &handleArray);
+    if (FAILED(hr)) break;
+    if (obtained && out->rows == 0) {
+      out->secondsToFirstRows = std::chrono::duration<double>(Clock::now() - start).count();
+      if (afterFirstFetch) afterFirstFetch();
+    }
+    for (DBCOUNTITEM i = 0; i < obtained; ++i) {
+      results[i] = rowset->GetData(handles[i], accessor, &rows[i]);
+      if (out->rows == 0 && i == 0) out->secondsToFirstRow = std::chrono::duration<double>(Clock::now() - start).count();
+    }
+    more = onBatch(rows.data(), results.data(), obtained) && hr == S_OK && obtained > 0;
+    for (DBCOUNTITEM i = 0; i < obtained; ++i) VariantClear(&rows[i].value);
+    const HRESULT released = rowset->ReleaseRows(obtained, handles.data(), nullptr, nullptr, nullptr);
+    out->rows += obtained;
+    ++out->batches;
+    if (FAILED(released)) {
+      hr = released;
+      break;
+    }
+  }
+  return hr == DB_S_ENDOFROWSET ? S_OK : hr;
+}
+
+HRESULT SelectConsumer::Select(const OLECHAR* text, const SelectOptions& options, FetchStats* stats,
+                               const BatchHandler& onBatch, const std::function<void()>& afterFirstFetch) {
   FetchStats local;
   FetchStats& out = stats ? *stats : local;
   out = FetchStats();
@@ -276,35 +307,7 @@ HRESULT SelectConsumer::Select(
   HACCESSOR accessorHandle = DB_NULL_HACCESSOR;
   hr = accessor->CreateAccessor(DBACCESSOR_ROWDATA, 4, bindings, sizeof(ConsumerRow), &accessorHandle, nullptr);
   if (SUCCEEDED(hr)) {
-    std::vector<ConsumerRow> rows(kBatch);
-    std::memset(rows.data(), 0, rows.size() * sizeof(ConsumerRow));
-    std::vector<HRESULT> results(kBatch);
-    HROW handles[kBatch];
-    bool more = true;
-    while (more) {
-      DBCOUNTITEM obtained = 0;
-      HROW* handleArray = handles;
-      hr = rowset->GetNextRows(DB_NULL_HCHAPTER, 0, kBatch, &obtained, &handleArray);
-      if (FAILED(hr)) break;
-      if (obtained && out.rows == 0) {
-        out.secondsToFirstRows = std::chrono::duration<double>(Clock::now() - start).count();
-        if (afterFirstFetch) afterFirstFetch();
-      }
-      for (DBCOUNTITEM i = 0; i < obtained; ++i) {
-        results[i] = rowset->GetData(handles[i], accessorHandle, &rows[i]);
-        if (out.rows == 0 && i == 0) out.secondsToFirstRow = std::chrono::duration<double>(Clock::now() - start).count();
-      }
-      more = onBatch(rows.data(), results.data(), obtained) && hr == S_OK && obtained > 0;
-      for (DBCOUNTITEM i = 0; i < obtained; ++i) VariantClear(&rows[i].value);
-      const HRESULT released = rowset->ReleaseRows(obtained, handles, nullptr, nullptr, nullptr);
-      out.rows += obtained;
-      ++out.batches;
-      if (FAILED(released)) {
-        hr = released;
-        break;
-      }
-    }
-    if (hr == DB_S_ENDOFROWSET) hr = S_OK;
+    hr = ReadRowset(rowset, accessorHandle, kBatch, start, &out, onBatch, afterFirstFetch);
     accessor->ReleaseAccessor(accessorHandle, nullptr);
   }
   accessor->Release();

@@ -77,6 +77,20 @@ struct FetchStats {
   double seconds = 0;             // from Execute to the end of the rowset, released
 };
 
+// What a consumer does with each batch of rows read by GetData (with the HRESULT of
+// each GetData call in `results`); false stops the read.
+using BatchHandler = std::function<bool(const ConsumerRow* rows, const HRESULT* results, size_t count)>;
+
+// The consumer's loop over an open rowset: GetNextRows in batches of `batch` rows,
+// GetData of each row through `accessor`, `onBatch`, VariantClear of VALUE, ReleaseRows.
+// The provider's rowsets and the bare rowset of the floor are read by this one loop, in
+// its own translation unit: both are measured through the same calls, made through the
+// interface as an application makes them, never inlined into the loop. `start` is when
+// the statement was executed; `afterFirstFetch` runs right after the first GetNextRows
+// that returned rows.
+HRESULT ReadRowset(IRowset* rowset, HACCESSOR accessor, DBROWCOUNT batch, std::chrono::steady_clock::time_point start,
+                   FetchStats* out, const BatchHandler& onBatch, const std::function<void()>& afterFirstFetch);
+
 class SelectConsumer {
  public:
   static constexpr DBROWCOUNT kBatch = 1000;
@@ -106,12 +120,10 @@ class SelectConsumer {
   // the first GetNextRows that returned rows, before any GetData; `onBatch` sees each
   // batch of rows read by GetData (with the HRESULT of each GetData call in `results`)
   // and may stop the read by returning false. VALUE variants are cleared after it.
-  HRESULT Select(const OLECHAR* text, FetchStats* stats,
-                 const std::function<bool(const ConsumerRow* rows, const HRESULT* results, size_t count)>& onBatch,
+  HRESULT Select(const OLECHAR* text, FetchStats* stats, const BatchHandler& onBatch,
                  const std::function<void()>& afterFirstFetch = nullptr);
   // The same with parameters and another binding of VALUE.
-  HRESULT Select(const OLECHAR* text, const SelectOptions& options, FetchStats* stats,
-                 const std::function<bool(const ConsumerRow* rows, const HRESULT* results, size_t count)>& onBatch,
+  HRESULT Select(const OLECHAR* text, const SelectOptions& options, FetchStats* stats, const BatchHandler& onBatch,
                  const std::function<void()>& afterFirstFetch = nullptr);
 
  private:

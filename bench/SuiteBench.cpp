@@ -160,7 +160,7 @@ Rate MeasureRate(int runs, size_t expected, const std::function<size_t()>& read)
 
 void PrintRate(const char* label, const Rate& rate) {
   if (rate.error.empty())
-    std::printf("  %-44s %10.0f rows/s  %7.0f ns CPU/row\n", label, rate.rowsPerSecond, rate.cpuNsPerRow);
+    std::printf("  %-44s %10.0f rows/s  %7.1f ns CPU/row\n", label, rate.rowsPerSecond, rate.cpuNsPerRow);
   else
     std::printf("  %-44s failed: %s\n", label, rate.error.c_str());
 }
@@ -175,11 +175,11 @@ void AgainstFloor(const char* label, const Rate& rate, const Rate& floor, double
   const double ratio = rate.rowsPerSecond / floor.rowsPerSecond;
   const double cpu = rate.cpuNsPerRow / floor.cpuNsPerRow;
   const bool cpuJudged = share >= 0.5;
-  std::printf("  %s / bare rowset %.2f (target >= %.2f); CPU per row %.0f ns = %.2f x the floor's %.0f ns%s\n",
+  std::printf("  %s / bare rowset %.2f (target >= %.2f); CPU per row %.1f ns = %.2f x the floor's %.1f ns%s\n",
               label + 2, ratio, share, rate.cpuNsPerRow, cpu, floor.cpuNsPerRow, cpuJudged ? " (target <= 2.00)" : "");
   const bool met = ratio >= share && (!cpuJudged || cpu <= 2.0);
-  g_summary.push_back({label, RateText(rate.rowsPerSecond) + Text(", %.0f ns CPU", rate.cpuNsPerRow),
-                       "bare " + RateText(floor.rowsPerSecond) + Text(", %.0f ns", floor.cpuNsPerRow),
+  g_summary.push_back({label, RateText(rate.rowsPerSecond) + Text(", %.1f ns CPU", rate.cpuNsPerRow),
+                       "bare " + RateText(floor.rowsPerSecond) + Text(", %.1f ns", floor.cpuNsPerRow),
                        Text("%.2f", ratio) + Text(" / %.2fx", cpu),
                        Text(">= %.2f x bare", share) + (cpuJudged ? ", CPU <= 2x" : ""), met ? "MET" : "NOT MET"});
 }
