@@ -1229,6 +1229,39 @@ TEST_F(CellCopies, StoreAndConversionServiceAgree) {
 
 // Timestamp cells of samples in and out of time order, across midnight, leap days and
 // years, keep the calendar and the milliseconds FileTimeToSystemTime gives.
+// The lock-free copy tells a row whose bound columns all hold values by one compare of
+// their status bytes: a null in any of them, and only there, must still read as a null.
+TEST_F(CellCopies, PlannedCopiesTellEachNullFromAValue) {
+  CDataStore store;
+  ASSERT_EQ(S_OK, store.Initialize(nullptr, RawDataColumns()));
+  for (int row = 0; row < 5; ++row) {
+    ProducedRecord record = RawRecord(static_cast<ULONGLONG>(row));
+    if (row > 0) record[static_cast<size_t>(row - 1)] = StoreValue();  // row r: column r null
+    ASSERT_EQ(S_OK, store.AppendRecord(record));
+  }
+  auto rows = TakeRows(store, 5);
+  ASSERT_EQ(5u, rows.size());
+  const DBBINDING b[] = {Binding(1, DBTYPE_WSTR, 0, 64), Binding(2, DBTYPE_DBTIMESTAMP, 80, 16),
+                         Binding(3, DBTYPE_UI4, 112, 4), Binding(4, DBTYPE_VARIANT, 128, 24)};
+  const std::vector<CDataStore::BindingStep> plan = store.PlanBindings(b, 4);
+  for (size_t row = 0; row < rows.size(); ++row) {
+    alignas(8) BYTE buffer[192];
+    std::memset(buffer, 0xCD, sizeof buffer);
+    ASSERT_TRUE(store.CopyPlanned(b, 4, plan.data(), rows[row], buffer)) << row;
+    for (size_t k = 0; k < 4; ++k) {
+      const bool null = row == k + 1;
+      EXPECT_EQ(static_cast<DBSTATUS>(null ? DBSTATUS_S_ISNULL : DBSTATUS_S_OK), StatusAt(buffer, b[k])) << row << k;
+      if (null) {
+        EXPECT_EQ(0u, ReadAt<DBLENGTH>(buffer, b[k].obLength)) << row << k;
+      }
+    }
+    if (row != 4) {
+      EXPECT_DOUBLE_EQ(static_cast<double>(row), V_R8(reinterpret_cast<VARIANT*>(buffer + 128)));
+    }
+  }
+  ReleaseAll(rows);
+}
+
 TEST_F(CellCopies, TimestampsFollowTheCalendarInAnyOrder) {
   constexpr ULONGLONG kSecond = 10000000ull;
   constexpr ULONGLONG kDay = 86400 * kSecond;
